@@ -1,0 +1,29 @@
+# Language level, warnings, sanitizers and the compiler cache, for every target of the tree.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+
+option(OMBRA_TESTS "Build the tests" ON)
+option(OMBRA_BENCH "Build the benchmarks" ON)
+option(OMBRA_FUZZ "Build the fuzzers (clang only)" OFF)
+set(OMBRA_SANITIZE "" CACHE STRING "Sanitizers to compile with, as -fsanitize= takes them")
+
+find_program(OMBRA_CCACHE ccache)
+if(OMBRA_CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${OMBRA_CCACHE})
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual=1 -Wcast-qual -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # A lock that is not held where the annotations ask for it is a compile error.
+  add_compile_options(-Wthread-safety -Wno-unknown-warning-option)
+endif()
+add_compile_definitions(_FILE_OFFSET_BITS=64)
+
+if(OMBRA_SANITIZE)
+  add_compile_options(-fsanitize=${OMBRA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${OMBRA_SANITIZE})
+endif()

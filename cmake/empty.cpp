@@ -1,0 +1,1 @@
+// Gives a library target a source before its folder has one.

@@ -1,0 +1,38 @@
+#include "platform/foundation/NSCondition.h"
+
+#include <chrono>
+
+namespace ombra {
+
+void NSCondition::wait() {
+  std::unique_lock<std::mutex> adopted(iMutex, std::adopt_lock);
+  iCondition.wait(adopted);
+  (void)adopted.release();
+}
+
+bool NSCondition::waitUntilDate(NSDate limit) {
+  Clock& clock = Clock::current();
+  const int64_t left = limit.nanosecondsSince1970() - clock.now().nanosecondsSince1970();
+  if (left <= 0) return false;
+  std::unique_lock<std::mutex> adopted(iMutex, std::adopt_lock);
+  bool woken = true;
+  if (clock.isManual()) {
+    clock.willWait(*this);
+    iCondition.wait(adopted);
+    clock.didWait(*this);
+    woken = clock.now() < limit;
+  } else {
+    woken = iCondition.wait_for(adopted, std::chrono::nanoseconds(left)) == std::cv_status::no_timeout;
+  }
+  (void)adopted.release();
+  return woken;
+}
+
+void NSCondition::clockMoved() {
+  // Taking the lock once makes sure that a waiter which has read the old time already sleeps.
+  lock();
+  unlock();
+  broadcast();
+}
+
+}  // namespace ombra

@@ -1,0 +1,68 @@
+// An open local file.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/Mutex.h"
+
+namespace ombra {
+
+// A half-open range of a file, [begin, end), in bytes.
+struct FileExtent {
+  uint64_t begin = 0;
+  uint64_t end = 0;
+  bool operator==(const FileExtent&) const = default;
+};
+
+// Owns a descriptor and closes it when destroyed. A handle over a scratch file is never flushed to disk (nothing
+// of it outlives the process) and records which extents were written since they were last confirmed as sent.
+// Positioned reads and writes may come from several threads; the extents have a leaf lock of their own.
+class NSFileHandle {
+ public:
+  enum class Kind { kFile, kScratch };
+
+  // Takes over `descriptor` (must be >= 0).
+  explicit NSFileHandle(int descriptor, Kind kind = Kind::kFile);
+  ~NSFileHandle();
+  NSFileHandle(const NSFileHandle&) = delete;
+  NSFileHandle& operator=(const NSFileHandle&) = delete;
+
+  int fileDescriptor() const { return iDescriptor; }
+  bool isScratch() const { return iKind == Kind::kScratch; }
+
+  // fsync; nothing for a scratch handle. Errors are ignored, as the interface has none.
+  void synchronizeFile();
+  // Moves the position to the end and answers it: the file's length in bytes.
+  uint64_t seekToEndOfFile();
+  // The file's length in bytes without moving the position.
+  uint64_t fileLength() const;
+
+  // Writes all of `bytes` at `offset`. False with errno set when the system refused part of it.
+  [[nodiscard]] bool writeAll(const void* bytes, size_t length, uint64_t offset);
+  // Reads up to `length` bytes at `offset`, over short reads. The count, or -1 with errno set.
+  [[nodiscard]] ssize_t readAt(void* bytes, size_t length, uint64_t offset) const;
+
+  // Scratch extents: what was written locally and not yet confirmed by the server.
+  void noteWritten(FileExtent extent) EXCLUDES(iExtentLock);
+  // The file now ends at `length`: extents beyond it are cut off.
+  void noteTruncated(uint64_t length) EXCLUDES(iExtentLock);
+  // The sorted, disjoint unconfirmed extents that overlap [from, end of file), cut to begin at `from`.
+  std::vector<FileExtent> unconfirmedExtents(uint64_t from) const EXCLUDES(iExtentLock);
+  // The server has these bytes now.
+  void noteConfirmed(FileExtent extent) EXCLUDES(iExtentLock);
+
+ private:
+  const int iDescriptor;
+  const Kind iKind;
+  mutable Mutex iExtentLock;
+  std::vector<FileExtent> iUnconfirmed GUARDED_BY(iExtentLock);
+};
+
+}  // namespace ombra

@@ -1,0 +1,138 @@
+// What a file system answers to GMUserFileSystem.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/FileAttributes.h"
+#include "platform/foundation/NSError.h"
+
+namespace ombra {
+
+// What a delegate keeps per open file; the framework holds it from open to release and hands it back.
+class GMOpenFile {
+ public:
+  virtual ~GMOpenFile() = default;
+};
+using GMUserData = std::shared_ptr<GMOpenFile>;
+
+// A path below the volume's root, or none. Paths are absolute ("/" is the root) and valid during the call only.
+using OptionalPath = std::optional<std::string_view>;
+
+// The required operations. Called on several threads at once; each may block for as long as a server takes.
+// Failure: false, absent or -1, with an error of NSPOSIXErrorDomain in the slot whose code is one of
+// InterfaceErrno; the slot may be null. A failure without an error counts as EIO.
+class GMUserFileSystemDelegate {
+ public:
+  virtual ~GMUserFileSystemDelegate() = default;
+
+  // Just before the volume is mounted; cannot refuse.
+  virtual void willMount() = 0;
+
+  // The names of a folder's entries in canonical decomposed form.
+  virtual std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(OptionalPath path, NSErrorRef* error) = 0;
+  virtual std::optional<NSFileAttributes> attributesOfItemAtPath(OptionalPath path, const GMUserData& userData,
+                                                                 NSErrorRef* error) = 0;
+  virtual std::optional<NSFileAttributes> attributesOfFileSystemForPath(OptionalPath path, NSErrorRef* error) = 0;
+  virtual bool setAttributes(const NSFileAttributes& attributes, OptionalPath ofItemAtPath, const GMUserData& userData,
+                             NSErrorRef* error) = 0;
+
+  virtual bool createDirectoryAtPath(OptionalPath path, const NSFileAttributes& attributes, NSErrorRef* error) = 0;
+  virtual bool createFileAtPath(OptionalPath path, const NSFileAttributes& attributes, GMUserData* userData,
+                                NSErrorRef* error) = 0;
+  virtual bool createSymbolicLinkAtPath(OptionalPath path, OptionalPath withDestinationPath, NSErrorRef* error) = 0;
+  virtual std::optional<std::string> destinationOfSymbolicLinkAtPath(OptionalPath path, NSErrorRef* error) = 0;
+  virtual bool moveItemAtPath(OptionalPath path, OptionalPath toPath, NSErrorRef* error) = 0;
+  virtual bool removeItemAtPath(OptionalPath path, NSErrorRef* error) = 0;
+
+  // `mode` holds InterfaceOpenFlags.
+  virtual bool openFileAtPath(OptionalPath path, int mode, GMUserData* userData, NSErrorRef* error) = 0;
+  virtual int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size, int64_t offset,
+                             NSErrorRef* error) = 0;
+  virtual int writeFileAtPath(OptionalPath path, const GMUserData& userData, const void* buffer, size_t size,
+                              int64_t offset, NSErrorRef* error) = 0;
+  virtual bool truncateFileAtPath(OptionalPath path, const GMUserData& userData, int64_t offset, NSErrorRef* error) = 0;
+  // May raise KCException: what the last upload failed of.
+  virtual void releaseFileAtPath(OptionalPath path, const GMUserData& userData) = 0;
+
+  virtual std::optional<std::vector<std::string>> extendedAttributesOfItemAtPath(OptionalPath path,
+                                                                                 NSErrorRef* error) = 0;
+  virtual std::optional<NSData> valueOfExtendedAttribute(std::string_view name, OptionalPath ofItemAtPath,
+                                                         int64_t position, NSErrorRef* error) = 0;
+  // `options` holds InterfaceXattrOptions. There is no removal: the framework answers it as not supported.
+  virtual bool setExtendedAttribute(std::string_view name, OptionalPath ofItemAtPath, const NSData& value,
+                                    int64_t position, int options, NSErrorRef* error) = 0;
+};
+
+// How far the content of an open file has come.
+enum class GMContentState {
+  kArriving,  // a download runs: what is missing will come
+  kFailed,    // the download ended before the end of the file
+  kComplete,  // the local copy is the file
+};
+
+// Told by `drainAll` for each file whose content could not be stored.
+struct GMUndelivered {
+  std::string path;        // below the volume's root
+  std::string savedAs;     // the local path of the saved copy; empty when even that failed
+  NSErrorRef error;        // why the server has not got it
+};
+
+// What programs on this system rely on beyond the required operations. Optional: a file system may implement it
+// beside GMUserFileSystemDelegate, and the framework then uses it. Same rules for errors and threads.
+class GMUserFileSystemDurability {
+ public:
+  virtual ~GMUserFileSystemDurability() = default;
+
+  // Makes sure that the server has the file as a whole; waits without a limit of its own. For fsync, for the close
+  // of a written handle, and before a release. Nothing to do is success.
+  virtual bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) = 0;
+  // For a read that ended before the promised size.
+  virtual GMContentState contentStateOfFile(const GMUserData& userData) = 0;
+  // Waits until the state of an arriving file changes, or more of it has arrived than `seen` bytes.
+  virtual void waitForContent(const GMUserData& userData, uint64_t seen) = 0;
+  // Mode and dates of an item without fetching its content.
+  virtual bool changeAttributesWithoutContent(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,
+                                              NSErrorRef* error) = 0;
+  // Gives the cache copy of a just opened file the mode and dates of its node, so that a write does not turn them
+  // into those of a scratch file.
+  virtual void seedCacheAttributesAtPath(OptionalPath path, const GMUserData& userData) = 0;
+  // The file is about to be removed: it goes on serving its handles from the cache and uploads nothing more.
+  virtual void abandonFile(const GMUserData& userData) = 0;
+  // The open-file object of a path, if it has been prepared; null otherwise. Asks no server.
+  virtual GMUserData openFileAtPathIfAny(OptionalPath path) = 0;
+  // Before a move: what is being sent of the source reaches the server.
+  virtual bool settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* error) = 0;
+  // After a move: open files below a moved folder learn their new paths.
+  virtual void movedItemAtPath(OptionalPath path, OptionalPath toPath) = 0;
+  // The entries of a folder byte for byte as the server lists them; each form of a name that is listed twice comes
+  // once. As contentsOfDirectoryAtPath otherwise.
+  virtual std::optional<std::vector<std::string>> namesAsListedAtPath(OptionalPath path, NSErrorRef* error) = 0;
+  // `path` with each component replaced by the listed name that it matches in another Unicode form.
+  virtual std::string listedPathForPath(std::string_view path) = 0;
+  // The next open fetches the content again when the last download failed.
+  virtual void forgetFailedContentAtPath(OptionalPath path) = 0;
+  // Drops settled, covered cache copies without handles, oldest first, until the budget is kept.
+  virtual void trimCache() = 0;
+  // Ends running downloads and sends everything that is written; saves what cannot be sent. For unmount.
+  virtual std::vector<GMUndelivered> drainAll() = 0;
+  // The server is gone or the user does not want to wait: running calls of the connection library fail soon.
+  virtual void giveUpConnections() = 0;
+};
+
+// What the file system tells the framework on its own: what changed without a request of the kernel's.
+class GMUserFileSystemInvalidation {
+ public:
+  virtual ~GMUserFileSystemInvalidation() = default;
+  // The folder's entries and the attributes of what they name are asked for again. Any thread; never blocks.
+  virtual void invalidateDirectoryAtPath(std::string_view path) = 0;
+  // The attributes, and with `data` the cached pages, of one item.
+  virtual void invalidateItemAtPath(std::string_view path, bool data) = 0;
+};
+
+}  // namespace ombra

@@ -1,0 +1,143 @@
+// What a protocol engine gives the pool: sessions, and facts about its protocol.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/FileAttributes.h"
+#include "platform/foundation/NSError.h"
+#include "platform/foundation/NSFileHandle.h"
+#include "remote/KCCredentials.h"
+#include "remote/KCTypes.h"
+
+namespace ombra {
+
+// Where a link leads, told with the listing so that it need not be asked for one by one.
+struct LinkResolution {
+  bool resolved = false;      // false: the way there is a circle or too long
+  std::string resolvedPath;   // in normal form; the final target where the server tells it at once
+  bool isDirectory = false;
+  bool exists = false;
+  std::optional<NSFileAttributes> attributes;  // of the target, when it exists
+};
+
+// One entry of a listed folder.
+struct RemoteEntry {
+  std::string name;  // the server's bytes; the pool drops ".", ".." and names with "/" or NUL
+  uint32_t type = kNodeTypeFile;
+  NSFileAttributes attributes;
+  std::optional<std::string> targetPath;      // of a link
+  std::optional<LinkResolution> resolution;   // of a link, when the engine fetched it with the listing
+};
+
+// A transfer as an engine sees it.
+class TransferControl {
+ public:
+  virtual ~TransferControl() = default;
+  // The file length reached on the receiving side, in bytes. May call out; engines hold no lock then. Called for
+  // each piece; the pool thins it out to the agreed rate.
+  virtual void progress(uint64_t bytesReached) = 0;
+  // True when the transfer is to stop: the engine ends it and answers kQuarnKitCancelled.
+  virtual bool shouldCancel() const = 0;
+};
+
+// One line or more of the conversation for the transcript; secrets masked, no file contents. Thread-safe.
+class SessionTranscript {
+ public:
+  virtual ~SessionTranscript() = default;
+  // False when nobody keeps a transcript: then do not spend time on making lines.
+  virtual bool isEnabled() const = 0;
+  virtual void append(std::string_view text, bool isOutgoing) = 0;
+};
+
+// What the engine needs from its surroundings while it logs in and works.
+struct SessionEnvironment {
+  std::shared_ptr<const KCCredentials> credentials;
+  std::shared_ptr<SessionTranscript> transcript;  // never null
+  // Asked with the fingerprint ("SHA256:…") of the server's key during login, after the check against the
+  // credentials' "fingerprint", which the engine makes itself and which decides alone when it is given.
+  std::function<bool(const std::string& fingerprint)> isWorthyTrust;
+  std::chrono::milliseconds connectLimit{15000};  // for the whole of a login
+  std::chrono::milliseconds idleLimit{30000};     // no byte in either direction for so long: lost
+};
+
+// One socket with its login. One thread at a time, except `interrupt`. Each operation is one attempt: what may be
+// repeated is repeated by the pool, on a fresh session, when the error is kQuarnKitConnectionLost or
+// kQuarnKitTimedOut, after which this session is not used again. Paths are absolute and in the server's bytes.
+// Errors are library errors with the server's own words beneath or in the description.
+class Session {
+ public:
+  virtual ~Session() = default;
+
+  [[nodiscard]] virtual bool logIn(NSErrorRef* error) = 0;
+  // The folder that the login landed in, in normal form. Valid after logIn.
+  virtual std::string loginPath() const = 0;
+  // A cheap look, without waiting, whether the connection still stands; for an idle session before reuse.
+  virtual bool isAlive() = 0;
+  // Makes the running operation, and every later one, fail soon with kQuarnKitConnectionLost. Any thread.
+  virtual void interrupt() = 0;
+  // The session goes back to the idle ones: let go of what is held between calls (open remote handles).
+  virtual void becameIdle() {}
+
+  // The absolute normal form of a path that may be relative to `base`, or begin with "~"; a folder or a file.
+  virtual std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
+                                              NSErrorRef* error) = 0;
+  // As AbstractConnection::resolvePath, in as few round trips as the protocol needs.
+  virtual std::optional<LinkResolution> resolveLink(std::string_view path, NSErrorRef* error) = 0;
+  virtual std::optional<NSFileAttributes> attributes(std::string_view path, bool* isDirectory, NSErrorRef* error) = 0;
+  virtual std::optional<NSFileAttributes> fileSystemAttributes(std::string_view path, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) = 0;
+
+  [[nodiscard]] virtual bool createFolder(std::string_view path, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool createSymbolicLink(std::string_view path, std::string_view target, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool move(std::string_view from, bool isDirectory, std::string_view to, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool remove(std::string_view path, bool isDirectory, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool changeAttributes(const NSFileAttributes& attributes, std::string_view path,
+                                              NSErrorRef* error) = 0;
+
+  // Writes the content from `offset` on to the handle at the same offset, in order. `version` (may be null) is
+  // empty at first and then holds what the engine knows of the file's identity (tag, date, size): a later call
+  // that resumes passes it again and fails with kQuarnKitItemChanged when the file is another one by then.
+  [[nodiscard]] virtual bool download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
+                                      TransferControl& control, NSErrorRef* error) = 0;
+  // Sends [offset, end) of the handle in place; from offset 0 the remote file is replaced and ends as long as the
+  // handle's file. Of a scratch handle with an offset > 0 only the unconfirmed extents are sent, and confirmed.
+  [[nodiscard]] virtual bool upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
+                                    NSErrorRef* error) = 0;
+  // Sends what `next` gives (bytes into the buffer, capacity; 0 ends) as the whole new content.
+  [[nodiscard]] virtual bool stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
+                                    TransferControl& control, NSErrorRef* error) = 0;
+};
+
+// A protocol. Stateless apart from what all sessions to one server share. Thread-safe.
+class Engine {
+ public:
+  virtual ~Engine() = default;
+  virtual uint32_t protocol() const = 0;
+  virtual bool isSFTP() const { return false; }
+  virtual bool isWebDAV() const { return false; }
+  virtual bool supportsUploadByteOffset() const = 0;
+  // The library's own cap on sessions to one server.
+  virtual int sessionCap() const = 0;
+  // Makes a session; no traffic before logIn.
+  virtual std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) = 0;
+};
+
+// The engines that this program was linked with, by protocol. Filled by the entry point before threads start.
+class EngineRegistry {
+ public:
+  using Factory = std::shared_ptr<Engine> (*)(const KCCredentials& credentials);
+  static void registerEngine(uint32_t protocol, Factory factory);
+  // Null when no engine speaks that protocol.
+  static std::shared_ptr<Engine> engineForCredentials(const KCCredentials& credentials);
+};
+
+}  // namespace ombra

@@ -1,0 +1,51 @@
+#include "tests/support/ManualClock.h"
+
+#include <algorithm>
+#include <thread>
+
+namespace ombra {
+
+ManualClock::ManualClock(NSDate start) : iNow(start) { Clock::setCurrent(this); }
+
+ManualClock::~ManualClock() { Clock::setCurrent(nullptr); }
+
+NSDate ManualClock::now() const {
+  MutexLock lock(iLock);
+  return iNow;
+}
+
+void ManualClock::willWait(NSCondition& condition) {
+  MutexLock lock(iLock);
+  iWaiting.push_back(&condition);
+}
+
+void ManualClock::didWait(NSCondition& condition) {
+  MutexLock lock(iLock);
+  const auto found = std::find(iWaiting.begin(), iWaiting.end(), &condition);
+  if (found != iWaiting.end()) iWaiting.erase(found);
+}
+
+void ManualClock::advance(double seconds) {
+  std::vector<NSCondition*> waiting;
+  {
+    MutexLock lock(iLock);
+    iNow = iNow.dateByAddingTimeInterval(seconds);
+    waiting = iWaiting;
+  }
+  std::sort(waiting.begin(), waiting.end());
+  waiting.erase(std::unique(waiting.begin(), waiting.end()), waiting.end());
+  // Without iLock: clockMoved takes the condition's lock, which a waiter holds while it enters here.
+  for (NSCondition* condition : waiting) condition->clockMoved();
+}
+
+void ManualClock::waitForSleepers(size_t count) {
+  while (true) {
+    {
+      MutexLock lock(iLock);
+      if (iWaiting.size() >= count) return;
+    }
+    std::this_thread::yield();
+  }
+}
+
+}  // namespace ombra

@@ -1,0 +1,35 @@
+// A clock that moves only when a test says so.
+#pragma once
+
+#include <vector>
+
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/NSCondition.h"
+#include "platform/foundation/NSDate.h"
+
+namespace ombra {
+
+// Puts itself in force for its lifetime. Timed waits on conditions end when `advance` passes their limit.
+// Thread-safe. Conditions must outlive their waits, as always.
+class ManualClock final : public Clock {
+ public:
+  explicit ManualClock(NSDate start = NSDate::dateWithTimeIntervalSince1970(1000000000));
+  ~ManualClock() override;
+
+  NSDate now() const override EXCLUDES(iLock);
+  bool isManual() const override { return true; }
+  void willWait(NSCondition& condition) override EXCLUDES(iLock);
+  void didWait(NSCondition& condition) override EXCLUDES(iLock);
+
+  // Moves the time and wakes all timed waits, which then look at the time again.
+  void advance(double seconds) EXCLUDES(iLock);
+  // Blocks until at least `count` timed waits are under way: what a test waits for before it moves the time.
+  void waitForSleepers(size_t count) EXCLUDES(iLock);
+
+ private:
+  mutable Mutex iLock;
+  NSDate iNow GUARDED_BY(iLock);
+  std::vector<NSCondition*> iWaiting GUARDED_BY(iLock);
+};
+
+}  // namespace ombra
