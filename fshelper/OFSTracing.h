@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 
 #include <atomic>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,8 @@ extern std::atomic<bool> gTracingEnabled;
 // Whether errors are logged: decided once per process from the user default "DebugLogging", shared under the
 // Gestalt selector 'KDbg'.
 bool KCDebugLoggingIsEnabled();
+// Forgets the cached answer, so that the next question decides anew. For tests.
+void ofs_forgetDebugLogging();
 
 // Writes the enter and leave lines of one method, indented by the thread's nesting level. Costs one relaxed load
 // when tracing is off.

@@ -1,6 +1,7 @@
 // Connections to one server.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
