@@ -7,15 +7,22 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
+#include "fshelper/OFSComparisonNode.h"
+#include "fshelper/OFSNode.h"
+#include "fshelper/OFSNodeFileTable.h"
 #include "fshelper/OFSRemoteFile.h"
+#include "platform/foundation/Mutex.h"
 #include "platform/userfs/GMUserFileSystemDelegate.h"
 #include "remote/AbstractConnection.h"
 #include "remote/KCConnectionPool.h"
 #include "remote/KCNode.h"
 
 namespace ombra {
+
+class StAbstractConnection;
 
 // What the file system asks its controller.
 class OFSMountPathSource {
@@ -25,38 +32,206 @@ class OFSMountPathSource {
   virtual std::optional<std::string> mountPath() const = 0;
 };
 
+// One per process. Made, given its controller and its pool, `preflight`ed, and handed to the framework, which
+// then calls it from many threads at once.
+//
+// Locks, in the order in which they may be taken: iTreeLock (repairs of the tree after moves and removals),
+// then folders' object locks (one at a time; a move takes the old parent, then the new one), then a node's
+// own lock, then leaf locks. The server is called with none of them held, but for links that are resolved
+// during a merge.
 class OmbraFileSystem : public GMUserFileSystemDelegate,
-                              public GMUserFileSystemDurability,
-                              public ConnectionDelegate,
-                              public TranscriptDelegate {
+                        public GMUserFileSystemDurability,
+                        public ConnectionDelegate,
+                        public TranscriptDelegate {
  public:
   OmbraFileSystem();
   ~OmbraFileSystem() override;
+  OmbraFileSystem(const OmbraFileSystem&) = delete;
+  OmbraFileSystem& operator=(const OmbraFileSystem&) = delete;
 
-  OFSMountPathSource* controller() const;
-  void setController(OFSMountPathSource* controller);
-  std::shared_ptr<KCConnectionPool> connectionPool() const;
-  void setConnectionPool(std::shared_ptr<KCConnectionPool> pool);
-  NSErrorRef mountError() const;
-  NSDate mountDate() const;
-  double refreshInterval() const;
-  void setRefreshInterval(double seconds);
-  std::string initialPath() const;
-  void setInitialPath(std::string path);
-  bool isConnected() const;
-  std::shared_ptr<KCRemoteFolderNode> rootNode() const;
-  void setRootNode(std::shared_ptr<KCRemoteFolderNode> node);
+  // Not owned; may be null.
+  OFSMountPathSource* controller() const { return iController.load(); }
+  void setController(OFSMountPathSource* controller) { iController.store(controller); }
+  std::shared_ptr<KCConnectionPool> connectionPool() const EXCLUDES(iPropertyLock);
+  // Makes this object the pool's transcript delegate, then keeps the pool. Null is kept as null.
+  void setConnectionPool(std::shared_ptr<KCConnectionPool> pool) EXCLUDES(iPropertyLock);
+  // What the last failed listing of `willMount` failed of, also when a later one succeeded.
+  NSErrorRef mountError() const EXCLUDES(iPropertyLock);
+  NSDate mountDate() const { return iMountDate; }
+  // Seconds that a listing stays fresh.
+  double refreshInterval() const { return iRefreshInterval.load(); }
+  void setRefreshInterval(double seconds) { iRefreshInterval.store(seconds); }
+  // The local path that the front end opens first; empty until connected, then absolute.
+  std::string initialPath() const EXCLUDES(iPropertyLock);
+  void setInitialPath(std::string path) EXCLUDES(iPropertyLock);
+  bool isConnected() const { return iConnected.load(); }
+  void setConnected(bool connected) { iConnected.store(connected); }
+  // The remote folder that is the volume's root; null until connected.
+  std::shared_ptr<KCRemoteFolderNode> rootNode() const EXCLUDES(iPropertyLock);
+  void setRootNode(std::shared_ptr<KCRemoteFolderNode> node) EXCLUDES(iPropertyLock);
   // Receives word of changes that the kernel has to be told; not owned, may be null.
-  void setInvalidation(GMUserFileSystemInvalidation* invalidation);
+  void setInvalidation(GMUserFileSystemInvalidation* invalidation) { iInvalidation.store(invalidation); }
+  // What the cache files without handles may hold together, in bytes and in number; absent = the default,
+  // which also leaves half of the temporary folder's disk to others. For `trimCache`.
+  void setCacheBudget(std::optional<uint64_t> bytes, std::optional<size_t> files);
 
+  // Logs in and settles the root. False when it cannot be, with what is known of why.
   bool preflight(NSErrorRef* error);
-  // Opens the transcript; null when it cannot be.
+  // Opens the transcript, appending a byte-order mark and a header; null when it cannot be.
   std::FILE* openTranscriptLogAtPath(const std::string& path);
 
-  std::shared_ptr<KCNode> nodeForPath(std::string_view path);
+  // The node of a local path; lists the parent once when it is not known. Null when there is none.
+  std::shared_ptr<KCRemoteFileNode> nodeForPath(std::string_view path);
+  // The same without asking the server.
+  std::shared_ptr<KCRemoteFileNode> _nodeForPath(std::string_view path) const;
+  std::shared_ptr<OFSComparisonNode> _comparisonNodeWithDisplayName(std::string_view name) const;
+  // Visits a node that leaves the tree, and those below it. Has no effect.
+  void _forgetNode(const std::shared_ptr<KCNode>& node) const;
+  // The one open-file object of a node, made on first use.
+  std::shared_ptr<OFSRemoteFile> _remoteFileForNode(const std::shared_ptr<KCRemoteFileNode>& node,
+                                                    const std::string& path);
   std::string pathForRemotePath(std::string_view remotePath) const;
   std::string remotePathForPath(std::string_view path) const;
+  // For an absolute path of this machine: what it shares with the mount point is dropped.
   std::string remotePathForFullPath(std::string_view fullPath) const;
+  // With true, the volume's attributes are asked for again.
+  void fileSystemAttributesNeedUpdate(bool needUpdate);
+
+  // GMUserFileSystemDelegate
+  void willMount() override;
+  std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(OptionalPath path,
+                                                                    NSErrorRef* error) override;
+  std::optional<NSFileAttributes> attributesOfItemAtPath(OptionalPath path, const GMUserData& userData,
+                                                         NSErrorRef* error) override;
+  std::optional<NSFileAttributes> attributesOfFileSystemForPath(OptionalPath path,
+                                                                NSErrorRef* error) override;
+  bool setAttributes(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,
+                     const GMUserData& userData, NSErrorRef* error) override;
+  bool createDirectoryAtPath(OptionalPath path, const NSFileAttributes& attributes,
+                             NSErrorRef* error) override;
+  bool createFileAtPath(OptionalPath path, const NSFileAttributes& attributes, GMUserData* userData,
+                        NSErrorRef* error) override;
+  bool createSymbolicLinkAtPath(OptionalPath path, OptionalPath withDestinationPath,
+                                NSErrorRef* error) override;
+  std::optional<std::string> destinationOfSymbolicLinkAtPath(OptionalPath path, NSErrorRef* error) override;
+  bool moveItemAtPath(OptionalPath path, OptionalPath toPath, NSErrorRef* error) override;
+  bool removeItemAtPath(OptionalPath path, NSErrorRef* error) override;
+  bool openFileAtPath(OptionalPath path, int mode, GMUserData* userData, NSErrorRef* error) override;
+  int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size, int64_t offset,
+                     NSErrorRef* error) override;
+  int writeFileAtPath(OptionalPath path, const GMUserData& userData, const void* buffer, size_t size,
+                      int64_t offset, NSErrorRef* error) override;
+  bool truncateFileAtPath(OptionalPath path, const GMUserData& userData, int64_t offset,
+                          NSErrorRef* error) override;
+  void releaseFileAtPath(OptionalPath path, const GMUserData& userData) override;
+  std::optional<std::vector<std::string>> extendedAttributesOfItemAtPath(OptionalPath path,
+                                                                         NSErrorRef* error) override;
+  std::optional<NSData> valueOfExtendedAttribute(std::string_view name, OptionalPath ofItemAtPath,
+                                                 int64_t position, NSErrorRef* error) override;
+  bool setExtendedAttribute(std::string_view name, OptionalPath ofItemAtPath, const NSData& value,
+                            int64_t position, int options, NSErrorRef* error) override;
+
+  // The framework's older forms.
+  std::optional<NSFileAttributes> MacFUSE_1_7_attributesOfItemAtPath(OptionalPath path, NSErrorRef* error);
+  bool MacFUSE_1_7_setAttributes(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,
+                                 NSErrorRef* error);
+
+  // GMUserFileSystemDurability
+  bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
+  GMContentState contentStateOfFile(const GMUserData& userData) override;
+  void waitForContent(const GMUserData& userData, uint64_t seen) override;
+  bool changeAttributesWithoutContent(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,
+                                      NSErrorRef* error) override;
+  void seedCacheAttributesAtPath(OptionalPath path, const GMUserData& userData) override;
+  void abandonFile(const GMUserData& userData) override;
+  GMUserData openFileAtPathIfAny(OptionalPath path) override;
+  bool settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* error) override;
+  void movedItemAtPath(OptionalPath path, OptionalPath toPath) override;
+  std::optional<std::vector<std::string>> namesAsListedAtPath(OptionalPath path, NSErrorRef* error) override;
+  std::string listedPathForPath(std::string_view path) override;
+  void forgetFailedContentAtPath(OptionalPath path) override;
+  void trimCache() override;
+  std::vector<GMUndelivered> drainAll() override;
+  void giveUpConnections() override;
+
+  // ConnectionDelegate
+  using ConnectionDelegate::connection;
+  bool connection(AbstractConnection& connection, const TrustQuestion& isWorthyTrust) override;
+
+  // TranscriptDelegate
+  void connectionUUID(const KCUUID& uuid, std::string_view appendTranscript, bool isOutgoing) override;
+  void connectionUUIDFlushTranscript(const KCUUID& uuid) override;
+
+ private:
+  // The names of a folder in two forms: decomposed in the order of the answer, and as the server lists them.
+  struct Listing;
+  class Merge;
+
+  std::shared_ptr<const KCCredentials> credentials() const;
+  std::shared_ptr<KCRemoteFileNode> parentNodeForPath(std::string_view path);
+
+  std::optional<std::vector<std::string>> listFolder(OptionalPath path, NSErrorRef* error, bool asListed);
+  bool isFresh(const std::shared_ptr<KCRemoteFileNode>& node) const;
+  std::optional<std::vector<std::string>> fetchFolder(StAbstractConnection& connection, std::string_view path,
+                                                      const std::shared_ptr<KCRemoteFileNode>& node,
+                                                      NSErrorRef* error, bool asListed);
+  void markStale(const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view newItem);
+  bool isOwnChange(std::string_view path) EXCLUDES(iOwnChangesLock);
+
+  NSFileAttributes shownAttributesOfNode(const KCRemoteFileNode& node) const;
+  bool setFolderPermissions(std::optional<uint16_t> permissions, const std::string& remotePath,
+                            NSErrorRef* error);
+  bool setFileAttributes(const NSFileAttributes& attributes, const std::shared_ptr<KCRemoteFileNode>& node,
+                         const std::string& remotePath, const GMUserData& userData, NSErrorRef* error);
+
+  bool clearDestination(const std::shared_ptr<KCRemoteFileNode>& source, OptionalPath toPath);
+  void repairTreeAfterMove(const std::shared_ptr<KCRemoteFileNode>& source, std::string_view name,
+                           const std::shared_ptr<KCRemoteFileNode>& toParent, const std::string& remotePath)
+      EXCLUDES(iTreeLock);
+  void repairTreeAfterRename(KCNode& parent, std::string_view name, const std::string& remotePath)
+      REQUIRES(iTreeLock);
+  void repairTreeBetweenFolders(KCNode& oldParent, std::string_view name,
+                                const std::shared_ptr<KCNode>& newParent, const std::string& remotePath)
+      REQUIRES(iTreeLock);
+  void repairTreeAfterRemoval(const std::shared_ptr<KCRemoteFileNode>& node) EXCLUDES(iTreeLock);
+
+  // The node's open-file object, in use until the pin goes.
+  OFSNodeFilePin pinnedRemoteFileForNode(const std::shared_ptr<KCRemoteFileNode>& node,
+                                         const std::string& path);
+  bool dropFromNode(const OFSNodeFileTable::Entry& entry);
+  std::string recoveredPathForPath(std::string_view path) const;
+  std::optional<GMUndelivered> deliver(const std::shared_ptr<OFSRemoteFile>& file);
+
+  const NSDate iMountDate;
+  std::atomic<OFSMountPathSource*> iController{nullptr};
+  std::atomic<double> iRefreshInterval{60.0};
+  std::atomic<bool> iConnected{false};
+  std::atomic<std::FILE*> iTranscriptLog{nullptr};
+  std::atomic<GMUserFileSystemInvalidation*> iInvalidation{nullptr};
+  OFSNodeFileTable iFiles;
+
+  mutable Mutex iPropertyLock;
+  NSErrorRef iMountError GUARDED_BY(iPropertyLock);
+  std::string iInitialPath GUARDED_BY(iPropertyLock);
+  std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iPropertyLock);
+  std::shared_ptr<KCRemoteFolderNode> iRootNode GUARDED_BY(iPropertyLock);
+  std::vector<std::FILE*> iTranscriptLogs GUARDED_BY(iPropertyLock);
+  std::optional<uint64_t> iBudgetBytes GUARDED_BY(iPropertyLock);
+  std::optional<size_t> iBudgetFiles GUARDED_BY(iPropertyLock);
+
+  // Held while the tree is repaired: a repair holds two folders at once, and two repairs in opposite
+  // directions would otherwise wait for each other.
+  Mutex iTreeLock;
+  // What this process made on the server: its appearance in the next listing is no news to the kernel.
+  Mutex iOwnChangesLock;
+  std::unordered_set<std::string> iOwnChanges GUARDED_BY(iOwnChangesLock);
 };
+
+// A logged-in connection for `fileSystem`: once that is connected, any one of the pool; before, one that logs
+// in and settles the root of the file system. Null, perhaps without an error, when there is none. The caller
+// releases it.
+std::shared_ptr<AbstractConnection> ofs_acquireConnectionForFileSystem(KCConnectionPool& pool,
+                                                                       OmbraFileSystem& fileSystem,
+                                                                       NSErrorRef* error);
 
 }  // namespace ombra

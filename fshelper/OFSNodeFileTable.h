@@ -1,0 +1,78 @@
+// Which open-file objects there are, who uses them, and in which order they were last used.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "fshelper/OFSRemoteFile.h"
+#include "platform/foundation/Mutex.h"
+#include "remote/KCNode.h"
+
+namespace ombra {
+
+// Holds every open-file object from its making until it is settled and dropped, so that nothing unsent can
+// vanish with a node that leaves the tree. Thread-safe; its lock is a leaf.
+class OFSNodeFileTable {
+ public:
+  struct Entry {
+    std::shared_ptr<OFSRemoteFile> file;
+    std::weak_ptr<KCRemoteFileNode> node;
+    size_t uses = 0;          // handles of the framework, and operations under way
+    uint64_t lastUse = 0;     // grows with each use
+    uint64_t bytes = 0;       // of the cache file when it was last put out of use
+    bool isDetached = false;  // no node leads to it any more
+  };
+
+  // A new object on `node`.
+  void add(const std::shared_ptr<OFSRemoteFile>& file, const std::shared_ptr<KCRemoteFileNode>& node)
+      EXCLUDES(iLock);
+  // One use begins and ends. Objects that are not in the table are ignored. When the last use of a detached
+  // object ends with nothing unsent, the object is let go.
+  void beginUse(const OFSRemoteFile& file) EXCLUDES(iLock);
+  void endUse(OFSRemoteFile& file) EXCLUDES(iLock);
+  // No node leads to the object any more: it goes as soon as it is out of use and nothing of it is unsent.
+  void detach(OFSRemoteFile& file) EXCLUDES(iLock);
+  // The item was removed: whatever is unsent has nowhere to go. Its handles keep the object.
+  void forget(const OFSRemoteFile& file) EXCLUDES(iLock);
+  // Lets go of an object that is out of use and was not used since `lastUse`. False when it was.
+  bool removeIfUnused(const OFSRemoteFile& file, uint64_t lastUse) EXCLUDES(iLock);
+
+  // A copy of all entries, least recently used first.
+  std::vector<Entry> entries() const EXCLUDES(iLock);
+  size_t count() const EXCLUDES(iLock);
+  // The sum of the entries' bytes.
+  uint64_t bytes() const EXCLUDES(iLock);
+
+ private:
+  void letGoIfSettled(OFSRemoteFile& file) EXCLUDES(iLock);
+  std::shared_ptr<OFSRemoteFile> erase(const OFSRemoteFile& file) REQUIRES(iLock);
+
+  mutable Mutex iLock;
+  std::unordered_map<const OFSRemoteFile*, Entry> iEntries GUARDED_BY(iLock);
+  uint64_t iLastUse GUARDED_BY(iLock) = 0;
+  uint64_t iBytes GUARDED_BY(iLock) = 0;
+};
+
+// One use of an open-file object, for a scope or until it is handed over to the framework.
+class OFSNodeFilePin {
+ public:
+  OFSNodeFilePin(OFSNodeFileTable& table, std::shared_ptr<OFSRemoteFile> file);
+  ~OFSNodeFilePin();
+  OFSNodeFilePin(const OFSNodeFilePin&) = delete;
+  OFSNodeFilePin& operator=(const OFSNodeFilePin&) = delete;
+
+  OFSRemoteFile* operator->() const { return iFile.get(); }
+  const std::shared_ptr<OFSRemoteFile>& file() const { return iFile; }
+  // The use goes on beyond the pin: `endUse` is called for it when its handle is released.
+  void keep() { iIsKept = true; }
+
+ private:
+  OFSNodeFileTable& iTable;
+  const std::shared_ptr<OFSRemoteFile> iFile;
+  bool iIsKept = false;
+};
+
+}  // namespace ombra
