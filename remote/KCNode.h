@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/foundation/FileAttributes.h"
+#include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/Mutex.h"
 #include "remote/FilePermissions.h"
 #include "remote/KCTypes.h"
@@ -38,6 +39,11 @@ class KCNode : public std::enable_shared_from_this<KCNode> {
   void setPath(std::string path);
   std::string displayName() const;
   void setDisplayName(std::string name);
+  // Whether the display name is canonically equal to `name`. Copies nothing.
+  bool isNamed(std::string_view name) const {
+    MutexLock lock(iFieldLock);
+    return canonicallyEqual(iDisplayName, name);
+  }
   // The entry's name as the server lists it, in the server's bytes.
   std::string filename() const;
   void setFilename(std::string name);
