@@ -1,0 +1,98 @@
+#include "platform/foundation/NSThread.h"
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <thread>
+
+#include "platform/foundation/NSError.h"
+#include "platform/foundation/NSLog.h"
+#include "platform/foundation/Unicode.h"
+
+namespace ombra {
+namespace {
+
+struct ThreadData {
+  std::string name;
+  std::map<std::string, std::any, std::less<>> dictionary;
+};
+
+// A plain pointer instead of a thread_local object: the main thread's would be destroyed at the start of
+// exit(), while handlers that run later still trace and log. The key's destructor frees it when any other
+// thread ends.
+thread_local ThreadData* tData = nullptr;
+
+void freeThreadData(void* data) {
+  tData = nullptr;
+  std::unique_ptr<ThreadData> owned(static_cast<ThreadData*>(data));
+}
+
+pthread_key_t threadDataKey() {
+  static const pthread_key_t sKey = [] {
+    pthread_key_t key{};
+    pthread_key_create(&key, freeThreadData);
+    return key;
+  }();
+  return sKey;
+}
+
+ThreadData& threadData() {
+  if (tData == nullptr) {
+    tData = std::make_unique<ThreadData>().release();
+    pthread_setspecific(threadDataKey(), tData);
+  }
+  return *tData;
+}
+
+void runBody(const std::function<void()>& body) {
+  try {
+    body();
+  } catch (const KCException& exception) {
+    NSLog("thread \"{}\" ended by {}: {}", NSThread::name(), KCException::name(), exception.reason());
+  } catch (const std::exception& exception) {
+    NSLog("thread \"{}\" ended by an exception: {}", NSThread::name(), exception.what());
+  }
+}
+
+// The longest whole characters of `name` within the kernel's 15 bytes.
+std::string shortName(std::string_view name) {
+  constexpr size_t kKernelNameLength = 15;
+  size_t length = 0;
+  while (length < name.size()) {
+    const size_t next = std::max<size_t>(utf8CharacterLength(name.substr(length)), 1);
+    if (length + next > kKernelNameLength) break;
+    length += next;
+  }
+  return std::string(name.substr(0, length));
+}
+
+}  // namespace
+
+bool NSThread::detachNewThread(std::function<void()> body) {
+  try {
+    std::thread([body = std::move(body)] { runBody(body); }).detach();
+    return true;
+  } catch (const std::system_error& error) {
+    NSLog("cannot start a thread: {}", error.what());
+    return false;
+  }
+}
+
+const std::string& NSThread::name() { return threadData().name; }
+
+void NSThread::setName(std::string name) {
+  // The main thread's name in the kernel is the name of the process in process lists; that one stays.
+  if (gettid() != getpid()) pthread_setname_np(pthread_self(), shortName(name).c_str());
+  threadData().name = std::move(name);
+}
+
+std::any& NSThread::threadDictionary(std::string_view key) {
+  auto& dictionary = threadData().dictionary;
+  const auto found = dictionary.find(key);
+  return found != dictionary.end() ? found->second : dictionary[std::string(key)];
+}
+
+}  // namespace ombra
