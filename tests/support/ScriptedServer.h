@@ -167,9 +167,8 @@ class ScriptedServer {
   void setChunkSize(size_t bytes);
   // Capacity of the buffer given to the streamBytes callback. Default 32,768.
   void setStreamCapacity(size_t bytes);
-  // Whether a held download reports its progress again and again is not modelled; this reports once, now, on
-  // the thread of the caller, as a trickling transfer would: the count so far, for each download of `path`
-  // that is held.
+  // Reports the count so far to the delegate of each running transfer of `path`, on the calling thread: as a
+  // transfer that stalls would. Use it while the transfer is held, so that it stays where it is.
   void reportProgress(std::string_view path);
   // All transfers so far, in the order in which they began; those of one operation when named.
   std::vector<ScriptedTransfer> transfers(std::string_view operation = {}) const;
