@@ -1,0 +1,63 @@
+#include "fshelper/DrelFSInstaller.h"
+
+#include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSFileManager.h"
+#include "platform/foundation/NSLog.h"
+#include "platform/foundation/NSProcessInfo.h"
+#include "remote/KCAuthorizationManager.h"
+
+namespace ombra {
+namespace {
+
+constexpr std::string_view kComponentsFolder =
+    "ombradiskfs.fs/Contents/Resources/org.ombrafs.filesystems.ombradiskfs.components";
+constexpr std::string_view kOwner = "root";
+constexpr std::string_view kGroup = "wheel";
+constexpr unsigned kSetUserID = 04000;
+
+}  // namespace
+
+DrelFSBundle DrelFSBundle::bundleInFolder(const std::string& folder) {
+  const std::string components = stringByAppendingPathComponent(folder, kComponentsFolder);
+  return {stringByAppendingPathComponent(components, "ombradiskfs.kext"),
+          stringByAppendingPathComponent(components, "load_drelfs")};
+}
+
+DrelFSBundle DrelFSBundle::mainBundle() {
+  return bundleInFolder(stringByDeletingLastPathComponent(NSProcessInfo::executablePath()));
+}
+
+bool DrelFSInstaller::shouldFixDrelFSPermissions(const DrelFSBundle& bundle) {
+  // An item without attributes has no owner, and so not the right one.
+  const auto extension = NSFileManager::attributesOfItemAtPath(bundle.extension, nullptr);
+  const auto loader = NSFileManager::attributesOfItemAtPath(bundle.loader, nullptr);
+  if (!extension || extension->ownerAccountName != kOwner) return true;
+  if (extension->groupOwnerAccountName != kGroup) return true;
+  if (!loader || loader->ownerAccountName != kOwner) return true;
+  if (loader->groupOwnerAccountName != kGroup) return true;
+  return (loader->posixPermissions & kSetUserID) == 0;
+}
+
+bool DrelFSInstaller::fixDrelFSPermissions(NSErrorRef* error) {
+  return fixDrelFSPermissions(DrelFSBundle::mainBundle(), KCAuthorizationManager::sharedInstance(), error);
+}
+
+bool DrelFSInstaller::fixDrelFSPermissions(const DrelFSBundle& bundle, KCAuthorizationManager& authorization,
+                                           NSErrorRef* error) {
+  // The loader gets its set-user-ID bit last: a change of the owner would take it away again.
+  return authorization.chownWithPrivilegesItemAtPath(bundle.extension, kOwner, kGroup, true, error) &&
+         authorization.chmodWithPrivilegesItemAtPath(bundle.extension, "go-w", true, error) &&
+         authorization.chownWithPrivilegesItemAtPath(bundle.loader, kOwner, kGroup, true, error) &&
+         authorization.chmodWithPrivilegesItemAtPath(bundle.loader, "u+s", false, error);
+}
+
+void DrelFSInstaller::loadDrelFSIfNeeded(const DrelFSBundle& bundle) {
+  if (NSFileManager::fileExistsAtPath("/dev/fuse")) return;
+  std::string output;
+  const int status = KCAuthorizationManager::runCommand({bundle.loader}, &output);
+  if (status != 0)
+    NSLog("The kernel's fuse module could not be loaded: {} ended with status {}: {}", bundle.loader, status,
+          output);
+}
+
+}  // namespace ombra
