@@ -31,11 +31,16 @@ class ConnectionDelegate {
   // connection:isWorthyTrust: — whether to go on with a server that shows this key.
   virtual bool connection(AbstractConnection& connection, const TrustQuestion& isWorthyTrust) = 0;
   // connection:transferredBytes:throughput:stalled: — progress of a transfer: bytes so far, counted from the
-  // transfer's byte offset 0 (so a resumed download goes on counting), bytes per second, whether nothing moves.
+  // transfer's byte offset 0 (so a resumed download goes on counting), bytes per second, whether nothing
+  // moves.
   virtual void connection(AbstractConnection&, uint64_t /*transferredBytes*/, double /*throughput*/,
                           bool /*stalled*/) {}
-  // connection:streamBytes:length: — the next bytes of a streamed upload into `streamBytes` (capacity `length`).
-  // The count, 0 for the end.
+  // Whether somebody waits for what the running download brings. One that nobody waits for gives way when
+  // others wait for a session: it pauses, and resumes at the byte that it reached. Asked again and again, no
+  // lock held.
+  virtual bool connectionIsAwaited(AbstractConnection&) { return true; }
+  // connection:streamBytes:length: — the next bytes of a streamed upload into `streamBytes` (capacity
+  // `length`). The count, 0 for the end.
   virtual size_t connection(AbstractConnection&, std::byte* /*streamBytes*/, size_t /*length*/) { return 0; }
 };
 
@@ -48,10 +53,11 @@ class TranscriptDelegate {
   virtual void connectionUUIDFlushTranscript(const KCUUID& uuid) = 0;
 };
 
-// A logical connection. All operations block, on the calling thread, for a bounded time. One thread uses it at a
-// time: the holder owns it between acquisition and release; only `setShouldCancel` may come from another thread.
-// Paths are the server's, in its bytes, absolute unless said otherwise. Each operation with an error slot fills it
-// with a library error when it fails (result false or absent) and only then; the slot may be null.
+// A logical connection. All operations block, on the calling thread, for a bounded time. One thread uses it
+// at a time: the holder owns it between acquisition and release; only `setShouldCancel` may come from another
+// thread. Paths are the server's, in its bytes, absolute unless said otherwise. Each operation with an error
+// slot fills it with a library error when it fails (result false or absent) and only then; the slot may be
+// null.
 class AbstractConnection {
  public:
   virtual ~AbstractConnection() = default;
@@ -69,13 +75,13 @@ class AbstractConnection {
   // Not owned, may be null; must outlive its time on the connection.
   virtual void setDelegate(ConnectionDelegate* delegate) = 0;
   virtual ConnectionDelegate* delegate() const = 0;
-  // The folder that the server put the login in; absent until this connection, or another one of its pool, has
-  // logged in.
+  // The folder that the server put the login in; absent until this connection, or another one of its pool,
+  // has logged in.
   virtual std::optional<std::string> loginPath() const = 0;
   // Logs in, within the library's connect limit.
   [[nodiscard]] virtual bool connect(NSErrorRef* error) = 0;
-  // Changes and reads the current folder. "~" and "~user" are understood where the protocol has homes. `pwd` and
-  // `resolvePath` answer in one normal form (absolute, no "." or "..", no doubled or trailing "/").
+  // Changes and reads the current folder. "~" and "~user" are understood where the protocol has homes. `pwd`
+  // and `resolvePath` answer in one normal form (absolute, no "." or "..", no doubled or trailing "/").
   [[nodiscard]] virtual bool changeDir(std::string_view path, NSErrorRef* error) = 0;
   virtual std::optional<std::string> pwd(NSErrorRef* error) = 0;
   // Follows a link. A path that is no link, or does not exist, is answered itself; a circle is a failure.
@@ -86,18 +92,21 @@ class AbstractConnection {
   virtual std::optional<NSFileAttributes> attributesOfItemAtPath(std::string_view path, bool* isDirectory,
                                                                  NSErrorRef* error) = 0;
   // systemSize and systemFreeSize in bytes; absent where the protocol cannot tell.
-  virtual std::optional<NSFileAttributes> fileSystemAttributesAtPath(std::string_view path, NSErrorRef* error) = 0;
-  // Lists a folder: a folder node per folder, a file node per file or link, in the server's order. Names with "/"
-  // or NUL, "." and ".." never come. Code 9 when the contents may not be read, 14 when there is no such folder.
-  [[nodiscard]] virtual bool contentsAtPath(std::string_view path, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
+  virtual std::optional<NSFileAttributes> fileSystemAttributesAtPath(std::string_view path,
+                                                                     NSErrorRef* error) = 0;
+  // Lists a folder: a folder node per folder, a file node per file or link, in the server's order. Names with
+  // "/" or NUL, "." and ".." never come. Code 9 when the contents may not be read, 14 when there is no such
+  // folder.
+  [[nodiscard]] virtual bool contentsAtPath(std::string_view path,
+                                            std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                             NSErrorRef* error) = 0;
 
   [[nodiscard]] virtual bool createFolderAtPath(std::string_view path, NSErrorRef* error) = 0;
   // `resolvingToPath` is stored as the link's text, unchanged.
   [[nodiscard]] virtual bool createSymbolicLinkAtPath(std::string_view path, std::string_view resolvingToPath,
                                                       NSErrorRef* error) = 0;
-  [[nodiscard]] virtual bool moveItemFromPath(std::string_view path, bool isDirectory, std::string_view toPath,
-                                              NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool moveItemFromPath(std::string_view path, bool isDirectory,
+                                              std::string_view toPath, NSErrorRef* error) = 0;
   // Removes a file, a link (not its target) or an empty folder.
   [[nodiscard]] virtual bool deleteItemAtPath(std::string_view path, bool isDirectory, NSErrorRef* error) = 0;
   // Sets the mode, owner, group and dates that `attributes` holds. Code 17 where that cannot be done.
@@ -106,17 +115,19 @@ class AbstractConnection {
 
   // Writes the remote content from `byteOffset` into the handle, in order, never beyond what has arrived.
   // `bytesTransferred` (may be null) is the file length reached, also on failure.
-  [[nodiscard]] virtual bool downloadFileAtPath(std::string_view path, NSFileHandle& toFileHandle, uint64_t byteOffset,
-                                                uint64_t* bytesTransferred, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool downloadFileAtPath(std::string_view path, NSFileHandle& toFileHandle,
+                                                uint64_t byteOffset, uint64_t* bytesTransferred,
+                                                NSErrorRef* error) = 0;
   // Sends the local file from `byteOffset` to its end to the remote path. From offset 0 the remote file is
   // replaced and ends as long as the local one.
-  [[nodiscard]] virtual bool uploadFileAtPath(const std::string& localPath, std::string_view toPath, uint64_t byteOffset,
-                                              uint64_t* bytesTransferred, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool uploadFileAtPath(const std::string& localPath, std::string_view toPath,
+                                              uint64_t byteOffset, uint64_t* bytesTransferred,
+                                              NSErrorRef* error) = 0;
   // As above from an open handle. From an offset, what the server has confirmed is not sent again.
   // `withFilename` is the display form, for the transcript alone.
   [[nodiscard]] virtual bool uploadFileHandle(NSFileHandle& fileHandle, std::string_view withFilename,
-                                              std::string_view toPath, uint64_t byteOffset, uint64_t* bytesTransferred,
-                                              NSErrorRef* error) = 0;
+                                              std::string_view toPath, uint64_t byteOffset,
+                                              uint64_t* bytesTransferred, NSErrorRef* error) = 0;
   // Sends what the handler's streamBytes callback gives until it gives 0. The remote file is replaced.
   [[nodiscard]] virtual bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
                                                      ConnectionDelegate& handler, NSErrorRef* error) = 0;

@@ -22,10 +22,11 @@ namespace ombra {
 
 // Where a link leads, told with the listing so that it need not be asked for one by one.
 struct LinkResolution {
-  bool resolved = false;      // false: the way there is a circle or too long
-  std::string resolvedPath;   // in normal form; the final target where the server tells it at once
+  bool resolved = false;     // false: the way there is a circle or too long
+  std::string resolvedPath;  // in normal form; the final target where the server tells it at once
   bool isDirectory = false;
   bool exists = false;
+  bool isFinal = true;  // false: resolvedPath may be a link itself, so that it has to be asked for again
   std::optional<NSFileAttributes> attributes;  // of the target, when it exists
 };
 
@@ -34,18 +35,20 @@ struct RemoteEntry {
   std::string name;  // the server's bytes; the pool drops ".", ".." and names with "/" or NUL
   uint32_t type = kNodeTypeFile;
   NSFileAttributes attributes;
-  std::optional<std::string> targetPath;      // of a link
-  std::optional<LinkResolution> resolution;   // of a link, when the engine fetched it with the listing
+  std::optional<std::string> targetPath;     // of a link
+  std::optional<LinkResolution> resolution;  // of a link, when the engine fetched it with the listing
 };
 
 // A transfer as an engine sees it.
 class TransferControl {
  public:
   virtual ~TransferControl() = default;
-  // The file length reached on the receiving side, in bytes. May call out; engines hold no lock then. Called for
-  // each piece; the pool thins it out to the agreed rate.
+  // The file length reached on the receiving side, in bytes. May call out; engines hold no lock then. Called
+  // for each piece; the pool thins it out to the agreed rate.
   virtual void progress(uint64_t bytesReached) = 0;
-  // True when the transfer is to stop: the engine ends it and answers kQuarnKitCancelled.
+  // True when the transfer is to stop: the engine ends it and answers kQuarnKitCancelled. Asked for each
+  // piece and at least every 100 ms, also while nothing arrives: what came in last is reported from there. On
+  // the thread that called the session.
   virtual bool shouldCancel() const = 0;
 };
 
@@ -69,10 +72,10 @@ struct SessionEnvironment {
   std::chrono::milliseconds idleLimit{30000};     // no byte in either direction for so long: lost
 };
 
-// One socket with its login. One thread at a time, except `interrupt`. Each operation is one attempt: what may be
-// repeated is repeated by the pool, on a fresh session, when the error is kQuarnKitConnectionLost or
-// kQuarnKitTimedOut, after which this session is not used again. Paths are absolute and in the server's bytes.
-// Errors are library errors with the server's own words beneath or in the description.
+// One socket with its login. One thread at a time, except `interrupt`. Each operation is one attempt: what
+// may be repeated is repeated by the pool, on a fresh session, when the error is kQuarnKitConnectionLost or
+// kQuarnKitTimedOut, after which this session is not used again. Paths are absolute and in the server's
+// bytes. Errors are library errors with the server's own words beneath or in the description.
 class Session {
  public:
   virtual ~Session() = default;
@@ -92,29 +95,35 @@ class Session {
                                               NSErrorRef* error) = 0;
   // As AbstractConnection::resolvePath, in as few round trips as the protocol needs.
   virtual std::optional<LinkResolution> resolveLink(std::string_view path, NSErrorRef* error) = 0;
-  virtual std::optional<NSFileAttributes> attributes(std::string_view path, bool* isDirectory, NSErrorRef* error) = 0;
+  virtual std::optional<NSFileAttributes> attributes(std::string_view path, bool* isDirectory,
+                                                     NSErrorRef* error) = 0;
   virtual std::optional<NSFileAttributes> fileSystemAttributes(std::string_view path, NSErrorRef* error) = 0;
-  [[nodiscard]] virtual bool list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool list(std::string_view path, std::vector<RemoteEntry>* entries,
+                                  NSErrorRef* error) = 0;
 
   [[nodiscard]] virtual bool createFolder(std::string_view path, NSErrorRef* error) = 0;
-  [[nodiscard]] virtual bool createSymbolicLink(std::string_view path, std::string_view target, NSErrorRef* error) = 0;
-  [[nodiscard]] virtual bool move(std::string_view from, bool isDirectory, std::string_view to, NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool createSymbolicLink(std::string_view path, std::string_view target,
+                                                NSErrorRef* error) = 0;
+  [[nodiscard]] virtual bool move(std::string_view from, bool isDirectory, std::string_view to,
+                                  NSErrorRef* error) = 0;
   [[nodiscard]] virtual bool remove(std::string_view path, bool isDirectory, NSErrorRef* error) = 0;
   [[nodiscard]] virtual bool changeAttributes(const NSFileAttributes& attributes, std::string_view path,
                                               NSErrorRef* error) = 0;
 
-  // Writes the content from `offset` on to the handle at the same offset, in order. `version` (may be null) is
-  // empty at first and then holds what the engine knows of the file's identity (tag, date, size): a later call
-  // that resumes passes it again and fails with kQuarnKitItemChanged when the file is another one by then.
-  [[nodiscard]] virtual bool download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
-                                      TransferControl& control, NSErrorRef* error) = 0;
-  // Sends [offset, end) of the handle in place; from offset 0 the remote file is replaced and ends as long as the
-  // handle's file. Of a scratch handle with an offset > 0 only the unconfirmed extents are sent, and confirmed.
-  [[nodiscard]] virtual bool upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
-                                    NSErrorRef* error) = 0;
-  // Sends what `next` gives (bytes into the buffer, capacity; 0 ends) as the whole new content.
-  [[nodiscard]] virtual bool stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
+  // Writes the content from `offset` on to the handle at the same offset, in order. `version` (may be null)
+  // is empty at first and then holds what the engine knows of the file's identity (tag, date, size): a later
+  // call that resumes passes it again and fails with kQuarnKitItemChanged when the file is another one by
+  // then.
+  [[nodiscard]] virtual bool download(std::string_view path, NSFileHandle& to, uint64_t offset,
+                                      std::string* version, TransferControl& control, NSErrorRef* error) = 0;
+  // Sends [offset, end) of the handle in place; from offset 0 the remote file is replaced and ends as long as
+  // the handle's file. Of a scratch handle with an offset > 0 only the unconfirmed extents are sent, and
+  // confirmed.
+  [[nodiscard]] virtual bool upload(NSFileHandle& from, std::string_view path, uint64_t offset,
                                     TransferControl& control, NSErrorRef* error) = 0;
+  // Sends what `next` gives (bytes into the buffer, capacity; 0 ends) as the whole new content.
+  [[nodiscard]] virtual bool stream(const std::function<size_t(std::byte*, size_t)>& next,
+                                    std::string_view path, TransferControl& control, NSErrorRef* error) = 0;
 };
 
 // A protocol. Stateless apart from what all sessions to one server share. Thread-safe.
