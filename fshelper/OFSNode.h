@@ -34,12 +34,13 @@ struct OFSNodeExtendedAttributes {
   std::map<std::string, NSData, std::less<>> values GUARDED_BY(lock);
 };
 
-// The user property under `key` when it is a T, else T's empty value.
+// The user property under `key`; absent when there is none, or it is not a T.
 template <typename T>
-T ofs_property(const KCNode& node, std::string_view key) {
+std::optional<T> ofs_property(const KCNode& node, std::string_view key) {
   const std::any value = node.userPropertyForKey(key);
   const T* typed = std::any_cast<T>(&value);
-  return typed != nullptr ? *typed : T{};
+  if (typed == nullptr) return std::nullopt;
+  return *typed;
 }
 
 // The child set, null before the first listing. Work on it under the node's object lock.
@@ -60,5 +61,10 @@ std::optional<std::string> ofs_resolvedPathForNode(AbstractConnection& connectio
 
 // An error of the POSIX domain, over `underlying` when there is one.
 NSErrorRef ofs_posixError(InterfaceErrno code, const NSErrorRef& underlying = nullptr);
+// Makes that error, reports it and stores it where there is a slot; call it through OFS_FAIL(slot, code[,
+// underlying]).
+void ofs_fail(const char* file, int line, NSErrorRef* slot, InterfaceErrno code,
+              const NSErrorRef& underlying = nullptr);
+#define OFS_FAIL(slot, ...) ::ombra::ofs_fail(__FILE__, __LINE__, (slot), __VA_ARGS__)
 
 }  // namespace ombra

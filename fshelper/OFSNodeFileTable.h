@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "fshelper/OFSRemoteFile.h"
@@ -61,18 +62,17 @@ class OFSNodeFilePin {
  public:
   OFSNodeFilePin(OFSNodeFileTable& table, std::shared_ptr<OFSRemoteFile> file);
   ~OFSNodeFilePin();
-  OFSNodeFilePin(const OFSNodeFilePin&) = delete;
-  OFSNodeFilePin& operator=(const OFSNodeFilePin&) = delete;
+  OFSNodeFilePin(OFSNodeFilePin&& other) noexcept = default;
+  OFSNodeFilePin& operator=(OFSNodeFilePin&&) = delete;
 
   OFSRemoteFile* operator->() const { return iFile.get(); }
   const std::shared_ptr<OFSRemoteFile>& file() const { return iFile; }
-  // The use goes on beyond the pin: `endUse` is called for it when its handle is released.
-  void keep() { iIsKept = true; }
+  // The file; its use goes on beyond the pin: `endUse` is called for it when its handle is released.
+  std::shared_ptr<OFSRemoteFile> keep() { return std::move(iFile); }
 
  private:
   OFSNodeFileTable& iTable;
-  const std::shared_ptr<OFSRemoteFile> iFile;
-  bool iIsKept = false;
+  std::shared_ptr<OFSRemoteFile> iFile;  // null once handed over
 };
 
 }  // namespace ombra

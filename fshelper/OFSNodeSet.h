@@ -20,7 +20,7 @@ size_t HashNodeByDisplayName(const KCNode& node);
 // members were added, as long as none was removed. Not synchronised: guarded by the folder's object lock. A
 // member's display name must not change while it is in the set.
 //
-// Open addressing over a dense array: 24 bytes per member and one probe of the slot table per look-up.
+// Open addressing over a dense array: about 28 bytes per member, and a look-up seldom sees a second one.
 class OFSNodeSet {
  public:
   using Node = std::shared_ptr<KCRemoteFileNode>;

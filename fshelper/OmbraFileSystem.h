@@ -7,11 +7,11 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "fshelper/OFSComparisonNode.h"
 #include "fshelper/OFSNode.h"
+#include "fshelper/OFSNodeChanges.h"
 #include "fshelper/OFSNodeFileTable.h"
 #include "fshelper/OFSRemoteFile.h"
 #include "platform/foundation/Mutex.h"
@@ -163,28 +163,47 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void connectionUUIDFlushTranscript(const KCUUID& uuid) override;
 
  private:
-  // The names of a folder in two forms: decomposed in the order of the answer, and as the server lists them.
-  struct Listing;
+  enum class NameForm : uint8_t { kDecomposed, kAsListed };
   class Merge;
 
   std::shared_ptr<const KCCredentials> credentials() const;
+  // The root node's path; "/" until there is one.
+  std::string rootPath() const;
   std::shared_ptr<KCRemoteFileNode> parentNodeForPath(std::string_view path);
 
-  std::optional<std::vector<std::string>> listFolder(OptionalPath path, NSErrorRef* error, bool asListed);
+  std::optional<std::vector<std::string>> listFolder(OptionalPath path, NSErrorRef* error, NameForm form);
   bool isFresh(const std::shared_ptr<KCRemoteFileNode>& node) const;
+  std::optional<std::vector<std::string>> cachedNames(const KCRemoteFileNode& node, NameForm form) const;
   std::optional<std::vector<std::string>> fetchFolder(StAbstractConnection& connection, std::string_view path,
                                                       const std::shared_ptr<KCRemoteFileNode>& node,
-                                                      NSErrorRef* error, bool asListed);
-  void markStale(const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view newItem);
-  bool isOwnChange(std::string_view path) EXCLUDES(iOwnChangesLock);
+                                                      NSErrorRef* error, NameForm form);
+  void invalidateDirectory(std::string_view path) const;
+  // After `newItem` (a local path) was made in `parent`: the next use of the parent's listing fetches it.
+  void markStale(KCRemoteFileNode& parent, std::string_view newItem);
 
   NSFileAttributes shownAttributesOfNode(const KCRemoteFileNode& node) const;
+  uint16_t shownModeOfNode(const KCRemoteFileNode& node) const;
   bool setFolderPermissions(std::optional<uint16_t> permissions, const std::string& remotePath,
                             NSErrorRef* error);
   bool setFileAttributes(const NSFileAttributes& attributes, const std::shared_ptr<KCRemoteFileNode>& node,
                          const std::string& remotePath, const GMUserData& userData, NSErrorRef* error);
+  bool applyToFile(const NSFileAttributes& attributes, OFSRemoteFile& file, KCRemoteFileNode& node,
+                   NSErrorRef* error);
+  bool changeOnServer(StAbstractConnection& connection, const NSFileAttributes& attributes,
+                      const std::string& remotePath, NSErrorRef* error);
+  bool sendAttributes(const NSFileAttributes& attributes, const std::string& remotePath, NSErrorRef* error);
+  void showAttributes(const NSFileAttributes& attributes, KCRemoteFileNode& node);
+  std::shared_ptr<KCRemoteFileNode> nodeForExtendedAttribute(std::string_view name, OptionalPath path,
+                                                             NSErrorRef* error);
 
-  bool clearDestination(const std::shared_ptr<KCRemoteFileNode>& source, OptionalPath toPath);
+  std::string linkTextForDestination(std::string_view destination) const;
+  std::optional<std::string> resolvedDestination(StAbstractConnection& connection, KCRemoteFileNode& node,
+                                                 const std::string& target) const;
+
+  bool hasEntries(std::string_view path);
+  bool clearDestination(const KCRemoteFileNode& source, std::string_view toPath);
+  std::string remotePathForName(std::string_view folder, const std::string& name) const;
+  void repairTreeAfterRemoval(const std::shared_ptr<KCRemoteFileNode>& node) EXCLUDES(iTreeLock);
   void repairTreeAfterMove(const std::shared_ptr<KCRemoteFileNode>& source, std::string_view name,
                            const std::shared_ptr<KCRemoteFileNode>& toParent, const std::string& remotePath)
       EXCLUDES(iTreeLock);
@@ -193,14 +212,27 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void repairTreeBetweenFolders(KCNode& oldParent, std::string_view name,
                                 const std::shared_ptr<KCNode>& newParent, const std::string& remotePath)
       REQUIRES(iTreeLock);
-  void repairTreeAfterRemoval(const std::shared_ptr<KCRemoteFileNode>& node) EXCLUDES(iTreeLock);
+  // The node of that name, out of the parent's child set; null, after a failed condition check, when there is
+  // none. Called with the parent's lock held.
+  std::shared_ptr<KCRemoteFileNode> takeMovedNode(KCNode& parent, std::string_view name) REQUIRES(iTreeLock);
 
+  void updateNode(OptionalPath path, OFSRemoteFile& file);
   // The node's open-file object, in use until the pin goes.
   OFSNodeFilePin pinnedRemoteFileForNode(const std::shared_ptr<KCRemoteFileNode>& node,
                                          const std::string& path);
+  // Makes `file` the node's open-file object.
+  OFSNodeFilePin hangOnNode(const std::shared_ptr<OFSRemoteFile>& file,
+                            const std::shared_ptr<KCRemoteFileNode>& node);
+  struct CacheBudget {
+    uint64_t bytes;
+    size_t files;
+  };
+  CacheBudget cacheBudget() const EXCLUDES(iPropertyLock);
+  bool isWithin(const CacheBudget& budget) const;
   bool dropFromNode(const OFSNodeFileTable::Entry& entry);
   std::string recoveredPathForPath(std::string_view path) const;
   std::optional<GMUndelivered> deliver(const std::shared_ptr<OFSRemoteFile>& file);
+  std::vector<GMUndelivered> deliverAll(const std::vector<std::shared_ptr<OFSRemoteFile>>& files);
 
   const NSDate iMountDate;
   std::atomic<OFSMountPathSource*> iController{nullptr};
@@ -209,6 +241,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::atomic<std::FILE*> iTranscriptLog{nullptr};
   std::atomic<GMUserFileSystemInvalidation*> iInvalidation{nullptr};
   OFSNodeFileTable iFiles;
+  OFSNodeChanges iChanges;
 
   mutable Mutex iPropertyLock;
   NSErrorRef iMountError GUARDED_BY(iPropertyLock);
@@ -222,9 +255,6 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // Held while the tree is repaired: a repair holds two folders at once, and two repairs in opposite
   // directions would otherwise wait for each other.
   Mutex iTreeLock;
-  // What this process made on the server: its appearance in the next listing is no news to the kernel.
-  Mutex iOwnChangesLock;
-  std::unordered_set<std::string> iOwnChanges GUARDED_BY(iOwnChangesLock);
 };
 
 // A logged-in connection for `fileSystem`: once that is connected, any one of the pool; before, one that logs

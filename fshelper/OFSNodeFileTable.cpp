@@ -1,0 +1,119 @@
+#include "fshelper/OFSNodeFileTable.h"
+
+#include <algorithm>
+
+namespace ombra {
+
+void OFSNodeFileTable::add(const std::shared_ptr<OFSRemoteFile>& file,
+                           const std::shared_ptr<KCRemoteFileNode>& node) {
+  MutexLock lock(iLock);
+  Entry entry;
+  entry.file = file;
+  entry.node = node;
+  entry.lastUse = ++iLastUse;
+  iEntries.emplace(file.get(), std::move(entry));
+}
+
+void OFSNodeFileTable::beginUse(const OFSRemoteFile& file) {
+  MutexLock lock(iLock);
+  const auto found = iEntries.find(&file);
+  if (found == iEntries.end()) return;
+  ++found->second.uses;
+  found->second.lastUse = ++iLastUse;
+}
+
+void OFSNodeFileTable::endUse(OFSRemoteFile& file) {
+  // Asked before the lock is taken: the file answers under a lock of its own, perhaps only after a transfer.
+  const uint64_t size = file.cacheSize();
+  bool isLast = false;
+  {
+    MutexLock lock(iLock);
+    const auto found = iEntries.find(&file);
+    if (found == iEntries.end() || found->second.uses == 0) return;
+    Entry& entry = found->second;
+    iBytes += size - entry.bytes;
+    entry.bytes = size;
+    entry.lastUse = ++iLastUse;
+    isLast = --entry.uses == 0 && entry.isDetached;
+  }
+  if (isLast) letGoIfSettled(file);
+}
+
+void OFSNodeFileTable::detach(OFSRemoteFile& file) {
+  {
+    MutexLock lock(iLock);
+    const auto found = iEntries.find(&file);
+    if (found == iEntries.end()) return;
+    found->second.isDetached = true;
+    if (found->second.uses != 0) return;
+  }
+  letGoIfSettled(file);
+}
+
+void OFSNodeFileTable::letGoIfSettled(OFSRemoteFile& file) {
+  uint64_t lastUse = 0;
+  {
+    MutexLock lock(iLock);
+    const auto found = iEntries.find(&file);
+    if (found == iEntries.end()) return;
+    lastUse = found->second.lastUse;
+  }
+  if (file.isCovered()) removeIfUnused(file, lastUse);
+}
+
+void OFSNodeFileTable::forget(const OFSRemoteFile& file) {
+  std::shared_ptr<OFSRemoteFile> last;
+  MutexLock lock(iLock);
+  last = erase(file);
+}
+
+bool OFSNodeFileTable::removeIfUnused(const OFSRemoteFile& file, uint64_t lastUse) {
+  // Declared before the lock, so that the object is destroyed after the lock is let go.
+  std::shared_ptr<OFSRemoteFile> last;
+  MutexLock lock(iLock);
+  const auto found = iEntries.find(&file);
+  if (found == iEntries.end() || found->second.uses != 0 || found->second.lastUse != lastUse) return false;
+  last = erase(file);
+  return true;
+}
+
+std::shared_ptr<OFSRemoteFile> OFSNodeFileTable::erase(const OFSRemoteFile& file) {
+  const auto found = iEntries.find(&file);
+  if (found == iEntries.end()) return nullptr;
+  std::shared_ptr<OFSRemoteFile> last = std::move(found->second.file);
+  iBytes -= found->second.bytes;
+  iEntries.erase(found);
+  return last;
+}
+
+std::vector<OFSNodeFileTable::Entry> OFSNodeFileTable::entries() const {
+  std::vector<Entry> all;
+  {
+    MutexLock lock(iLock);
+    all.reserve(iEntries.size());
+    for (const auto& [file, entry] : iEntries) all.push_back(entry);
+  }
+  std::sort(all.begin(), all.end(), [](const Entry& a, const Entry& b) { return a.lastUse < b.lastUse; });
+  return all;
+}
+
+size_t OFSNodeFileTable::count() const {
+  MutexLock lock(iLock);
+  return iEntries.size();
+}
+
+uint64_t OFSNodeFileTable::bytes() const {
+  MutexLock lock(iLock);
+  return iBytes;
+}
+
+OFSNodeFilePin::OFSNodeFilePin(OFSNodeFileTable& table, std::shared_ptr<OFSRemoteFile> file)
+    : iTable(table), iFile(std::move(file)) {
+  iTable.beginUse(*iFile);
+}
+
+OFSNodeFilePin::~OFSNodeFilePin() {
+  if (iFile != nullptr) iTable.endUse(*iFile);
+}
+
+}  // namespace ombra

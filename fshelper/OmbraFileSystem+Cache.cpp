@@ -1,0 +1,164 @@
+// Cache files: how much of them is kept, and what becomes of them at the end.
+#include <sys/resource.h>
+#include <sys/statvfs.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "fshelper/OFSTracing.h"
+#include "fshelper/OmbraFileSystem.h"
+#include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSFileManager.h"
+#include "platform/foundation/NSLog.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr uint64_t kDefaultBudget = uint64_t{10} << 30;  // bytes
+constexpr size_t kDefaultFiles = 8192;                   // each costs an open descriptor
+constexpr size_t kDrainThreads = 4;
+constexpr unsigned kRecoveredFolderMode = 0700;
+
+// The default, or half of what the temporary folder's disk could hold for us if that is less.
+uint64_t defaultBudget(uint64_t held) {
+  static const std::string folder = NSFileManager::kc_confstr(kDarwinUserTempDir);
+  struct statvfs disk {};
+  if (folder.empty() || statvfs(folder.c_str(), &disk) != 0) return kDefaultBudget;
+  const uint64_t free = static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize;
+  return std::min(kDefaultBudget, (free + held) / 2);
+}
+
+// A quarter of the descriptors: the rest is for sessions, and for files in use.
+size_t defaultFiles() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kDefaultFiles;
+  return std::min<size_t>(kDefaultFiles, limit.rlim_cur / 4);
+}
+
+}  // namespace
+
+void OmbraFileSystem::setCacheBudget(std::optional<uint64_t> bytes, std::optional<size_t> files) {
+  MutexLock lock(iPropertyLock);
+  iBudgetBytes = bytes;
+  iBudgetFiles = files;
+}
+
+OmbraFileSystem::CacheBudget OmbraFileSystem::cacheBudget() const {
+  MutexLock lock(iPropertyLock);
+  return {iBudgetBytes ? *iBudgetBytes : defaultBudget(iFiles.bytes()),
+          iBudgetFiles ? *iBudgetFiles : defaultFiles()};
+}
+
+bool OmbraFileSystem::isWithin(const CacheBudget& budget) const {
+  return iFiles.bytes() <= budget.bytes && iFiles.count() <= budget.files;
+}
+
+void OmbraFileSystem::trimCache() {
+  OFS_TRACE("-[OmbraFileSystem trimCache]", "");
+  const CacheBudget budget = cacheBudget();
+  if (isWithin(budget)) return;
+  // Somewhat further down than needed, so that not every release has to look at all files.
+  const CacheBudget target{budget.bytes - budget.bytes / 8, budget.files - budget.files / 8};
+  for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) {
+    // Asked without a lock; a use in between shows in the entry's last use.
+    if (entry.uses != 0 || !entry.file->isCovered()) continue;
+    dropFromNode(entry);
+    if (isWithin(target)) return;
+  }
+}
+
+bool OmbraFileSystem::dropFromNode(const OFSNodeFileTable::Entry& entry) {
+  const std::shared_ptr<KCRemoteFileNode> node = entry.node.lock();
+  if (node == nullptr) return iFiles.removeIfUnused(*entry.file, entry.lastUse);
+  // Uses begin under the node's lock, so none begins between the two steps.
+  RecursiveMutexLock lock(node->objectLock());
+  if (!iFiles.removeIfUnused(*entry.file, entry.lastUse)) return false;
+  if (ofs_remoteFile(*node) == entry.file) node->setUserProperty({}, kOFSRemoteFile);
+  return true;
+}
+
+void OmbraFileSystem::forgetFailedContentAtPath(OptionalPath path) {
+  OFS_TRACE("-[OmbraFileSystem forgetFailedContentAtPath:]", "{}", ofs_describe(path));
+  const std::shared_ptr<KCRemoteFileNode> node = path ? _nodeForPath(*path) : nullptr;
+  const std::shared_ptr<OFSRemoteFile> file = node == nullptr ? nullptr : ofs_remoteFile(*node);
+  if (file == nullptr || !file->downloadFailed() || !file->isCovered()) return;
+  {
+    RecursiveMutexLock lock(node->objectLock());
+    if (ofs_remoteFile(*node) != file) return;
+    node->setUserProperty({}, kOFSRemoteFile);
+  }
+  iFiles.detach(*file);
+}
+
+// Below the state folder as below the volume's root, never over an earlier copy. Empty when there is no such
+// place.
+std::string OmbraFileSystem::recoveredPathForPath(std::string_view path) const {
+  const OFSMountPathSource* source = controller();
+  const std::string volume =
+      lastPathComponent(source == nullptr ? "volume" : source->mountPath().value_or("volume"));
+  std::string folder =
+      stringByAppendingPathComponent(NSFileManager::kc_chewableItemsFolderCreate(true), "recovered");
+  folder = stringByAppendingPathComponent(folder, volume);
+  for (const std::string& component : pathComponents(stringByDeletingLastPathComponent(path))) {
+    // Servers do not name entries so; a link of that name out of the folder must not be possible all the
+    // same.
+    if (component == "..") return {};
+    if (component != "/") folder = stringByAppendingPathComponent(folder, component);
+  }
+  NSErrorRef error;
+  if (!NSFileManager::createDirectoryAtPath(folder, true, kRecoveredFolderMode, &error)) return {};
+  const auto taken =
+      NSFileManager::contentsOfDirectoryAtPath(folder, &error).value_or(std::vector<std::string>());
+  return stringByAppendingPathComponent(folder,
+                                        kc_stringUniqueToArray(lastPathComponent(path), taken, std::nullopt));
+}
+
+// Absent when the server has all of the file.
+std::optional<GMUndelivered> OmbraFileSystem::deliver(const std::shared_ptr<OFSRemoteFile>& file) {
+  GMUndelivered undelivered;
+  if (file->synchronize(&undelivered.error)) return std::nullopt;
+  undelivered.path = pathForRemotePath(file->remotePath());
+  const std::string copy = recoveredPathForPath(undelivered.path);
+  if (!copy.empty() && file->saveContentAs(copy)) undelivered.savedAs = copy;
+  const std::string why =
+      undelivered.error == nullptr ? "the server did not say why" : undelivered.error->localizedDescription();
+  NSLog("{} could not be stored on the server ({}); {}", undelivered.path, why,
+        undelivered.savedAs.empty() ? "no copy could be saved either: free some space below the state folder"
+                                    : "a copy is at " + undelivered.savedAs);
+  return undelivered;
+}
+
+std::vector<GMUndelivered> OmbraFileSystem::drainAll() {
+  OFS_TRACE("-[OmbraFileSystem drainAll]", "");
+  const std::vector<OFSNodeFileTable::Entry> entries = iFiles.entries();
+  for (const auto& entry : entries) entry.file->cancelDownload();
+  std::vector<std::shared_ptr<OFSRemoteFile>> unsent;
+  for (const auto& entry : entries) {
+    if (!entry.file->isCovered()) unsent.push_back(entry.file);
+  }
+  return deliverAll(unsent);
+}
+
+// Several at a time, so that one slow file does not keep the others waiting.
+std::vector<GMUndelivered> OmbraFileSystem::deliverAll(
+    const std::vector<std::shared_ptr<OFSRemoteFile>>& files) {
+  std::vector<std::optional<GMUndelivered>> results(files.size());
+  std::atomic<size_t> next{0};
+  const auto work = [this, &files, &results, &next] {
+    for (size_t index = next++; index < files.size(); index = next++) results[index] = deliver(files[index]);
+  };
+  {
+    std::vector<std::jthread> workers;
+    for (size_t count = 1; count < std::min(kDrainThreads, files.size()); ++count) workers.emplace_back(work);
+    work();
+  }
+  std::vector<GMUndelivered> undelivered;
+  for (auto& result : results) {
+    if (result) undelivered.push_back(std::move(*result));
+  }
+  return undelivered;
+}
+
+}  // namespace ombra

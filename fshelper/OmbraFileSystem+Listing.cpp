@@ -1,0 +1,91 @@
+// Listing folders: from the tree while it is fresh, else from the server.
+#include "fshelper/OFSTracing.h"
+#include "fshelper/OmbraFileSystem+Merge.h"
+#include "fshelper/OmbraFileSystem.h"
+#include "fshelper/StAbstractConnection.h"
+#include "platform/foundation/KCStringAdditions.h"
+
+namespace ombra {
+
+std::optional<std::vector<std::string>> OmbraFileSystem::contentsOfDirectoryAtPath(OptionalPath path,
+                                                                                   NSErrorRef* error) {
+  return listFolder(path, error, NameForm::kDecomposed);
+}
+
+std::optional<std::vector<std::string>> OmbraFileSystem::namesAsListedAtPath(OptionalPath path,
+                                                                             NSErrorRef* error) {
+  return listFolder(path, error, NameForm::kAsListed);
+}
+
+std::optional<std::vector<std::string>> OmbraFileSystem::listFolder(OptionalPath path, NSErrorRef* error,
+                                                                    NameForm form) {
+  OFS_TRACE("-[OmbraFileSystem contentsOfDirectoryAtPath:error:]", "{}", ofs_describe(path));
+  if (!path) {
+    OFS_FAIL(error, kEINVAL);
+    return std::nullopt;
+  }
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  StAbstractConnection connection(pool.get(), this);
+  const std::shared_ptr<KCRemoteFileNode> node = nodeForPath(*path);
+  if (isFresh(node)) return cachedNames(*node, form);
+  return fetchFolder(connection, *path, node, error, form);
+}
+
+bool OmbraFileSystem::isFresh(const std::shared_ptr<KCRemoteFileNode>& node) const {
+  if (node == nullptr || node->isExpired()) return false;
+  const auto date = ofs_property<NSDate>(*node, kOFSExpirationDate);
+  if (!date) return false;
+  const NSDate now = NSDate::date();
+  if (now.timeIntervalSinceDate(*date) < refreshInterval()) return true;
+  // Set before the server is asked, so that of many readers of an old listing one fetches the next.
+  node->setUserProperty(now, kOFSExpirationDate);
+  return false;
+}
+
+// Absent, without an error, for a folder whose one fetch failed.
+std::optional<std::vector<std::string>> OmbraFileSystem::cachedNames(const KCRemoteFileNode& node,
+                                                                     NameForm form) const {
+  RecursiveMutexLock lock(node.objectLock());
+  const std::shared_ptr<OFSNodeSet> contents = ofs_contentsSet(node);
+  if (contents == nullptr) return std::nullopt;
+  std::vector<std::string> names;
+  names.reserve(contents->count());
+  for (const auto& child : *contents) {
+    std::string name = child->displayName();
+    names.push_back(form == NameForm::kAsListed ? std::move(name)
+                                                : decomposedStringWithCanonicalMapping(name));
+  }
+  return names;
+}
+
+std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
+    StAbstractConnection& connection, std::string_view path, const std::shared_ptr<KCRemoteFileNode>& node,
+    NSErrorRef* error, NameForm form) {
+  const std::string remotePath = remotePathForPath(path);
+  // A path that no node stands for is listed all the same; nothing of it is kept.
+  const std::shared_ptr<KCRemoteFileNode> folder =
+      node != nullptr ? node : KCRemoteFolderNode::folderNodeWithPath(remotePath, credentials());
+  Merge merge(*this, connection, folder, form);
+  std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+  NSErrorRef underlying;
+  const bool isListed = connection->contentsAtPath(remotePath, &nodes, &underlying);
+  if (isListed) {
+    merge.run(nodes);
+  } else {
+    OFS_FAIL(error, kENOENT, underlying);
+  }
+  // A failure counts as a fetch as well: until the listing is due again, what was known is answered. But a
+  // listing that left the server before a change made here is out of date already.
+  folder->setExpired(iChanges.endFetch(*folder, merge.mark()));
+  folder->setUserProperty(NSDate::date(), kOFSExpirationDate);
+  if (!isListed) return std::nullopt;
+  if (merge.hasNews()) invalidateDirectory(path);
+  return merge.takeNames();
+}
+
+void OmbraFileSystem::invalidateDirectory(std::string_view path) const {
+  GMUserFileSystemInvalidation* invalidation = iInvalidation.load();
+  if (invalidation != nullptr) invalidation->invalidateDirectoryAtPath(path);
+}
+
+}  // namespace ombra

@@ -1,0 +1,56 @@
+// One fetched listing on its way into the tree.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "fshelper/OmbraFileSystem.h"
+#include "fshelper/StAbstractConnection.h"
+
+namespace ombra {
+
+// Replaces a folder's children by what the server listed: known items keep their nodes, links out of the
+// volume become what they lead to. Made before the server is asked, used on one thread.
+class OmbraFileSystem::Merge {
+ public:
+  Merge(OmbraFileSystem& fileSystem, StAbstractConnection& connection,
+        std::shared_ptr<KCRemoteFileNode> folder, NameForm form);
+
+  // Takes the folder's lock. With it held the server is called for links, whose entries could otherwise
+  // change hands between their resolution and the new child set.
+  void run(const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes);
+
+  // Where in the order of this process's own changes the fetch began.
+  uint64_t mark() const { return iMark; }
+  // Whether entries came or went that the kernel did not ask for itself.
+  bool hasNews() const { return iHasNews; }
+  // The answer: in the listing's order, decomposed or as listed (then each once).
+  std::vector<std::string> takeNames() { return std::move(iNames); }
+
+ private:
+  using Node = std::shared_ptr<KCRemoteFileNode>;
+
+  void mergeNode(Node node, const OFSNodeSet* old, OFSNodeSet& contents);
+  std::vector<Node> keepOrLeave(const OFSNodeSet& old, OFSNodeSet& contents);
+  void forget(const std::vector<Node>& gone);
+
+  Node resolved(const Node& link);
+  Node nodeOutside(const Node& link, const std::string& target, bool isDirectory);
+  std::optional<uint64_t> sizeOfItem(const std::string& path);
+
+  OmbraFileSystem& iFileSystem;
+  StAbstractConnection& iConnection;
+  const Node iFolder;
+  const NameForm iForm;
+  const uint64_t iMark;
+  bool iHasNews = false;
+  std::vector<std::string> iNames;
+  // Sizes of the entries of folders outside the volume, each folder listed once per merge.
+  std::map<std::string, std::map<std::string, std::optional<uint64_t>>> iOutside;
+};
+
+}  // namespace ombra
