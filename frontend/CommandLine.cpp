@@ -1,0 +1,201 @@
+#include "frontend/CommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <functional>
+
+#include "frontend/Commands.h"
+#include "platform/foundation/NSUnarchiver.h"
+
+#ifndef OMBRA_VERSION
+#define OMBRA_VERSION "unknown"
+#endif
+
+namespace ombra {
+
+namespace {
+
+constexpr const char* kFooter = R"(Examples:
+  ombra sample                             a folder to try it with; no server needed
+  ombra mount sftp://anna@nas.local/photos
+  ombra list
+  ombra unmount photos
+
+Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not found or not mounted, 4 login refused, 5 server's key not trusted,
+6 this machine cannot mount, 7 volume in use, 130 stopped by Ctrl-C.)";
+
+constexpr const char* kMountFooter = R"(URLs:
+  sftp://[user@]host[:port]          the folder that the login lands in
+  sftp://[user@]host[:port]/path     an absolute path
+  sftp://[user@]host[:port]/~/path   a path below the login folder
+  file:///path                       a folder of this machine
+Write special characters as %XX, a blank as %20. The host may be an alias of ~/.ssh/config.
+
+Examples:
+  ombra mount sftp://anna@nas.local/~/photos --name Photos
+  ombra mount sftp://backup@example.org:2222/srv --identity ~/.ssh/backup
+  ombra mount sftp://anna@nas.local --password-file ~/.nas-password --accept-new --json
+  ombra mount file:///srv/shared)";
+
+constexpr const char* kUnmountFooter = R"(Waits until everything written has reached the server.
+
+Examples:
+  ombra unmount Photos
+  ombra unmount /Volumes/Photos
+  ombra unmount --all
+  ombra unmount Photos --force     when the server is gone: what has not arrived there is given up)";
+
+class CommandLine {
+ public:
+  CommandLine() : iApp("Mounts folders of servers as disks below /Volumes.", "ombra") {
+    iApp.require_subcommand(1);
+    iApp.set_version_flag("--version", "ombra " OMBRA_VERSION);
+    iApp.footer(kFooter);
+    addMount();
+    addSample();
+    addList();
+    addUnmount();
+    addRefresh();
+    addLogs();
+    addDefaults();
+  }
+  ~CommandLine() { wipe(iMount.url); }
+  CommandLine(const CommandLine&) = delete;
+  CommandLine& operator=(const CommandLine&) = delete;
+
+  int run(std::vector<std::string> arguments) {
+    // The parser takes them in reverse, without the program's name.
+    arguments.erase(arguments.begin());
+    std::reverse(arguments.begin(), arguments.end());
+    try {
+      iApp.parse(std::move(arguments));
+    } catch (const CLI::ParseError& error) {
+      // Help and version are not failures; everything else is one of usage.
+      return iApp.exit(error) == 0 ? kExitSuccess : kExitUsage;
+    }
+    return iRun();
+  }
+
+ private:
+  CLI::App* add(const char* name, const char* description, std::string footer, std::function<int()> run) {
+    CLI::App* command = iApp.add_subcommand(name, description);
+    command->footer(std::move(footer));
+    command->callback([this, run = std::move(run)] { iRun = run; });
+    return command;
+  }
+
+  void addJSON(CLI::App* command) {
+    command->add_flag("--json", iOutput.json, "Print the result as one JSON object");
+  }
+
+  static void addVolumeOptions(CLI::App* command, VolumeOptions* options) {
+    command->add_option("--name", options->name, "The volume's name (default: the server's address)");
+    command->add_option("--icon", options->icon, "An icon for the volume");
+    command->add_option(
+        "--passthrough", options->passthrough,
+        "An identifier; a second mount with it finds the first one instead of mounting again");
+    command->add_flag("--foreground", options->foreground,
+                      "Stay until the volume is unmounted; Ctrl-C unmounts it");
+  }
+
+  void addMount() {
+    CLI::App* command = add("mount", "Mount a folder of a server", kMountFooter,
+                            [this] { return runMount(iMount, iOutput); });
+    command->add_option("URL", iMount.url, "The folder to mount")->required();
+    addVolumeOptions(command, &iMount.volume);
+    command->add_option("--identity", iMount.login.identity, "The file of the private key to log in with");
+    command->add_option("--password-file", iMount.login.passwordFile,
+                        "A file that holds the password on one line");
+    command->add_flag("--ask-password", iMount.login.askPassword,
+                      "Ask for the password even when there are keys");
+    command->add_flag(
+        "--accept-new", iMount.acceptNew,
+        "Trust and remember the key of a server that is not known yet; a changed key is always refused");
+    addJSON(command);
+  }
+
+  void addSample() {
+    CLI::App* command = add("sample", "Mount a sample folder; needs no server, no password and no network",
+                            "Example:\n  ombra sample && ls \"/Volumes/Ombra Sample\"",
+                            [this] { return runSample(iSample, iOutput); });
+    addVolumeOptions(command, &iSample);
+    addJSON(command);
+  }
+
+  void addList() {
+    addJSON(add("list", "Show the mounted volumes", "Examples:\n  ombra list\n  ombra list --json",
+                [this] { return runList(iOutput); }));
+  }
+
+  void addUnmount() {
+    CLI::App* command =
+        add("unmount", "Unmount volumes", kUnmountFooter, [this] { return runUnmountChecked(); });
+    command->add_option("VOLUME", iUnmount.targets, "Names or mount paths");
+    command->add_flag("--all", iUnmount.all, "All volumes");
+    command->add_flag("--force", iUnmount.force,
+                      "Do not wait for the server, nor for programs that use the volume");
+    addJSON(command);
+  }
+
+  int runUnmountChecked() {
+    if (iUnmount.all == iUnmount.targets.empty()) return runUnmount(iUnmount, iOutput);
+    return iOutput.fail({kExitUsage,
+                         iUnmount.all ? "Either name volumes or use --all." : "No volume was named.", "",
+                         "See: ombra unmount --help"});
+  }
+
+  void addRefresh() {
+    CLI::App* command = add("refresh", "Look at folders again that changed on the server",
+                            "Example:\n  ombra refresh /Volumes/Photos/2024",
+                            [this] { return runRefresh(iRefresh, iOutput); });
+    command->add_option("PATH", iRefresh, "Folders of mounted volumes")->required();
+  }
+
+  void addLogs() {
+    CLI::App* command = add("logs", "Print the newest log of a volume",
+                            "Examples:\n  ombra logs Photos\n  ombra logs Photos --transcript --follow",
+                            [this] { return runLogs(iLogs, iOutput); });
+    command->add_option("NAME", iLogs.name, "The volume's name or mount path")->required();
+    command->add_flag("--transcript", iLogs.transcript,
+                      "The conversation with the server instead of the messages");
+    command->add_flag("--follow,-f", iLogs.follow, "Go on with what is added, until Ctrl-C");
+  }
+
+  void addDefaults() {
+    CLI::App* command = iApp.add_subcommand("defaults", "Show and change settings of the helpers");
+    command->require_subcommand(1);
+    command->footer(
+        "Settings, each true or false:\n"
+        "  TracingEnabled       log each operation with its arguments\n"
+        "  DebugLogging         log errors and the mount's own messages\n"
+        "  UseVerboseLogging    a fuller transcript\n"
+        "  MountAtRemoteRoot    show the whole server and open the folder of the URL in it\n\n"
+        "Examples:\n  ombra defaults get\n  ombra defaults set DebugLogging true\n  ombra defaults set "
+        "DebugLogging");
+    CLI::App* get = command->add_subcommand("get", "Print a setting, or all");
+    get->add_option("KEY", iKey, "The setting");
+    addJSON(get);
+    get->callback([this] { iRun = [this] { return runDefaultsGet(iKey, iOutput); }; });
+    CLI::App* set = command->add_subcommand("set", "Change a setting; without a value, remove it");
+    set->add_option("KEY", iKey, "The setting")->required();
+    set->add_option("VALUE", iValue, "true, false, a number or a text");
+    set->callback([this] { iRun = [this] { return runDefaultsSet(*iKey, iValue, iOutput); }; });
+  }
+
+  CLI::App iApp;
+  std::function<int()> iRun;
+  Output iOutput;
+  MountOptions iMount;
+  VolumeOptions iSample;
+  UnmountOptions iUnmount;
+  std::vector<std::string> iRefresh;
+  LogsOptions iLogs;
+  std::optional<std::string> iKey;
+  std::optional<std::string> iValue;
+};
+
+}  // namespace
+
+int runCommandLine(std::vector<std::string> arguments) { return CommandLine().run(std::move(arguments)); }
+
+}  // namespace ombra

@@ -1,0 +1,76 @@
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+
+#include "frontend/Commands.h"
+#include "frontend/Volumes.h"
+
+namespace ombra {
+
+namespace {
+
+using Row = std::array<std::string, 5>;
+
+// The width that a text takes, with one column per character: enough to line columns up.
+size_t widthOf(const std::string& text) {
+  return static_cast<size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+Row rowOf(const Volume& volume) {
+  return {printable(volume.name), printable(volume.mountPath.empty() ? "-" : volume.mountPath),
+          printable(volume.server()), printable(volume.protocol), printable(volume.state)};
+}
+
+void tellTable(const std::vector<Volume>& volumes, const Output& output) {
+  std::vector<Row> rows{{"NAME", "MOUNTED AT", "SERVER", "PROTOCOL", "STATE"}};
+  std::transform(volumes.begin(), volumes.end(), std::back_inserter(rows), rowOf);
+  std::array<size_t, std::tuple_size_v<Row>> widths{};
+  for (const Row& row : rows) {
+    for (size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], widthOf(row[i]));
+  }
+  for (const Row& row : rows) {
+    std::string line;
+    for (size_t i = 0; i < row.size(); ++i) {
+      line += row[i];
+      if (i + 1 < row.size()) line += std::string(widths[i] - widthOf(row[i]) + 2, ' ');
+    }
+    output.result(line);
+  }
+}
+
+// The helper's own words, completed by what the kernel shows.
+nlohmann::json objectOf(const Volume& volume) {
+  nlohmann::json object = nlohmann::json::parse(volume.statusJSON, nullptr, false);
+  if (!object.is_object()) object = nlohmann::json::object();
+  object["volumeName"] = volume.name;
+  object["mountPath"] = volume.mountPath;
+  object["protocol"] = volume.protocol;
+  object["username"] = volume.username;
+  object["address"] = volume.address;
+  object["state"] = volume.state;
+  object["mounted"] = volume.mounted;
+  object["pid"] = volume.pid;
+  return object;
+}
+
+}  // namespace
+
+int runList(const Output& output) {
+  const std::vector<Volume> volumes = currentVolumes();
+  if (output.json) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const Volume& volume : volumes) list.push_back(objectOf(volume));
+    output.result(
+        nlohmann::json{{"volumes", list}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  } else if (volumes.empty()) {
+    output.remark("Nothing is mounted. To mount a folder: ombra mount URL");
+  } else {
+    tellTable(volumes, output);
+  }
+  return kExitSuccess;
+}
+
+}  // namespace ombra

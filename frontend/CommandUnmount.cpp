@@ -1,0 +1,78 @@
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "frontend/Commands.h"
+#include "frontend/Spinner.h"
+#include "frontend/UnmountVolume.h"
+#include "frontend/Volumes.h"
+
+namespace ombra {
+
+namespace {
+
+class UnmountCommand {
+ public:
+  UnmountCommand(const UnmountOptions& options, const Output& output)
+      : iOptions(options), iOutput(output), iSpinner(output.err, !output.json) {}
+
+  int run() {
+    const std::vector<Volume> volumes = currentVolumes();
+    if (iOptions.all) {
+      for (const Volume& volume : volumes) unmount(volume);
+    } else {
+      for (const std::string& target : iOptions.targets) unmountTarget(volumes, target);
+    }
+    if (iOutput.json) iOutput.result(nlohmann::json{{"unmounted", iUnmounted}}.dump());
+    return iCode;
+  }
+
+ private:
+  void unmountTarget(const std::vector<Volume>& volumes, const std::string& target) {
+    Failure failure;
+    const Volume* volume = findVolume(volumes, target, currentFolder(), &failure);
+    if (volume == nullptr) {
+      note(failure);
+    } else {
+      unmount(*volume);
+    }
+  }
+
+  void unmount(const Volume& volume) {
+    if (iInterruption.requested()) return;
+    Failure failure;
+    // A helper whose mount is gone already is only waited for.
+    const bool force = iOptions.force || volume.state == "dead";
+    iSpinner.setText("Unmounting " + volume.name);
+    const auto control = systemVolumeControl(volume, iInterruption, [this] { iSpinner.tick(); });
+    const bool done = unmountVolume(*control, volume.name, force, {}, &failure);
+    iSpinner.clear();
+    if (!done) {
+      note(failure);
+      return;
+    }
+    iUnmounted.push_back(printable(volume.mountPath));
+    iOutput.remark(fmt::format("{} is unmounted.", inQuotes(volume.name)));
+  }
+
+  // The first failure decides the exit code; the other volumes are still seen to.
+  void note(const Failure& failure) {
+    const int code = Output{iOutput.out, iOutput.err, false}.fail(failure);
+    if (iCode == kExitSuccess) iCode = code;
+  }
+
+  const UnmountOptions& iOptions;
+  const Output& iOutput;
+  const Interruption iInterruption;
+  Spinner iSpinner;
+  std::vector<std::string> iUnmounted;
+  int iCode = kExitSuccess;
+};
+
+}  // namespace
+
+int runUnmount(const UnmountOptions& options, const Output& output) {
+  return UnmountCommand(options, output).run();
+}
+
+}  // namespace ombra

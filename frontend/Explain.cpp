@@ -1,0 +1,145 @@
+#include "frontend/Explain.h"
+
+#include <fmt/format.h>
+
+#include "platform/foundation/NSFileManager.h"
+#include "platform/userfs/GMUserFileSystem.h"
+#include "remote/QuarnKitError.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr int kMaximumChain = 16;
+
+// The first error of the chain that `matches`; null when none does.
+template <typename Predicate>
+NSErrorRef findInChain(NSErrorRef error, Predicate matches) {
+  for (int depth = 0; error && depth < kMaximumChain; ++depth) {
+    if (matches(*error)) return error;
+    error = error->underlyingError();
+  }
+  return nullptr;
+}
+
+NSErrorRef libraryError(const NSErrorRef& error) {
+  return findInChain(error,
+                     [](const NSError& candidate) { return candidate.domain() == kQuarnKitErrorDomain; });
+}
+
+NSErrorRef mountError(const NSErrorRef& error) {
+  return findInChain(
+      error, [](const NSError& candidate) { return candidate.domain() == kGMUserFileSystemErrorDomain; });
+}
+
+// The words of the error and of what lies beneath it, each once.
+std::string reasonOf(const NSErrorRef& error) {
+  std::string result;
+  NSErrorRef current = error;
+  for (int depth = 0; current && depth < kMaximumChain; ++depth) {
+    const std::string text = current->localizedDescription();
+    if (result.find(text) == std::string::npos) result += (result.empty() ? "" : ": ") + text;
+    current = current->underlyingError();
+  }
+  return result;
+}
+
+std::string serverOf(const ErrorContext& context) {
+  if (context.address.empty()) return "the server";
+  return inQuotes(context.port == 0 ? context.address : fmt::format("{}:{}", context.address, context.port));
+}
+
+std::string loginOf(const ErrorContext& context) {
+  if (context.username.empty() || context.address.empty()) return serverOf(context);
+  return inQuotes(context.username + "@" + context.address);
+}
+
+Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context) {
+  const std::string why = reasonOf(error);
+  const std::string server = serverOf(context);
+  const std::string folder =
+      context.path.empty() ? "The start folder" : "The folder " + inQuotes(context.path);
+  switch (error->code()) {
+    case kQuarnKitCouldNotResolveHost:
+      return {
+          kExitFailure,
+          fmt::format("{} was not found.", server == "the server" ? "The server" : "The server " + server),
+          why, "Check the host name in the URL and the network connection."};
+    case kQuarnKitCouldNotConnect:
+      return {kExitFailure, fmt::format("Could not connect to {}.", server), why,
+              "Check that the server runs, that the port is right, and that no firewall is in the way."};
+    case kQuarnKitLoginFailed:
+      return {kExitLoginRefused, fmt::format("The login at {} was refused.", loginOf(context)), why,
+              "Check the user name; give a password with --ask-password or --password-file, or a key with "
+              "--identity."};
+    case kQuarnKitUntrusted:
+      return {kExitHostKey, fmt::format("{} shows another key than the one that is trusted.", server), why,
+              "Ask its administrator for the fingerprint before you log in there."};
+    case kQuarnKitNoSuchItem:
+      return {kExitNotFound, fmt::format("{} does not exist on {}.", folder, server), why,
+              "Check the path in the URL."};
+    case kQuarnKitNotAFolder:
+      return {kExitNotFound, fmt::format("{} on {} is not a folder.", folder, server), why,
+              "Check the path in the URL."};
+    case kQuarnKitListingNotPermitted:
+    case kQuarnKitPermissionDenied:
+      return {kExitFailure, fmt::format("{} on {} may not be read by this user.", folder, server), why,
+              "Name a folder that you may read, or log in as another user."};
+    case kQuarnKitTimedOut:
+    case kQuarnKitConnectionLost:
+      return {kExitFailure, fmt::format("The connection to {} broke off.", server), why, "Try again."};
+    case kQuarnKitTooManyConnections:
+      return {kExitFailure, fmt::format("{} takes no further connections now.", server), why,
+              "Try again in a minute."};
+    case kQuarnKitLockFailed:
+      return {kExitFailure,
+              fmt::format("The lock of the identifier {} could not be taken.", inQuotes(context.passthrough)),
+              why,
+              fmt::format("Look at the file {}/OmbraFS.{}.pid.",
+                          NSFileManager::kc_confstr(kDarwinUserTempDir), context.passthrough)};
+    default:
+      return {kExitFailure, "The volume could not be mounted.", why, "The log has more: ombra logs NAME."};
+  }
+}
+
+Failure explainMountError(const NSErrorRef& error) {
+  const std::string why = reasonOf(error);
+  switch (error->code()) {
+    case kGMNoFuseDevice:
+      return {kExitCannotMount,
+              "This machine cannot mount: the device /dev/fuse is missing or may not be opened.", why,
+              "As root: apt install fuse3 && modprobe fuse. In a container, pass --device /dev/fuse "
+              "--cap-add SYS_ADMIN."};
+    case kGMMountPointMissing:
+      return {kExitCannotMount, "The folder “/Volumes” is missing or may not be written.", why,
+              "Run: sudo install -d -m 1777 /Volumes"};
+    case kGMMountPointInUse:
+      return {kExitCannotMount, "The mount point is in use.", why, "Give another name with --name."};
+    case kGMMountPointInvalid:
+      return {kExitCannotMount, "The mount point is not a plain folder below “/Volumes”.", why,
+              "Give another name with --name."};
+    default:
+      return {kExitCannotMount, "The system refused the mount.", why,
+              "Check that fusermount3 (package fuse3) is installed and may be used."};
+  }
+}
+
+}  // namespace
+
+Failure explainError(const NSErrorRef& error, const ErrorContext& context) {
+  if (const NSErrorRef mount = mountError(error)) return explainMountError(mount);
+  if (const NSErrorRef library = libraryError(error)) return explainLibraryError(library, context);
+  Failure failure{kExitFailure, "The volume could not be mounted.", error ? reasonOf(error) : "",
+                  "The log has more: ombra logs NAME."};
+  if (error && error->domain() == NSPOSIXErrorDomain && error->code() == kENODEV) {
+    failure.todo = "Check that the server can be reached; the log has more: ombra logs NAME.";
+  }
+  return failure;
+}
+
+int64_t libraryCode(const NSErrorRef& error) {
+  const NSErrorRef library = libraryError(error);
+  return library ? library->code() : 0;
+}
+
+}  // namespace ombra

@@ -1,0 +1,42 @@
+// The logs that helpers keep of their volumes.
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "frontend/Failure.h"
+#include "frontend/Interruption.h"
+
+namespace ombra {
+
+enum class LogKind { kConsole, kTranscript };
+
+struct HelperLog {
+  std::string path;
+  std::string volumeName;
+  std::string date;  // "2024-05-14-093000"
+  LogKind kind = LogKind::kConsole;
+};
+
+// What a log's file name says; absent for other files. The volume's name may hold underscores itself.
+std::optional<HelperLog> parseLogName(std::string_view filename);
+
+// The folder of all logs.
+std::string helperLogsFolder();
+
+// The newest log of that kind and volume in `folder`; names are compared as file names are, after the
+// replacements that helpers make in them. Absent when there is none.
+std::optional<HelperLog> newestLog(const std::string& folder, std::string_view volumeName, LogKind kind);
+
+// The names of all volumes that have logs in `folder`, sorted.
+std::vector<std::string> volumesWithLogs(const std::string& folder);
+
+// Hands the content of a log to `sink` in pieces and, with `follow`, what is added to it until interrupted.
+// False with the failure filled when it cannot be read.
+bool readLog(const std::string& path, bool follow, const Interruption& interruption,
+             const std::function<bool(std::string_view)>& sink, Failure* failure);
+
+}  // namespace ombra

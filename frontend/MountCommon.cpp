@@ -1,0 +1,143 @@
+#include "frontend/MountCommon.h"
+
+#include <fmt/format.h>
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "frontend/SessionBus.h"
+#include "frontend/UnmountVolume.h"
+#include "frontend/Volumes.h"
+#include "frontend/VolumesFolder.h"
+#include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSProcessInfo.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr size_t kMaximumName = 200;  // leaves room for what makes a name unique, and for a log's date
+
+bool isPlainName(std::string_view name) {
+  return name.size() <= kMaximumName && isValidUTF8(name) &&
+         std::none_of(name.begin(), name.end(),
+                      [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
+}
+
+bool refuseOption(std::string what, std::string why, Failure* failure) {
+  *failure = {kExitUsage, std::move(what), std::move(why), "See: ombra mount --help"};
+  return false;
+}
+
+std::string openPath(const MountResult& result) {
+  if (result.rootPath.empty() || result.rootPath == "/") return result.mountPath;
+  return stringByAppendingPathComponent(result.mountPath, result.rootPath);
+}
+
+void tellMounted(const MountResult& result, const Output& output) {
+  if (output.json) {
+    const nlohmann::json object = {{"volumeName", result.volumeName},
+                                   {"mountPath", result.mountPath},
+                                   {"openPath", openPath(result)},
+                                   {"address", result.address},
+                                   {"registeredName", result.registeredName},
+                                   {"pid", result.pid},
+                                   {"alreadyMounted", result.alreadyMounted}};
+    output.result(object.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    return;
+  }
+  if (isatty(fileno(output.out)) != 1) {
+    output.result(result.mountPath);
+    return;
+  }
+  output.remark(fmt::format("{} {} mounted at {}", inQuotes(result.volumeName),
+                            result.alreadyMounted ? "was already" : "is", printable(result.mountPath)));
+  if (openPath(result) != result.mountPath) output.remark("The folder is at " + printable(openPath(result)));
+  output.remark("To unmount: ombra unmount " + shellQuoted(result.mountPath));
+}
+
+// Ctrl-C in the foreground takes the volume away.
+int unmountInForeground(const MountResult& result, const Output& output) {
+  const Interruption again;
+  Volume volume;
+  for (Volume& candidate : currentVolumes()) {
+    if (candidate.mountPath == result.mountPath) volume = std::move(candidate);
+  }
+  if (volume.mountPath.empty()) return kExitSuccess;
+  volume.pid = result.pid;
+  Failure failure;
+  Spinner spinner(output.err, !output.json);
+  spinner.setText("Unmounting " + volume.name);
+  const auto control = systemVolumeControl(volume, again, [&spinner] { spinner.tick(); });
+  const bool done = unmountVolume(*control, volume.name, false, {}, &failure);
+  spinner.clear();
+  return done ? kExitSuccess : output.fail(failure);
+}
+
+}  // namespace
+
+bool checkVolumeOptions(VolumeOptions* options, Failure* failure) {
+  if (options->name) {
+    const std::string& name = *options->name;
+    if (name.empty() || name == "." || name == ".." || !isPlainName(name)) {
+      return refuseOption(fmt::format("The name {} cannot be a volume's name.", inQuotes(name)),
+                          "It must be 1 to 200 bytes of text without control characters.", failure);
+    }
+  }
+  if (options->passthrough) {
+    // It becomes part of a file's name.
+    if (!isPlainName(*options->passthrough) || options->passthrough->find('/') != std::string::npos) {
+      return refuseOption(
+          fmt::format("{} cannot be a pass-through identifier.", inQuotes(*options->passthrough)),
+          "It must be at most 200 bytes of text without “/” and control characters.", failure);
+    }
+  }
+  if (options->icon) {
+    options->icon = absolutePath(*options->icon, currentFolder());
+    struct stat status {};
+    if (stat(options->icon->c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
+        access(options->icon->c_str(), R_OK) != 0) {
+      return refuseOption(fmt::format("The icon {} cannot be read.", inQuotes(*options->icon)), "", failure);
+    }
+  }
+  return true;
+}
+
+std::optional<std::string> prepareMachine(Failure* failure) {
+  const std::string helper = helperPathForCommand(NSProcessInfo::executablePath());
+  if (access(helper.c_str(), X_OK) != 0) {
+    *failure = {kExitCannotMount, fmt::format("The helper {} is missing.", inQuotes(helper)), "",
+                "Install the program again."};
+    return std::nullopt;
+  }
+  if (!ensureVolumesFolder(std::string(kVolumesFolder), failure) || !SessionBus::ensure(failure))
+    return std::nullopt;
+  return helper;
+}
+
+int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const VolumeOptions& options,
+                 const std::string& helper, const Interruption& interruption, const Output& output,
+                 const MountRetry& retry) {
+  Spinner spinner(output.err, !output.json);
+  const MountRequest request{helper, credentials, options.name, options.icon, options.passthrough};
+  while (true) {
+    MountVolume mount(request, {}, interruption, spinner);
+    MountResult result = mount.run();
+    if (!result.mounted) {
+      if (!interruption.requested() && retry && retry(&result)) continue;
+      return output.fail(result.failure);
+    }
+    tellMounted(result, output);
+    if (!options.foreground || result.alreadyMounted || mount.waitUntilUnmounted()) return kExitSuccess;
+    return unmountInForeground(result, output);
+  }
+}
+
+std::string currentUserName() {
+  const passwd* user = getpwuid(geteuid());
+  return user == nullptr ? fmt::format("{}", geteuid()) : std::string(user->pw_name);
+}
+
+}  // namespace ombra

@@ -1,0 +1,183 @@
+#include "frontend/MountVolume.h"
+
+#include <fmt/format.h>
+
+#include "frontend/CredentialSocket.h"
+#include "frontend/Deadline.h"
+#include "frontend/Explain.h"
+#include "frontend/Volumes.h"
+#include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSUnarchiver.h"
+#include "remote/KCUUID.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr int kTickMilliseconds = 100;
+// What a helper sent before it ended may still be on its way through the bus.
+constexpr int kLastAnnouncementMilliseconds = 1000;
+
+// An archive with secrets in it, wiped when it is no longer needed.
+struct Archive {
+  NSData data;
+  explicit Archive(NSData bytes) : data(std::move(bytes)) {}
+  ~Archive() { wipe(data); }
+  Archive(const Archive&) = delete;
+  Archive& operator=(const Archive&) = delete;
+};
+
+// Where the volume of a pass-through identifier is mounted already.
+void fillFromExistingVolume(const std::string& identifier, MountResult* result) {
+  for (const Volume& volume : currentVolumes()) {
+    if (volume.identifier != identifier) continue;
+    result->mountPath = volume.mountPath;
+    result->volumeName = volume.name;
+    result->address = volume.address;
+    result->registeredName = volume.registeredName;
+    result->pid = volume.pid;
+  }
+}
+
+}  // namespace
+
+MountVolume::MountVolume(MountRequest request, const MountLimits& limits, const Interruption& interruption,
+                         Spinner& spinner)
+    : iRequest(std::move(request)),
+      iLimits(limits),
+      iInterruption(interruption),
+      iSpinner(spinner),
+      iRegisteredName(KCUUID::UUID().stringValue()),
+      iAnnouncements(iRegisteredName) {}
+
+MountVolume::~MountVolume() = default;
+
+MountResult MountVolume::run() {
+  iSpinner.setText("Mounting " + (iRequest.name ? *iRequest.name : iRequest.credentials->address()));
+  MountResult result = handOff();
+  iSpinner.clear();
+  return result;
+}
+
+MountResult MountVolume::handOff() {
+  Failure failure;
+  const auto socket = CredentialSocket::create(&failure);
+  if (!socket) return failed(failure);
+  const HelperArguments arguments{socket->path(), iRegisteredName, iRequest.name, iRequest.icon,
+                                  iRequest.passthrough};
+  iHelper = HelperProcess::start(iRequest.helper, arguments, &failure);
+  if (!iHelper) return failed(failure);
+  const Archive archive(iRequest.credentials->archivedData());
+  const auto handed = socket->serve({.registeredName = iRegisteredName,
+                                     .archive = archive.data,
+                                     .helperFd = iHelper->fd(),
+                                     .interruptionFd = iInterruption.fd(),
+                                     .limit = iLimits.handOff,
+                                     .perConnectionLimit = std::chrono::seconds(5),
+                                     .isAllowed = {}});
+  socket->remove();
+  switch (handed) {
+    case CredentialSocket::Result::kServed:
+    case CredentialSocket::Result::kHelperEnded:
+      return awaitAnnouncement();
+    case CredentialSocket::Result::kInterrupted:
+      return interrupted();
+    case CredentialSocket::Result::kTimedOut:
+    case CredentialSocket::Result::kFailed:
+      break;
+  }
+  stopHelper();
+  return failed({kExitFailure, "The helper did not fetch its credentials.", sentence(iHelper->lastWords()),
+                 "Try again."});
+}
+
+MountResult MountVolume::awaitAnnouncement() {
+  const Deadline deadline(iLimits.mount);
+  while (!deadline.passed()) {
+    const bool ended = iHelper->hasEnded();
+    const auto announcement = iAnnouncements.next(ended ? kLastAnnouncementMilliseconds : kTickMilliseconds);
+    if (announcement) {
+      if (auto result = resultOf(*announcement)) return *result;
+    } else if (ended) {
+      return helperEnded();
+    }
+    if (iInterruption.requested()) return interrupted();
+    iSpinner.tick();
+  }
+  stopHelper();
+  return failed({kExitFailure, "The volume could not be mounted.",
+                 fmt::format("The helper said nothing for {} seconds.", iLimits.mount.count() / 1000),
+                 "The log has more: ombra logs NAME"});
+}
+
+std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announcement) {
+  switch (announcement.kind) {
+    case MountAnnouncement::Kind::kDidMount:
+    case MountAnnouncement::Kind::kAlreadyMounted:
+      return announced(announcement);
+    case MountAnnouncement::Kind::kDidUnmount:
+      return helperEnded();
+    case MountAnnouncement::Kind::kMountFailed:
+      break;
+  }
+  // Its helper announces the unmount and ends; a second attempt must not meet it.
+  iHelper->waitForEnd(static_cast<int>(iLimits.end.count()));
+  const KCCredentials& credentials = *iRequest.credentials;
+  return failed(explainError(announcement.error, {.address = credentials.address(),
+                                                  .port = credentials.port(),
+                                                  .username = credentials.username().value_or(""),
+                                                  .path = credentials.initialPath().value_or(""),
+                                                  .passthrough = iRequest.passthrough.value_or("")}),
+                announcement.error);
+}
+
+MountResult MountVolume::announced(const MountAnnouncement& announcement) {
+  MountResult result;
+  result.mounted = true;
+  result.registeredName = iRegisteredName;
+  result.volumeName = announcement.volumeName;
+  result.mountPath = announcement.mountPath;
+  result.rootPath = announcement.rootPath;
+  result.address = announcement.address;
+  result.pid = iHelper->pid();
+  if (announcement.kind == MountAnnouncement::Kind::kAlreadyMounted) {
+    result.alreadyMounted = true;
+    result.pid = 0;
+    fillFromExistingVolume(announcement.passthrough.value_or(""), &result);
+  }
+  return result;
+}
+
+MountResult MountVolume::failed(Failure failure, NSErrorRef error) {
+  MountResult result;
+  result.failure = std::move(failure);
+  result.error = std::move(error);
+  return result;
+}
+
+MountResult MountVolume::helperEnded() {
+  return failed({kExitFailure, "The helper ended before anything was mounted.",
+                 sentence(iHelper->lastWords()), "The log has more: ombra logs NAME"});
+}
+
+MountResult MountVolume::interrupted() {
+  stopHelper();
+  return failed({static_cast<ExitCode>(iInterruption.exitCode()), "Stopped; nothing is mounted.", "", ""});
+}
+
+void MountVolume::stopHelper() {
+  iHelper->terminate();
+  if (iHelper->waitForEnd(static_cast<int>(iLimits.end.count()))) return;
+  iHelper->kill();
+  iHelper->waitForEnd(static_cast<int>(iLimits.end.count()));
+}
+
+bool MountVolume::waitUntilUnmounted() {
+  while (!iHelper->hasEnded()) {
+    if (iInterruption.requested()) return false;
+    iAnnouncements.next(kTickMilliseconds);
+  }
+  return true;
+}
+
+}  // namespace ombra
