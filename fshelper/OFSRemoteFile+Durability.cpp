@@ -1,0 +1,180 @@
+// The ledger: what the server has, what it has not, and what to do about that.
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "fshelper/OFSRemoteFile.h"
+#include "fshelper/OFSRemoteFileLocalCalls.h"
+#include "fshelper/OFSRemoteFileScopes.h"
+#include "fshelper/OFSRemoteFileSupport.h"
+#include "fshelper/OFSTracing.h"
+
+namespace ombra {
+namespace {
+constexpr const char* kSynchronize = "-[OFSRemoteFile synchronize:]";
+}  // namespace
+
+void OFSRemoteFile::locked_noteLocalChange(uint64_t from) {
+  ++iLocalGeneration;
+  iUnsentFrom = std::min(iUnsentFrom, from);
+}
+
+void OFSRemoteFile::locked_confirm(uint64_t generation) {
+  iConfirmedGeneration = std::max(iConfirmedGeneration, generation);
+  if (iConfirmedGeneration != iLocalGeneration) return;
+  iUnsentFrom = kCancelMark;
+  if (iFileHandle != nullptr) iFileHandle->noteConfirmed({0, kCancelMark});
+}
+
+void OFSRemoteFile::locked_doubtServer() {
+  if (iConfirmedGeneration == iLocalGeneration) ++iLocalGeneration;
+  iUnsentFrom = 0;
+}
+
+bool OFSRemoteFile::synchronize(NSErrorRef* error) {
+  OFS_TRACE(kSynchronize, "remotePath={}", remotePath());
+  const ConditionLock lock(iCondition);
+  if (iAbandoned || iConfirmedGeneration == iLocalGeneration) return true;
+  ++iSynchronizers;
+  bool succeeded = false;
+  {
+    const SettleWaiter waiter(*this);
+    succeeded = locked_synchronize(error);
+  }
+  --iSynchronizers;
+  iCondition.broadcast();
+  return succeeded;
+}
+
+// Bounded: an attempt that does not end by itself was ended by one of the writers that were under way before
+// this call held up the others.
+bool OFSRemoteFile::locked_synchronize(NSErrorRef* error) {
+  const uint64_t wanted = iLocalGeneration;
+  while (true) {
+    locked_waitUntilIdle();
+    if (iAbandoned || iConfirmedGeneration >= wanted) return true;
+    if (iFileHandle == nullptr || iContentFailed) break;
+    iBytesAvailable = 0;
+    iBytesRequired = iFileHandle->fileLength();
+    iNeedsFlush = true;
+    Epoch epoch = 0;
+    try {
+      epoch = locked_startUpload();
+    } catch (const KCException& exception) {
+      OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
+      break;
+    }
+    locked_waitForEpoch(epoch);
+    if (iConfirmedGeneration >= wanted) return true;
+    if (iEpoch == epoch && iLastError != nullptr) break;
+  }
+  // Told here; no later write need be told again.
+  iUnreportedError.reset();
+  storeError(error, ofs_posixError(kEIO, iLastError));
+  return false;
+}
+
+GMContentState OFSRemoteFile::contentState() {
+  const ConditionLock lock(iCondition);
+  if (locked_downloadRuns()) return GMContentState::kArriving;
+  return iContentFailed ? GMContentState::kFailed : GMContentState::kComplete;
+}
+
+void OFSRemoteFile::waitForContent(uint64_t seen) {
+  const ConditionLock lock(iCondition);
+  while (locked_downloadRuns() && iBytesAvailable <= seen) locked_wait();
+}
+
+void OFSRemoteFile::seedCacheAttributes(const NSFileAttributes& attributes) {
+  const ConditionLock lock(iCondition);
+  if (iFileHandle == nullptr || iSeed) return;
+  iSeed = attributes;
+  locked_applySeed();
+}
+
+void OFSRemoteFile::locked_applySeed() {
+  if (!iSeed || iFileHandle == nullptr) return;
+  const int descriptor = iFileHandle->fileDescriptor();
+  // Failures leave the cache file with the attributes of a scratch file: less good, but of no consequence.
+  if (iSeed->posixPermissions)
+    (void)OFSRemoteFileLocalCalls::current().fchmod(descriptor, *iSeed->posixPermissions);
+  // What was changed here has a date of its own.
+  if (!iSeed->modificationDate || iLocalGeneration != 0) return;
+  const timespec times[2] = {{0, UTIME_OMIT}, kc_timespec(*iSeed->modificationDate)};
+  (void)::futimens(descriptor, times);
+}
+
+void OFSRemoteFile::abandon() {
+  const ConditionLock lock(iCondition);
+  iAbandoned = true;
+  iNeedsFlush = false;
+  iCondition.broadcast();
+  // A download goes on: handles may still want to read what is yet to come.
+  if (iState == kOFSNew || iState == kOFSDownloading) return;
+  if (iState != kOFSSettled) {
+    locked_giveUpWorkers();
+    locked_setState(kOFSSettled);
+    iBytesRequired = 0;
+    iStreamWork.reset();
+    iCondition.broadcast();
+  }
+  locked_waitUntilIdle();
+}
+
+void OFSRemoteFile::reclaim() {
+  const ConditionLock lock(iCondition);
+  iAbandoned = false;
+}
+
+bool OFSRemoteFile::isCovered() {
+  if (iHeldTransfers != 0) return false;
+  const ConditionLock lock(iCondition);
+  const bool idle = iWorkers.empty() && (iState == kOFSSettled || iState == kOFSNew);
+  return idle && (iAbandoned || iConfirmedGeneration == iLocalGeneration);
+}
+
+bool OFSRemoteFile::downloadFailed() {
+  const ConditionLock lock(iCondition);
+  return iContentFailed;
+}
+
+void OFSRemoteFile::cancelDownload() {
+  const ConditionLock lock(iCondition);
+  if (!locked_downloadRuns()) return;
+  iBytesRequired = kCancelMark;
+  locked_stopRunningConnection();
+  iCondition.broadcast();
+}
+
+bool OFSRemoteFile::saveContentAs(const std::string& path) {
+  const std::shared_ptr<NSFileHandle> handle = fileHandle();
+  if (handle == nullptr) {
+    errno = EBADF;
+    return false;
+  }
+  const int descriptor = OFSRemoteFileLocalCalls::current().open(
+      path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (descriptor < 0) return false;
+  // On the disk before the process ends: nobody else has these bytes.
+  const bool saved =
+      ofs_copyFile(handle->fileDescriptor(), descriptor, handle->fileLength()) && ::fsync(descriptor) == 0;
+  const int failure = errno;
+  ::close(descriptor);
+  if (saved) return true;
+  ::unlink(path.c_str());
+  errno = failure;
+  return false;
+}
+
+uint64_t OFSRemoteFile::cacheSize() {
+  const std::shared_ptr<NSFileHandle> handle = fileHandle();
+  struct stat status {};
+  if (handle == nullptr || ::fstat(handle->fileDescriptor(), &status) != 0) return 0;
+  return static_cast<uint64_t>(status.st_blocks) * 512;
+}
+
+}  // namespace ombra

@@ -1,0 +1,183 @@
+// Writes, uploads in place, truncation.
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include "fshelper/OFSRemoteFile.h"
+#include "fshelper/OFSRemoteFileLocalCalls.h"
+#include "fshelper/OFSRemoteFileScopes.h"
+#include "fshelper/OFSRemoteFileSupport.h"
+#include "fshelper/OFSTracing.h"
+#include "fshelper/StAbstractConnection.h"
+#include "platform/foundation/KCStringAdditions.h"
+
+namespace ombra {
+namespace {
+constexpr const char* kWrite = "-[OFSRemoteFile _writeFromBuffer:size:offset:error:]";
+constexpr const char* kUploadInPlace = "-[OFSRemoteFile locked_uploadWithConnection:offset:]";
+constexpr const char* kTruncate = "-[OFSRemoteFile _truncateToOffset:error:]";
+}  // namespace
+
+int OFSRemoteFile::_writeFromBuffer(const void* buffer, size_t size, int64_t offset, NSErrorRef* error) {
+  OFS_TRACE(kWrite, "size={}, offset={}", size, offset);
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  StAbstractConnection holder(pool.get(), nullptr);
+  const ConditionLock lock(iCondition);
+  locked_awaitTurnToWrite();
+  try {
+    return locked_write(*holder, buffer, size, offset);
+  } catch (const KCException& exception) {
+    locked_failWrite(exception, error);
+    return -1;
+  }
+}
+
+// A write never overlaps a download, also not one that has yet to deliver its first byte. And it does not
+// overtake a synchroniser, which would have no end if each of its attempts were outdated by further writes.
+void OFSRemoteFile::locked_awaitTurnToWrite() {
+  while (locked_downloadRuns() || iSynchronizers > 0) locked_wait();
+}
+
+int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buffer, size_t size,
+                                int64_t offset) {
+  if (iFileHandle == nullptr) OFS_RAISE(kWrite, "no file handle for writing");
+  if (iContentFailed) {
+    OFS_RAISE(kWrite, "writing to {} refused: its content has not arrived as a whole, open it again",
+              remotePath());
+  }
+  const bool inPlace = connection.supportsUploadByteOffset();
+  // A whole-file upload that still runs could overwrite what is sent in place with an older state of it.
+  if (inPlace) {
+    const SettleWaiter waiter(*this);
+    locked_waitUntilIdle();
+  }
+  const ssize_t count = OFSRemoteFileLocalCalls::current().pwrite(iFileHandle->fileDescriptor(), buffer,
+                                                                  std::min<size_t>(size, INT_MAX), offset);
+  if (count == -1 && errno != EINTR) {
+    const int failure = errno;
+    OFS_RAISE(kWrite, "pwrite failed, errno = {} ({})", failure, kc_strerror(failure));
+  }
+  // Nothing was written (an interrupted call is told without an error: intended), so there is nothing to
+  // send. A stream of nothing would even empty the file on the server.
+  if (count <= 0) return static_cast<int>(count);
+
+  const uint64_t begin = static_cast<uint64_t>(offset);
+  const uint64_t length = static_cast<uint64_t>(count);
+  iFileHandle->noteWritten({begin, begin + length});
+  locked_noteLocalChange(begin);
+  if (iAbandoned) return static_cast<int>(count);
+  if (inPlace) {
+    iFileHandle->synchronizeFile();
+    locked_uploadWithConnection(connection, begin);
+    locked_setState(kOFSSettled);
+    iCondition.broadcast();
+    return static_cast<int>(count);
+  }
+  if (gStreamingSupported && locked_streamBytes(buffer, length, begin, iLocalGeneration)) {
+    return static_cast<int>(count);
+  }
+  if (gUploadingSupported) locked_uploadPendingLength(length, begin);
+  return static_cast<int>(count);
+}
+
+void OFSRemoteFile::locked_failWrite(const KCException& exception, NSErrorRef* error) {
+  // Whatever runs is given up: it neither takes from the next queue nor settles the next state.
+  locked_giveUpWorkers();
+  // A new object has never seen its content; settled it would pass for an empty file.
+  if (iState == kOFSNew) iContentFailed = true;
+  locked_setState(kOFSSettled);
+  iBytesAvailable = 0;
+  iBytesRequired = 0;
+  iStreamWork.reset();
+  iCondition.broadcast();
+  OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
+  storeError(error, ofs_posixError(kEIO, iLastError));
+}
+
+bool OFSRemoteFile::locked_sendCacheFile(AbstractConnection& connection, uint64_t offset,
+                                         uint64_t* transferred, NSErrorRef* error) {
+  const HeldTransfer held(*this);
+  const std::string path = remotePath();
+  NSFileHandle& handle = *iFileHandle;
+  return ofs_runTransfer(error, [&] {
+    return connection.uploadFileHandle(handle, connection.displayStringForRemoteString(path), path, offset,
+                                       transferred, error);
+  });
+}
+
+void OFSRemoteFile::locked_uploadWithConnection(AbstractConnection& connection, uint64_t offset) {
+  uint64_t transferred = 0;
+  NSErrorRef error;
+  if (!locked_sendCacheFile(connection, offset, &transferred, &error)) {
+    iLastError = error;
+    OFS_RAISE(kUploadInPlace, "upload to {} failed: {}", remotePath(), ofs_describeError(error));
+  }
+  iBytesAvailable = transferred;
+  // Everything from the offset on is there; an earlier write that failed may still be missing before it.
+  if (iUnsentFrom >= offset) locked_confirm(iLocalGeneration);
+}
+
+bool OFSRemoteFile::_truncateToOffset(int64_t offset, NSErrorRef* error) {
+  OFS_TRACE(kTruncate, "offset={}", offset);
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  StAbstractConnection holder(pool.get(), nullptr);
+  const ConditionLock lock(iCondition);
+  try {
+    locked_truncate(*holder, offset);
+    return true;
+  } catch (const KCException& exception) {
+    locked_failTruncation(exception, error);
+    return false;
+  }
+}
+
+void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offset) {
+  // A new object that nobody opens would never settle.
+  const bool neverOpened = iState == kOFSNew && iFileHandle == nullptr;
+  if (!neverOpened) {
+    const SettleWaiter waiter(*this);
+    locked_waitUntilIdle();
+  }
+  if (iFileHandle == nullptr) OFS_RAISE(kTruncate, "no file handle for truncating");
+  if (iContentFailed && offset != 0) {
+    OFS_RAISE(kTruncate, "truncating {} refused: its content has not arrived as a whole, open it again",
+              remotePath());
+  }
+  if (OFSRemoteFileLocalCalls::current().ftruncate(iFileHandle->fileDescriptor(), offset) == -1 &&
+      errno != EINTR) {
+    const int failure = errno;
+    OFS_RAISE(kTruncate, "ftruncate failed, errno = {} ({})", failure, kc_strerror(failure));
+  }
+  const uint64_t length = iFileHandle->fileLength();
+  iFileHandle->noteTruncated(length);
+  // From 0: the upload below replaces the whole file, and leaves who knows what when it fails.
+  locked_noteLocalChange(0);
+  uint64_t transferred = length;
+  if (!iAbandoned) {
+    NSErrorRef failure;
+    if (!locked_sendCacheFile(connection, 0, &transferred, &failure)) {
+      OFS_RAISE(kTruncate, "upload to {} failed: {}", remotePath(), ofs_describeError(failure));
+    }
+    locked_confirm(iLocalGeneration);
+  }
+  if (offset == 0) iContentFailed = false;
+  locked_setState(kOFSSettled);
+  iBytesAvailable = transferred;
+  iBytesRequired = 0;
+  iCondition.broadcast();
+}
+
+void OFSRemoteFile::locked_failTruncation(const KCException& exception, NSErrorRef* error) {
+  if (iState == kOFSNew) iContentFailed = true;
+  locked_setState(kOFSSettled);
+  iBytesAvailable = 0;
+  iBytesRequired = 0;
+  iCondition.broadcast();
+  OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
+  storeError(error, ofs_posixError(kEIO));
+}
+
+}  // namespace ombra

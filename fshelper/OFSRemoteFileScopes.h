@@ -1,0 +1,35 @@
+// What an open file counts for the length of a scope. Both are used with the file's condition held.
+#pragma once
+
+#include "fshelper/OFSRemoteFile.h"
+
+namespace ombra {
+
+// A stream whose queue is empty ends at once while somebody waits for it to settle: nobody pays the idle time
+// just to learn that no more will come.
+class OFSRemoteFile::SettleWaiter {
+ public:
+  explicit SettleWaiter(OFSRemoteFile& file) NO_THREAD_SAFETY_ANALYSIS : iFile(file) {
+    ++iFile.iSettleWaiters;
+    if (iFile.iState == kOFSStreaming) iFile.iCondition.broadcast();
+  }
+  ~SettleWaiter() NO_THREAD_SAFETY_ANALYSIS { --iFile.iSettleWaiters; }
+  SettleWaiter(const SettleWaiter&) = delete;
+  SettleWaiter& operator=(const SettleWaiter&) = delete;
+
+ private:
+  OFSRemoteFile& iFile;
+};
+
+class OFSRemoteFile::HeldTransfer {
+ public:
+  explicit HeldTransfer(OFSRemoteFile& file) : iFile(file) { ++iFile.iHeldTransfers; }
+  ~HeldTransfer() { --iFile.iHeldTransfers; }
+  HeldTransfer(const HeldTransfer&) = delete;
+  HeldTransfer& operator=(const HeldTransfer&) = delete;
+
+ private:
+  OFSRemoteFile& iFile;
+};
+
+}  // namespace ombra

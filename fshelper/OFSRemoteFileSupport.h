@@ -1,0 +1,49 @@
+// Small tools shared by the sources of OFSRemoteFile.
+#pragma once
+
+#include <string>
+
+#include "platform/foundation/NSCondition.h"
+#include "platform/foundation/NSDate.h"
+#include "platform/foundation/NSError.h"
+
+namespace ombra {
+
+// Lets go of a condition that the caller holds, for a scope; what the caller has read before may be untrue
+// after it.
+class SCOPED_CAPABILITY ConditionRelease {
+ public:
+  explicit ConditionRelease(NSCondition& condition) RELEASE(condition) : iCondition(condition) {
+    iCondition.unlock();
+  }
+  // The end of the scope takes the condition again; for the analysis that is the release of the scope itself.
+  ~ConditionRelease() RELEASE() { retake(); }
+  ConditionRelease(const ConditionRelease&) = delete;
+  ConditionRelease& operator=(const ConditionRelease&) = delete;
+
+ private:
+  void retake() NO_THREAD_SAFETY_ANALYSIS { iCondition.lock(); }
+  NSCondition& iCondition;
+};
+
+// The error of the interface for an errno value, with what lies beneath (may be null); reported to the log.
+NSErrorRef ofs_posixError(int code, const NSErrorRef& underlying = nullptr);
+// For trace lines and messages: the error's description, or "(null)".
+std::string ofs_describeError(const NSErrorRef& error);
+// For trace lines: "2001-09-09 01:46:40 +0000".
+std::string ofs_describeDate(NSDate date);
+// Runs a transfer; an exception out of the library becomes a failure with an error, so that a worker always
+// gets to the end where it settles the state.
+template <typename Transfer>
+bool ofs_runTransfer(NSErrorRef* error, Transfer&& transfer) {
+  try {
+    return transfer();
+  } catch (const std::exception& exception) {
+    *error = NSError::errorWithDomain(
+        NSPOSIXErrorDomain, kEIO,
+        NSDictionary{{std::string(NSLocalizedDescriptionKey), PropertyValue(std::string(exception.what()))}});
+    return false;
+  }
+}
+
+}  // namespace ombra
