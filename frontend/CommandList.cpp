@@ -21,11 +21,13 @@ size_t widthOf(const std::string& text) {
 
 Row rowOf(const Volume& volume) {
   return {printable(volume.name), printable(volume.mountPath.empty() ? "-" : volume.mountPath),
-          printable(volume.server()), printable(volume.protocol), printable(volume.state)};
+          printable(volume.protocol), printable(volume.server()),
+          volume.state == "mounted" ? std::string() : "(" + printable(volume.state) + ")"};
 }
 
+// The columns lined up, two blanks apart, without blanks at the ends of lines.
 void tellTable(const std::vector<Volume>& volumes, const Output& output) {
-  std::vector<Row> rows{{"NAME", "MOUNTED AT", "SERVER", "PROTOCOL", "STATE"}};
+  std::vector<Row> rows;
   std::transform(volumes.begin(), volumes.end(), std::back_inserter(rows), rowOf);
   std::array<size_t, std::tuple_size_v<Row>> widths{};
   for (const Row& row : rows) {
@@ -33,10 +35,9 @@ void tellTable(const std::vector<Volume>& volumes, const Output& output) {
   }
   for (const Row& row : rows) {
     std::string line;
-    for (size_t i = 0; i < row.size(); ++i) {
-      line += row[i];
-      if (i + 1 < row.size()) line += std::string(widths[i] - widthOf(row[i]) + 2, ' ');
-    }
+    for (size_t i = 0; i < row.size(); ++i)
+      line += row[i] + std::string(widths[i] - widthOf(row[i]) + 2, ' ');
+    line.erase(line.find_last_not_of(' ') + 1);
     output.result(line);
   }
 }

@@ -1,5 +1,3 @@
-#include <fmt/format.h>
-
 #include <nlohmann/json.hpp>
 
 #include "frontend/Commands.h"
@@ -52,7 +50,7 @@ class UnmountCommand {
       return;
     }
     iUnmounted.push_back(printable(volume.mountPath));
-    iOutput.remark(fmt::format("{} is unmounted.", inQuotes(volume.name)));
+    iOutput.remark("Unmounted " + printable(volume.name));
   }
 
   // The first failure decides the exit code; the other volumes are still seen to.

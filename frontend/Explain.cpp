@@ -44,6 +44,12 @@ std::string reasonOf(const NSErrorRef& error) {
   return result;
 }
 
+std::string moreInLog(const ErrorContext& context) {
+  return context.logName.empty()
+             ? ""
+             : fmt::format("The log has more: ombra logs {}", shellQuoted(context.logName));
+}
+
 std::string serverOf(const ErrorContext& context) {
   if (context.address.empty()) return "the server";
   return inQuotes(context.port == 0 ? context.address : fmt::format("{}:{}", context.address, context.port));
@@ -98,7 +104,7 @@ Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context
               fmt::format("Look at the file {}/OmbraFS.{}.pid.",
                           NSFileManager::kc_confstr(kDarwinUserTempDir), context.passthrough)};
     default:
-      return {kExitFailure, "The volume could not be mounted.", why, "The log has more: ombra logs NAME."};
+      return {kExitFailure, "The volume could not be mounted.", why, moreInLog(context)};
   }
 }
 
@@ -130,9 +136,9 @@ Failure explainError(const NSErrorRef& error, const ErrorContext& context) {
   if (const NSErrorRef mount = mountError(error)) return explainMountError(mount);
   if (const NSErrorRef library = libraryError(error)) return explainLibraryError(library, context);
   Failure failure{kExitFailure, "The volume could not be mounted.", error ? reasonOf(error) : "",
-                  "The log has more: ombra logs NAME."};
+                  moreInLog(context)};
   if (error && error->domain() == NSPOSIXErrorDomain && error->code() == kENODEV) {
-    failure.todo = "Check that the server can be reached; the log has more: ombra logs NAME.";
+    failure.todo = "Check that the server can be reached. " + moreInLog(context);
   }
   return failure;
 }

@@ -15,6 +15,7 @@ struct ErrorContext {
   std::string username;
   std::string path;  // the start folder
   std::string passthrough;
+  std::string logName;  // the volume whose log has more
 };
 
 // What happened, why, and what to do, with the exit code that fits. The most telling error of the chain

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "frontend/SessionBus.h"
@@ -52,10 +53,10 @@ void tellMounted(const MountResult& result, const Output& output) {
     output.result(result.mountPath);
     return;
   }
-  output.remark(fmt::format("{} {} mounted at {}", inQuotes(result.volumeName),
-                            result.alreadyMounted ? "was already" : "is", printable(result.mountPath)));
+  output.remark(fmt::format("{} {} at {}", result.alreadyMounted ? "Already mounted:" : "Mounted",
+                            printable(result.volumeName), printable(result.mountPath)));
   if (openPath(result) != result.mountPath) output.remark("The folder is at " + printable(openPath(result)));
-  output.remark("To unmount: ombra unmount " + shellQuoted(result.mountPath));
+  output.remark("To unmount: ombra unmount " + shellQuoted(result.volumeName));
 }
 
 // Ctrl-C in the foreground takes the volume away.

@@ -107,7 +107,7 @@ MountResult MountVolume::awaitAnnouncement() {
   stopHelper();
   return failed({kExitFailure, "The volume could not be mounted.",
                  fmt::format("The helper said nothing for {} seconds.", iLimits.mount.count() / 1000),
-                 "The log has more: ombra logs NAME"});
+                 moreInLog()});
 }
 
 std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announcement) {
@@ -127,8 +127,17 @@ std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announ
                                                   .port = credentials.port(),
                                                   .username = credentials.username().value_or(""),
                                                   .path = credentials.initialPath().value_or(""),
-                                                  .passthrough = iRequest.passthrough.value_or("")}),
+                                                  .passthrough = iRequest.passthrough.value_or(""),
+                                                  .logName = logName()}),
                 announcement.error);
+}
+
+std::string MountVolume::logName() const {
+  return iRequest.name ? *iRequest.name : iRequest.credentials->address();
+}
+
+std::string MountVolume::moreInLog() const {
+  return "The log has more: ombra logs " + shellQuoted(logName());
 }
 
 MountResult MountVolume::announced(const MountAnnouncement& announcement) {
@@ -157,7 +166,7 @@ MountResult MountVolume::failed(Failure failure, NSErrorRef error) {
 
 MountResult MountVolume::helperEnded() {
   return failed({kExitFailure, "The helper ended before anything was mounted.",
-                 sentence(iHelper->lastWords()), "The log has more: ombra logs NAME"});
+                 sentence(iHelper->lastWords()), moreInLog()});
 }
 
 MountResult MountVolume::interrupted() {

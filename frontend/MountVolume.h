@@ -64,6 +64,9 @@ class MountVolume {
   MountResult helperEnded();
   MountResult interrupted();
   void stopHelper();
+  // The name that the volume's logs go by.
+  std::string logName() const;
+  std::string moreInLog() const;
 
   MountRequest iRequest;
   MountLimits iLimits;

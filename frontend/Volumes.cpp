@@ -60,6 +60,7 @@ void addMount(const MountedVolume& mount, std::vector<Volume>* volumes) {
   found->mounted = true;
   found->mountPath = mount.mountPath;
   found->deviceMinor = mount.deviceMinor;
+  if (found->identifier.empty()) found->identifier = mount.identifier;
   if (found->state.empty() && !found->busName.empty()) found->state = "mounted";
 }
 
