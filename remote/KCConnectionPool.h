@@ -21,15 +21,15 @@ class CancellationToken {
   std::atomic<bool> iCancelled{false};
 };
 
-// Hands out logical connections and takes them back. A logical connection costs nothing until its first remote
-// call, which attaches a session; release gives the session back to the idle ones. Only sessions are capped.
-// Thread-safe. Abstract, so that a test can hand out scripted connections.
+// Hands out logical connections and takes them back. A logical connection costs nothing until its first
+// remote call, which attaches a session; release gives the session back to the idle ones. Only sessions are
+// capped. Thread-safe. Abstract, so that a test can hand out scripted connections.
 class KCConnectionPool {
  public:
   virtual ~KCConnectionPool() = default;
 
-  // The library's pool for one server: sessions of the engine that is registered for the credentials' protocol.
-  // Null, with the error filled, when there is no such engine.
+  // The library's pool for one server: sessions of the engine that is registered for the credentials'
+  // protocol. Null, with the error filled, when there is no such engine.
   static std::shared_ptr<KCConnectionPool> initWithCredentials(std::shared_ptr<KCCredentials> credentials,
                                                                NSErrorRef* error = nullptr);
 
@@ -39,8 +39,8 @@ class KCConnectionPool {
   // A connection, however long it takes; null only after `shutDown`.
   virtual std::shared_ptr<AbstractConnection> acquireConnection() = 0;
   // A connection or null: after `timeout` seconds, or when cancelled (token may be null).
-  virtual std::shared_ptr<AbstractConnection> acquireConnectionWithTimeout(double timeout,
-                                                                           const CancellationToken* cancellation) = 0;
+  virtual std::shared_ptr<AbstractConnection> acquireConnectionWithTimeout(
+      double timeout, const CancellationToken* cancellation) = 0;
   // Takes back an acquired connection; each exactly once. Null is ignored.
   virtual void releaseConnection(std::shared_ptr<AbstractConnection> connection) = 0;
   // Receives the transcript of all sessions; not owned, may be null.

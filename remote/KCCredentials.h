@@ -12,8 +12,8 @@
 
 namespace ombra {
 
-// Everything that a login needs. Set up by the front end, archived, and read by the helper; not changed after the
-// pool was made, except for verbose logging. Secrets are wiped when it is destroyed.
+// Everything that a login needs. Set up by the front end, archived, and read by the helper; not changed after
+// the pool was made, except for verbose logging. Secrets are wiped when it is destroyed.
 class KCCredentials {
  public:
   KCCredentials();
@@ -30,10 +30,10 @@ class KCCredentials {
   const std::optional<std::string>& initialPath() const { return iInitialPath; }
   const std::optional<std::string>& encoding() const { return iEncoding; }  // absent = UTF-8
   const KCUUID& UUID() const { return iUUID; }
-  // What only some protocols need. Keys in use: "identityFile", "passphrase", "fingerprint" ("SHA256:…" of the
-  // accepted host key or certificate; several separated by blanks), "region", "endpoint", "pathStyle",
-  // "sftpServer" (path of a local sftp-server to speak to over a pipe), "inPlace", "streaming" (engine local),
-  // "keyboardInteractive" (answers, one per line). Unknown keys are kept and ignored.
+  // What only some protocols need. Keys in use: "identityFile", "passphrase", "fingerprint" ("SHA256:…" of
+  // the accepted host key or certificate; several separated by blanks), "region", "endpoint", "pathStyle",
+  // "sftpServer" (path of a local sftp-server to speak to over a pipe), "inPlace", "streaming" (engine
+  // local), "keyboardInteractive" (answers, one per line). Unknown keys are kept and ignored.
   std::optional<std::string> option(std::string_view key) const;
   const std::map<std::string, std::string, std::less<>>& options() const { return iOptions; }
   bool useVerboseLogging() const { return iUseVerboseLogging; }
@@ -49,8 +49,8 @@ class KCCredentials {
   void setOption(std::string key, std::string value) { iOptions[std::move(key)] = std::move(value); }
   void setUseVerboseLogging(bool verbose) { iUseVerboseLogging = verbose; }
 
-  // Between local text (UTF-8) and the server's bytes. With UTF-8 the identity; with another encoding lossless in
-  // both directions: what has no counterpart travels as percent escapes that the reverse undoes.
+  // Between local text (UTF-8) and the server's bytes. With UTF-8 the identity; with another encoding
+  // lossless in both directions: what has no counterpart travels as percent escapes that the reverse undoes.
   std::string remoteStringForUnicodeString(std::string_view text) const;
   std::string unicodeStringForRemoteString(std::string_view bytes) const;
   // The form of a remote name that is shown to the user.

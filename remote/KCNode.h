@@ -21,10 +21,10 @@ namespace ombra {
 class KCCredentials;
 class KCRemoteFolderNode;
 
-// An item in the tree: a path, a display name, a parent, an expiry flag, and user properties (any object under a
-// string key) on which the program hangs its own data. Each single accessor may be called from any thread: a leaf
-// lock of the node guards its fields. What must hold together over several calls is guarded by the program with
-// `objectLock()`, which the library itself never takes.
+// An item in the tree: a path, a display name, a parent, an expiry flag, and user properties (any object
+// under a string key) on which the program hangs its own data. Each single accessor may be called from any
+// thread: a leaf lock of the node guards its fields. What must hold together over several calls is guarded by
+// the program with `objectLock()`, which the library itself never takes.
 class KCNode : public std::enable_shared_from_this<KCNode> {
  public:
   // The display name is the last component of `path`.
@@ -122,8 +122,8 @@ class KCRemoteFileNode : public KCNode {
 class KCRemoteFolderNode final : public KCRemoteFileNode {
  public:
   using KCRemoteFileNode::KCRemoteFileNode;
-  static std::shared_ptr<KCRemoteFolderNode> folderNodeWithPath(std::string path,
-                                                                std::shared_ptr<const KCCredentials> credentials);
+  static std::shared_ptr<KCRemoteFolderNode> folderNodeWithPath(
+      std::string path, std::shared_ptr<const KCCredentials> credentials);
   uint32_t type() const override { return kNodeTypeFolder; }
 };
 

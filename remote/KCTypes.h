@@ -36,25 +36,25 @@ enum QuarnKitErrorCode : int {
   kQuarnKitAttributeChangeNotSupported = 17,  // the protocol or the server has no way to make this change
   kQuarnKitLockFailed = 22,                   // made by the program for a failed pass-through lock
   kQuarnKitCouldNotResolveHost = 101,
-  kQuarnKitCouldNotConnect = 102,        // refused, unreachable, or no greeting in time
-  kQuarnKitLoginFailed = 103,            // the server took none of the credentials
-  kQuarnKitUntrusted = 104,              // the key contradicts the accepted fingerprint: reported as a failed login
-  kQuarnKitConnectionLost = 105,         // the session ended in the middle
-  kQuarnKitTimedOut = 106,               // no byte in either direction for the limit
-  kQuarnKitCancelled = 107,              // setShouldCancel: was obeyed
-  kQuarnKitOutOfSpace = 108,             // disk or quota of the server is full
+  kQuarnKitCouldNotConnect = 102,  // refused, unreachable, or no greeting in time
+  kQuarnKitLoginFailed = 103,      // the server took none of the credentials
+  kQuarnKitUntrusted = 104,        // the key contradicts the accepted fingerprint: reported as a failed login
+  kQuarnKitConnectionLost = 105,   // the session ended in the middle
+  kQuarnKitTimedOut = 106,         // no byte in either direction for the limit
+  kQuarnKitCancelled = 107,        // setShouldCancel: was obeyed
+  kQuarnKitOutOfSpace = 108,       // disk or quota of the server is full
   kQuarnKitItemExists = 109,
   kQuarnKitFolderNotEmpty = 110,
-  kQuarnKitPermissionDenied = 111,       // the server refuses this user
-  kQuarnKitRefused = 112,                // the server refuses without telling why
-  kQuarnKitProtocolError = 113,          // the server's answer makes no sense
-  kQuarnKitTooManyConnections = 114,     // the server takes no further session now
-  kQuarnKitNotSupported = 115,           // the protocol has no such operation
-  kQuarnKitLocalFailure = 116,           // a local file could not be read or written; the errno lies beneath
-  kQuarnKitItemChanged = 117,            // the remote file changed in the middle of a resumed transfer
+  kQuarnKitPermissionDenied = 111,    // the server refuses this user
+  kQuarnKitRefused = 112,             // the server refuses without telling why
+  kQuarnKitProtocolError = 113,       // the server's answer makes no sense
+  kQuarnKitTooManyConnections = 114,  // the server takes no further session now
+  kQuarnKitNotSupported = 115,        // the protocol has no such operation
+  kQuarnKitLocalFailure = 116,        // a local file could not be read or written; the errno lies beneath
+  kQuarnKitItemChanged = 117,         // the remote file changed in the middle of a resumed transfer
   kQuarnKitNotAFolder = 118,
-  kQuarnKitNameInvalid = 119,            // a name that the protocol cannot carry
-  kQuarnKitReadOnly = 120,               // the server's file system is read-only
+  kQuarnKitNameInvalid = 119,  // a name that the protocol cannot carry
+  kQuarnKitReadOnly = 120,     // the server's file system is read-only
 };
 
 }  // namespace ombra

@@ -12,7 +12,8 @@ class QuarnKitError final : public NSError {
 
   static NSErrorRef errorWithDomain(std::string_view domain, int64_t code, NSDictionary userInfo = {});
   // An error of the library's own domain with `detail` (the server's reply, a path) after the code's text.
-  static NSErrorRef errorWithCode(QuarnKitErrorCode code, std::string_view detail = {}, NSErrorRef underlying = nullptr);
+  static NSErrorRef errorWithCode(QuarnKitErrorCode code, std::string_view detail = {},
+                                  NSErrorRef underlying = nullptr);
   // The same error as one of the library's class: domain, code and user info kept. Null stays null.
   static NSErrorRef quarnKitErrorWithError(const NSErrorRef& error);
   // What a code means, in a few words for the user ("The item does not exist on the server.").

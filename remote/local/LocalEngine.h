@@ -5,8 +5,8 @@
 
 namespace ombra {
 
-// Makes the protocol 'FILE' known. The credentials' options "inPlace" and "streaming" ("0" or "1", default 1 and 1)
-// select what the engine claims to support.
+// Makes the protocol 'FILE' known. The credentials' options "inPlace" and "streaming" ("0" or "1", default 1
+// and 1) select what the engine claims to support.
 void registerLocalEngine();
 
 }  // namespace ombra

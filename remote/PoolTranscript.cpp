@@ -1,0 +1,77 @@
+#include "remote/PoolTranscript.h"
+
+#include <algorithm>
+
+#include "platform/foundation/NSUnarchiver.h"
+
+namespace ombra {
+namespace {
+// Shorter ones would blacken every other word, and give themselves away by it.
+constexpr size_t kShortestMaskedSecret = 4;
+constexpr std::string_view kMask = "********";
+}  // namespace
+
+TranscriptSink::TranscriptSink(const KCCredentials& credentials) {
+  const auto add = [this](const std::optional<std::string>& secret) {
+    if (secret && secret->size() >= kShortestMaskedSecret) iSecrets.push_back(*secret);
+  };
+  add(credentials.password());
+  add(credentials.option("passphrase"));
+  if (const std::optional<std::string> answers = credentials.option("keyboardInteractive")) {
+    std::string_view rest = *answers;
+    while (!rest.empty()) {
+      const size_t end = std::min(rest.find('\n'), rest.size());
+      add(std::string(rest.substr(0, end)));
+      rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+  }
+}
+
+TranscriptSink::~TranscriptSink() {
+  for (std::string& secret : iSecrets) wipe(secret);
+}
+
+void TranscriptSink::append(const KCUUID& uuid, std::string_view text, bool isOutgoing) {
+  if (TranscriptDelegate* delegate = iDelegate.load())
+    delegate->connectionUUID(uuid, masked(text), isOutgoing);
+}
+
+void TranscriptSink::flush(const KCUUID& uuid) {
+  if (TranscriptDelegate* delegate = iDelegate.load()) delegate->connectionUUIDFlushTranscript(uuid);
+}
+
+std::string TranscriptSink::masked(std::string_view text) const {
+  std::string result(text);
+  for (const std::string& secret : iSecrets) {
+    for (size_t at = result.find(secret); at != std::string::npos;
+         at = result.find(secret, at + kMask.size())) {
+      result.replace(at, secret.size(), kMask);
+    }
+  }
+  return result;
+}
+
+void PoolTranscript::setConnection(const KCUUID& uuid) {
+  MutexLock lock(iLock);
+  iUUID = uuid;
+}
+
+void PoolTranscript::append(std::string_view text, bool isOutgoing) {
+  KCUUID uuid;
+  {
+    MutexLock lock(iLock);
+    uuid = iUUID;
+  }
+  iSink->append(uuid, text, isOutgoing);
+}
+
+void PoolTranscript::flush() {
+  KCUUID uuid;
+  {
+    MutexLock lock(iLock);
+    uuid = iUUID;
+  }
+  iSink->flush(uuid);
+}
+
+}  // namespace ombra

@@ -1,0 +1,53 @@
+// The way of a session's transcript to the pool's delegate.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/foundation/Mutex.h"
+#include "remote/AbstractConnection.h"
+#include "remote/Session.h"
+
+namespace ombra {
+
+// What all sessions of a pool share: who receives the transcript, and what must never be in it. Thread-safe.
+class TranscriptSink {
+ public:
+  explicit TranscriptSink(const KCCredentials& credentials);
+  ~TranscriptSink();
+  TranscriptSink(const TranscriptSink&) = delete;
+  TranscriptSink& operator=(const TranscriptSink&) = delete;
+
+  void setDelegate(TranscriptDelegate* delegate) { iDelegate.store(delegate); }
+  bool isEnabled() const { return iDelegate.load() != nullptr; }
+  // Engines mask what they send; a secret that comes back in a server's reply, or slips through, is masked
+  // here.
+  void append(const KCUUID& uuid, std::string_view text, bool isOutgoing);
+  void flush(const KCUUID& uuid);
+
+ private:
+  std::string masked(std::string_view text) const;
+
+  std::atomic<TranscriptDelegate*> iDelegate{nullptr};
+  std::vector<std::string> iSecrets;
+};
+
+// One session's transcript, under the identifier of the connection that it is attached to.
+class PoolTranscript final : public SessionTranscript {
+ public:
+  explicit PoolTranscript(std::shared_ptr<TranscriptSink> sink) : iSink(std::move(sink)) {}
+
+  void setConnection(const KCUUID& uuid) EXCLUDES(iLock);
+  bool isEnabled() const override { return iSink->isEnabled(); }
+  void append(std::string_view text, bool isOutgoing) override EXCLUDES(iLock);
+  void flush() EXCLUDES(iLock);
+
+ private:
+  const std::shared_ptr<TranscriptSink> iSink;
+  Mutex iLock;
+  KCUUID iUUID GUARDED_BY(iLock);
+};
+
+}  // namespace ombra

@@ -1,0 +1,193 @@
+// Downloads, uploads and streams.
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "remote/PooledConnection.h"
+#include "remote/QuarnKitError.h"
+#include "remote/RetryPauses.h"
+
+namespace ombra {
+// Stands between an engine and the program's delegate.
+class PooledConnection::Control final : public TransferControl {
+ public:
+  Control(PooledConnection& connection, Run& run) : iConnection(connection), iRun(run) {
+    iRun.sessionStart = iRun.reporter.bytes();
+  }
+
+  void progress(uint64_t bytesReached) override {
+    iRun.moved = true;
+    iRun.reporter.reached(bytesReached);
+  }
+
+  bool shouldCancel() const override {
+    iRun.reporter.poll();
+    if (iConnection.iShouldCancel) return true;
+    if (mustGiveWay()) iRun.givesWay = true;
+    return iRun.givesWay;
+  }
+
+ private:
+  // Only after a piece of its own, so that each turn brings the download forward.
+  bool mustGiveWay() const {
+    return iRun.kind == Run::Kind::kDownload && iRun.reporter.bytes() > iRun.sessionStart &&
+           iConnection.sessions().othersWait() && !iConnection.isAwaited();
+  }
+
+  PooledConnection& iConnection;
+  Run& iRun;
+};
+
+ProgressReporter::Report PooledConnection::progressReport() {
+  return [this](uint64_t bytes, double throughput, bool stalled) {
+    if (ConnectionDelegate* delegate = iDelegate) delegate->connection(*this, bytes, throughput, stalled);
+  };
+}
+
+bool PooledConnection::attachForTransfer(NSErrorRef* error) {
+  if (iSession != nullptr && !iCountsAsTransfer) {
+    iCountsAsTransfer = sessions().tryBeginTransfer();
+    // The share of transfers is taken: give the session back before waiting for one of them.
+    if (!iCountsAsTransfer) dropSession(true);
+  }
+  if (iSession != nullptr) return true;
+  if (iReleased) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the connection was given back"));
+    return false;
+  }
+  iSession = sessions().attach(*this, SessionUse::kTransfer, error);
+  iCountsAsTransfer = iSession != nullptr;
+  return iSession != nullptr;
+}
+
+void PooledConnection::endTransfer() {
+  if (!iCountsAsTransfer) return;
+  iCountsAsTransfer = false;
+  sessions().endTransfer();
+}
+
+bool PooledConnection::runTransfer(Run& run,
+                                   const std::function<bool(Session&, TransferControl&, NSErrorRef*)>& work,
+                                   NSErrorRef* error) {
+  iShouldCancel = false;
+  iInTransfer = true;
+  iRun = &run;
+  iKnownLinks.clear();
+  RetryPauses pauses;
+  NSErrorRef fault;
+  bool done = false;
+  while (true) {
+    fault = nullptr;
+    const uint64_t before = run.reporter.bytes();
+    bool again = false;
+    if (!attachForTransfer(&fault)) {
+      again = isOutage(fault);
+    } else {
+      Control control(*this, run);
+      run.givesWay = false;
+      done = work(*iSession->session, control, &fault);
+      if (done) break;
+      const bool lost = loseSession(fault);
+      const bool untouched = run.kind == Run::Kind::kStream ? run.spool->isUntouched() : !run.moved;
+      again = lost && (run.kind == Run::Kind::kDownload || untouched);
+      if (run.givesWay && !iShouldCancel && QuarnKitError::isCode(fault, kQuarnKitCancelled)) {
+        run.reporter.flush();
+        dropSession(true);
+        continue;
+      }
+    }
+    if (run.reporter.bytes() > before) pauses.reset();
+    const std::optional<double> seconds = again && !iShouldCancel ? pauses.next() : std::nullopt;
+    if (!seconds || !sessions().pause(*seconds, *this)) break;
+  }
+  if (run.kind != Run::Kind::kStream) run.reporter.flush();
+  endTransfer();
+  iRun = nullptr;
+  iInTransfer = false;
+  if (done) return true;
+  // A pause that was cut short by a cancel mark is a cancelled transfer, whatever led to the pause.
+  if (iShouldCancel) fault = QuarnKitError::errorWithCode(kQuarnKitCancelled);
+  if (fault == nullptr) fault = QuarnKitError::errorWithCode(kQuarnKitRefused);
+  storeError(error, std::move(fault));
+  return false;
+}
+
+bool PooledConnection::downloadFileAtPath(std::string_view path, NSFileHandle& toFileHandle,
+                                          uint64_t byteOffset, uint64_t* bytesTransferred,
+                                          NSErrorRef* error) {
+  if (bytesTransferred != nullptr) *bytesTransferred = byteOffset;
+  if (!isAllowed(path, error)) return false;
+  const std::string whole = absolute(path);
+  std::string version;
+  Run run{Run::Kind::kDownload, ProgressReporter(byteOffset, progressReport())};
+  const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
+    return session.download(whole, toFileHandle, run.reporter.bytes(), &version, control, fault);
+  };
+  const bool done = runTransfer(run, work, error);
+  if (bytesTransferred != nullptr) *bytesTransferred = run.reporter.bytes();
+  return done;
+}
+
+bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint64_t offset,
+                              uint64_t* bytesTransferred, NSErrorRef* error) {
+  if (bytesTransferred != nullptr) *bytesTransferred = offset;
+  if (!isAllowed(path, error)) return false;
+  if (offset > 0 && !supportsUploadByteOffset()) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "writing into an existing file"));
+    return false;
+  }
+  const std::string whole = absolute(path);
+  Run run{Run::Kind::kUpload, ProgressReporter(offset, progressReport())};
+  const uint64_t length = handle.fileLength();
+  const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
+    return session.upload(handle, whole, offset, control, fault);
+  };
+  const bool done = runTransfer(run, work, error);
+  // What the server had confirmed before was not sent again, but it is there.
+  if (bytesTransferred != nullptr) *bytesTransferred = done ? std::max(length, offset) : run.reporter.bytes();
+  return done;
+}
+
+bool PooledConnection::uploadFileHandle(NSFileHandle& fileHandle, std::string_view /*withFilename*/,
+                                        std::string_view toPath, uint64_t byteOffset,
+                                        uint64_t* bytesTransferred, NSErrorRef* error) {
+  return upload(fileHandle, toPath, byteOffset, bytesTransferred, error);
+}
+
+bool PooledConnection::uploadFileAtPath(const std::string& localPath, std::string_view toPath,
+                                        uint64_t byteOffset, uint64_t* bytesTransferred, NSErrorRef* error) {
+  const int descriptor = ::open(localPath.c_str(), O_RDONLY | O_CLOEXEC);
+  if (descriptor < 0) {
+    const NSErrorRef cause = NSError::errorWithDomain(NSPOSIXErrorDomain, errno);
+    if (bytesTransferred != nullptr) *bytesTransferred = byteOffset;
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitLocalFailure, localPath, cause));
+    return false;
+  }
+  NSFileHandle handle(descriptor);
+  return upload(handle, toPath, byteOffset, bytesTransferred, error);
+}
+
+bool PooledConnection::streamBytesWithFilename(std::string_view /*filename*/, std::string_view toPath,
+                                               ConnectionDelegate& handler, NSErrorRef* error) {
+  if (!isAllowed(toPath, error)) return false;
+  const std::string whole = absolute(toPath);
+  StreamSpool spool([this, &handler](std::byte* buffer, size_t capacity) -> size_t {
+    // What the handler gives after it has cancelled is of no use to anybody.
+    if (iShouldCancel) return 0;
+    return handler.connection(*this, buffer, capacity);
+  });
+  // No report: progress is never told during a stream.
+  Run run{Run::Kind::kStream, ProgressReporter(0, nullptr), &spool};
+  const auto next = [&spool](std::byte* buffer, size_t capacity) { return spool.next(buffer, capacity); };
+  const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
+    const bool sent = session.stream(next, whole, control, fault);
+    if (!sent || !iShouldCancel) return sent;
+    // The cancel mark came with the end of the data: what was sent is not the whole.
+    *fault = QuarnKitError::errorWithCode(kQuarnKitCancelled);
+    return false;
+  };
+  return runTransfer(run, work, error);
+}
+
+}  // namespace ombra

@@ -1,0 +1,147 @@
+// A logical connection of the library's pool.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "remote/AbstractConnection.h"
+#include "remote/KnownLinks.h"
+#include "remote/ProgressReporter.h"
+#include "remote/SessionPool.h"
+#include "remote/StreamSpool.h"
+#include "remote/TrustMemory.h"
+
+namespace ombra {
+
+class PooledConnection;
+
+// What all connections of a pool share.
+struct PoolCore {
+  PoolCore(std::shared_ptr<Engine> engine, std::shared_ptr<const KCCredentials> credentials)
+      : sessions(std::move(engine), credentials), trust(credentials->option("fingerprint")) {}
+  SessionPool sessions;
+  TrustMemory trust;
+};
+
+// Costs nothing until its first remote call, which attaches a session; `release` gives the session back.
+//
+// What happens when a session is lost in the middle of a call, or the server cannot be reached for a new one:
+//   listing, attributes, resolving, real path, volume size   repeated on a fresh session, with short growing
+//   pauses download            goes on from the byte reached; each byte that arrives starts the count of
+//   attempts again upload              repeated only when nothing had been sent; a stream when nothing had
+//   been taken from its spool create, move, delete, change attributes   never repeated: whether it was done
+//   is not known. But as long as no
+//                       session was there to send it on, it is tried for the same time as the others
+class PooledConnection final : public AbstractConnection, private SessionWaiter {
+ public:
+  explicit PooledConnection(std::shared_ptr<PoolCore> core) : iCore(std::move(core)) {}
+  ~PooledConnection() override;
+
+  // The holder's time is over: the session goes back, later calls fail.
+  void release();
+  bool isReleased() const { return iReleased.load(); }
+  const PoolCore* core() const { return iCore.get(); }
+
+  uint32_t protocol() const override { return engine().protocol(); }
+  bool isSFTP() const override { return engine().isSFTP(); }
+  bool isWebDAV() const override { return engine().isWebDAV(); }
+  bool supportsUploadByteOffset() const override { return engine().supportsUploadByteOffset(); }
+  const KCUUID& UUID() const override { return iUUID; }
+  void setDelegate(ConnectionDelegate* delegate) override { iDelegate = delegate; }
+  ConnectionDelegate* delegate() const override { return iDelegate; }
+
+  std::optional<std::string> loginPath() const override { return iCore->sessions.loginPath(); }
+  bool connect(NSErrorRef* error) override;
+  bool changeDir(std::string_view path, NSErrorRef* error) override;
+  std::optional<std::string> pwd(NSErrorRef* error) override;
+  bool resolvePath(std::string_view path, std::string* resolvedPath, bool* isDirectory,
+                   NSErrorRef* error) override;
+  std::optional<NSFileAttributes> attributesOfItemAtPath(std::string_view path, bool* isDirectory,
+                                                         NSErrorRef* error) override;
+  std::optional<NSFileAttributes> fileSystemAttributesAtPath(std::string_view path,
+                                                             NSErrorRef* error) override;
+  bool contentsAtPath(std::string_view path, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
+                      NSErrorRef* error) override;
+  bool createFolderAtPath(std::string_view path, NSErrorRef* error) override;
+  bool createSymbolicLinkAtPath(std::string_view path, std::string_view resolvingToPath,
+                                NSErrorRef* error) override;
+  bool moveItemFromPath(std::string_view path, bool isDirectory, std::string_view toPath,
+                        NSErrorRef* error) override;
+  bool deleteItemAtPath(std::string_view path, bool isDirectory, NSErrorRef* error) override;
+  bool changeAttributes(const NSFileAttributes& attributes, std::string_view atPath,
+                        NSErrorRef* error) override;
+  bool downloadFileAtPath(std::string_view path, NSFileHandle& toFileHandle, uint64_t byteOffset,
+                          uint64_t* bytesTransferred, NSErrorRef* error) override;
+  bool uploadFileAtPath(const std::string& localPath, std::string_view toPath, uint64_t byteOffset,
+                        uint64_t* bytesTransferred, NSErrorRef* error) override;
+  bool uploadFileHandle(NSFileHandle& fileHandle, std::string_view withFilename, std::string_view toPath,
+                        uint64_t byteOffset, uint64_t* bytesTransferred, NSErrorRef* error) override;
+  bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
+                               ConnectionDelegate& handler, NSErrorRef* error) override;
+  void setShouldCancel(bool shouldCancel) override;
+  std::string displayStringForRemoteString(std::string_view bytes) const override;
+
+ private:
+  // One transfer, while it runs.
+  struct Run {
+    enum class Kind { kDownload, kUpload, kStream } kind;
+    ProgressReporter reporter;
+    StreamSpool* spool = nullptr;
+    bool moved = false;         // anything was sent or received, in any session
+    uint64_t sessionStart = 0;  // bytes reached when this session began
+    bool givesWay = false;
+  };
+  class Control;
+  using Work = std::function<bool(Session& session, NSErrorRef* error)>;
+  enum class Repeat { kSafe, kNever };
+
+  const Engine& engine() const { return iCore->sessions.engine(); }
+  SessionPool& sessions() const { return iCore->sessions; }
+  std::string absolute(std::string_view path) const;
+
+  // Runs `work` with a session attached, and again as `repeat` permits.
+  bool perform(Repeat repeat, const Work& work, NSErrorRef* error);
+  // A change of the tree at these paths; nothing known of links holds afterwards.
+  bool performChange(std::string_view path, std::string_view otherPath, const Work& work, NSErrorRef* error);
+  bool runTransfer(Run& run, const std::function<bool(Session&, TransferControl&, NSErrorRef*)>& work,
+                   NSErrorRef* error);
+  bool upload(NSFileHandle& handle, std::string_view path, uint64_t offset, uint64_t* bytesTransferred,
+              NSErrorRef* error);
+  bool attachForRequest(NSErrorRef* error);
+  bool attachForTransfer(NSErrorRef* error);
+  void endTransfer();
+  void dropSession(bool reusable);
+  // Drops a session that `error` says is lost; true then.
+  bool loseSession(const NSErrorRef& error);
+  ProgressReporter::Report progressReport();
+  bool isAllowed(std::string_view path, NSErrorRef* error) const;
+
+  // SessionWaiter
+  bool wantsToStop() const override { return iInTransfer && iShouldCancel.load(); }
+  bool isAwaited() override;
+  bool hasSpareWork() const override {
+    return iRun != nullptr && iRun->spool != nullptr && iRun->spool->wantsMore();
+  }
+  void doSpareWork() override { iRun->spool->fill(); }
+  bool isWorthyTrust(const std::string& fingerprint) override;
+
+  const std::shared_ptr<PoolCore> iCore;
+  const KCUUID iUUID = KCUUID::UUID();
+  std::atomic<ConnectionDelegate*> iDelegate{nullptr};
+  std::atomic<bool> iShouldCancel{false};
+  std::atomic<bool> iInTransfer{false};
+  std::atomic<bool> iReleased{false};
+  // Of the holder's thread:
+  std::shared_ptr<PooledSession> iSession;
+  bool iCountsAsTransfer = false;
+  Run* iRun = nullptr;
+  std::optional<std::string> iFolder;
+  KnownLinks iKnownLinks;
+};
+
+}  // namespace ombra

@@ -1,0 +1,56 @@
+#include "remote/ProgressReporter.h"
+
+namespace ombra {
+namespace {
+
+constexpr uint64_t kBytesPerReport = 256 * 1024;
+constexpr double kSecondsPerReport = 0.05;
+constexpr double kSecondsPerStalledReport = 1.0;
+
+// A clock that was set back counts as time that passed: a report too many is harmless, one too few is not.
+bool hasPassed(NSDate since, NSDate now, double seconds) {
+  const double passed = now.timeIntervalSinceDate(since);
+  return passed < 0 || passed >= seconds;
+}
+
+}  // namespace
+
+ProgressReporter::ProgressReporter(uint64_t start, Report report)
+    : iStart(start),
+      iReport(std::move(report)),
+      iBytes(start),
+      iFirstDate(NSDate::date()),
+      iLastDate(iFirstDate) {}
+
+void ProgressReporter::reached(uint64_t bytes) {
+  iBytes = bytes;
+  if (!hasMoved() || !iReport) return;
+  const NSDate now = NSDate::date();
+  const bool due =
+      !iReported || iBytes - *iReported >= kBytesPerReport || hasPassed(iLastDate, now, kSecondsPerReport);
+  if (due && iReported != iBytes) send(now, false);
+}
+
+void ProgressReporter::poll() {
+  if (!hasMoved() || !iReport) return;
+  const NSDate now = NSDate::date();
+  if (iReported != iBytes) {
+    if (hasPassed(iLastDate, now, kSecondsPerReport)) send(now, false);
+  } else if (hasPassed(iLastDate, now, kSecondsPerStalledReport)) {
+    send(now, true);
+  }
+}
+
+void ProgressReporter::flush() {
+  if (hasMoved() && iReport && iReported != iBytes) send(NSDate::date(), false);
+}
+
+void ProgressReporter::send(NSDate now, bool stalled) {
+  iReported = iBytes;
+  iLastDate = now;
+  const double seconds = now.timeIntervalSinceDate(iFirstDate);
+  const double throughput = seconds > 0 ? static_cast<double>(iBytes - iStart) / seconds : 0.0;
+  iReport(iBytes, stalled ? 0.0 : throughput, stalled);
+}
+
+}  // namespace ombra

@@ -1,0 +1,37 @@
+#include "remote/RemotePaths.h"
+
+#include <algorithm>
+
+namespace ombra {
+namespace {
+
+void appendComponents(std::string& result, std::string_view path) {
+  while (!path.empty()) {
+    const size_t end = std::min(path.find('/'), path.size());
+    const std::string_view name = path.substr(0, end);
+    path.remove_prefix(std::min(end + 1, path.size()));
+    if (!name.empty() && name != ".") result.append("/").append(name);
+  }
+}
+
+}  // namespace
+
+std::string absoluteRemotePath(std::string_view path, std::string_view base) {
+  std::string result;
+  if (!path.starts_with('/')) appendComponents(result, base);
+  appendComponents(result, path);
+  return result.empty() ? "/" : result;
+}
+
+std::string remotePathInFolder(std::string_view folder, std::string_view name) {
+  std::string result(folder == "/" ? std::string_view() : folder);
+  result.append("/").append(name);
+  return result;
+}
+
+bool isShownName(std::string_view name) {
+  if (name.empty() || name == "." || name == "..") return false;
+  return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;
+}
+
+}  // namespace ombra

@@ -1,0 +1,113 @@
+// The line of threads that wait for a session.
+#include <algorithm>
+
+#include "remote/SessionPool.h"
+
+namespace ombra {
+namespace {
+// How often a download that nobody waited for when it got in line looks whether that has changed.
+constexpr double kStandBackSeconds = 0.25;
+constexpr double kRaiseSeconds = 60.0;
+}  // namespace
+
+int SessionPool::transferCap() const {
+  const int keptFree = std::max(iCap / 4, 1);
+  // With a single session there is nothing to keep free.
+  return std::max(iCap - keptFree, 1);
+}
+
+bool SessionPool::isEligible(const Place& place) const {
+  if (place.busy) return false;
+  return place.use == SessionUse::kRequest || iTransfers < transferCap();
+}
+
+// First come, first served, among those that may have one at all; downloads that nobody waits for come last.
+bool SessionPool::isNext(const Place& place) const {
+  const Place* next = nullptr;
+  for (const Place* other : iLine) {
+    if (!isEligible(*other)) continue;
+    if (other->awaited) return other == &place;
+    if (next == nullptr) next = other;
+  }
+  return next == &place;
+}
+
+bool SessionPool::tryTake(Place& place, std::shared_ptr<PooledSession>* idle) {
+  if (iIdle.empty() && iLive >= iCap) return false;
+  if (!isNext(place)) return false;
+  if (!iIdle.empty()) {
+    *idle = std::move(iIdle.back());
+    iIdle.pop_back();
+  } else {
+    ++iLive;
+  }
+  if (place.use == SessionUse::kTransfer) ++iTransfers;
+  return true;
+}
+
+SessionPool::Turn SessionPool::waitForTurn(SessionWaiter& waiter, Place& place,
+                                           std::shared_ptr<PooledSession>* idle) {
+  iCondition.lock();
+  iLine.push_back(&place);
+  Turn turn = Turn::kGranted;
+  while (true) {
+    raiseCapIfDue();
+    if (iIsShutDown) {
+      turn = Turn::kShutDown;
+      break;
+    }
+    if (waiter.wantsToStop()) {
+      turn = Turn::kStop;
+      break;
+    }
+    if (tryTake(place, idle)) break;
+    place.inLine = true;
+    publishLine();
+    if (waiter.hasSpareWork()) {
+      place.busy = true;
+      iCondition.broadcast();
+      iCondition.unlock();
+      waiter.doSpareWork();
+      iCondition.lock();
+      place.busy = false;
+    } else {
+      sleepInLine(place);
+      if (!place.awaited) {
+        iCondition.unlock();
+        const bool awaited = waiter.isAwaited();
+        iCondition.lock();
+        place.awaited = awaited;
+      }
+    }
+  }
+  iLine.remove(&place);
+  publishLine();
+  // The next in line may have a turn too.
+  iCondition.broadcast();
+  iCondition.unlock();
+  return turn;
+}
+
+void SessionPool::sleepInLine(const Place& place) {
+  if (!place.awaited) {
+    (void)iCondition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(kStandBackSeconds));
+  } else if (iCap < wantedCap()) {
+    (void)iCondition.waitUntilDate(iRaiseDate);
+  } else {
+    iCondition.wait();
+  }
+}
+
+void SessionPool::publishLine() {
+  const auto waiting = std::count_if(iLine.begin(), iLine.end(),
+                                     [](const Place* place) { return place->inLine && place->awaited; });
+  iAwaitedInLine.store(static_cast<int>(waiting), std::memory_order_relaxed);
+}
+
+void SessionPool::raiseCapIfDue() {
+  if (iCap >= wantedCap() || NSDate::date() < iRaiseDate) return;
+  ++iCap;
+  iRaiseDate = NSDate::dateWithTimeIntervalSinceNow(kRaiseSeconds);
+}
+
+}  // namespace ombra

@@ -1,0 +1,257 @@
+#include "remote/SessionPool.h"
+
+#include <algorithm>
+#include <cassert>
+#include <system_error>
+
+#include "platform/foundation/NSThread.h"
+#include "remote/QuarnKitError.h"
+#include "remote/RetryPauses.h"
+
+namespace ombra {
+namespace {
+
+constexpr double kIdleSeconds = 60.0;
+
+NSErrorRef shutDownError() {
+  return QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the volume is closing");
+}
+
+}  // namespace
+
+SessionPool::SessionPool(std::shared_ptr<Engine> engine, std::shared_ptr<const KCCredentials> credentials)
+    : iEngine(std::move(engine)),
+      iCredentials(std::move(credentials)),
+      iTranscript(std::make_shared<TranscriptSink>(*iCredentials)),
+      iCap(std::max(iEngine->sessionCap(), 1)) {}
+
+SessionPool::~SessionPool() {
+  shutDown();
+  if (iCloser.joinable()) iCloser.join();
+}
+
+int SessionPool::wantedCap() const { return std::max(iMaximum > 0 ? iMaximum : iEngine->sessionCap(), 1); }
+
+void SessionPool::setMaximumSessions(int maximum) {
+  ConditionLock lock(iCondition);
+  iMaximum = maximum;
+  iCap = wantedCap();
+  iCondition.broadcast();
+}
+
+int SessionPool::cap() const {
+  ConditionLock lock(iCondition);
+  return iCap;
+}
+
+std::optional<std::string> SessionPool::loginPath() const {
+  ConditionLock lock(iCondition);
+  return iLoginPath;
+}
+
+bool SessionPool::isShutDown() const {
+  ConditionLock lock(iCondition);
+  return iIsShutDown;
+}
+
+std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, SessionUse use, NSErrorRef* error) {
+  // A thread that waited with a session in hand could wait for one that never comes free.
+  assert(!threadHoldsSession());
+  RetryPauses pauses;
+  while (true) {
+    Place place;
+    place.use = use;
+    place.awaited = waiter.isAwaited();
+    std::shared_ptr<PooledSession> session;
+    const Turn turn = waitForTurn(waiter, place, &session);
+    if (turn != Turn::kGranted) {
+      storeError(error,
+                 turn == Turn::kStop ? QuarnKitError::errorWithCode(kQuarnKitCancelled) : shutDownError());
+      return nullptr;
+    }
+    if (session != nullptr && session->session->isAlive()) {
+      session->transcript->setConnection(waiter.UUID());
+      if (enter(session)) return session;
+    }
+    session.reset();
+    NSErrorRef loginError;
+    session = logIn(waiter, &loginError);
+    if (session != nullptr) return session;
+    const bool waitHelps = loginFailed(use, loginError);
+    if (!waitHelps) {
+      // Others fill the server: it may take us a moment later.
+      const std::optional<double> seconds =
+          QuarnKitError::isCode(loginError, kQuarnKitTooManyConnections) ? pauses.next() : std::nullopt;
+      if (!seconds || !pause(*seconds, waiter)) {
+        storeError(error, std::move(loginError));
+        return nullptr;
+      }
+    }
+  }
+}
+
+std::shared_ptr<PooledSession> SessionPool::logIn(SessionWaiter& waiter, NSErrorRef* error) {
+  auto pooled = std::make_shared<PooledSession>();
+  pooled->transcript = std::make_shared<PoolTranscript>(iTranscript);
+  pooled->transcript->setConnection(waiter.UUID());
+  SessionEnvironment environment;
+  environment.credentials = iCredentials;
+  environment.transcript = pooled->transcript;
+  // A session keeps its environment; the waiter is there for the login alone.
+  auto asked = std::make_shared<std::atomic<SessionWaiter*>>(&waiter);
+  environment.isWorthyTrust = [asked](const std::string& fingerprint) {
+    SessionWaiter* present = asked->load();
+    return present != nullptr && present->isWorthyTrust(fingerprint);
+  };
+  pooled->session = iEngine->makeSession(environment);
+  // In use from now on, so that shutDown can interrupt the login too.
+  bool loggedIn = false;
+  if (!enter(pooled)) {
+    *error = shutDownError();
+  } else {
+    loggedIn = pooled->session->logIn(error);
+  }
+  asked->store(nullptr);
+  ConditionLock lock(iCondition);
+  if (loggedIn) {
+    if (!iLoginPath) iLoginPath = pooled->session->loginPath();
+    return pooled;
+  }
+  if (iInUse.erase(pooled) != 0) noteHolder(*pooled, -1);
+  if (*error == nullptr) *error = QuarnKitError::errorWithCode(kQuarnKitLoginFailed);
+  return nullptr;
+}
+
+bool SessionPool::enter(const std::shared_ptr<PooledSession>& session) {
+  ConditionLock lock(iCondition);
+  if (iIsShutDown) return false;
+  iInUse.insert(session);
+  session->holder = std::this_thread::get_id();
+  noteHolder(*session, 1);
+  return true;
+}
+
+bool SessionPool::loginFailed(SessionUse use, const NSErrorRef& error) {
+  ConditionLock lock(iCondition);
+  --iLive;
+  if (use == SessionUse::kTransfer) --iTransfers;
+  const bool tooMany = QuarnKitError::isCode(error, kQuarnKitTooManyConnections);
+  if (tooMany && iLive > 0) {
+    iCap = std::min(iCap, iLive);
+    iRaiseDate = NSDate::dateWithTimeIntervalSinceNow(kIdleSeconds);
+  }
+  iCondition.broadcast();
+  return tooMany && iLive > 0;
+}
+
+void SessionPool::detach(std::shared_ptr<PooledSession> session, bool reusable) {
+  if (session == nullptr) return;
+  if (reusable) session->session->becameIdle();
+  session->transcript->flush();
+  ConditionLock lock(iCondition);
+  if (iInUse.erase(session) != 0) noteHolder(*session, -1);
+  if (reusable && !iIsShutDown && iLive <= iCap) {
+    keepIdle(session);
+  } else {
+    --iLive;
+  }
+  iCondition.broadcast();
+  // A session that is not kept is closed by its last reference, the argument: after the lock is released.
+}
+
+void SessionPool::keepIdle(std::shared_ptr<PooledSession>& session) {
+  session->idleSince = NSDate::date();
+  if (!iCloserRuns) {
+    try {
+      iCloser = std::thread([this] { closeIdleSessions(); });
+      iCloserRuns = true;
+    } catch (const std::system_error&) {
+      // Without a thread that closes it, a session is not kept.
+      --iLive;
+      return;
+    }
+  }
+  iIdle.push_back(std::move(session));
+}
+
+bool SessionPool::tryBeginTransfer() {
+  ConditionLock lock(iCondition);
+  if (iTransfers >= transferCap()) return false;
+  ++iTransfers;
+  return true;
+}
+
+void SessionPool::endTransfer() {
+  ConditionLock lock(iCondition);
+  --iTransfers;
+  iCondition.broadcast();
+}
+
+bool SessionPool::pause(double seconds, const SessionWaiter& waiter) {
+  const NSDate limit = NSDate::dateWithTimeIntervalSinceNow(seconds);
+  ConditionLock lock(iCondition);
+  while (!iIsShutDown && !waiter.wantsToStop()) {
+    if (!iCondition.waitUntilDate(limit)) return true;
+  }
+  return false;
+}
+
+void SessionPool::wakeWaiters() {
+  ConditionLock lock(iCondition);
+  iCondition.broadcast();
+}
+
+void SessionPool::shutDown() {
+  std::set<std::shared_ptr<PooledSession>> running;
+  std::vector<std::shared_ptr<PooledSession>> idle;
+  {
+    ConditionLock lock(iCondition);
+    iIsShutDown = true;
+    running = iInUse;
+    iLive -= static_cast<int>(iIdle.size());
+    idle.swap(iIdle);
+    iCondition.broadcast();
+  }
+  for (const auto& pooled : running) pooled->session->interrupt();
+}
+
+void SessionPool::closeIdleSessions() {
+  NSThread::setName("closing idle sessions");
+  iCondition.lock();
+  while (!iIsShutDown) {
+    if (iIdle.empty()) {
+      iCondition.wait();
+      continue;
+    }
+    // The oldest is the first: they come in at the end and are taken from the end.
+    const NSDate limit = iIdle.front()->idleSince.dateByAddingTimeInterval(kIdleSeconds);
+    if (NSDate::date() < limit) {
+      (void)iCondition.waitUntilDate(limit);
+      continue;
+    }
+    std::shared_ptr<PooledSession> expired = std::move(iIdle.front());
+    iIdle.erase(iIdle.begin());
+    --iLive;
+    iCondition.broadcast();
+    iCondition.unlock();
+    expired.reset();  // says goodbye to the server
+    iCondition.lock();
+  }
+  iCondition.unlock();
+}
+
+void SessionPool::noteHolder([[maybe_unused]] const PooledSession& session, [[maybe_unused]] int change) {
+#ifndef NDEBUG
+  int& count = iHolders[session.holder];
+  count += change;
+  if (count == 0) iHolders.erase(session.holder);
+#endif
+}
+
+bool SessionPool::threadHoldsSession() const {
+  ConditionLock lock(iCondition);
+  const auto found = iHolders.find(std::this_thread::get_id());
+  return found != iHolders.end() && found->second > 0;
+}
+
+}  // namespace ombra

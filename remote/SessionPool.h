@@ -1,0 +1,144 @@
+// The capped set of sessions to one server.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/foundation/NSCondition.h"
+#include "remote/PoolTranscript.h"
+#include "remote/Session.h"
+
+namespace ombra {
+
+enum class SessionUse {
+  kRequest,   // short: a listing, a change
+  kTransfer,  // may take long: a share of the sessions is kept free of these
+};
+
+// A session in the hands of the pool.
+struct PooledSession {
+  std::shared_ptr<PoolTranscript> transcript;
+  std::shared_ptr<Session> session;
+  NSDate idleSince;
+  std::thread::id holder;  // the thread that it is attached for
+};
+
+// Who waits for a session, and what the pool needs of him meanwhile. Called on the waiting thread, without a
+// lock unless said otherwise.
+class SessionWaiter {
+ public:
+  virtual ~SessionWaiter() = default;
+  virtual const KCUUID& UUID() const = 0;
+  // Stop waiting. Called with the pool's lock held: an atomic flag, nothing more.
+  virtual bool wantsToStop() const = 0;
+  // Somebody needs this soon. Downloads that nobody waits for stand back behind the others.
+  virtual bool isAwaited() { return true; }
+  // Whether there is something useful to do while waiting. Asked with the pool's lock held.
+  virtual bool hasSpareWork() const { return false; }
+  // Does a piece of it; may block.
+  virtual void doSpareWork() {}
+  // Asked during a login.
+  virtual bool isWorthyTrust(const std::string& fingerprint) = 0;
+};
+
+// Hands sessions to threads that wait in line, keeps idle ones warm for a minute, and never has more of them
+// than the cap. The cap falls by itself when the server takes no more, and rises again by one each minute.
+//
+// A waiting thread never holds a session: that alone makes the cap free of deadlock, and debug builds assert
+// it.
+//
+// A session is  nothing -> logging in -> in use <-> idle -> nothing;  "in use" counts as a transfer or as a
+// request. Thread-safe. One lock; no session, delegate or transcript is called with it held.
+class SessionPool {
+ public:
+  SessionPool(std::shared_ptr<Engine> engine, std::shared_ptr<const KCCredentials> credentials);
+  ~SessionPool();
+  SessionPool(const SessionPool&) = delete;
+  SessionPool& operator=(const SessionPool&) = delete;
+
+  const Engine& engine() const { return *iEngine; }
+  const std::shared_ptr<const KCCredentials>& credentials() const { return iCredentials; }
+  TranscriptSink& transcript() { return *iTranscript; }
+  void setMaximumSessions(int maximum) EXCLUDES(iCondition);
+  int cap() const EXCLUDES(iCondition);
+  std::optional<std::string> loginPath() const EXCLUDES(iCondition);
+  bool isShutDown() const EXCLUDES(iCondition);
+
+  // A session that is logged in, after waiting in line for it. Null with the error filled: kQuarnKitCancelled
+  // when the waiter wants to stop, kQuarnKitConnectionLost after shutDown, else what the login met.
+  std::shared_ptr<PooledSession> attach(SessionWaiter& waiter, SessionUse use, NSErrorRef* error)
+      EXCLUDES(iCondition);
+  // Takes it back; `reusable` when it may serve another call. A transfer must have been ended before.
+  void detach(std::shared_ptr<PooledSession> session, bool reusable) EXCLUDES(iCondition);
+  // Turns an attached request into a transfer: false when the share of transfers is taken.
+  bool tryBeginTransfer() EXCLUDES(iCondition);
+  void endTransfer() EXCLUDES(iCondition);
+  // True when somebody who needs it soon waits for a session.
+  bool othersWait() const { return iAwaitedInLine.load(std::memory_order_relaxed) > 0; }
+
+  // Sleeps for so long; less when the waiter wants to stop or the pool is shut down: then false.
+  bool pause(double seconds, const SessionWaiter& waiter) EXCLUDES(iCondition);
+  // Lets waiters look at their flags.
+  void wakeWaiters() EXCLUDES(iCondition);
+  // Interrupts the sessions in use and closes the idle ones; from now on nothing is attached.
+  void shutDown() EXCLUDES(iCondition);
+
+ private:
+  struct Place {
+    SessionUse use = SessionUse::kRequest;
+    bool awaited = true;
+    bool busy = false;  // does spare work: others go first
+    bool inLine = false;
+  };
+  enum class Turn { kGranted, kStop, kShutDown };
+
+  Turn waitForTurn(SessionWaiter& waiter, Place& place, std::shared_ptr<PooledSession>* idle)
+      EXCLUDES(iCondition);
+  bool tryTake(Place& place, std::shared_ptr<PooledSession>* idle) REQUIRES(iCondition);
+  void sleepInLine(const Place& place) REQUIRES(iCondition);
+  bool isEligible(const Place& place) const REQUIRES(iCondition);
+  bool isNext(const Place& place) const REQUIRES(iCondition);
+  void publishLine() REQUIRES(iCondition);
+  void raiseCapIfDue() REQUIRES(iCondition);
+  int transferCap() const REQUIRES(iCondition);
+  int wantedCap() const REQUIRES(iCondition);
+  std::shared_ptr<PooledSession> logIn(SessionWaiter& waiter, NSErrorRef* error) EXCLUDES(iCondition);
+  // Gives the place of a failed login back. True when waiting for another session makes sense.
+  bool loginFailed(SessionUse use, const NSErrorRef& error) EXCLUDES(iCondition);
+  bool enter(const std::shared_ptr<PooledSession>& session) EXCLUDES(iCondition);
+  void noteHolder(const PooledSession& session, int change) REQUIRES(iCondition);
+  bool threadHoldsSession() const EXCLUDES(iCondition);
+  void keepIdle(std::shared_ptr<PooledSession>& session) REQUIRES(iCondition);
+  void closeIdleSessions() EXCLUDES(iCondition);
+
+  const std::shared_ptr<Engine> iEngine;
+  const std::shared_ptr<const KCCredentials> iCredentials;
+  const std::shared_ptr<TranscriptSink> iTranscript;
+
+  std::atomic<int> iAwaitedInLine{0};
+
+  mutable NSCondition iCondition;
+  int iMaximum GUARDED_BY(iCondition) = 0;  // as set; 0: the engine's cap
+  int iCap GUARDED_BY(iCondition);
+  NSDate iRaiseDate GUARDED_BY(iCondition);  // while the cap is lowered
+  int iLive GUARDED_BY(iCondition) = 0;      // in use, idle and logging in
+  int iTransfers GUARDED_BY(iCondition) = 0;
+  std::list<Place*> iLine GUARDED_BY(iCondition);
+  std::set<std::shared_ptr<PooledSession>> iInUse GUARDED_BY(iCondition);
+  std::vector<std::shared_ptr<PooledSession>> iIdle
+      GUARDED_BY(iCondition);                                      // the one used last is at the end
+  std::map<std::thread::id, int> iHolders GUARDED_BY(iCondition);  // kept in debug builds
+  std::optional<std::string> iLoginPath GUARDED_BY(iCondition);
+  bool iIsShutDown GUARDED_BY(iCondition) = false;
+  std::thread iCloser;  // closes idle sessions; begun with the first one, joined by the destructor
+  bool iCloserRuns GUARDED_BY(iCondition) = false;
+};
+
+}  // namespace ombra

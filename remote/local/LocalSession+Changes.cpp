@@ -1,0 +1,82 @@
+// Changes of names and attributes.
+#include <fcntl.h>
+#include <stdio.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#include "remote/QuarnKitError.h"
+#include "remote/local/LocalErrors.h"
+#include "remote/local/LocalSession.h"
+
+namespace ombra {
+namespace {
+
+constexpr mode_t kPermissionBits = 07777;
+
+bool answer(int result, std::string_view path, NSErrorRef* error) {
+  if (result == 0) return true;
+  storeError(error, localServerError(errno, path));
+  return false;
+}
+
+int renameWithoutReplacing(const char* from, const char* to) {
+  if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return 0;
+  if (errno != EINVAL && errno != ENOSYS) return -1;
+  // A file system without that promise: look first.
+  struct stat status {};
+  if (lstat(to, &status) == 0) {
+    errno = EEXIST;
+    return -1;
+  }
+  return rename(from, to);
+}
+
+}  // namespace
+
+bool LocalSession::createFolder(std::string_view path, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  return answer(mkdir(std::string(path).c_str(), 0777), path, error);
+}
+
+bool LocalSession::createSymbolicLink(std::string_view path, std::string_view target, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  return answer(symlink(std::string(target).c_str(), std::string(path).c_str()), path, error);
+}
+
+bool LocalSession::move(std::string_view from, bool /*isDirectory*/, std::string_view to, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  // What is in the way was removed before if it was known; what appeared since then is somebody's.
+  return answer(renameWithoutReplacing(std::string(from).c_str(), std::string(to).c_str()), from, error);
+}
+
+bool LocalSession::remove(std::string_view path, bool isDirectory, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  const std::string whole(path);
+  return answer(isDirectory ? rmdir(whole.c_str()) : unlink(whole.c_str()), path, error);
+}
+
+bool LocalSession::changeAttributes(const NSFileAttributes& attributes, std::string_view path,
+                                    NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  const std::string whole(path);
+  if (attributes.ownerAccountID || attributes.groupOwnerAccountID) {
+    // Before the mode: a change of owner takes the set-ID bits away.
+    const uid_t owner = attributes.ownerAccountID ? *attributes.ownerAccountID : static_cast<uid_t>(-1);
+    const gid_t group =
+        attributes.groupOwnerAccountID ? *attributes.groupOwnerAccountID : static_cast<gid_t>(-1);
+    if (!answer(chown(whole.c_str(), owner, group), path, error)) return false;
+  }
+  if (attributes.posixPermissions &&
+      !answer(chmod(whole.c_str(), *attributes.posixPermissions & kPermissionBits), path, error)) {
+    return false;
+  }
+  if (attributes.modificationDate) {
+    const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, kc_timespec(*attributes.modificationDate)};
+    if (!answer(utimensat(AT_FDCWD, whole.c_str(), times.data(), 0), path, error)) return false;
+  }
+  return true;
+}
+
+}  // namespace ombra

@@ -1,0 +1,168 @@
+// Downloads, uploads and streams.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+
+#include "remote/QuarnKitError.h"
+#include "remote/local/FileCopy.h"
+#include "remote/local/LocalErrors.h"
+#include "remote/local/LocalSession.h"
+#include "remote/local/WholeFile.h"
+
+namespace ombra {
+namespace {
+
+constexpr size_t kStreamPiece = 256 * 1024;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : iDescriptor(descriptor) {}
+  ~Descriptor() {
+    if (iDescriptor >= 0) close(iDescriptor);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return iDescriptor; }
+
+ private:
+  const int iDescriptor;
+};
+
+std::string versionOf(const struct stat& status) {
+  return fmt::format("{}:{}:{}:{}.{:09}", status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
+                     status.st_mtim.tv_nsec);
+}
+
+bool refuse(NSErrorRef* error, NSErrorRef reason) {
+  storeError(error, std::move(reason));
+  return false;
+}
+
+}  // namespace
+
+bool LocalSession::download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
+                            TransferControl& control, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  const std::string whole(path);
+  // Without waiting: a pipe of this name has no content to give.
+  const Descriptor from(::open(whole.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status {};
+  if (from.get() < 0 || fstat(from.get(), &status) != 0) {
+    return refuse(error, localServerError(errno == ENOTDIR ? ENOENT : errno, path));
+  }
+  if (!S_ISREG(status.st_mode)) return refuse(error, QuarnKitError::errorWithCode(kQuarnKitRefused, path));
+  if (version != nullptr) {
+    const std::string present = versionOf(status);
+    if (!version->empty() && *version != present) {
+      return refuse(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, path));
+    }
+    *version = present;
+  }
+  FileCopy copy;
+  copy.from = from.get();
+  copy.to = to.fileDescriptor();
+  copy.toIsServer = false;
+  copy.toLength = to.fileLength();
+  copy.path = whole.c_str();
+  copy.control = &control;
+  copy.interrupted = &iInterrupted;
+  uint64_t reached = offset;
+  // To the end, wherever that is by then: a file that grows is read as far as it goes.
+  return copy.copyRange({offset, std::numeric_limits<int64_t>::max()}, &reached, error);
+}
+
+bool LocalSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset,
+                          TransferControl& control, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  const std::string whole(path);
+  if (offset > 0) return uploadExtents(from, whole, offset, control, error);
+  WholeFile file;
+  if (!file.open(whole, error)) return false;
+  const FileExtent all{0, from.fileLength()};
+  // Confirmed before it is read: what is written while the copy runs then counts as new.
+  const std::vector<FileExtent> unconfirmed =
+      from.isScratch() ? from.unconfirmedExtents(0) : std::vector<FileExtent>();
+  from.noteConfirmed(all);
+  FileCopy copy;
+  copy.from = from.fileDescriptor();
+  copy.to = file.descriptor();
+  copy.path = whole.c_str();
+  copy.control = &control;
+  copy.interrupted = &iInterrupted;
+  uint64_t reached = 0;
+  if (copy.copyRange(all, &reached, error) && file.commit(error)) return true;
+  for (const FileExtent& extent : unconfirmed) from.noteWritten(extent);
+  return false;
+}
+
+bool LocalSession::uploadExtents(NSFileHandle& from, const std::string& path, uint64_t offset,
+                                 TransferControl& control, NSErrorRef* error) {
+  const Descriptor to(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666));
+  struct stat status {};
+  if (to.get() < 0 || fstat(to.get(), &status) != 0) return refuse(error, localServerError(errno, path));
+  if (!S_ISREG(status.st_mode)) return refuse(error, QuarnKitError::errorWithCode(kQuarnKitRefused, path));
+  const uint64_t length = from.fileLength();
+  std::vector<FileExtent> extents{{offset, std::max(length, offset)}};
+  if (from.isScratch()) extents = from.unconfirmedExtents(offset);
+  FileCopy copy;
+  copy.from = from.fileDescriptor();
+  copy.to = to.get();
+  copy.toLength = static_cast<uint64_t>(status.st_size);
+  copy.path = path.c_str();
+  copy.control = &control;
+  copy.interrupted = &iInterrupted;
+  for (const FileExtent& extent : extents) {
+    from.noteConfirmed(extent);
+    uint64_t reached = extent.begin;
+    if (!copy.copyRange(extent, &reached, error)) {
+      from.noteWritten({reached, extent.end});
+      return false;
+    }
+  }
+  // What is confirmed needs no sending, but a hole at the end is told by the length alone.
+  const off_t end = lseek(to.get(), 0, SEEK_END);
+  if (end >= 0 && static_cast<uint64_t>(end) < length &&
+      ftruncate(to.get(), static_cast<off_t>(length)) != 0) {
+    return refuse(error, localServerError(errno, path));
+  }
+  return true;
+}
+
+bool LocalSession::sendPieces(const std::function<size_t(std::byte*, size_t)>& next, int descriptor,
+                              const std::string& path, TransferControl& control, NSErrorRef* error) {
+  std::vector<std::byte> buffer(kStreamPiece);
+  uint64_t sent = 0;
+  while (true) {
+    if (control.shouldCancel()) return refuse(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
+    if (!mayGoOn(error)) return false;
+    const size_t count = next(buffer.data(), buffer.size());
+    if (control.shouldCancel()) return refuse(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
+    if (count == 0) return true;
+    for (size_t done = 0; done < count;) {
+      const ssize_t written = write(descriptor, buffer.data() + done, count - done);
+      if (written < 0 && errno == EINTR) continue;
+      if (written <= 0) return refuse(error, localServerError(errno, path));
+      done += static_cast<size_t>(written);
+    }
+    sent += count;
+    control.progress(sent);
+  }
+}
+
+bool LocalSession::stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
+                          TransferControl& control, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  if (iEnvironment.credentials->option("streaming") == "0") {
+    return refuse(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, path));
+  }
+  const std::string whole(path);
+  WholeFile file;
+  return file.open(whole, error) && sendPieces(next, file.descriptor(), whole, control, error) &&
+         file.commit(error);
+}
+
+}  // namespace ombra

@@ -1,0 +1,39 @@
+// The place where a whole new content is written.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+
+#include "platform/foundation/NSError.h"
+
+namespace ombra {
+
+// Opens a temporary file beside the destination and renames it over it in the end, so that nobody ever sees
+// half a file; or the destination itself, emptied, where a temporary name would do harm. Undone by the
+// destructor unless `commit` succeeded.
+class WholeFile {
+ public:
+  WholeFile() = default;
+  ~WholeFile();
+  WholeFile(const WholeFile&) = delete;
+  WholeFile& operator=(const WholeFile&) = delete;
+
+  // Links on the way to the destination are followed.
+  [[nodiscard]] bool open(const std::string& path, NSErrorRef* error);
+  int descriptor() const { return iDescriptor; }
+  [[nodiscard]] bool commit(NSErrorRef* error);
+
+  // Names of such files are not shown in listings.
+  static bool isTemporaryName(std::string_view name);
+
+ private:
+  bool openTemporary(mode_t mode, uid_t owner, gid_t group, bool replaces);
+
+  int iDescriptor = -1;
+  std::string iPath;
+  std::string iTemporaryPath;  // empty when written in place
+};
+
+}  // namespace ombra
