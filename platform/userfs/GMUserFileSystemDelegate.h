@@ -21,7 +21,8 @@ class GMOpenFile {
 };
 using GMUserData = std::shared_ptr<GMOpenFile>;
 
-// A path below the volume's root, or none. Paths are absolute ("/" is the root) and valid during the call only.
+// A path below the volume's root, or none. Paths are absolute ("/" is the root) and valid during the call
+// only. Reads, writes and releases of a file that has been removed while it was open come without a path.
 using OptionalPath = std::optional<std::string_view>;
 
 // The required operations. Called on several threads at once; each may block for as long as a server takes.
@@ -35,28 +36,35 @@ class GMUserFileSystemDelegate {
   virtual void willMount() = 0;
 
   // The names of a folder's entries in canonical decomposed form.
-  virtual std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(OptionalPath path, NSErrorRef* error) = 0;
-  virtual std::optional<NSFileAttributes> attributesOfItemAtPath(OptionalPath path, const GMUserData& userData,
+  virtual std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(OptionalPath path,
+                                                                            NSErrorRef* error) = 0;
+  virtual std::optional<NSFileAttributes> attributesOfItemAtPath(OptionalPath path,
+                                                                 const GMUserData& userData,
                                                                  NSErrorRef* error) = 0;
-  virtual std::optional<NSFileAttributes> attributesOfFileSystemForPath(OptionalPath path, NSErrorRef* error) = 0;
-  virtual bool setAttributes(const NSFileAttributes& attributes, OptionalPath ofItemAtPath, const GMUserData& userData,
-                             NSErrorRef* error) = 0;
+  virtual std::optional<NSFileAttributes> attributesOfFileSystemForPath(OptionalPath path,
+                                                                        NSErrorRef* error) = 0;
+  virtual bool setAttributes(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,
+                             const GMUserData& userData, NSErrorRef* error) = 0;
 
-  virtual bool createDirectoryAtPath(OptionalPath path, const NSFileAttributes& attributes, NSErrorRef* error) = 0;
+  virtual bool createDirectoryAtPath(OptionalPath path, const NSFileAttributes& attributes,
+                                     NSErrorRef* error) = 0;
   virtual bool createFileAtPath(OptionalPath path, const NSFileAttributes& attributes, GMUserData* userData,
                                 NSErrorRef* error) = 0;
-  virtual bool createSymbolicLinkAtPath(OptionalPath path, OptionalPath withDestinationPath, NSErrorRef* error) = 0;
-  virtual std::optional<std::string> destinationOfSymbolicLinkAtPath(OptionalPath path, NSErrorRef* error) = 0;
+  virtual bool createSymbolicLinkAtPath(OptionalPath path, OptionalPath withDestinationPath,
+                                        NSErrorRef* error) = 0;
+  virtual std::optional<std::string> destinationOfSymbolicLinkAtPath(OptionalPath path,
+                                                                     NSErrorRef* error) = 0;
   virtual bool moveItemAtPath(OptionalPath path, OptionalPath toPath, NSErrorRef* error) = 0;
   virtual bool removeItemAtPath(OptionalPath path, NSErrorRef* error) = 0;
 
   // `mode` holds InterfaceOpenFlags.
   virtual bool openFileAtPath(OptionalPath path, int mode, GMUserData* userData, NSErrorRef* error) = 0;
-  virtual int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size, int64_t offset,
-                             NSErrorRef* error) = 0;
+  virtual int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size,
+                             int64_t offset, NSErrorRef* error) = 0;
   virtual int writeFileAtPath(OptionalPath path, const GMUserData& userData, const void* buffer, size_t size,
                               int64_t offset, NSErrorRef* error) = 0;
-  virtual bool truncateFileAtPath(OptionalPath path, const GMUserData& userData, int64_t offset, NSErrorRef* error) = 0;
+  virtual bool truncateFileAtPath(OptionalPath path, const GMUserData& userData, int64_t offset,
+                                  NSErrorRef* error) = 0;
   // May raise KCException: what the last upload failed of.
   virtual void releaseFileAtPath(OptionalPath path, const GMUserData& userData) = 0;
 
@@ -78,41 +86,54 @@ enum class GMContentState {
 
 // Told by `drainAll` for each file whose content could not be stored.
 struct GMUndelivered {
-  std::string path;        // below the volume's root
-  std::string savedAs;     // the local path of the saved copy; empty when even that failed
-  NSErrorRef error;        // why the server has not got it
+  std::string path;     // below the volume's root
+  std::string savedAs;  // the local path of the saved copy; empty when even that failed
+  NSErrorRef error;     // why the server has not got it
 };
 
-// What programs on this system rely on beyond the required operations. Optional: a file system may implement it
-// beside GMUserFileSystemDelegate, and the framework then uses it. Same rules for errors and threads.
+// What programs on this system rely on beyond the required operations. Optional: a file system may implement
+// it beside GMUserFileSystemDelegate, and the framework then uses it. Same rules for errors and threads.
 class GMUserFileSystemDurability {
  public:
   virtual ~GMUserFileSystemDurability() = default;
 
-  // Makes sure that the server has the file as a whole; waits without a limit of its own. For fsync, for the close
-  // of a written handle, and before a release. Nothing to do is success.
+  // Makes sure that the server has the file as a whole; waits without a limit of its own. For fsync, for the
+  // close of a written handle, and before a release. Nothing to do is success.
   virtual bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) = 0;
   // For a read that ended before the promised size.
   virtual GMContentState contentStateOfFile(const GMUserData& userData) = 0;
   // Waits until the state of an arriving file changes, or more of it has arrived than `seen` bytes.
   virtual void waitForContent(const GMUserData& userData, uint64_t seen) = 0;
-  // Mode and dates of an item without fetching its content.
+  // Mode and dates of a file that has no handles, without fetching its content. An open-file object may have
+  // been prepared before.
   virtual bool changeAttributesWithoutContent(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,
                                               NSErrorRef* error) = 0;
-  // Gives the cache copy of a just opened file the mode and dates of its node, so that a write does not turn them
-  // into those of a scratch file.
+  // Gives the cache copy of a just opened file the mode and dates of its node, so that a write does not turn
+  // them into those of a scratch file.
   virtual void seedCacheAttributesAtPath(OptionalPath path, const GMUserData& userData) = 0;
   // The file is about to be removed: it goes on serving its handles from the cache and uploads nothing more.
   virtual void abandonFile(const GMUserData& userData) = 0;
+  // The removal has failed after all: undoes `abandonFile`.
+  virtual void reclaimFile(const GMUserData& /*userData*/) {}
+  // Size and dates of an abandoned file as its cache copy has them; absent when it cannot tell.
+  virtual std::optional<NSFileAttributes> attributesOfAbandonedFile(const GMUserData& /*userData*/) {
+    return {};
+  }
+  // Changes the size of an abandoned file's cache copy.
+  virtual bool truncateAbandonedFile(const GMUserData& /*userData*/, int64_t /*offset*/,
+                                     NSErrorRef* /*error*/) {
+    return false;
+  }
   // The open-file object of a path, if it has been prepared; null otherwise. Asks no server.
   virtual GMUserData openFileAtPathIfAny(OptionalPath path) = 0;
   // Before a move: what is being sent of the source reaches the server.
   virtual bool settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* error) = 0;
   // After a move: open files below a moved folder learn their new paths.
   virtual void movedItemAtPath(OptionalPath path, OptionalPath toPath) = 0;
-  // The entries of a folder byte for byte as the server lists them; each form of a name that is listed twice comes
-  // once. As contentsOfDirectoryAtPath otherwise.
-  virtual std::optional<std::vector<std::string>> namesAsListedAtPath(OptionalPath path, NSErrorRef* error) = 0;
+  // The entries of a folder byte for byte as the server lists them; each form of a name that is listed twice
+  // comes once. As contentsOfDirectoryAtPath otherwise.
+  virtual std::optional<std::vector<std::string>> namesAsListedAtPath(OptionalPath path,
+                                                                      NSErrorRef* error) = 0;
   // `path` with each component replaced by the listed name that it matches in another Unicode form.
   virtual std::string listedPathForPath(std::string_view path) = 0;
   // The next open fetches the content again when the last download failed.

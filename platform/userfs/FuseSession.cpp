@@ -1,0 +1,239 @@
+#include "platform/userfs/FuseSession.h"
+
+#include <fcntl.h>
+#include <signal.h>  // NOLINT: pthread_kill
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSLog.h"
+#include "platform/userfs/KernelMount.h"
+#include "platform/userfs/KernelWire.h"
+#include "platform/userfs/RequestContext.h"
+
+namespace ombra {
+
+namespace {
+
+// Interrupts a thread's wait for the kernel; does nothing else.
+int wakeUpSignal() { return SIGRTMAX - 3; }
+
+void installWakeUpSignal() {
+  static std::once_flag sOnce;
+  std::call_once(sOnce, [] {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigemptyset(&action.sa_mask);
+    sigaction(wakeUpSignal(), &action, nullptr);  // without SA_RESTART: the read is to come back
+  });
+}
+
+// The program blocks its signals in all threads; this one must get through here.
+void unblockWakeUpSignal() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, wakeUpSignal());
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+class Arguments {
+ public:
+  explicit Arguments(const MountOptions& options) {
+    add("ombrafs");
+    if (options.debug) add("-d");
+    if (options.allowRoot) add("-oallow_root");
+    add(fmt::format("-omax_read={}", KernelMount::kLargestRequest).c_str());
+  }
+  ~Arguments() { fuse_opt_free_args(&iArguments); }
+  Arguments(const Arguments&) = delete;
+  Arguments& operator=(const Arguments&) = delete;
+  fuse_args* get() { return &iArguments; }
+
+ private:
+  void add(const char* argument) { fuse_opt_add_arg(&iArguments, argument); }
+  fuse_args iArguments{};
+};
+
+}  // namespace
+
+std::shared_ptr<FuseSession> FuseSession::create(std::shared_ptr<Volume> volume, const MountOptions& options,
+                                                 size_t maximumThreads, std::function<void()> changed) {
+  installWakeUpSignal();
+  std::shared_ptr<FuseSession> session(
+      new FuseSession(std::move(volume), maximumThreads, std::move(changed)));
+  Arguments arguments(options);
+  session->iLibrary.reset(
+      fuse_new(arguments.get(), &volumeOperations(), sizeof(fuse_operations), &session->iContext));
+  if (session->iLibrary == nullptr) return nullptr;
+  session->iSession = fuse_get_session(session->iLibrary.get());
+  return session;
+}
+
+FuseSession::FuseSession(std::shared_ptr<Volume> volume, size_t maximumThreads, std::function<void()> changed)
+    : iVolume(std::move(volume)), iMaximumThreads(maximumThreads), iChanged(std::move(changed)) {
+  iContext.volume = iVolume.get();
+  iContext.initialized = [this] {
+    iInitialized = true;
+    iChanged();
+  };
+}
+
+// The last thread, or the mount, lets go: nobody uses the library's objects any more.
+FuseSession::~FuseSession() = default;
+
+bool FuseSession::start(int device) {
+  fuse_custom_io io{};
+  io.read = &FuseSession::readMessage;
+  io.writev = &FuseSession::writeMessage;
+  if (fuse_session_custom_io(iSession, &io, device) != 0) {
+    close(device);
+    return false;
+  }
+  {
+    ConditionLock lock(iCondition);
+    iThreadCount = 1;
+  }
+  return startThread();
+}
+
+ssize_t FuseSession::readMessage(int device, void* buffer, size_t size, void* /*session*/) {
+  return ::read(device, buffer, size);
+}
+
+ssize_t FuseSession::writeMessage(int device, iovec* parts, int count, void* /*session*/) {
+  // Before the kernel has the reply: it may remove the file and ask about it at once.
+  std::shared_ptr<OpenHandle>& created = RequestContext::current().created;
+  if (created != nullptr) {
+    if (const uint64_t nodeID = nodeIDOfCreationReply(parts, count)) created->item->setNodeID(nodeID);
+    created = nullptr;
+  }
+  return ::writev(device, parts, count);
+}
+
+// The caller has counted the thread.
+bool FuseSession::startThread() {
+  if (iThreads.start("fuse request", [session = shared_from_this()] { session->serve(); })) return true;
+  ConditionLock lock(iCondition);
+  --iThreadCount;
+  return false;
+}
+
+void FuseSession::serve() {
+  unblockWakeUpSignal();
+  fuse_buf buffer{};
+  int result = 0;
+  while (receive(&buffer, &result)) {
+    if (result > 0) process(buffer);
+  }
+  free(buffer.mem);  // NOLINT: the library's allocation
+}
+
+bool FuseSession::receive(fuse_buf* buffer, int* result) {
+  {
+    ConditionLock lock(iCondition);
+    if (iEnded || iWaiting.size() >= kIdleThreads) {
+      --iThreadCount;
+      return false;
+    }
+    iWaiting.insert(pthread_self());
+  }
+  *result = fuse_session_receive_buf(iSession, buffer);
+  const bool isOver = *result == 0 || (*result < 0 && *result != -EINTR && *result != -EAGAIN);
+  bool startAnother = false;
+  {
+    ConditionLock lock(iCondition);
+    iWaiting.erase(pthread_self());
+    if (*result > 0) ++iInFlight;
+    startAnother = *result > 0 && iWaiting.empty() && iThreadCount < iMaximumThreads && !iEnded;
+    if (startAnother) ++iThreadCount;
+    if (isOver) --iThreadCount;
+    iCondition.broadcast();
+  }
+  if (isOver) {
+    if (*result < 0) NSLog("The connection to the kernel has failed: {}", kc_strerror(-*result));
+    end();
+    return false;
+  }
+  // Without another thread this one goes on alone; the next request tries again.
+  if (startAnother) startThread();
+  return true;
+}
+
+void FuseSession::process(const fuse_buf& buffer) {
+  if (readRequestHead(buffer.mem, buffer.size)) {
+    addHandleToAttributeRequest(buffer.mem, buffer.size, [this](uint64_t nodeID) {
+      return iVolume->handles().handleOfRemovedNode(nodeID);
+    });
+  }
+  fuse_session_process_buf(iSession, &buffer);
+  RequestContext::current() = RequestContext();
+  ConditionLock lock(iCondition);
+  --iInFlight;
+  iCondition.broadcast();
+}
+
+void FuseSession::end() {
+  if (iEnded.exchange(true)) return;
+  fuse_session_exit(iSession);
+  iChanged();
+}
+
+size_t FuseSession::inFlight() {
+  ConditionLock lock(iCondition);
+  return iInFlight;
+}
+
+bool FuseSession::waitUntilQuiet(NSDate limit) {
+  ConditionLock lock(iCondition);
+  while (iInFlight != 0) {
+    if (!iCondition.waitUntilDate(limit)) return iInFlight == 0;
+  }
+  return true;
+}
+
+bool FuseSession::callWaitingThreads() {
+  ConditionLock lock(iCondition);
+  for (const pthread_t thread : iWaiting) pthread_kill(thread, wakeUpSignal());
+  return !iWaiting.empty();
+}
+
+void FuseSession::abort() {
+  end();
+  // A signal that comes just before the read is lost, so it is sent until nobody waits any more.
+  while (callWaitingThreads()) std::this_thread::yield();
+  // Threads that are still in the delegate will write their replies to this number, so it is not closed but
+  // pointed elsewhere. The kernel ends the connection with the last reference to the device.
+  const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (nowhere < 0) return;
+  dup3(nowhere, fuse_session_fd(iSession), O_CLOEXEC);
+  close(nowhere);
+}
+
+void FuseSession::invalidatePath(const std::string& path) {
+  if (!iEnded) fuse_invalidate_path(iLibrary.get(), path.c_str());
+}
+
+void FuseSession::invalidateAttributes(uint64_t nodeID) {
+  // A negative offset leaves the pages alone.
+  if (!iEnded) fuse_lowlevel_notify_inval_inode(iSession, nodeID, -1, 0);
+}
+
+void FuseSession::expireEntry(uint64_t parent, const std::string& parentPath, const std::string& name) {
+  if (iEnded) return;
+  // Expiring leaves the entry in place until it is looked up again: taking it away would leave a shell that
+  // sits in the folder without a path, and is what older kernels would do. There the attributes are asked for
+  // again, which finds out what has gone.
+  if (iContext.canExpireEntries && parent != 0) {
+    fuse_lowlevel_notify_expire_entry(iSession, parent, name.c_str(), name.size(), FUSE_LL_EXPIRE_ONLY);
+  } else {
+    fuse_invalidate_path(iLibrary.get(), stringByAppendingPathComponent(parentPath, name).c_str());
+  }
+}
+
+}  // namespace ombra

@@ -1,0 +1,191 @@
+#include "platform/userfs/HandleTable.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace ombra {
+
+OpenItem::OpenItem(std::string path, GMUserData userData)
+    : iUserData(std::move(userData)), iPath(std::move(path)) {}
+
+std::optional<std::string> OpenItem::path() const {
+  MutexLock lock(iLock);
+  return iPath;
+}
+
+void OpenItem::setPath(std::string path) {
+  MutexLock lock(iLock);
+  if (!iRemoved) iPath = std::move(path);
+}
+
+bool OpenItem::isRemoved() const {
+  MutexLock lock(iLock);
+  return iRemoved;
+}
+
+void OpenItem::markRemoved(const NSFileAttributes& attributes) {
+  MutexLock lock(iLock);
+  iRemoved = true;
+  iPath.reset();
+  iAttributes = attributes;
+}
+
+NSFileAttributes OpenItem::lastAttributes() const {
+  MutexLock lock(iLock);
+  return iAttributes;
+}
+
+void OpenItem::noteWrite(uint64_t end) {
+  MutexLock lock(iLock);
+  if (!iRemoved) return;
+  iAttributes.fileSize = std::max(end, iAttributes.fileSize.value_or(0));
+  iAttributes.modificationDate = NSDate::date();
+}
+
+void OpenItem::noteSize(uint64_t size) {
+  MutexLock lock(iLock);
+  if (!iRemoved) return;
+  iAttributes.fileSize = size;
+  iAttributes.modificationDate = NSDate::date();
+}
+
+void OpenItem::noteAttributes(const NSFileAttributes& attributes) {
+  MutexLock lock(iLock);
+  if (attributes.posixPermissions) iAttributes.posixPermissions = attributes.posixPermissions;
+  if (attributes.modificationDate) iAttributes.modificationDate = attributes.modificationDate;
+}
+
+std::shared_ptr<OpenHandle> HandleTable::add(const std::string& path, const GMUserData& userData,
+                                             bool forWriting, pid_t opener, uint64_t nodeID) {
+  MutexLock lock(iLock);
+  auto handle = std::make_shared<OpenHandle>();
+  const auto [first, last] = iItems.all().equal_range(path);
+  for (auto entry = first; entry != last && handle->item == nullptr; ++entry) {
+    const auto item = entry->second.lock();
+    if (item != nullptr && item->userData() == userData) handle->item = item;
+  }
+  if (handle->item == nullptr) {
+    handle->item = std::make_shared<OpenItem>(path, userData);
+    iItems.insert(path, handle->item);
+  }
+  ++handle->item->iHandleCount;
+  if (nodeID != 0) handle->item->setNodeID(nodeID);
+  handle->identifier = ++iLastIdentifier;
+  handle->forWriting = forWriting;
+  handle->opener = opener;
+  iHandles.emplace(handle->identifier, handle);
+  return handle;
+}
+
+std::shared_ptr<OpenHandle> HandleTable::handle(uint64_t identifier) const {
+  MutexLock lock(iLock);
+  const auto found = iHandles.find(identifier);
+  return found == iHandles.end() ? nullptr : found->second;
+}
+
+// The items table holds weak references: an item whose last handle goes is taken out here, while the handle
+// still keeps it alive.
+void HandleTable::dropItem(const std::shared_ptr<OpenHandle>& handle) {
+  const auto& item = handle->item;
+  if (--item->iHandleCount != 0) return;
+  const auto path = item->path();
+  if (!path) {
+    --iRemovedItems;
+    return;
+  }
+  const auto [first, last] = iItems.all().equal_range(*path);
+  for (auto entry = first; entry != last; ++entry) {
+    if (entry->second.lock() != item) continue;
+    iItems.all().erase(entry);
+    return;
+  }
+}
+
+std::shared_ptr<OpenHandle> HandleTable::remove(uint64_t identifier) {
+  MutexLock lock(iLock);
+  const auto found = iHandles.find(identifier);
+  if (found == iHandles.end()) return nullptr;
+  const auto handle = found->second;
+  iHandles.erase(found);
+  dropItem(handle);
+  return handle;
+}
+
+std::vector<std::shared_ptr<OpenHandle>> HandleTable::removeAll() {
+  MutexLock lock(iLock);
+  std::vector<std::shared_ptr<OpenHandle>> handles;
+  handles.reserve(iHandles.size());
+  for (const auto& [identifier, handle] : iHandles) handles.push_back(handle);
+  iHandles.clear();
+  iItems.all().clear();
+  iRemovedItems = 0;
+  return handles;
+}
+
+std::shared_ptr<OpenItem> HandleTable::itemAtPath(std::string_view path) const {
+  MutexLock lock(iLock);
+  const auto [first, last] = iItems.all().equal_range(path);
+  std::shared_ptr<OpenItem> newest;
+  for (auto entry = first; entry != last; ++entry) {
+    if (auto item = entry->second.lock()) newest = std::move(item);
+  }
+  return newest;
+}
+
+void HandleTable::move(std::string_view from, std::string_view to) {
+  MutexLock lock(iLock);
+  iItems.moveSubtree(from, to, [](std::weak_ptr<OpenItem>& weak, const std::string& path) {
+    if (const auto item = weak.lock()) item->setPath(path);
+  });
+  iLastOpens.extractSubtree(to);
+  iLastOpens.moveSubtree(from, to);
+}
+
+void HandleTable::markRemoved(std::string_view path, const NSFileAttributes& attributes) {
+  MutexLock lock(iLock);
+  const auto [first, last] = iItems.all().equal_range(path);
+  for (auto entry = first; entry != last; ++entry) {
+    const auto item = entry->second.lock();
+    if (item == nullptr) continue;
+    item->markRemoved(attributes);
+    ++iRemovedItems;
+  }
+  iItems.all().erase(first, last);
+  iLastOpens.extractSubtree(path);
+}
+
+uint64_t HandleTable::handleOfRemovedNode(uint64_t nodeID) const {
+  if (iRemovedItems == 0) return 0;
+  MutexLock lock(iLock);
+  for (const auto& [identifier, handle] : iHandles) {
+    if (handle->item->nodeID() == nodeID && handle->item->isRemoved()) return identifier;
+  }
+  return 0;
+}
+
+bool HandleTable::isContentOfLastOpen(std::string_view path, const GMUserData& userData) {
+  if (userData == nullptr) return false;
+  MutexLock lock(iLock);
+  pruneLastOpens();
+  std::weak_ptr<GMOpenFile>& last = iLastOpens[path];
+  const bool same = last.lock() == userData;
+  last = userData;
+  return same;
+}
+
+void HandleTable::forgetLastOpen(std::string_view path) {
+  MutexLock lock(iLock);
+  const auto [first, last] = iLastOpens.all().equal_range(path);
+  iLastOpens.all().erase(first, last);
+}
+
+void HandleTable::pruneLastOpens() {
+  if (iLastOpens.size() < iPruneAt) return;
+  auto& all = iLastOpens.all();
+  for (auto entry = all.begin(); entry != all.end();) {
+    entry = entry->second.expired() ? all.erase(entry) : std::next(entry);
+  }
+  iPruneAt = std::max<size_t>(1024, 2 * all.size());
+}
+
+}  // namespace ombra

@@ -1,0 +1,111 @@
+// The open files of a volume: from the kernel's handle to the path and to what the delegate keeps.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/foundation/FileAttributes.h"
+#include "platform/foundation/Mutex.h"
+#include "platform/userfs/GMUserFileSystemDelegate.h"
+#include "platform/userfs/PathMap.h"
+
+namespace ombra {
+
+// What all handles of one file share. Thread-safe; its lock is a leaf.
+//
+//   live, at a path  --move-->  live, at another path
+//   live             --markRemoved-->  removed: no path; its attributes are kept here and follow its writes
+class OpenItem {
+ public:
+  OpenItem(std::string path, GMUserData userData);
+
+  const GMUserData& userData() const { return iUserData; }
+  // Absent once the file has been removed.
+  std::optional<std::string> path() const EXCLUDES(iLock);
+  void setPath(std::string path) EXCLUDES(iLock);
+
+  bool isRemoved() const EXCLUDES(iLock);
+  // `attributes` are those of the moment of removal.
+  void markRemoved(const NSFileAttributes& attributes) EXCLUDES(iLock);
+  // Of a removed file.
+  NSFileAttributes lastAttributes() const EXCLUDES(iLock);
+  void noteWrite(uint64_t end) EXCLUDES(iLock);
+  void noteSize(uint64_t size) EXCLUDES(iLock);
+  void noteAttributes(const NSFileAttributes& attributes) EXCLUDES(iLock);
+
+  // The kernel's number of the file, 0 until it is known.
+  uint64_t nodeID() const { return iNodeID; }
+  void setNodeID(uint64_t nodeID) { iNodeID = nodeID; }
+
+ private:
+  friend class HandleTable;
+
+  const GMUserData iUserData;
+  std::atomic<size_t> iHandleCount{0};  // changed under the table's lock
+  std::atomic<uint64_t> iNodeID{0};
+  mutable Mutex iLock;
+  std::optional<std::string> iPath GUARDED_BY(iLock);
+  bool iRemoved GUARDED_BY(iLock) = false;
+  NSFileAttributes iAttributes GUARDED_BY(iLock);
+};
+
+// One open of a file, from open to release.
+struct OpenHandle {
+  uint64_t identifier = 0;
+  std::shared_ptr<OpenItem> item;
+  bool forWriting = false;
+  pid_t opener = 0;  // the process, 0 when unknown
+  std::atomic<bool> written{false};
+};
+
+// Thread-safe. Lock order: the table, then an item.
+class HandleTable {
+ public:
+  // A new handle. It shares the item of a live file at that path with the same user data.
+  std::shared_ptr<OpenHandle> add(const std::string& path, const GMUserData& userData, bool forWriting,
+                                  pid_t opener, uint64_t nodeID) EXCLUDES(iLock);
+  // Null when there is none.
+  std::shared_ptr<OpenHandle> handle(uint64_t identifier) const EXCLUDES(iLock);
+  // Takes a handle out; null when there is none.
+  std::shared_ptr<OpenHandle> remove(uint64_t identifier) EXCLUDES(iLock);
+  // Takes out every handle: those that the kernel will not release any more.
+  std::vector<std::shared_ptr<OpenHandle>> removeAll() EXCLUDES(iLock);
+
+  // A live open file at a path; null when there is none.
+  std::shared_ptr<OpenItem> itemAtPath(std::string_view path) const EXCLUDES(iLock);
+  // Open files at and below `from` follow it to `to`.
+  void move(std::string_view from, std::string_view to) EXCLUDES(iLock);
+  // The open files at a path have been removed from the volume.
+  void markRemoved(std::string_view path, const NSFileAttributes& attributes) EXCLUDES(iLock);
+  // A handle of the removed file that the kernel knows by that number; 0 when there is none. Cheap when no
+  // removed file is open.
+  uint64_t handleOfRemovedNode(uint64_t nodeID) const EXCLUDES(iLock);
+
+  // Whether the pages that the kernel keeps of the file at `path` came from this open-file object: true when
+  // the last open of the path gave the same one. Remembers this one.
+  bool isContentOfLastOpen(std::string_view path, const GMUserData& userData) EXCLUDES(iLock);
+  // The next open of `path` does not keep the kernel's pages.
+  void forgetLastOpen(std::string_view path) EXCLUDES(iLock);
+
+ private:
+  void dropItem(const std::shared_ptr<OpenHandle>& handle) REQUIRES(iLock);
+  void pruneLastOpens() REQUIRES(iLock);
+
+  std::atomic<size_t> iRemovedItems{0};
+  mutable Mutex iLock;
+  uint64_t iLastIdentifier GUARDED_BY(iLock) = 0;
+  std::map<uint64_t, std::shared_ptr<OpenHandle>> iHandles GUARDED_BY(iLock);
+  mutable PathMap<std::weak_ptr<OpenItem>> iItems GUARDED_BY(iLock);
+  PathMap<std::weak_ptr<GMOpenFile>> iLastOpens GUARDED_BY(iLock);
+  size_t iPruneAt GUARDED_BY(iLock) = 1024;
+};
+
+}  // namespace ombra

@@ -1,0 +1,75 @@
+#include "platform/userfs/KernelWire.h"
+
+#include <linux/fuse.h>
+
+#include <cstring>
+
+#include "platform/userfs/RequestContext.h"
+
+namespace ombra {
+
+namespace {
+
+template <typename Body>
+bool readBody(const void* message, size_t size, Body* body) {
+  if (size < sizeof(fuse_in_header) + sizeof(Body)) return false;
+  std::memcpy(body, static_cast<const char*>(message) + sizeof(fuse_in_header), sizeof(Body));
+  return true;
+}
+
+template <typename Body>
+void writeBody(void* message, const Body& body) {
+  std::memcpy(static_cast<char*>(message) + sizeof(fuse_in_header), &body, sizeof(Body));
+}
+
+}  // namespace
+
+RequestContext& RequestContext::current() {
+  thread_local RequestContext context;
+  return context;
+}
+
+bool RequestContext::isLookup() const { return opcode == FUSE_LOOKUP; }
+
+bool readRequestHead(const void* message, size_t size) {
+  RequestContext& context = RequestContext::current();
+  context = RequestContext();
+  fuse_in_header head{};
+  if (size < sizeof(head)) return false;
+  std::memcpy(&head, message, sizeof(head));
+  context.opcode = head.opcode;
+  context.nodeID = head.nodeid;
+  return true;
+}
+
+void addHandleToAttributeRequest(void* message, size_t size,
+                                 const std::function<uint64_t(uint64_t)>& handleOfNode) {
+  const RequestContext& context = RequestContext::current();
+  if (context.opcode == FUSE_GETATTR) {
+    fuse_getattr_in body{};
+    if (!readBody(message, size, &body) || (body.getattr_flags & FUSE_GETATTR_FH) != 0) return;
+    body.fh = handleOfNode(context.nodeID);
+    if (body.fh == 0) return;
+    body.getattr_flags |= FUSE_GETATTR_FH;
+    writeBody(message, body);
+  } else if (context.opcode == FUSE_SETATTR) {
+    fuse_setattr_in body{};
+    if (!readBody(message, size, &body) || (body.valid & FATTR_FH) != 0) return;
+    body.fh = handleOfNode(context.nodeID);
+    if (body.fh == 0) return;
+    body.valid |= FATTR_FH;
+    writeBody(message, body);
+  }
+}
+
+uint64_t nodeIDOfCreationReply(const iovec* parts, int count) {
+  fuse_out_header head{};
+  if (count < 2 || parts[0].iov_len < sizeof(head)) return 0;
+  std::memcpy(&head, parts[0].iov_base, sizeof(head));
+  uint64_t nodeID = 0;
+  if (head.error != 0 || parts[1].iov_len < sizeof(nodeID)) return 0;
+  std::memcpy(&nodeID, parts[1].iov_base, sizeof(nodeID));
+  return nodeID;
+}
+
+}  // namespace ombra

@@ -1,0 +1,24 @@
+// The few things that we read and change in the kernel's messages below the fuse library.
+#pragma once
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+
+namespace ombra {
+
+// Reads the head of a request in `message` into the thread's RequestContext. False when it is too short.
+bool readRequestHead(const void* message, size_t size);
+
+// fstat(2), fchmod(2) and futimens(2) arrive without the handle they were made on, and the library answers
+// "no such file" for a file that has been removed. `handleOfNode` gives a handle of a removed, still open
+// file by its number (0: none); a request about its attributes then goes on with that handle.
+void addHandleToAttributeRequest(void* message, size_t size,
+                                 const std::function<uint64_t(uint64_t)>& handleOfNode);
+
+// The number that the kernel will know a created file by, out of the reply to its creation; 0 for a failure.
+uint64_t nodeIDOfCreationReply(const iovec* parts, int count);
+
+}  // namespace ombra

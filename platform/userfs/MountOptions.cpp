@@ -1,0 +1,96 @@
+#include "platform/userfs/MountOptions.h"
+
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "platform/foundation/NSLog.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr size_t kLongestConf = 64 * 1024;
+
+// The value behind "KEY=", absent when the option is another.
+std::optional<std::string_view> valueOf(std::string_view option, std::string_view key) {
+  if (option.substr(0, key.size()) != key) return std::nullopt;
+  if (option.size() <= key.size() || option[key.size()] != '=') return std::nullopt;
+  return option.substr(key.size() + 1);
+}
+
+bool isIgnored(std::string_view option) {
+  // What they ask for is the nature of every volume here, or belongs to the redirect module.
+  return option == "cloudfs" || option == "netfs" || option == "modules=redirect" ||
+         option.substr(0, 9) == "redirect_";
+}
+
+std::string_view trimmed(std::string_view line) {
+  constexpr std::string_view kBlank = " \t\r";
+  const size_t first = line.find_first_not_of(kBlank);
+  if (first == std::string_view::npos) return {};
+  return line.substr(first, line.find_last_not_of(kBlank) - first + 1);
+}
+
+}  // namespace
+
+std::string cleanedOptionValue(std::string_view value) {
+  std::string cleaned(value);
+  for (char& character : cleaned) {
+    const bool isControl = static_cast<unsigned char>(character) < 0x20 || character == 0x7f;
+    if (character == ',' || character == '\\' || isControl) character = '_';
+  }
+  return cleaned;
+}
+
+bool allowsUserAllowOther(std::string_view text) {
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    const std::string_view line = trimmed(text.substr(0, end));
+    if (line == "user_allow_other") return true;
+    if (end == std::string_view::npos) return false;
+    text.remove_prefix(end + 1);
+  }
+  return false;
+}
+
+MountOptions::Permission MountOptions::permission(const char* fuseConf) {
+  std::ifstream file(fuseConf);
+  std::string text(kLongestConf, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<size_t>(file.gcount()));
+  return {geteuid() == 0, allowsUserAllowOther(text)};
+}
+
+MountOptions MountOptions::parse(const std::vector<std::string>& options, Permission permission) {
+  MountOptions parsed;
+  for (const std::string& option : options) {
+    if (const auto fsname = valueOf(option, "fsname")) {
+      parsed.fsname = cleanedOptionValue(*fsname);
+    } else if (const auto volname = valueOf(option, "volname")) {
+      parsed.volumeName = std::string(*volname);
+    } else if (option == "debug") {
+      parsed.debug = true;
+    } else if (option == "allow_root") {
+      parsed.allowRoot = true;
+    } else if (option == "jail_symlinks") {
+      parsed.jailSymlinks = true;
+    } else if (option == "native_xattr") {
+      parsed.nativeXattr = true;
+    } else if (isIgnored(option)) {
+      parsed.ignored.push_back(option);
+    } else {
+      NSLog("Mount option \"{}\" is not known and has been left out.", cleanedOptionValue(option));
+      parsed.unknown.push_back(option);
+    }
+  }
+  if (parsed.allowRoot && !permission.isRoot && !permission.userAllowOther) {
+    NSLog("Mount option \"allow_root\" has been left out: /etc/fuse.conf has no line \"user_allow_other\".");
+    parsed.allowRoot = false;
+  }
+  if (parsed.fsname.empty()) parsed.fsname = MountOptions().fsname;
+  return parsed;
+}
+
+}  // namespace ombra

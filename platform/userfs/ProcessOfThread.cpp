@@ -1,0 +1,29 @@
+#include "platform/userfs/ProcessOfThread.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <array>
+#include <charconv>
+#include <string>
+#include <string_view>
+
+namespace ombra {
+
+pid_t processOfThread(pid_t thread) {
+  const int file = open(("/proc/" + std::to_string(thread) + "/status").c_str(), O_RDONLY | O_CLOEXEC);
+  if (file < 0) return thread;
+  std::array<char, 1024> buffer{};
+  const ssize_t got = read(file, buffer.data(), buffer.size());
+  close(file);
+  if (got <= 0) return thread;
+  constexpr std::string_view kKey = "\nTgid:\t";
+  const std::string_view text(buffer.data(), static_cast<size_t>(got));
+  const size_t at = text.find(kKey);
+  if (at == std::string_view::npos) return thread;
+  pid_t process = thread;
+  std::from_chars(text.data() + at + kKey.size(), text.data() + text.size(), process);
+  return process;
+}
+
+}  // namespace ombra

@@ -1,0 +1,22 @@
+// What the running thread knows of the kernel's request that it is answering.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+
+namespace ombra {
+
+struct OpenHandle;
+
+// The path-based interface of the fuse library hides the numbers that the kernel knows files by; the loop
+// keeps them here around each request. One per thread; empty on threads that answer no request.
+struct RequestContext {
+  uint32_t opcode = 0;
+  uint64_t nodeID = 0;                  // for a creation that of the folder
+  std::shared_ptr<OpenHandle> created;  // a file just created, whose number comes with the reply
+
+  static RequestContext& current();
+  bool isLookup() const;
+};
+
+}  // namespace ombra

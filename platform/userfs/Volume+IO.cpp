@@ -1,0 +1,137 @@
+// Bytes: reads that end early, writes, truncation.
+#include <fcntl.h>
+
+#include <algorithm>
+#include <limits>
+
+#include "platform/userfs/Volume.h"
+
+namespace ombra {
+
+std::optional<uint64_t> Volume::promisedSize(const OpenItem& item) const {
+  const auto path = item.path();
+  if (!path) return attributesOfRemoved(item).fileSize;
+  const auto attributes = delegate().attributesOfItemAtPath(*path, item.userData(), nullptr);
+  return attributes ? attributes->fileSize : std::nullopt;
+}
+
+Volume::AfterShortRead Volume::afterShortRead(OpenItem& item, uint64_t end, bool* sawEnd) {
+  GMUserFileSystemDurability* durability = this->durability();
+  if (durability == nullptr || *sawEnd) return AfterShortRead::kEnd;
+  const auto promised = promisedSize(item);
+  if (!promised || end >= *promised) return AfterShortRead::kEnd;
+  switch (durability->contentStateOfFile(item.userData())) {
+    case GMContentState::kArriving:
+      durability->waitForContent(item.userData(), end);
+      return AfterShortRead::kReadAgain;
+    case GMContentState::kFailed:
+      // The pages that the kernel has are of a content that nobody will complete.
+      if (const auto path = item.path()) iHandles.forgetLastOpen(*path);
+      return AfterShortRead::kFail;
+    case GMContentState::kComplete:
+      break;
+  }
+  // The rest may have come between the read and the question, so one more look decides.
+  *sawEnd = true;
+  return AfterShortRead::kReadAgain;
+}
+
+int Volume::read(uint64_t identifier, char* buffer, size_t size, off_t offset) {
+  const auto handle = iHandles.handle(identifier);
+  if (handle == nullptr) return -EBADF;
+  OpenItem& item = *handle->item;
+  size = std::min<size_t>(size, std::numeric_limits<int>::max());
+  size_t done = 0;
+  bool sawEnd = false;
+  while (true) {
+    const auto path = item.path();
+    const int64_t at = offset + static_cast<int64_t>(done);
+    NSErrorRef error;
+    const int got = delegate().readFileAtPath(optionalPath(path), item.userData(), buffer + done, size - done,
+                                              at, &error);
+    if (got < 0) return failure(error);
+    done += std::min<size_t>(static_cast<size_t>(got), size - done);
+    if (done == size) return static_cast<int>(done);
+    switch (afterShortRead(item, static_cast<uint64_t>(offset) + done, &sawEnd)) {
+      case AfterShortRead::kReadAgain:
+        continue;
+      case AfterShortRead::kEnd:
+        return static_cast<int>(done);
+      case AfterShortRead::kFail:
+        return -EIO;
+    }
+  }
+}
+
+int Volume::write(uint64_t identifier, const char* buffer, size_t size, off_t offset) {
+  const auto handle = iHandles.handle(identifier);
+  if (handle == nullptr) return -EBADF;
+  OpenItem& item = *handle->item;
+  size = std::min<size_t>(size, std::numeric_limits<int>::max());
+  size_t done = 0;
+  NSErrorRef error;
+  handle->written = true;
+  while (done < size) {
+    const int64_t at = offset + static_cast<int64_t>(done);
+    const auto path = item.path();
+    const int count = delegate().writeFileAtPath(optionalPath(path), item.userData(), buffer + done,
+                                                 size - done, at, &error);
+    if (count <= 0) break;
+    done += std::min<size_t>(static_cast<size_t>(count), size - done);
+  }
+  item.noteWrite(static_cast<uint64_t>(offset) + done);
+  if (done == 0 && size != 0) return failure(error);
+  return static_cast<int>(done);
+}
+
+// The delegate answers success also for a truncation that failed. Where an error came with it and the file
+// did not take the size, it has failed.
+int Volume::truncateFile(const std::string& path, const GMUserData& userData, off_t size) {
+  NSErrorRef error;
+  if (!delegate().truncateFileAtPath(path, userData, size, &error)) return failure(error);
+  if (error == nullptr) return 0;
+  const auto attributes = attributesAtPath(path);
+  const bool isDone = attributes && attributes->fileSize == static_cast<uint64_t>(size);
+  return isDone ? 0 : failure(error);
+}
+
+// truncate(2) of a file that nobody has open. There will be no close to wait for the server, so this does.
+int Volume::truncateClosed(const std::string& path, off_t size) {
+  GMUserFileSystemDurability* durability = this->durability();
+  const OpenGate::Pass turn(iOpenGate, path);
+  if (size != 0) {
+    if (const int result = truncateFile(path, nullptr, size); result != 0) return result;
+    const GMUserData userData = durability != nullptr ? durability->openFileAtPathIfAny(path) : nullptr;
+    return userData != nullptr ? synchronizeItem(OpenItem(path, userData)) : 0;
+  }
+  // Nothing of it is needed, so nothing is fetched.
+  GMUserData userData;
+  if (const int result = openFile(path, O_WRONLY | O_TRUNC, &userData); result != 0) return result;
+  const auto handle = iHandles.add(path, userData, true, 0, 0);
+  const int result = synchronizeItem(*handle->item);
+  release(handle->identifier);
+  return result;
+}
+
+int Volume::truncate(const char* path, uint64_t identifier, off_t size) {
+  if (identifier == 0) {
+    if (path == nullptr) return -EBADF;
+    const std::string listed = listedPath(path);
+    const auto item = iHandles.itemAtPath(listed);
+    return item != nullptr ? truncateFile(listed, item->userData(), size) : truncateClosed(listed, size);
+  }
+  const auto handle = iHandles.handle(identifier);
+  if (handle == nullptr) return -EBADF;
+  handle->written = true;
+  if (const auto current = handle->item->path())
+    return truncateFile(*current, handle->item->userData(), size);
+  GMUserFileSystemDurability* durability = this->durability();
+  NSErrorRef error;
+  if (durability == nullptr || !durability->truncateAbandonedFile(handle->item->userData(), size, &error)) {
+    return failure(error);
+  }
+  handle->item->noteSize(static_cast<uint64_t>(size));
+  return 0;
+}
+
+}  // namespace ombra

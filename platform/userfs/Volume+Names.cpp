@@ -1,0 +1,117 @@
+// Folders and what is in them.
+#include <algorithm>
+#include <cstring>
+
+#include "platform/foundation/KCStringAdditions.h"
+#include "platform/userfs/RequestContext.h"
+#include "platform/userfs/Volume.h"
+
+namespace ombra {
+
+namespace {
+
+bool isShowable(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
+}  // namespace
+
+int refusalToCreate(std::string_view path) {
+  // File managers would move what the user deletes into such a folder at the top of the volume; it would
+  // count as kept, and is deleted with the rest of the redirected litter.
+  if (path.substr(0, 7) == "/.Trash" && path.find('/', 1) == std::string_view::npos) return -EPERM;
+  return 0;
+}
+
+int Volume::openFolder(const char* path, uint64_t* handle, bool* keepListing) {
+  const std::string listed = listedPath(path);
+  *keepListing = iFolders.wasListedWithin(listed, kListingSeconds);
+  *handle = iFolders.open(listed, RequestContext::current().nodeID);
+  return 0;
+}
+
+std::optional<std::vector<std::string>> Volume::names(const std::string& path, NSErrorRef* error) const {
+  GMUserFileSystemDurability* durability = this->durability();
+  return durability != nullptr ? durability->namesAsListedAtPath(path, error)
+                               : delegate().contentsOfDirectoryAtPath(path, error);
+}
+
+FolderListing Volume::freshListing(uint64_t handle, const std::string& path, int* result) {
+  NSErrorRef error;
+  auto found = names(path, &error);
+  if (!found) {
+    *result = failure(error);
+    return nullptr;
+  }
+  std::erase_if(*found, [](const std::string& name) { return !isShowable(name); });
+  auto listing = std::make_shared<const std::vector<std::string>>(std::move(*found));
+  iFolders.setListing(handle, listing);
+  return listing;
+}
+
+bool Volume::fillEntry(const std::string& folder, const std::string& name, off_t next,
+                       const EntryFiller& fillNext) const {
+  const std::string path = stringByAppendingPathComponent(folder, name);
+  struct stat entry {};
+  const auto attributes = attributesAtPath(path);
+  if (attributes) fill(&entry, *attributes, path);
+  return fillNext(name.c_str(), attributes ? &entry : nullptr, next);
+}
+
+// Offsets: 0 is ".", 1 is "..", n + 2 the n-th name of the snapshot.
+int Volume::readFolder(uint64_t handle, off_t offset, const EntryFiller& fillNext) {
+  const auto path = iFolders.pathOfHandle(handle);
+  if (!path) return 0;  // removed while it is open: it has no entries
+  FolderListing listing = offset != 0 ? iFolders.listingOfHandle(handle) : nullptr;
+  int result = 0;
+  if (listing == nullptr) listing = freshListing(handle, *path, &result);
+  if (listing == nullptr) return result;
+
+  struct stat self {};
+  if (offset < 2) {
+    const auto attributes = attributesAtPath(*path);
+    if (attributes) fill(&self, *attributes, *path);
+  }
+  if (offset < 1 && fillNext(".", &self, 1)) return 0;
+  if (offset < 2 && fillNext("..", nullptr, 2)) return 0;
+  for (size_t index = offset < 2 ? 0 : static_cast<size_t>(offset) - 2; index < listing->size(); ++index) {
+    if (fillEntry(*path, (*listing)[index], static_cast<off_t>(index) + 3, fillNext)) return 0;
+  }
+  return 0;
+}
+
+int Volume::makeFolder(const char* path, mode_t mode) {
+  const std::string listed = listedPath(path);
+  if (const int refusal = refusalToCreate(listed); refusal != 0) return refusal;
+  // The delegate has one answer for every refusal; that the name is taken is worth a better one.
+  if (attributesAtPath(listed)) return -EEXIST;
+  NSFileAttributes attributes;
+  attributes.posixPermissions = static_cast<uint16_t>(mode & 07777);
+  NSErrorRef error;
+  return delegate().createDirectoryAtPath(listed, attributes, &error) ? 0 : failure(error);
+}
+
+int Volume::makeSymbolicLink(const char* target, const char* path) {
+  const std::string listed = listedPath(path);
+  if (const int refusal = refusalToCreate(listed); refusal != 0) return refusal;
+  if (attributesAtPath(listed)) return -EEXIST;
+  NSErrorRef error;
+  return delegate().createSymbolicLinkAtPath(listed, target, &error) ? 0 : failure(error);
+}
+
+int Volume::readSymbolicLink(const char* path, char* buffer, size_t size) {
+  NSErrorRef error;
+  auto target = delegate().destinationOfSymbolicLinkAtPath(listedPath(path), &error);
+  if (!target) return failure(error);
+  if (iSettings.jailSymlinks && target->substr(0, 1) == "/" && !isAtOrBelow(*target, iSettings.mountPath)) {
+    *target = *target == "/" ? iSettings.mountPath : iSettings.mountPath + *target;
+  }
+  if (size == 0) return -EINVAL;
+  const size_t length = std::min(target->size(), size - 1);
+  std::memcpy(buffer, target->data(), length);
+  buffer[length] = '\0';
+  return 0;
+}
+
+}  // namespace ombra

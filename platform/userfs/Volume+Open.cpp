@@ -1,0 +1,151 @@
+// The life of an open file: open, create, flush, synchronise, release.
+#include <fcntl.h>
+
+#include "platform/foundation/NSLog.h"
+#include "platform/userfs/NumberTranslation.h"
+#include "platform/userfs/ProcessOfThread.h"
+#include "platform/userfs/RequestContext.h"
+#include "platform/userfs/Volume.h"
+
+namespace ombra {
+
+namespace {
+
+bool isForWriting(int flags) { return (flags & O_ACCMODE) != O_RDONLY; }
+
+}  // namespace
+
+int Volume::openFile(const std::string& path, int flags, GMUserData* userData) {
+  GMUserFileSystemDurability* durability = this->durability();
+  bool isPrepared = iHandles.itemAtPath(path) != nullptr;
+  if (durability != nullptr) {
+    durability->forgetFailedContentAtPath(path);
+    isPrepared = durability->openFileAtPathIfAny(path) != nullptr;
+  }
+  NSErrorRef error;
+  if (!delegate().openFileAtPath(path, interfaceOpenFlags(flags), userData, &error)) return failure(error);
+  if (durability != nullptr && !isPrepared) durability->seedCacheAttributesAtPath(path, *userData);
+  if ((flags & O_TRUNC) == 0) return 0;
+  // A file that was prepared already has not looked at the flags. One that was not is empty now, but its node
+  // may not know; truncating it once more is what tells it.
+  const auto attributes = isPrepared ? std::nullopt : attributesAtPath(path);
+  if (attributes && attributes->fileSize.value_or(0) == 0) return 0;
+  return truncateFile(path, *userData, 0);
+}
+
+uint64_t Volume::addHandle(const std::string& path, const GMUserData& userData, int flags, pid_t process,
+                           uint64_t node) {
+  // Only the close of a written file asks who opened it.
+  const pid_t opener = isForWriting(flags) && process != 0 ? processOfThread(process) : 0;
+  const auto handle = iHandles.add(path, userData, isForWriting(flags), opener, node);
+  if ((flags & O_TRUNC) != 0 && isForWriting(flags)) handle->written = true;
+  if (node == 0) RequestContext::current().created = handle;
+  return handle->identifier;
+}
+
+int Volume::open(const char* path, int flags, pid_t process, uint64_t* handle, bool* keepPages) {
+  const std::string listed = listedPath(path);
+  GMUserData userData;
+  {
+    const OpenGate::Pass turn(iOpenGate, listed);
+    if (const int result = openFile(listed, flags, &userData); result != 0) return result;
+  }
+  *keepPages = iHandles.isContentOfLastOpen(listed, userData);
+  *handle = addHandle(listed, userData, flags, process, RequestContext::current().nodeID);
+  return 0;
+}
+
+int Volume::create(const char* path, mode_t mode, int flags, pid_t process, uint64_t* handle) {
+  const std::string listed = listedPath(path);
+  if (const int refusal = refusalToCreate(listed); refusal != 0) return refusal;
+  const OpenGate::Pass turn(iOpenGate, listed);
+  GMUserData userData;
+  if (attributesAtPath(listed)) {
+    // Somebody else made it since the kernel looked; the delegate's creation would empty it.
+    if ((flags & O_EXCL) != 0) return -EEXIST;
+    if (const int result = openFile(listed, flags, &userData); result != 0) return result;
+  } else {
+    NSFileAttributes attributes;
+    attributes.posixPermissions = static_cast<uint16_t>(mode & 07777);
+    NSErrorRef error;
+    if (!delegate().createFileAtPath(listed, attributes, &userData, &error)) return failure(error);
+  }
+  iHandles.isContentOfLastOpen(listed, userData);
+  *handle = addHandle(listed, userData, flags | O_WRONLY, process, 0);
+  iFolders.noteEntry(listed, RequestContext::current().nodeID);
+  return 0;
+}
+
+int Volume::makeNode(const char* path, mode_t mode) {
+  if (!S_ISREG(mode)) return -EPERM;
+  uint64_t handle = 0;
+  if (const int result = create(path, mode, O_CREAT | O_EXCL | O_WRONLY, 0, &handle); result != 0)
+    return result;
+  RequestContext::current().created = nullptr;
+  release(handle);
+  return 0;
+}
+
+int Volume::synchronizeItem(const OpenItem& item) {
+  GMUserFileSystemDurability* durability = this->durability();
+  const auto path = item.path();
+  if (durability == nullptr || !path) return 0;
+  NSErrorRef error;
+  return durability->synchronizeFileAtPath(*path, item.userData(), &error) ? 0 : failure(error);
+}
+
+// close(2) of a descriptor. A child that inherited it and closes its copy has nothing to wait for; the
+// process that opened and wrote is told whether its bytes are stored.
+int Volume::flush(uint64_t identifier, pid_t process) {
+  const auto handle = iHandles.handle(identifier);
+  if (handle == nullptr) return -EBADF;
+  if (!handle->written) return 0;
+  const bool isOther = handle->opener != 0 && process != 0 && processOfThread(process) != handle->opener;
+  if (isOther) return 0;
+  // Before the call, so that a write during it counts for the next close.
+  handle->written = false;
+  const int result = synchronizeItem(*handle->item);
+  if (result != 0) handle->written = true;
+  return result;
+}
+
+int Volume::synchronize(uint64_t identifier) {
+  const auto handle = iHandles.handle(identifier);
+  if (handle == nullptr) return -EBADF;
+  handle->written = false;
+  const int result = synchronizeItem(*handle->item);
+  if (result != 0) handle->written = true;
+  return result;
+}
+
+void Volume::release(uint64_t identifier) {
+  if (auto handle = iHandles.remove(identifier)) releaseLater(std::move(handle));
+}
+
+void Volume::releaseAll() {
+  for (auto& handle : iHandles.removeAll()) releaseLater(std::move(handle));
+}
+
+void Volume::releaseLater(std::shared_ptr<OpenHandle> handle) {
+  iClosers.add([volume = shared_from_this(), handle = std::move(handle)]() mutable {
+    try {
+      volume->close(handle);
+    } catch (const std::exception& exception) {
+      NSLog("\"{}\" was closed with a failure: {}", handle->item->path().value_or("a removed file"),
+            exception.what());
+    }
+    // The delegate counts who holds an open file, so our share goes before it looks.
+    handle = nullptr;
+    if (GMUserFileSystemDurability* durability = volume->durability()) durability->trimCache();
+  });
+}
+
+void Volume::close(const std::shared_ptr<OpenHandle>& handle) {
+  const OpenItem& item = *handle->item;
+  if (handle->forWriting && synchronizeItem(item) != 0) {
+    NSLog("\"{}\" could not be stored when it was closed.", item.path().value_or("a removed file"));
+  }
+  delegate().releaseFileAtPath(optionalPath(item.path()), item.userData());
+}
+
+}  // namespace ombra
