@@ -2,14 +2,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <array>
-#include <cerrno>
-#include <ctime>
 #include <utility>
 
 #include "fshelper/OFSController.h"
 #include "fshelper/OFSTracing.h"
 #include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSDateFormatter.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSLog.h"
 #include "platform/foundation/NSUserDefaults.h"
@@ -20,15 +18,6 @@ namespace {
 
 constexpr unsigned kLogFolderMode = 0700;
 constexpr mode_t kConsoleLogMode = 0644;
-
-// "2024-05-31-235959" in local time.
-std::string logDate(NSDate date) {
-  const time_t seconds = kc_timespec(date).tv_sec;
-  struct tm fields {};
-  ::localtime_r(&seconds, &fields);
-  std::array<char, 32> text{};
-  return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%d-%H%M%S", &fields)};
-}
 
 // The volume's name as the name of a folder: never one that stands for another place, and nothing that a
 // terminal or the mount table would take for more than a character. The name that is shown stays as it is.
@@ -56,7 +45,8 @@ void OFSController::openLogs() {
   if (!NSFileManager::createDirectoryAtPath(folder, true, kLogFolderMode, nullptr)) return;
   const std::shared_ptr<OmbraFileSystem> object = fileSystemObject();
   const std::string prefix = stringByAppendingPathComponent(
-      folder, fmt::format("{}_{}_", volumeName().value_or(""), logDate(object->mountDate())));
+      folder, fmt::format("{}_{}_", volumeName().value_or(""),
+                          NSDateFormatter("yyyy-MM-dd-HHmmss").stringFromDate(object->mountDate())));
   object->openTranscriptLogAtPath(prefix + "Transcript.log");
   openConsoleLog(prefix + "Console.log");
 }

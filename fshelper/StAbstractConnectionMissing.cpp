@@ -1,5 +1,6 @@
 #include "fshelper/StAbstractConnectionMissing.h"
 
+#include "platform/foundation/NeverDestroyed.h"
 #include "remote/QuarnKitError.h"
 
 namespace ombra {
@@ -84,9 +85,8 @@ class MissingConnection final : public AbstractConnection {
 }  // namespace
 
 AbstractConnection& missingConnection() {
-  // Never destroyed: a worker may still hold it while the process ends.
-  static auto& sMissing = *std::make_unique<MissingConnection>().release();
-  return sMissing;
+  static NeverDestroyed<MissingConnection> sMissing;
+  return *sMissing;
 }
 
 }  // namespace ombra
