@@ -1,0 +1,121 @@
+// Requests and their replies over one transport.
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "platform/foundation/NSError.h"
+#include "remote/Session.h"
+#include "remote/sftp/SFTPAssembler.h"
+#include "remote/sftp/SFTPOutgoing.h"
+#include "remote/sftp/SFTPPacket.h"
+#include "remote/sftp/SFTPReplies.h"
+#include "remote/sftp/SFTPTransport.h"
+
+namespace ombra {
+
+// Sends any number of requests without waiting and keeps each reply, in whatever order they come, until it is
+// asked for. After the first failure (connection ended, nothing moved for the idle limit, nonsense from the
+// server) every further call fails with the same error. One thread at a time, except `interrupt`.
+class SFTPChannel final : private SFTPTransport::Receiver {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  SFTPChannel(std::unique_ptr<SFTPTransport> transport, std::shared_ptr<SessionTranscript> transcript,
+              std::chrono::milliseconds connectLimit, std::chrono::milliseconds idleLimit);
+  ~SFTPChannel() override = default;
+
+  // Logs in and agrees on the protocol version; no longer than the connect limit.
+  [[nodiscard]] bool open(NSErrorRef* error);
+  // Whether the server announced this extension in that version.
+  bool hasExtension(std::string_view name, std::string_view version) const;
+  // Data bytes that one request may carry.
+  size_t readLength() const { return iReadLength; }
+  size_t writeLength() const { return iWriteLength; }
+  void setLimits(const SFTPLimits& limits);
+  // The login is over: from here on only silence is limited.
+  void endLogin() { iDeadline.reset(); }
+
+  // Starts a request: a writer that holds its type and number. `submit` queues it; its number is the answer.
+  SFTPPacketWriter begin(uint8_t type);
+  uint32_t submit(SFTPPacketWriter& writer);
+  // Starts a write request: room for at most `capacity` bytes of content. `finishWrite` queues it with what
+  // was put there. Nothing else may be queued in between.
+  std::span<std::byte> beginWrite(std::string_view handle, uint64_t offset, size_t capacity);
+  uint32_t finishWrite(size_t length);
+  // One line for the transcript of the request just queued; `makeText` is called only when somebody keeps
+  // one.
+  template <typename MakeText>
+  void note(uint32_t id, MakeText makeText) {
+    if (iTranscript->isEnabled()) appendRequest(id, makeText());
+  }
+
+  // Waits for the reply of a request. Absent on failure.
+  std::optional<SFTPReply> wait(uint32_t id, NSErrorRef* error);
+  // The reply when it has come already; `failed()` stays as it is.
+  std::optional<SFTPReply> take(uint32_t id);
+  bool hasReply(uint32_t id) const;
+  // The reply does not matter any more: it is dropped when it comes.
+  void abandon(uint32_t id);
+  // Gives the reply's memory back for the next ones.
+  void recycle(SFTPReply reply) { iPool.giveBack(std::move(reply.packet)); }
+  // Lets bytes travel for at most `slice`. False on failure.
+  [[nodiscard]] bool pump(std::chrono::milliseconds slice, NSErrorRef* error);
+  // Bytes queued and not yet taken by the transport.
+  size_t outgoingSize() const { return iOutgoing.size(); }
+  // Time that the caller spent elsewhere is not the server's silence.
+  void touch() { iLastMovement = Clock::now(); }
+  // How long ago the request was queued.
+  Clock::duration age(uint32_t id) const;
+
+  const NSErrorRef& failure() const { return iFailure; }
+  // Any thread.
+  void interrupt() { iTransport->interrupt(); }
+
+ private:
+  struct Pending {
+    Clock::time_point queued;
+    bool isAbandoned = false;
+    std::optional<SFTPReply> reply;
+  };
+
+  void received(std::span<const std::byte> bytes) override;
+  bool packetArrived(SFTPBuffer packet);
+  bool versionArrived(SFTPBuffer packet);
+  bool replyArrived(SFTPReply reply);
+  bool exchangeVersions(NSErrorRef* error);
+  uint32_t enter(uint32_t id);
+  std::chrono::milliseconds patience(Clock::time_point now) const;
+  void fail(NSErrorRef error);
+  bool reportFailure(NSErrorRef* error) const;
+  void appendRequest(uint32_t id, std::string_view text);
+  void appendReply(const SFTPReply& reply);
+
+  const std::shared_ptr<SessionTranscript> iTranscript;
+  const std::chrono::milliseconds iConnectLimit;
+  const std::chrono::milliseconds iIdleLimit;
+  SFTPBufferPool iPool;
+  SFTPAssembler iAssembler;
+  SFTPOutgoing iOutgoing;
+  std::unordered_map<uint32_t, Pending> iPending;
+  SFTPExtensions iExtensions;
+  std::optional<uint32_t> iServerVersion;
+  std::optional<Clock::time_point> iDeadline;  // of the login
+  Clock::time_point iLastMovement = Clock::now();
+  size_t iReadLength;
+  size_t iWriteLength;
+  uint32_t iLastID = 0;
+  uint32_t iWriteID = 0;
+  size_t iWriteHeaderLength = 0;
+  std::span<std::byte> iWriteSpace;
+  NSErrorRef iFailure;
+  // Last: its end may still hand over bytes.
+  std::unique_ptr<SFTPTransport> iTransport;
+};
+
+}  // namespace ombra

@@ -1,0 +1,57 @@
+// The content of a remote file, read with many requests in flight and handed on in order.
+#pragma once
+
+#include <deque>
+#include <string>
+
+#include "platform/foundation/NSFileHandle.h"
+#include "remote/Session.h"
+#include "remote/sftp/SFTPRequests.h"
+#include "remote/sftp/SFTPTransferWindow.h"
+
+namespace ombra {
+
+// Reads from an open remote handle into a local file. Replies may come in any order and may be shorter than
+// asked for; they are written strictly in file order, so what the local file holds is always a beginning of
+// the content. What waits for its turn is bounded by the window. One thread at a time.
+class SFTPDownload {
+ public:
+  SFTPDownload(SFTPChannel& channel, std::string handle, std::string path, NSFileHandle& to, uint64_t offset);
+  // Drops what is still in flight.
+  ~SFTPDownload();
+  SFTPDownload(const SFTPDownload&) = delete;
+  SFTPDownload& operator=(const SFTPDownload&) = delete;
+
+  // Queues the first requests without waiting.
+  void begin();
+  // The length that the server tells: requests beyond it are few, since they are expected to find the end.
+  void setExpectedLength(uint64_t length) { iExpectedLength = length; }
+  // Runs to the end of the remote file.
+  [[nodiscard]] bool run(TransferControl& control, NSErrorRef* error);
+
+ private:
+  struct Piece {
+    uint64_t offset = 0;
+    size_t length = 0;
+    uint32_t id = 0;
+  };
+
+  void fill();
+  bool waitForFirst(TransferControl& control, NSErrorRef* error);
+  bool takeFirst(const SFTPReply& reply, NSErrorRef* error);
+  bool write(std::span<const std::byte> data, uint64_t offset, NSErrorRef* error);
+
+  SFTPChannel& iChannel;
+  SFTPRequests iRequests;
+  const std::string iHandle;
+  const std::string iPath;
+  NSFileHandle& iTo;
+  SFTPTransferWindow iWindow;
+  std::deque<Piece> iPieces;  // in file order
+  uint64_t iNextOffset;       // where the next request begins
+  uint64_t iReached;          // what was written
+  std::optional<uint64_t> iExpectedLength;
+  bool iEnded = false;
+};
+
+}  // namespace ombra

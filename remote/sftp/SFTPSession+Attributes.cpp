@@ -1,0 +1,82 @@
+// Attributes of items and volumes.
+#include "remote/sftp/SFTPProtocol.h"
+#include "remote/sftp/SFTPSession.h"
+
+namespace ombra {
+
+std::optional<NSFileAttributes> SFTPSession::attributes(std::string_view path, bool* isDirectory,
+                                                        NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return std::nullopt;
+  const auto attributes = waitAttributes(iRequests.stat(path), SFTPOperation::kOther, path, error);
+  if (!attributes) return std::nullopt;
+  if (isDirectory != nullptr) *isDirectory = attributes->isDirectory();
+  return fileAttributesFromSFTP(*attributes);
+}
+
+std::optional<NSFileAttributes> SFTPSession::fileSystemAttributes(std::string_view path, NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return std::nullopt;
+  if (!iChannel.hasExtension("statvfs@openssh.com", "2")) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "the size of the volume"));
+    return std::nullopt;
+  }
+  auto reply = iChannel.wait(iRequests.statvfs(path), error);
+  if (!reply) return std::nullopt;
+  const auto volume = parseSFTPVolume(*reply);
+  if (!volume) refuse(*reply, SFTPOperation::kOther, path, error);
+  iChannel.recycle(std::move(*reply));
+  if (!volume) return std::nullopt;
+  NSFileAttributes result;
+  uint64_t bytes = 0;
+  if (!__builtin_mul_overflow(volume->blocks, volume->blockSize, &bytes)) result.systemSize = bytes;
+  if (!__builtin_mul_overflow(volume->availableBlocks, volume->blockSize, &bytes))
+    result.systemFreeSize = bytes;
+  return result;
+}
+
+bool SFTPSession::changeAttributes(const NSFileAttributes& attributes, std::string_view path,
+                                   NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return false;
+  const auto wanted = attributesToSet(attributes, path, error);
+  if (!wanted) return false;
+  if (*wanted == SFTPAttributes{}) return true;
+  NSErrorRef reason;
+  if (waitStatus(iRequests.setstat(path, *wanted), SFTPOperation::kSetAttributes, path, &reason)) return true;
+  // Of a link that leads nowhere the link itself is meant; it has owner and dates, but no mode of its own.
+  const bool mayBeLink = QuarnKitError::isCode(reason, kQuarnKitNoSuchItem) && !wanted->permissions;
+  if (mayBeLink && iChannel.hasExtension("lsetstat@openssh.com", "1")) {
+    return waitStatus(iRequests.lsetstat(path, *wanted), SFTPOperation::kSetAttributes, path, error);
+  }
+  storeError(error, reason);
+  return false;
+}
+
+// The protocol's pairs: what of a pair is not to change is asked for first.
+std::optional<SFTPAttributes> SFTPSession::attributesToSet(const NSFileAttributes& attributes,
+                                                           std::string_view path, NSErrorRef* error) {
+  SFTPAttributes wanted;
+  if (attributes.posixPermissions) wanted.permissions = *attributes.posixPermissions & 07777;
+  if (attributes.modificationDate) {
+    const int64_t seconds = attributes.modificationDate->nanosecondsSince1970() / 1000000000;
+    if (attributes.modificationDate->nanosecondsSince1970() < 0 || seconds > UINT32_MAX) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported,
+                                                     "the protocol has no dates before 1970 or after 2106"));
+      return std::nullopt;
+    }
+    wanted.times = SFTPAttributes::Times{static_cast<uint32_t>(seconds), static_cast<uint32_t>(seconds)};
+  }
+  if (!attributes.ownerAccountID && !attributes.groupOwnerAccountID) return wanted;
+  wanted.owner = SFTPAttributes::Owner{attributes.ownerAccountID.value_or(0),
+                                       attributes.groupOwnerAccountID.value_or(0)};
+  if (attributes.ownerAccountID && attributes.groupOwnerAccountID) return wanted;
+  const auto present = waitAttributes(iRequests.stat(path), SFTPOperation::kOther, path, error);
+  if (!present) return std::nullopt;
+  if (!present->owner) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported, path));
+    return std::nullopt;
+  }
+  if (!attributes.ownerAccountID) wanted.owner->user = present->owner->user;
+  if (!attributes.groupOwnerAccountID) wanted.owner->group = present->owner->group;
+  return wanted;
+}
+
+}  // namespace ombra

@@ -1,0 +1,134 @@
+// Where links lead.
+#include "remote/sftp/SFTPPaths.h"
+#include "remote/sftp/SFTPProtocol.h"
+#include "remote/sftp/SFTPSession.h"
+
+namespace ombra {
+
+namespace {
+
+// As many links as Linux follows on the way to one item.
+constexpr int kMostLinksOnTheWay = 40;
+
+LinkResolution resolutionTo(std::string path, const std::optional<SFTPAttributes>& target) {
+  LinkResolution resolution;
+  resolution.resolved = true;
+  resolution.resolvedPath = std::move(path);
+  resolution.exists = target.has_value();
+  resolution.isDirectory = target && target->isDirectory();
+  if (target) resolution.attributes = fileAttributesFromSFTP(*target);
+  return resolution;
+}
+
+}  // namespace
+
+SFTPSession::LinkQuestion SFTPSession::askLink(std::string_view path, size_t entry) {
+  LinkQuestion question;
+  question.entry = entry;
+  question.readlinkID = iRequests.readlink(path);
+  question.realpathID = iRequests.realpath(path);
+  question.statID = iRequests.stat(path);
+  return question;
+}
+
+void SFTPSession::abandon(const LinkQuestion& question) {
+  iChannel.abandon(question.readlinkID);
+  iChannel.abandon(question.realpathID);
+  iChannel.abandon(question.statID);
+}
+
+// Takes the three answers about one link. False only when the connection has ended. `target` stays absent for
+// what is no link; `resolution` stays absent when the server resolves nothing and the way has to be walked.
+bool SFTPSession::settleLink(const LinkQuestion& question, std::string_view path,
+                             std::optional<std::string>* target, std::optional<LinkResolution>* resolution,
+                             NSErrorRef* error) {
+  NSErrorRef nameError;
+  NSErrorRef statError;
+  *target = waitName(question.readlinkID, path, nullptr);
+  const auto name = waitName(question.realpathID, path, &nameError);
+  const auto present = waitAttributes(question.statID, SFTPOperation::kOther, path, &statError);
+  if (iChannel.failure()) {
+    storeError(error, iChannel.failure());
+    return false;
+  }
+  if (!*target) return true;
+  // Servers that only tidy the path up answer the link's own path for a link.
+  const bool isResolved = name && sftpNormalPath(*name) != sftpNormalPath(path);
+  if (isResolved) {
+    *resolution = resolutionTo(sftpNormalPath(*name), present);
+  } else if (present || QuarnKitError::isCode(statError, kQuarnKitPermissionDenied)) {
+    *resolution = resolutionTo(sftpNormalPath(sftpJoinPath(sftpParentPath(path), **target)), present);
+  }
+  return true;
+}
+
+std::optional<LinkResolution> SFTPSession::resolveLink(std::string_view path, NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return std::nullopt;
+  const LinkQuestion question = askLink(path, 0);
+  std::optional<std::string> target;
+  std::optional<LinkResolution> resolution;
+  const uint32_t lstatID = iRequests.lstat(path);
+  if (!settleLink(question, path, &target, &resolution, error)) return std::nullopt;
+  NSErrorRef lstatError;
+  const auto item = waitAttributes(lstatID, SFTPOperation::kOther, path, &lstatError);
+  if (iChannel.failure()) {
+    storeError(error, iChannel.failure());
+    return std::nullopt;
+  }
+  if (!target) {
+    // No link, or nothing at all: the path itself. What may not be looked at is not answered.
+    if (!item && !QuarnKitError::isCode(lstatError, kQuarnKitNoSuchItem)) {
+      storeError(error, lstatError);
+      return std::nullopt;
+    }
+    return resolutionTo(sftpNormalPath(path), item);
+  }
+  if (resolution) return resolution;
+  return walkLink(path, error);
+}
+
+// Follows component by component, as the kernel would. The names that are still to come stand in `rest`, next
+// one last.
+std::optional<LinkResolution> SFTPSession::walkLink(std::string_view path, NSErrorRef* error) {
+  std::vector<std::string> rest;
+  const auto push = [&rest](std::string_view text) {
+    std::vector<std::string> components;
+    while (!text.empty()) {
+      const size_t end = text.find('/');
+      if (end != 0) components.emplace_back(text.substr(0, end));
+      text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+    }
+    rest.insert(rest.end(), components.rbegin(), components.rend());
+  };
+  push(path);
+  std::string reached;
+  for (int links = 0; !rest.empty();) {
+    const std::string component = std::move(rest.back());
+    rest.pop_back();
+    const std::string next = sftpNormalPath(reached + "/" + component);
+    NSErrorRef reason;
+    const auto target = component == ".." || component == "."
+                            ? std::optional<std::string>()
+                            : waitName(iRequests.readlink(next), next, &reason);
+    if (iChannel.failure()) {
+      storeError(error, iChannel.failure());
+      return std::nullopt;
+    }
+    if (!target) {
+      reached = next == "/" ? "" : next;
+      continue;
+    }
+    if (++links > kMostLinksOnTheWay) return LinkResolution{};
+    if (target->starts_with('/')) reached.clear();
+    push(*target);
+  }
+  const std::string final = reached.empty() ? "/" : reached;
+  const auto present = lookAt(final);
+  if (iChannel.failure()) {
+    storeError(error, iChannel.failure());
+    return std::nullopt;
+  }
+  return resolutionTo(final, present);
+}
+
+}  // namespace ombra

@@ -1,0 +1,141 @@
+// Listing a folder: many READDIRs in flight, and the questions about links with them.
+#include "remote/sftp/SFTPPaths.h"
+#include "remote/sftp/SFTPProtocol.h"
+#include "remote/sftp/SFTPSession.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr size_t kFirstReaddirs = 2;
+constexpr size_t kMostReaddirs = 16;
+constexpr size_t kMostLinkQuestions = 64;
+// Telling circles from links into nowhere costs round trips: the rest is asked for one by one when it is
+// wanted.
+constexpr size_t kMostWalks = 64;
+// A folder beyond this is a server that never ends its answer.
+constexpr size_t kMostEntries = 20'000'000;
+
+uint32_t typeOfEntry(const SFTPName& name) {
+  if (name.attributes.isDirectory()) return kNodeTypeFolder;
+  if (name.attributes.isLink()) return kNodeTypeAlias;
+  if (name.attributes.permissions) return kNodeTypeFile;
+  // Servers without a mode in their attributes still print one, as ls does.
+  if (name.longname.starts_with('d')) return kNodeTypeFolder;
+  if (name.longname.starts_with('l')) return kNodeTypeAlias;
+  return kNodeTypeFile;
+}
+
+RemoteEntry entryForName(SFTPName name) {
+  RemoteEntry entry;
+  entry.type = typeOfEntry(name);
+  entry.attributes = fileAttributesFromSFTP(name.attributes);
+  if (!entry.attributes.fileType && entry.type == kNodeTypeFolder) {
+    entry.attributes.fileType = NSFileTypeValue::NSFileTypeDirectory;
+  } else if (!entry.attributes.fileType && entry.type == kNodeTypeAlias) {
+    entry.attributes.fileType = NSFileTypeValue::NSFileTypeSymbolicLink;
+  }
+  entry.name = std::move(name.filename);
+  return entry;
+}
+
+}  // namespace
+
+struct SFTPSession::Listing {
+  std::string path;
+  std::string handle;
+  std::vector<RemoteEntry>* entries = nullptr;
+  std::deque<uint32_t> readdirs;
+  size_t readdirLimit = kFirstReaddirs;
+  std::deque<LinkQuestion> questions;
+  size_t walks = 0;
+  bool ended = false;
+};
+
+bool SFTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  entries->clear();
+  if (!isUsablePath(path, error)) return false;
+  NSErrorRef reason;
+  const auto handle = waitHandle(iRequests.opendir(path), SFTPOperation::kList, path, &reason);
+  if (!handle) {
+    storeError(error, explainListing(reason, path));
+    return false;
+  }
+  Listing listing;
+  listing.path = path;
+  listing.handle = *handle;
+  listing.entries = entries;
+  const bool read = readFolder(listing, error);
+  for (const uint32_t id : listing.readdirs) iChannel.abandon(id);
+  iChannel.abandon(iRequests.close(*handle));
+  const bool settled = read && settleLinks(listing, 0, error);
+  for (const LinkQuestion& question : listing.questions) abandon(question);
+  return settled;
+}
+
+bool SFTPSession::readFolder(Listing& listing, NSErrorRef* error) {
+  while (!listing.ended) {
+    while (listing.readdirs.size() < listing.readdirLimit) {
+      listing.readdirs.push_back(iRequests.readdir(listing.handle));
+    }
+    auto reply = iChannel.wait(listing.readdirs.front(), error);
+    if (!reply) return false;
+    listing.readdirs.pop_front();
+    // A folder that goes on is worth more requests at a time.
+    if (listing.readdirLimit < kMostReaddirs) ++listing.readdirLimit;
+    const bool taken = takeNames(listing, *reply, error);
+    iChannel.recycle(std::move(*reply));
+    if (!taken || !settleLinks(listing, kMostLinkQuestions, error)) return false;
+  }
+  return true;
+}
+
+bool SFTPSession::takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef* error) {
+  const auto status = parseSFTPStatus(reply);
+  if (status && status->code == kSFTPStatusEOF) {
+    listing.ended = true;
+    return true;
+  }
+  auto names = parseSFTPNames(reply);
+  if (!names || listing.entries->size() + names->size() > kMostEntries) {
+    refuse(reply, SFTPOperation::kList, listing.path, error);
+    return false;
+  }
+  for (SFTPName& name : *names) {
+    const bool isShown =
+        name.filename.find('/') == std::string::npos && name.filename.find('\0') == std::string::npos;
+    listing.entries->push_back(entryForName(std::move(name)));
+    const RemoteEntry& entry = listing.entries->back();
+    if (entry.type != kNodeTypeAlias || !isShown) continue;
+    listing.questions.push_back(askLink(sftpJoinPath(listing.path, entry.name), listing.entries->size() - 1));
+  }
+  return true;
+}
+
+// Takes answers, oldest first, until no more than `remaining` questions are open.
+bool SFTPSession::settleLinks(Listing& listing, size_t remaining, NSErrorRef* error) {
+  while (listing.questions.size() > remaining) {
+    const LinkQuestion question = listing.questions.front();
+    listing.questions.pop_front();
+    RemoteEntry& entry = (*listing.entries)[question.entry];
+    const std::string path = sftpJoinPath(listing.path, entry.name);
+    if (!settleLink(question, path, &entry.targetPath, &entry.resolution, error)) return false;
+    if (entry.resolution || !entry.targetPath || ++listing.walks > kMostWalks) continue;
+    entry.resolution = walkLink(path, error);
+    if (!entry.resolution) return false;
+  }
+  return true;
+}
+
+// OpenSSH's server answers "no such file" for a folder that is none.
+NSErrorRef SFTPSession::explainListing(NSErrorRef refused, std::string_view path) {
+  if (!QuarnKitError::isCode(refused, kQuarnKitNoSuchItem) &&
+      !QuarnKitError::isCode(refused, kQuarnKitRefused)) {
+    return refused;
+  }
+  const auto present = waitAttributes(iRequests.stat(path), SFTPOperation::kOther, path, nullptr);
+  if (!present || present->fileType() == 0 || present->isDirectory()) return refused;
+  return QuarnKitError::errorWithCode(kQuarnKitNotAFolder, path, refused);
+}
+
+}  // namespace ombra

@@ -1,0 +1,109 @@
+#include "remote/sftp/SFTPSession.h"
+
+#include "remote/sftp/SFTPPaths.h"
+#include "remote/sftp/SFTPProtocol.h"
+
+namespace ombra {
+
+namespace {
+// Longer paths than any system takes, and far below the packet limit of every server.
+constexpr size_t kMaximumPathLength = 16 * 1024;
+}  // namespace
+
+SFTPSession::SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment)
+    : iChannel(std::move(transport), environment.transcript, environment.connectLimit, environment.idleLimit),
+      iRequests(iChannel) {}
+
+bool SFTPSession::logIn(NSErrorRef* error) {
+  if (!iChannel.open(error)) return false;
+  const bool hasLimits = iChannel.hasExtension("limits@openssh.com", "1");
+  const uint32_t limitsID = hasLimits ? iRequests.limits() : 0;
+  const uint32_t pathID = iRequests.realpath(".");
+  if (hasLimits) {
+    auto reply = iChannel.wait(limitsID, error);
+    if (!reply) return false;
+    // Announced and then refused: the defaults do.
+    if (const auto limits = parseSFTPLimits(*reply)) iChannel.setLimits(*limits);
+    iChannel.recycle(std::move(*reply));
+  }
+  const auto path = waitName(pathID, ".", error);
+  if (!path) return false;
+  iLoginPath = sftpNormalPath(*path);
+  iChannel.endLogin();
+  return true;
+}
+
+bool SFTPSession::isAlive() { return iChannel.pump(std::chrono::milliseconds(0), nullptr); }
+
+bool SFTPSession::isUsablePath(std::string_view path, NSErrorRef* error) {
+  if (!path.empty() && path.size() <= kMaximumPathLength && path.find('\0') == std::string_view::npos)
+    return true;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitNameInvalid,
+                                                 path.substr(0, path.find('\0')).substr(0, 256)));
+  return false;
+}
+
+void SFTPSession::refuse(const SFTPReply& reply, SFTPOperation operation, std::string_view path,
+                         NSErrorRef* error) {
+  const auto status = parseSFTPStatus(reply);
+  const bool isRefusal = status && status->code != kSFTPStatusOK;
+  storeError(error, isRefusal ? errorForSFTPStatus(*status, operation, path)
+                              : sftpProtocolError("a reply of the wrong kind"));
+}
+
+std::optional<SFTPStatus> SFTPSession::waitStatusCode(uint32_t id, NSErrorRef* error) {
+  auto reply = iChannel.wait(id, error);
+  if (!reply) return std::nullopt;
+  auto status = parseSFTPStatus(*reply);
+  if (!status) storeError(error, sftpProtocolError("no status where one was due"));
+  iChannel.recycle(std::move(*reply));
+  return status;
+}
+
+bool SFTPSession::waitStatus(uint32_t id, SFTPOperation operation, std::string_view path, NSErrorRef* error) {
+  const auto status = waitStatusCode(id, error);
+  if (!status) return false;
+  if (status->code == kSFTPStatusOK) return true;
+  storeError(error, errorForSFTPStatus(*status, operation, path));
+  return false;
+}
+
+std::optional<std::string> SFTPSession::waitHandle(uint32_t id, SFTPOperation operation,
+                                                   std::string_view path, NSErrorRef* error) {
+  auto reply = iChannel.wait(id, error);
+  if (!reply) return std::nullopt;
+  auto handle = parseSFTPHandle(*reply);
+  if (!handle) refuse(*reply, operation, path, error);
+  iChannel.recycle(std::move(*reply));
+  return handle;
+}
+
+std::optional<SFTPAttributes> SFTPSession::waitAttributes(uint32_t id, SFTPOperation operation,
+                                                          std::string_view path, NSErrorRef* error) {
+  auto reply = iChannel.wait(id, error);
+  if (!reply) return std::nullopt;
+  auto attributes = parseSFTPAttributes(*reply);
+  if (!attributes) refuse(*reply, operation, path, error);
+  iChannel.recycle(std::move(*reply));
+  return attributes;
+}
+
+std::optional<std::string> SFTPSession::waitName(uint32_t id, std::string_view path, NSErrorRef* error) {
+  auto reply = iChannel.wait(id, error);
+  if (!reply) return std::nullopt;
+  const auto names = parseSFTPNames(*reply);
+  std::optional<std::string> name;
+  if (names && !names->empty() && names->front().filename.find('\0') == std::string::npos) {
+    name = names->front().filename;
+  } else {
+    refuse(*reply, SFTPOperation::kOther, path, error);
+  }
+  iChannel.recycle(std::move(*reply));
+  return name;
+}
+
+std::optional<SFTPAttributes> SFTPSession::lookAt(std::string_view path) {
+  return waitAttributes(iRequests.lstat(path), SFTPOperation::kOther, path, nullptr);
+}
+
+}  // namespace ombra

@@ -1,0 +1,126 @@
+// A session of the file protocol.
+#pragma once
+
+#include <atomic>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "remote/Session.h"
+#include "remote/sftp/SFTPChannel.h"
+#include "remote/sftp/SFTPErrors.h"
+#include "remote/sftp/SFTPRequests.h"
+#include "remote/sftp/SFTPTransport.h"
+
+namespace ombra {
+
+class SFTPWriteQueue;
+
+// Session (see there) over one transport. The operations are in one file per concern: SFTPSession+Names.cpp,
+// +Attributes.cpp, +Listing.cpp, +Links.cpp, +Download.cpp, +Upload.cpp.
+class SFTPSession final : public Session {
+ public:
+  SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment);
+  ~SFTPSession() override = default;
+
+  [[nodiscard]] bool logIn(NSErrorRef* error) override;
+  std::string loginPath() const override { return iLoginPath; }
+  bool isAlive() override;
+  void interrupt() override { iChannel.interrupt(); }
+  void becameIdle() override { closeUploadHandle(); }
+
+  std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
+                                      NSErrorRef* error) override;
+  std::optional<LinkResolution> resolveLink(std::string_view path, NSErrorRef* error) override;
+  std::optional<NSFileAttributes> attributes(std::string_view path, bool* isDirectory,
+                                             NSErrorRef* error) override;
+  std::optional<NSFileAttributes> fileSystemAttributes(std::string_view path, NSErrorRef* error) override;
+  [[nodiscard]] bool list(std::string_view path, std::vector<RemoteEntry>* entries,
+                          NSErrorRef* error) override;
+
+  [[nodiscard]] bool createFolder(std::string_view path, NSErrorRef* error) override;
+  [[nodiscard]] bool createSymbolicLink(std::string_view path, std::string_view target,
+                                        NSErrorRef* error) override;
+  [[nodiscard]] bool move(std::string_view from, bool isDirectory, std::string_view to,
+                          NSErrorRef* error) override;
+  [[nodiscard]] bool remove(std::string_view path, bool isDirectory, NSErrorRef* error) override;
+  [[nodiscard]] bool changeAttributes(const NSFileAttributes& attributes, std::string_view path,
+                                      NSErrorRef* error) override;
+
+  [[nodiscard]] bool download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
+                              TransferControl& control, NSErrorRef* error) override;
+  [[nodiscard]] bool upload(NSFileHandle& from, std::string_view path, uint64_t offset,
+                            TransferControl& control, NSErrorRef* error) override;
+  [[nodiscard]] bool stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
+                            TransferControl& control, NSErrorRef* error) override;
+
+ private:
+  // A remote file open for writing, kept between uploads of one path so that appending costs one round trip.
+  struct UploadHandle {
+    std::string path;
+    std::string handle;
+  };
+
+  // Answers of single requests. A status that is not OK becomes an error of `operation` on `path`.
+  bool waitStatus(uint32_t id, SFTPOperation operation, std::string_view path, NSErrorRef* error);
+  std::optional<SFTPStatus> waitStatusCode(uint32_t id, NSErrorRef* error);
+  std::optional<std::string> waitHandle(uint32_t id, SFTPOperation operation, std::string_view path,
+                                        NSErrorRef* error);
+  std::optional<SFTPAttributes> waitAttributes(uint32_t id, SFTPOperation operation, std::string_view path,
+                                               NSErrorRef* error);
+  // The one name of a resolved path or a link's text.
+  std::optional<std::string> waitName(uint32_t id, std::string_view path, NSErrorRef* error);
+  // Fails with the server's status, or with a protocol error when the reply is no status.
+  void refuse(const SFTPReply& reply, SFTPOperation operation, std::string_view path, NSErrorRef* error);
+  bool isUsablePath(std::string_view path, NSErrorRef* error);
+  // Whether something of that name is there, links not followed; a lost connection counts as no.
+  std::optional<SFTPAttributes> lookAt(std::string_view path);
+
+  std::optional<std::string> expandTilde(std::string_view path, NSErrorRef* error);
+  std::optional<std::string> homeWithoutExpansion(std::string_view path, NSErrorRef* error);
+  NSErrorRef explainCreation(NSErrorRef refused, std::string_view path);
+  bool isEmptyFolder(std::string_view path);
+  std::optional<SFTPAttributes> attributesToSet(const NSFileAttributes& attributes, std::string_view path,
+                                                NSErrorRef* error);
+
+  // Listing.
+  struct LinkQuestion {
+    size_t entry = 0;
+    uint32_t readlinkID = 0;
+    uint32_t realpathID = 0;
+    uint32_t statID = 0;
+  };
+  struct Listing;
+  bool readFolder(Listing& listing, NSErrorRef* error);
+  bool takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef* error);
+  bool settleLinks(Listing& listing, size_t remaining, NSErrorRef* error);
+  LinkQuestion askLink(std::string_view path, size_t entry);
+  bool settleLink(const LinkQuestion& question, std::string_view path, std::optional<std::string>* target,
+                  std::optional<LinkResolution>* resolution, NSErrorRef* error);
+  void abandon(const LinkQuestion& question);
+  // Walks a path by hand where the server resolves nothing: to tell a circle from a link into nowhere.
+  std::optional<LinkResolution> walkLink(std::string_view path, NSErrorRef* error);
+  NSErrorRef explainListing(NSErrorRef refused, std::string_view path);
+
+  // Uploads.
+  bool openUploadHandle(std::string_view path, uint32_t flags, NSErrorRef* error);
+  void closeUploadHandle();
+  void closeUploadHandleBelow(std::string_view path);
+  bool uploadWhole(NSFileHandle& from, std::string_view path, TransferControl& control, NSErrorRef* error);
+  bool uploadFrom(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
+                  NSErrorRef* error);
+  bool sendExtents(NSFileHandle& from, const std::vector<FileExtent>& extents, SFTPWriteQueue& queue,
+                   TransferControl& control, NSErrorRef* error);
+  bool setRemoteLength(uint64_t length, NSErrorRef* error);
+  NSErrorRef explainWrite(NSErrorRef refused, std::string_view path);
+
+  SFTPChannel iChannel;
+  SFTPRequests iRequests;
+  std::string iLoginPath;
+  std::optional<UploadHandle> iUploadHandle;
+};
+
+}  // namespace ombra

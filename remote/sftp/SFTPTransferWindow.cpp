@@ -1,0 +1,30 @@
+#include "remote/sftp/SFTPTransferWindow.h"
+
+#include <algorithm>
+
+#include "remote/sftp/SFTPProtocol.h"
+
+namespace ombra {
+
+namespace {
+constexpr size_t kSmallest = 2;
+constexpr size_t kInitialBytes = 1024 * 1024;
+// A queue of this much time is no harm by itself.
+constexpr std::chrono::milliseconds kHarmlessDelay{20};
+constexpr std::chrono::milliseconds kHarmfulDelay{200};
+}  // namespace
+
+SFTPTransferWindow::SFTPTransferWindow(size_t pieceLength)
+    : iMaximum(std::max(kSFTPTransferWindowBytes / pieceLength, kSmallest)),
+      iLimit(std::clamp(kInitialBytes / pieceLength, kSmallest, iMaximum)) {}
+
+void SFTPTransferWindow::replied(std::chrono::steady_clock::duration latency) {
+  iQuickest = std::min(iQuickest, latency);
+  if (latency < 2 * iQuickest + kHarmlessDelay) {
+    iLimit = std::min(iLimit + 1, iMaximum);
+  } else if (latency > 4 * iQuickest + kHarmfulDelay) {
+    iLimit = std::max(iLimit - 1, kSmallest);
+  }
+}
+
+}  // namespace ombra

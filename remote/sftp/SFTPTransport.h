@@ -1,0 +1,42 @@
+// How the bytes of the file protocol travel.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <optional>
+#include <span>
+
+#include "platform/foundation/NSError.h"
+
+namespace ombra {
+
+// A connection that carries bytes both ways. One thread at a time, except `interrupt`. Errors are library
+// errors.
+class SFTPTransport {
+ public:
+  class Receiver {
+   public:
+    virtual ~Receiver() = default;
+    // The next bytes from the server. Must not call the transport.
+    virtual void received(std::span<const std::byte> bytes) = 0;
+  };
+
+  virtual ~SFTPTransport() = default;
+
+  // Connects and logs in; blocks for at most the connect limit that the transport was made with.
+  [[nodiscard]] virtual bool open(NSErrorRef* error) = 0;
+  // Takes from `outgoing` what can be sent now and hands over what has arrived. Waits for at most `limit`
+  // when neither is possible at once.
+  struct Exchanged {
+    size_t sent = 0;     // bytes taken from `outgoing`
+    bool moved = false;  // at least one byte travelled in one of the directions
+  };
+  // Absent, with the error filled, when the connection has ended; what arrived before was handed over.
+  virtual std::optional<Exchanged> exchange(std::span<const std::byte> outgoing,
+                                            std::chrono::milliseconds limit, Receiver& receiver,
+                                            NSErrorRef* error) = 0;
+  // Ends a running `open` or `exchange` soon, and every later one. Any thread.
+  virtual void interrupt() = 0;
+};
+
+}  // namespace ombra

@@ -1,0 +1,84 @@
+#include "remote/sftp/SFTPWriteQueue.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+#include "remote/sftp/SFTPErrors.h"
+#include "remote/sftp/SFTPProtocol.h"
+
+namespace ombra {
+
+namespace {
+constexpr std::chrono::milliseconds kSlice{100};
+// Content that the transport has not taken yet: enough to keep it busy, little enough to cancel.
+constexpr size_t kMostUnsentBytes = 2 * 1024 * 1024;
+}  // namespace
+
+SFTPWriteQueue::SFTPWriteQueue(SFTPChannel& channel, std::string handle, std::string path,
+                               TransferControl& control, std::function<void(FileExtent)> confirmed)
+    : iChannel(channel),
+      iHandle(std::move(handle)),
+      iPath(std::move(path)),
+      iControl(control),
+      iConfirmed(std::move(confirmed)),
+      iWindow(channel.writeLength()) {}
+
+SFTPWriteQueue::~SFTPWriteQueue() {
+  for (const Piece& piece : iPieces) iChannel.abandon(piece.id);
+}
+
+std::span<std::byte> SFTPWriteQueue::next(uint64_t offset, size_t wanted, NSErrorRef* error) {
+  if (isCancelled(error)) return {};
+  // What has been acknowledged meanwhile is settled first, so that a refusal ends the transfer soon.
+  while (!iPieces.empty() && (isFull() || iChannel.hasReply(iPieces.front().id))) {
+    if (!settleFirst(error)) return {};
+  }
+  while (iChannel.outgoingSize() > kMostUnsentBytes) {
+    if (isCancelled(error) || !iChannel.pump(kSlice, error)) return {};
+  }
+  iNextOffset = offset;
+  return iChannel.beginWrite(iHandle, offset, std::min(wanted, iChannel.writeLength()));
+}
+
+void SFTPWriteQueue::send(size_t length) {
+  const uint32_t id = iChannel.finishWrite(length);
+  iPieces.push_back({{iNextOffset, iNextOffset + length}, id});
+  iChannel.note(id, [&] { return fmt::format("write offset={} length={}", iNextOffset, length); });
+}
+
+bool SFTPWriteQueue::isFull() const { return iPieces.size() >= iWindow.limit(); }
+
+bool SFTPWriteQueue::isCancelled(NSErrorRef* error) {
+  if (!iControl.shouldCancel()) return false;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, iPath));
+  return true;
+}
+
+bool SFTPWriteQueue::settleFirst(NSErrorRef* error) {
+  const Piece piece = iPieces.front();
+  while (!iChannel.hasReply(piece.id)) {
+    if (isCancelled(error) || !iChannel.pump(kSlice, error)) return false;
+  }
+  iWindow.replied(iChannel.age(piece.id));
+  auto reply = iChannel.take(piece.id);
+  iPieces.pop_front();
+  const auto status = parseSFTPStatus(*reply);
+  iChannel.recycle(std::move(*reply));
+  if (!status || status->code != kSFTPStatusOK) {
+    storeError(error, status ? errorForSFTPStatus(*status, SFTPOperation::kWrite, iPath)
+                             : sftpProtocolError("no status for a write"));
+    return false;
+  }
+  iConfirmed(piece.extent);
+  return true;
+}
+
+bool SFTPWriteQueue::finish(NSErrorRef* error) {
+  while (!iPieces.empty()) {
+    if (!settleFirst(error)) return false;
+  }
+  return true;
+}
+
+}  // namespace ombra

@@ -1,0 +1,23 @@
+// Ends a wait from another thread.
+#pragma once
+
+namespace ombra {
+
+// A descriptor that becomes readable once, and stays so. Thread-safe.
+class WakeUp {
+ public:
+  WakeUp();
+  ~WakeUp();
+  WakeUp(const WakeUp&) = delete;
+  WakeUp& operator=(const WakeUp&) = delete;
+
+  // To be polled for input, never read.
+  int descriptor() const { return iDescriptor; }
+  void raise();
+  bool isRaised() const;
+
+ private:
+  const int iDescriptor;
+};
+
+}  // namespace ombra
