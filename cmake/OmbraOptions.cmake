@@ -16,7 +16,10 @@ if(OMBRA_CCACHE)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${OMBRA_CCACHE})
 endif()
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual=1 -Wcast-qual -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  set(OMBRA_OVERLOADED_VIRTUAL -Woverloaded-virtual=1)  # g++ has this level from version 13 on
+endif()
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor ${OMBRA_OVERLOADED_VIRTUAL} -Wcast-qual -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # A lock that is not held where the annotations ask for it is a compile error.
   add_compile_options(-Wthread-safety -Wno-unknown-warning-option)
