@@ -1,0 +1,217 @@
+// The way from requests to open-file objects.
+#include "fshelper/OFSRemoteFile.h"
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+using ::testing::IsEmpty;
+
+class FileIO : public FileSystemTest {
+ protected:
+  FileIO() {
+    server.addFile("/a.txt", "content");
+    connect();
+  }
+  bool volumeIsCached() {
+    return fileSystem.rootNode()->userPropertyForKey(kOFSFileSystemAttributes).has_value();
+  }
+  void cacheVolume() { fileSystem.attributesOfFileSystemForPath("/", nullptr); }
+  std::shared_ptr<KCRemoteFileNode> node() { return fileSystem.nodeForPath("/a.txt"); }
+};
+
+using Open = FileIO;
+
+TEST_F(Open, AMissingPathIsInvalid) {
+  GMUserData file;
+  EXPECT_FALSE(fileSystem.openFileAtPath(std::nullopt, kO_RDONLY, &file, &error));
+  EXPECT_EQ(code(), kEINVAL);
+}
+
+TEST_F(Open, AnUnknownItemIsNoSuchItemAndLeavesTheSlot) {
+  const GMUserData other = OFSRemoteFile::remoteFileForPath("/other");
+  GMUserData file = other;
+  EXPECT_FALSE(fileSystem.openFileAtPath("/nowhere", kO_RDONLY, &file, &error));
+  EXPECT_EQ(code(), kENOENT);
+  EXPECT_EQ(file, other);
+}
+
+TEST_F(Open, AllOpensOfAPathShareOneObject) {
+  const GMUserData reader = open("/a.txt", kO_RDONLY);
+  const GMUserData writer = open("/a.txt", kO_RDWR | kO_TRUNC);
+  EXPECT_EQ(reader, writer);
+  EXPECT_EQ(server.count("downloadFileAtPath"), 1u);
+  EXPECT_EQ(fileOnNode("/a.txt")->mode(), kO_RDONLY);
+  EXPECT_EQ(server.content("/a.txt"), "content");
+}
+
+TEST_F(Open, NeedsNoSlot) {
+  EXPECT_TRUE(fileSystem.openFileAtPath("/a.txt", kO_RDONLY, nullptr, &error));
+  EXPECT_TRUE(fileOnNode("/a.txt")->isOpen());
+}
+
+TEST_F(Open, OnlyTheLowSixteenBitsOfTheFlagsCount) {
+  open("/a.txt", 0x70000 | kO_RDWR);
+  EXPECT_EQ(fileOnNode("/a.txt")->mode(), kO_RDWR);
+  EXPECT_EQ(server.count("downloadFileAtPath"), 1u);
+}
+
+TEST_F(Open, AFailedOpeningAnswersTheFilesError) {
+  server.fail("uploadFileHandle", "/a.txt", refusal());
+  GMUserData file;
+  EXPECT_FALSE(fileSystem.openFileAtPath("/a.txt", kO_RDWR | kO_TRUNC, &file, &error));
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(file, nullptr);
+}
+
+TEST_F(FileIO, AReadIsAnsweredByTheFile) {
+  const GMUserData file = open("/a.txt", kO_RDONLY);
+  EXPECT_EQ(read(file, 4, 2), "nten");
+  EXPECT_EQ(read(file, 100, 7), "");
+}
+
+TEST_F(FileIO, AReadLeavesTheNode) {
+  const GMUserData file = open("/a.txt", kO_RDONLY);
+  cacheVolume();
+  node()->setSize(99);
+  read(file);
+  EXPECT_EQ(node()->size(), 99u);
+  EXPECT_TRUE(volumeIsCached());
+}
+
+TEST_F(FileIO, AFailedReadAnswersTheFilesError) {
+  server.failAfter("downloadFileAtPath", "/a.txt", 3, refusal(kQuarnKitConnectionLost));
+  const GMUserData file = open("/a.txt", kO_RDONLY);
+  char byte = 0;
+  // The object is taken apart: without a cache file a read cannot be answered.
+  const auto closed = OFSRemoteFile::remoteFileForPath("/other");
+  closed->setConnectionPool(server.pool());
+  setenv("OMBRAFS_TMPDIR_SAVED", getenv("OMBRAFS_TMPDIR"), 1);
+  setenv("OMBRAFS_TMPDIR", "/proc/nowhere", 1);
+  EXPECT_EQ(fileSystem.readFileAtPath("/a.txt", OFSRemoteFile::remoteFileForPath("/x"), &byte, 1, 0, &error),
+            -1);
+  setenv("OMBRAFS_TMPDIR", getenv("OMBRAFS_TMPDIR_SAVED"), 1);
+  EXPECT_EQ(code(), kEIO);
+}
+
+TEST_F(FileIO, AMissingHandleReadsAndWritesNothing) {
+  char byte = 0;
+  cacheVolume();
+  EXPECT_EQ(fileSystem.readFileAtPath("/a.txt", nullptr, &byte, 1, 0, &error), 0);
+  EXPECT_EQ(fileSystem.writeFileAtPath("/a.txt", nullptr, &byte, 1, 0, &error), 0);
+  EXPECT_EQ(error, nullptr);
+  EXPECT_TRUE(volumeIsCached());
+  EXPECT_EQ(server.content("/a.txt"), "content");
+}
+
+TEST_F(FileIO, AWriteUpdatesTheNodeAndForgetsTheVolumesAttributes) {
+  const GMUserData file = open("/a.txt");
+  cacheVolume();
+  EXPECT_EQ(write("/a.txt", file, "longer content"), 14);
+  EXPECT_EQ(node()->size(), 14u);
+  EXPECT_FALSE(volumeIsCached());
+  EXPECT_EQ(server.content("/a.txt"), "longer content");
+}
+
+TEST_F(FileIO, AWriteOfNothingChangesNeither) {
+  const GMUserData file = open("/a.txt");
+  cacheVolume();
+  node()->setSize(99);
+  EXPECT_EQ(write("/a.txt", file, ""), 0);
+  EXPECT_EQ(node()->size(), 99u);
+  EXPECT_TRUE(volumeIsCached());
+}
+
+TEST_F(FileIO, AFailedWriteChangesNeither) {
+  const GMUserData file = open("/a.txt");
+  read(file);
+  cacheVolume();
+  node()->setSize(99);
+  server.failAlways("uploadFileHandle", "/a.txt", refusal(kQuarnKitOutOfSpace));
+  EXPECT_EQ(write("/a.txt", file, "x"), -1);
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(underlyingCode(), kQuarnKitOutOfSpace);
+  EXPECT_EQ(node()->size(), 99u);
+  EXPECT_TRUE(volumeIsCached());
+}
+
+using Truncate = FileIO;
+
+TEST_F(Truncate, AnUnknownPathIsNoSuchItemAlsoWithAHandle) {
+  const GMUserData file = open("/a.txt");
+  EXPECT_FALSE(fileSystem.truncateFileAtPath("/nowhere", file, 0, &error));
+  EXPECT_EQ(code(), kENOENT);
+  error = nullptr;
+  EXPECT_FALSE(fileSystem.truncateFileAtPath(std::nullopt, file, 0, &error));
+  EXPECT_EQ(code(), kENOENT);
+}
+
+TEST_F(Truncate, AHandleIsTruncated) {
+  const GMUserData file = open("/a.txt");
+  cacheVolume();
+  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", file, 3, &error));
+  EXPECT_EQ(server.content("/a.txt"), "con");
+  EXPECT_EQ(node()->size(), 3u);
+  EXPECT_TRUE(volumeIsCached());
+}
+
+TEST_F(Truncate, AClosedFileIsOpenedReadWriteAndStaysOpen) {
+  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
+  EXPECT_EQ(server.content("/a.txt"), "con");
+  EXPECT_EQ(node()->size(), 3u);
+  ASSERT_NE(fileOnNode("/a.txt"), nullptr);
+  EXPECT_TRUE(fileOnNode("/a.txt")->isOpen());
+  EXPECT_EQ(fileOnNode("/a.txt")->mode(), kO_RDWR);
+}
+
+TEST_F(Truncate, AFailureAfterTheOpeningStillReportsSuccess) {
+  server.failAlways("uploadFileHandle", "/a.txt", refusal(kQuarnKitOutOfSpace));
+  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(node()->size(), 7u);
+  error = nullptr;
+  const GMUserData file = open("/a.txt");
+  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", file, 3, &error));
+  EXPECT_EQ(code(), kEIO);
+}
+
+TEST_F(Truncate, AFailedOpeningAnswersTheFilesError) {
+  list("/");
+  setenv("OMBRAFS_TMPDIR_SAVED", getenv("OMBRAFS_TMPDIR"), 1);
+  setenv("OMBRAFS_TMPDIR", "/proc/nowhere", 1);
+  EXPECT_FALSE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
+  setenv("OMBRAFS_TMPDIR", getenv("OMBRAFS_TMPDIR_SAVED"), 1);
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(server.content("/a.txt"), "content");
+}
+
+using Release = FileIO;
+
+TEST_F(Release, TheObjectStaysOnItsNodeAndServesTheNextOpen) {
+  const GMUserData file = open("/a.txt", kO_RDONLY);
+  read(file);
+  fileSystem.releaseFileAtPath("/a.txt", file);
+  EXPECT_EQ(fileOnNode("/a.txt"), file);
+  EXPECT_EQ(open("/a.txt", kO_RDONLY), file);
+  EXPECT_EQ(server.count("downloadFileAtPath"), 1u);
+}
+
+TEST_F(Release, ClosesTheFileAndNothingElse) {
+  const GMUserData file = open("/a.txt");
+  read(file);
+  cacheVolume();
+  node()->setSize(99);
+  server.clearCalls();
+  RecordedLog log;
+  const TracingOn tracing;
+  fileSystem.releaseFileAtPath("/a.txt", file);
+  EXPECT_EQ(log.linesWith("{ -[OFSRemoteFile close]").size(), 1u);
+  EXPECT_EQ(node()->size(), 99u);
+  EXPECT_TRUE(volumeIsCached());
+  EXPECT_THAT(server.callTexts(), IsEmpty());
+}
+
+TEST_F(Release, AMissingHandleIsLetBe) { fileSystem.releaseFileAtPath("/a.txt", nullptr); }
+
+}  // namespace
+}  // namespace ombra

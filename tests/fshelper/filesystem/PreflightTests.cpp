@@ -1,0 +1,231 @@
+// The first connection, and where the root is.
+#include "fshelper/OFSRemoteFile.h"
+#include "platform/foundation/NSUserDefaults.h"
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::Not;
+
+class Preflight : public FileSystemTest {
+ protected:
+  Preflight() {
+    server.setLoginPath("/home/u");
+    server.addFolder("/home/u/docs");
+  }
+  ~Preflight() override { NSUserDefaults::standardUserDefaults().setVolatileObject({}, "MountAtRemoteRoot"); }
+  void mountAtRemoteRoot() {
+    NSUserDefaults::standardUserDefaults().setVolatileObject(true, "MountAtRemoteRoot");
+  }
+};
+
+TEST_F(Preflight, LogsInAndReleasesTheConnection) {
+  EXPECT_TRUE(fileSystem.preflight(&error));
+  EXPECT_TRUE(fileSystem.isConnected());
+  EXPECT_EQ(server.heldConnections(), 0u);
+  EXPECT_THAT(server.callTexts(), ElementsAre("acquireConnectionWithTimeout 30 none", "setDelegate delegate",
+                                              "loginPath", "connect", "loginPath", "releaseConnection"));
+}
+
+TEST_F(Preflight, ALoggedInConnectionIsNotAskedToConnect) {
+  server.setLoggedIn(true);
+  EXPECT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(server.count("connect"), 0u);
+}
+
+TEST_F(Preflight, WithoutAnInitialPathTheLoginFolderIsTheRoot) {
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/home/u");
+  EXPECT_EQ(fileSystem.initialPath(), "/");
+  EXPECT_EQ(server.count("changeDir"), 0u);
+}
+
+TEST_F(Preflight, WithoutAnInitialPathTheServersRootLeadsToTheLoginFolder) {
+  mountAtRemoteRoot();
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/");
+  EXPECT_EQ(fileSystem.initialPath(), "/home/u");
+}
+
+TEST_F(Preflight, ARelativeInitialPathIsTheRoot) {
+  server.credentials()->setInitialPath("docs");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/home/u/docs");
+  EXPECT_EQ(fileSystem.initialPath(), "/");
+}
+
+TEST_F(Preflight, ARelativeInitialPathIsWhereTheServersRootLeads) {
+  mountAtRemoteRoot();
+  server.credentials()->setInitialPath("docs");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/");
+  EXPECT_EQ(fileSystem.initialPath(), "/home/u/docs");
+}
+
+TEST_F(Preflight, AnInitialPathThatNamesAFileLeadsToItsFolder) {
+  server.addFile("/home/u/a.txt", "a");
+  server.credentials()->setInitialPath("/home/u/a.txt");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/home/u");
+  EXPECT_THAT(server.callTexts(), Contains("changeDir /home/u/a.txt"));
+  EXPECT_THAT(server.callTexts(), Contains("changeDir /home/u"));
+}
+
+TEST_F(Preflight, ATildeGoesToTheServerUnchanged) {
+  server.credentials()->setInitialPath("~/docs");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_THAT(server.callTexts(), Contains("changeDir ~/docs"));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/home/u/docs");
+}
+
+TEST_F(Preflight, OnWebDAVAnInitialPathIsMeantFromTheServersRoot) {
+  server.setIsWebDAV(true);
+  server.addFolder("/dav");
+  server.credentials()->setInitialPath("dav");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_THAT(server.callTexts(), Contains("changeDir /dav"));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/dav");
+}
+
+TEST_F(Preflight, AnUnreachableInitialPathFailsWithTheLibrarysError) {
+  server.credentials()->setInitialPath("/nowhere/at/all");
+  EXPECT_FALSE(fileSystem.preflight(&error));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitNoSuchItem));
+  EXPECT_FALSE(fileSystem.isConnected());
+  EXPECT_EQ(fileSystem.rootNode(), nullptr);
+  EXPECT_EQ(server.heldConnections(), 0u);
+}
+
+TEST_F(Preflight, AFailedQuestionForTheFolderFailsWithTheLibrarysError) {
+  server.credentials()->setInitialPath("docs");
+  server.fail("pwd", kAnyPath, refusal(kQuarnKitProtocolError));
+  EXPECT_FALSE(fileSystem.preflight(&error));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitProtocolError));
+  EXPECT_EQ(server.heldConnections(), 0u);
+}
+
+TEST_F(Preflight, AFailedLoginReachesTheCallerUnchanged) {
+  const NSErrorRef refused = refusal(kQuarnKitLoginFailed);
+  server.fail("connect", kAnyPath, refused);
+  EXPECT_FALSE(fileSystem.preflight(&error));
+  EXPECT_EQ(error, refused);
+  EXPECT_EQ(server.heldConnections(), 0u);
+}
+
+TEST_F(Preflight, ALoginWithoutAFolderFailsWithoutAnError) {
+  server.setLoginPath(std::nullopt);
+  EXPECT_FALSE(fileSystem.preflight(&error));
+  EXPECT_EQ(error, nullptr);
+  EXPECT_EQ(server.heldConnections(), 0u);
+}
+
+TEST_F(Preflight, AnAcquisitionThatTimesOutFailsWithoutAnError) {
+  server.setAcquisitionTimesOut(true);
+  EXPECT_FALSE(fileSystem.preflight(&error));
+  EXPECT_EQ(error, nullptr);
+  EXPECT_THAT(server.callTexts(), ElementsAre("acquireConnectionWithTimeout 30 none"));
+}
+
+TEST_F(Preflight, AfterTheFirstAConnectionIsTakenPlainly) {
+  connect();
+  const std::shared_ptr<AbstractConnection> connection =
+      ofs_acquireConnectionForFileSystem(*server.pool(), fileSystem, &error);
+  EXPECT_NE(connection, nullptr);
+  EXPECT_THAT(server.callTexts(), ElementsAre("acquireConnection"));
+  server.pool()->releaseConnection(connection);
+}
+
+TEST_F(Preflight, WithoutAPoolThereIsNoConnection) {
+  OmbraFileSystem lonely;
+  EXPECT_FALSE(lonely.preflight(&error));
+}
+
+TEST_F(Preflight, TrustsWhateverServerTheFrontEndHasAccepted) {
+  connect();
+  const std::shared_ptr<AbstractConnection> connection = server.pool()->acquireConnection();
+  EXPECT_TRUE(fileSystem.connection(*connection, TrustQuestion{"SHA256:x"}));
+  server.pool()->releaseConnection(connection);
+}
+
+TEST_F(Preflight, TheObjectBeginsWithAMountDateAndTheUsualInterval) {
+  EXPECT_EQ(fileSystem.mountDate(), clock.now());
+  EXPECT_EQ(fileSystem.refreshInterval(), 60.0);
+  EXPECT_FALSE(fileSystem.isConnected());
+  EXPECT_EQ(fileSystem.mountError(), nullptr);
+  EXPECT_EQ(fileSystem.initialPath(), "");
+}
+
+TEST_F(Preflight, TheFileSystemReceivesThePoolsTranscript) {
+  EXPECT_EQ(server.transcriptDelegate(), &fileSystem);
+}
+
+class WillMount : public FileSystemTest {
+ protected:
+  // Mounted at "/" with the start folder /a/b.
+  void prepare() {
+    server.addFile("/a/b/c.txt", "c");
+    connect();
+    fileSystem.setInitialPath("/a/b");
+  }
+};
+
+TEST_F(WillMount, ListsTheRootAndLeavesNoError) {
+  prepare();
+  fileSystem.willMount();
+  EXPECT_THAT(serverCalls(), ElementsAre("contentsAtPath /"));
+  EXPECT_EQ(fileSystem.mountError(), nullptr);
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/");
+  EXPECT_EQ(fileSystem.initialPath(), "/a/b");
+}
+
+TEST_F(WillMount, MovesTheRootDownToTheFirstFolderThatCanBeListed) {
+  prepare();
+  server.failAlways("contentsAtPath", "/", refusal(kQuarnKitListingNotPermitted));
+  fileSystem.willMount();
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/a");
+  EXPECT_EQ(fileSystem.initialPath(), "/b");
+  EXPECT_THAT(list("/"), ElementsAre("b"));
+}
+
+TEST_F(WillMount, TheErrorStaysAfterARetryThatSucceeded) {
+  prepare();
+  server.failAlways("contentsAtPath", "/", refusal(kQuarnKitListingNotPermitted));
+  fileSystem.willMount();
+  ASSERT_NE(fileSystem.mountError(), nullptr);
+  EXPECT_EQ(fileSystem.mountError()->code(), kENOENT);
+  EXPECT_TRUE(
+      QuarnKitError::isCode(fileSystem.mountError()->underlyingError(), kQuarnKitListingNotPermitted));
+}
+
+TEST_F(WillMount, StopsAtTheStartFolder) {
+  prepare();
+  server.failAlways("contentsAtPath", kAnyPath, refusal(kQuarnKitListingNotPermitted));
+  fileSystem.willMount();
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/a/b");
+  EXPECT_EQ(fileSystem.initialPath(), "/");
+  EXPECT_EQ(server.count("contentsAtPath"), 3u);
+}
+
+TEST_F(WillMount, AnotherFailureEndsTheDescentAtOnce) {
+  prepare();
+  server.failAlways("contentsAtPath", "/", refusal(kQuarnKitConnectionLost));
+  fileSystem.willMount();
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/");
+  EXPECT_EQ(fileSystem.initialPath(), "/a/b");
+  EXPECT_TRUE(QuarnKitError::isCode(fileSystem.mountError()->underlyingError(), kQuarnKitConnectionLost));
+}
+
+TEST_F(WillMount, ARelativeInitialPathFailsAConditionOnly) {
+  prepare();
+  fileSystem.setInitialPath("a/b");
+  server.failAlways("contentsAtPath", "/", refusal(kQuarnKitListingNotPermitted));
+  RecordedLog log;
+  fileSystem.willMount();
+  EXPECT_THAT(log.lines(), Contains("CONDITION FAILED: initial path is expected to be absolute"));
+}
+
+}  // namespace
+}  // namespace ombra

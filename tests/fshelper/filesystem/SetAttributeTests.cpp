@@ -1,0 +1,181 @@
+// Changing attributes.
+#include <thread>
+
+#include "fshelper/OFSRemoteFile.h"
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class SetAttributes : public FileSystemTest {
+ protected:
+  SetAttributes() {
+    server.addFile("/a.txt", "content");
+    server.addFolder("/folder");
+  }
+  bool set(const NSFileAttributes& attributes, std::string_view path, const GMUserData& file = nullptr) {
+    return fileSystem.setAttributes(attributes, path, file, &error);
+  }
+  bool volumeIsCached() {
+    return ofs_property<NSFileAttributes>(*fileSystem.rootNode(), kOFSFileSystemAttributes).has_value();
+  }
+  void cacheVolume() { fileSystem.attributesOfFileSystemForPath("/", nullptr); }
+};
+
+TEST_F(SetAttributes, TheFrameworksEntryRefusesAMissingPath) {
+  connect();
+  EXPECT_FALSE(fileSystem.MacFUSE_1_7_setAttributes(withMode(0600), std::nullopt, &error));
+  EXPECT_EQ(code(), kEINVAL);
+}
+
+TEST_F(SetAttributes, TheFrameworksEntrySetsWithoutAHandle) {
+  connect();
+  EXPECT_TRUE(fileSystem.MacFUSE_1_7_setAttributes(withMode(0700), "/folder", &error));
+  EXPECT_EQ(server.attributes("/folder")->posixPermissions, 0700);
+}
+
+TEST_F(SetAttributes, AnUnknownItemIsNoSuchItem) {
+  connect();
+  EXPECT_FALSE(set(withMode(0600), "/nowhere"));
+  EXPECT_EQ(code(), kENOENT);
+  EXPECT_FALSE(fileSystem.setAttributes(withMode(0600), std::nullopt, nullptr, &error));
+  EXPECT_EQ(code(), kENOENT);
+}
+
+TEST_F(SetAttributes, AFoldersModeGoesToTheServerAlone) {
+  connect();
+  NSFileAttributes attributes = withMode(0711);
+  attributes.modificationDate = NSDate::dateWithTimeIntervalSince1970(5);
+  EXPECT_TRUE(set(attributes, "/folder"));
+  EXPECT_THAT(server.callTexts(),
+              ::testing::Contains("changeAttributes /folder " + withMode(0711).description()));
+}
+
+TEST_F(SetAttributes, OtherAttributesOfAFolderAreAcceptedAndIgnored) {
+  connect();
+  list("/");
+  cacheVolume();
+  server.clearCalls();
+  NSFileAttributes attributes;
+  attributes.modificationDate = NSDate::dateWithTimeIntervalSince1970(5);
+  EXPECT_TRUE(set(attributes, "/folder"));
+  EXPECT_THAT(server.callTexts(), IsEmpty());
+  EXPECT_FALSE(volumeIsCached());
+}
+
+TEST_F(SetAttributes, OnWebDAVAFoldersModeIsSkipped) {
+  server.setIsWebDAV(true);
+  connect();
+  EXPECT_TRUE(set(withMode(0700), "/folder"));
+  EXPECT_EQ(server.count("changeAttributes"), 0u);
+}
+
+TEST_F(SetAttributes, AFoldersModeThatTheServerCannotChangeCountsAsChanged) {
+  connect();
+  cacheVolume();
+  server.fail("changeAttributes", "/folder", refusal(kQuarnKitAttributeChangeNotSupported));
+  EXPECT_TRUE(set(withMode(0700), "/folder"));
+  EXPECT_FALSE(volumeIsCached());
+}
+
+TEST_F(SetAttributes, ARefusedModeOfAFolderIsAnInputOutputError) {
+  connect();
+  cacheVolume();
+  server.fail("changeAttributes", "/folder", refusal(kQuarnKitPermissionDenied));
+  EXPECT_FALSE(set(withMode(0700), "/folder"));
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(underlyingCode(), kQuarnKitPermissionDenied);
+  EXPECT_TRUE(volumeIsCached());
+}
+
+TEST_F(SetAttributes, ASizeOfAClosedFileOpensItAndChangesNothingElse) {
+  connect();
+  EXPECT_TRUE(set(withSize(3), "/a.txt"));
+  EXPECT_EQ(server.content("/a.txt"), "con");
+  EXPECT_EQ(server.count("changeAttributes"), 0u);
+  EXPECT_EQ(fileSystem.nodeForPath("/a.txt")->size(), 3u);
+}
+
+TEST_F(SetAttributes, AFileThatWasOpenedForItStaysOpen) {
+  connect();
+  ASSERT_TRUE(set(withSize(3), "/a.txt"));
+  ASSERT_NE(fileOnNode("/a.txt"), nullptr);
+  EXPECT_TRUE(fileOnNode("/a.txt")->isOpen());
+  EXPECT_EQ(fileOnNode("/a.txt")->mode(), kO_RDWR);
+}
+
+TEST_F(SetAttributes, AFilesModeReachesTheServerAndTheNode) {
+  connect();
+  cacheVolume();
+  EXPECT_TRUE(set(withMode(0600), "/a.txt"));
+  EXPECT_EQ(server.attributes("/a.txt")->posixPermissions, 0600);
+  EXPECT_EQ(fileSystem.nodeForPath("/a.txt")->permissions()->mode() & 07777, 0600);
+  EXPECT_FALSE(volumeIsCached());
+}
+
+TEST_F(SetAttributes, ASizeWithAModeChangesBoth) {
+  connect();
+  NSFileAttributes attributes = withMode(0600);
+  attributes.fileSize = 4;
+  EXPECT_TRUE(set(attributes, "/a.txt"));
+  EXPECT_EQ(server.content("/a.txt"), "cont");
+  EXPECT_EQ(server.attributes("/a.txt")->posixPermissions, 0600);
+}
+
+TEST_F(SetAttributes, AHandleIsUsedAsItIs) {
+  connect();
+  const GMUserData file = open("/a.txt");
+  EXPECT_TRUE(set(withSize(2), "/a.txt", file));
+  EXPECT_EQ(fileOnNode("/a.txt"), file);
+  EXPECT_EQ(server.content("/a.txt"), "co");
+}
+
+// The change ends with the attributes of the cache file, which wait for the file's first open.
+TEST_F(SetAttributes, AHandleThatIsNotOpenIsNotTruncated) {
+  connect();
+  fileSystem.nodeForPath("/a.txt");
+  const auto file = OFSRemoteFile::remoteFileForPath("/a.txt");
+  file->setConnectionPool(server.pool());
+  bool isSet = false;
+  std::thread setter([&] { isSet = set(withSize(2), "/a.txt", file); });
+  while (file->waiterCount() == 0) std::this_thread::yield();
+  EXPECT_TRUE(file->openWithMode(kO_RDWR, nullptr));
+  setter.join();
+  EXPECT_TRUE(isSet);
+  EXPECT_EQ(server.content("/a.txt"), "content");
+}
+
+TEST_F(SetAttributes, AFailedOpeningAnswersTheFilesError) {
+  connect();
+  fileSystem.nodeForPath("/a.txt");
+  setenv("OMBRAFS_TMPDIR_SAVED", getenv("OMBRAFS_TMPDIR"), 1);
+  setenv("OMBRAFS_TMPDIR", "/proc/nowhere", 1);
+  EXPECT_FALSE(set(withSize(3), "/a.txt"));
+  setenv("OMBRAFS_TMPDIR", getenv("OMBRAFS_TMPDIR_SAVED"), 1);
+  EXPECT_EQ(code(), kEIO);
+}
+
+TEST_F(SetAttributes, AFailedTruncationAnswersTheFilesErrorAndLeavesTheNode) {
+  connect();
+  cacheVolume();
+  const GMUserData file = open("/a.txt");
+  server.fail("uploadFileHandle", "/a.txt", refusal(kQuarnKitOutOfSpace));
+  EXPECT_FALSE(set(withSize(3), "/a.txt", file));
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(fileSystem.nodeForPath("/a.txt")->size(), 7u);
+  EXPECT_TRUE(volumeIsCached());
+}
+
+TEST_F(SetAttributes, ARefusedModeOfAFileAnswersTheFilesError) {
+  connect();
+  server.fail("changeAttributes", "/a.txt", refusal(kQuarnKitPermissionDenied));
+  EXPECT_FALSE(set(withMode(0600), "/a.txt"));
+  EXPECT_EQ(code(), kEIO);
+}
+
+}  // namespace
+}  // namespace ombra
