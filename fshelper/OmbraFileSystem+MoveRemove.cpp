@@ -29,6 +29,9 @@ bool OmbraFileSystem::removeItemAtPath(OptionalPath path, NSErrorRef* error) {
   NSErrorRef underlying;
   if (!connection->deleteItemAtPath(remotePathForPath(*path), isFolder, &underlying)) {
     const bool isMissing = underlying != nullptr && underlying->code() == kQuarnKitNoSuchItem;
+    // A file that was told of its removal goes on being sent.
+    const std::shared_ptr<OFSRemoteFile> file = ofs_remoteFile(*node);
+    if (file != nullptr) file->reclaim();
     OFS_FAIL(error, isMissing ? kENOENT : kEACCES, underlying);
     return false;
   }
