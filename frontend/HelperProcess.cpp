@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
-#include <sys/pidfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <cstring>
 
 #include "frontend/ChildProgram.h"
+#include "frontend/ProcessDescriptor.h"
 #include "platform/foundation/KCStringAdditions.h"
 
 namespace ombra {
@@ -94,8 +94,7 @@ std::unique_ptr<HelperProcess> HelperProcess::start(const std::string& executabl
                 std::strerror(error), "Install the program again."};
     return nullptr;
   }
-  return std::unique_ptr<HelperProcess>(
-      new HelperProcess(pid, UniqueFd(pidfd_open(pid, 0)), std::move(words)));
+  return std::unique_ptr<HelperProcess>(new HelperProcess(pid, openProcess(pid), std::move(words)));
 }
 
 HelperProcess::HelperProcess(pid_t pid, UniqueFd process, UniqueFd words)
@@ -108,10 +107,7 @@ bool HelperProcess::waitForEnd(int milliseconds) const {
   return poll(&waiting, 1, milliseconds) > 0;
 }
 
-void HelperProcess::signal(int number) const {
-  // By descriptor, so that a number that was given to another process is never hit.
-  if (iProcess) pidfd_send_signal(iProcess.get(), number, nullptr, 0);
-}
+void HelperProcess::signal(int number) const { signalProcess(iProcess, number); }
 
 void HelperProcess::terminate() const { signal(SIGTERM); }
 

@@ -4,7 +4,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/pidfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 
 #include "frontend/ChildProgram.h"
 #include "frontend/HelperBus.h"
+#include "frontend/ProcessDescriptor.h"
 #include "frontend/UniqueFd.h"
 #include "frontend/UnmountVolume.h"
 
@@ -72,7 +72,7 @@ class SystemVolumeControl final : public VolumeControl {
       : iVolume(volume),
         iInterruption(interruption),
         iTick(std::move(tick)),
-        iHelper(volume.pid > 0 ? pidfd_open(volume.pid, 0) : -1),
+        iHelper(openProcess(volume.pid)),
         iMounts(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)) {}
 
   bool isMounted() override {
@@ -157,9 +157,7 @@ class SystemVolumeControl final : public VolumeControl {
     return false;
   }
 
-  void signal(int number) {
-    if (iHelper) pidfd_send_signal(iHelper.get(), number, nullptr, 0);
-  }
+  void signal(int number) { signalProcess(iHelper, number); }
 
   Volume iVolume;
   const Interruption& iInterruption;

@@ -3,7 +3,6 @@
 #include <fmt/format.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/pidfd.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,6 +12,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "frontend/ProcessDescriptor.h"
 #include "frontend/SessionBus.h"
 #include "frontend/UniqueFd.h"
 #include "platform/foundation/KCStringAdditions.h"
@@ -161,7 +161,7 @@ std::string stateOfMount(const std::string& mountPath) {
     struct stat status {};
     _exit(stat(mountPath.c_str(), &status) == 0 ? 0 : errno == ENOTCONN ? 1 : 2);
   }
-  const UniqueFd process(pidfd_open(child, 0));
+  const UniqueFd process = openProcess(child);
   pollfd waiting{process.get(), POLLIN, 0};
   const bool ended = poll(&waiting, 1, kLookMilliseconds) > 0;
   if (!ended) kill(child, SIGKILL);
