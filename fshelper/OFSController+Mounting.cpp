@@ -139,7 +139,8 @@ void OFSController::requestMount() {
   iEnvironment.willRequestMount();
   {
     const MutexLock lock(iLock);
-    if (iState == State::kStarting) iState = State::kMounting;
+    if (iState != State::kStarting) return;  // asked to end just now, on another thread
+    iState = State::kMounting;
   }
   fileSystem()->mountAtPath(iMountPoint, iOptions, true, true);
 }

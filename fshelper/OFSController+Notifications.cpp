@@ -110,7 +110,7 @@ void OFSController::requestUnmount(bool force) {
     const MutexLock lock(iLock);
     starting = iState == State::kStarting;
     iUnmountRequested = true;
-    if (iState == State::kMounted) iState = State::kUnmounting;
+    if (iState != State::kMounting) iState = State::kUnmounting;
   }
   if (starting) {
     NSLogMessage("The start is given up: the helper was asked to end.");

@@ -31,9 +31,9 @@ OFSController::~OFSController() {
 }
 
 void OFSController::finishLaunching() {
-  NSApplication::finishLaunching();           // 1
-  readTracingDefault();                       // 2
-                                              // 3: the file manager has no state and is thread-safe as it is
+  NSApplication::finishLaunching();  // 1
+  readTracingDefault();              // 2
+  // 3: the file manager keeps no state, so every thread may use it as it is
   observeFileSystem();                        // 4
   observeFrontEnd();                          // 5
   startSoftwareUpdate();                      // 6

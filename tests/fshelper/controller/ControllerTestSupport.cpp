@@ -192,9 +192,10 @@ std::string FrontEnd::receivedName() {
 void FrontEnd::serve() {
   const int helper = ::accept4(iListener, nullptr, nullptr, SOCK_CLOEXEC);
   if (helper < 0) return;
+  pollfd name{helper, POLLIN, 0};
+  ::poll(&name, 1, -1);
+  iConnected.set_value();
   if (iReset) {
-    pollfd name{helper, POLLIN, 0};
-    ::poll(&name, 1, -1);
     ::close(helper);
     return;
   }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -124,6 +125,8 @@ class FrontEnd {
   // Closes the connection with the helper's name unread, which resets it.
   void resetInstead() { iReset = true; }
   void start();
+  // Blocks until the helper has connected and written the first byte of its name.
+  void waitForConnection() { iConnected.get_future().wait(); }
 
  private:
   void serve();
@@ -134,6 +137,7 @@ class FrontEnd {
   std::function<void()> iBetween;
   bool iReset = false;
   int iListener = -1;
+  std::promise<void> iConnected;
   std::string iReceived;
   std::thread iThread;
 };

@@ -296,6 +296,14 @@ TEST_F(UnmountRequest, WhileMountingIsKeptUntilTheMountIsThere) {
   EXPECT_THAT(mount->iCalls, ElementsAre("unmount"));
 }
 
+TEST_F(UnmountRequest, JustBeforeTheMountPreventsIt) {
+  environment.willRequestMount = [this] {
+    EXPECT_EQ(statusOf([this] { controller->requestUnmount(false); }), 0);
+  };
+  launch(arguments());
+  EXPECT_THAT(mount->iCalls, Not(Contains("mountAtPath YES YES")));
+}
+
 TEST_F(UnmountRequest, DuringTheStartEndsIt) {
   controller = std::make_unique<OFSController>(environment);
   controller->setRegisteredName(kName);
