@@ -48,7 +48,7 @@ Examples:
 class CommandLine {
  public:
   CommandLine() : iApp("Mounts folders of servers as disks below /Volumes.", "ombra") {
-    iApp.require_subcommand(1);
+    iApp.require_subcommand(0, 1);
     iApp.set_version_flag("--version", "ombra " OMBRA_VERSION);
     iApp.footer(kFooter);
     addMount();
@@ -70,13 +70,23 @@ class CommandLine {
     try {
       iApp.parse(std::move(arguments));
     } catch (const CLI::ParseError& error) {
-      // Help and version are not failures; everything else is one of usage.
-      return iApp.exit(error) == 0 ? kExitSuccess : kExitUsage;
+      // Help and version are no failures; everything else is one of usage.
+      return error.get_exit_code() == 0 ? iApp.exit(error) : refuse(error.what());
     }
+    if (!iRun) return refuse("No command was given.");
     return iRun();
   }
 
  private:
+  int refuse(const std::string& what) {
+    std::string help = "ombra";
+    for (const CLI::App* command = &iApp; !command->get_subcommands().empty();) {
+      command = command->get_subcommands().front();
+      help += " " + command->get_name();
+    }
+    return iOutput.fail({kExitUsage, what, "", "See: " + help + " --help"});
+  }
+
   CLI::App* add(const char* name, const char* description, std::string footer, std::function<int()> run) {
     CLI::App* command = iApp.add_subcommand(name, description);
     command->footer(std::move(footer));
@@ -89,11 +99,13 @@ class CommandLine {
   }
 
   static void addVolumeOptions(CLI::App* command, VolumeOptions* options) {
-    command->add_option("--name", options->name, "The volume's name (default: the server's address)");
-    command->add_option("--icon", options->icon, "An icon for the volume");
-    command->add_option(
-        "--passthrough", options->passthrough,
-        "An identifier; a second mount with it finds the first one instead of mounting again");
+    command->add_option("--name", options->name, "The volume's name (default: the server's address)")
+        ->type_name("NAME");
+    command->add_option("--icon", options->icon, "An icon for the volume")->type_name("PATH");
+    command
+        ->add_option("--passthrough", options->passthrough,
+                     "An identifier; a second mount with it finds the first one instead of mounting again")
+        ->type_name("ID");
     command->add_flag("--foreground", options->foreground,
                       "Stay until the volume is unmounted; Ctrl-C unmounts it");
   }
@@ -101,11 +113,14 @@ class CommandLine {
   void addMount() {
     CLI::App* command = add("mount", "Mount a folder of a server", kMountFooter,
                             [this] { return runMount(iMount, iOutput); });
-    command->add_option("URL", iMount.url, "The folder to mount")->required();
+    command->add_option("URL", iMount.url, "The folder to mount")->required()->type_name("");
     addVolumeOptions(command, &iMount.volume);
-    command->add_option("--identity", iMount.login.identity, "The file of the private key to log in with");
-    command->add_option("--password-file", iMount.login.passwordFile,
-                        "A file that holds the password on one line");
+    command->add_option("--identity", iMount.login.identity, "The file of the private key to log in with")
+        ->type_name("FILE");
+    command
+        ->add_option("--password-file", iMount.login.passwordFile,
+                     "A file that holds the password on one line")
+        ->type_name("FILE");
     command->add_flag("--ask-password", iMount.login.askPassword,
                       "Ask for the password even when there are keys");
     command->add_flag(
@@ -130,7 +145,7 @@ class CommandLine {
   void addUnmount() {
     CLI::App* command =
         add("unmount", "Unmount volumes", kUnmountFooter, [this] { return runUnmountChecked(); });
-    command->add_option("VOLUME", iUnmount.targets, "Names or mount paths");
+    command->add_option("VOLUME", iUnmount.targets, "Names or mount paths")->type_name("");
     command->add_flag("--all", iUnmount.all, "All volumes");
     command->add_flag("--force", iUnmount.force,
                       "Do not wait for the server, nor for programs that use the volume");
@@ -148,14 +163,14 @@ class CommandLine {
     CLI::App* command = add("refresh", "Look at folders again that changed on the server",
                             "Example:\n  ombra refresh /Volumes/Photos/2024",
                             [this] { return runRefresh(iRefresh, iOutput); });
-    command->add_option("PATH", iRefresh, "Folders of mounted volumes")->required();
+    command->add_option("PATH", iRefresh, "Folders of mounted volumes")->required()->type_name("");
   }
 
   void addLogs() {
     CLI::App* command = add("logs", "Print the newest log of a volume",
                             "Examples:\n  ombra logs Photos\n  ombra logs Photos --transcript --follow",
                             [this] { return runLogs(iLogs, iOutput); });
-    command->add_option("NAME", iLogs.name, "The volume's name or mount path")->required();
+    command->add_option("NAME", iLogs.name, "The volume's name or mount path")->required()->type_name("");
     command->add_flag("--transcript", iLogs.transcript,
                       "The conversation with the server instead of the messages");
     command->add_flag("--follow,-f", iLogs.follow, "Go on with what is added, until Ctrl-C");
@@ -163,7 +178,7 @@ class CommandLine {
 
   void addDefaults() {
     CLI::App* command = iApp.add_subcommand("defaults", "Show and change settings of the helpers");
-    command->require_subcommand(1);
+    command->require_subcommand(0, 1);
     command->footer(
         "Settings, each true or false:\n"
         "  TracingEnabled       log each operation with its arguments\n"
@@ -172,13 +187,16 @@ class CommandLine {
         "  MountAtRemoteRoot    show the whole server and open the folder of the URL in it\n\n"
         "Examples:\n  ombra defaults get\n  ombra defaults set DebugLogging true\n  ombra defaults set "
         "DebugLogging");
+    command->callback([this, command] {
+      if (command->get_subcommands().empty()) iRun = [this] { return refuse("Get or set a setting?"); };
+    });
     CLI::App* get = command->add_subcommand("get", "Print a setting, or all");
-    get->add_option("KEY", iKey, "The setting");
+    get->add_option("KEY", iKey, "The setting")->type_name("");
     addJSON(get);
     get->callback([this] { iRun = [this] { return runDefaultsGet(iKey, iOutput); }; });
     CLI::App* set = command->add_subcommand("set", "Change a setting; without a value, remove it");
-    set->add_option("KEY", iKey, "The setting")->required();
-    set->add_option("VALUE", iValue, "true, false, a number or a text");
+    set->add_option("KEY", iKey, "The setting")->required()->type_name("");
+    set->add_option("VALUE", iValue, "true, false, a number or a text")->type_name("");
     set->callback([this] { iRun = [this] { return runDefaultsSet(*iKey, iValue, iOutput); }; });
   }
 

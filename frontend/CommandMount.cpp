@@ -13,6 +13,7 @@
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/KCTypes.h"
+#include "remote/sftp/SSHConfiguration.h"
 
 namespace ombra {
 
@@ -90,18 +91,24 @@ class MountCommand {
 
   // Trust comes first: nothing secret is asked for, let alone sent, before the server is known.
   bool prepareSFTP(Failure* failure) {
-    if (!iCredentials->username()) iCredentials->setUsername(currentUserName());
-    return settleTrust(false, failure) &&
-           gatherLoginSecrets(iOptions.login, LoginSurroundings::ofThisProcess(), iPrompt.get(), iOutput,
-                              iCredentials.get(), failure);
+    const SSHConfiguration configuration = readSSHConfiguration(server());
+    if (!iCredentials->username()) {
+      iCredentials->setUsername(configuration.username.empty() ? currentUserName() : configuration.username);
+    }
+    LoginSurroundings surroundings = LoginSurroundings::ofThisProcess();
+    surroundings.configuredIdentity = configuration.identityFile;
+    return settleTrust(false, failure) && gatherLoginSecrets(iOptions.login, surroundings, iPrompt.get(),
+                                                             iOutput, iCredentials.get(), failure);
+  }
+
+  SSHServerAddress server() const {
+    return {iCredentials->address(), iCredentials->port(), iCredentials->username().value_or("")};
   }
 
   bool settleTrust(bool lookAgain, Failure* failure) {
     HostKeyPolicy policy{iOptions.acceptNew, lookAgain, {}};
     if (iPrompt) policy.ask = [this](const std::string& question) { return iPrompt->line(question); };
-    const SSHServerAddress server{iCredentials->address(), iCredentials->port(),
-                                  iCredentials->username().value_or("")};
-    const auto decision = decideHostKeyTrust(server, policy, HostKeyServices::real(), failure);
+    const auto decision = decideHostKeyTrust(server(), policy, HostKeyServices::real(), failure);
     if (!decision) return false;
     if (!decision->remark.empty()) iOutput.warning(decision->remark);
     iCredentials->setOption("fingerprint", decision->fingerprints);

@@ -72,7 +72,8 @@ std::string sentence(std::string_view text) {
 std::string Failure::text() const {
   std::string result = printable(sentence(what));
   if (!why.empty()) result += " " + printable(sentence(why));
-  if (!todo.empty()) result += "\n" + printable(sentence(todo));
+  // As it is: it often ends in a command, which a full stop would spoil.
+  if (!todo.empty()) result += "\n" + printable(todo);
   return result;
 }
 

@@ -57,7 +57,8 @@ bool usePasswordFile(const std::string& path, const Output& output, KCCredential
 }
 
 bool hasKeys(const LoginSurroundings& surroundings) {
-  return agentHasKeys(surroundings.agentSocket, kAgentLimit) ||
+  const PrivateKeyKind configured = kindOfPrivateKey(surroundings.configuredIdentity);
+  return configured == PrivateKeyKind::kPlain || agentHasKeys(surroundings.agentSocket, kAgentLimit) ||
          !defaultPrivateKeys(surroundings.homeFolder).empty();
 }
 
@@ -66,7 +67,7 @@ bool hasKeys(const LoginSurroundings& surroundings) {
 LoginSurroundings LoginSurroundings::ofThisProcess() {
   const char* home = std::getenv("HOME");
   const char* agent = std::getenv("SSH_AUTH_SOCK");
-  LoginSurroundings result{home == nullptr ? "" : home, agent == nullptr ? "" : agent};
+  LoginSurroundings result{home == nullptr ? "" : home, agent == nullptr ? "" : agent, ""};
   if (result.homeFolder.empty()) {
     const passwd* user = getpwuid(geteuid());
     if (user != nullptr) result.homeFolder = user->pw_dir;

@@ -20,7 +20,8 @@ struct LoginOptions {
 // What else this user could log in with.
 struct LoginSurroundings {
   std::string homeFolder;
-  std::string agentSocket;  // empty = none
+  std::string agentSocket;         // empty = none
+  std::string configuredIdentity;  // a key file that the configuration names; empty = none
 
   static LoginSurroundings ofThisProcess();
 };

@@ -1,0 +1,86 @@
+#include "tests/frontend/Surroundings.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+
+namespace ombra {
+
+namespace {
+
+std::unique_ptr<TemporaryFolder> gFolder;
+
+}  // namespace
+
+TemporaryFolder::TemporaryFolder(const std::string& parent) : iPath(parent + "/ombra-test-XXXXXX") {
+  if (mkdtemp(iPath.data()) == nullptr) abort();
+}
+
+TemporaryFolder::~TemporaryFolder() {
+  std::error_code ignored;
+  std::filesystem::remove_all(iPath, ignored);
+}
+
+ScopedEnvironment::ScopedEnvironment(const char* name, const char* value) : iName(name) {
+  const char* before = std::getenv(name);
+  iWasSet = before != nullptr;
+  if (iWasSet) iBefore = before;
+  if (value == nullptr) {
+    unsetenv(name);
+  } else {
+    setenv(name, value, 1);
+  }
+}
+
+ScopedEnvironment::~ScopedEnvironment() {
+  if (iWasSet) {
+    setenv(iName.c_str(), iBefore.c_str(), 1);
+  } else {
+    unsetenv(iName.c_str());
+  }
+}
+
+void writeFile(const std::string& path, std::string_view content, unsigned mode) {
+  std::ofstream(path, std::ios::binary) << content;
+  chmod(path.c_str(), mode);
+}
+
+std::string readFile(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path, std::ios::binary).rdbuf();
+  return content.str();
+}
+
+void Surroundings::SetUp() {
+  gFolder = std::make_unique<TemporaryFolder>();
+  for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR", "SSH_AUTH_SOCK", "DISPLAY"})
+    unsetenv(name);
+  for (const char* name : {"home", "config", "data", "state", "tmp"}) mkdir((*gFolder / name).c_str(), 0700);
+  setenv("HOME", (*gFolder / "home").c_str(), 1);
+  setenv("XDG_CONFIG_HOME", (*gFolder / "config").c_str(), 1);
+  setenv("XDG_DATA_HOME", (*gFolder / "data").c_str(), 1);
+  setenv("XDG_STATE_HOME", (*gFolder / "state").c_str(), 1);
+  setenv("OMBRAFS_TMPDIR", (*gFolder / "tmp").c_str(), 1);
+}
+
+void Surroundings::TearDown() {
+  endPrivateBus(*gFolder / "tmp");
+  gFolder.reset();
+}
+
+const std::string& Surroundings::folder() { return gFolder->path(); }
+
+void endPrivateBus(const std::string& temporaryFolder) {
+  const pid_t bus = atoi(readFile(temporaryFolder + "/bus.pid").c_str());
+  const std::string commandLine = readFile("/proc/" + std::to_string(bus) + "/cmdline");
+  // The number is looked at twice: only a bus that serves this very folder is ended.
+  if (bus > 1 && commandLine.find(temporaryFolder) != std::string::npos) kill(bus, SIGTERM);
+}
+
+}  // namespace ombra
