@@ -1,5 +1,7 @@
 // What programs rely on beyond the required operations: whole files on the server, attributes without
 // content, removal and moves of open files.
+#include <sys/stat.h>
+
 #include "fshelper/OFSTracing.h"
 #include "fshelper/OmbraFileSystem.h"
 #include "fshelper/StAbstractConnection.h"
@@ -19,6 +21,14 @@ std::optional<std::string> movedPath(const std::string& path, const std::string&
   if (!path.starts_with(from) || path.size() <= from.size()) return std::nullopt;
   if (from.back() != '/' && path[from.size()] != '/') return std::nullopt;
   return to + path.substr(from.size());
+}
+
+// A failure leaves the copy with its old attributes: less good, but of no consequence for the content.
+void setAttributesOfCacheFile(int descriptor, const NSFileAttributes& attributes) {
+  if (attributes.posixPermissions) (void)::fchmod(descriptor, *attributes.posixPermissions);
+  if (!attributes.modificationDate) return;
+  const timespec times[2] = {{0, UTIME_OMIT}, kc_timespec(*attributes.modificationDate)};
+  (void)::futimens(descriptor, times);
 }
 
 // Nodes below a moved folder learn their new paths. A link that was replaced by what it leads to outside the
@@ -99,7 +109,8 @@ void OmbraFileSystem::showAttributes(const NSFileAttributes& attributes, KCRemot
   if (attributes.posixPermissions) node.setPermissions(FilePermissions(*attributes.posixPermissions));
   if (attributes.modificationDate) node.setModificationDate(attributes.modificationDate);
   const std::shared_ptr<OFSRemoteFile> file = ofs_remoteFile(node);
-  if (file != nullptr && file->isOpen()) file->seedCacheAttributes(attributes);
+  const std::shared_ptr<NSFileHandle> handle = file == nullptr ? nullptr : file->fileHandle();
+  if (handle != nullptr) setAttributesOfCacheFile(handle->fileDescriptor(), attributes);
 }
 
 void OmbraFileSystem::seedCacheAttributesAtPath(OptionalPath path, const GMUserData& userData) {

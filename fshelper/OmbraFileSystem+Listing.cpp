@@ -76,7 +76,7 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
   }
   // A failure counts as a fetch as well: until the listing is due again, what was known is answered. But a
   // listing that left the server before a change made here is out of date already.
-  folder->setExpired(iChanges.endFetch(*folder, merge.mark()));
+  folder->setExpired(merge.endFetch());
   folder->setUserProperty(NSDate::date(), kOFSExpirationDate);
   if (!isListed) return std::nullopt;
   if (merge.hasNews()) invalidateDirectory(path);

@@ -11,7 +11,7 @@ OmbraFileSystem::Merge::Merge(OmbraFileSystem& fileSystem, StAbstractConnection&
       iConnection(connection),
       iFolder(std::move(folder)),
       iForm(form),
-      iMark(fileSystem.iChanges.mark()) {}
+      iFetch(fileSystem.iChanges, *iFolder) {}
 
 void OmbraFileSystem::Merge::run(const std::vector<Node>& nodes) {
   std::vector<Node> gone;
@@ -36,7 +36,7 @@ void OmbraFileSystem::Merge::mergeNode(Node node, const OFSNodeSet* old, OFSNode
   const std::string name = node->displayName();
   const OFSNodeChanges& changes = iFileSystem.iChanges;
   // Removed here since the server made this listing.
-  if (changes.changeSince(*iFolder, name, iMark) == OFSNodeChanges::Kind::kRemoved) return;
+  if (changes.changeSince(*iFolder, name, iFetch.mark()) == OFSNodeChanges::Kind::kRemoved) return;
   if (node->type() == kNodeTypeAlias) node = resolved(node);
   node->setParent(iFolder);
   iNames.push_back(decomposedStringWithCanonicalMapping(name));
@@ -58,7 +58,7 @@ std::vector<OmbraFileSystem::Merge::Node> OmbraFileSystem::Merge::keepOrLeave(co
   for (const Node& node : old) {
     if (contents.member(*node) != nullptr) continue;
     const std::string name = node->displayName();
-    const auto change = iFileSystem.iChanges.changeSince(*iFolder, name, iMark);
+    const auto change = iFileSystem.iChanges.changeSince(*iFolder, name, iFetch.mark());
     if (change == OFSNodeChanges::Kind::kMade) {
       contents.add(node);
       iNames.push_back(decomposedStringWithCanonicalMapping(name));

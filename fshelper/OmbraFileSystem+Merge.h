@@ -24,8 +24,9 @@ class OmbraFileSystem::Merge {
   // change hands between their resolution and the new child set.
   void run(const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes);
 
-  // Where in the order of this process's own changes the fetch began.
-  uint64_t mark() const { return iMark; }
+  // To be called once the listing is in the tree, or has failed. True when it is out of date already, since
+  // something was made or removed here meanwhile.
+  bool endFetch() { return iFetch.end(); }
   // Whether entries came or went that the kernel did not ask for itself.
   bool hasNews() const { return iHasNews; }
   // The answer: in the listing's order, decomposed or as listed (then each once).
@@ -46,7 +47,7 @@ class OmbraFileSystem::Merge {
   StAbstractConnection& iConnection;
   const Node iFolder;
   const NameForm iForm;
-  const uint64_t iMark;
+  OFSNodeChanges::Fetch iFetch;
   bool iHasNews = false;
   std::vector<std::string> iNames;
   // Sizes of the entries of folders outside the volume, each folder listed once per merge.

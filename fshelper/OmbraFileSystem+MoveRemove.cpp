@@ -86,6 +86,11 @@ bool OmbraFileSystem::moveItemAtPath(OptionalPath path, OptionalPath toPath, NSE
     OFS_FAIL(error, kEACCES);
     return false;
   }
+  const std::shared_ptr<KCNode> fromParent = source->parent();
+  const OFSNodeChanges::Pending leaving(iChanges, fromParent == nullptr ? *toParent : *fromParent,
+                                        lastPathComponent(*path), OFSNodeChanges::Kind::kMade);
+  const OFSNodeChanges::Pending arriving(iChanges, *toParent, lastPathComponent(*toPath),
+                                         OFSNodeChanges::Kind::kRemoved);
   NSErrorRef underlying;
   const bool isFolder = source->type() == kNodeTypeFolder;
   if (!connection->moveItemFromPath(fromRemotePath, isFolder, toRemotePath, &underlying)) {

@@ -79,18 +79,13 @@ TEST_F(FileIO, AReadLeavesTheNode) {
   EXPECT_TRUE(volumeIsCached());
 }
 
+// A file without a cache copy tries to open itself for the read.
 TEST_F(FileIO, AFailedReadAnswersTheFilesError) {
-  server.failAfter("downloadFileAtPath", "/a.txt", 3, refusal(kQuarnKitConnectionLost));
-  const GMUserData file = open("/a.txt", kO_RDONLY);
+  const NoTemporaryFolder none;
   char byte = 0;
-  // The object is taken apart: without a cache file a read cannot be answered.
-  const auto closed = OFSRemoteFile::remoteFileForPath("/other");
-  closed->setConnectionPool(server.pool());
-  setenv("OMBRAFS_TMPDIR_SAVED", getenv("OMBRAFS_TMPDIR"), 1);
-  setenv("OMBRAFS_TMPDIR", "/proc/nowhere", 1);
-  EXPECT_EQ(fileSystem.readFileAtPath("/a.txt", OFSRemoteFile::remoteFileForPath("/x"), &byte, 1, 0, &error),
-            -1);
-  setenv("OMBRAFS_TMPDIR", getenv("OMBRAFS_TMPDIR_SAVED"), 1);
+  EXPECT_EQ(
+      fileSystem.readFileAtPath("/a.txt", OFSRemoteFile::remoteFileForPath("/a.txt"), &byte, 1, 0, &error),
+      -1);
   EXPECT_EQ(code(), kEIO);
 }
 
@@ -177,10 +172,8 @@ TEST_F(Truncate, AFailureAfterTheOpeningStillReportsSuccess) {
 
 TEST_F(Truncate, AFailedOpeningAnswersTheFilesError) {
   list("/");
-  setenv("OMBRAFS_TMPDIR_SAVED", getenv("OMBRAFS_TMPDIR"), 1);
-  setenv("OMBRAFS_TMPDIR", "/proc/nowhere", 1);
+  const NoTemporaryFolder none;
   EXPECT_FALSE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
-  setenv("OMBRAFS_TMPDIR", getenv("OMBRAFS_TMPDIR_SAVED"), 1);
   EXPECT_EQ(code(), kEIO);
   EXPECT_EQ(server.content("/a.txt"), "content");
 }

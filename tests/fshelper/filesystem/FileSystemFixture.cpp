@@ -69,6 +69,12 @@ void RecordedLog::clear() {
   gLogLines.clear();
 }
 
+NoTemporaryFolder::NoTemporaryFolder() : iFormer(getenv("OMBRAFS_TMPDIR")) {
+  setenv("OMBRAFS_TMPDIR", "/proc/nowhere", 1);
+}
+
+NoTemporaryFolder::~NoTemporaryFolder() { setenv("OMBRAFS_TMPDIR", iFormer.c_str(), 1); }
+
 void RecordedInvalidation::invalidateDirectoryAtPath(std::string_view path) {
   const std::lock_guard lock(iMutex);
   iTold.push_back("folder " + std::string(path));

@@ -42,6 +42,18 @@ class TracingOn {
   TracingOn& operator=(const TracingOn&) = delete;
 };
 
+// No cache file can be made for its lifetime.
+class NoTemporaryFolder {
+ public:
+  NoTemporaryFolder();
+  ~NoTemporaryFolder();
+  NoTemporaryFolder(const NoTemporaryFolder&) = delete;
+  NoTemporaryFolder& operator=(const NoTemporaryFolder&) = delete;
+
+ private:
+  const std::string iFormer;
+};
+
 // A controller that knows where the volume is mounted, or not yet.
 class MountPoint final : public OFSMountPathSource {
  public:

@@ -152,10 +152,8 @@ TEST_F(SetAttributes, AHandleThatIsNotOpenIsNotTruncated) {
 TEST_F(SetAttributes, AFailedOpeningAnswersTheFilesError) {
   connect();
   fileSystem.nodeForPath("/a.txt");
-  setenv("OMBRAFS_TMPDIR_SAVED", getenv("OMBRAFS_TMPDIR"), 1);
-  setenv("OMBRAFS_TMPDIR", "/proc/nowhere", 1);
+  const NoTemporaryFolder none;
   EXPECT_FALSE(set(withSize(3), "/a.txt"));
-  setenv("OMBRAFS_TMPDIR", getenv("OMBRAFS_TMPDIR_SAVED"), 1);
   EXPECT_EQ(code(), kEIO);
 }
 

@@ -1,0 +1,212 @@
+// The trace lines of the operations: full signature, arguments, indentation.
+#include <functional>
+
+#include "fshelper/OFSRemoteFile.h"
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+using ::testing::Contains;
+using ::testing::EndsWith;
+using ::testing::SizeIs;
+
+struct Traced {
+  std::string line;  // signature and arguments
+  std::function<void(OmbraFileSystem& fileSystem, const GMUserData& file)> call;
+};
+
+class Trace : public FileSystemTest, public ::testing::WithParamInterface<Traced> {
+ protected:
+  Trace() {
+    server.addFile("/a.txt", "content");
+    server.addLink("/l", "a.txt");
+    connect();
+    file = open("/a.txt");
+    read(file);
+  }
+  GMUserData file;
+};
+
+TEST_P(Trace, EntersFirstAndLeavesLastWithoutABlankBefore) {
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    GetParam().call(fileSystem, file);
+  }
+  const std::vector<std::string> lines = log.lines();
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_EQ(lines.front(), "{ " + GetParam().line);
+  EXPECT_EQ(lines.back(), "} " + GetParam().line);
+}
+
+NSFileAttributes someAttributes() { return withMode(0640); }
+
+INSTANTIATE_TEST_SUITE_P(
+    Operations, Trace,
+    ::testing::Values(
+        Traced{"-[OmbraFileSystem preflight:] ",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.preflight(nullptr); }},
+        Traced{"-[OmbraFileSystem willMount] ",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.willMount(); }},
+        Traced{"-[OmbraFileSystem contentsOfDirectoryAtPath:error:] /",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.contentsOfDirectoryAtPath("/", nullptr); }},
+        Traced{"-[OmbraFileSystem contentsOfDirectoryAtPath:error:] (null)",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.contentsOfDirectoryAtPath({}, nullptr); }},
+        Traced{"-[OmbraFileSystem attributesOfItemAtPath:userData:error:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.attributesOfItemAtPath("/a.txt", nullptr, nullptr);
+               }},
+        Traced{"-[OmbraFileSystem MacFUSE_1_7_attributesOfItemAtPath:error:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.MacFUSE_1_7_attributesOfItemAtPath("/a.txt", nullptr);
+               }},
+        Traced{
+            "-[OmbraFileSystem attributesOfFileSystemForPath:error:] /",
+            [](OmbraFileSystem& fs, const GMUserData&) { fs.attributesOfFileSystemForPath("/", nullptr); }},
+        Traced{"-[OmbraFileSystem MacFUSE_1_7_setAttributes:ofItemAtPath:error:] /a.txt, attributes=" +
+                   someAttributes().description(),
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.MacFUSE_1_7_setAttributes(someAttributes(), "/a.txt", nullptr);
+               }},
+        Traced{"-[OmbraFileSystem setAttributes:ofItemAtPath:userData:error:] /a.txt, attributes=" +
+                   someAttributes().description(),
+               [](OmbraFileSystem& fs, const GMUserData& file) {
+                 fs.setAttributes(someAttributes(), "/a.txt", file, nullptr);
+               }},
+        Traced{"-[OmbraFileSystem extendedAttributesOfItemAtPath:error:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.extendedAttributesOfItemAtPath("/a.txt", nullptr);
+               }},
+        Traced{
+            "-[OmbraFileSystem valueOfExtendedAttribute:ofItemAtPath:position:error:] /a.txt, name=user.x, "
+            "position=3",
+            [](OmbraFileSystem& fs, const GMUserData&) {
+              fs.valueOfExtendedAttribute("user.x", "/a.txt", 3, nullptr);
+            }},
+        Traced{"-[OmbraFileSystem setExtendedAttribute:ofItemAtPath:value:position:options:error:] /a.txt, "
+               "name=user.x, position=3, options=0x12",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.setExtendedAttribute("user.x", "/a.txt", {}, 3, 0x12, nullptr);
+               }}));
+
+INSTANTIATE_TEST_SUITE_P(
+    NameSpaceAndFileOperations, Trace,
+    ::testing::Values(
+        Traced{"-[OmbraFileSystem createDirectoryAtPath:attributes:error:] /new, attributes=" +
+                   someAttributes().description(),
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.createDirectoryAtPath("/new", someAttributes(), nullptr);
+               }},
+        Traced{"-[OmbraFileSystem createFileAtPath:attributes:userData:error:] /new, attributes=" +
+                   someAttributes().description(),
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.createFileAtPath("/new", someAttributes(), nullptr, nullptr);
+               }},
+        Traced{"-[OmbraFileSystem createSymbolicLinkAtPath:withDestinationPath:error:] /new -> ../x",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.createSymbolicLinkAtPath("/new", "../x", nullptr);
+               }},
+        Traced{"-[OmbraFileSystem destinationOfSymbolicLinkAtPath:error:] /l",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.destinationOfSymbolicLinkAtPath("/l", nullptr);
+               }},
+        Traced{
+            "-[OmbraFileSystem moveItemAtPath:toPath:error:] /a.txt /b.txt",
+            [](OmbraFileSystem& fs, const GMUserData&) { fs.moveItemAtPath("/a.txt", "/b.txt", nullptr); }},
+        Traced{"-[OmbraFileSystem removeItemAtPath:error:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.removeItemAtPath("/a.txt", nullptr); }},
+        Traced{
+            "-[OmbraFileSystem openFileAtPath:mode:userData:error:] /a.txt",
+            [](OmbraFileSystem& fs, const GMUserData&) { fs.openFileAtPath("/a.txt", 0, nullptr, nullptr); }},
+        Traced{"-[OmbraFileSystem readFileAtPath:userData:buffer:size:offset:error:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData& file) {
+                 char byte = 0;
+                 fs.readFileAtPath("/a.txt", file, &byte, 1, 0, nullptr);
+               }},
+        Traced{"-[OmbraFileSystem writeFileAtPath:userData:buffer:size:offset:error:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData& file) {
+                 fs.writeFileAtPath("/a.txt", file, "x", 1, 0, nullptr);
+               }},
+        Traced{"-[OmbraFileSystem truncateFileAtPath:userData:offset:error:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData& file) {
+                 fs.truncateFileAtPath("/a.txt", file, 0, nullptr);
+               }},
+        Traced{"-[OmbraFileSystem releaseFileAtPath:userData:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData& file) { fs.releaseFileAtPath("/a.txt", file); }}));
+
+class TraceMessage : public FileSystemTest {
+ protected:
+  RecordedLog log;
+  const TracingOn tracing;
+};
+
+TEST_F(TraceMessage, AnItemsModeIsToldInOctal) {
+  server.addFile("/a.txt", "");
+  server.setPermissions("/a.txt", 0640);
+  connect();
+  fileSystem.attributesOfItemAtPath("/a.txt", nullptr, nullptr);
+  EXPECT_THAT(log.lines(), Contains(::testing::MatchesRegex(".*Attributes\\.cpp:[0-9]+: mode=0640")));
+}
+
+TEST_F(TraceMessage, BothFormsOfAPathAreTold) {
+  connectAt("/home/u");
+  fileSystem.remotePathForPath("/a");
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": path=/a, remotePath=/home/u/a")));
+}
+
+TEST_F(TraceMessage, AMissingItemsPathIsTold) {
+  connect();
+  fileSystem.nodeForPath("/nowhere");
+  EXPECT_THAT(log.lines(), Contains(::testing::MatchesRegex(".*NodeTree\\.cpp:[0-9]+: path=/nowhere")));
+}
+
+TEST_F(TraceMessage, AResolvedLinkIsTold) {
+  server.addFile("/a", "a");
+  server.addLink("/l", "a");
+  connect();
+  list("/");
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": symlinkPath=/l targetPath=a")));
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": path=/l, target=/a, isDirectory=0")));
+}
+
+TEST_F(TraceMessage, WhetherTheFileSystemIsConnectedIsTold) {
+  connect();
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": isConnected=1")));
+}
+
+TEST_F(TraceMessage, AFailedLoginIsTold) {
+  server.fail("connect", kAnyPath, refusal(kQuarnKitLoginFailed));
+  fileSystem.preflight(&error);
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": connect error " + error->description())));
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": isConnected=0")));
+}
+
+TEST_F(TraceMessage, TheRootsWayDownIsTold) {
+  server.addFolder("/a/b");
+  connect();
+  fileSystem.setInitialPath("/a/b");
+  server.failAlways("contentsAtPath", "/", refusal(kQuarnKitListingNotPermitted));
+  fileSystem.willMount();
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": rootPath=/, initialPath=/a/b")));
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": rootPath=/a, initialPath=/b")));
+}
+
+TEST_F(TraceMessage, AnErrorIsLoggedBeforeItIsAnswered) {
+  connect();
+  fileSystem.contentsOfDirectoryAtPath(std::nullopt, &error);
+  EXPECT_THAT(log.linesWith(": " + error->description()), SizeIs(1));
+}
+
+TEST_F(TraceMessage, WithoutTracingNothingIsWritten) {
+  gTracingEnabled.store(false);
+  server.addFile("/a.txt", "a");
+  connect();
+  log.clear();
+  list("/");
+  open("/a.txt");
+  EXPECT_THAT(log.lines(), ::testing::IsEmpty());
+}
+
+}  // namespace
+}  // namespace ombra
