@@ -14,7 +14,7 @@ class Registry {
     iFactories[protocol] = factory;
   }
 
-  EngineRegistry::Factory factory(uint32_t protocol) EXCLUDES(iLock) {
+  EngineRegistry::Factory get(uint32_t protocol) EXCLUDES(iLock) {
     MutexLock lock(iLock);
     const auto found = iFactories.find(protocol);
     return found != iFactories.end() ? found->second : nullptr;
@@ -37,7 +37,7 @@ Registry& registry() {
 void EngineRegistry::registerEngine(uint32_t protocol, Factory factory) { registry().set(protocol, factory); }
 
 std::shared_ptr<Engine> EngineRegistry::engineForCredentials(const KCCredentials& credentials) {
-  const Factory factory = registry().factory(credentials.protocol());
+  const Factory factory = registry().get(credentials.protocol());
   return factory != nullptr ? factory(credentials) : nullptr;
 }
 

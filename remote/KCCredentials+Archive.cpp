@@ -54,11 +54,12 @@ class FieldReader {
   int64_t number(std::string_view name, int64_t lowest, int64_t highest) {
     const TypedStream::Value* value = next();
     if (value == nullptr) return 0;
-    if (const auto* number = std::get_if<int64_t>(&value->data)) {
-      if (*number >= lowest && *number <= highest) return *number;
-    } else if (const auto* big = std::get_if<uint64_t>(&value->data)) {
-      if (*big <= static_cast<uint64_t>(highest)) return static_cast<int64_t>(*big);
+    std::optional<int64_t> found;
+    if (const auto* number = std::get_if<int64_t>(&value->data)) found = *number;
+    if (const auto* number = std::get_if<uint64_t>(&value->data)) {
+      if (*number <= static_cast<uint64_t>(highest)) found = static_cast<int64_t>(*number);
     }
+    if (found && *found >= lowest && *found <= highest) return *found;
     fault(name, "is no number in its range");
     return 0;
   }

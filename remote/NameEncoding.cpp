@@ -163,6 +163,11 @@ size_t NameEncoding::decode(std::string_view bytes, std::string* text) {
   return 0;
 }
 
+bool NameEncoding::isForeign(char byte) {
+  std::string text;
+  return decode(std::string_view(&byte, 1), &text) == 0;
+}
+
 std::string NameEncoding::bytesForText(std::string_view text) {
   if (!isKnown()) return std::string(text);
   std::string bytes;
@@ -175,7 +180,7 @@ std::string NameEncoding::bytesForText(std::string_view text) {
     } else if (const size_t body = characterBody(text, &named); body != 0 && encode(named).empty()) {
       bytes.append(2 * run, '%').append(text.substr(0, body));
       text.remove_prefix(body);
-    } else if (const std::optional<char> raw = byteBody(text)) {
+    } else if (const std::optional<char> raw = byteBody(text); raw && isForeign(*raw)) {
       bytes.append(run / 2, '%');
       if (run % 2 == 0) {
         bytes.append(text.substr(0, 2));
@@ -214,7 +219,7 @@ std::string NameEncoding::textForBytes(std::string_view bytes) {
         text.append(isRawByte(named) ? std::string(1, static_cast<char>(named - kRawByteBase)) : utf8(named));
       }
       bytes.remove_prefix(body);
-    } else if (byteBody(bytes)) {
+    } else if (const std::optional<char> raw = byteBody(bytes); raw && isForeign(*raw)) {
       text.append(2 * run, '%').append(bytes.substr(0, 2));
       bytes.remove_prefix(2);
     } else if (static_cast<unsigned char>(bytes[0]) < 0x80) {

@@ -45,6 +45,8 @@ class NameEncoding {
   std::string encode(char32_t character);
   // The length of the character at the start of `bytes` (0: none there) and its UTF-8 in `text`.
   size_t decode(std::string_view bytes, std::string* text);
+  // Whether the byte alone is no character.
+  bool isForeign(char byte);
 
   void* iToBytes;  // iconv descriptors; (iconv_t)-1 when unknown
   void* iToText;
