@@ -178,6 +178,15 @@ bool SFTPChannel::pump(std::chrono::milliseconds slice, NSErrorRef* error) {
   return true;
 }
 
+void SFTPChannel::flushBriefly() {
+  constexpr std::chrono::milliseconds kBrief{100};
+  const auto end = Clock::now() + kBrief;
+  do {
+    if (iFailure || !pump(std::chrono::milliseconds(0), nullptr)) return;
+    if (iOutgoing.size() > 0 && !pump(std::chrono::milliseconds(10), nullptr)) return;
+  } while (iOutgoing.size() > 0 && Clock::now() < end);
+}
+
 void SFTPChannel::received(std::span<const std::byte> bytes) {
   if (iFailure || iAssembler.append(bytes) || iFailure) return;
   const std::string header = describeHeader(iAssembler.header());

@@ -66,6 +66,8 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   void recycle(SFTPReply reply) { iPool.giveBack(std::move(reply.packet)); }
   // Lets bytes travel for at most `slice`. False on failure.
   [[nodiscard]] bool pump(std::chrono::milliseconds slice, NSErrorRef* error);
+  // Gives what is queued a short time to leave, for requests whose replies nobody waits for.
+  void flushBriefly();
   // Bytes queued and not yet taken by the transport.
   size_t outgoingSize() const { return iOutgoing.size(); }
   // Time that the caller spent elsewhere is not the server's silence.

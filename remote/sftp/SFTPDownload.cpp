@@ -95,6 +95,9 @@ bool SFTPDownload::takeFirst(const SFTPReply& reply, NSErrorRef* error) {
   const uint64_t offset = piece.offset;
   if (data->size() == piece.length) {
     iPieces.pop_front();
+  } else if (offset + data->size() == iExpectedLength) {
+    // Short because the content ends here, as the attributes said: worth no further round trip.
+    iEnded = true;
   } else {
     // The rest is asked for at once; the pieces after it wait for it.
     piece.offset += data->size();

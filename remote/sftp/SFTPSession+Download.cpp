@@ -45,7 +45,7 @@ bool SFTPSession::download(std::string_view path, NSFileHandle& to, uint64_t off
   }
   iChannel.abandon(iRequests.close(*handle));
   // The close must not stay behind until this session is used again.
-  if (!iChannel.failure()) (void)iChannel.pump(std::chrono::milliseconds(0), nullptr);
+  iChannel.flushBriefly();
   return succeeded;
 }
 

@@ -63,7 +63,7 @@ void SFTPSession::closeUploadHandle() {
   iUploadHandle.reset();
   if (iChannel.failure()) return;
   iChannel.abandon(iRequests.close(handle));
-  (void)iChannel.pump(std::chrono::milliseconds(0), nullptr);
+  iChannel.flushBriefly();
 }
 
 void SFTPSession::closeUploadHandleBelow(std::string_view path) {
