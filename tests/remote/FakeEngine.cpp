@@ -126,25 +126,6 @@ bool failWith(QuarnKitErrorCode code, NSErrorRef* error) {
   return false;
 }
 
-std::unique_ptr<NSFileHandle> temporaryFile(const std::string& content, NSFileHandle::Kind kind) {
-  std::string path = testing::TempDir() + "ombra-remote-XXXXXX";
-  const int descriptor = mkstemp(path.data());
-  if (descriptor < 0) throw KCException("no temporary file");
-  unlink(path.c_str());
-  auto handle = std::make_unique<NSFileHandle>(descriptor, kind);
-  if (!handle->writeAll(content.data(), content.size(), 0))
-    throw KCException("the temporary file takes no data");
-  handle->noteWritten({0, content.size()});
-  return handle;
-}
-
-std::string contentOf(const NSFileHandle& handle) {
-  std::string content(static_cast<size_t>(handle.fileLength()), '\0');
-  const ssize_t count = handle.readAt(content.data(), content.size(), 0);
-  EXPECT_EQ(count, static_cast<ssize_t>(content.size()));
-  return content;
-}
-
 void sitOut(ManualClock& clock, const std::vector<double>& pauses, const std::atomic<int>& attempts) {
   for (const double pause : pauses) {
     clock.waitForSleepers(1);

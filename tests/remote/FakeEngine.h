@@ -12,6 +12,7 @@
 #include "remote/QuarnKitError.h"
 #include "remote/Session.h"
 #include "tests/support/ManualClock.h"
+#include "tests/support/TemporaryFile.h"
 #include "tests/support/WatchedCondition.h"
 
 namespace ombra {
@@ -127,11 +128,6 @@ class FakeSession final : public Session {
 
 // An error of the library, as a hook gives it: false with the slot filled.
 bool failWith(QuarnKitErrorCode code, NSErrorRef* error);
-
-// An unlinked temporary file.
-std::unique_ptr<NSFileHandle> temporaryFile(const std::string& content = {},
-                                            NSFileHandle::Kind kind = NSFileHandle::Kind::kScratch);
-std::string contentOf(const NSFileHandle& handle);
 
 // Advances the clock over the pauses of a call on another thread, and checks that each is as long as it
 // should be. `attempts` counts what the call does between them.

@@ -1,0 +1,66 @@
+// A real SSH server on a loopback port, for the life of the object.
+//
+//   SshdFixture server;                              // key login for the user that runs the tests
+//   ASSERT_TRUE(server.isRunning()) << server.whyNot();
+//   server.configure(*credentials);                  // protocol, address, port, user, key, fingerprint
+//   server.dropConnections();                        // as when the network breaks
+//   server.stop(); ... server.start();               // on the same port, with the same host key
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "remote/KCCredentials.h"
+
+namespace ombra {
+
+// Owns the server process and a temporary folder with its keys; both are gone afterwards. Used by one thread.
+class SshdFixture {
+ public:
+  // `extraConfiguration`: further lines for sshd_config. They come first, so that they win.
+  explicit SshdFixture(std::vector<std::string> extraConfiguration = {});
+  ~SshdFixture();
+  SshdFixture(const SshdFixture&) = delete;
+  SshdFixture& operator=(const SshdFixture&) = delete;
+
+  // Whether the constructor, or the last start, succeeded; else the reason.
+  bool isRunning() const { return iProcess > 0; }
+  const std::string& whyNot() const { return iWhyNot; }
+
+  int port() const { return iPort; }
+  const std::string& user() const { return iUser; }
+  std::string identityFile() const { return iFolder + "/client_key"; }
+  // "SHA256:…" of the host key.
+  const std::string& fingerprint() const { return iFingerprint; }
+  // Everything that a login needs.
+  void configure(KCCredentials& credentials) const;
+
+  // Starts again on the port of the first start, and returns when the server listens.
+  bool start();
+  // Ends the server; connections that are open stay.
+  void stop();
+  // Ends the processes that serve open connections.
+  void dropConnections();
+  // What the server wrote while it started.
+  const std::string& log() const { return iLog; }
+
+ private:
+  bool prepare();
+  bool launch();
+  bool waitUntilListening(int descriptor);
+  bool fail(const std::string& reason);
+
+  const std::vector<std::string> iExtraConfiguration;
+  std::string iFolder;
+  std::string iUser;
+  std::string iFingerprint;
+  std::string iWhyNot;
+  std::string iLog;
+  int iPort = 0;
+  pid_t iProcess = -1;
+  int iLogDescriptor = -1;
+};
+
+}  // namespace ombra
