@@ -91,6 +91,7 @@ class SSHTransport::Connection {
 
 SSHTransport::Connection::~Connection() {
   if (iEvent != nullptr) {
+    ssh_event_remove_fd(iEvent, wakeUp().descriptor());
     ssh_event_remove_session(iEvent, iClient.session());
     ssh_event_free(iEvent);
   }

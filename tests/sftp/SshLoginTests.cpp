@@ -193,16 +193,16 @@ TEST_F(SshLogin, NoCredentialIsShownToAnUntrustedServer) {
   EXPECT_EQ(std::string::npos, log.find("userauth-request")) << log;
 }
 
-TEST_F(SshLogin, WithoutTheSubsystemSaysSo) {
-  start({"Subsystem nothing /bin/false"});
-  // The default line follows and would be a second one of another name; the command's lack is what is tested.
-  auto credentials = keyCredentials();
-  SshServer bare({"ForceCommand echo Welcome to this machine"});
-  ASSERT_EQ("", bare.problem());
-  credentials->setPort(bare.port());
-  credentials->setOption("identityFile", bare.keyFile());
-  EXPECT_EQ(kQuarnKitProtocolError, logIn(credentials));
+TEST_F(SshLogin, WhereALoginScriptTalksSaysSo) {
+  start({"ForceCommand echo Welcome to this machine"});
+  EXPECT_EQ(kQuarnKitProtocolError, logIn(keyCredentials()));
   EXPECT_NE(std::string::npos, error->description().find("login script")) << error->description();
+}
+
+TEST_F(SshLogin, WhereTheServerHasNoFileTransferSaysSo) {
+  start({"MaxSessions 0"});
+  EXPECT_EQ(kQuarnKitRefused, logIn(keyCredentials()));
+  EXPECT_NE(std::string::npos, error->description().find("no file transfer")) << error->description();
 }
 
 TEST_F(SshLogin, TellsWhatKeepsItFromConnecting) {
