@@ -83,6 +83,12 @@ void OFSRemoteFile::connection(AbstractConnection& connection, uint64_t transfer
   }
 }
 
+bool OFSRemoteFile::connectionIsAwaited(AbstractConnection& /*connection*/) {
+  const ConditionLock lock(iCondition);
+  // Who closes waits for the end of the download, not for what it brings.
+  return iState == kOFSNew || iWaiters > iClosers;
+}
+
 void OFSRemoteFile::locked_measureCacheFile() {
   // fstat instead of seeking to the end and back: the position is nobody's, but need not move.
   const uint64_t length = iFileHandle != nullptr ? iFileHandle->fileLength() : 0;

@@ -191,7 +191,10 @@ void OFSRemoteFile::close() {
   const NSDate deadline = NSDate::dateWithTimeIntervalSinceNow(0.9 * gHardLimit);
   const SettleWaiter waiter(*this);
   while (iState == kOFSDownloading || iState == kOFSStreaming || iState == kOFSUploading) {
-    if (locked_waitUntilDate(deadline)) continue;
+    ++iClosers;
+    const bool woken = locked_waitUntilDate(deadline);
+    --iClosers;
+    if (woken) continue;
     OFS_TRACE_MESSAGE("continuing");
     return;
   }

@@ -154,6 +154,8 @@ class OFSRemoteFile final : public GMOpenFile,
   // Progress of a download or a whole-file upload.
   void connection(AbstractConnection& connection, uint64_t transferredBytes, double throughput,
                   bool stalled) override EXCLUDES(iCondition);
+  // True while an open, a read, a write or a truncation waits for the download.
+  bool connectionIsAwaited(AbstractConnection& connection) override EXCLUDES(iCondition);
   // The next bytes of a stream; waits for them at most 0.1 × gHardLimit.
   size_t connection(AbstractConnection& connection, std::byte* streamBytes, size_t length) override
       EXCLUDES(iCondition);
@@ -337,6 +339,7 @@ class OFSRemoteFile final : public GMOpenFile,
 
   size_t iSettleWaiters GUARDED_BY(iCondition) = 0;
   size_t iSynchronizers GUARDED_BY(iCondition) = 0;
+  size_t iClosers GUARDED_BY(iCondition) = 0;
   size_t iWaiters GUARDED_BY(iCondition) = 0;
 };
 

@@ -1,0 +1,265 @@
+// Writes to a server that can write at an offset, and truncation.
+
+#include <cerrno>
+
+#include "tests/fshelper/remotefile/RemoteFileFixture.h"
+
+namespace ombra {
+namespace {
+
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+class InPlace : public InPlaceFileTest {
+ protected:
+  std::vector<ScriptedTransfer> uploads() const { return server.transfers("uploadFileHandle"); }
+};
+
+TEST_F(InPlace, SendsEachWriteAtOnceFromItsOffset) {
+  file = downloadedFile("0123456789");
+  EXPECT_EQ(write(*file, "XY", 4), 2);
+  EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_EQ(onServer(), "0123XY6789");
+  EXPECT_EQ(file->bytesAvailable(), 10u);
+  EXPECT_TRUE(file->isCovered());
+  EXPECT_EQ(write(*file, "ab", 10), 2);
+  EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_EQ(onServer(), "0123XY6789ab");
+  ASSERT_EQ(uploads().size(), 2u);
+  EXPECT_EQ(uploads()[0].byteOffset, 4u);
+  EXPECT_EQ(uploads()[0].name, "/docs/a.bin");
+  EXPECT_THAT(uploads()[0].extents, ElementsAre(FileExtent{4, 6}));
+  EXPECT_THAT(uploads()[1].extents, ElementsAre(FileExtent{10, 12}));
+}
+
+TEST_F(InPlace, UsesOneConnectionWithoutADelegate) {
+  file = downloadedFile("0123456789");
+  EXPECT_EQ(write(*file, "XY", 4), 2);
+  EXPECT_THAT(server.callTexts(), ElementsAre("acquireConnection", "setDelegate none",
+                                              "uploadFileHandle /docs/a.bin /docs/a.bin 4",
+                                              "setDelegate none", "releaseConnection"));
+}
+
+TEST_F(InPlace, ThatFailsTellsWhyAndKeepsTheReason) {
+  file = downloadedFile("0123456789");
+  const NSErrorRef full = QuarnKitError::errorWithCode(kQuarnKitOutOfSpace);
+  server.fail("uploadFileHandle", kPath, full);
+  const TraceRecorder trace;
+  NSErrorRef error;
+  EXPECT_EQ(write(*file, "XY", 4, &error), -1);
+  ASSERT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(error->underlyingError(), full);
+  EXPECT_EQ(file->lastError(), full);
+  EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_EQ(file->bytesAvailable(), 0u);
+  EXPECT_THAT(trace.messages(),
+              Contains(StartsWith("upload to /docs/a.bin failed: " + full->description() + "\n\nfile:")));
+  EXPECT_FALSE(file->isCovered());
+}
+
+TEST_F(InPlace, ThatFailedIsNotCoveredByALaterWriteBehindIt) {
+  file = downloadedFile("0123456789");
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  EXPECT_EQ(write(*file, "AB", 2), -1);
+  EXPECT_EQ(write(*file, "YZ", 8), 2);
+  EXPECT_EQ(onServer(), "01234567YZ");
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "01AB4567YZ");
+  EXPECT_TRUE(file->isCovered());
+}
+
+TEST_F(InPlace, ThatFailedIsCoveredByALaterWriteBeforeIt) {
+  file = downloadedFile("0123456789");
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  EXPECT_EQ(write(*file, "YZ", 8), -1);
+  EXPECT_EQ(write(*file, "AB", 2), 2);
+  EXPECT_EQ(onServer(), "01AB4567YZ");
+  EXPECT_TRUE(file->isCovered());
+}
+
+TEST_F(InPlace, MakesEverybodyElseOnTheFileWait) {
+  file = downloadedFile("0123456789");
+  const auto hold = server.hold("uploadFileHandle");
+  auto writer = inBackground([this] { return write(*file, "XY", 4); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto reader = inBackground([this] { return read(*file, 10, 0); });
+  auto attributes = inBackground([this] { return file->attributes(); });
+  // Those that must not wait do not.
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->isOpen());
+  EXPECT_GT(file->cacheSize(), 0u);
+  file->setRemotePath(kPath);
+  EXPECT_TRUE(isRunning(reader));
+  EXPECT_TRUE(isRunning(attributes));
+  hold->release();
+  EXPECT_EQ(finish(writer), 2);
+  EXPECT_EQ(finish(reader), "0123XY6789");
+  EXPECT_EQ(finish(attributes).fileSize, 10u);
+}
+
+TEST_F(InPlace, OfNothingSendsNothing) {
+  file = downloadedFile("0123456789");
+  EXPECT_EQ(write(*file, "", 4), 0);
+  EXPECT_THAT(uploads(), IsEmpty());
+  EXPECT_EQ(file->state(), kOFSSettled);
+}
+
+TEST_F(InPlace, ThatIsInterruptedTellsNoErrorAndSendsNothing) {
+  file = downloadedFile("0123456789");
+  calls.fail(Call::kPwrite, EINTR);
+  NSErrorRef error;
+  EXPECT_EQ(write(*file, "XY", 4, &error), -1);
+  EXPECT_EQ(error, nullptr);
+  EXPECT_THAT(uploads(), IsEmpty());
+  EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_TRUE(file->isCovered());
+}
+
+TEST_F(InPlace, DoesNotRunBesideAWholeFileUpload) {
+  file = downloadedFile("0123456789");
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  ASSERT_EQ(write(*file, "AB", 0), -1);
+  const auto hold = server.hold("uploadFileAtPath");
+  auto synchroniser = inBackground([this] { return file->synchronize(nullptr); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto writer = inBackground([this] { return write(*file, "YZ", 8); });
+  waitForWaiters(*file, 2);
+  EXPECT_EQ(uploads().size(), 1u)
+      << "only the one that failed: the snapshot that is being sent would undo this one";
+  hold->release();
+  EXPECT_TRUE(finish(synchroniser));
+  EXPECT_EQ(finish(writer), 2);
+  EXPECT_EQ(onServer(), "AB234567YZ");
+}
+
+using Truncating = RemoteFileTest;
+
+TEST_F(Truncating, CutsTheFileHereAndThere) {
+  file = downloadedFile("0123456789");
+  const TraceRecorder trace;
+  EXPECT_TRUE(file->_truncateToOffset(4, nullptr));
+  EXPECT_EQ(onServer(), "0123");
+  EXPECT_EQ(file->attributes().fileSize, 4u);
+  EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_EQ(file->bytesAvailable(), 4u);
+  EXPECT_EQ(file->bytesRequired(), 0u);
+  EXPECT_TRUE(file->isCovered());
+  EXPECT_EQ(trace.lines().front(), "{ -[OFSRemoteFile _truncateToOffset:error:] offset=4");
+  EXPECT_THAT(server.callTexts(), ElementsAre("acquireConnection", "setDelegate none",
+                                              "uploadFileHandle /docs/a.bin /docs/a.bin 0",
+                                              "setDelegate none", "releaseConnection"));
+}
+
+TEST_F(Truncating, ExtendsTheFileWithZeroes) {
+  file = downloadedFile("01");
+  EXPECT_TRUE(file->_truncateToOffset(4, nullptr));
+  EXPECT_EQ(onServer(), std::string("01\0\0", 4));
+}
+
+TEST_F(Truncating, WaitsUntilTheRunningUploadHasSettled) {
+  gStreamingSupported = false;
+  const auto hold = server.hold("uploadFileAtPath");
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto truncation = inBackground([this] { return file->_truncateToOffset(2, nullptr); });
+  waitForWaiters(*file, 1);
+  EXPECT_TRUE(isRunning(truncation));
+  hold->release();
+  EXPECT_TRUE(finish(truncation));
+  EXPECT_EQ(onServer(), "he");
+}
+
+TEST_F(Truncating, WaitsForTheDownload) {
+  server.setChunkSize(2);
+  const auto hold = server.hold("downloadFileAtPath", kPath, 2);
+  file = arrivingFile("0123456789", 2);
+  auto truncation = inBackground([this] { return file->_truncateToOffset(5, nullptr); });
+  waitForWaiters(*file, 1);
+  hold->release();
+  EXPECT_TRUE(finish(truncation));
+  EXPECT_EQ(onServer(), "01234");
+}
+
+TEST_F(Truncating, EndsAnIdleStreamAtOnce) {
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  EXPECT_TRUE(file->_truncateToOffset(2, nullptr));
+  EXPECT_EQ(onServer(), "he");
+}
+
+TEST_F(Truncating, WithoutAFileHandleFailsWithEIO) {
+  file = makeFile();
+  const TraceRecorder trace;
+  NSErrorRef error;
+  EXPECT_FALSE(file->_truncateToOffset(0, &error));
+  EXPECT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(trace.messagesWith("no file handle for truncating\n\nfile:").size(), 1u);
+}
+
+TEST_F(Truncating, ThatTheSystemRefusesFailsWithTheNumber) {
+  file = downloadedFile("0123456789");
+  calls.fail(Call::kFtruncate, EFBIG);
+  const TraceRecorder trace;
+  NSErrorRef error;
+  EXPECT_FALSE(file->_truncateToOffset(4, &error));
+  EXPECT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(trace.messagesWith("ftruncate failed, errno = 27 (File too large)\n\nfile:").size(), 1u);
+  EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_EQ(file->bytesAvailable(), 0u);
+  EXPECT_EQ(onServer(), "0123456789");
+  EXPECT_TRUE(file->isCovered());
+}
+
+TEST_F(Truncating, ToANegativeLengthFailsWithEIO) {
+  file = downloadedFile("0123456789");
+  NSErrorRef error;
+  EXPECT_FALSE(file->_truncateToOffset(-1, &error));
+  EXPECT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(read(*file, 10, 0), "0123456789");
+}
+
+TEST_F(Truncating, ThatIsInterruptedGoesOnToTheUpload) {
+  file = downloadedFile("0123456789");
+  calls.fail(Call::kFtruncate, EINTR);
+  EXPECT_TRUE(file->_truncateToOffset(4, nullptr));
+  EXPECT_EQ(server.count("uploadFileHandle"), 1u);
+}
+
+TEST_F(Truncating, ThatTheServerRefusesFailsAndIsMadeGoodLater) {
+  file = downloadedFile("0123456789");
+  const NSErrorRef lost = QuarnKitError::errorWithCode(kQuarnKitConnectionLost);
+  server.fail("uploadFileHandle", kPath, lost);
+  const TraceRecorder trace;
+  NSErrorRef error;
+  EXPECT_FALSE(file->_truncateToOffset(4, &error));
+  ASSERT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(error->underlyingError(), nullptr);
+  const auto messages =
+      trace.messagesWith("upload to /docs/a.bin failed: " + lost->description() + "\n\nfile:");
+  ASSERT_EQ(messages.size(), 1u);
+  EXPECT_TRUE(messages[0].ends_with(" /docs/a.bin"));
+  EXPECT_EQ(file->lastError(), nullptr);
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0123");
+}
+
+TEST_F(Truncating, HoldsTheConditionDuringTheTransfer) {
+  file = downloadedFile("0123456789");
+  const auto hold = server.hold("uploadFileHandle");
+  auto truncation = inBackground([this] { return file->_truncateToOffset(4, nullptr); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto attributes = inBackground([this] { return file->attributes(); });
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(isRunning(attributes));
+  hold->release();
+  EXPECT_TRUE(finish(truncation));
+  EXPECT_EQ(finish(attributes).fileSize, 4u);
+}
+
+}  // namespace
+}  // namespace ombra
