@@ -26,6 +26,7 @@ class FolderTable {
   struct Known {
     uint64_t nodeID = 0;
     std::vector<std::string> names;
+    bool operator==(const Known&) const = default;
   };
 
   uint64_t open(const std::string& path, uint64_t nodeID) EXCLUDES(iLock);

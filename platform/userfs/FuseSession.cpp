@@ -108,10 +108,15 @@ ssize_t FuseSession::readMessage(int device, void* buffer, size_t size, void* /*
 
 ssize_t FuseSession::writeMessage(int device, iovec* parts, int count, void* /*session*/) {
   // Before the kernel has the reply: it may remove the file and ask about it at once.
-  std::shared_ptr<OpenHandle>& created = RequestContext::current().created;
+  RequestContext& context = RequestContext::current();
+  std::shared_ptr<OpenHandle>& created = context.created;
   if (created != nullptr) {
     if (const uint64_t nodeID = nodeIDOfCreationReply(parts, count)) created->item->setNodeID(nodeID);
     created = nullptr;
+  }
+  if (context.keepsListing) {
+    allowListingCache(parts, count, *context.keepsListing);
+    context.keepsListing.reset();
   }
   return ::writev(device, parts, count);
 }

@@ -63,7 +63,7 @@ void GMUserFileSystem::State::requestUnmount() {
 
 void GMUserFileSystem::State::waitUntilEnded() {
   ConditionLock lock(iCondition);
-  while (iPhase == Phase::kMounting || iPhase == Phase::kMounted) {
+  while (iPhase != Phase::kIdle && iPhase != Phase::kEnded) {
     if (pthread_equal(iMountingThread, pthread_self()) != 0) return;
     iCondition.wait();
   }
@@ -89,17 +89,25 @@ std::shared_ptr<Volume> GMUserFileSystem::State::volume() {
   return iVolume;
 }
 
-void GMUserFileSystem::State::post(std::string_view name, const std::string& path, NSDictionary details) {
+void GMUserFileSystem::State::post(std::string_view name, const std::string& path,
+                                   const NSDictionary& details) {
   NSDictionary userInfo{{std::string(kGMUserFileSystemMountPathKey), path}};
   for (const auto& [key, value] : details) userInfo.setObject(value, key);
   NSNotificationCenter::defaultCenter().postNotification(
       {std::string(name), std::nullopt, std::move(userInfo)});
 }
 
-void GMUserFileSystem::State::failToStart(const std::string& path) {
+// A handler may unmount once more, which does nothing now, or end the process.
+void GMUserFileSystem::State::announceEnd(std::string_view name, const std::string& path,
+                                          const NSDictionary& details) {
+  enter(Phase::kAnnouncing);
+  post(name, path, details);
   enter(Phase::kEnded);
-  post(kGMUserFileSystemMountFailed, path,
-       {{std::string(kGMUserFileSystemErrorKey), startError(path, "The system has no thread left.")}});
+}
+
+void GMUserFileSystem::State::failToStart(const std::string& path) {
+  announceEnd(kGMUserFileSystemMountFailed, path,
+              {{std::string(kGMUserFileSystemErrorKey), startError(path, "The system has no thread left.")}});
 }
 
 void GMUserFileSystem::State::run(const std::string& path, const std::vector<std::string>& options) {
@@ -116,8 +124,7 @@ void GMUserFileSystem::State::run(const std::string& path, const std::vector<std
   }
   if (error != nullptr) {
     takeDown();
-    enter(Phase::kEnded);
-    post(kGMUserFileSystemMountFailed, path, {{std::string(kGMUserFileSystemErrorKey), error}});
+    announceEnd(kGMUserFileSystemMountFailed, path, {{std::string(kGMUserFileSystemErrorKey), error}});
     return;
   }
   enter(Phase::kMounted);
@@ -129,10 +136,9 @@ void GMUserFileSystem::State::run(const std::string& path, const std::vector<std
     undelivered.emplace_back(fmt::format("{}\t{}\t{}", item.path, item.savedAs, reason));
   }
   takeDown();
-  enter(Phase::kEnded);
   NSDictionary details;
   if (!undelivered.empty()) details.setObject(undelivered, kGMUserFileSystemUndeliveredKey);
-  post(kGMUserFileSystemDidUnmount, path, details);
+  announceEnd(kGMUserFileSystemDidUnmount, path, details);
 }
 
 NSErrorRef GMUserFileSystem::State::mount(const std::string& path, const std::vector<std::string>& options) {

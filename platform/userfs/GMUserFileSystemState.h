@@ -18,7 +18,8 @@ namespace ombra {
 
 // Shared by the object and the mounting thread, so that either may go first.
 //
-//   idle --mountAtPath--> mounting --the kernel asks--> mounted --unmount, or the loop ends--> ended
+//   idle --mountAtPath--> mounting --the kernel asks--> mounted --unmount, or the loop ends--> announcing -->
+//   ended
 //                            `--a step fails---------------------------------------------------^
 //
 // Each transition happens on the mounting thread, and each way to the end posts exactly one notification:
@@ -26,7 +27,7 @@ namespace ombra {
 // is called.
 class GMUserFileSystem::State : public std::enable_shared_from_this<GMUserFileSystem::State> {
  public:
-  enum class Phase { kIdle, kMounting, kMounted, kEnded };
+  enum class Phase { kIdle, kMounting, kMounted, kAnnouncing, kEnded };
 
   State(GMUserFileSystemDelegate* delegate, bool isThreadSafe);
 
@@ -55,7 +56,8 @@ class GMUserFileSystem::State : public std::enable_shared_from_this<GMUserFileSy
   void finishRequests();
   std::vector<GMUndelivered> drain();
   void takeDown();
-  void post(std::string_view name, const std::string& path, NSDictionary details);
+  void announceEnd(std::string_view name, const std::string& path, const NSDictionary& details);
+  static void post(std::string_view name, const std::string& path, const NSDictionary& details);
   void enter(Phase phase) EXCLUDES(iCondition);
   void changed() EXCLUDES(iCondition);
 

@@ -72,4 +72,16 @@ uint64_t nodeIDOfCreationReply(const iovec* parts, int count) {
   return nodeID;
 }
 
+void allowListingCache(const iovec* parts, int count, bool keepsListing) {
+  fuse_out_header head{};
+  fuse_open_out body{};
+  if (count < 2 || parts[0].iov_len < sizeof(head) || parts[1].iov_len < sizeof(body)) return;
+  std::memcpy(&head, parts[0].iov_base, sizeof(head));
+  if (head.error != 0) return;
+  std::memcpy(&body, parts[1].iov_base, sizeof(body));
+  body.open_flags |= FOPEN_CACHE_DIR;
+  if (keepsListing) body.open_flags |= FOPEN_KEEP_CACHE;
+  std::memcpy(parts[1].iov_base, &body, sizeof(body));
+}
+
 }  // namespace ombra

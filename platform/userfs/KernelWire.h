@@ -21,4 +21,8 @@ void addHandleToAttributeRequest(void* message, size_t size,
 // The number that the kernel will know a created file by, out of the reply to its creation; 0 for a failure.
 uint64_t nodeIDOfCreationReply(const iovec* parts, int count);
 
+// Lets the kernel keep what it reads of a folder, and with `keepsListing` use what it has kept before: adds
+// that to the reply to opening it. The library in use leaves it out.
+void allowListingCache(const iovec* parts, int count, bool keepsListing);
+
 }  // namespace ombra

@@ -104,13 +104,7 @@ int statfs(const char* path, struct statvfs* attributes) {
 }
 
 int opendir(const char* path, fuse_file_info* file) {
-  return answer("opendir", [&](Volume& volume) {
-    bool keepListing = false;
-    const int result = volume.openFolder(path, &file->fh, &keepListing);
-    file->cache_readdir = 1;
-    file->keep_cache = keepListing ? 1 : 0;
-    return result;
-  });
+  return answer("opendir", [&](Volume& volume) { return volume.openFolder(path, &file->fh); });
 }
 
 int readdir(const char* /*path*/, void* buffer, fuse_fill_dir_t filler, off_t offset, fuse_file_info* file,

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 
 namespace ombra {
 
@@ -14,6 +15,8 @@ struct RequestContext {
   uint32_t opcode = 0;
   uint64_t nodeID = 0;                  // for a creation that of the folder
   std::shared_ptr<OpenHandle> created;  // a file just created, whose number comes with the reply
+  // A folder just opened: whether the kernel may answer from the listing that it has.
+  std::optional<bool> keepsListing;
 
   static RequestContext& current();
   bool isLookup() const;

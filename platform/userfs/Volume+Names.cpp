@@ -24,9 +24,9 @@ int refusalToCreate(std::string_view path) {
   return 0;
 }
 
-int Volume::openFolder(const char* path, uint64_t* handle, bool* keepListing) {
+int Volume::openFolder(const char* path, uint64_t* handle) {
   const std::string listed = listedPath(path);
-  *keepListing = iFolders.wasListedWithin(listed, kListingSeconds);
+  RequestContext::current().keepsListing = iFolders.wasListedWithin(listed, kListingSeconds);
   *handle = iFolders.open(listed, RequestContext::current().nodeID);
   return 0;
 }

@@ -61,7 +61,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   // Volume+Names.cpp
   // Told one entry and the offset behind it; true when there is no room for it.
   using EntryFiller = std::function<bool(const char* name, const struct stat* attributes, off_t next)>;
-  int openFolder(const char* path, uint64_t* handle, bool* keepListing);
+  int openFolder(const char* path, uint64_t* handle);
   int readFolder(uint64_t handle, off_t offset, const EntryFiller& fill);
   void closeFolder(uint64_t handle) { iFolders.close(handle); }
   int makeFolder(const char* path, mode_t mode);
