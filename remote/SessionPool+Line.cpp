@@ -22,19 +22,36 @@ bool SessionPool::isEligible(const Place& place) const {
 }
 
 // First come, first served, among those that may have one at all; downloads that nobody waits for come last.
-bool SessionPool::isNext(const Place& place) const {
-  const Place* next = nullptr;
-  for (const Place* other : iLine) {
-    if (!isEligible(*other)) continue;
-    if (other->awaited) return other == &place;
-    if (next == nullptr) next = other;
+SessionPool::Place* SessionPool::nextInLine() const {
+  Place* next = nullptr;
+  for (Place* place : iLine) {
+    if (!isEligible(*place)) continue;
+    if (place->awaited) return place;
+    if (next == nullptr) next = place;
   }
-  return next == &place;
+  return next;
+}
+
+void SessionPool::wake(Place& place) {
+  if (!place.sleeps) return;
+  const ConditionLock lock(place.wake);
+  place.woken = true;
+  place.wake.broadcast();
+}
+
+void SessionPool::wakeNext() {
+  Place* next = hasRoom() ? nextInLine() : nullptr;
+  if (next != nullptr) wake(*next);
+  iCondition.broadcast();
+}
+
+void SessionPool::wakeAll() {
+  for (Place* place : iLine) wake(*place);
+  iCondition.broadcast();
 }
 
 bool SessionPool::tryTake(Place& place, std::shared_ptr<PooledSession>* idle) {
-  if (iIdle.empty() && iLive >= iCap) return false;
-  if (!isNext(place)) return false;
+  if (!hasRoom() || nextInLine() != &place) return false;
   if (!iIdle.empty()) {
     *idle = std::move(iIdle.back());
     iIdle.pop_back();
@@ -65,7 +82,7 @@ SessionPool::Turn SessionPool::waitForTurn(SessionWaiter& waiter, Place& place,
     publishLine();
     if (waiter.hasSpareWork()) {
       place.busy = true;
-      iCondition.broadcast();
+      wakeNext();
       iCondition.unlock();
       waiter.doSpareWork();
       iCondition.lock();
@@ -83,19 +100,28 @@ SessionPool::Turn SessionPool::waitForTurn(SessionWaiter& waiter, Place& place,
   iLine.remove(&place);
   publishLine();
   // The next in line may have a turn too.
-  iCondition.broadcast();
+  wakeNext();
   iCondition.unlock();
   return turn;
 }
 
-void SessionPool::sleepInLine(const Place& place) {
+void SessionPool::sleepInLine(Place& place) {
   if (!place.awaited) {
     (void)iCondition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(kStandBackSeconds));
-  } else if (iCap < wantedCap()) {
-    (void)iCondition.waitUntilDate(iRaiseDate);
-  } else {
-    iCondition.wait();
+    return;
   }
+  if (iCap < wantedCap()) {
+    (void)iCondition.waitUntilDate(iRaiseDate);
+    return;
+  }
+  place.sleeps = true;
+  iCondition.unlock();
+  place.wake.lock();
+  while (!place.woken) place.wake.wait();
+  place.woken = false;
+  place.wake.unlock();
+  iCondition.lock();
+  place.sleeps = false;
 }
 
 void SessionPool::publishLine() {

@@ -36,7 +36,7 @@ void SessionPool::setMaximumSessions(int maximum) {
   ConditionLock lock(iCondition);
   iMaximum = maximum;
   iCap = wantedCap();
-  iCondition.broadcast();
+  wakeAll();
 }
 
 int SessionPool::cap() const {
@@ -140,7 +140,7 @@ bool SessionPool::loginFailed(SessionUse use, const NSErrorRef& error) {
     iCap = std::min(iCap, iLive);
     iRaiseDate = NSDate::dateWithTimeIntervalSinceNow(kIdleSeconds);
   }
-  iCondition.broadcast();
+  wakeAll();
   return tooMany && iLive > 0;
 }
 
@@ -155,7 +155,7 @@ void SessionPool::detach(std::shared_ptr<PooledSession> session, bool reusable) 
   } else {
     --iLive;
   }
-  iCondition.broadcast();
+  wakeNext();
   // A session that is not kept is closed by its last reference, the argument: after the lock is released.
 }
 
@@ -184,7 +184,7 @@ bool SessionPool::tryBeginTransfer() {
 void SessionPool::endTransfer() {
   ConditionLock lock(iCondition);
   --iTransfers;
-  iCondition.broadcast();
+  wakeNext();
 }
 
 bool SessionPool::pause(double seconds, const SessionWaiter& waiter) {
@@ -198,7 +198,7 @@ bool SessionPool::pause(double seconds, const SessionWaiter& waiter) {
 
 void SessionPool::wakeWaiters() {
   ConditionLock lock(iCondition);
-  iCondition.broadcast();
+  wakeAll();
 }
 
 void SessionPool::shutDown() {
@@ -210,7 +210,7 @@ void SessionPool::shutDown() {
     running = iInUse;
     iLive -= static_cast<int>(iIdle.size());
     idle.swap(iIdle);
-    iCondition.broadcast();
+    wakeAll();
   }
   for (const auto& pooled : running) pooled->session->interrupt();
 }
@@ -232,7 +232,7 @@ void SessionPool::closeIdleSessions() {
     std::shared_ptr<PooledSession> expired = std::move(iIdle.front());
     iIdle.erase(iIdle.begin());
     --iLive;
-    iCondition.broadcast();
+    wakeNext();
     iCondition.unlock();
     expired.reset();  // says goodbye to the server
     iCondition.lock();

@@ -96,15 +96,24 @@ class SessionPool {
     bool awaited = true;
     bool busy = false;  // does spare work: others go first
     bool inLine = false;
+    bool sleeps = false;  // on `wake`, of its own: hundreds may wait, and only the next is to wake
+    NSCondition wake;
+    bool woken GUARDED_BY(wake) = false;
   };
   enum class Turn { kGranted, kStop, kShutDown };
 
   Turn waitForTurn(SessionWaiter& waiter, Place& place, std::shared_ptr<PooledSession>* idle)
       EXCLUDES(iCondition);
   bool tryTake(Place& place, std::shared_ptr<PooledSession>* idle) REQUIRES(iCondition);
-  void sleepInLine(const Place& place) REQUIRES(iCondition);
+  void sleepInLine(Place& place) REQUIRES(iCondition);
   bool isEligible(const Place& place) const REQUIRES(iCondition);
-  bool isNext(const Place& place) const REQUIRES(iCondition);
+  Place* nextInLine() const REQUIRES(iCondition);
+  bool hasRoom() const REQUIRES(iCondition) { return !iIdle.empty() || iLive < iCap; }
+  // A session, or room for one, came free: wakes who is next, and those who sleep for a time.
+  void wakeNext() REQUIRES(iCondition);
+  // Something else changed: everybody looks again.
+  void wakeAll() REQUIRES(iCondition);
+  static void wake(Place& place);
   void publishLine() REQUIRES(iCondition);
   void raiseCapIfDue() REQUIRES(iCondition);
   int transferCap() const REQUIRES(iCondition);

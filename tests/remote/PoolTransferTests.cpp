@@ -201,6 +201,26 @@ TEST(PoolTransfers, ListingsAnswerWhileAllTransfersAreHeld) {
   EXPECT_LE(fake.engine->mostLiving, 4);
 }
 
+TEST(PoolTransfers, HundredsOfWaitingReadersDoNotKeepAListingWaiting) {
+  FakePool fake;
+  holdDownloads(*fake.engine);
+  constexpr int kReaders = 500;
+  std::atomic<int> done{0};
+  std::vector<std::thread> readers;
+  for (int i = 0; i < kReaders; ++i) {
+    readers.emplace_back([&] {
+      EXPECT_TRUE(download(fake).done);
+      ++done;
+    });
+  }
+  ASSERT_TRUE(fake.engine->gate.waitUntilEntered(6));
+  for (int i = 0; i < 100; ++i) EXPECT_TRUE(fake.list());
+  EXPECT_EQ(done, 0);
+  fake.engine->gate.open();
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_EQ(fake.engine->mostLiving, 7) << "six transfers and one session for the listings";
+}
+
 TEST(PoolTransfers, ACallThatWantsATransferGivesItsSessionBackBeforeItWaits) {
   FakePool fake;
   fake.pool->setMaximumConnections(2);
