@@ -42,6 +42,11 @@ class OwnFolders final : public ::testing::Environment {
   std::string iPath;
 };
 
+ManualClock& newClock() {
+  static auto* const sClocks = new std::vector<std::unique_ptr<ManualClock>>;
+  return *sClocks->emplace_back(std::make_unique<ManualClock>());
+}
+
 const ::testing::Environment* const gOwnFolders = ::testing::AddGlobalTestEnvironment(new OwnFolders);
 
 }  // namespace
@@ -90,12 +95,12 @@ std::vector<std::string> RecordedInvalidation::take() {
   return std::exchange(iTold, {});
 }
 
-FileSystemTest::FileSystemTest() {
+FileSystemTest::FileSystemTest() : clock(newClock()) {
   fileSystem.setController(&mountPoint);
   fileSystem.setConnectionPool(server.pool());
 }
 
-// Workers of open files may still use the clock.
+// Workers that still hold a connection would give it back to a server that is gone.
 FileSystemTest::~FileSystemTest() { server.waitUntilAllReleased(); }
 
 void FileSystemTest::connect() {

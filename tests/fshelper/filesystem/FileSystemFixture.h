@@ -95,7 +95,8 @@ class FileSystemTest : public ::testing::Test {
   int64_t code() const { return error == nullptr ? 0 : error->code(); }
   int64_t underlyingCode() const;
 
-  ManualClock clock;
+  // Outlives the test: a worker that lets go of the last reference to an open file closes it by the clock.
+  ManualClock& clock;
   ScriptedServer server;
   MountPoint mountPoint;
   OmbraFileSystem fileSystem;
