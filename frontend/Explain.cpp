@@ -32,13 +32,24 @@ NSErrorRef mountError(const NSErrorRef& error) {
       error, [](const NSError& candidate) { return candidate.domain() == kGMUserFileSystemErrorDomain; });
 }
 
+// What the error says beyond the meaning of its code, which is told in words of our own.
+std::string ownWords(const NSError& error) {
+  const std::string text = error.localizedDescription();
+  if (error.domain() != kQuarnKitErrorDomain) return text;
+  const std::string_view meaning = QuarnKitError::textForCode(static_cast<QuarnKitErrorCode>(error.code()));
+  if (meaning.empty() || !text.starts_with(meaning)) return text;
+  const std::string_view rest = std::string_view(text).substr(meaning.size());
+  return std::string(rest.substr(std::min(rest.find_first_not_of(": "), rest.size())));
+}
+
 // The words of the error and of what lies beneath it, each once.
 std::string reasonOf(const NSErrorRef& error) {
   std::string result;
   NSErrorRef current = error;
   for (int depth = 0; current && depth < kMaximumChain; ++depth) {
-    const std::string text = current->localizedDescription();
-    if (result.find(text) == std::string::npos) result += (result.empty() ? "" : ": ") + text;
+    const std::string text = ownWords(*current);
+    if (!text.empty() && result.find(text) == std::string::npos)
+      result += (result.empty() ? "" : ": ") + text;
     current = current->underlyingError();
   }
   return result;
@@ -103,8 +114,12 @@ Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context
               why,
               fmt::format("Look at the file {}/OmbraFS.{}.pid.",
                           NSFileManager::kc_confstr(kDarwinUserTempDir), context.passthrough)};
-    default:
-      return {kExitFailure, "The volume could not be mounted.", why, moreInLog(context)};
+    default: {
+      const auto code = static_cast<QuarnKitErrorCode>(error->code());
+      const std::string meaning(QuarnKitError::textForCode(code));
+      return {kExitFailure, "The volume could not be mounted.", why.empty() ? meaning : meaning + ": " + why,
+              moreInLog(context)};
+    }
   }
 }
 

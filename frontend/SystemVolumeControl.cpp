@@ -23,6 +23,7 @@ namespace ombra {
 namespace {
 
 constexpr std::chrono::seconds kAnswerLimit{10};
+constexpr std::chrono::seconds kForcedAnswerLimit{2};
 constexpr std::chrono::seconds kProgramLimit{15};
 constexpr int kPauseMilliseconds = 100;
 constexpr size_t kMaximumUsers = 5;
@@ -89,7 +90,7 @@ class SystemVolumeControl final : public VolumeControl {
   bool askHelper(bool force, std::string* why) override {
     if (iVolume.busName.empty()) return false;
     const auto bus = HelperBus::connect(iVolume.busAddress);
-    return bus && bus->unmount(iVolume.busName, force, kAnswerLimit, why);
+    return bus && bus->unmount(iVolume.busName, force, force ? kForcedAnswerLimit : kAnswerLimit, why);
   }
 
   bool detach(bool lazily, std::string* why, bool* inUse) override {

@@ -26,7 +26,7 @@ constexpr int kLookMilliseconds = 2000;
 Volume volumeOfHelper(const HelperOnBus& helper) {
   const HelperStatus& status = helper.status;
   Volume volume;
-  volume.name = status.volumeName;
+  volume.name = status.json.empty() ? helper.traces.nameArgument : status.volumeName;
   volume.mountPath = status.mountPath;
   volume.protocol = status.protocol;
   volume.username = status.username;
@@ -38,6 +38,7 @@ Volume volumeOfHelper(const HelperOnBus& helper) {
   volume.busAddress = helper.busAddress;
   volume.busName = status.busName;
   volume.pid = status.pid;
+  volume.deviceMinor = helper.traces.fuseConnection;
   return volume;
 }
 
@@ -52,11 +53,23 @@ Volume volumeOfMount(const MountedVolume& mount) {
   return volume;
 }
 
+bool isHelperOfMount(const Volume& volume, const MountedVolume& mount) {
+  if (!volume.mountPath.empty()) return canonicallyEqual(volume.mountPath, mount.mountPath);
+  if (!volume.statusJSON.empty()) return false;  // it answers, and has not mounted yet
+  if (volume.deviceMinor != 0) return volume.deviceMinor == mount.deviceMinor;
+  return !volume.name.empty() && canonicallyEqual(volume.name, lastPathComponent(mount.mountPath));
+}
+
 void addMount(const MountedVolume& mount, std::vector<Volume>* volumes) {
-  auto found = std::find_if(volumes->begin(), volumes->end(), [&mount](const Volume& volume) {
-    return !volume.mountPath.empty() && canonicallyEqual(volume.mountPath, mount.mountPath);
-  });
+  auto found = std::find_if(volumes->begin(), volumes->end(),
+                            [&mount](const Volume& volume) { return isHelperOfMount(volume, mount); });
   if (found == volumes->end()) found = volumes->insert(volumes->end(), volumeOfMount(mount));
+  if (found->statusJSON.empty()) {
+    found->name = found->name.empty() ? lastPathComponent(mount.mountPath) : found->name;
+    found->protocol = mount.protocol;
+    found->username = mount.username;
+    found->address = mount.address;
+  }
   found->mounted = true;
   found->mountPath = mount.mountPath;
   found->deviceMinor = mount.deviceMinor;
@@ -95,7 +108,10 @@ std::vector<Volume> currentVolumes() {
   for (const std::string& address : SessionBus::answeringAddresses()) {
     const auto bus = HelperBus::connect(address);
     if (!bus) continue;
-    for (HelperStatus& status : bus->helpers()) helpers.push_back({address, std::move(status)});
+    for (HelperStatus& status : bus->helpers()) {
+      const HelperTraces traces = status.json.empty() ? tracesOfHelper(status.pid) : HelperTraces();
+      helpers.push_back({address, std::move(status), traces});
+    }
   }
   std::vector<MountedVolume> mounts = mountedVolumes(kVolumesFolder);
   std::erase_if(mounts, [](const MountedVolume& mount) { return !isOurs(mount); });

@@ -10,6 +10,7 @@
 
 #include "frontend/Failure.h"
 #include "frontend/HelperBus.h"
+#include "frontend/HelperTraces.h"
 #include "frontend/MountTable.h"
 
 namespace ombra {
@@ -39,9 +40,11 @@ struct Volume {
 struct HelperOnBus {
   std::string busAddress;
   HelperStatus status;
+  HelperTraces traces;  // of one that does not answer
 };
 
-// Joins the two views by mount path; a volume that only one of them knows is told too.
+// Joins the two views by mount path, and a helper that does not answer by what the system shows of it; a
+// volume that only one of them knows is told too.
 std::vector<Volume> joinVolumes(const std::vector<HelperOnBus>& helpers,
                                 const std::vector<MountedVolume>& mounts);
 

@@ -90,6 +90,15 @@ TEST(Explain, NoErrorAtAllIsAGeneralFailure) {
   EXPECT_EQ(libraryCode(nullptr), 0);
 }
 
+TEST(Explain, TheMeaningOfACodeIsNotToldTwice) {
+  const auto error = QuarnKitError::errorWithCode(kQuarnKitLoginFailed, "keys refused");
+  EXPECT_EQ(explainError(error, kContext).why, "keys refused");
+  EXPECT_EQ(explainError(QuarnKitError::errorWithCode(kQuarnKitLoginFailed), kContext).why, "");
+  const auto other = QuarnKitError::errorWithCode(kQuarnKitProtocolError, "odd reply");
+  EXPECT_EQ(explainError(other, kContext).why,
+            std::string(QuarnKitError::textForCode(kQuarnKitProtocolError)) + ": odd reply");
+}
+
 TEST(Explain, AnErrorOfTheSystemShowsItsText) {
   EXPECT_THAT(explainError(NSError::errorWithDomain(NSPOSIXErrorDomain, kEACCES), kContext).text(),
               HasSubstr("ermission denied"));

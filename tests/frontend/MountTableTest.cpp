@@ -106,7 +106,16 @@ HelperOnBus helper(const std::string& name, const std::string& mountPath,
   status.volumeName = name;
   status.mountPath = mountPath;
   status.state = state;
-  return {"unix:path=/run/bus", status};
+  status.json = "{}";
+  return {"unix:path=/run/bus", status, {}};
+}
+
+// A helper that holds its name on the bus and answers nothing.
+HelperOnBus hangingHelper(HelperTraces traces) {
+  HelperOnBus hanging = helper("", "", "not answering");
+  hanging.status.json.clear();
+  hanging.traces = std::move(traces);
+  return hanging;
 }
 
 MountedVolume mount(const std::string& path) {
@@ -147,6 +156,34 @@ TEST(JoinedVolumes, AHelperThatHasNotMountedYetIsShown) {
   EXPECT_EQ(volumes[0].name, "nas");
   EXPECT_FALSE(volumes[0].mounted);
   EXPECT_EQ(volumes[1].name, "other");
+}
+
+TEST(JoinedVolumes, AHelperThatDoesNotAnswerIsKnownByItsConnection) {
+  const auto volumes = joinVolumes({hangingHelper({"Disk", 7})}, {mount("/Volumes/Disk 2")});
+  ASSERT_EQ(volumes.size(), 1U);
+  EXPECT_EQ(volumes[0].name, "Disk");
+  EXPECT_EQ(volumes[0].mountPath, "/Volumes/Disk 2");
+  EXPECT_EQ(volumes[0].pid, 42);
+  EXPECT_EQ(volumes[0].server(), "anna@nas");
+  EXPECT_EQ(volumes[0].state, "not answering");
+}
+
+TEST(JoinedVolumes, AHelperThatDoesNotAnswerIsElseKnownByItsName) {
+  EXPECT_EQ(joinVolumes({hangingHelper({"Disk", 0})}, {mount("/Volumes/Disk")}).size(), 1U);
+  EXPECT_EQ(joinVolumes({hangingHelper({"Disk", 0})}, {mount("/Volumes/Other")}).size(), 2U);
+  EXPECT_EQ(joinVolumes({hangingHelper({"Disk", 8})}, {mount("/Volumes/Disk")}).size(), 2U);
+  EXPECT_EQ(joinVolumes({hangingHelper({"", 0})}, {mount("/Volumes/Disk")}).size(), 2U);
+}
+
+TEST(HelperTraces, AreReadFromWhatTheSystemShows) {
+  using std::string_view_literals::operator""sv;
+  EXPECT_EQ(nameInCommandLine("helper\0--sock=/s\0--name=My Disk\0--icon=/i\0"sv), "My Disk");
+  EXPECT_EQ(nameInCommandLine("helper\0--name=a\0--name=b"sv), "b");
+  EXPECT_EQ(nameInCommandLine("helper\0x--name=a\0"sv), "");
+  EXPECT_EQ(nameInCommandLine(""), "");
+  EXPECT_EQ(connectionInDescriptorFacts("pos:\t0\nino:\t90\nfuse_connection:\t39\n"), 39U);
+  EXPECT_EQ(connectionInDescriptorFacts("fuse_connection:\tx"), 0U);
+  EXPECT_EQ(connectionInDescriptorFacts("pos:\t0\n"), 0U);
 }
 
 class FindVolume : public testing::Test {
