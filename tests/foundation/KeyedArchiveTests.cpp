@@ -192,19 +192,28 @@ TEST(KeyedArchive, CutAtAnyLengthIsRefused) {
   }
 }
 
+// The bytes that a byte is changed to: each bit turned, its neighbours, and the extremes.
+std::vector<uint8_t> changesOf(uint8_t byte) {
+  std::vector<uint8_t> changes{0, 0xFF, static_cast<uint8_t>(byte + 1), static_cast<uint8_t>(byte - 1)};
+  for (int bit = 0; bit < 8; ++bit) changes.push_back(static_cast<uint8_t>(byte ^ 1 << bit));
+  return changes;
+}
+
 TEST(KeyedArchive, WithAnyByteChangedIsRefusedOrSound) {
-  NSData data = fromHex(kExample);
-  for (size_t at = 0; at < data.size(); ++at) {
-    const uint8_t before = data[at];
-    for (int byte = 0; byte < 256; ++byte) {
-      data[at] = static_cast<uint8_t>(byte);
+  const NSData whole = fromHex(kExample);
+  size_t refused = 0;
+  for (size_t at = 0; at < whole.size(); ++at) {
+    for (const uint8_t byte : changesOf(whole[at])) {
+      NSData data = whole;
+      data[at] = byte;
       std::string reason;
       const NSErrorRef error = NSKeyedUnarchiver::unarchivedError(data, &reason);
-      ASSERT_EQ(error != nullptr, reason.empty()) << at << " " << byte;
-      if (error != nullptr) ASSERT_NE(roundTrip(error), nullptr) << at << " " << byte;
+      ASSERT_EQ(error != nullptr, reason.empty()) << at << " " << int{byte};
+      if (error == nullptr) ++refused;
+      if (error != nullptr) ASSERT_NE(roundTrip(error), nullptr) << at << " " << int{byte};
     }
-    data[at] = before;
   }
+  EXPECT_GT(refused, 1000U);
 }
 
 // The other implementation of property lists at hand reads the same from our bytes.
