@@ -6,7 +6,9 @@ namespace ombra::test {
 
 std::unique_ptr<NSFileHandle> makeLocalFile(NSFileHandle::Kind kind, std::string_view content) {
   auto file = std::make_unique<NSFileHandle>(memfd_create("local", MFD_CLOEXEC), kind);
-  if (!content.empty()) EXPECT_TRUE(file->writeAll(content.data(), content.size(), 0));
+  if (!content.empty()) {
+    EXPECT_TRUE(file->writeAll(content.data(), content.size(), 0));
+  }
   return file;
 }
 
@@ -50,7 +52,9 @@ void SessionFixture::TearDown() {
   bool alive = true;
   // With replies cut to single bytes the last close takes a few turns.
   for (int turn = 0; alive && turn < 1000 && server.openHandles() > 0; ++turn) alive = session->isAlive();
-  if (alive) EXPECT_EQ(0u, server.openHandles()) << "a remote handle was left open";
+  if (alive) {
+    EXPECT_EQ(0u, server.openHandles()) << "a remote handle was left open";
+  }
 }
 
 }  // namespace ombra::test
