@@ -33,6 +33,7 @@ void OFSRemoteFile::locked_confirm(uint64_t generation) {
 void OFSRemoteFile::locked_doubtServer() {
   if (iConfirmedGeneration == iLocalGeneration) ++iLocalGeneration;
   iUnsentFrom = 0;
+  if (iFileHandle != nullptr) iFileHandle->noteWritten({0, iFileHandle->fileLength()});
 }
 
 bool OFSRemoteFile::synchronize(NSErrorRef* error) {

@@ -117,7 +117,7 @@ bool OFSRemoteFile::locked_startStream(uint64_t end) {
   iStreamTaken = 0;
   iStreamEnding = false;
   iStreamFailure.reset();
-  iUnsentFrom = 0;
+  locked_doubtServer();
   locked_setState(kOFSStreaming);
   const Epoch epoch = locked_performSelectorOnWorkerThread(&OFSRemoteFile::streamOnThread);
   locked_synchronizeStreamWorkRemaining(0);

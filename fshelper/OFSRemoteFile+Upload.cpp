@@ -20,13 +20,7 @@ constexpr const char* kUploadPending = "-[OFSRemoteFile locked_uploadPendingLeng
 }  // namespace
 
 void OFSRemoteFile::locked_uploadPendingLength(uint64_t length, uint64_t offset) {
-  const bool continues = iBytesUploading <= offset && offset <= iBytesRequired;
-  if (!continues) {
-    OFS_TRACE_MESSAGE("non-sequential write: offset={}, bytesUploading={}, bytesRequired={}", offset,
-                      iBytesUploading, iBytesRequired);
-  }
-  // Another writer's cancel mark must not be overwritten while the transfer that it is meant for still runs.
-  if (!continues || (iState != kOFSSettled && iBytesRequired == kCancelMark)) locked_cancelTransfer();
+  locked_settleBeforeUploadAt(offset);
   if (iAbandoned) {
     if (iState == kOFSSettled) iBytesRequired = 0;
     return;
@@ -37,6 +31,23 @@ void OFSRemoteFile::locked_uploadPendingLength(uint64_t length, uint64_t offset)
   iNeedsFlush = true;
   if (iState != kOFSUploading) locked_startUpload();
   locked_awaitUploadBefore(offset);
+}
+
+// Until the running transfer may take what is written at `offset`, or none runs any more.
+void OFSRemoteFile::locked_settleBeforeUploadAt(uint64_t offset) {
+  do {
+    const bool continues = iBytesUploading <= offset && offset <= iBytesRequired;
+    if (!continues) {
+      OFS_TRACE_MESSAGE("non-sequential write: offset={}, bytesUploading={}, bytesRequired={}", offset,
+                        iBytesUploading, iBytesRequired);
+    }
+    // Another writer's cancel mark must not be overwritten while the transfer that it is meant for still
+    // runs.
+    const bool isBeingCancelled = iState != kOFSSettled && iBytesRequired == kCancelMark;
+    if (continues && !isBeingCancelled) return;
+    locked_cancelTransfer();
+    // Not settled: another writer was faster and has started the next one.
+  } while (iState != kOFSSettled);
 }
 
 void OFSRemoteFile::locked_cancelTransfer() {

@@ -153,12 +153,12 @@ void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offs
   }
   const uint64_t length = iFileHandle->fileLength();
   iFileHandle->noteTruncated(length);
-  // From 0: the upload below replaces the whole file, and leaves who knows what when it fails.
-  locked_noteLocalChange(0);
+  locked_noteLocalChange(length);
   uint64_t transferred = length;
   if (!iAbandoned) {
     NSErrorRef failure;
     if (!locked_sendCacheFile(connection, 0, &transferred, &failure)) {
+      locked_doubtServer();
       OFS_RAISE(kTruncate, "upload to {} failed: {}", remotePath(), ofs_describeError(failure));
     }
     locked_confirm(iLocalGeneration);

@@ -264,6 +264,7 @@ class OFSRemoteFile final : public GMOpenFile,
   bool locked_sendCacheFile(AbstractConnection& connection, uint64_t offset, uint64_t* transferred,
                             NSErrorRef* error) REQUIRES(iCondition);
   void locked_uploadPendingLength(uint64_t length, uint64_t offset) REQUIRES(iCondition);
+  void locked_settleBeforeUploadAt(uint64_t offset) REQUIRES(iCondition);
   void locked_awaitUploadBefore(uint64_t offset) REQUIRES(iCondition);
   Epoch locked_startUpload() REQUIRES(iCondition);
   // Sets the cancel mark and waits until the running transfer has ended.
