@@ -11,6 +11,7 @@
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSLog.h"
+#include "platform/foundation/NeverDestroyed.h"
 
 namespace ombra {
 
@@ -23,9 +24,9 @@ constexpr unsigned kRecoveredFolderMode = 0700;
 
 // The default, or half of what the temporary folder's disk could hold for us if that is less.
 uint64_t defaultBudget(uint64_t held) {
-  static const std::string folder = NSFileManager::kc_confstr(kDarwinUserTempDir);
+  static NeverDestroyed<std::string> sFolder(NSFileManager::kc_confstr(kDarwinUserTempDir));
   struct statvfs disk {};
-  if (folder.empty() || statvfs(folder.c_str(), &disk) != 0) return kDefaultBudget;
+  if (sFolder->empty() || statvfs(sFolder->c_str(), &disk) != 0) return kDefaultBudget;
   const uint64_t free = static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize;
   return std::min(kDefaultBudget, (free + held) / 2);
 }

@@ -129,6 +129,22 @@ void OmbraFileSystem::abandonFile(const GMUserData& userData) {
   if (file != nullptr) file->abandon();
 }
 
+void OmbraFileSystem::reclaimFile(const GMUserData& userData) {
+  const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
+  if (file != nullptr) file->reclaim();
+}
+
+std::optional<NSFileAttributes> OmbraFileSystem::attributesOfAbandonedFile(const GMUserData& userData) {
+  const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
+  if (file == nullptr) return std::nullopt;
+  return file->attributes();
+}
+
+bool OmbraFileSystem::truncateAbandonedFile(const GMUserData& userData, int64_t offset, NSErrorRef* error) {
+  const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
+  return file != nullptr && file->_truncateToOffset(offset, error);
+}
+
 GMUserData OmbraFileSystem::openFileAtPathIfAny(OptionalPath path) {
   const std::shared_ptr<KCRemoteFileNode> node = path ? _nodeForPath(*path) : nullptr;
   const std::shared_ptr<OFSRemoteFile> file = node == nullptr ? nullptr : ofs_remoteFile(*node);

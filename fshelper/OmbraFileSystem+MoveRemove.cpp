@@ -29,9 +29,6 @@ bool OmbraFileSystem::removeItemAtPath(OptionalPath path, NSErrorRef* error) {
   NSErrorRef underlying;
   if (!connection->deleteItemAtPath(remotePathForPath(*path), isFolder, &underlying)) {
     const bool isMissing = underlying != nullptr && underlying->code() == kQuarnKitNoSuchItem;
-    // A file that was told of its removal goes on being sent.
-    const std::shared_ptr<OFSRemoteFile> file = ofs_remoteFile(*node);
-    if (file != nullptr) file->reclaim();
     OFS_FAIL(error, isMissing ? kENOENT : kEACCES, underlying);
     return false;
   }
@@ -91,15 +88,20 @@ bool OmbraFileSystem::moveItemAtPath(OptionalPath path, OptionalPath toPath, NSE
                                         lastPathComponent(*path), OFSNodeChanges::Kind::kMade);
   const OFSNodeChanges::Pending arriving(iChanges, *toParent, lastPathComponent(*toPath),
                                          OFSNodeChanges::Kind::kRemoved);
-  NSErrorRef underlying;
-  const bool isFolder = source->type() == kNodeTypeFolder;
-  if (!connection->moveItemFromPath(fromRemotePath, isFolder, toRemotePath, &underlying)) {
-    // A destination that was cleared stays so.
-    OFS_FAIL(error, kEACCES, underlying);
-    return false;
-  }
+  if (!moveOnServer(connection, *source, fromRemotePath, toRemotePath, error)) return false;
   repairTreeAfterMove(source, lastPathComponent(*path), toParent, toRemotePath);
   return true;
+}
+
+// A failure leaves a destination that was cleared as it is: gone.
+bool OmbraFileSystem::moveOnServer(StAbstractConnection& connection, const KCRemoteFileNode& source,
+                                   const std::string& fromPath, const std::string& toPath,
+                                   NSErrorRef* error) {
+  NSErrorRef underlying;
+  if (connection->moveItemFromPath(fromPath, source.type() == kNodeTypeFolder, toPath, &underlying))
+    return true;
+  OFS_FAIL(error, kEACCES, underlying);
+  return false;
 }
 
 std::string OmbraFileSystem::remotePathForName(std::string_view folder, const std::string& name) const {

@@ -144,6 +144,9 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
                                       NSErrorRef* error) override;
   void seedCacheAttributesAtPath(OptionalPath path, const GMUserData& userData) override;
   void abandonFile(const GMUserData& userData) override;
+  void reclaimFile(const GMUserData& userData) override;
+  std::optional<NSFileAttributes> attributesOfAbandonedFile(const GMUserData& userData) override;
+  bool truncateAbandonedFile(const GMUserData& userData, int64_t offset, NSErrorRef* error) override;
   GMUserData openFileAtPathIfAny(OptionalPath path) override;
   bool settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* error) override;
   void movedItemAtPath(OptionalPath path, OptionalPath toPath) override;
@@ -202,6 +205,8 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
 
   bool hasEntries(std::string_view path);
   bool clearDestination(const KCRemoteFileNode& source, std::string_view toPath);
+  bool moveOnServer(StAbstractConnection& connection, const KCRemoteFileNode& source,
+                    const std::string& fromPath, const std::string& toPath, NSErrorRef* error);
   std::string remotePathForName(std::string_view folder, const std::string& name) const;
   void repairTreeAfterRemoval(const std::shared_ptr<KCRemoteFileNode>& node) EXCLUDES(iTreeLock);
   void repairTreeAfterMove(const std::shared_ptr<KCRemoteFileNode>& source, std::string_view name,

@@ -92,7 +92,9 @@ struct Patch {
 class PatchedValues : public ExtendedAttributes, public ::testing::WithParamInterface<Patch> {};
 
 TEST_P(PatchedValues, AreReplacedFromThePositionOn) {
-  if (GetParam().before) ASSERT_TRUE(set(*GetParam().before));
+  if (GetParam().before) {
+    ASSERT_TRUE(set(*GetParam().before));
+  }
   ASSERT_TRUE(set(GetParam().value, GetParam().position));
   EXPECT_EQ(get(), bytes(GetParam().after));
 }

@@ -7,6 +7,7 @@
 
 #include "fshelper/OFSRemoteFile.h"
 #include "platform/foundation/NSLog.h"
+#include "platform/foundation/NeverDestroyed.h"
 
 namespace ombra {
 
@@ -43,7 +44,7 @@ class OwnFolders final : public ::testing::Environment {
 };
 
 ManualClock& newClock() {
-  static auto* const sClocks = new std::vector<std::unique_ptr<ManualClock>>;
+  static NeverDestroyed<std::vector<std::unique_ptr<ManualClock>>> sClocks;
   return *sClocks->emplace_back(std::make_unique<ManualClock>());
 }
 

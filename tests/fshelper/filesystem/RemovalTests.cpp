@@ -108,9 +108,24 @@ TEST_F(Removal, AFileWhoseRemovalFailedIsSentAgain) {
   fileSystem.abandonFile(file);
   server.fail("deleteItemAtPath", "/a.txt", refusal());
   EXPECT_FALSE(remove("/a.txt"));
+  fileSystem.reclaimFile(file);
   EXPECT_EQ(write("/a.txt", file, "b"), 1);
   EXPECT_TRUE(fileSystem.synchronizeFileAtPath("/a.txt", file, &error));
   EXPECT_EQ(server.content("/a.txt"), "b");
+}
+
+TEST_F(Removal, ARemovedFileHasTheAttributesOfItsCopy) {
+  const GMUserData file = open("/a.txt");
+  read(file);
+  fileSystem.abandonFile(file);
+  ASSERT_TRUE(remove("/a.txt"));
+  write("/a.txt", file, "longer");
+  EXPECT_EQ(fileSystem.attributesOfAbandonedFile(file)->fileSize, 6u);
+  EXPECT_TRUE(fileSystem.truncateAbandonedFile(file, 2, &error));
+  EXPECT_EQ(read(file), "lo");
+  EXPECT_FALSE(server.exists("/a.txt"));
+  EXPECT_EQ(fileSystem.attributesOfAbandonedFile(nullptr), std::nullopt);
+  EXPECT_FALSE(fileSystem.truncateAbandonedFile(nullptr, 2, &error));
 }
 
 TEST_F(Removal, ARemovedFileIsNotSentAtTheEnd) {
