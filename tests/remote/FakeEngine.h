@@ -81,8 +81,8 @@ class FakeEngine final : public Engine {
 
 class FakeSession final : public Session {
  public:
-  FakeSession(FakeEngine& engine, const SessionEnvironment& environment, int sessionNumber)
-      : number(sessionNumber), environment(environment), iEngine(engine) {}
+  FakeSession(FakeEngine& engine, const SessionEnvironment& surroundings, int sessionNumber)
+      : number(sessionNumber), environment(surroundings), iEngine(engine) {}
   ~FakeSession() override { iEngine.sessionGone(); }
 
   const int number;  // from 1

@@ -68,8 +68,8 @@ INSTANTIATE_TEST_SUITE_P(Names, EveryEncoding,
                          testing::Values("ISO-8859-1", "ISO-8859-7", "KOI8-R", "CP1252", "US-ASCII",
                                          "MACINTOSH", "SHIFT_JIS", "CP932", "EUC-JP", "EUC-KR", "BIG5", "GBK",
                                          "GB18030", "ISO-2022-JP"),
-                         [](const auto& info) {
-                           std::string name(info.param);
+                         [](const auto& tested) {
+                           std::string name(tested.param);
                            std::erase_if(name, [](char c) { return c == '-' || c == '_'; });
                            return name;
                          });

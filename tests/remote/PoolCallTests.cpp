@@ -302,7 +302,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Change{"move", [](auto& c, auto* e) { return c.moveItemFromPath("/a", false, "/b", e); }},
                     Change{"remove", [](auto& c, auto* e) { return c.deleteItemAtPath("/a", false, e); }},
                     Change{"attributes", [](auto& c, auto* e) { return c.changeAttributes({}, "/a", e); }}),
-    [](const auto& info) { return info.param.name; });
+    [](const auto& tested) { return tested.param.name; });
 
 TEST_P(PoolChange, IsNeverRepeatedWhenTheSessionIsLost) {
   FakePool fake;

@@ -134,7 +134,9 @@ bool ConnectionContract::send(const std::string& path, const std::string& conten
   const auto file = temporaryFile(content);
   uint64_t bytes = 0;
   const bool sent = connection().uploadFileHandle(*file, path, path, 0, &bytes, error);
-  if (sent) EXPECT_EQ(bytes, content.size());
+  if (sent) {
+    EXPECT_EQ(bytes, content.size());
+  }
   return sent;
 }
 

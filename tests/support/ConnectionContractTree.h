@@ -157,7 +157,9 @@ TEST_P(ConnectionContract, LinksKeepTheirTextAndLeadToTheirTarget) {
   ASSERT_TRUE(makeLink(at("chained"), "relative"));
   for (const bool listed : {false, true}) {
     // Asked alone, and asked after the listing has told the answers.
-    if (listed) EXPECT_EQ(list(root()).size(), 4u);
+    if (listed) {
+      EXPECT_EQ(list(root()).size(), 4u);
+    }
     std::string resolved;
     bool isDirectory = true;
     EXPECT_TRUE(connection().resolvePath(at("relative"), &resolved, &isDirectory, nullptr));
@@ -180,7 +182,9 @@ TEST_P(ConnectionContract, LinksKeepTheirTextAndLeadToTheirTarget) {
 TEST_P(ConnectionContract, ADanglingLinkResolvesToWhereItsTargetWouldBe) {
   if (!makeLink(at("dangling"), "gone")) return;
   for (const bool listed : {false, true}) {
-    if (listed) EXPECT_EQ(list(root()).size(), 1u);
+    if (listed) {
+      EXPECT_EQ(list(root()).size(), 1u);
+    }
     std::string resolved;
     bool isDirectory = true;
     EXPECT_TRUE(connection().resolvePath(at("dangling"), &resolved, &isDirectory, nullptr));

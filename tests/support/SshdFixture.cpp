@@ -28,6 +28,8 @@ namespace ombra {
 namespace {
 
 constexpr const char* kServer = "/usr/sbin/sshd";
+// Ends the server when a test program is killed before it could.
+constexpr const char* kLauncher = "/usr/bin/setpriv";
 constexpr int kStartLimit = 20000;  // milliseconds
 
 // Runs a program to its end; its output. Empty when it failed.
@@ -146,13 +148,10 @@ bool SshdFixture::launch() {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, log[1], STDERR_FILENO);
   const std::string configuration = iFolder + "/sshd_config";
-  std::array<char*, 6> arguments{const_cast<char*>(kServer),
-                                 const_cast<char*>("-D"),
-                                 const_cast<char*>("-e"),
-                                 const_cast<char*>("-f"),
-                                 const_cast<char*>(configuration.c_str()),
-                                 nullptr};
-  const int failed = posix_spawn(&iProcess, kServer, &actions, nullptr, arguments.data(), environ);
+  std::vector<const char*> command{kServer, "-D", "-e", "-f", configuration.c_str(), nullptr};
+  if (access(kLauncher, X_OK) == 0) command.insert(command.begin(), {kLauncher, "--pdeathsig", "TERM"});
+  const int failed = posix_spawn(&iProcess, command[0], &actions, nullptr,
+                                 const_cast<char* const*>(command.data()), environ);
   posix_spawn_file_actions_destroy(&actions);
   close(log[1]);
   if (iLogDescriptor >= 0) close(iLogDescriptor);
@@ -198,6 +197,14 @@ void SshdFixture::configure(KCCredentials& credentials) const {
   credentials.setUsername(iUser);
   credentials.setOption("identityFile", identityFile());
   credentials.setOption("fingerprint", iFingerprint);
+}
+
+std::string SshdFixture::knownHostsLine() const {
+  std::ifstream file(iFolder + "/host_key.pub");
+  std::string type;
+  std::string key;
+  file >> type >> key;
+  return "[127.0.0.1]:" + std::to_string(iPort) + " " + type + " " + key;
 }
 
 }  // namespace ombra

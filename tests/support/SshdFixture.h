@@ -16,7 +16,8 @@
 
 namespace ombra {
 
-// Owns the server process and a temporary folder with its keys; both are gone afterwards. Used by one thread.
+// Owns the server process and a temporary folder with its keys; both are gone afterwards. Used by one thread,
+// which must live as long: the system ends the server with it.
 class SshdFixture {
  public:
   // `extraConfiguration`: further lines for sshd_config. They come first, so that they win.
@@ -32,6 +33,9 @@ class SshdFixture {
   int port() const { return iPort; }
   const std::string& user() const { return iUser; }
   std::string identityFile() const { return iFolder + "/client_key"; }
+  const std::string& folder() const { return iFolder; }
+  // The server's entry for a known_hosts file.
+  std::string knownHostsLine() const;
   // "SHA256:…" of the host key.
   const std::string& fingerprint() const { return iFingerprint; }
   // Everything that a login needs.
