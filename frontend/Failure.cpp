@@ -71,7 +71,13 @@ std::string sentence(std::string_view text) {
 
 std::string Failure::text() const {
   std::string result = printable(sentence(what));
-  if (!why.empty()) result += " " + printable(sentence(why));
+  if (!why.empty()) {
+    // Often a server's or the system's words, which begin as they like.
+    std::string reason = printable(sentence(why));
+    if (reason.front() >= 'a' && reason.front() <= 'z')
+      reason.front() = static_cast<char>(reason.front() - 'a' + 'A');
+    result += " " + reason;
+  }
   // As it is: it often ends in a command, which a full stop would spoil.
   if (!todo.empty()) result += "\n" + printable(todo);
   return result;

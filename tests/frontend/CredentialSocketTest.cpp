@@ -63,7 +63,11 @@ class CredentialSocketTest : public testing::Test {
   }
 
   CredentialSocket::Hand hand() const { return {.registeredName = "the-name", .archive = iArchive}; }
-  static std::string archiveText() { return std::string(300000, 'x') + "end"; }
+  static std::string archiveText() {
+    std::string text(300000, 'x');
+    text.back() = '!';
+    return text;
+  }
 
   TemporaryFolder iFolder;
   Failure iFailure;

@@ -35,7 +35,7 @@ TEST_P(LibraryErrors, AreToldWithTheirExitCode) {
   const Failure failure = explainError(arrived, kContext);
   EXPECT_EQ(failure.code, GetParam().exitCode);
   EXPECT_THAT(failure.text(), HasSubstr(GetParam().says));
-  EXPECT_THAT(failure.text(), HasSubstr("the server's own words"));
+  EXPECT_THAT(failure.text(), HasSubstr("he server's own words"));
   EXPECT_EQ(libraryCode(arrived), GetParam().code);
 }
 
@@ -117,7 +117,7 @@ TEST(Explain, WordsOfAServerCannotMoveTheCursor) {
 }
 
 TEST(Failure, IsOneLineAndWhatToDoASecond) {
-  EXPECT_EQ((Failure{kExitFailure, "It broke", "Too old\n", "See: shop new"}.text()),
+  EXPECT_EQ((Failure{kExitFailure, "It broke", "too old\n", "See: shop new"}.text()),
             "It broke. Too old.\nSee: shop new");
   EXPECT_EQ((Failure{kExitFailure, "It broke!", "", ""}.text()), "It broke!");
 }
