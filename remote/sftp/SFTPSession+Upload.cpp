@@ -12,11 +12,6 @@ namespace ombra {
 
 namespace {
 
-void addInFront(std::vector<FileExtent> added, std::vector<FileExtent>* extents) {
-  added.insert(added.end(), extents->begin(), extents->end());
-  *extents = std::move(added);
-}
-
 // OpenSSH's server answers "no such file" for a handle it does not know, others "failure".
 bool isStaleHandle(const NSErrorRef& error) {
   return QuarnKitError::isCode(error, kQuarnKitNoSuchItem) || QuarnKitError::isCode(error, kQuarnKitRefused);
@@ -81,7 +76,7 @@ bool SFTPSession::uploadWhole(NSFileHandle& from, std::string_view path, Transfe
     if (from.isScratch()) from.noteConfirmed(extent);
     control.progress(extent.end);
   });
-  if (!sendExtents(from, extents, queue, control, error)) return false;
+  if (!sendExtents(from, extents, queue, error)) return false;
   const bool endsInHole = length > 0 && (extents.empty() || extents.back().end < length);
   if (endsInHole && !setRemoteLength(length, error)) return false;
   if (!queue.finish(error)) return false;
@@ -91,44 +86,52 @@ bool SFTPSession::uploadWhole(NSFileHandle& from, std::string_view path, Transfe
   return true;
 }
 
+std::vector<FileExtent> SFTPSession::extentsToSend(const NSFileHandle& from, uint64_t offset,
+                                                   uint64_t length) const {
+  if (!from.isScratch())
+    return offset < length ? std::vector<FileExtent>{{offset, length}} : std::vector<FileExtent>();
+  std::vector<FileExtent> extents = from.unconfirmedExtents(offset);
+  // Written and then cut off: not there any more.
+  std::erase_if(extents, [length](const FileExtent& extent) { return extent.begin >= length; });
+  if (!extents.empty()) extents.back().end = std::min(extents.back().end, length);
+  return extents;
+}
+
+// Someone made the remote file shorter: what lies between its end and the first extent would be zeros there,
+// so it is sent again where it is not.
+void SFTPSession::addLostExtents(NSFileHandle& from, uint64_t remoteLength, uint64_t offset, uint64_t length,
+                                 std::vector<FileExtent>* extents) const {
+  const uint64_t firstSent = std::min(offset, extents->empty() ? length : extents->front().begin);
+  if (remoteLength >= firstSent) return;
+  std::vector<FileExtent> lost = dataExtents(from, remoteLength, firstSent);
+  for (const FileExtent& extent : lost) {
+    if (from.isScratch()) from.noteWritten(extent);
+  }
+  lost.insert(lost.end(), extents->begin(), extents->end());
+  *extents = std::move(lost);
+}
+
 bool SFTPSession::uploadFrom(NSFileHandle& from, std::string_view path, uint64_t offset,
                              TransferControl& control, NSErrorRef* error) {
   const bool isFresh = !iUploadHandle || iUploadHandle->path != path;
   if (isFresh && !openUploadHandle(path, kSFTPOpenWrite, error)) return false;
   const uint64_t length = from.fileLength();
-  std::vector<FileExtent> extents;
-  if (from.isScratch()) {
-    extents = from.unconfirmedExtents(offset);
-    // Written and then cut off: not there any more.
-    std::erase_if(extents, [length](const FileExtent& extent) { return extent.begin >= length; });
-    if (!extents.empty()) extents.back().end = std::min(extents.back().end, length);
-  } else if (offset < length) {
-    extents.push_back({offset, length});
-  }
+  std::vector<FileExtent> extents = extentsToSend(from, offset, length);
   const bool reachesEnd = !extents.empty() && extents.back().end >= length;
-
   std::optional<uint64_t> remoteLength;
+  // On an open handle a write up to the end needs no question: that is the one round trip of an append.
   if (isFresh || !reachesEnd) {
     const auto present =
         waitAttributes(iRequests.fstat(iUploadHandle->handle), SFTPOperation::kOther, path, error);
     if (!present) return false;
     remoteLength = present->size;
   }
-  const uint64_t firstSent = extents.empty() ? length : extents.front().begin;
-  if (isFresh && remoteLength && *remoteLength < std::min(offset, firstSent)) {
-    // Someone made the file shorter: what lies between would be zeros there, so it is sent again where it is
-    // not.
-    std::vector<FileExtent> lost = dataExtents(from, *remoteLength, std::min(offset, firstSent));
-    for (const FileExtent& extent : lost) {
-      if (from.isScratch()) from.noteWritten(extent);
-    }
-    addInFront(std::move(lost), &extents);
-  }
+  if (isFresh && remoteLength) addLostExtents(from, *remoteLength, offset, length, &extents);
   SFTPWriteQueue queue(iChannel, iUploadHandle->handle, std::string(path), control, [&](FileExtent extent) {
     if (from.isScratch()) from.noteConfirmed(extent);
     control.progress(extent.end);
   });
-  if (!sendExtents(from, extents, queue, control, error)) return false;
+  if (!sendExtents(from, extents, queue, error)) return false;
   if (!reachesEnd && remoteLength && *remoteLength < length && !setRemoteLength(length, error)) return false;
   if (!queue.finish(error)) return false;
   control.progress(length);
@@ -136,7 +139,7 @@ bool SFTPSession::uploadFrom(NSFileHandle& from, std::string_view path, uint64_t
 }
 
 bool SFTPSession::sendExtents(NSFileHandle& from, const std::vector<FileExtent>& extents,
-                              SFTPWriteQueue& queue, TransferControl&, NSErrorRef* error) {
+                              SFTPWriteQueue& queue, NSErrorRef* error) {
   for (const FileExtent& extent : extents) {
     for (uint64_t at = extent.begin; at < extent.end;) {
       const std::span<std::byte> room =
@@ -164,6 +167,25 @@ bool SFTPSession::setRemoteLength(uint64_t length, NSErrorRef* error) {
   return waitStatus(id, SFTPOperation::kWrite, iUploadHandle->path, error);
 }
 
+bool SFTPSession::sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
+                             TransferControl& control, std::string_view path, NSErrorRef* error) {
+  for (uint64_t at = 0;;) {
+    const std::span<std::byte> room = queue.next(at, SIZE_MAX / 2, error);
+    if (room.empty()) return false;
+    const size_t count = std::min(next(room.data(), room.size()), room.size());
+    // However long the writer took, the server was not asked for anything meanwhile.
+    iChannel.touch();
+    if (control.shouldCancel()) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
+      return false;
+    }
+    if (count == 0) return queue.finish(error);
+    queue.send(count);
+    at += count;
+    if (!iChannel.pump(std::chrono::milliseconds(0), error)) return false;
+  }
+}
+
 bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
                          TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
@@ -175,23 +197,8 @@ bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, 
   bool succeeded = false;
   {
     SFTPWriteQueue queue(iChannel, *handle, std::string(path), control, [](FileExtent) {});
-    uint64_t at = 0;
-    while (true) {
-      const std::span<std::byte> room = queue.next(at, SIZE_MAX / 2, &reason);
-      if (room.empty()) break;
-      const size_t count = next(room.data(), room.size());
-      // However long the writer took, the server was not asked for anything meanwhile.
-      iChannel.touch();
-      if (count == 0) {
-        succeeded = !control.shouldCancel() && queue.finish(&reason);
-        break;
-      }
-      queue.send(std::min(count, room.size()));
-      at += count;
-      if (!iChannel.pump(std::chrono::milliseconds(0), &reason)) break;
-    }
+    succeeded = sendStream(next, queue, control, path, &reason);
   }
-  if (!succeeded && !reason) reason = QuarnKitError::errorWithCode(kQuarnKitCancelled, path);
   const uint32_t closeID = iChannel.failure() ? 0 : iRequests.close(*handle);
   // A full disk or quota may show only here.
   if (succeeded) {

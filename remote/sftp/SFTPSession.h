@@ -112,8 +112,14 @@ class SFTPSession final : public Session {
   bool uploadWhole(NSFileHandle& from, std::string_view path, TransferControl& control, NSErrorRef* error);
   bool uploadFrom(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
                   NSErrorRef* error);
+  // What an upload from an offset has to send, in order.
+  std::vector<FileExtent> extentsToSend(const NSFileHandle& from, uint64_t offset, uint64_t length) const;
+  void addLostExtents(NSFileHandle& from, uint64_t remoteLength, uint64_t offset, uint64_t length,
+                      std::vector<FileExtent>* extents) const;
   bool sendExtents(NSFileHandle& from, const std::vector<FileExtent>& extents, SFTPWriteQueue& queue,
-                   TransferControl& control, NSErrorRef* error);
+                   NSErrorRef* error);
+  bool sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
+                  TransferControl& control, std::string_view path, NSErrorRef* error);
   bool setRemoteLength(uint64_t length, NSErrorRef* error);
   NSErrorRef explainWrite(NSErrorRef refused, std::string_view path);
 

@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <system_error>
+#include <thread>
 
 #include "remote/QuarnKitError.h"
 
@@ -25,26 +27,31 @@ struct AddressesDeleter {
 };
 using Addresses = std::unique_ptr<addrinfo, AddressesDeleter>;
 
-// One look-up in the background: the resolver has no limit of its own that could be set.
+// One look-up on a thread of its own, since the resolver has no limit that could be set. The thread and the
+// waiter both own it.
 struct LookUp {
-  std::string host;
-  std::string service;
-  addrinfo hints = {};
-  gaicb request = {};
-};
+  LookUp(std::string name, std::string port) : host(std::move(name)), service(std::move(port)) {}
 
-constexpr timespec kSlice = {0, 50'000'000};
+  void run() {
+    addrinfo hints = {};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_ADDRCONFIG;
+    addrinfo* list = nullptr;
+    result = getaddrinfo(host.c_str(), service.c_str(), &hints, &list);
+    if (result == 0) addresses.reset(list);
+    done.raise();
+  }
+
+  const std::string host;
+  const std::string service;
+  int result = EAI_SYSTEM;
+  Addresses addresses;
+  WakeUp done;
+};
 
 void fail(NSErrorRef* error, QuarnKitErrorCode code, const std::string& detail, int number = 0) {
   NSErrorRef beneath = number != 0 ? NSError::errorWithDomain(NSPOSIXErrorDomain, number) : nullptr;
   storeError(error, QuarnKitError::errorWithCode(code, detail, std::move(beneath)));
-}
-
-addrinfo streamHints() {
-  addrinfo hints = {};
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_flags = AI_ADDRCONFIG;
-  return hints;
 }
 
 Addresses numericAddresses(const std::string& host, const std::string& service) {
@@ -57,24 +64,23 @@ Addresses numericAddresses(const std::string& host, const std::string& service) 
 
 Addresses lookUp(const std::string& host, const std::string& service, SteadyClock::time_point deadline,
                  const WakeUp& wakeUp, NSErrorRef* error) {
-  auto look = std::make_unique<LookUp>(LookUp{host, service, streamHints(), {}});
-  look->request.ar_name = look->host.c_str();
-  look->request.ar_service = look->service.c_str();
-  look->request.ar_request = &look->hints;
-  gaicb* list[] = {&look->request};
-  int result = getaddrinfo_a(GAI_NOWAIT, list, 1, nullptr);
-  while (result == 0 && gai_error(&look->request) == EAI_INPROGRESS) {
-    const gaicb* const waited[] = {&look->request};
-    gai_suspend(waited, 1, &kSlice);
-    if (SteadyClock::now() < deadline && !wakeUp.isRaised()) continue;
-    // A look-up that cannot be called off any more goes on writing to its request: that is left to it.
-    if (gai_cancel(&look->request) == EAI_NOTCANCELED) (void)look.release();
+  const auto look = std::make_shared<LookUp>(host, service);
+  std::thread thread;
+  try {
+    thread = std::thread([look] { look->run(); });
+  } catch (const std::system_error& problem) {
+    fail(error, kQuarnKitCouldNotResolveHost, host, problem.code().value());
+    return nullptr;
+  }
+  if (!waitForDescriptor(look->done.descriptor(), POLLIN, deadline, wakeUp)) {
+    // It cannot be called off and touches nothing but what it owns: it ends when the resolver gives up.
+    thread.detach();
     fail(error, wakeUp.isRaised() ? kQuarnKitConnectionLost : kQuarnKitCouldNotResolveHost, host);
     return nullptr;
   }
-  if (result == 0) result = gai_error(&look->request);
-  if (result == 0) return Addresses(look->request.ar_result);
-  fail(error, kQuarnKitCouldNotResolveHost, host + ": " + gai_strerror(result));
+  thread.join();
+  if (look->result == 0) return std::move(look->addresses);
+  fail(error, kQuarnKitCouldNotResolveHost, host + ": " + gai_strerror(look->result));
   return nullptr;
 }
 

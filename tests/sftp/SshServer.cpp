@@ -18,7 +18,7 @@ namespace ombra::test {
 namespace {
 
 std::string makeFolder() {
-  char name[] = "/tmp/ombra-sshd-XXXXXX";
+  char name[] = "/tmp/ombra-sftp-XXXXXX";
   return mkdtemp(name) != nullptr ? name : "";
 }
 
