@@ -1,0 +1,130 @@
+#include "tests/integration/MountFixture.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <thread>
+
+namespace ombra {
+namespace {
+
+std::string fileText(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::ostringstream text;
+  text << file.rdbuf();
+  return text.str();
+}
+
+// Whether a process runs this build's helper, by its executable.
+bool aHelperRuns() {
+  const std::string program = std::string(OMBRA_BUILD_DIR) + "/libexec/ombrafs/ombrafs-helper";
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::error_code gone;
+    if (std::filesystem::read_symlink(entry.path() / "exe", gone) == program) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+OmbraUser::OmbraUser() {
+  const std::string& folder = iHome.path();
+  for (const char* name : {"/.ssh", "/tmp"}) std::filesystem::create_directories(folder + name);
+  std::filesystem::permissions(folder + "/.ssh", std::filesystem::perms::owner_all);
+  std::filesystem::permissions(folder + "/tmp", std::filesystem::perms::owner_all);
+  iEnvironment = {{"HOME", folder},
+                  {"XDG_CONFIG_HOME", folder + "/config"},
+                  {"XDG_DATA_HOME", folder + "/data"},
+                  {"XDG_STATE_HOME", folder + "/state"},
+                  {"OMBRAFS_TMPDIR", folder + "/tmp"},
+                  {"XDG_RUNTIME_DIR", ""},
+                  {"DBUS_SESSION_BUS_ADDRESS", ""},
+                  {"SSH_AUTH_SOCK", ""},
+                  {"LC_ALL", "C.UTF-8"}};
+}
+
+OmbraUser::~OmbraUser() {
+  const ShellResult all = ombra("unmount --all --force");
+  EXPECT_EQ(all.status, 0) << all.errors;
+  // The bus that the command started for this user lives in the user's temporary folder.
+  run("pkill -f " + shellWord("dbus-daemon.*" + iHome.path()));
+  EXPECT_TRUE(eventually([] { return !aHelperRuns(); })) << "a helper was left behind";
+}
+
+ShellResult OmbraUser::ombra(const std::string& arguments, const std::string& input, double limitSeconds) {
+  return shell(std::string(OMBRA_BUILD_DIR) + "/bin/ombra " + arguments, iEnvironment, input, limitSeconds);
+}
+
+std::string OmbraUser::mount(const std::string& arguments) {
+  const ShellResult result = ombra("mount --json " + arguments);
+  EXPECT_EQ(result.status, 0) << result.errors << result.output;
+  const nlohmann::json answer = nlohmann::json::parse(result.output, nullptr, false);
+  if (!answer.is_object() || !answer.contains("mountPath")) {
+    ADD_FAILURE() << "no mount path in: " << result.output << result.errors;
+    return "/nonexistent";
+  }
+  return answer["mountPath"].get<std::string>();
+}
+
+pid_t OmbraUser::helperOf(const std::string& mountPath) {
+  const ShellResult result = ombra("list --json");
+  const nlohmann::json answer = nlohmann::json::parse(result.output, nullptr, false);
+  if (!answer.is_object() || !answer.contains("volumes")) return 0;
+  for (const nlohmann::json& volume : answer["volumes"]) {
+    if (volume.value("mountPath", "") == mountPath) return volume.value("pid", 0);
+  }
+  return 0;
+}
+
+void OmbraUser::trust(const SshdFixture& server) {
+  std::ofstream(iHome.path() + "/.ssh/known_hosts", std::ios::app) << server.knownHostsLine() << "\n";
+}
+
+bool eventually(const std::function<bool()>& condition, double seconds) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(static_cast<int>(seconds * 1000));
+  do {
+    if (condition()) return true;
+    // Another process is being watched, which tells nobody when it changes: look again in a moment.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  } while (std::chrono::steady_clock::now() < deadline);
+  return false;
+}
+
+bool eventually(const std::string& script, double seconds) {
+  return eventually([&script] { return shell(script).status == 0; }, seconds);
+}
+
+bool processExists(pid_t pid) { return pid > 0 && kill(pid, 0) == 0; }
+
+bool isMounted(const std::string& path) {
+  return fileText("/proc/self/mounts").find(" " + path + " ") != std::string::npos;
+}
+
+void MountTest::SetUp() {
+  ASSERT_TRUE(std::filesystem::exists("/dev/fuse")) << "These tests mount for real and need /dev/fuse.";
+  ASSERT_TRUE(std::filesystem::is_directory("/Volumes"))
+      << "These tests mount below /Volumes: mkdir -m 1777 /Volumes";
+  server = std::make_unique<SshdFixture>();
+  ASSERT_TRUE(server->isRunning()) << server->whyNot();
+  iData = std::make_unique<TemporaryFolder>();
+  user = std::make_unique<OmbraUser>();
+  user->trust(*server);
+}
+
+std::string MountTest::url(const std::string& path) const {
+  return "sftp://" + server->user() + "@127.0.0.1:" + std::to_string(server->port()) + path;
+}
+
+std::string MountTest::mountArguments(const std::string& path) const {
+  return "--identity " + shellWord(server->identityFile()) + " " + shellWord(url(path));
+}
+
+}  // namespace ombra
