@@ -119,7 +119,7 @@ class CommandLine {
         ->type_name("FILE");
     command
         ->add_option("--password-file", iMount.login.passwordFile,
-                     "A file that holds the password on one line")
+                     "A file that holds the password, or the passphrase of --identity, on one line")
         ->type_name("FILE");
     command->add_flag("--ask-password", iMount.login.askPassword,
                       "Ask for the password even when there are keys");
@@ -146,7 +146,7 @@ class CommandLine {
     CLI::App* command =
         add("unmount", "Unmount volumes", kUnmountFooter, [this] { return runUnmountChecked(); });
     command->add_option("VOLUME", iUnmount.targets, "Names or mount paths")->type_name("");
-    command->add_flag("--all", iUnmount.all, "All volumes");
+    command->add_flag("--all", iUnmount.all, "All volumes of this user");
     command->add_flag("--force", iUnmount.force,
                       "Do not wait for the server, nor for programs that use the volume");
     addJSON(command);

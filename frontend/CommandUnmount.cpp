@@ -17,7 +17,10 @@ class UnmountCommand {
   int run() {
     const std::vector<Volume> volumes = currentVolumes();
     if (iOptions.all) {
-      for (const Volume& volume : volumes) unmount(volume);
+      for (const Volume& volume : volumes) {
+        // Root sees everybody's; "all" are still one's own.
+        if (volume.own) unmount(volume);
+      }
     } else {
       for (const std::string& target : iOptions.targets) unmountTarget(volumes, target);
     }

@@ -34,7 +34,13 @@ bool useIdentity(const std::string& path, TerminalPrompt* prompt, KCCredentials*
     return false;
   }
   credentials->setOption("identityFile", path);
-  if (kind == PrivateKeyKind::kPlain || prompt == nullptr) return true;
+  if (kind == PrivateKeyKind::kPlain) return true;
+  // With a key that is locked, the secret in the password file is what opens it.
+  if (credentials->password()) {
+    credentials->setOption("passphrase", *credentials->password());
+    return true;
+  }
+  if (prompt == nullptr) return true;
   auto passphrase = prompt->secret(fmt::format("Passphrase of {}: ", inQuotes(path)));
   if (!passphrase) {
     *failure = {kExitLoginRefused, "No passphrase was given.", "", "Try again."};

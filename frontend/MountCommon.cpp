@@ -113,8 +113,7 @@ std::optional<std::string> prepareMachine(Failure* failure) {
                 "Install the program again."};
     return std::nullopt;
   }
-  if (!ensureVolumesFolder(std::string(kVolumesFolder), failure) || !SessionBus::ensure(failure))
-    return std::nullopt;
+  if (!ensureVolumesFolder(volumesFolder(), failure) || !SessionBus::ensure(failure)) return std::nullopt;
   return helper;
 }
 

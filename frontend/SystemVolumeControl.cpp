@@ -77,7 +77,7 @@ class SystemVolumeControl final : public VolumeControl {
         iMounts(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC)) {}
 
   bool isMounted() override {
-    const auto mounts = mountedVolumes(kVolumesFolder);
+    const auto mounts = mountedVolumes(volumesFolder());
     return std::any_of(mounts.begin(), mounts.end(),
                        [this](const MountedVolume& mount) { return mount.mountPath == iVolume.mountPath; });
   }

@@ -50,6 +50,7 @@ Volume volumeOfMount(const MountedVolume& mount) {
   volume.username = mount.username;
   volume.address = mount.address;
   volume.identifier = mount.identifier;
+  volume.own = mount.owner == geteuid();
   return volume;
 }
 
@@ -88,6 +89,11 @@ Failure notMounted(const std::string& target, const std::vector<Volume>& volumes
 
 }  // namespace
 
+std::string volumesFolder() {
+  const char* folder = std::getenv("OMBRAFS_VOLUMES");
+  return folder == nullptr || *folder != '/' ? "/Volumes" : folder;
+}
+
 std::string Volume::server() const {
   if (!identifier.empty()) return identifier;
   return username.empty() ? address : username + "@" + address;
@@ -113,7 +119,7 @@ std::vector<Volume> currentVolumes() {
       helpers.push_back({address, std::move(status), traces});
     }
   }
-  std::vector<MountedVolume> mounts = mountedVolumes(kVolumesFolder);
+  std::vector<MountedVolume> mounts = mountedVolumes(volumesFolder());
   std::erase_if(mounts, [](const MountedVolume& mount) { return !isOurs(mount); });
   std::vector<Volume> volumes = joinVolumes(helpers, mounts);
   for (Volume& volume : volumes) {

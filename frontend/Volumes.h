@@ -15,7 +15,9 @@
 
 namespace ombra {
 
-inline constexpr std::string_view kVolumesFolder = "/Volumes";
+// The folder of all mount points: "/Volumes". Tests that play volumes set OMBRAFS_VOLUMES, so that they
+// neither see nor touch those of this machine; helpers do not heed it.
+std::string volumesFolder();
 
 struct Volume {
   std::string name;
@@ -31,6 +33,7 @@ struct Volume {
   std::string busName;
   pid_t pid = 0;         // of the helper; 0 when unknown
   bool mounted = false;  // the kernel shows it
+  bool own = true;       // false: another user's, which only root sees
   unsigned deviceMinor = 0;
 
   // "protocol user@address", or the identifier of a pass-through mount.

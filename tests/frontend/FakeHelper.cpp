@@ -148,7 +148,10 @@ class FakeHelper {
     return 0;
   }
 
-  std::string mountPath() const { return "/Volumes/fake-" + argument("--name="); }
+  std::string mountPath() const {
+    const char* volumes = std::getenv("OMBRAFS_VOLUMES");
+    return (volumes == nullptr ? "" : volumes) + ("/fake-" + argument("--name="));
+  }
 
   static int answerStatus(sd_bus_message* message, void* self, sd_bus_error*) {
     const auto* helper = static_cast<FakeHelper*>(self);

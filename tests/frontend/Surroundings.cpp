@@ -61,12 +61,14 @@ void Surroundings::SetUp() {
   gFolder = std::make_unique<TemporaryFolder>();
   for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR", "SSH_AUTH_SOCK", "DISPLAY"})
     unsetenv(name);
-  for (const char* name : {"home", "config", "data", "state", "tmp"}) mkdir((*gFolder / name).c_str(), 0700);
+  for (const char* name : {"home", "config", "data", "state", "tmp", "volumes"})
+    mkdir((*gFolder / name).c_str(), 0700);
   setenv("HOME", (*gFolder / "home").c_str(), 1);
   setenv("XDG_CONFIG_HOME", (*gFolder / "config").c_str(), 1);
   setenv("XDG_DATA_HOME", (*gFolder / "data").c_str(), 1);
   setenv("XDG_STATE_HOME", (*gFolder / "state").c_str(), 1);
   setenv("OMBRAFS_TMPDIR", (*gFolder / "tmp").c_str(), 1);
+  setenv("OMBRAFS_VOLUMES", (*gFolder / "volumes").c_str(), 1);
 }
 
 void Surroundings::TearDown() {
