@@ -160,9 +160,11 @@ TEST_F(ClosingUpload, RaisesWhatTheUploadFailedOf) {
   const NSErrorRef full = QuarnKitError::errorWithCode(kQuarnKitOutOfSpace);
   auto closer = inBackground([this] { return closing(*file); });
   waitForWaiters(*file, 1);
+  const auto own = server.hold("uploadFileAtPath");
   hold->releaseFailing(full);
   EXPECT_THAT(finish(closer),
               StartsWith("upload to /docs/a.bin failed: " + full->description() + "\n\nfile:"));
+  own->release();
   // The condition was let go on the way out, and the upload that close started goes on.
   waitForState(*file, kOFSSettled);
   EXPECT_EQ(onServer(), "0123456789ab");

@@ -243,10 +243,12 @@ TEST_F(Uploading, ThatFailedEarlierFailsTheNextWriterThatHasToWait) {
   ASSERT_EQ(write(*file, "0123456789", 0), 10);
   waitForState(*file, kOFSSettled);
   const TraceRecorder trace;
+  const auto hold = server.hold("uploadFileAtPath");
   NSErrorRef error;
   EXPECT_EQ(write(*file, "ab", 10, &error), -1);
   ASSERT_TRUE(isPosixError(error, kEIO));
   EXPECT_EQ(error->underlyingError(), full);
+  hold->release();
   EXPECT_EQ(trace.messagesWith("upload to /docs/a.bin failed: " + full->description() + "\n\nfile:").size(),
             1u);
   error.reset();
