@@ -310,7 +310,9 @@ TEST_F(Uploading, KeepsTheHolesOfTheSnapshot) {
   file = createdFile();
   ASSERT_EQ(write(*file, "end", 8 << 20), 3);
   waitForState(*file, kOFSSettled);
-  EXPECT_EQ(onServer(), std::string(8 << 20, '\0') + "end");
+  std::string expected(8 << 20, '\0');
+  expected += "end";
+  EXPECT_EQ(onServer(), expected);
   EXPECT_LT(file->cacheSize(), 1u << 20);
 }
 
