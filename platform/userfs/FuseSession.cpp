@@ -10,6 +10,7 @@
 #include <mutex>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSLog.h"
@@ -20,6 +21,9 @@
 namespace ombra {
 
 namespace {
+
+// The session whose request this thread answers; null on threads that only give word to the kernel.
+thread_local FuseSession* tAnswering = nullptr;
 
 // Interrupts a thread's wait for the kernel; does nothing else.
 int wakeUpSignal() { return SIGRTMAX - 3; }
@@ -84,8 +88,23 @@ FuseSession::FuseSession(std::shared_ptr<Volume> volume, size_t maximumThreads, 
   };
 }
 
-// The last thread, or the mount, lets go: nobody uses the library's objects any more.
-FuseSession::~FuseSession() = default;
+// The last thread, or the mount, lets go: nobody uses the library's objects any more. The kernel drops the
+// releases of folders that it has not sent when a volume goes, and the library frees what it keeps of an open
+// folder only with them, so they are made up here; their replies go nowhere.
+FuseSession::~FuseSession() {
+  std::map<uint64_t, uint64_t> folders;
+  {
+    ConditionLock lock(iCondition);
+    folders.swap(iOpenFolders);
+  }
+  for (const auto& [handle, nodeID] : folders) {
+    std::vector<char> message = folderRelease(handle, nodeID);
+    fuse_buf buffer{};
+    buffer.mem = message.data();
+    buffer.size = message.size();
+    fuse_session_process_buf(iSession, &buffer);
+  }
+}
 
 bool FuseSession::start(int device) {
   fuse_custom_io io{};
@@ -102,23 +121,41 @@ bool FuseSession::start(int device) {
   return startThread();
 }
 
-ssize_t FuseSession::readMessage(int device, void* buffer, size_t size, void* /*session*/) {
+ssize_t FuseSession::readMessage(int device, void* buffer, size_t size, void* /*library*/) {
   return ::read(device, buffer, size);
 }
 
-ssize_t FuseSession::writeMessage(int device, iovec* parts, int count, void* /*session*/) {
-  // Before the kernel has the reply: it may remove the file and ask about it at once.
+ssize_t FuseSession::writeMessage(int device, iovec* parts, int count, void* /*library*/) {
+  // Before the kernel has the reply: it may remove the file, or close the folder, at once.
+  std::optional<uint64_t> folder;
+  if (tAnswering != nullptr) folder = tAnswering->adjustReply(parts, count);
+  const ssize_t written = ::writev(device, parts, count);
+  // Nobody waits for the folder any more, and the library has let go of it.
+  const int number = errno;
+  if (written < 0 && folder) tAnswering->forgetOpenFolder(*folder);
+  errno = number;
+  return written;
+}
+
+std::optional<uint64_t> FuseSession::adjustReply(const iovec* parts, int count) {
   RequestContext& context = RequestContext::current();
-  std::shared_ptr<OpenHandle>& created = context.created;
-  if (created != nullptr) {
-    if (const uint64_t nodeID = nodeIDOfCreationReply(parts, count)) created->item->setNodeID(nodeID);
-    created = nullptr;
+  if (context.created != nullptr) {
+    if (const uint64_t nodeID = nodeIDOfCreationReply(parts, count)) context.created->item->setNodeID(nodeID);
+    context.created = nullptr;
   }
-  if (context.keepsListing) {
-    allowListingCache(parts, count, *context.keepsListing);
-    context.keepsListing.reset();
+  if (!context.keepsListing) return std::nullopt;
+  const auto handle = allowListingCache(parts, count, *context.keepsListing);
+  context.keepsListing.reset();
+  if (handle) {
+    ConditionLock lock(iCondition);
+    iOpenFolders[*handle] = context.nodeID;
   }
-  return ::writev(device, parts, count);
+  return handle;
+}
+
+void FuseSession::forgetOpenFolder(uint64_t handle) {
+  ConditionLock lock(iCondition);
+  iOpenFolders.erase(handle);
 }
 
 // The caller has counted the thread.
@@ -175,8 +212,11 @@ void FuseSession::process(const fuse_buf& buffer) {
     addHandleToAttributeRequest(buffer.mem, buffer.size, [this](uint64_t nodeID) {
       return iVolume->handles().handleOfRemovedNode(nodeID);
     });
+    if (const auto folder = handleOfFolderRelease(buffer.mem, buffer.size)) forgetOpenFolder(*folder);
   }
+  tAnswering = this;
   fuse_session_process_buf(iSession, &buffer);
+  tAnswering = nullptr;
   RequestContext::current() = RequestContext();
   ConditionLock lock(iCondition);
   --iInFlight;

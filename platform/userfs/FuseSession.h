@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -63,8 +64,11 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   };
 
   FuseSession(std::shared_ptr<Volume> volume, size_t maximumThreads, std::function<void()> changed);
-  static ssize_t readMessage(int device, void* buffer, size_t size, void* session);
-  static ssize_t writeMessage(int device, iovec* parts, int count, void* session);
+  static ssize_t readMessage(int device, void* buffer, size_t size, void* library);
+  static ssize_t writeMessage(int device, iovec* parts, int count, void* library);
+  // The library's handle of the folder that this is the reply to the opening of.
+  std::optional<uint64_t> adjustReply(const iovec* parts, int count) EXCLUDES(iCondition);
+  void forgetOpenFolder(uint64_t handle) EXCLUDES(iCondition);
   bool startThread() EXCLUDES(iCondition);
   void serve();
   // Waits for one request. False when the thread is to end.
@@ -88,6 +92,8 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   size_t iThreadCount GUARDED_BY(iCondition) = 0;
   size_t iInFlight GUARDED_BY(iCondition) = 0;
   std::set<pthread_t> iWaiting GUARDED_BY(iCondition);
+  std::map<uint64_t, uint64_t> iOpenFolders
+      GUARDED_BY(iCondition);  // the library's handle → the folder's number
 };
 
 }  // namespace ombra

@@ -229,6 +229,8 @@ void GMUserFileSystem::State::takeDown() {
   iPageNotices.close();
   if (iMounted) detach();
   if (const auto session = this->session()) session->abort();
+  // A request that was left behind must not go on asking once it comes back.
+  if (const auto volume = this->volume()) volume->setDelegate(nullptr);
   iMounted.reset();
   iMountPoint.reset();
 }

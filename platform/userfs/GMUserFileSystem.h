@@ -33,7 +33,9 @@ enum GMUserFileSystemErrorCode : int {
 // One mount. Not copied; create, mount once, unmount, destroy.
 class GMUserFileSystem final : public GMUserFileSystemInvalidation {
  public:
-  // `delegate` must outlive the mount. When it also is a GMUserFileSystemDurability, that is used.
+  // `delegate` must outlive the mount; it is not called after did-unmount. When it also is a
+  // GMUserFileSystemDurability, that is used. A call that never comes back is left behind in it by `unmount`:
+  // who sees that in the log keeps the delegate until the process ends.
   GMUserFileSystem(GMUserFileSystemDelegate* delegate, bool isThreadSafe);
   ~GMUserFileSystem() override;
 

@@ -72,16 +72,38 @@ uint64_t nodeIDOfCreationReply(const iovec* parts, int count) {
   return nodeID;
 }
 
-void allowListingCache(const iovec* parts, int count, bool keepsListing) {
+std::optional<uint64_t> allowListingCache(const iovec* parts, int count, bool keepsListing) {
   fuse_out_header head{};
   fuse_open_out body{};
-  if (count < 2 || parts[0].iov_len < sizeof(head) || parts[1].iov_len < sizeof(body)) return;
+  if (count < 2 || parts[0].iov_len < sizeof(head) || parts[1].iov_len < sizeof(body)) return std::nullopt;
   std::memcpy(&head, parts[0].iov_base, sizeof(head));
-  if (head.error != 0) return;
+  if (head.error != 0) return std::nullopt;
   std::memcpy(&body, parts[1].iov_base, sizeof(body));
   body.open_flags |= FOPEN_CACHE_DIR;
   if (keepsListing) body.open_flags |= FOPEN_KEEP_CACHE;
   std::memcpy(parts[1].iov_base, &body, sizeof(body));
+  return body.fh;
+}
+
+std::optional<uint64_t> handleOfFolderRelease(const void* message, size_t size) {
+  fuse_release_in body{};
+  if (RequestContext::current().opcode != FUSE_RELEASEDIR || !readBody(message, size, &body))
+    return std::nullopt;
+  return body.fh;
+}
+
+std::vector<char> folderRelease(uint64_t handle, uint64_t nodeID) {
+  std::vector<char> message(sizeof(fuse_in_header) + sizeof(fuse_release_in));
+  fuse_in_header head{};
+  head.len = static_cast<uint32_t>(message.size());
+  head.opcode = FUSE_RELEASEDIR;
+  head.unique = 1;
+  head.nodeid = nodeID;
+  fuse_release_in body{};
+  body.fh = handle;
+  std::memcpy(message.data(), &head, sizeof(head));
+  writeBody(message.data(), body);
+  return message;
 }
 
 }  // namespace ombra

@@ -6,6 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
+#include <vector>
 
 namespace ombra {
 
@@ -22,7 +24,13 @@ void addHandleToAttributeRequest(void* message, size_t size,
 uint64_t nodeIDOfCreationReply(const iovec* parts, int count);
 
 // Lets the kernel keep what it reads of a folder, and with `keepsListing` use what it has kept before: adds
-// that to the reply to opening it. The library in use leaves it out.
-void allowListingCache(const iovec* parts, int count, bool keepsListing);
+// that to the reply to opening it, since the library in use leaves it out. The handle in the reply; absent
+// for a failure.
+std::optional<uint64_t> allowListingCache(const iovec* parts, int count, bool keepsListing);
+
+// The handle that a request releases, when it is the release of a folder.
+std::optional<uint64_t> handleOfFolderRelease(const void* message, size_t size);
+// Such a request.
+std::vector<char> folderRelease(uint64_t handle, uint64_t nodeID);
 
 }  // namespace ombra

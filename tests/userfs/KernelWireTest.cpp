@@ -92,14 +92,25 @@ TEST(KernelWire, TheReplyToOpeningAFolderLetsTheListingBeKept) {
   fuse_out_header head{};
   fuse_open_out body{};
   iovec parts[] = {{&head, sizeof(head)}, {&body, sizeof(body)}};
-  allowListingCache(parts, 2, false);
+  body.fh = 12;
+  EXPECT_EQ(allowListingCache(parts, 2, false), 12u);
   EXPECT_EQ(body.open_flags, static_cast<uint32_t>(FOPEN_CACHE_DIR));
   allowListingCache(parts, 2, true);
   EXPECT_EQ(body.open_flags, static_cast<uint32_t>(FOPEN_CACHE_DIR | FOPEN_KEEP_CACHE));
   body.open_flags = 0;
   head.error = -2;
-  allowListingCache(parts, 2, true);
+  EXPECT_EQ(allowListingCache(parts, 2, true), std::nullopt);
   EXPECT_EQ(body.open_flags, 0u);
+}
+
+TEST(KernelWire, TheReleaseOfAFolderNamesItsHandle) {
+  auto message = folderRelease(12, 7);
+  process(message);
+  EXPECT_EQ(handleOfFolderRelease(message.data(), message.size()), 12u);
+  EXPECT_EQ(RequestContext::current().nodeID, 7u);
+  auto other = request(FUSE_RELEASE, 7, fuse_release_in{});
+  process(other);
+  EXPECT_EQ(handleOfFolderRelease(other.data(), other.size()), std::nullopt);
 }
 
 }  // namespace

@@ -158,7 +158,7 @@ TEST_F(MountFilesTest, AnOpenWaitsForTheOpenHiddenInATruncation) {
   mount();
   std::thread truncating([this] { EXPECT_EQ(truncate(at("/a").c_str(), 3), 0); });
   iFiles.waitUntilHeld(1);
-  std::thread opener([this] { EXPECT_EQ(contentOfFile(at("/a")), "con"); });
+  std::thread opener([this] { EXPECT_TRUE(File(at("/a"), O_RDONLY).isOpen()); });
   EXPECT_EQ(sizeOf("/"), 0);
   EXPECT_EQ(iFiles.countOf("open /a"), 0u);
   iFiles.letGo("truncate", "/a");

@@ -69,9 +69,15 @@ TEST_F(MountNamesTest, EntriesCarryTypeAndNumberOfTheDelegate) {
   DIR* folder = opendir(mountPath().c_str());
   while (const dirent* entry = readdir(folder)) {
     const std::string name = entry->d_name;
-    if (name == "folder") EXPECT_EQ(entry->d_type, DT_DIR);
-    if (name == "link") EXPECT_EQ(entry->d_type, DT_LNK);
-    if (name[0] != '.') EXPECT_EQ(entry->d_ino, iFiles.itemAt("/" + name)->number);
+    if (name == "folder") {
+      EXPECT_EQ(entry->d_type, DT_DIR);
+    }
+    if (name == "link") {
+      EXPECT_EQ(entry->d_type, DT_LNK);
+    }
+    if (name[0] != '.') {
+      EXPECT_EQ(entry->d_ino, iFiles.itemAt("/" + name)->number);
+    }
   }
   closedir(folder);
 }
