@@ -139,7 +139,7 @@ class MountCommand {
 
   MountOptions iOptions;
   const Output& iOutput;
-  const Interruption iInterruption;
+  Interruption iInterruption;
   std::shared_ptr<KCCredentials> iCredentials;
   std::unique_ptr<TerminalPrompt> iPrompt;
   bool iLookedAgain = false;

@@ -40,7 +40,7 @@ int runSample(const VolumeOptions& options, const Output& output) {
   if (!writeSampleFolder(*folder, &failure)) return output.fail(failure);
   const auto helper = prepareMachine(&failure);
   if (!helper) return output.fail(failure);
-  const Interruption interruption;
+  Interruption interruption;
   return mountAndTell(sampleCredentials(*server, *folder), volume, *helper, interruption, output, nullptr);
 }
 

@@ -1,7 +1,11 @@
+#include <algorithm>
+#include <cstdlib>
+#include <memory>
 #include <nlohmann/json.hpp>
 
 #include "frontend/Commands.h"
 #include "frontend/Spinner.h"
+#include "frontend/UndeliveredFiles.h"
 #include "frontend/UnmountVolume.h"
 #include "frontend/Volumes.h"
 
@@ -16,6 +20,7 @@ class UnmountCommand {
 
   int run() {
     const std::vector<Volume> volumes = currentVolumes();
+    listen(volumes);
     if (iOptions.all) {
       for (const Volume& volume : volumes) {
         // Root sees everybody's; "all" are still one's own.
@@ -29,6 +34,15 @@ class UnmountCommand {
   }
 
  private:
+  // Helpers say what they could not store on the bus that they are on.
+  void listen(const std::vector<Volume>& volumes) {
+    const auto reachable = std::find_if(volumes.begin(), volumes.end(),
+                                        [](const Volume& volume) { return !volume.busAddress.empty(); });
+    if (reachable == volumes.end()) return;
+    setenv("DBUS_SESSION_BUS_ADDRESS", reachable->busAddress.c_str(), 1);
+    iUndelivered = std::make_unique<UndeliveredFiles>();
+  }
+
   void unmountTarget(const std::vector<Volume>& volumes, const std::string& target) {
     Failure failure;
     const Volume* volume = findVolume(volumes, target, currentFolder(), &failure);
@@ -53,6 +67,11 @@ class UnmountCommand {
       return;
     }
     iUnmounted.push_back(printable(volume.mountPath));
+    if (iUndelivered && !volume.registeredName.empty() &&
+        tellUndelivered(volume.name, iUndelivered->ofHelper(volume.registeredName), iOutput) &&
+        iCode == kExitSuccess) {
+      iCode = kExitFailure;
+    }
     iOutput.remark("Unmounted " + printable(volume.name));
   }
 
@@ -66,6 +85,7 @@ class UnmountCommand {
   const Output& iOutput;
   const Interruption iInterruption;
   Spinner iSpinner;
+  std::unique_ptr<UndeliveredFiles> iUndelivered;
   std::vector<std::string> iUnmounted;
   int iCode = kExitSuccess;
 };

@@ -64,6 +64,10 @@ std::string shellQuoted(std::string_view text) {
 std::string sentence(std::string_view text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
   std::string result(text);
+  // Often a server's or the system's words, which begin as they like.
+  if (!result.empty() && result.front() >= 'a' && result.front() <= 'z') {
+    result.front() = static_cast<char>(result.front() - 'a' + 'A');
+  }
   if (!result.empty() && std::string_view(".!?:").find(result.back()) == std::string_view::npos)
     result += '.';
   return result;
@@ -71,13 +75,7 @@ std::string sentence(std::string_view text) {
 
 std::string Failure::text() const {
   std::string result = printable(sentence(what));
-  if (!why.empty()) {
-    // Often a server's or the system's words, which begin as they like.
-    std::string reason = printable(sentence(why));
-    if (reason.front() >= 'a' && reason.front() <= 'z')
-      reason.front() = static_cast<char>(reason.front() - 'a' + 'A');
-    result += " " + reason;
-  }
+  if (!why.empty()) result += " " + printable(sentence(why));
   // As it is: it often ends in a command, which a full stop would spoil.
   if (!todo.empty()) result += "\n" + printable(todo);
   return result;

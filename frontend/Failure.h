@@ -40,7 +40,8 @@ std::string inQuotes(std::string_view text);
 // `text` as one word of a shell command line.
 std::string shellQuoted(std::string_view text);
 
-// `text` ended by a full stop unless it ends in punctuation already; empty stays empty.
+// `text` begun with a capital letter and ended by a full stop unless it ends in punctuation already; empty
+// stays empty.
 std::string sentence(std::string_view text);
 
 }  // namespace ombra

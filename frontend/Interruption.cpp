@@ -57,6 +57,13 @@ Interruption::~Interruption() {
   gReadEnd = -1;
 }
 
+void Interruption::forget() {
+  std::array<char, 64> bytes{};
+  while (read(gReadEnd, bytes.data(), bytes.size()) > 0) {
+  }
+  gSignal = 0;
+}
+
 int Interruption::fd() const { return gReadEnd; }
 
 int Interruption::signalNumber() const { return gSignal.load(); }

@@ -18,6 +18,8 @@ class Interruption {
   bool requested() const { return signalNumber() != 0; }
   // The first signal that came, 0 when none has.
   int signalNumber() const;
+  // As if none had come, so that a further one is noticed.
+  void forget();
   // 128 plus the signal's number, as shells count.
   int exitCode() const { return 128 + signalNumber(); }
 };

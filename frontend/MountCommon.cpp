@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "frontend/SessionBus.h"
+#include "frontend/UndeliveredFiles.h"
 #include "frontend/UnmountVolume.h"
 #include "frontend/Volumes.h"
 #include "frontend/VolumesFolder.h"
@@ -59,22 +60,31 @@ void tellMounted(const MountResult& result, const Output& output) {
   output.remark("To unmount: ombra unmount " + shellQuoted(result.volumeName));
 }
 
-// Ctrl-C in the foreground takes the volume away.
-int unmountInForeground(const MountResult& result, const Output& output) {
-  const Interruption again;
-  Volume volume;
-  for (Volume& candidate : currentVolumes()) {
-    if (candidate.mountPath == result.mountPath) volume = std::move(candidate);
-  }
-  if (volume.mountPath.empty()) return kExitSuccess;
-  volume.pid = result.pid;
+// Ctrl-C in the foreground takes the volume away; a second one leaves that to the helper.
+int unmountInForeground(const MountResult& result, Interruption& interruption, const Output& output) {
+  interruption.forget();
+  const std::vector<Volume> volumes = currentVolumes();
+  const auto found = std::find_if(volumes.begin(), volumes.end(), [&result](const Volume& candidate) {
+    return candidate.registeredName == result.registeredName;
+  });
+  if (found == volumes.end()) return kExitSuccess;
   Failure failure;
   Spinner spinner(output.err, !output.json);
-  spinner.setText("Unmounting " + volume.name);
-  const auto control = systemVolumeControl(volume, again, [&spinner] { spinner.tick(); });
-  const bool done = unmountVolume(*control, volume.name, false, {}, &failure);
+  spinner.setText("Unmounting " + found->name);
+  const auto control = systemVolumeControl(*found, interruption, [&spinner] { spinner.tick(); });
+  const bool done = unmountVolume(*control, found->name, false, {}, &failure);
   spinner.clear();
   return done ? kExitSuccess : output.fail(failure);
+}
+
+// Stays with a volume to its end.
+int stay(MountVolume& mount, const MountResult& result, Interruption& interruption, const Output& output) {
+  UndeliveredFiles undelivered;
+  int code = kExitSuccess;
+  if (!mount.waitUntilUnmounted()) code = unmountInForeground(result, interruption, output);
+  if (code != kExitSuccess) return code;
+  const auto files = undelivered.ofHelper(result.registeredName);
+  return tellUndelivered(result.volumeName, files, output) ? kExitFailure : kExitSuccess;
 }
 
 }  // namespace
@@ -118,7 +128,7 @@ std::optional<std::string> prepareMachine(Failure* failure) {
 }
 
 int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const VolumeOptions& options,
-                 const std::string& helper, const Interruption& interruption, const Output& output,
+                 const std::string& helper, Interruption& interruption, const Output& output,
                  const MountRetry& retry) {
   Spinner spinner(output.err, !output.json);
   const MountRequest request{helper, credentials, options.name, options.icon, options.passthrough};
@@ -130,8 +140,8 @@ int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const Volume
       return output.fail(result.failure);
     }
     tellMounted(result, output);
-    if (!options.foreground || result.alreadyMounted || mount.waitUntilUnmounted()) return kExitSuccess;
-    return unmountInForeground(result, output);
+    if (!options.foreground || result.alreadyMounted) return kExitSuccess;
+    return stay(mount, result, interruption, output);
   }
 }
 

@@ -28,7 +28,7 @@ using MountRetry = std::function<bool(MountResult* result)>;
 // Mounts (again while `retry` says so), tells the result, and with the foreground option stays until the
 // volume is gone. Answers the exit code.
 int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const VolumeOptions& options,
-                 const std::string& helper, const Interruption& interruption, const Output& output,
+                 const std::string& helper, Interruption& interruption, const Output& output,
                  const MountRetry& retry);
 
 // The name of the user of this process; its number when it has none.

@@ -13,6 +13,7 @@
 #include "frontend/HelperBus.h"
 #include "frontend/ProcessDescriptor.h"
 #include "frontend/SessionBus.h"
+#include "frontend/UndeliveredFiles.h"
 #include "frontend/UnmountVolume.h"
 #include "platform/foundation/NSNotificationCenter.h"
 #include "platform/foundation/RunLoop.h"
@@ -382,6 +383,35 @@ TEST_F(Command, UnmountByForceEndsAHelperThatDoesNotHeed) {
   EXPECT_TRUE(unmountVolume(*control, "Disk", true, limits, &failure)) << failure.text();
   pollfd ended{helper.get(), POLLIN, 0};
   EXPECT_EQ(poll(&ended, 1, 0), 1);
+}
+
+TEST_F(Command, UnmountNamesWhatCouldNotBeStored) {
+  ASSERT_EQ(mountFolder("loses").exitCode, 0);
+  const auto result = run({"unmount", "Disk"});
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.err, HasSubstr("“/a b.txt” of “Disk” is not stored on the server. The disk is full."));
+  EXPECT_THAT(result.err, HasSubstr("/home/kept/a b.txt"));
+  EXPECT_EQ(run({"list"}).out, "");
+}
+
+TEST_F(Command, MountInTheForegroundNamesWhatCouldNotBeStored) {
+  RunningCommand command({"mount", "file://" + iFolder.path(), "--name", "Disk", "--foreground"},
+                         RunningCommand::Input::kNone, environment("loses"));
+  ASSERT_TRUE(command.waitForOutput(volume("Disk")));
+  kill(command.pid(), SIGINT);
+  const auto result = command.finish();
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_THAT(result.err, HasSubstr("/home/kept/a b.txt"));
+}
+
+TEST(UndeliveredFile, IsReadFromItsEntry) {
+  const auto file = parseUndeliveredFile("/a\t/kept/a\tno space\tleft");
+  EXPECT_EQ(file.path, "/a");
+  EXPECT_EQ(file.copy, "/kept/a");
+  EXPECT_EQ(file.reason, "no space\tleft");
+  EXPECT_EQ(parseUndeliveredFile("/a\t\tx").copy, "");
+  EXPECT_EQ(parseUndeliveredFile("/a").path, "/a");
+  EXPECT_EQ(parseUndeliveredFile("").path, "");
 }
 
 TEST_F(Command, RefreshTellsTheHelpers) {

@@ -132,6 +132,10 @@ class FakeHelper {
                          {"rootPath", "/"},
                          {"address", iCredentials ? iCredentials->address() : ""}});
     sd_event_loop(loop);
+    if (iBehaviour == "loses") {
+      post("OFSUndelivered",
+           {{"volumeName", "Fake"}, {"files", NSArray{"/a b.txt\t/home/kept/a b.txt\tthe disk is full"}}});
+    }
     post("OFSDidUnmount", {{"volumeName", argument("--name=")}, {"mountPath", mountPath()}});
     sd_bus_flush_close_unref(bus);
     sd_event_unref(loop);
