@@ -94,8 +94,8 @@ uint32_t SFTPChannel::submit(SFTPPacketWriter& writer) {
 }
 
 uint32_t SFTPChannel::enter(uint32_t id) {
-  // A pause between requests is not silence of the server.
-  if (iPending.empty()) touch();
+  // Time that passed while nobody listened is not silence of the server.
+  touch();
   iPending[id].queued = Clock::now();
   return id;
 }
@@ -164,19 +164,22 @@ std::chrono::milliseconds SFTPChannel::patience(Clock::time_point now) const {
 
 bool SFTPChannel::pump(std::chrono::milliseconds slice, NSErrorRef* error) {
   if (iFailure) return reportFailure(error);
-  const std::chrono::milliseconds left = patience(Clock::now());
-  if (left.count() <= 0) {
-    fail(QuarnKitError::errorWithCode(kQuarnKitTimedOut, "The server was silent for too long"));
-    return reportFailure(error);
-  }
+  const std::chrono::milliseconds left = std::max(patience(Clock::now()), std::chrono::milliseconds(0));
   NSErrorRef reason;
   const auto exchanged = iTransport->exchange(iOutgoing.front(), std::min(slice, left), *this, &reason);
   if (!exchanged) fail(reason);
   if (iFailure) return reportFailure(error);
   if (exchanged->sent > 0) iOutgoing.consume(exchanged->sent);
   if (exchanged->moved) touch();
+  // Only after a look: this thread may have slept longer than the server.
+  if (isAwaiting() && patience(Clock::now()).count() <= 0) {
+    fail(QuarnKitError::errorWithCode(kQuarnKitTimedOut, "The server was silent for too long"));
+    return reportFailure(error);
+  }
   return true;
 }
+
+bool SFTPChannel::isAwaiting() const { return !iServerVersion || !iPending.empty() || iOutgoing.size() > 0; }
 
 void SFTPChannel::flushBriefly() {
   constexpr std::chrono::milliseconds kBrief{100};

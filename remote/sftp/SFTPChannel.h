@@ -93,6 +93,8 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   bool exchangeVersions(NSErrorRef* error);
   uint32_t enter(uint32_t id);
   std::chrono::milliseconds patience(Clock::time_point now) const;
+  // Whether the server owes anything: with nothing under way silence is no fault.
+  bool isAwaiting() const;
   void fail(NSErrorRef error);
   bool reportFailure(NSErrorRef* error) const;
   void appendRequest(uint32_t id, std::string_view text);

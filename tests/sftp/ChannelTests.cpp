@@ -266,15 +266,39 @@ TEST_F(SFTPChannelTest, TheWholeLoginIsLimitedHoweverMuchTheServerTrickles) {
   EXPECT_EQ(kQuarnKitTimedOut, codeOf(error));
 }
 
+// Longer than the channels' idle limit, in which nobody calls them.
+void passTheIdleLimit() {
+  const auto end = SFTPChannel::Clock::now() + std::chrono::milliseconds(250);
+  while (SFTPChannel::Clock::now() < end) {
+  }
+}
+
 TEST_F(SFTPChannelTest, APauseBetweenRequestsIsNoSilence) {
   make([](const PeerRequest& request, PeerTransport& to) { to.send(statusReply(request.id, 0)); });
   peer->setWhenIdle([](PeerTransport&) {});
   ASSERT_TRUE(channel->open(&error));
-  // Longer than the limit without any request under way.
-  const auto end = SFTPChannel::Clock::now() + std::chrono::milliseconds(250);
-  while (SFTPChannel::Clock::now() < end) {
-  }
+  passTheIdleLimit();
+  EXPECT_TRUE(channel->pump(std::chrono::milliseconds(0), &error)) << "an idle session is alive";
   EXPECT_TRUE(channel->wait(requests->remove("/a"), &error));
+}
+
+TEST_F(SFTPChannelTest, APauseWithAbandonedRequestsUnderWayIsNoSilence) {
+  std::string late;
+  make([&](const PeerRequest& request, PeerTransport&) { late += statusReply(request.id, 0); });
+  peer->setWhenIdle([&](PeerTransport& to) { to.send(std::exchange(late, "")); });
+  ASSERT_TRUE(channel->open(&error));
+  channel->abandon(requests->remove("/a"));
+  ASSERT_TRUE(channel->pump(std::chrono::milliseconds(0), &error));
+  passTheIdleLimit();
+  EXPECT_TRUE(channel->wait(requests->remove("/b"), &error));
+}
+
+TEST_F(SFTPChannelTest, WhatArrivedWhileThisThreadSleptIsTakenBeforeTheLimitCounts) {
+  make([](const PeerRequest& request, PeerTransport& to) { to.send(statusReply(request.id, 0)); });
+  ASSERT_TRUE(channel->open(&error));
+  const uint32_t id = requests->remove("/a");
+  passTheIdleLimit();
+  EXPECT_TRUE(channel->wait(id, &error));
 }
 
 TEST_F(SFTPChannelTest, AnInterruptEndsARunningWaitAndEveryLaterOne) {
