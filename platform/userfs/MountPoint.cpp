@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -35,6 +36,12 @@ std::string unescaped(std::string_view text) {
     }
   }
   return result;
+}
+
+// The system lists mounts by their real paths, and the volumes folder may be a link.
+std::string resolvedFolder(const std::string& path) {
+  const std::unique_ptr<char, decltype(&free)> resolved(realpath(path.c_str(), nullptr), &free);
+  return resolved != nullptr ? std::string(resolved.get()) : path;
 }
 
 bool isEmptyFolder(const std::string& path) {
@@ -113,9 +120,14 @@ std::vector<MountedVolume> mountedVolumes() {
 }
 
 std::optional<MountedVolume> mountedVolumeAtPath(std::string_view path) {
+  // The last component is not resolved: that would ask the file system which is mounted there.
+  const std::string place =
+      path == "/" ? "/"
+                  : stringByAppendingPathComponent(resolvedFolder(stringByDeletingLastPathComponent(path)),
+                                                   lastPathComponent(path));
   std::optional<MountedVolume> topmost;
   for (MountedVolume& volume : mountedVolumes()) {
-    if (volume.path == path) topmost = std::move(volume);
+    if (volume.path == place) topmost = std::move(volume);
   }
   return topmost;
 }
@@ -199,8 +211,9 @@ MountPoint::~MountPoint() {
 }
 
 void MountPoint::clearStale(const std::string& volumesFolder) {
+  const std::string folder = resolvedFolder(volumesFolder);
   for (const MountedVolume& volume : mountedVolumes()) {
-    if (volume.type.substr(0, 4) != "fuse" || !nameOfPath(volume.path, volumesFolder)) continue;
+    if (volume.type.substr(0, 4) != "fuse" || !nameOfPath(volume.path, folder)) continue;
     if (!isDisconnected(volume.path)) continue;
     NSLog("\"{}\" was left behind by a process that is gone; it is cleared.", volume.path);
     KernelMount::detach(volume);

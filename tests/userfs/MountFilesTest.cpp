@@ -35,6 +35,15 @@ TEST_F(MountFilesTest, ALargeFileIsReadAsItIs) {
   EXPECT_EQ(contentOfFile(at("/a")), content);
 }
 
+TEST_F(MountFilesTest, ALargeFileIsReadInLargePieces) {
+  iFiles.addFile("/a", pattern(8 * 1024 * 1024));
+  mount();
+  contentOfFile(at("/a"));
+  // 128 KiB is what the system allows without the right to raise its read-ahead.
+  EXPECT_LE(iFiles.countOf("read /a"), 8u * 8u + 8u);
+  RecordProperty("requests", static_cast<int>(iFiles.countOf("read /a")));
+}
+
 TEST_F(MountFilesTest, WritesArriveInLargePieces) {
   mount();
   const std::string content = pattern(4 * 1024 * 1024);
@@ -62,6 +71,20 @@ TEST_F(MountFilesTest, OpenFlagsArriveAsTheInterfaceNumbersThem) {
     if (call.compare(0, 5, "open ") == 0) opens.push_back(call);
   }
   EXPECT_EQ(opens, (std::vector<std::string>{"open /a 0x0", "open /a 0x9", "open /a 0x402"}));
+}
+
+TEST_F(MountFilesTest, AFailedContentIsForgottenBeforeEachOpenAndTheFirstOneSeedsTheCache) {
+  iFiles.addFile("/a", "content");
+  mount();
+  File(at("/a"), O_RDONLY);
+  File(at("/a"), O_RDONLY);
+  std::vector<std::string> order;
+  for (const std::string& call : iFiles.calls()) {
+    for (const char* kind : {"forget /a", "open /a", "seed /a"}) {
+      if (call.compare(0, std::string(kind).size(), kind) == 0) order.emplace_back(kind);
+    }
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{"forget /a", "open /a", "seed /a", "forget /a", "open /a"}));
 }
 
 TEST_F(MountFilesTest, TruncatingAFileThatNobodyPreparedGoesWithItsOpen) {

@@ -76,6 +76,20 @@ TEST_F(MountTest, AVolumeUnmountedByHandEndsLikewise) {
   EXPECT_EQ(iFiles.countOf("drain"), 1u);
 }
 
+TEST_F(MountTest, AVolumesFolderThatIsALinkIsMountedInAndCleanedUp) {
+  TemporaryFolder other;
+  const std::string link = other.path() + "/Volumes";
+  std::filesystem::create_symlink(iVolumes.path(), link);
+  GMUserFileSystem::setVolumesFolder(link);
+  iFileSystem = std::make_unique<GMUserFileSystem>(&iFiles, true);
+  iFileSystem->mountAtPath(link + "/Test", {}, true, true);
+  iNotifications.waitFor(kDidMount);
+  EXPECT_TRUE(isMounted());
+  iFileSystem.reset();
+  EXPECT_FALSE(isMounted());
+  EXPECT_FALSE(std::filesystem::exists(mountPath()));
+}
+
 TEST_F(MountTest, UnmountOfWhatIsNotMountedPostsNothing) {
   iFileSystem = std::make_unique<GMUserFileSystem>(&iFiles, true);
   iFileSystem->unmount();
@@ -255,29 +269,21 @@ TEST_F(MountTest, WithoutADelegateEverythingFails) {
   EXPECT_TRUE(iFiles.calls().empty());
 }
 
-// A process that mounts and waits, as a helper does.
+// A process of its own that mounts and waits, as a helper does; -1 when it did not get to mount.
 pid_t startHelper(const std::string& volumes, const std::string& path) {
   int ready[2];
-  if (pipe(ready) != 0) return -1;
+  if (pipe2(ready, O_CLOEXEC) != 0) return -1;
   const pid_t child = fork();
-  if (child != 0) {
-    close(ready[1]);
-    char byte = 0;
-    const bool isReady = read(ready[0], &byte, 1) == 1;
-    close(ready[0]);
-    return isReady ? child : -1;
+  if (child == 0) {
+    dup2(ready[1], STDOUT_FILENO);
+    execl("/proc/self/exe", "test_userfs", "--helper", volumes.c_str(), path.c_str(), nullptr);
+    _exit(1);
   }
-  // In the child: only what a fresh program would do, on its one thread.
-  GMUserFileSystem::setVolumesFolder(volumes);
-  MemoryFileSystem files;
-  files.addFile("/from the helper", "x");
-  GMUserFileSystem fileSystem(&files, true);
-  int observer = 0;
-  NSNotificationCenter::defaultCenter().addObserver(&observer, kDidMount, [&](const NSNotification&) {
-    if (write(ready[1], "x", 1) != 1) _exit(1);
-  });
-  fileSystem.mountAtPath(path, {}, true, false);
-  _exit(0);
+  close(ready[1]);
+  char byte = 0;
+  const bool isReady = read(ready[0], &byte, 1) == 1;
+  close(ready[0]);
+  return isReady ? child : -1;
 }
 
 void killHelper(pid_t child) {
