@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +9,9 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "platform/userfs/KernelMount.h"
 #include "platform/userfs/MountPoint.h"
+#include "platform/userfs/PathMap.h"
 
 namespace ombra {
 
@@ -22,7 +23,7 @@ TemporaryFolder::TemporaryFolder() {
 TemporaryFolder::~TemporaryFolder() {
   // A mount that a failed test left must not be removed from within.
   for (const MountedVolume& volume : mountedVolumes()) {
-    if (volume.path.compare(0, iPath.size() + 1, iPath + "/") == 0) umount2(volume.path.c_str(), MNT_DETACH);
+    if (isAtOrBelow(volume.path, iPath)) KernelMount::detach(volume);
   }
   std::error_code ignored;
   std::filesystem::remove_all(iPath, ignored);
