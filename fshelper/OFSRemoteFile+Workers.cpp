@@ -47,7 +47,7 @@ void OFSRemoteFile::locked_giveUpWorkers() {
 }
 
 bool OFSRemoteFile::locked_beginWorker(Epoch epoch) {
-  while (iEpoch == epoch && iWorkers.front().epoch != epoch) iCondition.wait();
+  while (iEpoch == epoch && iWorkers.front().epoch != epoch) locked_wait();
   if (iEpoch == epoch) return true;
   locked_endWorker(epoch);
   return false;

@@ -87,7 +87,7 @@ class OFSRemoteFile final : public GMOpenFile,
   std::optional<std::vector<uint64_t>> streamWork() const EXCLUDES(iCondition);
   bool needsFlush() const EXCLUDES(iCondition);
   uint64_t bytesUploading() const EXCLUDES(iCondition);
-  // Callers (not workers) that wait on the condition at the moment.
+  // Threads that wait on the condition at the moment, except a stream that waits for data.
   size_t waiterCount() const EXCLUDES(iCondition);
 
   // Prepares the object: makes the cache file and, unless `mode` (InterfaceOpenFlags) creates or truncates,

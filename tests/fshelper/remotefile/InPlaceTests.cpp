@@ -135,6 +135,25 @@ TEST_F(InPlace, DoesNotRunBesideAWholeFileUpload) {
   EXPECT_EQ(onServer(), "AB234567YZ");
 }
 
+TEST_F(InPlace, WaitsForTheUploadWorkerOfAnEarlierWrite) {
+  server.setSupportsUploadByteOffset(false);
+  gStreamingSupported = false;
+  server.setChunkSize(1);
+  const auto hold = server.hold("uploadFileAtPath", kPath, 5);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123456789", 0), 10);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  server.setSupportsUploadByteOffset(true);
+  const size_t before = uploads().size();
+  auto writer = inBackground([this] { return write(*file, "XY", 4); });
+  waitForWaiters(*file, 1);
+  EXPECT_EQ(uploads().size(), before);
+  hold->release();
+  EXPECT_EQ(finish(writer), 2);
+  EXPECT_EQ(onServer(), "0123XY6789");
+  EXPECT_TRUE(file->isCovered());
+}
+
 using Truncating = RemoteFileTest;
 
 TEST_F(Truncating, CutsTheFileHereAndThere) {

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <future>
 
 #include "tests/fshelper/remotefile/RemoteFileFixture.h"
 
@@ -70,6 +71,36 @@ TEST_F(Ledger, IsCoveredByAStreamThatOverwritesTheWholeFileFrontToBack) {
   EXPECT_TRUE(file->synchronize(nullptr));
   EXPECT_EQ(onServer(), "abcdefghij");
   EXPECT_EQ(uploads(), 0u);
+}
+
+TEST_F(Ledger, KeepsAChangeThatTheRunningStreamHasNotGot) {
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123", 0), 4);
+  gStreamingSupported = false;
+  gUploadingSupported = false;
+  ASSERT_EQ(write(*file, "X", 1), 1);  // stays local
+  gStreamingSupported = true;
+  gUploadingSupported = true;
+  ASSERT_EQ(write(*file, "4567", 4), 4);
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0X234567") << "the stream was as long as the file and yet not the file";
+}
+
+TEST_F(Ledger, IsNotCoveredByAPassThatOnlySentWhatWasThereWhenItBegan) {
+  gStreamingSupported = false;
+  const auto hold = server.hold("uploadFileAtPath", kPath, kAtEnd);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  ASSERT_EQ(write(*file, "!", 5), 1);
+  server.fail("uploadFileAtPath", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  hold->release();
+  waitForState(*file, kOFSSettled);
+  ASSERT_EQ(uploads(), 2u);
+  EXPECT_EQ(onServer(), "hello");
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "hello!");
 }
 
 TEST_F(Ledger, KeepsWhatIsWrittenIntoTheTailOfAnEndingStream) {
@@ -278,6 +309,21 @@ TEST_F(Ledger, AbandonedWhileStreamingWaitsForTheStreamToEnd) {
   EXPECT_EQ(write(*file, " world", 5), 6);
   EXPECT_FALSE(server.exists(kPath)) << "the removed file must not come back";
   hold->release();
+}
+
+TEST_F(Ledger, AbandonedWaitsAlsoForAWorkerThatCannotBeToldToStop) {
+  file = createdFile();
+  std::promise<void> go;
+  calls.delayNextThread(go.get_future().share());
+  auto writer = inBackground([this] { return write(*file, "hello", 0); });
+  waitForWaiters(*file, 1);
+  auto abandoner = inBackground([this] { file->abandon(); });
+  EXPECT_EQ(finish(writer), 5);
+  waitForWaiters(*file, 1);
+  EXPECT_TRUE(isRunning(abandoner)) << "the worker could still make the file again";
+  go.set_value();
+  finish(abandoner);
+  EXPECT_EQ(streams(), 0u);
 }
 
 TEST_F(Ledger, AbandonedWhileAWriterWaitsLetsItSucceed) {

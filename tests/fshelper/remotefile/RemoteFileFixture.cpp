@@ -70,6 +70,11 @@ void BreakingLocalCalls::afterNextThread(std::function<void()> hook) {
   iThreadHook = std::move(hook);
 }
 
+void BreakingLocalCalls::delayNextThread(std::shared_future<void> go) {
+  const MutexLock lock(iLock);
+  iThreadDelay = std::move(go);
+}
+
 int BreakingLocalCalls::open(const char* path, int flags, mode_t mode) {
   if (breaks(Call::kOpen)) return -1;
   {
@@ -117,12 +122,21 @@ ssize_t BreakingLocalCalls::copyRange(int from, off_t* fromOffset, int to, off_t
 }
 
 bool BreakingLocalCalls::detachNewThread(std::function<void()> body) {
-  if (breaks(Call::kThread) || !OFSRemoteFileLocalCalls::detachNewThread(std::move(body))) return false;
+  if (breaks(Call::kThread)) return false;
   std::function<void()> hook;
+  std::shared_future<void> delay;
   {
     const MutexLock lock(iLock);
     hook = std::exchange(iThreadHook, nullptr);
+    delay = std::exchange(iThreadDelay, {});
   }
+  if (delay.valid()) {
+    body = [delay, inner = std::move(body)] {
+      delay.wait();
+      inner();
+    };
+  }
+  if (!OFSRemoteFileLocalCalls::detachNewThread(std::move(body))) return false;
   if (hook) hook();
   return true;
 }

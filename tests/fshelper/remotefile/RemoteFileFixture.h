@@ -45,6 +45,8 @@ class BreakingLocalCalls final : public OFSRemoteFileLocalCalls {
 
   // Called once, right after the next thread has been started, on the thread that started it.
   void afterNextThread(std::function<void()> hook) EXCLUDES(iLock);
+  // The next thread is started, but does nothing before `go` is ready.
+  void delayNextThread(std::shared_future<void> go) EXCLUDES(iLock);
 
   int open(const char* path, int flags, mode_t mode) override;
   std::shared_ptr<NSFileHandle> scratchHandle(int descriptor) override;
@@ -71,6 +73,7 @@ class BreakingLocalCalls final : public OFSRemoteFileLocalCalls {
   mutable Mutex iLock;
   std::map<Call, Failure> iFailures GUARDED_BY(iLock);
   std::function<void()> iThreadHook GUARDED_BY(iLock);
+  std::shared_future<void> iThreadDelay GUARDED_BY(iLock);
   int iLastFlags GUARDED_BY(iLock) = 0;
   mode_t iLastMode GUARDED_BY(iLock) = 0;
 };

@@ -1,5 +1,6 @@
 // Sequential writes to a server that cannot write at an offset.
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <future>
@@ -228,14 +229,18 @@ TEST_F(Streaming, IsNotGivenUpForAStaleErrorOfAnEarlierStream) {
   ASSERT_EQ(write(*file, "hello", 0), 5);
   waitForState(*file, kOFSSettled);
   ASSERT_NE(file->lastError(), nullptr);
-  const auto hold = server.hold("acquireConnection");
+  std::promise<void> go;
+  calls.delayNextThread(go.get_future().share());
   auto writer = inBackground([this] { return write(*file, "!", 5); });
-  // The writer has its connection, the new worker none yet: the old error must be gone all the same.
-  ASSERT_TRUE(hold->waitUntilHeld());
-  hold->release();
+  clock->waitForSleepers(1);
+  EXPECT_EQ(file->lastError(), nullptr) << "the new worker has not run yet, but this error is not its own";
+  // Wakes the writer, which looks at the error.
+  auto closer = inBackground([this] { file->close(); });
+  clock->waitForSleepers(2);
+  go.set_value();
   EXPECT_EQ(finish(writer), 1);
+  finish(closer);
   EXPECT_TRUE(gStreamingSupported);
-  file->close();
   EXPECT_EQ(onServer(), "hello!");
 }
 
@@ -400,6 +405,31 @@ TEST_F(Streaming, OfTwoWritersOneAfterTheOtherLosesNothing) {
   EXPECT_EQ(onServer(), "0123456789abcdefghij");
 }
 
+TEST_F(Streaming, ThatDiesWhileOneWriterWaitsAndAnotherCancelsLosesNothing) {
+  const auto hold = server.hold("streamBytesWithFilename", kPath, 4);
+  server.setStreamCapacity(4);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123", 0), 4);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  ASSERT_EQ(write(*file, "4567", 4), 4);
+  ASSERT_EQ(write(*file, "89ab", 8), 4);
+  auto first = inBackground([this] { return write(*file, "cdef", 12); });
+  waitForWaiters(*file, 1);
+  auto second = inBackground([this] { return write(*file, "XY", 1); });
+  waitForWaiters(*file, 2);
+  // Cancelled, so without an error, but before the queue was empty: the queue is gone when the first writer
+  // looks.
+  hold->releaseFailing(QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  EXPECT_EQ(finish(first), 4);
+  EXPECT_EQ(finish(second), 2);
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0XY3456789abcdef");
+  // Whoever came first: the first writer began again with the whole head before its bytes.
+  const auto sent = streams();
+  EXPECT_TRUE(
+      std::any_of(sent.begin(), sent.end(), [](const auto& one) { return one.bytes == "0XY3456789abcdef"; }));
+}
+
 TEST_F(Streaming, OfNothingSendsNothing) {
   file = downloadedFile("existing");
   EXPECT_EQ(write(*file, "", 0), 0);
@@ -490,7 +520,7 @@ TEST_F(Streaming, StartsItsNextWorkerOnlyWhenTheOneGivenUpHasEnded) {
   calls.afterNextThread([&] { starting.set_value(); });
   auto second = inBackground([this] { return write(*file, "4567", 4); });
   finish(started);
-  clock->waitForSleepers(1);
+  waitForWaiters(*file, 2);  // the writer, and the worker that waits for its predecessor
   EXPECT_TRUE(isRunning(second));
   EXPECT_EQ(server.count("streamBytesWithFilename"), 0u) << "it waits for its predecessor";
   goOn.set_value();

@@ -148,6 +148,23 @@ TEST_F(Uploading, IsCancelledByAWriteBeyondWhatIsRequired) {
                                     10));
 }
 
+TEST_F(Uploading, KeepsACancelMarkThatAnotherWriterSet) {
+  const auto hold = server.hold("uploadFileAtPath");
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123456789", 0), 10);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto elsewhere = inBackground([this] { return write(*file, "XY", 4); });
+  waitForWaiters(*file, 1);
+  auto atTheEnd = inBackground([this] { return write(*file, "ab", 10); });
+  waitForWaiters(*file, 2);
+  EXPECT_EQ(file->bytesRequired(), OFSRemoteFile::kCancelMark);
+  hold->release();
+  EXPECT_EQ(finish(elsewhere), 2);
+  EXPECT_EQ(finish(atTheEnd), 2);
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0123XY6789ab");
+}
+
 TEST_F(Uploading, OfAFirstWriteInTheMiddleSaysSoButHasNothingToCancel) {
   file = downloadedFile("0123456789");
   const TraceRecorder trace;
