@@ -86,7 +86,24 @@ TEST_F(Ledger, KeepsAChangeThatTheRunningStreamHasNotGot) {
   EXPECT_EQ(onServer(), "0X234567") << "the stream was as long as the file and yet not the file";
 }
 
-TEST_F(Ledger, IsNotCoveredByAPassThatOnlySentWhatWasThereWhenItBegan) {
+TEST_F(Ledger, IsCoveredByAPassOnlyAsFarAsItsSnapshotWent) {
+  gStreamingSupported = false;
+  const auto hold = server.hold("uploadFileAtPath");
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  gUploadingSupported = false;
+  ASSERT_EQ(write(*file, "!", 5), 1);  // asks for no further pass
+  hold->release();
+  waitForState(*file, kOFSSettled);
+  EXPECT_EQ(uploads(), 1u);
+  EXPECT_EQ(onServer(), "hello");
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "hello!");
+}
+
+TEST_F(Ledger, IsNotCoveredWhenALaterPassFails) {
   gStreamingSupported = false;
   const auto hold = server.hold("uploadFileAtPath", kPath, kAtEnd);
   file = createdFile();
