@@ -31,6 +31,11 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
 endif()
 add_compile_definitions(_FILE_OFFSET_BITS=64)
 
+find_program(OMBRA_LLD ld.lld)
+if(OMBRA_LLD)
+  add_link_options(-fuse-ld=lld)
+endif()
+
 if(OMBRA_SANITIZE)
   add_compile_options(-fsanitize=${OMBRA_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   add_link_options(-fsanitize=${OMBRA_SANITIZE})

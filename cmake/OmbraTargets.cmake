@@ -22,6 +22,8 @@ function(ombra_test name folder)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})
   target_link_libraries(${name} PRIVATE ${ARG_LINK} GTest::gmock GTest::gtest)
   target_precompile_headers(${name} PRIVATE <gtest/gtest.h> <gmock/gmock.h>)
+  # Compiled once and run for seconds: optimising the tests themselves costs more than it gives.
+  target_compile_options(${name} PRIVATE -O0)
   add_test(NAME ${name} COMMAND ${name})
   if(NOT ARG_TIMEOUT)
     set(ARG_TIMEOUT 120)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <system_error>
 #include <thread>
 
 #include "fshelper/OFSTracing.h"
@@ -142,17 +143,39 @@ std::vector<GMUndelivered> OmbraFileSystem::drainAll() {
   return deliverAll(unsent);
 }
 
+// As `deliver`; whatever goes wrong on the way, the file is named among those that were not stored.
+std::optional<GMUndelivered> OmbraFileSystem::deliverWithoutRaising(
+    const std::shared_ptr<OFSRemoteFile>& file) {
+  try {
+    return deliver(file);
+  } catch (const std::exception& exception) {
+    NSLog("storing {} failed: {}", file->remotePath(), exception.what());
+    return GMUndelivered{
+        pathForRemotePath(file->remotePath()), "",
+        NSError::errorWithDomain(NSPOSIXErrorDomain, kEIO,
+                                 {{std::string(NSLocalizedDescriptionKey), exception.what()}})};
+  }
+}
+
 // Several at a time, so that one slow file does not keep the others waiting.
 std::vector<GMUndelivered> OmbraFileSystem::deliverAll(
     const std::vector<std::shared_ptr<OFSRemoteFile>>& files) {
   std::vector<std::optional<GMUndelivered>> results(files.size());
   std::atomic<size_t> next{0};
   const auto work = [this, &files, &results, &next] {
-    for (size_t index = next++; index < files.size(); index = next++) results[index] = deliver(files[index]);
+    for (size_t index = next++; index < files.size(); index = next++) {
+      results[index] = deliverWithoutRaising(files[index]);
+    }
   };
   {
     std::vector<std::jthread> workers;
-    for (size_t count = 1; count < std::min(kDrainThreads, files.size()); ++count) workers.emplace_back(work);
+    try {
+      for (size_t count = 1; count < std::min(kDrainThreads, files.size()); ++count)
+        workers.emplace_back(work);
+    } catch (const std::system_error& error) {
+      // Fewer threads only take longer: this one works as well.
+      NSLog("no further thread for what is to be stored: {}", error.what());
+    }
     work();
   }
   std::vector<GMUndelivered> undelivered;

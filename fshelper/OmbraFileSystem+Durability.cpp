@@ -1,4 +1,4 @@
-// What programs rely on beyond the required operations: whole files on the server, attributes without
+// What programs on this system rely on besides: whole files on the server, attributes without
 // content, removal and moves of open files.
 #include <sys/stat.h>
 

@@ -76,7 +76,10 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
   }
   // A failure counts as a fetch as well: until the listing is due again, what was known is answered. But a
   // listing that left the server before a change made here is out of date already.
-  folder->setExpired(merge.endFetch());
+  // Cleared first: a change that is noted
+  // meanwhile sets the flag after its note, so that no order of the two loses it.
+  folder->setExpired(false);
+  if (merge.endFetch()) folder->setExpired(true);
   folder->setUserProperty(NSDate::date(), kOFSExpirationDate);
   if (!isListed) return std::nullopt;
   if (merge.hasNews()) invalidateDirectory(path);

@@ -118,9 +118,12 @@ std::optional<uint64_t> OmbraFileSystem::Merge::sizeOfItem(const std::string& pa
   const auto [listing, isNew] = iOutside.try_emplace(parent);
   if (isNew) {
     std::vector<Node> nodes;
-    if (iConnection->contentsAtPath(parent, &nodes, nullptr)) {
-      for (const Node& node : nodes) listing->second.emplace(node->filename(), node->size());
+    if (!iConnection->contentsAtPath(parent, &nodes, nullptr)) {
+      // Not remembered: the next link into that folder may find it readable again.
+      iOutside.erase(listing);
+      return std::nullopt;
     }
+    for (const Node& node : nodes) listing->second.emplace(node->filename(), node->size());
   }
   const auto found = listing->second.find(lastPathComponent(path));
   return found == listing->second.end() ? std::nullopt : found->second;

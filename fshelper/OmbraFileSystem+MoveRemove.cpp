@@ -170,7 +170,7 @@ void setMovedPath(KCRemoteFileNode& node, const std::string& remotePath) {
 }  // namespace
 
 // Here an entry of the new name that is still in the set stays, and the moved node then is not added: only
-// moves between folders take such an entry out. The difference is required.
+// moves between folders take such an entry out.
 void OmbraFileSystem::repairTreeAfterRename(KCNode& parent, std::string_view name,
                                             const std::string& remotePath) {
   RecursiveMutexLock lock(parent.objectLock());

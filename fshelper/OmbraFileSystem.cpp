@@ -11,6 +11,10 @@ namespace ombra {
 OmbraFileSystem::OmbraFileSystem() : iMountDate(NSDate::date()) {}
 
 OmbraFileSystem::~OmbraFileSystem() {
+  // The pool's sessions may have a last word to write: they go before the stream does.
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  if (pool != nullptr) pool->setTranscriptDelegate(nullptr);
+  iTranscriptLog.store(nullptr);
   for (std::FILE* log : iTranscriptLogs) std::fclose(log);
 }
 
@@ -87,6 +91,7 @@ void OmbraFileSystem::willMount() {
     setRootNode(KCRemoteFolderNode::folderNodeWithPath(
         stringByAppendingPathComponent(rootPath(), components[1]), credentials()));
     components.erase(components.begin() + 1);
+    components.front() = "/";
     setInitialPath(pathWithComponents(components));
     isListed = contentsOfDirectoryAtPath("/", &error).has_value();
   }

@@ -237,6 +237,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   bool dropFromNode(const OFSNodeFileTable::Entry& entry);
   std::string recoveredPathForPath(std::string_view path) const;
   std::optional<GMUndelivered> deliver(const std::shared_ptr<OFSRemoteFile>& file);
+  std::optional<GMUndelivered> deliverWithoutRaising(const std::shared_ptr<OFSRemoteFile>& file);
   std::vector<GMUndelivered> deliverAll(const std::vector<std::shared_ptr<OFSRemoteFile>>& files);
 
   const NSDate iMountDate;

@@ -8,7 +8,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -21,6 +20,8 @@
 namespace ombra {
 
 namespace {
+
+constexpr double kSecondsBetweenCalls = 0.002;
 
 // The session whose request this thread answers; null on threads that only give word to the kernel.
 thread_local FuseSession* tAnswering = nullptr;
@@ -242,16 +243,19 @@ bool FuseSession::waitUntilQuiet(NSDate limit) {
   return true;
 }
 
-bool FuseSession::callWaitingThreads() {
+// A signal that comes just before the read is lost, so it is sent again until nobody waits any more. In
+// between the lock is free: the threads need it to say that they have come back.
+void FuseSession::callWaitingThreads() {
   ConditionLock lock(iCondition);
-  for (const pthread_t thread : iWaiting) pthread_kill(thread, wakeUpSignal());
-  return !iWaiting.empty();
+  while (!iWaiting.empty()) {
+    for (const pthread_t thread : iWaiting) pthread_kill(thread, wakeUpSignal());
+    iCondition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(kSecondsBetweenCalls));
+  }
 }
 
 void FuseSession::abort() {
   end();
-  // A signal that comes just before the read is lost, so it is sent until nobody waits any more.
-  while (callWaitingThreads()) std::this_thread::yield();
+  callWaitingThreads();
   // Threads that are still in the delegate will write their replies to this number, so it is not closed but
   // pointed elsewhere. The kernel ends the connection with the last reference to the device.
   const int nowhere = ::open("/dev/null", O_RDWR | O_CLOEXEC);

@@ -75,8 +75,8 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   bool receive(fuse_buf* buffer, int* result) EXCLUDES(iCondition);
   void process(const fuse_buf& buffer);
   void end();
-  // False when no thread waits for the kernel any more.
-  bool callWaitingThreads() EXCLUDES(iCondition);
+  // Makes every thread that waits for the kernel come back, and returns when none waits any more.
+  void callWaitingThreads() EXCLUDES(iCondition);
 
   const std::shared_ptr<Volume> iVolume;
   const size_t iMaximumThreads;

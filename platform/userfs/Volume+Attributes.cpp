@@ -97,7 +97,7 @@ int Volume::changeItem(const std::string& path, const std::shared_ptr<OpenItem>&
   if (type == NSFileTypeValue::NSFileTypeSymbolicLink) return 0;
   NSErrorRef error;
   GMUserFileSystemDurability* durability = this->durability();
-  if (durability != nullptr && item == nullptr && type == NSFileTypeValue::NSFileTypeRegular) {
+  if (durability != nullptr && item == nullptr && type.has_value()) {
     return durability->changeAttributesWithoutContent(attributes, path, &error) ? 0 : failure(error);
   }
   const GMUserData userData = item != nullptr ? item->userData() : nullptr;

@@ -99,7 +99,7 @@ TEST_F(Login, BadInputGetsAClearMessageAndLeavesNothing) {
       {"mount sftp://host:99999/x", 2, "99999"},
       {"mount " + key + here + "1/x --accept-new", 1, "127.0.0.1"},
       {"mount " + key + "sftp://host.invalid/x --accept-new", 1, "host.invalid"},
-      {"mount --identity " + shellWord(user->home() + "/missing") + " " + shellWord(url(data())), 1,
+      {"mount --identity " + shellWord(user->home() + "/missing") + " " + shellWord(url(data())), 2,
        "missing"},
       {"mount --identity " + shellWord(user->home() + "/wrong") + " " + shellWord(url(data())), 2,
        "no private key"},

@@ -78,12 +78,12 @@ TEST_F(MountAttributesTest, AnOpenFileIsChangedThroughItsOpenFileObject) {
   EXPECT_EQ(iFiles.countOf("setAttributes /a {NSFilePosixPermissions=0640} open"), 1u);
 }
 
-TEST_F(MountAttributesTest, AFolderIsChangedByTheDelegate) {
+TEST_F(MountAttributesTest, AFoldersModeShowsAtOnce) {
   iFiles.addFolder("/folder");
   mount();
   EXPECT_EQ(changeMode("/folder", 0700), 0);
   EXPECT_EQ(iFiles.itemAt("/folder")->permissions, 0700);
-  EXPECT_EQ(iFiles.countOf("setAttributes /folder"), 1u);
+  EXPECT_EQ(iFiles.countOf("changeWithoutContent /folder"), 1u);
 }
 
 TEST_F(MountAttributesTest, DatesOfALinkAreTakenAndKeptNowhere) {

@@ -1,4 +1,4 @@
-// What programs rely on beyond the required operations.
+// What programs on this system rely on: whole files on the server, and honest answers about them.
 #include "fshelper/OFSRemoteFile.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
@@ -147,7 +147,7 @@ TEST_F(Durability, NothingToChangeAsksNoServer) {
   EXPECT_THAT(server.callTexts(), IsEmpty());
 }
 
-TEST_F(Durability, AFoldersModeGoesTheRequiredWayAndShowsOnTheNode) {
+TEST_F(Durability, AFoldersModeIsSetOnTheServerAndShowsOnTheNode) {
   NSFileAttributes attributes = withMode(0700);
   attributes.modificationDate = withDate(1234).modificationDate;
   EXPECT_TRUE(change(attributes, "/folder"));

@@ -217,7 +217,7 @@ TEST_F(StaleEntry, StaysInARenameWithinOneFolder) {
   EXPECT_EQ(fileSystem._nodeForPath("/c.txt"), stale);
 }
 
-// Beyond the required: what hangs below a moved folder.
+// What hangs below a moved folder.
 class MovedFolder : public Move {
  protected:
   MovedFolder() {
