@@ -20,7 +20,7 @@ class SUUpdater {
   const void* delegate() const { return iDelegate; }
   void setAutomaticallyDownloadsUpdates(bool downloads) { iDownloads = downloads; }
   bool automaticallyDownloadsUpdates() const { return iDownloads; }
-  // Switching this on with the feed in place is what starts the daily check.
+  // Only says whether this copy has a feed; this build fetches nothing.
   void setAutomaticallyChecksForUpdates(bool checks);
   bool automaticallyChecksForUpdates() const { return iChecks; }
 
