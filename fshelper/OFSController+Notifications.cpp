@@ -34,6 +34,10 @@ void OFSController::didMount(const NSNotification& notification) {
 }
 
 void OFSController::didUnmount(const NSNotification& notification) {
+  if (beginEnding()) endProcess(notification);
+}
+
+void OFSController::endProcess(const NSNotification& notification) {
   announceUndelivered(notification);
   post("OFSDidUnmount", NSDictionary::dictionaryWithObjectsAndKeys({{"volumeName", volumeName()},
                                                                     {"mountPath", mountPath()},
@@ -64,7 +68,9 @@ void OFSController::announceUndelivered(const NSNotification& notification) {
   post("OFSUndelivered", std::move(userInfo));
 }
 
+// A signal may end the start just when it fails by itself: only one of the two tells of it.
 void OFSController::mountFailed(const NSNotification& notification) {
+  if (!beginEnding()) return;
   const NSDictionary details = notification.userInfo.value_or(NSDictionary());
   NSDictionary userInfo = NSDictionary::dictionaryWithObjectsAndKeys(
       {{"volumeName", volumeName()},
@@ -78,7 +84,7 @@ void OFSController::mountFailed(const NSNotification& notification) {
   }
   post("OFSMountFailed", std::move(userInfo));
   if (const std::shared_ptr<OFSMount> mount = fileSystem()) mount->unmount();
-  didUnmount(notification);
+  endProcess(notification);
 }
 
 void OFSController::invalidateDirectoryCache(const NSNotification& notification) {

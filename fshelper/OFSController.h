@@ -1,6 +1,7 @@
 // The application: starts one mount, tells the front end what becomes of it, and ends with it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -63,7 +64,8 @@ class OFSController final : public NSApplication, public OFSMountPathSource {
   bool obtainLockForPassthroughWithFileSystem(OmbraFileSystem& fileSystem, const std::string& mountPath,
                                               NSErrorRef* error);
 
-  // Of the framework: the volume is there; it is gone; it could not be mounted.
+  // Of the framework: the volume is there; it is gone; it could not be mounted. The last two end the process;
+  // once one of them has begun to, each is without effect, on any thread.
   void didMount(const NSNotification& notification);
   void didUnmount(const NSNotification& notification);
   void mountFailed(const NSNotification& notification);
@@ -103,6 +105,9 @@ class OFSController final : public NSApplication, public OFSMountPathSource {
   void openConsoleLog(const std::string& path);
   void addRedirectOptions();
   void failStart(const NSErrorRef& error);
+  // Whether the caller is the one that ends the process: true for the first to ask, on whichever thread.
+  bool beginEnding() { return !iEnding.exchange(true); }
+  void endProcess(const NSNotification& notification);
   void announceUndelivered(const NSNotification& notification);
   void expireFolder(OmbraFileSystem& fileSystem, const std::string& path, const std::string& mountPath);
   std::optional<std::string> address() const;
@@ -117,6 +122,8 @@ class OFSController final : public NSApplication, public OFSMountPathSource {
   std::optional<std::string> iIconPath;
   std::string iMountPoint;
   std::vector<std::string> iOptions;
+
+  std::atomic<bool> iEnding{false};
 
   mutable Mutex iLock;
   State iState GUARDED_BY(iLock) = State::kStarting;

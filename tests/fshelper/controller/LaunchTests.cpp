@@ -235,7 +235,7 @@ TEST_F(Launch, AnExceptionWhileFetchingLeavesTheStart) {
 }
 
 TEST_F(Launch, AStartThatRaisedIsAnnouncedWithItsReason) {
-  launch({"--uuid=" + std::string(kName), "--name=Work"});
+  launch(arguments());
   const size_t before = center.posted().size();
   EXPECT_EQ(statusOf([this] { controller->launchDidRaise("read failed, errno = 104"); }), 0);
   const std::vector<NSNotification> all = center.posted();
