@@ -21,9 +21,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
 endif()
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor ${OMBRA_OVERLOADED_VIRTUAL} -Wcast-qual -Werror)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # g++ 12 takes some inlined strings and optionals of its own library for overlapping or uninitialised, and designated
-  # initialisers that leave out defaulted members for mistakes.
-  add_compile_options(-Wno-restrict -Wno-maybe-uninitialized -Wno-missing-field-initializers)
+  # g++ 12 takes some inlined strings and optionals of its own library for overlapping, too long or uninitialised,
+  # and designated initialisers that leave out defaulted members for mistakes.
+  add_compile_options(-Wno-restrict -Wno-stringop-overflow -Wno-array-bounds -Wno-maybe-uninitialized
+                      -Wno-missing-field-initializers)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # A lock that is not held where the annotations ask for it is a compile error.

@@ -1,3 +1,11 @@
+# What nearly every source includes, parsed once per target: a clean build takes half the time with it. Sources include
+# what they use all the same, so that they compile without it.
+function(ombra_precompile target)
+  target_precompile_headers(${target} PRIVATE
+    <algorithm> <atomic> <cerrno> <chrono> <cstdint> <cstring> <functional> <map> <memory> <optional> <set> <string>
+    <string_view> <thread> <utility> <vector> <fmt/format.h> <fcntl.h> <sys/stat.h> <unistd.h>)
+endfunction()
+
 # One library per folder. Sources are picked up from the folder, so that a new file needs no change here.
 # ombra_library(NAME [LINK targets...])
 function(ombra_library name)
@@ -5,7 +13,8 @@ function(ombra_library name)
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
   add_library(${name} STATIC ${sources} ${PROJECT_SOURCE_DIR}/cmake/empty.cpp)
   target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
-  target_link_libraries(${name} PUBLIC ${ARG_LINK})
+  target_link_libraries(${name} PUBLIC ${ARG_LINK} fmt::fmt)
+  ombra_precompile(${name})
   # The reason of a hard failure names its source file: below the tree, not where the tree happens to be.
   target_compile_options(${name} PRIVATE -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 endfunction()

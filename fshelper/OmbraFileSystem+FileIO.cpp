@@ -6,7 +6,7 @@ namespace ombra {
 
 namespace {
 
-OFSRemoteFile* fileOf(const GMUserData& userData) { return dynamic_cast<OFSRemoteFile*>(userData.get()); }
+OFSRemoteFile* openedFile(const GMUserData& userData) { return dynamic_cast<OFSRemoteFile*>(userData.get()); }
 
 }  // namespace
 
@@ -30,7 +30,7 @@ bool OmbraFileSystem::openFileAtPath(OptionalPath path, int mode, GMUserData* us
 int OmbraFileSystem::readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size,
                                     int64_t offset, NSErrorRef* error) {
   OFS_TRACE("-[OmbraFileSystem readFileAtPath:userData:buffer:size:offset:error:]", "{}", ofs_describe(path));
-  OFSRemoteFile* file = fileOf(userData);
+  OFSRemoteFile* file = openedFile(userData);
   return file == nullptr ? 0 : file->_readToBuffer(buffer, size, offset, error);
 }
 
@@ -38,7 +38,7 @@ int OmbraFileSystem::writeFileAtPath(OptionalPath path, const GMUserData& userDa
                                      size_t size, int64_t offset, NSErrorRef* error) {
   OFS_TRACE("-[OmbraFileSystem writeFileAtPath:userData:buffer:size:offset:error:]", "{}",
             ofs_describe(path));
-  OFSRemoteFile* file = fileOf(userData);
+  OFSRemoteFile* file = openedFile(userData);
   const int written = file == nullptr ? 0 : file->_writeFromBuffer(buffer, size, offset, error);
   if (written > 0) {
     updateNode(path, *file);
@@ -62,7 +62,7 @@ bool OmbraFileSystem::truncateFileAtPath(OptionalPath path, const GMUserData& us
     OFS_FAIL(error, kENOENT);
     return false;
   }
-  OFSRemoteFile* handle = fileOf(userData);
+  OFSRemoteFile* handle = openedFile(userData);
   if (handle != nullptr) {
     if (handle->_truncateToOffset(offset, error)) updateNode(path, *handle);
     return true;
@@ -75,7 +75,7 @@ bool OmbraFileSystem::truncateFileAtPath(OptionalPath path, const GMUserData& us
 
 void OmbraFileSystem::releaseFileAtPath(OptionalPath path, const GMUserData& userData) {
   OFS_TRACE("-[OmbraFileSystem releaseFileAtPath:userData:]", "{}", ofs_describe(path));
-  OFSRemoteFile* file = fileOf(userData);
+  OFSRemoteFile* file = openedFile(userData);
   if (file == nullptr) return;
   // Ended also when the last upload raises; what it raises leaves this operation.
   struct EndOfUse {

@@ -5,6 +5,9 @@
 
 namespace ombra {
 
+// Of a mode: what may be set, without the type of the file.
+inline constexpr uint16_t kPermissionBits = 07777;
+
 class FilePermissions {
  public:
   explicit constexpr FilePermissions(uint16_t mode) : iMode(mode) {}

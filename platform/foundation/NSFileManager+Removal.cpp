@@ -1,5 +1,4 @@
 // Removing whole folders without ever leaving them.
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,18 +6,15 @@
 #include <cerrno>
 #include <memory>
 
+#include "platform/foundation/DirectoryStream.h"
 #include "platform/foundation/NSFileManager.h"
 
 namespace ombra {
 namespace {
 
-struct DirectoryCloser {
-  void operator()(DIR* folder) const { ::closedir(folder); }
-};
-
 // A folder that is being emptied, and its name in the folder above.
 struct OpenFolder {
-  std::unique_ptr<DIR, DirectoryCloser> stream;
+  DirectoryStream stream;
   std::string name;
   int descriptor() const { return ::dirfd(stream.get()); }
 };
@@ -60,7 +56,7 @@ class TreeRemover {
       errno = reason;
       return false;
     }
-    iOpen.push_back({std::unique_ptr<DIR, DirectoryCloser>(stream), name});
+    iOpen.push_back({DirectoryStream(stream), name});
     return true;
   }
 

@@ -1,6 +1,5 @@
 #include "platform/foundation/NSFileManager.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
@@ -12,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "platform/foundation/DirectoryStream.h"
 #include "platform/foundation/KCStringAdditions.h"
 
 namespace ombra {
@@ -22,11 +22,6 @@ constexpr size_t kAccountBufferSize = 16384;
 void storeErrno(NSErrorRef* slot, int errorNumber, std::string_view path) {
   storeError(slot, NSError::errorWithDomain(NSPOSIXErrorDomain, errorNumber, {{"NSFilePath", path}}));
 }
-
-struct DirectoryCloser {
-  void operator()(DIR* folder) const { ::closedir(folder); }
-};
-using Directory = std::unique_ptr<DIR, DirectoryCloser>;
 
 bool isDotOrDotDot(std::string_view name) { return name == "." || name == ".."; }
 
@@ -67,7 +62,7 @@ bool NSFileManager::fileExistsAtPath(const std::string& path) {
 
 std::optional<std::vector<std::string>> NSFileManager::contentsOfDirectoryAtPath(const std::string& path,
                                                                                  NSErrorRef* error) {
-  const Directory folder(::opendir(path.c_str()));
+  const DirectoryStream folder(::opendir(path.c_str()));
   if (folder == nullptr) {
     storeErrno(error, errno, path);
     return std::nullopt;

@@ -11,11 +11,11 @@
 namespace ombra {
 
 pid_t processOfThread(pid_t thread) {
-  const int file = open(("/proc/" + std::to_string(thread) + "/status").c_str(), O_RDONLY | O_CLOEXEC);
+  const int file = ::open(("/proc/" + std::to_string(thread) + "/status").c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) return thread;
   std::array<char, 1024> buffer{};
-  const ssize_t got = read(file, buffer.data(), buffer.size());
-  close(file);
+  const ssize_t got = ::read(file, buffer.data(), buffer.size());
+  ::close(file);
   if (got <= 0) return thread;
   constexpr std::string_view kKey = "\nTgid:\t";
   const std::string_view text(buffer.data(), static_cast<size_t>(got));

@@ -6,14 +6,13 @@
 #include <array>
 #include <cerrno>
 
+#include "remote/FilePermissions.h"
 #include "remote/QuarnKitError.h"
 #include "remote/local/LocalErrors.h"
 #include "remote/local/LocalSession.h"
 
 namespace ombra {
 namespace {
-
-constexpr mode_t kPermissionBits = 07777;
 
 bool answer(int result, std::string_view path, NSErrorRef* error) {
   if (result == 0) return true;

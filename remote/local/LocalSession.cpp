@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "remote/FilePermissions.h"
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
 #include "remote/local/LocalErrors.h"
@@ -17,8 +18,6 @@
 
 namespace ombra {
 namespace {
-
-constexpr mode_t kPermissionBits = 07777;
 
 std::optional<std::string> homeFolder(const std::string& user) {
   passwd entry{};

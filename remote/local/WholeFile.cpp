@@ -8,6 +8,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "remote/FilePermissions.h"
 #include "remote/KCUUID.h"
 #include "remote/local/LocalErrors.h"
 
@@ -16,7 +17,6 @@ namespace {
 
 constexpr std::string_view kTemporaryPrefix = ".ombra-upload-";
 constexpr size_t kUUIDLength = 36;
-constexpr mode_t kPermissionBits = 07777;
 
 // Where the link leads, so that the link itself is not replaced. A dangling one leads to a file to be made.
 std::string followLinks(const std::string& path) {

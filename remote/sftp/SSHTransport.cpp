@@ -24,6 +24,18 @@ constexpr size_t kWritePerExchange = 256 * 1024;
 constexpr size_t kMostEarlyBytes = 64 * 1024;
 constexpr uint32_t kWindow = kSFTPTransferWindowBytes;
 
+bool isAcceptedFingerprint(const std::string& accepted, const std::string& shown) {
+  std::istringstream words(accepted);
+  for (std::string word; words >> word;) {
+    if (word == shown) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+namespace ssh_transport {
+
 // Memory that is never touched: libssh grows a channel's window to what a read asks for, and a read needs a
 // place.
 class UntouchedSpace {
@@ -42,15 +54,7 @@ class UntouchedSpace {
   void* const iPlace;
 };
 
-bool isAcceptedFingerprint(const std::string& accepted, const std::string& shown) {
-  std::istringstream words(accepted);
-  for (std::string word; words >> word;) {
-    if (word == shown) return true;
-  }
-  return false;
-}
-
-}  // namespace
+}  // namespace ssh_transport
 
 class SSHTransport::Connection {
  public:
@@ -82,7 +86,7 @@ class SSHTransport::Connection {
   ssh_event iEvent = nullptr;
   ssh_channel_callbacks_struct iCallbacks = {};
   ssh_counter_struct iSocketCounter = {};
-  UntouchedSpace iSpace;
+  ssh_transport::UntouchedSpace iSpace;
   Receiver* iReceiver = nullptr;
   std::vector<std::byte> iEarly;  // what came before anybody listened
   uint64_t iArrived = 0;

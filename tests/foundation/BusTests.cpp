@@ -71,6 +71,7 @@ class DistributedNotifications : public testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(iBus.listens()) << "dbus-daemon does not start; is the package dbus installed?";
+    RunLoop::mainRunLoop().runOnce(0);  // a loop that has ended takes no work until it runs again
   }
   void TearDown() override {
     center().removeObserver(this);

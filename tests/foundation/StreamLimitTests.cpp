@@ -1,10 +1,10 @@
 #include "platform/foundation/NSUnarchiver.h"
+#include "tests/foundation/StreamVectors.h"
 #include "tests/foundation/TestSupport.h"
 
 namespace ombra {
 namespace {
 
-constexpr const char* kHeader = "040b73747265616d747970656481e803";
 constexpr const char* kClassA = "848401410085";  // the class "A" without a superclass, new
 
 NSData bytes(const std::string& hex) { return fromHex(kHeader + hex); }
@@ -14,7 +14,7 @@ void append(NSData& data, const std::string& hex) {
   data.insert(data.end(), more.begin(), more.end());
 }
 
-std::string refusal(const NSData& data) {
+std::string refusedBecause(const NSData& data) {
   std::string reason;
   const auto stream = NSUnarchiver::unarchiveGroups(data, &reason);
   EXPECT_FALSE(stream);
@@ -49,8 +49,8 @@ NSData nestedObjects(size_t levels) {
 
 TEST(StreamLimits, NestedObjects) {
   EXPECT_TRUE(accepted(nestedObjects(64)));
-  EXPECT_THAT(refusal(nestedObjects(65)), testing::HasSubstr("nested too deeply"));
-  EXPECT_THAT(refusal(nestedObjects(3000)), testing::HasSubstr("nested too deeply"));
+  EXPECT_THAT(refusedBecause(nestedObjects(65)), testing::HasSubstr("nested too deeply"));
+  EXPECT_THAT(refusedBecause(nestedObjects(3000)), testing::HasSubstr("nested too deeply"));
 }
 
 NSData classChain(size_t length) {
@@ -66,8 +66,8 @@ NSData classChain(size_t length) {
 
 TEST(StreamLimits, Superclasses) {
   EXPECT_TRUE(accepted(classChain(32)));
-  EXPECT_THAT(refusal(classChain(33)), testing::HasSubstr("too many superclasses"));
-  EXPECT_THAT(refusal(classChain(3000)), testing::HasSubstr("too many superclasses"));
+  EXPECT_THAT(refusedBecause(classChain(33)), testing::HasSubstr("too many superclasses"));
+  EXPECT_THAT(refusedBecause(classChain(3000)), testing::HasSubstr("too many superclasses"));
 }
 
 TEST(StreamLimits, SuperclassesOfAChainInPieces) {
@@ -82,7 +82,7 @@ TEST(StreamLimits, SuperclassesOfAChainInPieces) {
     return data;
   };
   EXPECT_TRUE(accepted(pieces(12)));
-  EXPECT_THAT(refusal(pieces(13)), testing::HasSubstr("too many superclasses"));
+  EXPECT_THAT(refusedBecause(pieces(13)), testing::HasSubstr("too many superclasses"));
 }
 
 NSData encoded(const std::string& encoding, const std::string& values) {
@@ -101,22 +101,23 @@ NSData encoded(const std::string& encoding, const std::string& values) {
 TEST(StreamLimits, BracketsInAnEncoding) {
   const auto nested = [](size_t depth) { return repeated("{", depth) + "i" + repeated("}", depth); };
   EXPECT_TRUE(accepted(encoded(nested(16), "05")));
-  EXPECT_THAT(refusal(encoded(nested(17), "05")), testing::HasSubstr("type encoding is malformed"));
-  EXPECT_THAT(refusal(encoded(nested(3000), "05")), testing::HasSubstr("type encoding is malformed"));
-  EXPECT_THAT(refusal(encoded(repeated("[1", 3000) + "i" + repeated("]", 3000), "05")),
+  EXPECT_THAT(refusedBecause(encoded(nested(17), "05")), testing::HasSubstr("type encoding is malformed"));
+  EXPECT_THAT(refusedBecause(encoded(nested(3000), "05")), testing::HasSubstr("type encoding is malformed"));
+  EXPECT_THAT(refusedBecause(encoded(repeated("[1", 3000) + "i" + repeated("]", 3000), "05")),
               testing::HasSubstr("type encoding is malformed"));
 }
 
 TEST(StreamLimits, LengthOfAnEncoding) {
   EXPECT_TRUE(accepted(encoded(std::string(512, 'c'), std::string(1024, '0'))));
-  EXPECT_THAT(refusal(encoded(std::string(513, 'c'), std::string(1026, '0'))),
+  EXPECT_THAT(refusedBecause(encoded(std::string(513, 'c'), std::string(1026, '0'))),
               testing::HasSubstr("type encoding"));
 }
 
 TEST(StreamLimits, ArraysLongerThanTheData) {
-  EXPECT_THAT(refusal(encoded("[99c]", "00")), testing::HasSubstr("longer than the archive"));
-  EXPECT_THAT(refusal(encoded("[4294967296[4294967296c]]", "00")), testing::HasSubstr("type encoding"));
-  EXPECT_THAT(refusal(encoded("[99999999{}]", "")), testing::HasSubstr("an array of nothing"));
+  EXPECT_THAT(refusedBecause(encoded("[99c]", "00")), testing::HasSubstr("longer than the archive"));
+  EXPECT_THAT(refusedBecause(encoded("[4294967296[4294967296c]]", "00")),
+              testing::HasSubstr("type encoding"));
+  EXPECT_THAT(refusedBecause(encoded("[99999999{}]", "")), testing::HasSubstr("an array of nothing"));
   EXPECT_TRUE(accepted(encoded("[1{}]", "")));
   EXPECT_TRUE(accepted(encoded("[0i]", "")));
 }
@@ -126,7 +127,7 @@ TEST(StreamLimits, SizeOfTheArchive) {
   const NSData begin = bytes("84");
   std::copy(begin.begin(), begin.end(), data.begin());
   data.push_back(0);
-  EXPECT_THAT(refusal(data), testing::HasSubstr("too large"));
+  EXPECT_THAT(refusedBecause(data), testing::HasSubstr("too large"));
 }
 
 TEST(StreamLimits, Objects) {
@@ -136,7 +137,7 @@ TEST(StreamLimits, Objects) {
     return data;
   };
   EXPECT_TRUE(accepted(objects(99999)));  // and one class
-  EXPECT_THAT(refusal(objects(100000)), testing::HasSubstr("too many objects"));
+  EXPECT_THAT(refusedBecause(objects(100000)), testing::HasSubstr("too many objects"));
 }
 
 TEST(StreamLimits, SharedTexts) {
@@ -146,7 +147,7 @@ TEST(StreamLimits, SharedTexts) {
     return data;
   };
   EXPECT_TRUE(accepted(texts(16383)));  // and the encoding
-  EXPECT_THAT(refusal(texts(16384)), testing::HasSubstr("too many texts"));
+  EXPECT_THAT(refusedBecause(texts(16384)), testing::HasSubstr("too many texts"));
 }
 
 TEST(StreamLimits, Groups) {
@@ -156,14 +157,14 @@ TEST(StreamLimits, Groups) {
     return data;
   };
   EXPECT_TRUE(accepted(groups(500000)));
-  EXPECT_THAT(refusal(groups(500001)), testing::HasSubstr("too many groups"));
+  EXPECT_THAT(refusedBecause(groups(500001)), testing::HasSubstr("too many groups"));
 }
 
 TEST(StreamLimits, ValuesWithoutBytes) {
   // One byte per group stands for 256 empty structures.
   NSData data = encoded(repeated("{}", 256), "");
   data.insert(data.end(), 100000, 0x92);
-  EXPECT_THAT(refusal(data), testing::HasSubstr("too many values"));
+  EXPECT_THAT(refusedBecause(data), testing::HasSubstr("too many values"));
 }
 
 TEST(StreamLimits, RepetitionsOfALongText) {
@@ -174,7 +175,7 @@ TEST(StreamLimits, RepetitionsOfALongText) {
                         "20a10700");
   data.insert(data.end(), 500000, 'x');
   data.insert(data.end(), 1000, 0x93);
-  EXPECT_THAT(refusal(data), testing::HasSubstr("repeated too often"));
+  EXPECT_THAT(refusedBecause(data), testing::HasSubstr("repeated too often"));
 }
 
 TEST(StreamLimits, RepetitionsOfALongCString) {
@@ -187,7 +188,7 @@ TEST(StreamLimits, RepetitionsOfALongCString) {
   append(data, repeated("84"
                         "93",
                         100));
-  EXPECT_THAT(refusal(data), testing::HasSubstr("repeated too often"));
+  EXPECT_THAT(refusedBecause(data), testing::HasSubstr("repeated too often"));
 }
 
 TEST(StreamLimits, ClassNames) {
@@ -205,7 +206,7 @@ TEST(StreamLimits, ClassNames) {
   EXPECT_TRUE(accepted(named(std::string(128, 'A'))));
   for (const std::string& name :
        {std::string(), std::string(129, 'A'), std::string("A\0B", 3), std::string("\xc3\xbc")}) {
-    EXPECT_THAT(refusal(named(name)), testing::HasSubstr("no proper name"));
+    EXPECT_THAT(refusedBecause(named(name)), testing::HasSubstr("no proper name"));
   }
 }
 
@@ -251,7 +252,7 @@ TEST(StreamLimits, RefusalsDoNotTellContents) {
       "85"
       "84012b"
       "0673656372657488");
-  const std::string reason = refusal(data);
+  const std::string reason = refusedBecause(data);
   EXPECT_FALSE(reason.empty());
   EXPECT_EQ(reason.find("secret"), std::string::npos);
 }

@@ -5,7 +5,6 @@
 namespace ombra {
 namespace {
 
-constexpr const char* kHeader = "040b73747265616d747970656481e803";
 constexpr const char* kNSObject = "8484084e534f626a6563740085";
 
 const char* vectorNamed(std::string_view name) {

@@ -10,7 +10,6 @@ namespace {
 
 using Value = TypedStream::Value;
 
-constexpr const char* kHeader = "040b73747265616d747970656481e803";
 constexpr const char* kBigEndianHeader = "040b747970656473747265616d8103e8";
 
 std::optional<TypedStream> readGroups(const std::string& body, const char* header = kHeader) {

@@ -3,6 +3,9 @@
 
 namespace ombra {
 
+// What each archive of this format begins with.
+inline constexpr const char* kHeader = "040b73747265616d747970656481e803";
+
 struct StreamVector {
   const char* name;
   const char* hex;

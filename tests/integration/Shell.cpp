@@ -15,7 +15,7 @@
 namespace ombra {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
 struct Pipes {
   std::array<int, 2> in{-1, -1}, out{-1, -1}, err{-1, -1};
@@ -46,10 +46,11 @@ bool drain(int descriptor, std::string* text) {
   return got > 0;
 }
 
-void collect(const Pipes& pipes, pid_t child, Clock::time_point deadline, ShellResult* result) {
+void collect(const Pipes& pipes, pid_t child, SteadyClock::time_point deadline, ShellResult* result) {
   std::array<pollfd, 2> open{pollfd{pipes.out[0], POLLIN, 0}, pollfd{pipes.err[0], POLLIN, 0}};
   while (open[0].fd >= 0 || open[1].fd >= 0) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - SteadyClock::now()).count();
     if (left <= 0) {
       kill(-child, SIGKILL);
       result->errors += "(killed: took too long)\n";
@@ -70,7 +71,7 @@ ShellResult shell(const std::string& script, const std::map<std::string, std::st
       pipe2(pipes.err.data(), O_CLOEXEC) != 0) {
     throw std::runtime_error("pipe failed");
   }
-  const auto start = Clock::now();
+  const auto start = SteadyClock::now();
   const pid_t child = fork();
   if (child == 0) runChild(pipes, script, environment);
   close(pipes.in[0]);
@@ -85,7 +86,7 @@ ShellResult shell(const std::string& script, const std::map<std::string, std::st
           &result);
   int status = 0;
   waitpid(child, &status, 0);
-  result.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  result.seconds = std::chrono::duration<double>(SteadyClock::now() - start).count();
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   close(pipes.out[0]);
   close(pipes.err[0]);

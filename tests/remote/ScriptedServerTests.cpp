@@ -339,7 +339,7 @@ TEST_F(ScriptedServerTest, CapabilitiesFollowTheProtocolUntilSet) {
 }
 
 TEST_F(ScriptedServerTest, TranscriptsGoToTheDelegateThatWasSet) {
-  class Recorder : public TranscriptDelegate {
+  class Listener : public TranscriptDelegate {
    public:
     void connectionUUID(const KCUUID&, std::string_view text, bool isOutgoing) override {
       lines.push_back((isOutgoing ? ">" : "<") + std::string(text));
