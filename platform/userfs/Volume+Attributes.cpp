@@ -102,11 +102,27 @@ int Volume::changeItem(const std::string& path, const std::shared_ptr<OpenItem>&
   }
   const GMUserData userData = item != nullptr ? item->userData() : nullptr;
   if (userData != nullptr || type == NSFileTypeValue::NSFileTypeDirectory) {
-    return delegate().setAttributes(attributes, path, userData, &error) ? 0 : failure(error);
+    if (!delegate().setAttributes(attributes, path, userData, &error)) return failure(error);
+    return item != nullptr && attributes.modificationDate ? storeDate(*item, *attributes.modificationDate)
+                                                          : 0;
   }
   // The delegate opens the file for this, so this is an open and waits for its turn.
   const OpenGate::Pass turn(iOpenGate, path);
   return delegate().setAttributes(attributes, path, nullptr, &error) ? 0 : failure(error);
+}
+
+// Of an open file the delegate changes the date on this side only. It goes to the server after what was
+// written so far, which would change it there; a later write brings a date of its own.
+int Volume::storeDate(const OpenItem& item, NSDate date) {
+  GMUserFileSystemDurability* durability = this->durability();
+  if (durability == nullptr) return 0;
+  if (const int result = synchronizeItem(item); result != 0) return result;
+  const auto path = item.path();
+  if (!path) return 0;
+  NSFileAttributes attributes;
+  attributes.modificationDate = date;
+  NSErrorRef error;
+  return durability->changeAttributesWithoutContent(attributes, *path, &error) ? 0 : failure(error);
 }
 
 int Volume::change(const char* path, uint64_t handle, const NSFileAttributes& attributes) {

@@ -125,6 +125,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   uint64_t addHandle(const std::string& path, const GMUserData& userData, int flags, pid_t process,
                      uint64_t node);
   int synchronizeItem(const OpenItem& item);
+  int storeDate(const OpenItem& item, NSDate date);
   void close(const std::shared_ptr<OpenHandle>& handle);
   void releaseLater(std::shared_ptr<OpenHandle> handle);
 

@@ -5,6 +5,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "tests/userfs/MountFixture.h"
@@ -76,6 +77,59 @@ TEST_F(MountAttributesTest, AnOpenFileIsChangedThroughItsOpenFileObject) {
   EXPECT_EQ(changeMode("/a", 0640), 0);
   EXPECT_EQ(iFiles.countOf("setAttributes /a {NSFilePosixPermissions=0600} open"), 1u);
   EXPECT_EQ(iFiles.countOf("setAttributes /a {NSFilePosixPermissions=0640} open"), 1u);
+}
+
+// --- dates of open files
+
+class DatesOfOpenFilesTest : public MountAttributesTest {
+ protected:
+  static int setDate(const File& file, int64_t seconds) {
+    const timespec times[2] = {{seconds, 0}, {seconds, 0}};
+    return futimens(file.get(), times);
+  }
+  size_t positionOf(const std::string& beginning) {
+    const std::vector<std::string> calls = iFiles.calls();
+    const auto found = std::find_if(calls.begin(), calls.end(),
+                                    [&](const std::string& call) { return call.rfind(beginning, 0) == 0; });
+    return static_cast<size_t>(found - calls.begin());
+  }
+};
+
+TEST_F(DatesOfOpenFilesTest, AreStoredAfterTheContent) {
+  iFiles.addFile("/a", "content");
+  mount();
+  const File file(at("/a"), O_RDWR);
+  ASSERT_EQ(pwrite(file.get(), "C", 1, 0), 1);
+  ASSERT_EQ(setDate(file, 1234567890), 0);
+  EXPECT_EQ(iFiles.countOf("setAttributes /a"), 1u);
+  EXPECT_EQ(iFiles.countOf("changeWithoutContent /a"), 1u);
+  EXPECT_LT(positionOf("synchronize /a"), positionOf("changeWithoutContent /a"));
+  EXPECT_EQ(attributesOf("/a").st_mtime, 1234567890);
+}
+
+TEST_F(DatesOfOpenFilesTest, AreStoredWhoeverHasTheFileOpen) {
+  iFiles.addFile("/a", "content");
+  mount();
+  const File file(at("/a"), O_RDONLY);
+  EXPECT_EQ(setTimes("/a", 1234567890), 0);
+  EXPECT_EQ(iFiles.countOf("changeWithoutContent /a"), 1u);
+}
+
+TEST_F(DatesOfOpenFilesTest, ThatCannotBeStoredAreRefused) {
+  iFiles.addFile("/a", "content");
+  iFiles.failWith("changeWithoutContent", kEACCES);
+  mount();
+  const File file(at("/a"), O_WRONLY);
+  EXPECT_EQ(errnoOf([&] { return setDate(file, 1); }), EACCES);
+}
+
+TEST_F(DatesOfOpenFilesTest, AreNotStoredBeforeContentThatCannotBe) {
+  iFiles.addFile("/a", "content");
+  iFiles.failWith("synchronize", kEIO);
+  mount();
+  const File file(at("/a"), O_WRONLY);
+  EXPECT_EQ(errnoOf([&] { return setDate(file, 1); }), EIO);
+  EXPECT_EQ(iFiles.countOf("changeWithoutContent"), 0u);
 }
 
 TEST_F(MountAttributesTest, AFoldersModeShowsAtOnce) {
