@@ -83,6 +83,25 @@ TEST_F(Writing, ModesAndDatesAreKept) {
             shell("date -d '2001-02-03 04:05:06' +%s").output);
 }
 
+TEST_F(Writing, CopiesKeepTheirDatesOnTheServer) {
+  const std::string home = shellWord(user->home());
+  const ShellResult made = user->run("cd " + home +
+                                     " && mkdir -p old/sub && echo 1 > old/a && echo 2 > old/sub/b"
+                                     " && touch -d '2001-02-03 04:05:06' old/a old/sub/b");
+  ASSERT_EQ(made.status, 0) << made.errors;
+  const std::string volumeWord = shellWord(volume);
+  const ShellResult copied =
+      user->run("cd " + home + " && cp -p old/a " + volumeWord + "/a && cp -r --preserve=timestamps old " +
+                volumeWord + "/tree && tar c old | tar x -C " + volumeWord + " --no-same-owner" +
+                " && rsync -rt old/ " + volumeWord + "/synced");
+  ASSERT_EQ(copied.status, 0) << copied.errors;
+  const std::string expected = shell("date -d '2001-02-03 04:05:06' +%s").output;
+  for (const char* file :
+       {"/a", "/tree/a", "/tree/sub/b", "/old/a", "/old/sub/b", "/synced/a", "/synced/sub/b"}) {
+    EXPECT_EQ(shell("stat -c %Y " + shellWord(data() + file)).output, expected) << file;
+  }
+}
+
 TEST_F(Writing, TarAndRsyncAndGitWork) {
   const ShellResult made =
       user->run("cd " + shellWord(user->home()) +
