@@ -55,12 +55,11 @@ std::optional<NSFileAttributes> OmbraFileSystem::MacFUSE_1_7_attributesOfItemAtP
     storeError(error, ofs_posixError(kENOENT));
     return std::nullopt;
   }
-  NSFileAttributes attributes = shownAttributesOfNode(*node);
-  if (!attributes.fileType) {
+  if (!fileTypeOfNode(*node)) {
     OFS_FAIL(error, kENOENT);
     return std::nullopt;
   }
-  return attributes;
+  return shownAttributesOfNode(*node);
 }
 
 NSFileAttributes OmbraFileSystem::shownAttributesOfNode(const KCRemoteFileNode& node) const {

@@ -21,9 +21,13 @@ void failReading(int line, NSErrorRef* slot, InterfaceErrno code) {
 }  // namespace
 
 void OmbraFileSystem::markStale(KCRemoteFileNode& parent, std::string_view newItem) {
-  iChanges.note(parent, lastPathComponent(newItem), OFSNodeChanges::Kind::kMade);
-  ofs_touch(&parent);
-  parent.setExpired(true);
+  {
+    // A listing that ends meanwhile either knows of the item or leaves the flag set.
+    RecursiveMutexLock lock(parent.objectLock());
+    iChanges.note(parent, lastPathComponent(newItem), OFSNodeChanges::Kind::kMade);
+    ofs_touch(&parent);
+    parent.setExpired(true);
+  }
   fileSystemAttributesNeedUpdate(true);
 }
 

@@ -74,16 +74,20 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
   } else {
     OFS_FAIL(error, kENOENT, underlying);
   }
-  // A failure counts as a fetch as well: until the listing is due again, what was known is answered. But a
-  // listing that left the server before a change made here is out of date already.
-  // Cleared first: a change that is noted
-  // meanwhile sets the flag after its note, so that no order of the two loses it.
-  folder->setExpired(false);
-  if (merge.endFetch()) folder->setExpired(true);
+  // A failure counts as a fetch as well: until the listing is due again, what was known is answered.
+  settleFlag(*folder, merge);
   folder->setUserProperty(NSDate::date(), kOFSExpirationDate);
   if (!isListed) return std::nullopt;
   if (merge.hasNews()) invalidateDirectory(path);
   return merge.takeNames();
+}
+
+// A listing that left the server before a change made here is out of date already. Asked and told under the
+// lock that `markStale` takes for its note and its flag: a look-up of what was just made would otherwise meet
+// a moment in which the flag is clear and the listing still lacks the item.
+void OmbraFileSystem::settleFlag(KCRemoteFileNode& folder, Merge& merge) {
+  RecursiveMutexLock lock(folder.objectLock());
+  folder.setExpired(merge.endFetch());
 }
 
 void OmbraFileSystem::invalidateDirectory(std::string_view path) const {

@@ -33,6 +33,7 @@ std::shared_ptr<KCRemoteFileNode> childOf(const KCRemoteFileNode& folder, std::s
 
 std::shared_ptr<OFSComparisonNode> OmbraFileSystem::_comparisonNodeWithDisplayName(
     std::string_view name) const {
+  OFS_TRACE("-[OmbraFileSystem _comparisonNodeWithDisplayName:]", "{}", name);
   return std::make_shared<OFSComparisonNode>(std::string(name));
 }
 
@@ -63,7 +64,7 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::parentNodeForPath(std::string
 }
 
 // The walk has no effect, deliberately: what hangs on a node that leaves the tree lives as long as the node.
-// So the children are visited after the lock is let go, and no two folders' locks are nested.
+// So the children are visited after the lock is let go: the walk itself nests no two folders' locks.
 void OmbraFileSystem::_forgetNode(const std::shared_ptr<KCNode>& node) const {
   OFS_TRACE("-[OmbraFileSystem _forgetNode:]", "{}", node->path());
   if (dynamic_cast<const KCRemoteFolderNode*>(node.get()) == nullptr) return;

@@ -12,7 +12,7 @@ namespace ombra {
 namespace {
 
 constexpr std::string_view kDateFormatterKey = "OFSDateFormatter";
-constexpr std::string_view kBundleShortVersionString = "0.1.0";
+constexpr std::string_view kBundleShortVersionString = OMBRA_VERSION;
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
 // One per thread, made on first use.
@@ -46,6 +46,8 @@ std::FILE* OmbraFileSystem::openTranscriptLogAtPath(const std::string& path) {
 }
 
 void OmbraFileSystem::connectionUUID(const KCUUID& uuid, std::string_view appendTranscript, bool isOutgoing) {
+  // The text itself is in the transcript, and only there.
+  OFS_TRACE("-[OmbraFileSystem connectionUUID:appendTranscript:isOutgoing:]", "{}", uuid.stringValue());
   std::FILE* log = iTranscriptLog.load();
   if (log == nullptr) return;
   const std::string identifier = uuid.stringValue();
@@ -56,7 +58,8 @@ void OmbraFileSystem::connectionUUID(const KCUUID& uuid, std::string_view append
                          isOutgoing ? ">" : "<", appendTranscript));
 }
 
-void OmbraFileSystem::connectionUUIDFlushTranscript(const KCUUID&) {
+void OmbraFileSystem::connectionUUIDFlushTranscript(const KCUUID& uuid) {
+  OFS_TRACE("-[OmbraFileSystem connectionUUIDFlushTranscript:]", "{}", uuid.stringValue());
   std::FILE* log = iTranscriptLog.load();
   if (log != nullptr) std::fflush(log);
 }

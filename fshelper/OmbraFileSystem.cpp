@@ -8,9 +8,10 @@
 
 namespace ombra {
 
-OmbraFileSystem::OmbraFileSystem() : iMountDate(NSDate::date()) {}
+OmbraFileSystem::OmbraFileSystem() : iMountDate(NSDate::date()) { OFS_TRACE("-[OmbraFileSystem init]", ""); }
 
 OmbraFileSystem::~OmbraFileSystem() {
+  OFS_TRACE("-[OmbraFileSystem dealloc]", "");
   // The pool's sessions may have a last word to write: they go before the stream does.
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   if (pool != nullptr) pool->setTranscriptDelegate(nullptr);
@@ -24,6 +25,7 @@ std::shared_ptr<KCConnectionPool> OmbraFileSystem::connectionPool() const {
 }
 
 void OmbraFileSystem::setConnectionPool(std::shared_ptr<KCConnectionPool> pool) {
+  OFS_TRACE("-[OmbraFileSystem setConnectionPool:]", "{}", fmt::ptr(pool.get()));
   if (pool != nullptr) pool->setTranscriptDelegate(this);
   MutexLock lock(iPropertyLock);
   iConnectionPool.swap(pool);
@@ -102,6 +104,9 @@ void OmbraFileSystem::willMount() {
 }
 
 // Whether a server may be trusted was decided before this process was started.
-bool OmbraFileSystem::connection(AbstractConnection&, const TrustQuestion&) { return true; }
+bool OmbraFileSystem::connection(AbstractConnection&, const TrustQuestion&) {
+  OFS_TRACE("-[OmbraFileSystem connection:isWorthyTrust:]", "");
+  return true;
+}
 
 }  // namespace ombra

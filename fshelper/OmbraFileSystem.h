@@ -36,9 +36,9 @@ class OFSMountPathSource {
 // then calls it from many threads at once.
 //
 // Locks, in the order in which they may be taken: iTreeLock (repairs of the tree after moves and removals),
-// then folders' object locks (one at a time; a move takes the old parent, then the new one), then a node's
-// own lock, then leaf locks. The server is called with none of them held, but for links that are resolved
-// during a merge.
+// then folders' object locks (one at a time; below iTreeLock a move takes the old parent, then the new one,
+// and what leaves a folder is visited with its lock held), then a node's own lock, then leaf locks. The
+// server is called with none of them held, but for links that are resolved during a merge.
 class OmbraFileSystem : public GMUserFileSystemDelegate,
                         public GMUserFileSystemDurability,
                         public ConnectionDelegate,
@@ -180,6 +180,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::optional<std::vector<std::string>> fetchFolder(StAbstractConnection& connection, std::string_view path,
                                                       const std::shared_ptr<KCRemoteFileNode>& node,
                                                       NSErrorRef* error, NameForm form);
+  void settleFlag(KCRemoteFileNode& folder, Merge& merge);
   void invalidateDirectory(std::string_view path) const;
   // After `newItem` (a local path) was made in `parent`: the next use of the parent's listing fetches it.
   void markStale(KCRemoteFileNode& parent, std::string_view newItem);

@@ -196,6 +196,9 @@ TEST_F(Writing, WhatTheServerRefusesReachesTheProgram) {
     const ShellResult copied = user->run("head -c 1000000 /dev/zero > " + shellWord(volume + "/full/file"));
     EXPECT_NE(copied.status, 0);
     EXPECT_NE(copied.errors, "");
+    const ShellResult removed = user->run("rm " + shellWord(volume + "/full/file"));
+    EXPECT_EQ(removed.status, 0) << removed.errors;
+    EXPECT_FALSE(std::filesystem::exists(data() + "/full/file"));
     // What failed takes nothing else with it.
     EXPECT_EQ(user->run("echo x > " + shellWord(volume + "/elsewhere") + " && cat " +
                         shellWord(volume + "/elsewhere"))

@@ -56,6 +56,17 @@ TEST_F(ItemAttributes, AnUnknownTypeIsNoSuchItem) {
   EXPECT_EQ(code(), kENOENT);
 }
 
+TEST_F(ItemAttributes, AnUnknownTypeIsToldBeforeTheMode) {
+  server.addFile("/a", "a");
+  connect();
+  fileSystem.nodeForPath("/a")->setType(fourCharacterCode("pipe"));
+  RecordedLog log;
+  const TracingOn tracing;
+  fileSystem.attributesOfItemAtPath("/a", nullptr, &error);
+  EXPECT_THAT(log.linesWith("NSPOSIXErrorDomain 2"), SizeIs(1));
+  EXPECT_THAT(log.linesWith("mode="), IsEmpty());
+}
+
 TEST_F(ItemAttributes, AFileHasTypeSizeDatesModeAndNumber) {
   server.addFile("/a", "abc");
   const NSDate made = NSDate::dateWithTimeIntervalSince1970(100);
@@ -211,6 +222,21 @@ TEST_F(VolumeAttributes, TheTraceSaysWhereTheyComeFrom) {
   EXPECT_THAT(log.linesWith(": using default"), SizeIs(1));
   fileSystem.attributesOfFileSystemForPath("/", &error);
   EXPECT_THAT(log.linesWith(": unchanged"), SizeIs(1));
+}
+
+// Both find nothing kept, and both ask.
+TEST_F(VolumeAttributes, OfTwoFirstQuestionsTheLaterAnswerIsKept) {
+  connect();
+  bool isFirst = true;
+  server.setObserver([&](const ScriptedCall& call) {
+    if (call.name != "fileSystemAttributesAtPath" || !std::exchange(isFirst, false)) return;
+    server.setFileSystemAttributes(volume(1000, 400));
+    EXPECT_EQ(fileSystem.attributesOfFileSystemForPath("/", nullptr), volume(1000, 400));
+    server.setFileSystemAttributes(volume(1000, 300));
+  });
+  EXPECT_EQ(fileSystem.attributesOfFileSystemForPath("/", &error), volume(1000, 300));
+  EXPECT_EQ(fileSystem.attributesOfFileSystemForPath("/", &error), volume(1000, 300));
+  EXPECT_EQ(server.count("fileSystemAttributesAtPath"), 2u);
 }
 
 }  // namespace

@@ -222,6 +222,34 @@ TEST_F(Unsent, EachOfManyIsSaved) {
   }
 }
 
+// A controller that fails where it is asked for the volume's name.
+class FailingMountPoint final : public OFSMountPathSource {
+ public:
+  std::optional<std::string> mountPath() const override { throw std::runtime_error("no volume"); }
+};
+
+TEST_F(Unsent, IsNamedAlsoWhenItsDeliveryRaises) {
+  const GMUserData one = create("/one.txt");
+  const GMUserData two = create("/two.txt");
+  refuseUploads();
+  write("/one.txt", one, "precious");
+  write("/two.txt", two, "as well");
+  const FailingMountPoint failing;
+  fileSystem.setController(const_cast<FailingMountPoint*>(&failing));
+  const std::vector<GMUndelivered> undelivered = fileSystem.drainAll();
+  fileSystem.setController(&mountPoint);
+  std::vector<std::string> paths;
+  for (const GMUndelivered& each : undelivered) {
+    paths.push_back(each.path);
+    EXPECT_EQ(each.savedAs, "");
+    ASSERT_NE(each.error, nullptr);
+    EXPECT_EQ(each.error->code(), kEIO);
+    EXPECT_EQ(each.error->localizedDescription(), "no volume");
+  }
+  EXPECT_THAT(paths, UnorderedElementsAre("/one.txt", "/two.txt"));
+  EXPECT_THAT(log.linesWith(" failed: no volume"), SizeIs(2));
+}
+
 TEST_F(Cache, TheEndStopsDownloads) {
   const auto hold = server.hold("downloadFileAtPath", "/1", kMegabyte / 2);
   const GMUserData file = open("/1", kO_RDONLY);

@@ -181,5 +181,12 @@ TEST_F(CreateFile, AnObjectThatTheNodeHadIsReplaced) {
   EXPECT_EQ(fileOnNode("/old.txt"), file);
 }
 
+TEST_F(CreateFile, AFailedListingLeavesTheFileOnTheServer) {
+  server.fail("contentsAtPath", "/home/u", refusal(kQuarnKitConnectionLost));
+  EXPECT_FALSE(create("/new.txt"));
+  EXPECT_EQ(file, nullptr);
+  EXPECT_EQ(server.content("/home/u/new.txt"), "");
+}
+
 }  // namespace
 }  // namespace ombra

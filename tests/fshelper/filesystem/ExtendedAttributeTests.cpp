@@ -183,5 +183,28 @@ TEST_F(ExtendedAttributes, StayOnTheNodeThroughAMoveAndAListing) {
   EXPECT_EQ(get(0, "user.x", "/b.txt"), bytes("abc"));
 }
 
+TEST_F(ExtendedAttributes, NamesAreKeptByteForByte) {
+  set("one", 0, 0, "caf\xC3\xA9");
+  EXPECT_EQ(get(0, "cafe\xCC\x81"), std::nullopt);
+  set("two", 0, 0, "cafe\xCC\x81");
+  EXPECT_EQ(get(0, "caf\xC3\xA9"), bytes("one"));
+  EXPECT_THAT(*names(), ElementsAre("cafe\xCC\x81", "caf\xC3\xA9"));
+}
+
+TEST_F(ExtendedAttributes, OnlyTheLastComponentMakesACompanion) {
+  server.addFile("/._folder/a.txt", "");
+  server.addFile("/folder/._a.txt", "");
+  makeStale("/");
+  EXPECT_TRUE(set("x", 0, 0, "user.x", "/._folder/a.txt"));
+  EXPECT_FALSE(set("x", 0, 0, "user.x", "/folder/._a.txt"));
+  EXPECT_EQ(code(), kEPERM);
+}
+
+TEST_F(ExtendedAttributes, AFailedSetKeepsTheVolumesAttributes) {
+  fileSystem.attributesOfFileSystemForPath("/", nullptr);
+  EXPECT_FALSE(set("abc", 0, kXATTR_REPLACE));
+  EXPECT_TRUE(fileSystem.rootNode()->userPropertyForKey(kOFSFileSystemAttributes).has_value());
+}
+
 }  // namespace
 }  // namespace ombra

@@ -108,6 +108,17 @@ TEST_F(FileIO, AWriteUpdatesTheNodeAndForgetsTheVolumesAttributes) {
   EXPECT_EQ(server.content("/a.txt"), "longer content");
 }
 
+TEST_F(FileIO, AWriteShowsTheFilesDateAndModeOnTheNode) {
+  const GMUserData file = open("/a.txt");
+  node()->setModificationDate(std::nullopt);
+  node()->setPermissions(std::nullopt);
+  EXPECT_EQ(write("/a.txt", file, "x"), 1);
+  const auto attributes = fileOnNode("/a.txt")->attributes();
+  ASSERT_TRUE(attributes.modificationDate && attributes.posixPermissions);
+  EXPECT_EQ(node()->modificationDate(), attributes.modificationDate);
+  EXPECT_EQ(node()->permissions(), FilePermissions(*attributes.posixPermissions));
+}
+
 TEST_F(FileIO, AWriteOfNothingChangesNeither) {
   const GMUserData file = open("/a.txt");
   cacheVolume();

@@ -96,6 +96,28 @@ TEST_F(ListedLinks, ALinkWhoseTargetsFolderCannotBeListedKeepsItsOwnSize) {
   EXPECT_EQ(node("link")->size(), 4u);
 }
 
+TEST_F(ListedLinks, ALinkWhoseTargetsFolderLacksTheEntryKeepsItsOwnSize) {
+  server.addFile("/etc/hosts", "twelve bytes");
+  server.addLink("/home/u/link", "/etc/hosts");
+  server.setListedSize("/home/u/link", 4);
+  server.setObserver([this](const ScriptedCall& call) {
+    if (call.text() == "contentsAtPath /etc") server.setHidden("/etc/hosts", true);
+  });
+  EXPECT_EQ(node("link")->type(), kNodeTypeFile);
+  EXPECT_EQ(node("link")->size(), 4u);
+  EXPECT_EQ(server.calls("contentsAtPath").back().text(), "contentsAtPath /etc");
+}
+
+TEST_F(ListedLinks, AFailedListingOfAFolderOutsideIsTriedAgainForTheNextLink) {
+  server.addFile("/etc/hosts", "twelve bytes");
+  server.addLink("/home/u/one", "/etc/hosts");
+  server.addLink("/home/u/two", "/etc/hosts");
+  server.setListedSize("/home/u/one", 4);
+  server.fail("contentsAtPath", "/etc", refusal());
+  EXPECT_EQ(node("one")->size(), 4u);
+  EXPECT_EQ(node("two")->size(), 12u);
+}
+
 TEST_F(ListedLinks, LinksIntoOneFolderOutsideListItOnce) {
   server.addFile("/etc/hosts", "twelve bytes");
   server.addFile("/etc/group", "group");
@@ -121,6 +143,17 @@ TEST_F(ListedLinks, AKnownLinkKeepsItsNode) {
   makeStale("/");
   list("/");
   EXPECT_EQ(node("link"), before);
+}
+
+TEST_F(ListedLinks, AKnownLinkIsResolvedAgainAtEachFetch) {
+  server.addFile("/etc/hosts", "twelve bytes");
+  server.addLink("/home/u/link", "/etc/hosts");
+  node("link");
+  const size_t first = server.count("resolvePath");
+  ASSERT_GT(first, 0u);
+  makeStale("/");
+  list("/");
+  EXPECT_EQ(server.count("resolvePath"), 2 * first);
 }
 
 class Resolution : public FileSystemTest {

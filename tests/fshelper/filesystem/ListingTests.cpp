@@ -187,6 +187,24 @@ TEST_F(ListingTest, AFailedFirstListingIsFreshAndAnswersNothingWithoutAnError) {
   EXPECT_EQ(server.count("contentsAtPath"), 1u);
 }
 
+TEST_F(ListingTest, AFailedListingCountsForLessThanAnInterval) {
+  connect();
+  server.fail("contentsAtPath", "/", refusal());
+  fileSystem.contentsOfDirectoryAtPath("/", &error);
+  clock.advance(59.9);
+  EXPECT_EQ(fileSystem.contentsOfDirectoryAtPath("/", nullptr), std::nullopt);
+  EXPECT_EQ(server.count("contentsAtPath"), 1u);
+}
+
+TEST_F(ListingTest, AFailedListingIsFetchedAgainAfterExactlyAnInterval) {
+  connect();
+  server.fail("contentsAtPath", "/", refusal());
+  fileSystem.contentsOfDirectoryAtPath("/", &error);
+  clock.advance(60);
+  EXPECT_THAT(list("/"), ElementsAre("b.txt", "a.txt"));
+  EXPECT_EQ(server.count("contentsAtPath"), 2u);
+}
+
 TEST_F(ListingTest, AFolderThatNoNodeStandsForIsAskedForEachTime) {
   connect();
   EXPECT_EQ(fileSystem.contentsOfDirectoryAtPath("/nowhere", &error), std::nullopt);

@@ -189,6 +189,23 @@ TEST_F(Move, ANodeThatIsNotInItsFolderFailsAConditionAndTheMoveSucceeds) {
   EXPECT_EQ(fileSystem.rootNode()->modificationDate(), clock.now());
 }
 
+TEST_F(Move, ANodeThatIsNotInItsFolderIsNotPutIntoAnotherOne) {
+  const auto node = fileSystem.nodeForPath("/a.txt");
+  clock.advance(3);
+  server.setObserver([&](const ScriptedCall& call) {
+    if (call.name != "moveItemFromPath") return;
+    RecursiveMutexLock lock(fileSystem.rootNode()->objectLock());
+    ofs_contentsSet(*fileSystem.rootNode())->remove(*node);
+  });
+  RecordedLog log;
+  EXPECT_TRUE(move("/a.txt", "/full/c.txt"));
+  EXPECT_THAT(log.lines(), Contains("CONDITION FAILED: no node to be moved"));
+  EXPECT_EQ(fileSystem._nodeForPath("/full/c.txt"), nullptr);
+  EXPECT_EQ(node->parent(), fileSystem.rootNode());
+  EXPECT_EQ(fileSystem.rootNode()->modificationDate(), clock.now());
+  EXPECT_EQ(fileSystem._nodeForPath("/full")->modificationDate(), clock.now());
+}
+
 // What a listing of another thread may put under the new name while the server is asked to move.
 class StaleEntry : public Move {
  protected:

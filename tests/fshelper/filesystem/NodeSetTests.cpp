@@ -134,6 +134,17 @@ TEST(NodeAdditions, SetAttributesTakesSizeDateAndMode) {
   EXPECT_EQ(node->creationDate(), std::nullopt);
 }
 
+TEST(NodeAdditions, WhatTheDictionaryLacksTheNodeLacksAfterwards) {
+  KCRemoteFileNode node("/a", nullptr);
+  node.setSize(7);
+  node.setModificationDate(NSDate::dateWithTimeIntervalSince1970(5));
+  node.setPermissions(FilePermissions(0600));
+  ofs_setAttributes(node, NSFileAttributes());
+  EXPECT_EQ(node.size(), std::nullopt);
+  EXPECT_EQ(node.modificationDate(), std::nullopt);
+  EXPECT_EQ(node.permissions(), std::nullopt);
+}
+
 TEST(NodeAdditions, TouchSetsTheDateToNow) {
   ManualClock clock;
   const auto node = makeNode("a");

@@ -74,6 +74,23 @@ TEST_F(Preflight, AnInitialPathThatNamesAFileLeadsToItsFolder) {
   EXPECT_THAT(server.callTexts(), Contains("changeDir /home/u"));
 }
 
+TEST_F(Preflight, AnInitialPathThatNamesAFileLeavesTheErrorOfTheFirstAttempt) {
+  server.addFile("/home/u/a.txt", "a");
+  server.credentials()->setInitialPath("/home/u/a.txt");
+  const NSErrorRef refused = refusal(kQuarnKitProtocolError);
+  server.fail("changeDir", "/home/u/a.txt", refused);
+  EXPECT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(error, refused);
+}
+
+TEST_F(Preflight, AnEmptyInitialPathIsTheLoginFolder) {
+  server.credentials()->setInitialPath("");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_THAT(server.callTexts(), Contains("changeDir /home/u"));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/home/u");
+  EXPECT_EQ(fileSystem.initialPath(), "/");
+}
+
 TEST_F(Preflight, ATildeGoesToTheServerUnchanged) {
   server.credentials()->setInitialPath("~/docs");
   ASSERT_TRUE(fileSystem.preflight(&error));
@@ -218,13 +235,18 @@ TEST_F(WillMount, AnotherFailureEndsTheDescentAtOnce) {
   EXPECT_TRUE(QuarnKitError::isCode(fileSystem.mountError()->underlyingError(), kQuarnKitConnectionLost));
 }
 
+// Its first component is taken for the root all the same.
 TEST_F(WillMount, ARelativeInitialPathFailsAConditionOnly) {
   prepare();
+  server.addFile("/b/x.txt", "x");
   fileSystem.setInitialPath("a/b");
   server.failAlways("contentsAtPath", "/", refusal(kQuarnKitListingNotPermitted));
   RecordedLog log;
   fileSystem.willMount();
   EXPECT_THAT(log.lines(), Contains("CONDITION FAILED: initial path is expected to be absolute"));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/b");
+  EXPECT_EQ(fileSystem.initialPath(), "/");
+  EXPECT_THAT(list("/"), ElementsAre("x.txt"));
 }
 
 }  // namespace

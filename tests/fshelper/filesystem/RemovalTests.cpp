@@ -57,6 +57,25 @@ TEST_F(Removal, AnEmptyFolderIsDeletedAsAFolder) {
   EXPECT_THAT(serverCalls(), Contains("deleteItemAtPath /empty 1"));
 }
 
+TEST_F(Removal, ALinkIsDeletedAsAFileAndItsTargetStays) {
+  server.addLink("/l", "full");
+  makeStale("/");
+  EXPECT_TRUE(remove("/l"));
+  EXPECT_THAT(serverCalls(), Contains("deleteItemAtPath /l 0"));
+  EXPECT_TRUE(server.exists("/full/x.txt"));
+}
+
+TEST_F(Removal, AnOpenFileIsNeitherClosedNorTold) {
+  const GMUserData file = open("/a.txt");
+  read(file);
+  RecordedLog log;
+  const TracingOn tracing;
+  EXPECT_TRUE(remove("/a.txt"));
+  EXPECT_THAT(log.linesWith("OFSRemoteFile close"), IsEmpty());
+  EXPECT_EQ(std::dynamic_pointer_cast<OFSRemoteFile>(file)->remotePath(), "/a.txt");
+  EXPECT_EQ(read(file), "a");
+}
+
 TEST_F(Removal, AFolderWithEntriesIsNotEmptyAndNothingIsDeleted) {
   EXPECT_FALSE(remove("/full"));
   EXPECT_EQ(code(), kENOTEMPTY);

@@ -70,8 +70,9 @@ TEST_F(SetAttributes, OtherAttributesOfAFolderAreAcceptedAndIgnored) {
 TEST_F(SetAttributes, OnWebDAVAFoldersModeIsSkipped) {
   server.setIsWebDAV(true);
   connect();
+  list("/");
   EXPECT_TRUE(set(withMode(0700), "/folder"));
-  EXPECT_EQ(server.count("changeAttributes"), 0u);
+  EXPECT_THAT(serverCalls(), ElementsAre("contentsAtPath /"));
 }
 
 TEST_F(SetAttributes, AFoldersModeThatTheServerCannotChangeCountsAsChanged) {
@@ -173,6 +174,25 @@ TEST_F(SetAttributes, ARefusedModeOfAFileAnswersTheFilesError) {
   server.fail("changeAttributes", "/a.txt", refusal(kQuarnKitPermissionDenied));
   EXPECT_FALSE(set(withMode(0600), "/a.txt"));
   EXPECT_EQ(code(), kEIO);
+}
+
+TEST_F(SetAttributes, ALinkIsChangedThroughItsOpenFile) {
+  server.addLink("/l", "a.txt");
+  connect();
+  EXPECT_TRUE(set(withMode(0600), "/l"));
+  ASSERT_NE(fileOnNode("/l"), nullptr);
+  EXPECT_TRUE(fileOnNode("/l")->isOpen());
+  EXPECT_EQ(server.count("changeAttributes"), 1u);
+}
+
+TEST_F(SetAttributes, AnEmptyDictionaryReachesTheOpenFileToo) {
+  connect();
+  const GMUserData file = open("/a.txt");
+  read(file);
+  RecordedLog log;
+  const TracingOn tracing;
+  EXPECT_TRUE(set({}, "/a.txt", file));
+  EXPECT_THAT(log.linesWith("{ -[OFSRemoteFile setAttributes:error:]"), ::testing::SizeIs(1));
 }
 
 }  // namespace

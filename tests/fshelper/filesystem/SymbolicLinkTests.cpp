@@ -69,6 +69,23 @@ TEST_F(SymbolicLinks, ANewLinkMarksItsParent) {
   EXPECT_EQ(fileSystem.rootNode()->modificationDate(), clock.now());
 }
 
+TEST_F(SymbolicLinks, ANewLinkAppearsWithTheNextListingAndForgetsTheVolumesAttributes) {
+  list("/");
+  fileSystem.attributesOfFileSystemForPath("/", nullptr);
+  ASSERT_TRUE(make("/l", "x"));
+  EXPECT_EQ(fileSystem._nodeForPath("/l"), nullptr);
+  EXPECT_NE(fileSystem.nodeForPath("/l"), nullptr);
+  EXPECT_FALSE(fileSystem.rootNode()->userPropertyForKey(kOFSFileSystemAttributes).has_value());
+}
+
+TEST_F(SymbolicLinks, WithoutAConnectionTheRefusalIsThatOfAnotherProtocol) {
+  list("/");
+  server.setAcquisitionFails(true);
+  EXPECT_FALSE(make("/l", "x"));
+  EXPECT_EQ(code(), kENODEV);
+  server.setAcquisitionFails(false);
+}
+
 TEST_F(SymbolicLinks, OnSFTPARefusalIsAnInputOutputError) {
   server.fail("createSymbolicLinkAtPath", "/home/u/l", refusal(kQuarnKitItemExists));
   EXPECT_FALSE(make("/l", "x"));
@@ -96,8 +113,15 @@ TEST_F(SymbolicLinks, ReadingAnUnknownLinkIsNoSuchItem) {
 }
 
 TEST_F(SymbolicLinks, TheErrorsOfReadingArePlain) {
-  readLink("/nowhere");
+  list("/");
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    readLink("/nowhere");
+  }
   EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
+  EXPECT_EQ(error->userInfo().count(), 0u);
+  EXPECT_EQ(log.linesWith("NSPOSIXErrorDomain 2").size(), 1u);
   EXPECT_EQ(dynamic_cast<const QuarnKitError*>(error.get()), nullptr);
 }
 

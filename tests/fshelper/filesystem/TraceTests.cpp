@@ -1,7 +1,11 @@
 // The trace lines of the operations: full signature, arguments, indentation.
+#include <any>
 #include <functional>
 
 #include "fshelper/OFSRemoteFile.h"
+#include "platform/foundation/Gestalt.h"
+#include "platform/foundation/NSThread.h"
+#include "remote/KCTypes.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
 namespace ombra {
@@ -135,6 +139,45 @@ INSTANTIATE_TEST_SUITE_P(
         Traced{"-[OmbraFileSystem releaseFileAtPath:userData:] /a.txt",
                [](OmbraFileSystem& fs, const GMUserData& file) { fs.releaseFileAtPath("/a.txt", file); }}));
 
+INSTANTIATE_TEST_SUITE_P(
+    PathsAndProperties, Trace,
+    ::testing::Values(
+        Traced{"-[OmbraFileSystem setConnectionPool:] 0x0",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.setConnectionPool(nullptr); }},
+        Traced{"-[OmbraFileSystem _nodeForPath:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs._nodeForPath("/a.txt"); }},
+        Traced{"-[OmbraFileSystem nodeForPath:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.nodeForPath("/a.txt"); }},
+        Traced{"-[OmbraFileSystem remotePathForPath:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.remotePathForPath("/a.txt"); }},
+        Traced{"-[OmbraFileSystem remotePathForFullPath:] /Volumes/a",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.remotePathForFullPath("/Volumes/a"); }},
+        Traced{"-[OmbraFileSystem pathForRemotePath:] /a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.pathForRemotePath("/a.txt"); }},
+        Traced{"-[OmbraFileSystem _remoteFileForNode:path:] /server/path",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs._remoteFileForNode(fs.rootNode(), "/server/path");
+               }},
+        Traced{"-[OmbraFileSystem _comparisonNodeWithDisplayName:] a.txt",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs._comparisonNodeWithDisplayName("a.txt"); }},
+        Traced{"-[OmbraFileSystem fileSystemAttributesNeedUpdate:] 1",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.fileSystemAttributesNeedUpdate(true); }},
+        Traced{"-[OmbraFileSystem openTranscriptLogAtPath:] /proc/nowhere/x.log",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.openTranscriptLogAtPath("/proc/nowhere/x.log");
+               }},
+        Traced{"-[OmbraFileSystem connectionUUID:appendTranscript:isOutgoing:] "
+               "6FA459EA-EE8A-4CA4-894E-DB77E160355E",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.connectionUUID(*KCUUID::uuidWithString("6FA459EA-EE8A-4CA4-894E-DB77E160355E"), "secret",
+                                   true);
+               }},
+        Traced{"-[OmbraFileSystem connectionUUIDFlushTranscript:] 6FA459EA-EE8A-4CA4-894E-DB77E160355E",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 fs.connectionUUIDFlushTranscript(
+                     *KCUUID::uuidWithString("6FA459EA-EE8A-4CA4-894E-DB77E160355E"));
+               }}));
+
 class TraceMessage : public FileSystemTest {
  protected:
   RecordedLog log;
@@ -206,6 +249,76 @@ TEST_F(TraceMessage, WithoutTracingNothingIsWritten) {
   list("/");
   open("/a.txt");
   EXPECT_THAT(log.lines(), ::testing::IsEmpty());
+}
+
+TEST_F(TraceMessage, TheBeginningAndTheEndOfTheObjectAreTold) {
+  log.clear();
+  { const OmbraFileSystem other; }
+  EXPECT_THAT(log.lines(),
+              ::testing::ElementsAre("{ -[OmbraFileSystem init] ", "} -[OmbraFileSystem init] ",
+                                     "{ -[OmbraFileSystem dealloc] ", "} -[OmbraFileSystem dealloc] "));
+}
+
+TEST_F(TraceMessage, TheThreadsNestingLevelIsInItsDictionary) {
+  connect();
+  const auto level = [] {
+    const long* value = std::any_cast<long>(&NSThread::threadDictionary("OFSDebugNestingLevel"));
+    return value == nullptr ? 0 : *value;
+  };
+  long during = 0;
+  server.setObserver([&](const ScriptedCall& call) {
+    if (call.name == "contentsAtPath") during = level();
+  });
+  const long before = level();
+  list("/");
+  EXPECT_EQ(during, before + 1);
+  EXPECT_EQ(level(), before);
+}
+
+// Debug logging without tracing.
+class DebugLogging : public FileSystemTest {
+ protected:
+  DebugLogging() {
+    forget();
+    NewGestaltValue(kSelector, 1);
+    server.addFile("/a.txt", "a");
+    connect();
+    list("/");
+    log.clear();
+  }
+  ~DebugLogging() override { forget(); }
+  static void forget() {
+    DeleteGestaltValue(kSelector);
+    ofs_forgetDebugLogging();
+  }
+  static constexpr uint32_t kSelector = fourCharacterCode("KDbg");
+  RecordedLog log;
+};
+
+TEST_F(DebugLogging, AnErrorIsLoggedAsItsBareDescription) {
+  fileSystem.removeItemAtPath("/nowhere", &error);
+  ASSERT_NE(error, nullptr);
+  EXPECT_THAT(log.lines(), ::testing::ElementsAre(error->description()));
+}
+
+TEST_F(DebugLogging, WhatProgramsAskForAllTheTimeIsNotLogged) {
+  fileSystem.attributesOfItemAtPath("/nowhere", nullptr, &error);
+  EXPECT_EQ(code(), kENOENT);
+  fileSystem.valueOfExtendedAttribute("user.x", "/a.txt", 0, &error);
+  EXPECT_EQ(code(), kENOATTR);
+  EXPECT_THAT(log.lines(), ::testing::IsEmpty());
+}
+
+TEST_F(DebugLogging, TheReasonsOfARefusedMoveAreLoggedInTheirOrder) {
+  server.addFile("/b.txt", "b");
+  makeStale("/");
+  list("/");
+  log.clear();
+  server.fail("deleteItemAtPath", "/b.txt", refusal(kQuarnKitPermissionDenied));
+  EXPECT_FALSE(fileSystem.moveItemAtPath("/a.txt", "/b.txt", &error));
+  EXPECT_THAT(log.lines(), ::testing::ElementsAre(::testing::HasSubstr("NSPOSIXErrorDomain 13 "),
+                                                  ::testing::HasSubstr("NSPOSIXErrorDomain 5 "),
+                                                  ::testing::HasSubstr("NSPOSIXErrorDomain 13 ")));
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "platform/foundation/NSDateFormatter.h"
 #include "platform/foundation/NSProcessInfo.h"
+#include "platform/foundation/NSThread.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
 namespace ombra {
@@ -24,7 +25,7 @@ class Transcript : public FileSystemTest {
     return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
   }
   static std::string header() {
-    return "\xEF\xBB\xBF" + NSProcessInfo::processName() + " 0.1.0 (" +
+    return "\xEF\xBB\xBF" + NSProcessInfo::processName() + " " OMBRA_VERSION " (" +
            NSProcessInfo::kc_architectureString() + ") [Mac OS " +
            NSProcessInfo::operatingSystemVersionString() + "]\n";
   }
@@ -89,6 +90,27 @@ TEST_F(Transcript, IsClosedWithTheFileSystem) {
     other.connectionUUID(uuid, "last words\n", true);
   }
   EXPECT_THAT(content(), ::testing::EndsWith("last words\n"));
+}
+
+TEST_F(Transcript, ReceivesNothingAfterTheEndOfTheFileSystem) {
+  {
+    OmbraFileSystem other;
+    other.setConnectionPool(server.pool());
+    other.openTranscriptLogAtPath(path);
+    server.appendTranscript("bye\n", true);
+  }
+  EXPECT_EQ(server.transcriptDelegate(), nullptr);
+  server.appendTranscript("too late\n", false);
+  EXPECT_THAT(content(), ::testing::EndsWith(" > bye\n"));
+}
+
+TEST_F(Transcript, EachThreadKeepsItsFormatterInItsDictionary) {
+  fileSystem.openTranscriptLogAtPath(path);
+  std::thread([this] {
+    EXPECT_FALSE(NSThread::threadDictionary("OFSDateFormatter").has_value());
+    fileSystem.connectionUUID(uuid, "a\n", true);
+    EXPECT_NE(std::any_cast<NSDateFormatter>(&NSThread::threadDictionary("OFSDateFormatter")), nullptr);
+  }).join();
 }
 
 TEST_F(Transcript, LinesOfSeveralThreadsDoNotMix) {

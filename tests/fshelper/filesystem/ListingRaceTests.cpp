@@ -1,0 +1,78 @@
+// Listings that overlap each other, and what is made meanwhile.
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+class ListingRace : public FileSystemTest {
+ protected:
+  std::shared_ptr<KCRemoteFileNode> file(const std::string& path) {
+    return std::make_shared<KCRemoteFileNode>(path, server.credentials());
+  }
+};
+
+// The second fetch begins and ends while the server answers the first.
+TEST_F(ListingRace, TheLaterOfTwoFetchesWins) {
+  connect();
+  bool isFirst = true;
+  server.setContentsHandler([&](std::string_view, auto* nodes, NSErrorRef*) {
+    const bool isOuter = std::exchange(isFirst, false);
+    if (isOuter) {
+      EXPECT_TRUE(fileSystem.contentsOfDirectoryAtPath("/", nullptr).has_value());
+    }
+    nodes->push_back(file(isOuter ? "/merged-later" : "/merged-earlier"));
+    return true;
+  });
+  list("/");
+  EXPECT_NE(fileSystem._nodeForPath("/merged-later"), nullptr);
+  EXPECT_EQ(fileSystem._nodeForPath("/merged-earlier"), nullptr);
+}
+
+TEST_F(ListingRace, TheServerIsAskedOutsideTheFoldersLock) {
+  server.addFile("/a.txt", "a");
+  connect();
+  list("/");
+  makeStale("/");
+  std::future<void> lookUp;  // outlives the answer: it would end after it if the lock were held
+  bool isFree = false;
+  server.setContentsHandler([&](std::string_view, auto* nodes, NSErrorRef*) {
+    lookUp = std::async(std::launch::async, [&] { EXPECT_NE(fileSystem._nodeForPath("/a.txt"), nullptr); });
+    isFree = lookUp.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    nodes->push_back(file("/a.txt"));
+    return true;
+  });
+  list("/");
+  EXPECT_TRUE(isFree);
+}
+
+// However listings of others end around it, an item that was just made is found at once.
+TEST_F(ListingRace, WhatWasMadeIsFoundAtOnce) {
+  connect();
+  std::atomic<bool> isDone{false};
+  const auto listOnAndOn = [&] {
+    while (!isDone) {
+      fileSystem.rootNode()->setExpired(true);
+      fileSystem.contentsOfDirectoryAtPath("/", nullptr);
+    }
+  };
+  std::thread one(listOnAndOn);
+  std::thread two(listOnAndOn);
+  int missing = 0;
+  for (int index = 0; index < 150; ++index) {
+    const std::string path = "/d" + std::to_string(index);
+    EXPECT_TRUE(fileSystem.createDirectoryAtPath(path, {}, nullptr));
+    if (fileSystem.nodeForPath(path) == nullptr) ++missing;
+  }
+  isDone = true;
+  one.join();
+  two.join();
+  EXPECT_EQ(missing, 0);
+}
+
+}  // namespace
+}  // namespace ombra
