@@ -39,7 +39,10 @@ void OFSRemoteFile::locked_doubtServer() {
 bool OFSRemoteFile::synchronize(NSErrorRef* error) {
   OFS_TRACE(kSynchronize, "remotePath={}", remotePath());
   const ConditionLock lock(iCondition);
-  if (iAbandoned || iConfirmedGeneration == iLocalGeneration) return true;
+  if (iAbandoned) return true;
+  // A worker that is about to send again what the server has puts that in doubt: it is waited for as well.
+  const bool isSending = iState == kOFSStreaming || iState == kOFSUploading;
+  if (iConfirmedGeneration == iLocalGeneration && !isSending) return true;
   ++iSynchronizers;
   bool succeeded = false;
   {
@@ -54,6 +57,8 @@ bool OFSRemoteFile::synchronize(NSErrorRef* error) {
 // Bounded: an attempt that does not end by itself was ended by one of the writers that were under way before
 // this call held up the others.
 bool OFSRemoteFile::locked_synchronize(NSErrorRef* error) {
+  // Asked once the running transfer has ended: until then it may still put in doubt what was confirmed.
+  locked_waitUntilIdle();
   const uint64_t wanted = iLocalGeneration;
   while (true) {
     locked_waitUntilIdle();
