@@ -61,7 +61,7 @@ class PrivateBus {
 
  private:
   TemporaryFolder iFolder;
-  std::string iAddress = "unix:path=" + iFolder.path("bus");
+  std::string iAddress = "unix:path=" + (iFolder / "bus");
   EnvironmentVariable iVariable{"DBUS_SESSION_BUS_ADDRESS", iAddress};
   pid_t iDaemon = -1;
   bool iListens = false;

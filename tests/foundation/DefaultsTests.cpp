@@ -27,7 +27,7 @@ class UserDefaults : public testing::Test {
     iDefaults.reload();
   }
   void writeDefaults(const std::string& entries) {
-    mkdir(iFolder.path("ombrafs").c_str(), 0700);
+    mkdir((iFolder / "ombrafs").c_str(), 0700);
     writeFile(iPath, R"(<?xml version="1.0" encoding="UTF-8"?>
 <!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
 <plist version="1.0"><dict><!-- settings -->)" +
@@ -40,7 +40,7 @@ class UserDefaults : public testing::Test {
 
   TemporaryFolder iFolder;
   EnvironmentVariable iConfiguration{"XDG_CONFIG_HOME", iFolder.path()};
-  std::string iPath = iFolder.path("ombrafs/defaults.plist");
+  std::string iPath = iFolder / "ombrafs/defaults.plist";
   const std::vector<std::string> iArguments;
   LogCapture iLog;
   NSUserDefaults& iDefaults = NSUserDefaults::standardUserDefaults();
@@ -148,7 +148,7 @@ TEST_F(UserDefaults, KeepWhatAnotherProcessWroteMeanwhile) {
 }
 
 TEST_F(UserDefaults, OfABrokenFileAreEmptyAndTheFileIsKept) {
-  mkdir(iFolder.path("ombrafs").c_str(), 0700);
+  mkdir((iFolder / "ombrafs").c_str(), 0700);
   for (const char* broken : {"", "no list", "<plist version=\"1.0\"><dict>",
                              "<plist version=\"1.0\"><string>x</string></plist>", "bplist00"}) {
     writeFile(iPath, broken);
@@ -172,7 +172,7 @@ TEST_F(UserDefaults, RefuseValuesThatNoListCanHold) {
 }
 
 TEST_F(UserDefaults, TellWhenTheFileCannotBeWritten) {
-  writeFile(iFolder.path("ombrafs"), "a file in the way");
+  writeFile((iFolder / "ombrafs"), "a file in the way");
   EXPECT_FALSE(set("x", "A"));
   ASSERT_NE(iError, nullptr);
   EXPECT_EQ(iDefaults.stringForKey("A"), std::nullopt);

@@ -15,7 +15,7 @@ using testing::IsEmpty;
 class FileHandle : public testing::Test {
  protected:
   std::unique_ptr<NSFileHandle> open(NSFileHandle::Kind kind = NSFileHandle::Kind::kScratch) {
-    return std::make_unique<NSFileHandle>(::open(iFolder.path("f").c_str(), O_RDWR | O_CREAT, 0600), kind);
+    return std::make_unique<NSFileHandle>(::open((iFolder / "f").c_str(), O_RDWR | O_CREAT, 0600), kind);
   }
   TemporaryFolder iFolder;
   std::unique_ptr<NSFileHandle> iHandle = open();
@@ -38,7 +38,7 @@ TEST_F(FileHandle, TellsItsLengthWithAndWithoutMoving) {
 }
 
 TEST_F(FileHandle, ReportsARefusedWrite) {
-  NSFileHandle readOnly(::open(iFolder.path("f").c_str(), O_RDONLY));
+  NSFileHandle readOnly(::open((iFolder / "f").c_str(), O_RDONLY));
   EXPECT_FALSE(readOnly.writeAll("x", 1, 0));
   EXPECT_EQ(errno, EBADF);
 }

@@ -230,8 +230,8 @@ TEST(KeyedArchive, IsReadByAnotherPropertyListReader) {
   const NSErrorRef error =
       NSError::errorWithDomain("D", -1009, {{"list", list}, {"NSUnderlyingError", underlying()}});
   TemporaryFolder folder;
-  writeFile(folder.path("archive"), bytesOf(NSKeyedArchiver::archivedDataWithRootObject(error)));
-  writeFile(folder.path("check.py"), R"(import plistlib, sys
+  writeFile((folder / "archive"), bytesOf(NSKeyedArchiver::archivedDataWithRootObject(error)));
+  writeFile((folder / "check.py"), R"(import plistlib, sys
 archive = plistlib.load(open(sys.argv[1], 'rb'))
 objects = archive['$objects']
 at = lambda uid: objects[uid.data]
@@ -246,7 +246,7 @@ texts = [at(uid) for uid in facts['list']['NS.objects']]
 assert texts == ['\u00fc\U0001f600%d' % i for i in range(300)], texts
 assert facts['NSUnderlyingError']['NSCode'] == 13 and facts['NSUnderlyingError']['NSUserInfo'].data == 0
 )");
-  EXPECT_EQ(system(("python3 " + folder.path("check.py") + " " + folder.path("archive")).c_str()), 0);
+  EXPECT_EQ(system(("python3 " + (folder / "check.py") + " " + (folder / "archive")).c_str()), 0);
 }
 
 }  // namespace

@@ -53,14 +53,6 @@ void writeFile(const std::string& path, std::string_view contents) {
   file << contents;
 }
 
-TemporaryFolder::TemporaryFolder() {
-  std::string pattern = testing::TempDir() + "ombra-foundation-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder");
-  iPath = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() { NSFileManager::removeItemAtPath(iPath, nullptr); }
-
 EnvironmentVariable::EnvironmentVariable(const char* name, const std::optional<std::string>& value)
     : iName(name) {
   if (const char* old = getenv(name)) iOld = old;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/foundation/NSDictionary.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace ombra {
 
@@ -18,20 +19,6 @@ std::string toHex(const NSData& data);
 // The contents of a file; empty when there is none.
 std::string contentsOfFile(const std::string& path);
 void writeFile(const std::string& path, std::string_view contents);
-
-// An empty folder that goes, with all it holds, at the end.
-class TemporaryFolder {
- public:
-  TemporaryFolder();
-  ~TemporaryFolder();
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  const std::string& path() const { return iPath; }
-  std::string path(std::string_view name) const { return iPath + "/" + std::string(name); }
-
- private:
-  std::string iPath;
-};
 
 // Sets an environment variable (absent: removes it) and puts the old value back at the end.
 class EnvironmentVariable {

@@ -18,15 +18,6 @@ std::unique_ptr<TemporaryFolder> gFolder;
 
 }  // namespace
 
-TemporaryFolder::TemporaryFolder(const std::string& parent) : iPath(parent + "/ombra-test-XXXXXX") {
-  if (mkdtemp(iPath.data()) == nullptr) abort();
-}
-
-TemporaryFolder::~TemporaryFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(iPath, ignored);
-}
-
 ScopedEnvironment::ScopedEnvironment(const char* name, const char* value) : iName(name) {
   const char* before = std::getenv(name);
   iWasSet = before != nullptr;

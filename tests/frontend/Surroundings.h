@@ -7,22 +7,9 @@
 #include <string>
 #include <string_view>
 
+#include "tests/support/TemporaryFolder.h"
+
 namespace ombra {
-
-// A folder that is removed, with its contents, at the end of its scope.
-class TemporaryFolder {
- public:
-  TemporaryFolder() : TemporaryFolder("/tmp") {}
-  explicit TemporaryFolder(const std::string& parent);
-  ~TemporaryFolder();
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  const std::string& path() const { return iPath; }
-  std::string operator/(std::string_view name) const { return iPath + "/" + std::string(name); }
-
- private:
-  std::string iPath;
-};
 
 // Sets (or with nullptr unsets) an environment variable for a scope.
 class ScopedEnvironment {

@@ -4,6 +4,7 @@
 #include <fstream>
 
 #include "tests/integration/MountFixture.h"
+#include "tests/support/TemporaryUser.h"
 
 namespace ombra {
 namespace {
@@ -78,6 +79,49 @@ TEST_F(Login, AChangedHostKeyIsRefusedWithTheLineToLookAt) {
   EXPECT_NE(refused.errors.find("known_hosts"), std::string::npos) << refused.errors;
   EXPECT_EQ(user->ombra("mount --accept-new " + mountArguments(data())).status, refused.status);
 }
+
+// An account with a password instead of a key, and a server that takes it by one method alone.
+class PasswordLogin : public Login, public ::testing::WithParamInterface<const char*> {
+ protected:
+  void SetUp() override {
+    Login::SetUp();
+    if (HasFatalFailure()) return;
+    ASSERT_EQ(account.problem(), "");
+    const bool byKeyboard = std::string(GetParam()) == "keyboard-interactive";
+    daemon = std::make_unique<SshdFixture>(std::vector<std::string>{
+        std::string("AuthenticationMethods ") + GetParam(), byKeyboard ? "UsePAM yes" : "UsePAM no",
+        byKeyboard ? "KbdInteractiveAuthentication yes" : "PasswordAuthentication yes"});
+    ASSERT_TRUE(daemon->isRunning()) << daemon->whyNot();
+    user->trust(*daemon);
+    ASSERT_EQ(shell("chmod 755 " + shellWord(data())).status, 0);
+  }
+  std::string mountWith(const std::string& password) {
+    std::ofstream(user->home() + "/pass") << password << "\n";
+    shell("chmod 600 " + shellWord(user->home() + "/pass"));
+    return "--password-file " + shellWord(user->home() + "/pass") + " " +
+           shellWord("sftp://" + account.name() + "@127.0.0.1:" + std::to_string(daemon->port()) + data());
+  }
+  TemporaryUser account;
+  std::unique_ptr<SshdFixture> daemon;
+};
+
+TEST_P(PasswordLogin, WithTheRightOneShowsTheFolder) {
+  expectReadable(user->mount(mountWith(account.password())));
+}
+
+TEST_P(PasswordLogin, WithAWrongOneSaysSoAndLeavesNothing) {
+  const ShellResult refused = user->ombra("mount " + mountWith("wrong"));
+  EXPECT_EQ(refused.status, 4) << refused.errors;
+  EXPECT_NE(refused.errors.find("password"), std::string::npos) << refused.errors;
+  EXPECT_EQ(refused.errors.find(account.password()), std::string::npos);
+  EXPECT_EQ(user->ombra("list").output, "");
+}
+
+INSTANTIATE_TEST_SUITE_P(Methods, PasswordLogin, ::testing::Values("password", "keyboard-interactive"),
+                         [](const auto& method) {
+                           return method.param == std::string("password") ? "Password"
+                                                                          : "KeyboardInteractive";
+                         });
 
 // Name, arguments, exit status, and what the message must hold.
 struct BadInput {

@@ -11,6 +11,7 @@
 
 #include "tests/integration/Shell.h"
 #include "tests/support/SshdFixture.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace ombra {
 

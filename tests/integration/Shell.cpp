@@ -99,15 +99,4 @@ std::string shellWord(const std::string& text) {
   return word + "'";
 }
 
-TemporaryFolder::TemporaryFolder(const std::string& parent) {
-  std::string pattern = parent + "/ombra-test-XXXXXX";
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary folder in " + parent);
-  iPath = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-  std::error_code ignored;
-  std::filesystem::remove_all(iPath, ignored);
-}
-
 }  // namespace ombra

@@ -22,17 +22,4 @@ ShellResult shell(const std::string& script, const std::map<std::string, std::st
 // `text` as one word of a shell command.
 std::string shellWord(const std::string& text);
 
-// A folder that is removed with all its contents.
-class TemporaryFolder {
- public:
-  explicit TemporaryFolder(const std::string& parent = "/tmp");
-  ~TemporaryFolder();
-  TemporaryFolder(const TemporaryFolder&) = delete;
-  TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-  const std::string& path() const { return iPath; }
-
- private:
-  std::string iPath;
-};
-
 }  // namespace ombra

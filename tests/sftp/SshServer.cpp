@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,14 +35,6 @@ int freePort() {
   }
   close(socket);
   return port;
-}
-
-std::string randomText() {
-  unsigned char bytes[8] = {};
-  if (getrandom(bytes, sizeof(bytes), 0) != sizeof(bytes)) return "x";
-  std::string text;
-  for (const unsigned char byte : bytes) text += fmt::format("{:02x}", byte);
-  return text;
 }
 
 void writeFile(const std::string& name, const std::string& content) {
@@ -104,26 +95,6 @@ std::string SshServer::fingerprint() const {
   const std::string line = child.waitForLine("SHA256:");
   const size_t begin = line.find("SHA256:");
   return begin == std::string::npos ? "" : line.substr(begin, line.find(' ', begin) - begin);
-}
-
-TemporaryUser::TemporaryUser()
-    : iName("ombra-" + randomText().substr(0, 8)), iPassword("pw-" + randomText()) {
-  if (geteuid() != 0) {
-    iProblem = "needs root to make an account";
-    return;
-  }
-  const std::string line = iName + ":" + iPassword;
-  // The password goes through a file that only root reads.
-  const std::string folder = makeFolder();
-  writeFile(folder + "/line", line);
-  const bool made = runProgram({"useradd", "-M", "-d", "/tmp", "-s", "/bin/sh", iName}) &&
-                    runProgram({"sh", "-c", "chpasswd < " + folder + "/line"});
-  std::filesystem::remove_all(folder);
-  if (!made) iProblem = "useradd or chpasswd failed";
-}
-
-TemporaryUser::~TemporaryUser() {
-  if (geteuid() == 0) runProgram({"userdel", "-f", iName});
 }
 
 void SshTest::SetUp() {

@@ -11,6 +11,7 @@
 #include "remote/Session.h"
 #include "tests/sftp/ChildProcess.h"
 #include "tests/sftp/SessionFixture.h"
+#include "tests/support/TemporaryUser.h"
 
 namespace ombra::test {
 
@@ -45,23 +46,6 @@ class SshServer {
   std::string iProblem;
   int iPort = 0;
   std::unique_ptr<ChildProcess> iDaemon;
-};
-
-// An account of this machine that lives as long as the object, with a random password.
-class TemporaryUser {
- public:
-  TemporaryUser();
-  ~TemporaryUser();
-  TemporaryUser(const TemporaryUser&) = delete;
-  TemporaryUser& operator=(const TemporaryUser&) = delete;
-  const std::string& problem() const { return iProblem; }
-  const std::string& name() const { return iName; }
-  const std::string& password() const { return iPassword; }
-
- private:
-  std::string iName;
-  std::string iPassword;
-  std::string iProblem;
 };
 
 // HOME points into an empty folder while a test runs.
