@@ -15,15 +15,18 @@ bool isForWriting(int flags) { return (flags & O_ACCMODE) != O_RDONLY; }
 
 }  // namespace
 
+// A creating open empties the file on the server. What is there already is never opened so: somebody else may
+// have made and filled it since the kernel looked.
 int Volume::openFile(const std::string& path, int flags, GMUserData* userData) {
   GMUserFileSystemDurability* durability = this->durability();
+  const int delegateFlags = interfaceOpenFlags(flags & ~(O_CREAT | O_EXCL));
   bool isPrepared = iHandles.itemAtPath(path) != nullptr;
   if (durability != nullptr) {
     durability->forgetFailedContentAtPath(path);
     isPrepared = durability->openFileAtPathIfAny(path) != nullptr;
   }
   NSErrorRef error;
-  if (!delegate().openFileAtPath(path, interfaceOpenFlags(flags), userData, &error)) return failure(error);
+  if (!delegate().openFileAtPath(path, delegateFlags, userData, &error)) return failure(error);
   if (durability != nullptr && !isPrepared) durability->seedCacheAttributesAtPath(path, *userData);
   if ((flags & O_TRUNC) == 0) return 0;
   // A file that was prepared already has not looked at the flags. One that was not is empty now, but its node

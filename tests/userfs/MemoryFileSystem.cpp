@@ -288,7 +288,7 @@ bool MemoryFileSystem::openFileAtPath(OptionalPath path, int mode, GMUserData* u
   const auto item = find(path);
   if (item == nullptr) return fail(kENOENT, error);
   // As the real one: what was prepared before does not look at the flags.
-  if (!isPrepared && (mode & kO_TRUNC) != 0) item->content.clear();
+  if (!isPrepared && (mode & (kO_CREAT | kO_TRUNC)) != 0) item->content.clear();
   *userData = openFileOf(item);
   return true;
 }

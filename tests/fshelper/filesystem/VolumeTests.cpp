@@ -1,0 +1,82 @@
+// The kernel's requests on their way through the adapter and the file system to the server.
+#include "platform/userfs/Volume.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+class OverTheServer : public FileSystemTest {
+ protected:
+  OverTheServer() {
+    server.addFile("/a.txt", "content");
+    connect();
+  }
+  ~OverTheServer() override {
+    volume->releaseAll();
+    waitForReleases();
+  }
+
+  void waitForReleases() { volume->closers().waitUntilIdle(); }
+  uint64_t openHandle(const char* path, int flags) {
+    uint64_t handle = 0;
+    bool keepPages = false;
+    EXPECT_EQ(volume->open(path, flags, 0, &handle, &keepPages), 0) << path;
+    return handle;
+  }
+  int openFailing(const char* path, int flags) {
+    uint64_t handle = 0;
+    bool keepPages = false;
+    return volume->open(path, flags, 0, &handle, &keepPages);
+  }
+  // What one read gives; "<errno>" for a failed one.
+  std::string readHandle(uint64_t handle, size_t size = 100, off_t offset = 0) {
+    std::string bytes(size, '\0');
+    const int count = volume->read(handle, bytes.data(), size, offset);
+    if (count < 0) return "<" + std::to_string(-count) + ">";
+    bytes.resize(static_cast<size_t>(count));
+    return bytes;
+  }
+  // A handle of a file whose download is held after its first bytes.
+  uint64_t openArriving(const char* path, const std::shared_ptr<ScriptedHold>& hold) {
+    const uint64_t handle = openHandle(path, O_RDONLY);
+    EXPECT_TRUE(hold->waitUntilHeld());
+    return handle;
+  }
+  off_t sizeOf(uint64_t handle) {
+    struct stat attributes {};
+    EXPECT_EQ(volume->attributes(nullptr, handle, &attributes), 0);
+    return attributes.st_size;
+  }
+  mode_t modeOf(const char* path) {
+    struct stat attributes {};
+    EXPECT_EQ(volume->attributes(path, 0, &attributes), 0);
+    return attributes.st_mode & 07777;
+  }
+
+  const std::shared_ptr<Volume> volume =
+      std::make_shared<Volume>(&fileSystem, VolumeSettings{"/Volumes/Srv", false, false});
+};
+
+using Creating = OverTheServer;
+
+TEST_F(Creating, OverAFileThatAppearedMeanwhileLeavesWhatIsInIt) {
+  uint64_t handle = 0;
+  ASSERT_EQ(volume->create("/a.txt", 0644, O_CREAT | O_RDWR, 0, &handle), 0);
+  EXPECT_EQ(server.content("/a.txt"), "content");
+  EXPECT_EQ(readHandle(handle), "content");
+}
+
+TEST_F(Creating, AndEmptyingAFileThatAppearedMeanwhileEmptiesIt) {
+  uint64_t handle = 0;
+  ASSERT_EQ(volume->create("/a.txt", 0644, O_CREAT | O_TRUNC | O_RDWR, 0, &handle), 0);
+  EXPECT_EQ(server.content("/a.txt"), "");
+  EXPECT_EQ(readHandle(handle), "");
+}
+
+}  // namespace
+}  // namespace ombra
