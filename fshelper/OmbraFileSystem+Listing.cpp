@@ -70,7 +70,7 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
   NSErrorRef underlying;
   const bool isListed = connection->contentsAtPath(remotePath, &nodes, &underlying);
   if (isListed) {
-    merge.run(nodes);
+    merge.run(std::move(nodes));
   } else {
     OFS_FAIL(error, kENOENT, underlying);
   }

@@ -13,7 +13,12 @@ OmbraFileSystem::Merge::Merge(OmbraFileSystem& fileSystem, StAbstractConnection&
       iForm(form),
       iFetch(fileSystem.iChanges, *iFolder) {}
 
-void OmbraFileSystem::Merge::run(const std::vector<Node>& nodes) {
+void OmbraFileSystem::Merge::run(std::vector<Node> nodes) {
+  // Before the lock is taken: a question that has lost its session waits in line for another, and those who
+  // hold sessions may be waiting for this lock, to put their own change into the tree.
+  for (Node& node : nodes) {
+    if (node->type() == kNodeTypeAlias) node = resolved(node);
+  }
   std::vector<Node> gone;
   {
     RecursiveMutexLock lock(iFolder->objectLock());
@@ -37,7 +42,6 @@ void OmbraFileSystem::Merge::mergeNode(Node node, const OFSNodeSet* old, OFSNode
   const OFSNodeChanges& changes = iFileSystem.iChanges;
   // Removed here since the server made this listing.
   if (changes.changeSince(*iFolder, name, iFetch.mark()) == OFSNodeChanges::Kind::kRemoved) return;
-  if (node->type() == kNodeTypeAlias) node = resolved(node);
   node->setParent(iFolder);
   iNames.push_back(decomposedStringWithCanonicalMapping(name));
   // A known entry keeps its node with all that hangs on it, also its old size, dates and permissions: the

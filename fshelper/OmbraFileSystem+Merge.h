@@ -20,9 +20,8 @@ class OmbraFileSystem::Merge {
   Merge(OmbraFileSystem& fileSystem, StAbstractConnection& connection,
         std::shared_ptr<KCRemoteFileNode> folder, NameForm form);
 
-  // Takes the folder's lock. With it held the server is called for links, whose entries could otherwise
-  // change hands between their resolution and the new child set.
-  void run(const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes);
+  // Asks the server where links lead, then takes the folder's lock, with which the server is not called.
+  void run(std::vector<std::shared_ptr<KCRemoteFileNode>> nodes);
 
   // To be called once the listing is in the tree, or has failed. True when it is out of date already, since
   // something was made or removed here meanwhile.

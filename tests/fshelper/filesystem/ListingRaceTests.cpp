@@ -3,6 +3,7 @@
 #include <chrono>
 #include <future>
 #include <thread>
+#include <utility>
 
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
@@ -48,6 +49,36 @@ TEST_F(ListingRace, TheServerIsAskedOutsideTheFoldersLock) {
   });
   list("/");
   EXPECT_TRUE(isFree);
+}
+
+// A removal holds a session while it waits for the lock; with the lock held, a resolution that has lost its
+// session would wait for that one.
+TEST_F(ListingRace, LinksAreResolvedOutsideTheFoldersLock) {
+  server.addFile("/home/u/a.txt", "a");
+  server.addLink("/home/u/inside", "/home/u/a.txt");
+  server.addLink("/home/u/outside", "/srv/share/x.txt");
+  server.addFile("/srv/share/x.txt", "x");
+  connectAt("/home/u");
+  list("/");
+  for (const auto& [operation, path] :
+       {std::pair("resolvePath", "/home/u/inside"), std::pair("attributesOfItemAtPath", "/srv/share/x.txt"),
+        std::pair("contentsAtPath", "/srv/share")}) {
+    const std::string name = std::string("/made during ") + operation;
+    server.addFile("/home/u" + name, "");
+    makeStale("/");
+    list("/");
+    makeStale("/");
+    const auto hold = server.hold(operation, path);
+    std::thread lister([&] { EXPECT_TRUE(fileSystem.contentsOfDirectoryAtPath("/", nullptr).has_value()); });
+    ASSERT_TRUE(hold->waitUntilHeld());
+    std::future<bool> removal =
+        std::async(std::launch::async, [&] { return fileSystem.removeItemAtPath(name, nullptr); });
+    EXPECT_EQ(removal.wait_for(std::chrono::seconds(20)), std::future_status::ready) << operation;
+    hold->release();
+    lister.join();
+    EXPECT_TRUE(removal.get());
+    EXPECT_EQ(fileSystem._nodeForPath(name), nullptr) << "the older listing has brought it back";
+  }
 }
 
 // However listings of others end around it, an item that was just made is found at once.
