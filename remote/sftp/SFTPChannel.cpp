@@ -37,6 +37,7 @@ SFTPChannel::SFTPChannel(std::unique_ptr<SFTPTransport> transport,
     : iTranscript(std::move(transcript)),
       iConnectLimit(connectLimit),
       iIdleLimit(idleLimit),
+      iSilenceLimit(idleLimit),
       iAssembler(iPool, kSFTPMaximumPacketLength,
                  [this](SFTPBuffer packet) { return packetArrived(std::move(packet)); }),
       iOutgoing(iPool),
@@ -127,6 +128,13 @@ std::optional<SFTPReply> SFTPChannel::wait(uint32_t id, NSErrorRef* error) {
   return take(id);
 }
 
+std::optional<SFTPReply> SFTPChannel::waitPatiently(uint32_t id, NSErrorRef* error) {
+  iSilenceLimit = kPatience * iIdleLimit;
+  auto reply = wait(id, error);
+  iSilenceLimit = iIdleLimit;
+  return reply;
+}
+
 bool SFTPChannel::hasReply(uint32_t id) const {
   const auto found = iPending.find(id);
   return found != iPending.end() && found->second.reply.has_value();
@@ -157,7 +165,7 @@ SFTPChannel::Clock::duration SFTPChannel::age(uint32_t id) const {
 }
 
 std::chrono::milliseconds SFTPChannel::patience(Clock::time_point now) const {
-  Clock::time_point end = iLastMovement + iIdleLimit;
+  Clock::time_point end = iLastMovement + iSilenceLimit;
   if (iDeadline) end = std::min(end, *iDeadline);
   return std::chrono::duration_cast<std::chrono::milliseconds>(end - now + std::chrono::microseconds(999));
 }

@@ -57,6 +57,10 @@ class SFTPChannel final : private SFTPTransport::Receiver {
 
   // Waits for the reply of a request. Absent on failure.
   std::optional<SFTPReply> wait(uint32_t id, NSErrorRef* error);
+  // The same for what a server may have to do long and silent work for, as a move that it does as a copy:
+  // with `kPatience` times the idle limit.
+  std::optional<SFTPReply> waitPatiently(uint32_t id, NSErrorRef* error);
+  static constexpr int kPatience = 10;
   // The reply when it has come already; `failed()` stays as it is.
   std::optional<SFTPReply> take(uint32_t id);
   bool hasReply(uint32_t id) const;
@@ -103,6 +107,7 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   const std::shared_ptr<SessionTranscript> iTranscript;
   const std::chrono::milliseconds iConnectLimit;
   const std::chrono::milliseconds iIdleLimit;
+  std::chrono::milliseconds iSilenceLimit;  // the idle limit, but for a patient wait
   SFTPBufferPool iPool;
   SFTPAssembler iAssembler;
   SFTPOutgoing iOutgoing;

@@ -38,15 +38,39 @@ bool SFTPSession::changeAttributes(const NSFileAttributes& attributes, std::stri
   if (!isUsablePath(path, error)) return false;
   const auto wanted = attributesToSet(attributes, path, error);
   if (!wanted) return false;
-  if (*wanted == SFTPAttributes{}) return true;
+  if (*wanted == SFTPAttributes{}) {
+    if (!attributes.creationDate) return true;
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported,
+                                                   "the protocol has no creation dates"));
+    return false;
+  }
   NSErrorRef reason;
-  if (waitStatus(iRequests.setstat(path, *wanted), SFTPOperation::kSetAttributes, path, &reason)) return true;
+  if (setAttributes(*wanted, path, &reason)) return true;
   // Of a link that leads nowhere the link itself is meant; it has owner and dates, but no mode of its own.
   const bool mayBeLink = QuarnKitError::isCode(reason, kQuarnKitNoSuchItem) && !wanted->permissions;
   if (mayBeLink && iChannel.hasExtension("lsetstat@openssh.com", "1")) {
     return waitStatus(iRequests.lsetstat(path, *wanted), SFTPOperation::kSetAttributes, path, error);
   }
   storeError(error, reason);
+  return false;
+}
+
+// The owner in a request of its own, ahead of the mode: servers apply the mode of a request first, and the
+// change of owner then takes the set-ID bits away.
+bool SFTPSession::setAttributes(const SFTPAttributes& wanted, std::string_view path, NSErrorRef* error) {
+  if (!wanted.owner || !wanted.permissions) {
+    return waitStatus(iRequests.setstat(path, wanted), SFTPOperation::kSetAttributes, path, error);
+  }
+  SFTPAttributes owner;
+  owner.owner = wanted.owner;
+  SFTPAttributes rest = wanted;
+  rest.owner.reset();
+  const uint32_t ownerID = iRequests.setstat(path, owner);
+  const uint32_t restID = iRequests.setstat(path, rest);
+  if (waitStatus(ownerID, SFTPOperation::kSetAttributes, path, error)) {
+    return waitStatus(restID, SFTPOperation::kSetAttributes, path, error);
+  }
+  iChannel.abandon(restID);
   return false;
 }
 

@@ -7,9 +7,6 @@ namespace ombra {
 
 namespace {
 
-// As many links as Linux follows on the way to one item.
-constexpr int kMostLinksOnTheWay = 40;
-
 LinkResolution resolutionTo(std::string path, const std::optional<SFTPAttributes>& target) {
   LinkResolution resolution;
   resolution.resolved = true;
@@ -22,12 +19,13 @@ LinkResolution resolutionTo(std::string path, const std::optional<SFTPAttributes
 
 }  // namespace
 
-SFTPSession::LinkQuestion SFTPSession::askLink(std::string_view path, size_t entry) {
+SFTPSession::LinkQuestion SFTPSession::askLink(std::string path, size_t entry) {
   LinkQuestion question;
   question.entry = entry;
   question.readlinkID = iRequests.readlink(path);
   question.realpathID = iRequests.realpath(path);
   question.statID = iRequests.stat(path);
+  question.path = std::move(path);
   return question;
 }
 
@@ -39,9 +37,9 @@ void SFTPSession::abandon(const LinkQuestion& question) {
 
 // Takes the three answers about one link. False only when the connection has ended. `target` stays absent for
 // what is no link; `resolution` stays absent when the server resolves nothing and the way has to be walked.
-bool SFTPSession::settleLink(const LinkQuestion& question, std::string_view path,
-                             std::optional<std::string>* target, std::optional<LinkResolution>* resolution,
-                             NSErrorRef* error) {
+bool SFTPSession::settleLink(const LinkQuestion& question, std::optional<std::string>* target,
+                             std::optional<LinkResolution>* resolution, NSErrorRef* error) {
+  const std::string& path = question.path;
   NSErrorRef nameError;
   NSErrorRef statError;
   *target = waitName(question.readlinkID, path, nullptr);
@@ -51,24 +49,30 @@ bool SFTPSession::settleLink(const LinkQuestion& question, std::string_view path
     storeError(error, iChannel.failure());
     return false;
   }
-  if (!*target) return true;
+  if (!*target) {
+    // The end of a way that is followed link by link.
+    if (question.links > 0) *resolution = resolutionTo(sftpNormalPath(path), present);
+    return true;
+  }
   // Servers that only tidy the path up answer the link's own path for a link.
   const bool isResolved = name && sftpNormalPath(*name) != sftpNormalPath(path);
   if (isResolved) {
     *resolution = resolutionTo(sftpNormalPath(*name), present);
   } else if (present || QuarnKitError::isCode(statError, kQuarnKitPermissionDenied)) {
+    // One step: what the link names may be a link itself.
     *resolution = resolutionTo(sftpNormalPath(sftpJoinPath(sftpParentPath(path), **target)), present);
+    (*resolution)->isFinal = false;
   }
   return true;
 }
 
 std::optional<LinkResolution> SFTPSession::resolveLink(std::string_view path, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return std::nullopt;
-  const LinkQuestion question = askLink(path, 0);
+  const LinkQuestion question = askLink(std::string(path), 0);
   std::optional<std::string> target;
   std::optional<LinkResolution> resolution;
   const uint32_t lstatID = iRequests.lstat(path);
-  if (!settleLink(question, path, &target, &resolution, error)) return std::nullopt;
+  if (!settleLink(question, &target, &resolution, error)) return std::nullopt;
   NSErrorRef lstatError;
   const auto item = waitAttributes(lstatID, SFTPOperation::kOther, path, &lstatError);
   if (iChannel.failure()) {

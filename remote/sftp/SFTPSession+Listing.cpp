@@ -19,8 +19,8 @@ constexpr size_t kMostEntries = 20'000'000;
 uint32_t typeOfEntry(const SFTPName& name) {
   if (name.attributes.isDirectory()) return kNodeTypeFolder;
   if (name.attributes.isLink()) return kNodeTypeAlias;
-  if (name.attributes.permissions) return kNodeTypeFile;
-  // Servers without a mode in their attributes still print one, as ls does.
+  if (name.attributes.fileType() != 0) return kNodeTypeFile;
+  // Servers without a type in their attributes still print one, as ls does.
   if (name.longname.starts_with('d')) return kNodeTypeFolder;
   if (name.longname.starts_with('l')) return kNodeTypeAlias;
   return kNodeTypeFile;
@@ -70,6 +70,8 @@ bool SFTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries,
   iChannel.abandon(iRequests.close(*handle));
   const bool settled = read && settleLinks(listing, 0, error);
   for (const LinkQuestion& question : listing.questions) abandon(question);
+  // A folder that stays open until this session is used again could not be removed meanwhile on some servers.
+  iChannel.flushBriefly();
   return settled;
 }
 
@@ -101,6 +103,8 @@ bool SFTPSession::takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef
     refuse(reply, SFTPOperation::kList, listing.path, error);
     return false;
   }
+  // Some servers tell the end by having nothing more to tell.
+  if (names->empty()) listing.ended = true;
   for (SFTPName& name : *names) {
     const bool isShown =
         name.filename.find('/') == std::string::npos && name.filename.find('\0') == std::string::npos;
@@ -115,16 +119,32 @@ bool SFTPSession::takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef
 // Takes answers, oldest first, until no more than `remaining` questions are open.
 bool SFTPSession::settleLinks(Listing& listing, size_t remaining, NSErrorRef* error) {
   while (listing.questions.size() > remaining) {
-    const LinkQuestion question = listing.questions.front();
+    const LinkQuestion question = std::move(listing.questions.front());
     listing.questions.pop_front();
-    RemoteEntry& entry = (*listing.entries)[question.entry];
-    const std::string path = sftpJoinPath(listing.path, entry.name);
-    if (!settleLink(question, path, &entry.targetPath, &entry.resolution, error)) return false;
-    if (entry.resolution || !entry.targetPath || ++listing.walks > kMostWalks) continue;
-    entry.resolution = walkLink(path, error);
-    if (!entry.resolution) return false;
+    if (!settleEntry(listing, question, error)) return false;
   }
   return true;
+}
+
+bool SFTPSession::settleEntry(Listing& listing, const LinkQuestion& question, NSErrorRef* error) {
+  RemoteEntry& entry = (*listing.entries)[question.entry];
+  std::optional<std::string> target;
+  if (!settleLink(question, &target, &entry.resolution, error)) return false;
+  if (question.links == 0) entry.targetPath = target;
+  if (entry.resolution && !entry.resolution->isFinal) {
+    if (question.links >= kMostLinksOnTheWay) {
+      entry.resolution = LinkResolution{};
+      return true;
+    }
+    // The next step of all such links is in flight together.
+    LinkQuestion next = askLink(entry.resolution->resolvedPath, question.entry);
+    next.links = question.links + 1;
+    listing.questions.push_back(std::move(next));
+    return true;
+  }
+  if (entry.resolution || !entry.targetPath || ++listing.walks > kMostWalks) return true;
+  entry.resolution = walkLink(sftpJoinPath(listing.path, entry.name), error);
+  return entry.resolution.has_value();
 }
 
 // OpenSSH's server answers "no such file" for a folder that is none.

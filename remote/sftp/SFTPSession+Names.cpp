@@ -73,7 +73,7 @@ bool SFTPSession::move(std::string_view from, bool isDirectory, std::string_view
   const bool replaces = iChannel.hasExtension("posix-rename@openssh.com", "1");
   const uint32_t id = replaces ? iRequests.posixRename(from, to) : iRequests.rename(from, to);
   NSErrorRef reason;
-  if (waitStatus(id, SFTPOperation::kChangeName, from, &reason)) return true;
+  if (waitStatusPatiently(id, SFTPOperation::kChangeName, from, &reason)) return true;
   if (!replaces) {
     reason = explainCreation(reason, to);
   } else if (isDirectory && QuarnKitError::isCode(reason, kQuarnKitRefused) && lookAt(to) &&

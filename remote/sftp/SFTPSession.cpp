@@ -51,18 +51,24 @@ void SFTPSession::refuse(const SFTPReply& reply, SFTPOperation operation, std::s
                               : sftpProtocolError("a reply of the wrong kind"));
 }
 
-std::optional<SFTPStatus> SFTPSession::waitStatusCode(uint32_t id, NSErrorRef* error) {
-  auto reply = iChannel.wait(id, error);
-  if (!reply) return std::nullopt;
-  auto status = parseSFTPStatus(*reply);
-  if (!status) storeError(error, sftpProtocolError("no status where one was due"));
-  iChannel.recycle(std::move(*reply));
-  return status;
+bool SFTPSession::waitStatus(uint32_t id, SFTPOperation operation, std::string_view path, NSErrorRef* error) {
+  return settleStatus(iChannel.wait(id, error), operation, path, error);
 }
 
-bool SFTPSession::waitStatus(uint32_t id, SFTPOperation operation, std::string_view path, NSErrorRef* error) {
-  const auto status = waitStatusCode(id, error);
-  if (!status) return false;
+bool SFTPSession::waitStatusPatiently(uint32_t id, SFTPOperation operation, std::string_view path,
+                                      NSErrorRef* error) {
+  return settleStatus(iChannel.waitPatiently(id, error), operation, path, error);
+}
+
+bool SFTPSession::settleStatus(std::optional<SFTPReply> reply, SFTPOperation operation, std::string_view path,
+                               NSErrorRef* error) {
+  if (!reply) return false;
+  const auto status = parseSFTPStatus(*reply);
+  iChannel.recycle(std::move(*reply));
+  if (!status) {
+    storeError(error, sftpProtocolError("no status where one was due"));
+    return false;
+  }
   if (status->code == kSFTPStatusOK) return true;
   storeError(error, errorForSFTPStatus(*status, operation, path));
   return false;

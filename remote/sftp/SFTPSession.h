@@ -14,10 +14,9 @@
 #include "remote/sftp/SFTPErrors.h"
 #include "remote/sftp/SFTPRequests.h"
 #include "remote/sftp/SFTPTransport.h"
+#include "remote/sftp/SFTPUpload.h"
 
 namespace ombra {
-
-class SFTPWriteQueue;
 
 // Session (see there) over one transport. The operations are in one file per concern: SFTPSession+Names.cpp,
 // +Attributes.cpp, +Listing.cpp, +Links.cpp, +Download.cpp, +Upload.cpp.
@@ -30,7 +29,8 @@ class SFTPSession final : public Session {
   std::string loginPath() const override { return iLoginPath; }
   bool isAlive() override;
   void interrupt() override { iChannel.interrupt(); }
-  void becameIdle() override { closeUploadHandle(); }
+  void becameIdle() override { finishUpload(); }
+  std::string heldPath() const override { return iUpload == nullptr ? std::string() : iUpload->path(); }
 
   std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
                                       NSErrorRef* error) override;
@@ -58,15 +58,12 @@ class SFTPSession final : public Session {
                             TransferControl& control, NSErrorRef* error) override;
 
  private:
-  // A remote file open for writing, kept between uploads of one path so that appending costs one round trip.
-  struct UploadHandle {
-    std::string path;
-    std::string handle;
-  };
-
   // Answers of single requests. A status that is not OK becomes an error of `operation` on `path`.
   bool waitStatus(uint32_t id, SFTPOperation operation, std::string_view path, NSErrorRef* error);
-  std::optional<SFTPStatus> waitStatusCode(uint32_t id, NSErrorRef* error);
+  // The same for a request that a server may be long and silent about.
+  bool waitStatusPatiently(uint32_t id, SFTPOperation operation, std::string_view path, NSErrorRef* error);
+  bool settleStatus(std::optional<SFTPReply> reply, SFTPOperation operation, std::string_view path,
+                    NSErrorRef* error);
   std::optional<std::string> waitHandle(uint32_t id, SFTPOperation operation, std::string_view path,
                                         NSErrorRef* error);
   std::optional<SFTPAttributes> waitAttributes(uint32_t id, SFTPOperation operation, std::string_view path,
@@ -83,12 +80,15 @@ class SFTPSession final : public Session {
   std::optional<std::string> homeWithoutExpansion(std::string_view path, NSErrorRef* error);
   NSErrorRef explainCreation(NSErrorRef refused, std::string_view path);
   bool isEmptyFolder(std::string_view path);
+  bool setAttributes(const SFTPAttributes& wanted, std::string_view path, NSErrorRef* error);
   std::optional<SFTPAttributes> attributesToSet(const NSFileAttributes& attributes, std::string_view path,
                                                 NSErrorRef* error);
 
   // Listing.
   struct LinkQuestion {
     size_t entry = 0;
+    std::string path;
+    int links = 0;  // on the way to `path`
     uint32_t readlinkID = 0;
     uint32_t realpathID = 0;
     uint32_t statID = 0;
@@ -97,8 +97,12 @@ class SFTPSession final : public Session {
   bool readFolder(Listing& listing, NSErrorRef* error);
   bool takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef* error);
   bool settleLinks(Listing& listing, size_t remaining, NSErrorRef* error);
-  LinkQuestion askLink(std::string_view path, size_t entry);
-  bool settleLink(const LinkQuestion& question, std::string_view path, std::optional<std::string>* target,
+  bool settleEntry(Listing& listing, const LinkQuestion& question, NSErrorRef* error);
+  LinkQuestion askLink(std::string path, size_t entry);
+  // As many links as Linux follows on the way to one item.
+  static constexpr int kMostLinksOnTheWay = 40;
+  // Where the link of the question leads. A resolution that is not final is one step of the way.
+  bool settleLink(const LinkQuestion& question, std::optional<std::string>* target,
                   std::optional<LinkResolution>* resolution, NSErrorRef* error);
   void abandon(const LinkQuestion& question);
   // Walks a path by hand where the server resolves nothing: to tell a circle from a link into nowhere.
@@ -106,27 +110,27 @@ class SFTPSession final : public Session {
   NSErrorRef explainListing(NSErrorRef refused, std::string_view path);
 
   // Uploads.
-  bool openUploadHandle(std::string_view path, uint32_t flags, NSErrorRef* error);
-  void closeUploadHandle();
-  void closeUploadHandleBelow(std::string_view path);
-  bool uploadWhole(NSFileHandle& from, std::string_view path, TransferControl& control, NSErrorRef* error);
-  bool uploadFrom(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
+  bool openUpload(std::string_view path, uint32_t flags, std::shared_ptr<UnconfirmedExtents> extents,
                   NSErrorRef* error);
-  // What an upload from an offset has to send, in order.
-  std::vector<FileExtent> extentsToSend(const NSFileHandle& from, uint64_t offset, uint64_t length) const;
-  void addLostExtents(NSFileHandle& from, uint64_t remoteLength, uint64_t offset, uint64_t length,
-                      std::vector<FileExtent>* extents) const;
-  bool sendExtents(NSFileHandle& from, const std::vector<FileExtent>& extents, SFTPWriteQueue& queue,
-                   NSErrorRef* error);
+  bool openForChanges(NSFileHandle& from, std::string_view path, NSErrorRef* error);
+  bool uploadCopy(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
+                  NSErrorRef* error);
+  bool uploadChanges(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
+                     NSErrorRef* error);
+  bool closeUpload(NSErrorRef* error);
+  // Waits for the last word on what was sent, for the record of the file that it came from.
+  void finishUpload();
+  // Without waiting.
+  void dropUpload();
+  void closeUploadHandleBelow(std::string_view path);
   bool sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
                   TransferControl& control, std::string_view path, NSErrorRef* error);
-  bool setRemoteLength(uint64_t length, NSErrorRef* error);
   NSErrorRef explainWrite(NSErrorRef refused, std::string_view path);
 
   SFTPChannel iChannel;
   SFTPRequests iRequests;
   std::string iLoginPath;
-  std::optional<UploadHandle> iUploadHandle;
+  std::unique_ptr<SFTPUpload> iUpload;  // kept between uploads of one path
 };
 
 }  // namespace ombra

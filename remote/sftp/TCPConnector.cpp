@@ -90,6 +90,13 @@ void setOptions(int socket) {
   // for.
   setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
   setsockopt(socket, SOL_SOCKET, SO_KEEPALIVE, &one, sizeof(one));
+  // A network that is gone is noticed within half a minute also where a silent server is waited for longer.
+  const int idleSeconds = 10;
+  const int secondsBetween = 5;
+  const int probes = 4;
+  setsockopt(socket, IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof(idleSeconds));
+  setsockopt(socket, IPPROTO_TCP, TCP_KEEPINTVL, &secondsBetween, sizeof(secondsBetween));
+  setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof(probes));
 }
 
 // A connected socket or -1 with errno set.

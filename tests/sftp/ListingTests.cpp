@@ -148,6 +148,49 @@ TEST_F(SFTPListing, FollowsLinksItselfWhereTheServerOnlyTidiesPathsUp) {
   EXPECT_FALSE(entryNamed(entries, "self").resolution->resolved);
 }
 
+TEST_F(SFTPListing, FollowsChainsToTheirEndWhereTheServerOnlyTidiesPathsUp) {
+  server.resolvesLexically = true;
+  server.addFolder("/d");
+  server.addFolder("/other");
+  server.addFolder("/srv");
+  server.addFile("/srv/file", "abc");
+  server.addLink("/other/second", "../srv/file");
+  server.addLink("/d/chain", "../other/second");
+  server.addLink("/d/folder", "../other/toFolder");
+  server.addLink("/other/toFolder", "/srv");
+  logIn();
+  const auto entries = list("/d");
+  const RemoteEntry chain = entryNamed(entries, "chain");
+  EXPECT_EQ("../other/second", chain.targetPath);
+  ASSERT_TRUE(chain.resolution);
+  EXPECT_EQ("/srv/file", chain.resolution->resolvedPath);
+  EXPECT_TRUE(chain.resolution->isFinal);
+  EXPECT_TRUE(chain.resolution->exists);
+  ASSERT_TRUE(chain.resolution->attributes);
+  EXPECT_EQ(3u, chain.resolution->attributes->fileSize);
+  const RemoteEntry folder = entryNamed(entries, "folder");
+  ASSERT_TRUE(folder.resolution);
+  EXPECT_EQ("/srv", folder.resolution->resolvedPath);
+  EXPECT_TRUE(folder.resolution->isDirectory);
+}
+
+TEST_F(SFTPListing, FollowsChainsOfManyLinksTogether) {
+  server.resolvesLexically = true;
+  server.addFolder("/d");
+  server.addFolder("/other");
+  for (int i = 0; i < 20; ++i) {
+    server.addLink("/d/l" + std::to_string(i), "../other/l" + std::to_string(i));
+    server.addLink("/other/l" + std::to_string(i), "/home");
+  }
+  logIn();
+  server.batch = SIZE_MAX;
+  const size_t before = peer->waits();
+  const auto entries = list("/d");
+  // Opening, reading, and one per step of the longest chain.
+  EXPECT_EQ(5u, peer->waits() - before);
+  for (const RemoteEntry& entry : entries) EXPECT_EQ("/home", entry.resolution->resolvedPath) << entry.name;
+}
+
 TEST_F(SFTPListing, LeavesHostileNamesToThePoolAndAsksNothingAboutThem) {
   logIn();
   const std::string hostile =
@@ -201,6 +244,70 @@ TEST_F(SFTPListing, TellsTypesByTheLongNameWhereAttributesHaveNoMode) {
   EXPECT_EQ(kNodeTypeFolder, entries[0].type);
   EXPECT_EQ(NSFileTypeValue::NSFileTypeDirectory, entries[0].attributes.fileType);
   EXPECT_EQ(kNodeTypeFile, entries[1].type);
+}
+
+// A mode without type bits, which the protocol does not promise, says nothing of the type.
+TEST_F(SFTPListing, TellsTypesByTheLongNameWhereModesHaveNoType) {
+  auto owned = std::make_unique<PeerTransport>([&](const PeerRequest& request, PeerTransport& to) {
+    if (request.type == kSFTPInit) to.send(versionReply());
+    if (request.type == kSFTPRealpath) to.send(nameReply(request.id, "/"));
+    if (request.type == kSFTPOpendir) to.send(handleReply(request.id, "h"));
+    if (request.type == kSFTPReaddir && to.countOf(kSFTPReaddir) == 1) {
+      to.send(packet(std::string(1, kSFTPName) + u32(request.id) + u32(2) + str("sub") +
+                     str("drwxr-xr-x 2 a b sub") + attrs(0755, 0) + str("file") +
+                     str("-rw-r--r-- 1 a b file") + attrs(0644, 3)));
+    } else if (request.type == kSFTPReaddir) {
+      to.send(statusReply(request.id, kSFTPStatusEOF));
+    }
+  });
+  SessionEnvironment environment;
+  environment.transcript = transcript;
+  SFTPSession other(std::move(owned), environment);
+  ASSERT_TRUE(other.logIn(&error));
+  std::vector<RemoteEntry> entries;
+  ASSERT_TRUE(other.list("/d", &entries, &error));
+  ASSERT_EQ(2u, entries.size());
+  EXPECT_EQ(kNodeTypeFolder, entries[0].type);
+  EXPECT_EQ(NSFileTypeValue::NSFileTypeDirectory, entries[0].attributes.fileType);
+  EXPECT_EQ(0755, entries[0].attributes.posixPermissions);
+  EXPECT_EQ(kNodeTypeFile, entries[1].type);
+}
+
+// As an end is told by servers that do not say "end of file".
+TEST_F(SFTPListing, EndsWithAnEmptyReply) {
+  auto owned = std::make_unique<PeerTransport>([&](const PeerRequest& request, PeerTransport& to) {
+    if (request.type == kSFTPInit) to.send(versionReply());
+    if (request.type == kSFTPRealpath) to.send(nameReply(request.id, "/"));
+    if (request.type == kSFTPOpendir) to.send(handleReply(request.id, "h"));
+    if (request.type == kSFTPReaddir && to.countOf(kSFTPReaddir) == 1) {
+      to.send(packet(std::string(1, kSFTPName) + u32(request.id) + u32(1) + str("file") + str("") +
+                     attrs(0100644, 3)));
+    } else if (request.type == kSFTPReaddir) {
+      to.send(packet(std::string(1, kSFTPName) + u32(request.id) + u32(0)));
+    }
+    if (to.countOf(kSFTPReaddir) > 1000) to.hangUp();
+  });
+  SessionEnvironment environment;
+  environment.transcript = transcript;
+  SFTPSession other(std::move(owned), environment);
+  ASSERT_TRUE(other.logIn(&error));
+  std::vector<RemoteEntry> entries;
+  ASSERT_TRUE(other.list("/d", &entries, &error)) << "the server was asked on and on";
+  ASSERT_EQ(1u, entries.size());
+  EXPECT_EQ("file", entries[0].name);
+}
+
+// An open folder cannot be removed or renamed on some servers.
+TEST_F(SFTPListing, LeavesNoFolderOpen) {
+  server.addFolder("/d");
+  server.addFile("/d/file", "");
+  logIn();
+  list("/d");
+  EXPECT_EQ(0u, server.openHandles());
+  server.refusals[kSFTPReaddir] = {kSFTPStatusPermissionDenied, 0};
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session->list("/d", &entries, &error));
+  EXPECT_EQ(0u, server.openHandles()) << "after a failure";
 }
 
 TEST_F(SFTPListing, FailsWithTheCodesThatTheProgramTests) {
@@ -296,6 +403,21 @@ TEST_F(SFTPLinks, ALinkIntoNowhereIsWhatTheServerWouldCreate) {
   EXPECT_TRUE(resolution->resolved);
   EXPECT_FALSE(resolution->exists);
   EXPECT_EQ("/home/user/new", resolution->resolvedPath);
+}
+
+TEST_F(SFTPLinks, OneStepIsNotMistakenForTheEndWhereTheServerOnlyTidiesPathsUp) {
+  server.resolvesLexically = true;
+  server.addFile("/srv", "abc");
+  server.addLink("/second", "srv");
+  server.addLink("/first", "second");
+  logIn();
+  auto resolution = session->resolveLink("/first", &error);
+  ASSERT_TRUE(resolution);
+  EXPECT_EQ("/second", resolution->resolvedPath);
+  EXPECT_FALSE(resolution->isFinal);
+  resolution = session->resolveLink(resolution->resolvedPath, &error);
+  ASSERT_TRUE(resolution);
+  EXPECT_EQ("/srv", resolution->resolvedPath);
 }
 
 TEST_F(SFTPLinks, ALostConnectionIsAFailure) {

@@ -213,6 +213,13 @@ std::string MemoryServer::setAttributes(uint32_t id, const std::string& path, SF
   if (wanted.size) changed.content.resize(*wanted.size);
   if (wanted.permissions) changed.mode = (changed.mode & 0170000) | *wanted.permissions;
   if (wanted.times) changed.date = wanted.times->modification;
+  // Last, as OpenSSH's server does it.
+  if (wanted.owner) {
+    if (refuseOwner) return statusReply(id, kSFTPStatusPermissionDenied, "Permission denied");
+    changed.owner = wanted.owner->user;
+    changed.group = wanted.owner->group;
+    changed.mode &= ~06000U;
+  }
   return statusReply(id, kSFTPStatusOK);
 }
 

@@ -21,6 +21,8 @@ class MemoryServer {
     uint32_t mode = 0100644;
     std::string content;  // of a file; the text of a link
     uint32_t date = 1000;
+    uint32_t owner = 501;
+    uint32_t group = 20;
   };
 
   MemoryServer();
@@ -52,6 +54,8 @@ class MemoryServer {
   uint64_t writeLength = 0;
   // Paths that may not be looked into.
   std::set<std::string> forbidden;
+  // Nobody may give files away.
+  bool refuseOwner = false;
   // The server only tidies paths up, and follows nothing.
   bool resolvesLexically = false;
   // Called before each request is answered.

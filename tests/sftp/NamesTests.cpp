@@ -144,6 +144,35 @@ TEST_F(SFTPNames, AMoveOntoAFullFolderSaysSo) {
   EXPECT_EQ(kQuarnKitFolderNotEmpty, codeOf(error));
 }
 
+// A gateway may copy the whole file for it.
+TEST_F(SFTPNames, AMoveMayTakeLongerThanTheLimitOfSilence) {
+  server.addFile("/from", "abc");
+  idleLimit = std::chrono::milliseconds(50);
+  logIn();
+  server.batch = SIZE_MAX;
+  std::optional<SFTPChannel::Clock::time_point> begin;
+  peer->setWhenIdle([&](PeerTransport& to) {
+    if (!begin) begin = SFTPChannel::Clock::now();
+    if (SFTPChannel::Clock::now() - *begin > std::chrono::milliseconds(120)) server.flush(to);
+  });
+  EXPECT_TRUE(session->move("/from", false, "/to", &error)) << error->description();
+  EXPECT_NE(nullptr, server.item("/to"));
+  // Other calls have the common limit again.
+  begin.reset();
+  EXPECT_FALSE(session->remove("/to", false, &error));
+  EXPECT_EQ(kQuarnKitTimedOut, codeOf(error));
+}
+
+TEST_F(SFTPNames, AMoveThatIsNeverAnsweredEnds) {
+  server.addFile("/from", "abc");
+  idleLimit = std::chrono::milliseconds(10);
+  logIn();
+  server.batch = SIZE_MAX;
+  peer->setWhenIdle([](PeerTransport&) {});
+  EXPECT_FALSE(session->move("/from", false, "/to", &error));
+  EXPECT_EQ(kQuarnKitTimedOut, codeOf(error));
+}
+
 TEST_F(SFTPNames, RemovalTellsWhatStandsInItsWay) {
   server.addFolder("/d");
   server.addFile("/d/f", "");
@@ -210,6 +239,51 @@ TEST_F(SFTPNames, NothingToChangeAsksNothing) {
   nothing.fileSize = 5;
   EXPECT_TRUE(session->changeAttributes(nothing, "/missing", &error));
   EXPECT_EQ(before, peer->requests().size());
+}
+
+// Servers apply the mode before the owner, and a change of owner takes the set-ID bits away.
+TEST_F(SFTPNames, OwnerAndModeTogetherBothHold) {
+  server.addFile("/f", "");
+  logIn();
+  NSFileAttributes wanted;
+  wanted.ownerAccountID = 7;
+  wanted.groupOwnerAccountID = 8;
+  wanted.posixPermissions = 06755;
+  wanted.modificationDate = NSDate::dateWithTimeIntervalSince1970(4242);
+  server.batch = SIZE_MAX;
+  const size_t before = peer->waits();
+  ASSERT_TRUE(session->changeAttributes(wanted, "/f", &error)) << error->description();
+  EXPECT_EQ(1u, peer->waits() - before) << "the requests need not wait for each other";
+  EXPECT_EQ(0106755u, server.item("/f")->mode);
+  EXPECT_EQ(7u, server.item("/f")->owner);
+  EXPECT_EQ(8u, server.item("/f")->group);
+  EXPECT_EQ(4242u, server.item("/f")->date);
+}
+
+TEST_F(SFTPNames, ARefusedOwnerIsToldAlsoWhenTheModeIsSet) {
+  server.addFile("/f", "");
+  server.refuseOwner = true;
+  logIn();
+  NSFileAttributes wanted;
+  wanted.ownerAccountID = 7;
+  wanted.groupOwnerAccountID = 8;
+  wanted.posixPermissions = 0600;
+  EXPECT_FALSE(session->changeAttributes(wanted, "/f", &error));
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(error));
+}
+
+TEST_F(SFTPNames, ACreationDateAloneCannotBeSet) {
+  server.addFile("/f", "");
+  logIn();
+  NSFileAttributes wanted;
+  wanted.creationDate = NSDate::dateWithTimeIntervalSince1970(4242);
+  EXPECT_FALSE(session->changeAttributes(wanted, "/f", &error));
+  EXPECT_EQ(kQuarnKitAttributeChangeNotSupported, codeOf(error));
+  // Beside others it does not keep them from being set.
+  wanted.posixPermissions = 0600;
+  error = nullptr;
+  EXPECT_TRUE(session->changeAttributes(wanted, "/f", &error));
+  EXPECT_EQ(0100600u, server.item("/f")->mode);
 }
 
 TEST_F(SFTPNames, AnOwnerAloneKeepsTheGroup) {

@@ -41,7 +41,7 @@ void SessionFixture::logIn(size_t cut) {
   environment.credentials = std::make_shared<KCCredentials>();
   environment.transcript = transcript;
   environment.connectLimit = std::chrono::milliseconds(2000);
-  environment.idleLimit = std::chrono::milliseconds(2000);
+  environment.idleLimit = idleLimit;
   session = std::make_unique<SFTPSession>(std::move(transport), environment);
   ASSERT_TRUE(session->logIn(&error)) << error->description();
 }

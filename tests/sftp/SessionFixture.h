@@ -53,6 +53,7 @@ class SessionFixture : public ::testing::Test {
   void TearDown() override;
 
   MemoryServer server;
+  std::chrono::milliseconds idleLimit{2000};
   std::shared_ptr<LineTranscript> transcript = std::make_shared<LineTranscript>();
   PeerTransport* peer = nullptr;  // owned by the session
   std::unique_ptr<SFTPSession> session;
