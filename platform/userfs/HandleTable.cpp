@@ -154,6 +154,13 @@ void HandleTable::markRemoved(std::string_view path, const NSFileAttributes& att
   iLastOpens.extractSubtree(path);
 }
 
+void HandleTable::noteChange(const GMUserData& userData) {
+  MutexLock lock(iLock);
+  for (const auto& [identifier, handle] : iHandles) {
+    if (handle->forWriting && handle->item->userData() == userData) handle->noteChange();
+  }
+}
+
 uint64_t HandleTable::handleOfRemovedNode(uint64_t nodeID) const {
   if (iRemovedItems == 0) return 0;
   MutexLock lock(iLock);

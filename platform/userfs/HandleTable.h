@@ -63,7 +63,25 @@ struct OpenHandle {
   std::shared_ptr<OpenItem> item;
   bool forWriting = false;
   pid_t opener = 0;  // the process, 0 when unknown
-  std::atomic<bool> written{false};
+
+  // Whether something was written that no synchronisation begun after it has stored. A write that is under
+  // way counts when it begins and again when it ends: a close that it overlaps does not settle it.
+  bool hasUnstored() const { return changes != stored; }
+  void noteChange() { ++changes; }
+  std::atomic<uint64_t> changes{0};
+  std::atomic<uint64_t> stored{0};  // `changes` when the last synchronisation that succeeded began
+};
+
+// A write through a handle, for a scope.
+class HandleChange {
+ public:
+  explicit HandleChange(OpenHandle& handle) : iHandle(handle) { iHandle.noteChange(); }
+  ~HandleChange() { iHandle.noteChange(); }
+  HandleChange(const HandleChange&) = delete;
+  HandleChange& operator=(const HandleChange&) = delete;
+
+ private:
+  OpenHandle& iHandle;
 };
 
 // Thread-safe. Lock order: the table, then an item.
@@ -85,6 +103,8 @@ class HandleTable {
   void move(std::string_view from, std::string_view to) EXCLUDES(iLock);
   // The open files at a path have been removed from the volume.
   void markRemoved(std::string_view path, const NSFileAttributes& attributes) EXCLUDES(iLock);
+  // Something of that file is not stored after all: the next close of each writing handle has to see to it.
+  void noteChange(const GMUserData& userData) EXCLUDES(iLock);
   // A handle of the removed file that the kernel knows by that number; 0 when there is none. Cheap when no
   // removed file is open.
   uint64_t handleOfRemovedNode(uint64_t nodeID) const EXCLUDES(iLock);

@@ -1,9 +1,11 @@
 #include "platform/userfs/ProcessOfThread.h"
 
 #include <fcntl.h>
+#include <signal.h>  // NOLINT: kill
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <string>
 #include <string_view>
@@ -25,5 +27,8 @@ pid_t processOfThread(pid_t thread) {
   std::from_chars(text.data() + at + kKey.size(), text.data() + text.size(), process);
   return process;
 }
+
+// Signal 0 asks only; a process of another user is there as well.
+bool processLives(pid_t process) { return ::kill(process, 0) == 0 || errno != ESRCH; }
 
 }  // namespace ombra

@@ -108,6 +108,7 @@ int Volume::changeItem(const std::string& path, const std::shared_ptr<OpenItem>&
   }
   // The delegate opens the file for this, so this is an open and waits for its turn.
   const OpenGate::Pass turn(iOpenGate, path);
+  if (durability != nullptr) durability->forgetFailedContentAtPath(path);
   return delegate().setAttributes(attributes, path, nullptr, &error) ? 0 : failure(error);
 }
 

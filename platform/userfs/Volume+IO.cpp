@@ -18,8 +18,9 @@ std::optional<uint64_t> Volume::promisedSize(const OpenItem& item) const {
 Volume::AfterShortRead Volume::afterShortRead(OpenItem& item, uint64_t end, bool* sawEnd) {
   GMUserFileSystemDurability* durability = this->durability();
   if (durability == nullptr || *sawEnd) return AfterShortRead::kEnd;
+  // Where no size is promised, only the state tells the end of the file from the end of what has come.
   const auto promised = promisedSize(item);
-  if (!promised || end >= *promised) return AfterShortRead::kEnd;
+  if (promised && end >= *promised) return AfterShortRead::kEnd;
   switch (durability->contentStateOfFile(item.userData())) {
     case GMContentState::kArriving:
       durability->waitForContent(item.userData(), end);
@@ -70,7 +71,7 @@ int Volume::write(uint64_t identifier, const char* buffer, size_t size, off_t of
   size = std::min<size_t>(size, std::numeric_limits<int>::max());
   size_t done = 0;
   NSErrorRef error;
-  handle->written = true;
+  const HandleChange change(*handle);
   while (done < size) {
     const int64_t at = offset + static_cast<int64_t>(done);
     const auto path = item.path();
@@ -100,6 +101,8 @@ int Volume::truncateClosed(const std::string& path, off_t size) {
   GMUserFileSystemDurability* durability = this->durability();
   const OpenGate::Pass turn(iOpenGate, path);
   if (size != 0) {
+    // The delegate opens the file for this.
+    if (durability != nullptr) durability->forgetFailedContentAtPath(path);
     if (const int result = truncateFile(path, nullptr, size); result != 0) return result;
     const GMUserData userData = durability != nullptr ? durability->openFileAtPathIfAny(path) : nullptr;
     return userData != nullptr ? synchronizeItem(OpenItem(path, userData)) : 0;
@@ -118,11 +121,15 @@ int Volume::truncate(const char* path, uint64_t identifier, off_t size) {
     if (path == nullptr) return -EBADF;
     const std::string listed = listedPath(path);
     const auto item = iHandles.itemAtPath(listed);
-    return item != nullptr ? truncateFile(listed, item->userData(), size) : truncateClosed(listed, size);
+    if (item == nullptr) return truncateClosed(listed, size);
+    // No close need follow: those who have it open may only read. And where the file had that size before,
+    // only this tells whether the server has it still.
+    const int result = truncateFile(listed, item->userData(), size);
+    return result != 0 ? result : synchronizeItem(*item);
   }
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
-  handle->written = true;
+  const HandleChange change(*handle);
   if (const auto current = handle->item->path())
     return truncateFile(*current, handle->item->userData(), size);
   GMUserFileSystemDurability* durability = this->durability();

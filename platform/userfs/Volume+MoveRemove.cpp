@@ -4,6 +4,7 @@
 #include <algorithm>
 
 #include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSLog.h"
 #include "platform/userfs/Volume.h"
 
 namespace ombra {
@@ -26,10 +27,18 @@ std::vector<GMUserData> Volume::abandonFilesAtPath(const std::string& path) {
   return files;
 }
 
-void Volume::reclaim(const std::vector<GMUserData>& files) {
+void Volume::reclaim(const std::string& path, const std::vector<GMUserData>& files) {
   GMUserFileSystemDurability* durability = this->durability();
   if (durability == nullptr) return;
-  for (const GMUserData& file : files) durability->reclaimFile(file);
+  for (const GMUserData& file : files) {
+    durability->reclaimFile(file);
+    // A close in between was answered although its upload had been ended for the removal.
+    iHandles.noteChange(file);
+    iClosers.add([volume = shared_from_this(), path, file] {
+      if (volume->synchronizeItem(OpenItem(path, file)) == 0) return;
+      NSLog("\"{}\" could not be stored after its removal was refused.", path);
+    });
+  }
 }
 
 int Volume::removeFile(const char* path) {
@@ -38,7 +47,7 @@ int Volume::removeFile(const char* path) {
   const auto abandoned = abandonFilesAtPath(listed);
   NSErrorRef error;
   if (!delegate().removeItemAtPath(listed, &error)) {
-    reclaim(abandoned);
+    reclaim(listed, abandoned);
     return failure(error);
   }
   iHandles.markRemoved(listed, attributes.value_or(NSFileAttributes()));
@@ -80,7 +89,7 @@ int Volume::moveListed(const std::string& from, const std::string& to) {
   if (!delegate().moveItemAtPath(from, to, &error)) {
     // The delegate deletes the destination first: it may be gone although the move has failed.
     if (attributesAtPath(to)) {
-      reclaim(abandoned);
+      reclaim(to, abandoned);
     } else if (replaced) {
       iHandles.markRemoved(to, *replaced);
     }

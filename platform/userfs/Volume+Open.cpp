@@ -41,7 +41,7 @@ uint64_t Volume::addHandle(const std::string& path, const GMUserData& userData, 
   // Only the close of a written file asks who opened it.
   const pid_t opener = isForWriting(flags) && process != 0 ? processOfThread(process) : 0;
   const auto handle = iHandles.add(path, userData, isForWriting(flags), opener, node);
-  if ((flags & O_TRUNC) != 0 && isForWriting(flags)) handle->written = true;
+  if ((flags & O_TRUNC) != 0 && isForWriting(flags)) handle->noteChange();
   if (node == 0) RequestContext::current().created = handle;
   return handle->identifier;
 }
@@ -102,23 +102,25 @@ int Volume::synchronizeItem(const OpenItem& item) {
 int Volume::flush(uint64_t identifier, pid_t process) {
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
-  if (!handle->written) return 0;
+  if (!handle->hasUnstored()) return 0;
   const bool isOther = handle->opener != 0 && process != 0 && processOfThread(process) != handle->opener;
-  if (isOther) return 0;
-  // Before the call, so that a write during it counts for the next close.
-  handle->written = false;
-  const int result = synchronizeItem(*handle->item);
-  if (result != 0) handle->written = true;
+  // Where the opener is gone there is nobody else to tell.
+  if (isOther && processLives(handle->opener)) return 0;
+  return synchronizeHandle(*handle);
+}
+
+// A close that comes meanwhile finds the changes still unstored, and waits as well.
+int Volume::synchronizeHandle(OpenHandle& handle) {
+  const uint64_t changes = handle.changes;
+  const int result = synchronizeItem(*handle.item);
+  if (result == 0) handle.stored = changes;
   return result;
 }
 
 int Volume::synchronize(uint64_t identifier) {
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
-  handle->written = false;
-  const int result = synchronizeItem(*handle->item);
-  if (result != 0) handle->written = true;
-  return result;
+  return synchronizeHandle(*handle);
 }
 
 void Volume::release(uint64_t identifier) {

@@ -114,7 +114,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
 
   // The open-file objects of a path, told that the file is about to be removed, or that it stays after all.
   std::vector<GMUserData> abandonFilesAtPath(const std::string& path);
-  void reclaim(const std::vector<GMUserData>& files);
+  void reclaim(const std::string& path, const std::vector<GMUserData>& files);
   int checkReplacement(const std::string& from, const std::string& to, unsigned flags);
   int moveListed(const std::string& from, const std::string& to);
 
@@ -125,6 +125,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   uint64_t addHandle(const std::string& path, const GMUserData& userData, int flags, pid_t process,
                      uint64_t node);
   int synchronizeItem(const OpenItem& item);
+  int synchronizeHandle(OpenHandle& handle);
   int storeDate(const OpenItem& item, NSDate date);
   void close(const std::shared_ptr<OpenHandle>& handle);
   void releaseLater(std::shared_ptr<OpenHandle> handle);

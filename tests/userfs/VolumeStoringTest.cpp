@@ -1,0 +1,137 @@
+// Who is told that what was written is stored: closes, truncations, refused removals.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>  // NOLINT: kill
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <future>
+
+#include "platform/userfs/RequestContext.h"
+#include "platform/userfs/Volume.h"
+#include "tests/userfs/MemoryFileSystem.h"
+
+namespace ombra {
+namespace {
+
+class VolumeStoring : public ::testing::Test {
+ protected:
+  void TearDown() override { iVolume->closers().waitUntilIdle(); }
+
+  uint64_t create(const char* path, pid_t process = 0) {
+    uint64_t handle = 0;
+    EXPECT_EQ(iVolume->create(path, 0644, O_WRONLY, process, &handle), 0);
+    RequestContext::current() = RequestContext();
+    return handle;
+  }
+  uint64_t open(const char* path, int flags) {
+    uint64_t handle = 0;
+    bool keepsPages = false;
+    EXPECT_EQ(iVolume->open(path, flags, 0, &handle, &keepsPages), 0);
+    return handle;
+  }
+  int write(uint64_t handle) { return iVolume->write(handle, "x", 1, 0); }
+
+  DurableMemoryFileSystem iFiles;
+  std::shared_ptr<Volume> iVolume =
+      std::make_shared<Volume>(&iFiles, VolumeSettings{"/Volumes/Test", false, true});
+};
+
+TEST_F(VolumeStoring, AWriteThatACloseOfADuplicateOvertakesCountsForTheNextClose) {
+  const uint64_t file = create("/a");
+  iFiles.hold("write", "/a");
+  auto writer = std::async(std::launch::async, [&] { return write(file); });
+  iFiles.waitUntilHeld(1);
+  EXPECT_EQ(iVolume->flush(file, 0), 0);
+  iFiles.letGo("write", "/a");
+  EXPECT_EQ(writer.get(), 1);
+  iFiles.failWith("synchronize", kEIO);
+  EXPECT_EQ(iVolume->flush(file, 0), -EIO);
+}
+
+TEST_F(VolumeStoring, ACloseDuringAnotherOneWaitsForTheServerAsWell) {
+  const uint64_t file = create("/a");
+  ASSERT_EQ(write(file), 1);
+  iFiles.hold("synchronize", "/a");
+  auto first = std::async(std::launch::async, [&] { return iVolume->flush(file, 0); });
+  iFiles.waitUntilHeld(1);
+  auto second = std::async(std::launch::async, [&] { return iVolume->flush(file, 0); });
+  // Where it did not wait it would be over.
+  while (iFiles.countOf("synchronize") < 2 &&
+         second.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready) {
+  }
+  iFiles.failWith("synchronize", kEIO);
+  iFiles.letGo("synchronize", "/a");
+  EXPECT_EQ(first.get(), -EIO);
+  EXPECT_EQ(second.get(), -EIO);
+}
+
+TEST_F(VolumeStoring, ACloseWithoutFurtherWritesAsksNothing) {
+  const uint64_t file = create("/a");
+  ASSERT_EQ(write(file), 1);
+  EXPECT_EQ(iVolume->flush(file, 0), 0);
+  EXPECT_EQ(iVolume->flush(file, 0), 0);
+  EXPECT_EQ(iFiles.countOf("synchronize"), 1u);
+}
+
+TEST_F(VolumeStoring, WhoClosesIsToldWhenTheProcessThatOpenedIsGone) {
+  const pid_t opener = fork();
+  if (opener == 0) {
+    while (true) pause();
+  }
+  const uint64_t file = create("/a", opener);
+  ASSERT_EQ(write(file), 1);
+  iFiles.failWith("synchronize", kEIO);
+  EXPECT_EQ(iVolume->flush(file, getpid()), 0) << "the opener lives and will close its own";
+  kill(opener, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(waitpid(opener, &status, 0), opener);
+  EXPECT_EQ(iVolume->flush(file, getpid()), -EIO);
+}
+
+TEST_F(VolumeStoring, ARemovalThatIsRefusedSendsWhatItHeldUp) {
+  const uint64_t file = create("/a");
+  ASSERT_EQ(write(file), 1);
+  // The upload under way ends with the abandoning, so this close is answered with success.
+  ASSERT_EQ(iVolume->flush(file, 0), 0);
+  iFiles.failWith("remove", kEACCES);
+  EXPECT_EQ(iVolume->removeFile("/a"), -EACCES);
+  iVolume->closers().waitUntilIdle();
+  EXPECT_EQ(iFiles.calls().back(), "synchronize /a");
+  EXPECT_EQ(iFiles.countOf("reclaim"), 1u);
+}
+
+TEST_F(VolumeStoring, AfterARefusedRemovalTheNextCloseTellsWhetherItIsStored) {
+  const uint64_t file = create("/a");
+  ASSERT_EQ(write(file), 1);
+  ASSERT_EQ(iVolume->flush(file, 0), 0);
+  iFiles.failWith("remove", kEACCES);
+  iFiles.failWith("synchronize", kEIO);
+  EXPECT_EQ(iVolume->removeFile("/a"), -EACCES);
+  EXPECT_EQ(iVolume->flush(file, 0), -EIO);
+}
+
+TEST_F(VolumeStoring, AFailedContentIsForgottenBeforeATruncationByPath) {
+  iFiles.addFile("/a", "content");
+  EXPECT_EQ(iVolume->truncate("/a", 0, 3), 0);
+  const auto calls = iFiles.calls();
+  const auto forgotten = std::find(calls.begin(), calls.end(), "forget /a");
+  const auto truncated = std::find(calls.begin(), calls.end(), "truncate /a 3");
+  ASSERT_NE(truncated, calls.end());
+  EXPECT_LT(forgotten, truncated);
+}
+
+TEST_F(VolumeStoring, ATruncationByPathOfAFileThatOthersReadIsStoredWhenItReturns) {
+  iFiles.addFile("/a", "content");
+  open("/a", O_RDONLY);
+  EXPECT_EQ(iVolume->truncate("/a", 0, 3), 0);
+  EXPECT_EQ(iFiles.countOf("synchronize /a"), 1u);
+  // Of the size that it has already: the upload may have emptied the server's file all the same.
+  iFiles.failWith("truncate", kEIO);
+  iFiles.failWith("synchronize", kEIO);
+  EXPECT_EQ(iVolume->truncate("/a", 0, 3), -EIO);
+}
+
+}  // namespace
+}  // namespace ombra
