@@ -15,6 +15,9 @@ namespace {
 
 std::atomic<double> gSecondsInFlight{20};
 std::atomic<double> gSecondsAfterGivingUp{10};
+// A session without a byte is lost after 30 s, and its call fails by itself; silence that lasts longer will
+// not end.
+constexpr double kPatiencesOfSilence = 2;
 // Releases of files that were still open; each waits a minute at most.
 constexpr double kSecondsForReleases = 120;
 
@@ -197,13 +200,24 @@ void GMUserFileSystem::State::serveUntilEnd() {
 
 bool GMUserFileSystem::State::detach() { return !iMounted || KernelMount::detach(*iMounted); }
 
-// What is being answered comes to its end. A dead server must not hold that for ever: the delegate is asked
-// to give up its calls then, and what still does not come back is left behind.
+// What is being answered comes to its end. Downloads that take long are ended: who reads is only told so.
+// Uploads are waited for as long as bytes move: a close that stores a large file over a slow line must not be
+// torn off. A dead server must not hold that for ever: the delegate is asked to give up its calls once
+// nothing moves, and what still does not come back is left behind.
 void GMUserFileSystem::State::finishRequests() {
   const auto session = this->session();
   if (session->waitUntilQuiet(NSDate::dateWithTimeIntervalSinceNow(gSecondsInFlight))) return;
-  NSLog("{} requests are still being answered; the connections are given up.", session->inFlight());
-  if (GMUserFileSystemDurability* durability = volume()->durability()) durability->giveUpConnections();
+  if (GMUserFileSystemDurability* durability = volume()->durability()) {
+    uint64_t moved = 0;
+    do {
+      moved = durability->bytesMoved();
+      durability->endDownloads();
+      const double silence = kPatiencesOfSilence * gSecondsInFlight;
+      if (session->waitUntilQuiet(NSDate::dateWithTimeIntervalSinceNow(silence))) return;
+    } while (durability->bytesMoved() != moved);
+    NSLog("{} requests are still being answered; the connections are given up.", session->inFlight());
+    durability->giveUpConnections();
+  }
   if (session->waitUntilQuiet(NSDate::dateWithTimeIntervalSinceNow(gSecondsAfterGivingUp))) return;
   NSLog("{} requests do not come back; the volume ends without them.", session->inFlight());
 }
@@ -215,6 +229,11 @@ std::vector<GMUndelivered> GMUserFileSystem::State::drain() {
     if (GMUserFileSystemDurability* durability = volume->durability()) undelivered = durability->drainAll();
   } catch (const std::exception& exception) {
     NSLog("Sending what was written has failed: {}", exception.what());
+    // Nobody knows which files: the volume as a whole is named.
+    undelivered.push_back({"/", "",
+                           NSError::errorWithDomain(
+                               NSPOSIXErrorDomain, kEIO,
+                               {{std::string(NSLocalizedDescriptionKey), std::string(exception.what())}})});
   }
   // The kernel drops the releases that it has not yet asked for when a volume is unmounted.
   volume->releaseAll();

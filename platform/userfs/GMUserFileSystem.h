@@ -59,8 +59,9 @@ class GMUserFileSystem final : public GMUserFileSystemInvalidation {
   // The folder that holds all mount points; "/Volumes" unless a test has set another.
   static const std::string& volumesFolder();
   static void setVolumesFolder(std::string path);
-  // How long `unmount` waits for requests in flight before it tells the delegate to give up its connections,
-  // and how long after that; then it goes on without them. 20 and 10 unless a test has set others.
+  // How long `unmount` waits for requests in flight before it ends downloads; once no byte has moved for twice
+  // that, it tells the delegate to give up its connections. And how long it waits after that; then it goes on
+  // without them. 20 and 10 unless a test has set others.
   static void setUnmountPatience(double secondsInFlight, double secondsAfterGivingUp);
   // Removes mount points below the volumes folder that a killed helper left behind ("not connected").
   static void clearStaleMountPoints();

@@ -142,7 +142,11 @@ class GMUserFileSystemDurability {
   virtual void trimCache() = 0;
   // Ends running downloads and sends everything that is written; saves what cannot be sent. For unmount.
   virtual std::vector<GMUndelivered> drainAll() = 0;
-  // The server is gone or the user does not want to wait: running calls of the connection library fail soon.
+  // Ends running downloads, also those that a read waits for: it fails. For unmount, again and again.
+  virtual void endDownloads() {}
+  // Grows while transfers move bytes: tells a slow server from one that does not answer.
+  virtual uint64_t bytesMoved() { return 0; }
+  // Nothing has moved for long: the running calls of the connection library fail soon. `drainAll` may follow.
   virtual void giveUpConnections() = 0;
 };
 

@@ -229,6 +229,60 @@ TEST_F(MountTest, ADeadServerCannotHoldTheUnmountForEver) {
   EXPECT_TRUE(sFiles->calls().empty());
 }
 
+TEST_F(MountTest, UnmountGivesNothingUpWhileBytesMove) {
+  class Moving : public DurableMemoryFileSystem {
+   public:
+    uint64_t bytesMoved() override {
+      if (++iMoved == 7) letGo("read", "/a");
+      return iMoved;
+    }
+
+   private:
+    uint64_t iMoved = 0;
+  } files;
+  GMUserFileSystem::setUnmountPatience(0.05, 60);
+  files.addFile("/a", "content");
+  files.hold("read", "/a");
+  mountDelegate(&files);
+  std::thread reader([&] { EXPECT_EQ(contentOfFile(at("/a")), "content"); });
+  files.waitUntilHeld(1);
+  unmount();
+  reader.join();
+  EXPECT_EQ(files.countOf("giveUp"), 0u);
+  EXPECT_EQ(files.countOf("drain"), 1u);
+  iFileSystem.reset();
+}
+
+TEST_F(MountTest, UnmountEndsDownloadsBeforeItGivesAnythingUp) {
+  class Ending : public DurableMemoryFileSystem {
+   public:
+    void endDownloads() override {
+      failWith("read", kEIO);
+      letGo("read", "/a");
+    }
+  } files;
+  GMUserFileSystem::setUnmountPatience(0.5, 60);
+  files.addFile("/a", "content");
+  files.hold("read", "/a");
+  mountDelegate(&files);
+  std::thread reader([&] { EXPECT_EQ(contentOfFile(at("/a")), std::nullopt); });
+  files.waitUntilHeld(1);
+  unmount();
+  reader.join();
+  EXPECT_EQ(files.countOf("giveUp"), 0u);
+  iFileSystem.reset();
+}
+
+TEST_F(MountTest, ADrainThatRaisesIsToldWithDidUnmount) {
+  iFiles.raiseIn("drain");
+  mount();
+  const NSNotification notification = unmount();
+  const PropertyValue* told = notification.userInfo->objectForKey(kGMUserFileSystemUndeliveredKey);
+  ASSERT_NE(told, nullptr);
+  ASSERT_EQ(told->asArray()->size(), 1u);
+  EXPECT_EQ(*told->asArray()->front().asString(), "/\t\traised in drain");
+}
+
 TEST_F(MountTest, GivingUpTheConnectionsEndsWhatWaitedForThem) {
   class Giving : public DurableMemoryFileSystem {
    public:
