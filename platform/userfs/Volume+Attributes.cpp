@@ -1,6 +1,7 @@
 // Attributes of items and of the volume.
 #include <sys/types.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "platform/userfs/RequestContext.h"
@@ -49,14 +50,21 @@ void Volume::fill(struct stat* target, const NSFileAttributes& attributes, std::
   target->st_atim = target->st_mtim;
 }
 
+// Its item is gone, so the cache copy tells. Not its size while content is arriving, or when the download has
+// failed: readers would take what has arrived for the whole file.
 NSFileAttributes Volume::attributesOfRemoved(const OpenItem& item) const {
   NSFileAttributes attributes = item.lastAttributes();
-  if (GMUserFileSystemDurability* durability = this->durability()) {
-    if (const auto current = durability->attributesOfAbandonedFile(item.userData())) {
-      if (current->fileSize) attributes.fileSize = current->fileSize;
-      if (current->modificationDate) attributes.modificationDate = current->modificationDate;
-    }
+  GMUserFileSystemDurability* durability = this->durability();
+  if (durability == nullptr) return attributes;
+  // Asked first: a copy that is complete now is so for good.
+  const bool isComplete = durability->contentStateOfFile(item.userData()) == GMContentState::kComplete;
+  const auto current = durability->attributesOfAbandonedFile(item.userData());
+  if (!current) return attributes;
+  if (current->fileSize) {
+    const uint64_t known = isComplete ? 0 : attributes.fileSize.value_or(0);
+    attributes.fileSize = std::max(*current->fileSize, known);
   }
+  if (current->modificationDate) attributes.modificationDate = current->modificationDate;
   return attributes;
 }
 

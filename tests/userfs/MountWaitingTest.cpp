@@ -55,6 +55,34 @@ TEST_F(ShortReadTest, ACompleteFileReallyIsShorter) {
   EXPECT_EQ(contentOfFile(at("/a")), "0123");
 }
 
+// As for a file that another client has removed and a listing has noticed.
+TEST_F(ShortReadTest, WhatIsArrivingIsWaitedForAlsoWhenNothingTellsItsSize) {
+  iFiles.addFile("/a", "0123456789");
+  iFiles.setContentState("/a", GMContentState::kArriving, 4);
+  mount();
+  const File file(at("/a"), O_RDONLY);
+  iFiles.failWith("attributes", kENOENT);
+  std::string content(16, '\0');
+  std::thread reader([&] {
+    const ssize_t count = read(file.get(), content.data(), content.size());
+    content.resize(count < 0 ? 0 : static_cast<size_t>(count));
+  });
+  iFiles.waitForCalls("waitForContent (none) 4", 1);
+  iFiles.setContentState("/a", GMContentState::kComplete, 10);
+  reader.join();
+  EXPECT_EQ(content, "0123456789");
+}
+
+TEST_F(ShortReadTest, AFailedDownloadIsAnErrorAlsoWhenNothingTellsTheSize) {
+  iFiles.addFile("/a", "0123456789");
+  iFiles.setContentState("/a", GMContentState::kFailed, 4);
+  mount();
+  const File file(at("/a"), O_RDONLY);
+  iFiles.failWith("attributes", kENOENT);
+  char buffer[16];
+  EXPECT_EQ(errnoOf([&] { return static_cast<int>(read(file.get(), buffer, sizeof buffer)); }), EIO);
+}
+
 TEST_F(ShortReadTest, WhatArrivesBetweenTheReadAndTheQuestionIsNotLost) {
   class Finishing : public DurableMemoryFileSystem {
    public:

@@ -78,5 +78,60 @@ TEST_F(Creating, AndEmptyingAFileThatAppearedMeanwhileEmptiesIt) {
   EXPECT_EQ(readHandle(handle), "");
 }
 
+class ArrivingFile : public OverTheServer {
+ protected:
+  ArrivingFile() { handle = openArriving("/a.txt", hold); }
+  ~ArrivingFile() override { hold->release(); }
+  // Another client removes the file, and a listing notices.
+  void loseNode() {
+    server.removeItem("/a.txt");
+    makeStale("/");
+    list("/");
+    ASSERT_EQ(fileSystem._nodeForPath("/a.txt"), nullptr);
+  }
+
+  const std::shared_ptr<ScriptedHold> hold = server.hold("downloadFileAtPath", "/a.txt", 3);
+  uint64_t handle = 0;
+};
+
+TEST_F(ArrivingFile, ThatIsRemovedKeepsItsSize) {
+  ASSERT_EQ(volume->removeFile("/a.txt"), 0);
+  EXPECT_EQ(sizeOf(handle), 7);
+  hold->release();
+  EXPECT_EQ(readHandle(handle), "content");
+  EXPECT_EQ(sizeOf(handle), 7);
+}
+
+TEST_F(ArrivingFile, ThatIsRemovedAndFailsIsAnErrorAndNoEnd) {
+  ASSERT_EQ(volume->removeFile("/a.txt"), 0);
+  hold->releaseFailing(refusal(kQuarnKitNoSuchItem));
+  EXPECT_EQ(readHandle(handle), "<5>");
+  EXPECT_EQ(sizeOf(handle), 7);
+}
+
+TEST_F(ArrivingFile, ThatIsRemovedAndWrittenHasTheSizeOfItsCopy) {
+  hold->release();
+  ASSERT_EQ(readHandle(handle), "content");
+  const uint64_t writer = openHandle("/a.txt", O_RDWR);
+  ASSERT_EQ(volume->removeFile("/a.txt"), 0);
+  ASSERT_EQ(volume->truncate(nullptr, writer, 2), 0);
+  EXPECT_EQ(sizeOf(handle), 2);
+  ASSERT_EQ(volume->write(writer, "longer content", 14, 0), 14);
+  EXPECT_EQ(sizeOf(handle), 14);
+}
+
+TEST_F(ArrivingFile, WhoseItemIsGoneAndWhoseDownloadFailsIsAnErrorAndNoEnd) {
+  loseNode();
+  hold->releaseFailing(refusal(kQuarnKitNoSuchItem));
+  EXPECT_EQ(readHandle(handle), "<5>");
+}
+
+TEST_F(ArrivingFile, WhoseItemIsGoneIsReadToItsEnd) {
+  loseNode();
+  hold->release();
+  EXPECT_EQ(readHandle(handle), "content");
+  EXPECT_EQ(readHandle(handle, 100, 7), "");
+}
+
 }  // namespace
 }  // namespace ombra
