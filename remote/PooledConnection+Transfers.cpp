@@ -28,6 +28,8 @@ class PooledConnection::Control final : public TransferControl {
     return iRun.givesWay;
   }
 
+  bool mayReturnEarly() const override { return iConnection.iWritesBehind; }
+
  private:
   // Only after a piece of its own, so that each turn brings the download forward.
   bool mustGiveWay() const {
@@ -140,13 +142,47 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   const std::string whole = absolute(path);
   Run run{Run::Kind::kUpload, ProgressReporter(offset, progressReport())};
   const uint64_t length = handle.fileLength();
+  // What a scratch file has under way on another session must not arrive after what is sent now; and whoever
+  // wrote to the path in place must be done before it is replaced.
+  if (handle.isScratch()) {
+    if (iSession != nullptr) finishElsewhere(handle, whole);
+    iUploadPath = &whole;
+  } else {
+    sessions().letGoOf(whole);
+  }
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
+    if (sessions().claim(*iSession, handle.isScratch() ? whole : std::string())) session.becameIdle();
+    if (handle.isScratch() && session.heldPath() != whole) finishElsewhere(handle, whole);
     return session.upload(handle, whole, offset, control, fault);
   };
   const bool done = runTransfer(run, work, error);
+  iUploadPath = nullptr;
   // What the server had confirmed before was not sent again, but it is there.
   if (bytesTransferred != nullptr) *bytesTransferred = done ? std::max(length, offset) : run.reporter.bytes();
   return done;
+}
+
+void PooledConnection::finishElsewhere(const NSFileHandle& handle, std::string_view path) {
+  if (!handle.extents()->isSending()) return;
+  if (iSession != nullptr && iSession->session->heldPath() == path) return;
+  if (std::shared_ptr<PooledSession> holder = sessions().takeHolding(path)) {
+    holder->session->becameIdle();
+    const bool isAlive = holder->session->isAlive();
+    sessions().detach(std::move(holder), isAlive);
+  }
+  // Another thread may have that session in hand: it ends what the session holds before it does anything
+  // else.
+  handle.extents()->waitUntilSent();
+}
+
+bool PooledConnection::finishUploads(NSFileHandle& fileHandle, std::string_view toPath, NSErrorRef* error) {
+  const std::string whole = absolute(toPath);
+  if (iSession != nullptr && iSession->session->heldPath() == whole) iSession->session->becameIdle();
+  finishElsewhere(fileHandle, whole);
+  NSErrorRef failure = fileHandle.extents()->takeFailure();
+  if (failure == nullptr) return true;
+  storeError(error, std::move(failure));
+  return false;
 }
 
 bool PooledConnection::uploadFileHandle(NSFileHandle& fileHandle, std::string_view /*withFilename*/,
@@ -177,6 +213,7 @@ bool PooledConnection::streamBytesWithFilename(std::string_view /*filename*/, st
     if (iShouldCancel) return 0;
     return handler.connection(*this, buffer, capacity);
   });
+  sessions().letGoOf(whole);
   // No report: progress is never told during a stream.
   Run run{Run::Kind::kStream, ProgressReporter(0, nullptr), &spool};
   const auto next = [&spool](std::byte* buffer, size_t capacity) { return spool.next(buffer, capacity); };

@@ -64,20 +64,33 @@ bool PooledConnection::createSymbolicLinkAtPath(std::string_view path, std::stri
       error);
 }
 
+// Before: some servers move and remove nothing that is open. After: what was opened meanwhile stands for the
+// old file.
+bool PooledConnection::performWithoutHolders(std::initializer_list<std::string_view> places,
+                                             std::string_view path, std::string_view otherPath,
+                                             const Work& work, NSErrorRef* error) {
+  for (const std::string_view place : places) sessions().letGoOf(place);
+  const bool done = performChange(path, otherPath, work, error);
+  for (const std::string_view place : places) sessions().letGoOf(place);
+  return done;
+}
+
 bool PooledConnection::moveItemFromPath(std::string_view path, bool isDirectory, std::string_view toPath,
                                         NSErrorRef* error) {
   const std::string from = absolute(path);
   const std::string to = absolute(toPath);
-  return performChange(
-      path, toPath,
-      [&](Session& session, NSErrorRef* fault) { return session.move(from, isDirectory, to, fault); }, error);
+  const Work work = [&](Session& session, NSErrorRef* fault) {
+    return session.move(from, isDirectory, to, fault);
+  };
+  return performWithoutHolders({from, to}, path, toPath, work, error);
 }
 
 bool PooledConnection::deleteItemAtPath(std::string_view path, bool isDirectory, NSErrorRef* error) {
   const std::string whole = absolute(path);
-  return performChange(
-      path, {},
-      [&](Session& session, NSErrorRef* fault) { return session.remove(whole, isDirectory, fault); }, error);
+  const Work work = [&](Session& session, NSErrorRef* fault) {
+    return session.remove(whole, isDirectory, fault);
+  };
+  return performWithoutHolders({whole}, path, {}, work, error);
 }
 
 bool PooledConnection::changeAttributes(const NSFileAttributes& attributes, std::string_view atPath,

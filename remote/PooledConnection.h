@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -83,6 +84,8 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
                         uint64_t byteOffset, uint64_t* bytesTransferred, NSErrorRef* error) override;
   bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
                                ConnectionDelegate& handler, NSErrorRef* error) override;
+  void setWritesBehind(bool writesBehind) override { iWritesBehind = writesBehind; }
+  bool finishUploads(NSFileHandle& fileHandle, std::string_view toPath, NSErrorRef* error) override;
   void setShouldCancel(bool shouldCancel) override;
   std::string displayStringForRemoteString(std::string_view bytes) const override;
 
@@ -108,10 +111,15 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   bool perform(Repeat repeat, const Work& work, NSErrorRef* error);
   // A change of the tree at these paths; nothing known of links holds afterwards.
   bool performChange(std::string_view path, std::string_view otherPath, const Work& work, NSErrorRef* error);
+  // The same, of which no session holds any of `places` (in normal form) open.
+  bool performWithoutHolders(std::initializer_list<std::string_view> places, std::string_view path,
+                             std::string_view otherPath, const Work& work, NSErrorRef* error);
   bool runTransfer(Run& run, const std::function<bool(Session&, TransferControl&, NSErrorRef*)>& work,
                    NSErrorRef* error);
   bool upload(NSFileHandle& handle, std::string_view path, uint64_t offset, uint64_t* bytesTransferred,
               NSErrorRef* error);
+  // Ends what sessions other than the attached one have under way of that file.
+  void finishElsewhere(const NSFileHandle& handle, std::string_view path);
   bool attachForRequest(NSErrorRef* error);
   bool attachForTransfer(NSErrorRef* error);
   void endTransfer();
@@ -124,6 +132,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   // SessionWaiter
   bool wantsToStop() const override { return iInTransfer && iShouldCancel.load(); }
   bool isAwaited() override;
+  const std::string* preferredPath() const override { return iUploadPath; }
   bool hasSpareWork() const override {
     return iRun != nullptr && iRun->spool != nullptr && iRun->spool->wantsMore();
   }
@@ -140,6 +149,8 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   std::shared_ptr<PooledSession> iSession;
   bool iCountsAsTransfer = false;
   Run* iRun = nullptr;
+  const std::string* iUploadPath = nullptr;
+  bool iWritesBehind = false;
   std::optional<std::string> iFolder;
   KnownLinks iKnownLinks;
 };

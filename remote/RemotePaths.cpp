@@ -29,6 +29,11 @@ std::string remotePathInFolder(std::string_view folder, std::string_view name) {
   return result;
 }
 
+bool isAtOrBelowRemotePath(std::string_view path, std::string_view folder) {
+  if (!path.starts_with(folder)) return false;
+  return path.size() == folder.size() || folder.ends_with('/') || path[folder.size()] == '/';
+}
+
 bool isShownName(std::string_view name) {
   if (name.empty() || name == "." || name == "..") return false;
   return name.find('/') == std::string_view::npos && name.find('\0') == std::string_view::npos;

@@ -11,6 +11,8 @@ namespace ombra {
 std::string absoluteRemotePath(std::string_view path, std::string_view base);
 // `folder` and a name in it.
 std::string remotePathInFolder(std::string_view folder, std::string_view name);
+// Whether `path` is `folder` or lies below it; both in the form of absoluteRemotePath.
+bool isAtOrBelowRemotePath(std::string_view path, std::string_view folder);
 // Whether a listed name can be shown: not empty, no "/" or NUL, not "." or "..".
 bool isShownName(std::string_view name);
 

@@ -50,6 +50,9 @@ class TransferControl {
   // piece and at least every 100 ms, also while nothing arrives: what came in last is reported from there. On
   // the thread that called the session.
   virtual bool shouldCancel() const = 0;
+  // Whether an upload of a scratch file may answer once all has been sent. What becomes of it is then told to
+  // the file's UnconfirmedExtents, at the latest when the session becomes idle.
+  virtual bool mayReturnEarly() const { return false; }
 };
 
 // One line or more of the conversation for the transcript; secrets masked, no file contents. Thread-safe.
@@ -87,8 +90,11 @@ class Session {
   virtual bool isAlive() = 0;
   // Makes the running operation, and every later one, fail soon with kQuarnKitConnectionLost. Any thread.
   virtual void interrupt() = 0;
-  // The session goes back to the idle ones: let go of what is held between calls (open remote handles).
+  // Nobody goes on with what is held between calls (an open remote handle): ends it, waiting for what the
+  // server still has to say about it.
   virtual void becameIdle() {}
+  // The path of the file that is held open for further uploads; empty when there is none.
+  virtual std::string heldPath() const { return {}; }
 
   // The absolute normal form of a path that may be relative to `base`, or begin with "~"; a folder or a file.
   virtual std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
@@ -116,9 +122,9 @@ class Session {
   // then.
   [[nodiscard]] virtual bool download(std::string_view path, NSFileHandle& to, uint64_t offset,
                                       std::string* version, TransferControl& control, NSErrorRef* error) = 0;
-  // Sends [offset, end) of the handle in place; from offset 0 the remote file is replaced and ends as long as
-  // the handle's file. Of a scratch handle with an offset > 0 only the unconfirmed extents are sent, and
-  // confirmed.
+  // Sends [offset, end) of the handle in place; from offset 0 the remote file ends as long as the handle's
+  // file. Of a scratch handle only the unconfirmed extents are sent, and confirmed, besides what the server
+  // turns out to lack; an ordinary one replaces the file from offset 0.
   [[nodiscard]] virtual bool upload(NSFileHandle& from, std::string_view path, uint64_t offset,
                                     TransferControl& control, NSErrorRef* error) = 0;
   // Sends what `next` gives (bytes into the buffer, capacity; 0 ends) as the whole new content.

@@ -1,5 +1,6 @@
 // The line of threads that wait for a session.
 #include <algorithm>
+#include <iterator>
 
 #include "remote/SessionPool.h"
 
@@ -53,13 +54,33 @@ void SessionPool::wakeAll() {
 bool SessionPool::tryTake(Place& place, std::shared_ptr<PooledSession>* idle) {
   if (!hasRoom() || nextInLine() != &place) return false;
   if (!iIdle.empty()) {
-    *idle = std::move(iIdle.back());
-    iIdle.pop_back();
+    *idle = takeIdle(place.preferredPath);
   } else {
     ++iLive;
   }
   if (place.use == SessionUse::kTransfer) ++iTransfers;
   return true;
+}
+
+// One that holds what is wanted; else one that holds nothing, the one used last.
+std::shared_ptr<PooledSession> SessionPool::takeIdle(const std::string* preferredPath) {
+  auto chosen = std::prev(iIdle.end());
+  bool holdsNothing = false;
+  for (auto candidate = iIdle.end(); candidate != iIdle.begin();) {
+    --candidate;
+    const std::string& held = (*candidate)->heldPath;
+    if (preferredPath != nullptr && held == *preferredPath) {
+      chosen = candidate;
+      break;
+    }
+    if (held.empty() && !holdsNothing) {
+      chosen = candidate;
+      holdsNothing = true;
+    }
+  }
+  std::shared_ptr<PooledSession> session = std::move(*chosen);
+  iIdle.erase(chosen);
+  return session;
 }
 
 SessionPool::Turn SessionPool::waitForTurn(SessionWaiter& waiter, Place& place,

@@ -2,16 +2,20 @@
 
 #include <algorithm>
 #include <cassert>
+#include <iterator>
 #include <system_error>
 
 #include "platform/foundation/NSThread.h"
 #include "remote/QuarnKitError.h"
+#include "remote/RemotePaths.h"
 #include "remote/RetryPauses.h"
 
 namespace ombra {
 namespace {
 
 constexpr double kIdleSeconds = 60.0;
+// A program that goes on writing does so within this time; for others a file should not stay open.
+constexpr double kHoldingSeconds = 1.0;
 
 NSErrorRef shutDownError() {
   return QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the volume is closing");
@@ -62,6 +66,7 @@ std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, Sessio
     Place place;
     place.use = use;
     place.awaited = waiter.isAwaited();
+    place.preferredPath = waiter.preferredPath();
     std::shared_ptr<PooledSession> session;
     const Turn turn = waitForTurn(waiter, place, &session);
     if (turn != Turn::kGranted) {
@@ -71,7 +76,11 @@ std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, Sessio
     }
     if (session != nullptr && session->session->isAlive()) {
       session->transcript->setConnection(waiter.UUID());
-      if (enter(session)) return session;
+      if (enter(session)) {
+        const bool isWanted = place.preferredPath != nullptr && session->heldPath == *place.preferredPath;
+        if (!isWanted && !session->heldPath.empty()) session->session->becameIdle();
+        return session;
+      }
     }
     session.reset();
     NSErrorRef loginError;
@@ -146,9 +155,18 @@ bool SessionPool::loginFailed(SessionUse use, const NSErrorRef& error) {
 
 void SessionPool::detach(std::shared_ptr<PooledSession> session, bool reusable) {
   if (session == nullptr) return;
-  if (reusable) session->session->becameIdle();
   session->transcript->flush();
+  std::string heldPath = reusable ? session->session->heldPath() : std::string();
   ConditionLock lock(iCondition);
+  if (reusable && session->mustLetGo && !heldPath.empty()) {
+    session->mustLetGo = false;
+    iCondition.unlock();
+    session->session->becameIdle();
+    iCondition.lock();
+    heldPath.clear();
+  }
+  session->mustLetGo = false;
+  session->heldPath = std::move(heldPath);
   if (iInUse.erase(session) != 0) noteHolder(*session, -1);
   if (reusable && !iIsShutDown && iLive <= iCap) {
     keepIdle(session);
@@ -223,8 +241,14 @@ void SessionPool::closeIdleSessions() {
       iCondition.wait();
       continue;
     }
-    // The oldest is the first: they come in at the end and are taken from the end.
-    const NSDate limit = iIdle.front()->idleSince.dateByAddingTimeInterval(kIdleSeconds);
+    // The oldest is the first: they come in at the end, and those that are taken out of turn come back there.
+    NSDate limit = iIdle.front()->idleSince.dateByAddingTimeInterval(kIdleSeconds);
+    if (std::shared_ptr<PooledSession> holder = takeDueHolder(&limit)) {
+      iCondition.unlock();
+      settleHolder(std::move(holder));
+      iCondition.lock();
+      continue;
+    }
     if (NSDate::date() < limit) {
       (void)iCondition.waitUntilDate(limit);
       continue;
@@ -238,6 +262,64 @@ void SessionPool::closeIdleSessions() {
     iCondition.lock();
   }
   iCondition.unlock();
+}
+
+std::shared_ptr<PooledSession> SessionPool::takeDueHolder(NSDate* limit) {
+  for (auto session = iIdle.begin(); session != iIdle.end(); ++session) {
+    if ((*session)->heldPath.empty()) continue;
+    const NSDate due = (*session)->idleSince.dateByAddingTimeInterval(kHoldingSeconds);
+    if (NSDate::date() < due) {
+      *limit = std::min(*limit, due);
+      continue;
+    }
+    std::shared_ptr<PooledSession> taken = std::move(*session);
+    iIdle.erase(session);
+    return taken;
+  }
+  return nullptr;
+}
+
+void SessionPool::settleHolder(std::shared_ptr<PooledSession> session) {
+  if (!enter(session)) return;
+  session->session->becameIdle();
+  const bool isAlive = session->session->isAlive();
+  detach(std::move(session), isAlive);
+}
+
+std::shared_ptr<PooledSession> SessionPool::takeHolding(std::string_view path) {
+  std::shared_ptr<PooledSession> session;
+  {
+    ConditionLock lock(iCondition);
+    const auto found =
+        std::find_if(iIdle.begin(), iIdle.end(), [path](const auto& idle) { return idle->heldPath == path; });
+    if (found == iIdle.end()) return nullptr;
+    session = std::move(*found);
+    iIdle.erase(found);
+  }
+  return enter(session) ? session : nullptr;
+}
+
+bool SessionPool::claim(PooledSession& session, std::string_view path) {
+  ConditionLock lock(iCondition);
+  const bool mustEnd = session.mustLetGo || (!session.heldPath.empty() && session.heldPath != path);
+  session.mustLetGo = false;
+  session.heldPath = path;
+  return mustEnd;
+}
+
+void SessionPool::letGoOf(std::string_view path) {
+  std::vector<std::shared_ptr<PooledSession>> holders;
+  {
+    ConditionLock lock(iCondition);
+    for (const auto& session : iInUse) {
+      if (isAtOrBelowRemotePath(session->heldPath, path)) session->mustLetGo = true;
+    }
+    const auto isKept = [path](const auto& idle) { return !isAtOrBelowRemotePath(idle->heldPath, path); };
+    const auto first = std::stable_partition(iIdle.begin(), iIdle.end(), isKept);
+    holders.assign(std::make_move_iterator(first), std::make_move_iterator(iIdle.end()));
+    iIdle.erase(first, iIdle.end());
+  }
+  for (auto& session : holders) settleHolder(std::move(session));
 }
 
 void SessionPool::noteHolder([[maybe_unused]] const PooledSession& session, [[maybe_unused]] int change) {

@@ -28,6 +28,9 @@ struct PooledSession {
   std::shared_ptr<Session> session;
   NSDate idleSince;
   std::thread::id holder;  // the thread that it is attached for
+  // What it holds open for further uploads, or is about to; empty when nothing. Both are the pool's.
+  std::string heldPath;
+  bool mustLetGo = false;  // in use while that path moved or went: what it holds may stand for another file
 };
 
 // Who waits for a session, and what the pool needs of him meanwhile. Called on the waiting thread, without a
@@ -44,12 +47,15 @@ class SessionWaiter {
   virtual bool hasSpareWork() const { return false; }
   // Does a piece of it; may block.
   virtual void doSpareWork() {}
+  // The path that is about to be uploaded to: a session that holds it open is given first.
+  virtual const std::string* preferredPath() const { return nullptr; }
   // Asked during a login.
   virtual bool isWorthyTrust(const std::string& fingerprint) = 0;
 };
 
-// Hands sessions to threads that wait in line, keeps idle ones warm for a minute, and never has more of them
-// than the cap. The cap falls by itself when the server takes no more, and rises again by one each minute.
+// Hands sessions to threads that wait in line, keeps idle ones warm for a minute (what they hold open for
+// further uploads: for a second), and never has more of them than the cap. The cap falls by itself when the
+// server takes no more, and rises again by one each minute.
 //
 // A waiting thread never holds a session: that alone makes the cap free of deadlock, and debug builds assert
 // it.
@@ -77,6 +83,14 @@ class SessionPool {
       EXCLUDES(iCondition);
   // Takes it back; `reusable` when it may serve another call. A transfer must have been ended before.
   void detach(std::shared_ptr<PooledSession> session, bool reusable) EXCLUDES(iCondition);
+  // An idle session that holds that path open, out of turn: it does no more than end that. Null when there is
+  // none. To be given back with `detach`.
+  std::shared_ptr<PooledSession> takeHolding(std::string_view path) EXCLUDES(iCondition);
+  // Notes what a session in use is about to upload to. True when it has to end first what it holds.
+  bool claim(PooledSession& session, std::string_view path) EXCLUDES(iCondition);
+  // No session holds that path, or one below it, open any more once this has returned; those in use do so
+  // before their next upload. Waits for the server.
+  void letGoOf(std::string_view path) EXCLUDES(iCondition);
   // Turns an attached request into a transfer: false when the share of transfers is taken.
   bool tryBeginTransfer() EXCLUDES(iCondition);
   void endTransfer() EXCLUDES(iCondition);
@@ -94,6 +108,7 @@ class SessionPool {
   struct Place {
     SessionUse use = SessionUse::kRequest;
     bool awaited = true;
+    const std::string* preferredPath = nullptr;
     bool busy = false;  // does spare work: others go first
     bool inLine = false;
     bool sleeps = false;  // on `wake`, of its own: hundreds may wait, and only the next is to wake
@@ -105,6 +120,7 @@ class SessionPool {
   Turn waitForTurn(SessionWaiter& waiter, Place& place, std::shared_ptr<PooledSession>* idle)
       EXCLUDES(iCondition);
   bool tryTake(Place& place, std::shared_ptr<PooledSession>* idle) REQUIRES(iCondition);
+  std::shared_ptr<PooledSession> takeIdle(const std::string* preferredPath) REQUIRES(iCondition);
   void sleepInLine(Place& place) REQUIRES(iCondition);
   bool isEligible(const Place& place) const REQUIRES(iCondition);
   Place* nextInLine() const REQUIRES(iCondition);
@@ -126,6 +142,10 @@ class SessionPool {
   bool threadHoldsSession() const EXCLUDES(iCondition);
   void keepIdle(std::shared_ptr<PooledSession>& session) REQUIRES(iCondition);
   void closeIdleSessions() EXCLUDES(iCondition);
+  // The idle session that has held something open for long enough; null when there is none. `limit` is put
+  // forward to when the next one is due.
+  std::shared_ptr<PooledSession> takeDueHolder(NSDate* limit) REQUIRES(iCondition);
+  void settleHolder(std::shared_ptr<PooledSession> session) EXCLUDES(iCondition);
 
   const std::shared_ptr<Engine> iEngine;
   const std::shared_ptr<const KCCredentials> iCredentials;

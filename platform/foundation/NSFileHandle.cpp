@@ -3,21 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cassert>
 #include <cerrno>
 
 namespace ombra {
-namespace {
-
-// The first extent that ends after `offset`.
-std::vector<FileExtent>::iterator firstEndingAfter(std::vector<FileExtent>& extents, uint64_t offset) {
-  return std::partition_point(extents.begin(), extents.end(),
-                              [offset](const FileExtent& extent) { return extent.end <= offset; });
-}
-
-}  // namespace
-
 NSFileHandle::NSFileHandle(int descriptor, Kind kind) : iDescriptor(descriptor), iKind(kind) {
   assert(descriptor >= 0);
 }
@@ -69,53 +58,6 @@ ssize_t NSFileHandle::readAt(void* bytes, size_t length, uint64_t offset) const 
     done += static_cast<size_t>(count);
   }
   return static_cast<ssize_t>(done);
-}
-
-void NSFileHandle::noteWritten(FileExtent extent) {
-  if (!isScratch() || extent.begin >= extent.end) return;
-  MutexLock lock(iExtentLock);
-  // Swallow every extent that overlaps or touches the new one.
-  auto first = std::partition_point(iUnconfirmed.begin(), iUnconfirmed.end(),
-                                    [&extent](const FileExtent& other) { return other.end < extent.begin; });
-  auto last = first;
-  for (; last != iUnconfirmed.end() && last->begin <= extent.end; ++last) {
-    extent.begin = std::min(extent.begin, last->begin);
-    extent.end = std::max(extent.end, last->end);
-  }
-  iUnconfirmed.insert(iUnconfirmed.erase(first, last), extent);
-}
-
-void NSFileHandle::noteTruncated(uint64_t length) {
-  MutexLock lock(iExtentLock);
-  auto first = firstEndingAfter(iUnconfirmed, length);
-  if (first != iUnconfirmed.end() && first->begin < length) {
-    first->end = length;
-    ++first;
-  }
-  iUnconfirmed.erase(first, iUnconfirmed.end());
-}
-
-std::vector<FileExtent> NSFileHandle::unconfirmedExtents(uint64_t from) const {
-  MutexLock lock(iExtentLock);
-  std::vector<FileExtent> result;
-  for (const FileExtent& extent : iUnconfirmed) {
-    if (extent.end > from) result.push_back({std::max(extent.begin, from), extent.end});
-  }
-  return result;
-}
-
-void NSFileHandle::noteConfirmed(FileExtent extent) {
-  if (extent.begin >= extent.end) return;
-  MutexLock lock(iExtentLock);
-  auto first = firstEndingAfter(iUnconfirmed, extent.begin);
-  auto last = first;
-  std::vector<FileExtent> rest;
-  for (; last != iUnconfirmed.end() && last->begin < extent.end; ++last) {
-    if (last->begin < extent.begin) rest.push_back({last->begin, extent.begin});
-    if (last->end > extent.end) rest.push_back({extent.end, last->end});
-  }
-  const auto at = iUnconfirmed.erase(first, last);
-  iUnconfirmed.insert(at, rest.begin(), rest.end());
 }
 
 }  // namespace ombra

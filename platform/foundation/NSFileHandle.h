@@ -10,20 +10,13 @@
 #include <utility>
 #include <vector>
 
-#include "platform/foundation/Mutex.h"
+#include "platform/foundation/UnconfirmedExtents.h"
 
 namespace ombra {
 
-// A half-open range of a file, [begin, end), in bytes.
-struct FileExtent {
-  uint64_t begin = 0;
-  uint64_t end = 0;
-  bool operator==(const FileExtent&) const = default;
-};
-
-// Owns a descriptor and closes it when destroyed. A handle over a scratch file is never flushed to disk (nothing
-// of it outlives the process) and records which extents were written since they were last confirmed as sent.
-// Positioned reads and writes may come from several threads; the extents have a leaf lock of their own.
+// Owns a descriptor and closes it when destroyed. A handle over a scratch file is never flushed to disk
+// (nothing of it outlives the process) and records which extents were written since they were last confirmed
+// as sent. Positioned reads and writes may come from several threads.
 class NSFileHandle {
  public:
   enum class Kind { kFile, kScratch };
@@ -50,19 +43,22 @@ class NSFileHandle {
   [[nodiscard]] ssize_t readAt(void* bytes, size_t length, uint64_t offset) const;
 
   // Scratch extents: what was written locally and not yet confirmed by the server.
-  void noteWritten(FileExtent extent) EXCLUDES(iExtentLock);
+  void noteWritten(FileExtent extent) {
+    if (isScratch()) iExtents->add(extent);
+  }
   // The file now ends at `length`: extents beyond it are cut off.
-  void noteTruncated(uint64_t length) EXCLUDES(iExtentLock);
+  void noteTruncated(uint64_t length) { iExtents->cut(length); }
   // The sorted, disjoint unconfirmed extents that overlap [from, end of file), cut to begin at `from`.
-  std::vector<FileExtent> unconfirmedExtents(uint64_t from) const EXCLUDES(iExtentLock);
+  std::vector<FileExtent> unconfirmedExtents(uint64_t from) const { return iExtents->from(from); }
   // The server has these bytes now.
-  void noteConfirmed(FileExtent extent) EXCLUDES(iExtentLock);
+  void noteConfirmed(FileExtent extent) { iExtents->remove(extent); }
+  // The record itself, for those who send the file. Never null; empty for an ordinary file.
+  const std::shared_ptr<UnconfirmedExtents>& extents() const { return iExtents; }
 
  private:
   const int iDescriptor;
   const Kind iKind;
-  mutable Mutex iExtentLock;
-  std::vector<FileExtent> iUnconfirmed GUARDED_BY(iExtentLock);
+  const std::shared_ptr<UnconfirmedExtents> iExtents = std::make_shared<UnconfirmedExtents>();
 };
 
 }  // namespace ombra

@@ -35,9 +35,4 @@ std::string sftpParentPath(std::string_view path) {
   return std::string(path.substr(0, slash));
 }
 
-bool sftpIsAtOrBelow(std::string_view path, std::string_view folder) {
-  if (!path.starts_with(folder)) return false;
-  return path.size() == folder.size() || folder.ends_with('/') || path[folder.size()] == '/';
-}
-
 }  // namespace ombra

@@ -13,7 +13,5 @@ std::string sftpNormalPath(std::string_view path);
 std::string sftpJoinPath(std::string_view base, std::string_view path);
 // What comes before the last component: "/" for "/a".
 std::string sftpParentPath(std::string_view path);
-// Whether `path` is `folder` or lies below it. Both in normal form.
-bool sftpIsAtOrBelow(std::string_view path, std::string_view folder);
 
 }  // namespace ombra

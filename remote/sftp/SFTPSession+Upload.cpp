@@ -1,7 +1,8 @@
 // Uploads in place, whole uploads, and streams.
 #include <algorithm>
-#include <cerrno>
 
+#include "remote/RemotePaths.h"
+#include "remote/RetryPauses.h"
 #include "remote/sftp/FileExtents.h"
 #include "remote/sftp/SFTPPaths.h"
 #include "remote/sftp/SFTPProtocol.h"
@@ -17,160 +18,133 @@ bool isStaleHandle(const NSErrorRef& error) {
   return QuarnKitError::isCode(error, kQuarnKitNoSuchItem) || QuarnKitError::isCode(error, kQuarnKitRefused);
 }
 
+// For what is done between two calls: nobody looks on, and silence ends it.
+class NoControl final : public TransferControl {
+ public:
+  void progress(uint64_t) override {}
+  bool shouldCancel() const override { return false; }
+};
+
+bool isAllUnconfirmed(const NSFileHandle& from, uint64_t length) {
+  const std::vector<FileExtent> unconfirmed = from.unconfirmedExtents(0);
+  const std::vector<FileExtent> data = dataExtents(from, 0, length);
+  return std::all_of(data.begin(), data.end(), [&unconfirmed](const FileExtent& extent) {
+    return std::any_of(unconfirmed.begin(), unconfirmed.end(), [&extent](const FileExtent& other) {
+      return other.begin <= extent.begin && extent.end <= other.end;
+    });
+  });
+}
+
 }  // namespace
 
 bool SFTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
                          NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
   NSErrorRef reason;
-  const bool wasOpen = iUploadHandle && iUploadHandle->path == path;
-  bool succeeded = offset == 0 ? uploadWhole(from, path, control, &reason)
-                               : uploadFrom(from, path, offset, control, &reason);
-  if (!succeeded && offset != 0 && wasOpen && isStaleHandle(reason)) {
-    // Servers let go of handles by their own rules; what was not acknowledged is still marked as unsent.
-    closeUploadHandle();
-    reason = nullptr;
-    succeeded = uploadFrom(from, path, offset, control, &reason);
-  }
-  if (!succeeded && offset != 0 && QuarnKitError::isCode(reason, kQuarnKitNoSuchItem)) {
-    // The file that was to be changed is gone: what was confirmed went with it.
-    reason = nullptr;
-    succeeded = uploadWhole(from, path, control, &reason);
-  }
+  const bool succeeded = from.isScratch() ? uploadChanges(from, path, offset, control, &reason)
+                                          : uploadCopy(from, path, offset, control, &reason);
   if (succeeded) return true;
   // After a failure nobody knows what the handle still stands for.
-  closeUploadHandle();
+  dropUpload();
   storeError(error, explainWrite(reason, path));
   return false;
 }
 
-bool SFTPSession::openUploadHandle(std::string_view path, uint32_t flags, NSErrorRef* error) {
-  closeUploadHandle();
+bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
+                             std::shared_ptr<UnconfirmedExtents> extents, NSErrorRef* error) {
+  finishUpload();
   const auto handle = waitHandle(iRequests.open(path, flags), SFTPOperation::kChangeName, path, error);
   if (!handle) return false;
-  iUploadHandle = UploadHandle{std::string(path), *handle};
+  uint64_t remoteLength = 0;
+  if ((flags & kSFTPOpenTruncate) == 0) {
+    const auto present = waitAttributes(iRequests.fstat(*handle), SFTPOperation::kOther, path, error);
+    if (!present) {
+      if (!iChannel.failure()) iChannel.abandon(iRequests.close(*handle));
+      return false;
+    }
+    remoteLength = present->size.value_or(0);
+  }
+  iUpload = std::make_unique<SFTPUpload>(iChannel, iRequests, std::string(path), *handle, std::move(extents),
+                                         remoteLength);
   return true;
 }
 
-void SFTPSession::closeUploadHandle() {
-  if (!iUploadHandle) return;
-  const std::string handle = iUploadHandle->handle;
-  iUploadHandle.reset();
+// An ordinary file: nobody will come back for it, so that the answer is the last word.
+bool SFTPSession::uploadCopy(NSFileHandle& from, std::string_view path, uint64_t offset,
+                             TransferControl& control, NSErrorRef* error) {
+  constexpr uint32_t kAnew = kSFTPOpenWrite | kSFTPOpenCreate | kSFTPOpenTruncate;
+  const uint32_t flags = offset == 0 ? kAnew : kSFTPOpenWrite | kSFTPOpenCreate;
+  return openUpload(path, flags, nullptr, error) && iUpload->sendAll(from, offset, control, error) &&
+         closeUpload(error);
+}
+
+bool SFTPSession::uploadChanges(NSFileHandle& from, std::string_view path, uint64_t offset,
+                                TransferControl& control, NSErrorRef* error) {
+  // A session that was lost with writes under way costs nothing but sending them again. What the server
+  // refused meanwhile is told instead.
+  NSErrorRef earlier = from.extents()->takeFailure();
+  if (earlier != nullptr && !isOutage(earlier)) {
+    storeError(error, std::move(earlier));
+    return false;
+  }
+  const bool wasOpen = iUpload != nullptr && iUpload->path() == path && iUpload->extents() == from.extents();
+  if (!wasOpen && !openForChanges(from, path, error)) return false;
+  NSErrorRef reason;
+  if (iUpload->sendChanges(from, offset, control, &reason)) return true;
+  if (!wasOpen || !isStaleHandle(reason) || iChannel.failure()) {
+    storeError(error, std::move(reason));
+    return false;
+  }
+  // Servers let go of handles by their own rules; what was not acknowledged is unconfirmed again.
+  dropUpload();
+  return openForChanges(from, path, error) && iUpload->sendChanges(from, offset, control, error) &&
+         iUpload->finish(control, error);
+}
+
+bool SFTPSession::openForChanges(NSFileHandle& from, std::string_view path, NSErrorRef* error) {
+  const uint64_t length = from.fileLength();
+  // Where the server has nothing of the file, what is there goes at once.
+  const uint32_t truncation = isAllUnconfirmed(from, length) ? uint32_t{kSFTPOpenTruncate} : 0;
+  const uint32_t flags = kSFTPOpenWrite | kSFTPOpenCreate | truncation;
+  return openUpload(path, flags, from.extents(), error);
+}
+
+bool SFTPSession::closeUpload(NSErrorRef* error) {
+  // A full disk or quota may show only here.
+  const uint32_t id = iRequests.close(iUpload->handle());
+  if (!waitStatus(id, SFTPOperation::kWrite, iUpload->path(), error)) return false;
+  iUpload->end(nullptr);
+  iUpload.reset();
+  return true;
+}
+
+void SFTPSession::finishUpload() {
+  if (iUpload == nullptr) return;
+  NoControl control;
+  NSErrorRef reason;
+  if (iUpload->finish(control, &reason) && closeUpload(&reason)) return;
+  iUpload->end(explainWrite(reason, iUpload->path()));
+  dropUpload();
+}
+
+void SFTPSession::dropUpload() {
+  if (iUpload == nullptr) return;
+  const std::string handle = iUpload->handle();
+  iUpload->end(nullptr);
+  iUpload.reset();
   if (iChannel.failure()) return;
   iChannel.abandon(iRequests.close(handle));
   iChannel.flushBriefly();
 }
 
 void SFTPSession::closeUploadHandleBelow(std::string_view path) {
-  if (iUploadHandle && sftpIsAtOrBelow(iUploadHandle->path, path)) closeUploadHandle();
-}
-
-bool SFTPSession::uploadWhole(NSFileHandle& from, std::string_view path, TransferControl& control,
-                              NSErrorRef* error) {
-  const uint64_t length = from.fileLength();
-  // The truncation takes away what had been confirmed before.
-  if (from.isScratch() && length > 0) from.noteWritten({0, length});
-  if (!openUploadHandle(path, kSFTPOpenWrite | kSFTPOpenCreate | kSFTPOpenTruncate, error)) return false;
-  const std::vector<FileExtent> extents = dataExtents(from, 0, length);
-  SFTPWriteQueue queue(iChannel, iUploadHandle->handle, std::string(path), control, [&](FileExtent extent) {
-    if (from.isScratch()) from.noteConfirmed(extent);
-    control.progress(extent.end);
-  });
-  if (!sendExtents(from, extents, queue, error)) return false;
-  const bool endsInHole = length > 0 && (extents.empty() || extents.back().end < length);
-  if (endsInHole && !setRemoteLength(length, error)) return false;
-  if (!queue.finish(error)) return false;
-  // The holes are there as well, without having been sent.
-  if (from.isScratch() && length > 0) from.noteConfirmed({0, length});
-  control.progress(length);
-  return true;
-}
-
-std::vector<FileExtent> SFTPSession::extentsToSend(const NSFileHandle& from, uint64_t offset,
-                                                   uint64_t length) const {
-  if (!from.isScratch())
-    return offset < length ? std::vector<FileExtent>{{offset, length}} : std::vector<FileExtent>();
-  std::vector<FileExtent> extents = from.unconfirmedExtents(offset);
-  // Written and then cut off: not there any more.
-  std::erase_if(extents, [length](const FileExtent& extent) { return extent.begin >= length; });
-  if (!extents.empty()) extents.back().end = std::min(extents.back().end, length);
-  return extents;
-}
-
-// Someone made the remote file shorter: what lies between its end and the first extent would be zeros there,
-// so it is sent again where it is not.
-void SFTPSession::addLostExtents(NSFileHandle& from, uint64_t remoteLength, uint64_t offset, uint64_t length,
-                                 std::vector<FileExtent>* extents) const {
-  const uint64_t firstSent = std::min(offset, extents->empty() ? length : extents->front().begin);
-  if (remoteLength >= firstSent) return;
-  std::vector<FileExtent> lost = dataExtents(from, remoteLength, firstSent);
-  for (const FileExtent& extent : lost) {
-    if (from.isScratch()) from.noteWritten(extent);
-  }
-  lost.insert(lost.end(), extents->begin(), extents->end());
-  *extents = std::move(lost);
-}
-
-bool SFTPSession::uploadFrom(NSFileHandle& from, std::string_view path, uint64_t offset,
-                             TransferControl& control, NSErrorRef* error) {
-  const bool isFresh = !iUploadHandle || iUploadHandle->path != path;
-  if (isFresh && !openUploadHandle(path, kSFTPOpenWrite, error)) return false;
-  const uint64_t length = from.fileLength();
-  std::vector<FileExtent> extents = extentsToSend(from, offset, length);
-  const bool reachesEnd = !extents.empty() && extents.back().end >= length;
-  std::optional<uint64_t> remoteLength;
-  // On an open handle a write up to the end needs no question: that is the one round trip of an append.
-  if (isFresh || !reachesEnd) {
-    const auto present =
-        waitAttributes(iRequests.fstat(iUploadHandle->handle), SFTPOperation::kOther, path, error);
-    if (!present) return false;
-    remoteLength = present->size;
-  }
-  if (isFresh && remoteLength) addLostExtents(from, *remoteLength, offset, length, &extents);
-  SFTPWriteQueue queue(iChannel, iUploadHandle->handle, std::string(path), control, [&](FileExtent extent) {
-    if (from.isScratch()) from.noteConfirmed(extent);
-    control.progress(extent.end);
-  });
-  if (!sendExtents(from, extents, queue, error)) return false;
-  if (!reachesEnd && remoteLength && *remoteLength < length && !setRemoteLength(length, error)) return false;
-  if (!queue.finish(error)) return false;
-  control.progress(length);
-  return true;
-}
-
-bool SFTPSession::sendExtents(NSFileHandle& from, const std::vector<FileExtent>& extents,
-                              SFTPWriteQueue& queue, NSErrorRef* error) {
-  for (const FileExtent& extent : extents) {
-    for (uint64_t at = extent.begin; at < extent.end;) {
-      const std::span<std::byte> room =
-          queue.next(at, static_cast<size_t>(std::min<uint64_t>(extent.end - at, SIZE_MAX / 2)), error);
-      if (room.empty()) return false;
-      const ssize_t count = from.readAt(room.data(), room.size(), at);
-      if (count < 0) {
-        storeError(error, QuarnKitError::errorWithCode(kQuarnKitLocalFailure, {},
-                                                       NSError::errorWithDomain(NSPOSIXErrorDomain, errno)));
-        return false;
-      }
-      // Cut short meanwhile: the length is settled by whoever did that.
-      if (count == 0) return true;
-      queue.send(static_cast<size_t>(count));
-      at += static_cast<uint64_t>(count);
-    }
-  }
-  return true;
-}
-
-bool SFTPSession::setRemoteLength(uint64_t length, NSErrorRef* error) {
-  SFTPAttributes attributes;
-  attributes.size = length;
-  const uint32_t id = iRequests.fsetstat(iUploadHandle->handle, attributes);
-  return waitStatus(id, SFTPOperation::kWrite, iUploadHandle->path, error);
+  if (iUpload != nullptr && isAtOrBelowRemotePath(iUpload->path(), path)) finishUpload();
 }
 
 bool SFTPSession::sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
                              TransferControl& control, std::string_view path, NSErrorRef* error) {
   for (uint64_t at = 0;;) {
-    const std::span<std::byte> room = queue.next(at, SIZE_MAX / 2, error);
+    const std::span<std::byte> room = queue.next(at, SIZE_MAX / 2, control, error);
     if (room.empty()) return false;
     const size_t count = std::min(next(room.data(), room.size()), room.size());
     // However long the writer took, the server was not asked for anything meanwhile.
@@ -179,7 +153,7 @@ bool SFTPSession::sendStream(const std::function<size_t(std::byte*, size_t)>& ne
       storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
       return false;
     }
-    if (count == 0) return queue.finish(error);
+    if (count == 0) return queue.finish(control, error);
     queue.send(count);
     at += count;
     if (!iChannel.pump(std::chrono::milliseconds(0), error)) return false;
@@ -196,7 +170,8 @@ bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, 
   NSErrorRef reason;
   bool succeeded = false;
   {
-    SFTPWriteQueue queue(iChannel, *handle, std::string(path), control, [](FileExtent) {});
+    SFTPWriteQueue::Observer nobody;
+    SFTPWriteQueue queue(iChannel, *handle, std::string(path), nobody);
     succeeded = sendStream(next, queue, control, path, &reason);
   }
   const uint32_t closeID = iChannel.failure() ? 0 : iRequests.close(*handle);

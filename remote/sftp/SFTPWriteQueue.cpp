@@ -15,50 +15,57 @@ constexpr std::chrono::milliseconds kSlice{100};
 constexpr size_t kMostUnsentBytes = 2 * 1024 * 1024;
 }  // namespace
 
-SFTPWriteQueue::SFTPWriteQueue(SFTPChannel& channel, std::string handle, std::string path,
-                               TransferControl& control, std::function<void(FileExtent)> confirmed)
+SFTPWriteQueue::SFTPWriteQueue(SFTPChannel& channel, std::string handle, std::string path, Observer& observer)
     : iChannel(channel),
       iHandle(std::move(handle)),
       iPath(std::move(path)),
-      iControl(control),
-      iConfirmed(std::move(confirmed)),
+      iObserver(observer),
       iWindow(channel.writeLength()) {}
 
 SFTPWriteQueue::~SFTPWriteQueue() {
-  for (const Piece& piece : iPieces) iChannel.abandon(piece.id);
+  for (const Piece& piece : iPieces) {
+    iChannel.abandon(piece.id);
+    iObserver.notStored(piece.extent);
+  }
 }
 
-std::span<std::byte> SFTPWriteQueue::next(uint64_t offset, size_t wanted, NSErrorRef* error) {
-  if (isCancelled(error)) return {};
-  // What has been acknowledged meanwhile is settled first, so that a refusal ends the transfer soon.
-  while (!iPieces.empty() && (isFull() || iChannel.hasReply(iPieces.front().id))) {
-    if (!settleFirst(error)) return {};
-  }
+std::span<std::byte> SFTPWriteQueue::next(uint64_t offset, size_t wanted, TransferControl& control,
+                                          NSErrorRef* error) {
+  if (isCancelled(control, error) || !settleAnswered(control, error)) return {};
   while (iChannel.outgoingSize() > kMostUnsentBytes) {
-    if (isCancelled(error) || !iChannel.pump(kSlice, error)) return {};
+    if (isCancelled(control, error) || !iChannel.pump(kSlice, error)) return {};
   }
   iNextOffset = offset;
   return iChannel.beginWrite(iHandle, offset, std::min(wanted, iChannel.writeLength()));
 }
 
+// What has been acknowledged meanwhile is settled first, so that a refusal ends the transfer soon.
+bool SFTPWriteQueue::settleAnswered(TransferControl& control, NSErrorRef* error) {
+  while (!iPieces.empty() && (isFull() || iChannel.hasReply(iPieces.front().id))) {
+    if (!settleFirst(control, error)) return false;
+  }
+  return true;
+}
+
 void SFTPWriteQueue::send(size_t length) {
   const uint32_t id = iChannel.finishWrite(length);
   iPieces.push_back({{iNextOffset, iNextOffset + length}, id});
+  iObserver.sent(iPieces.back().extent);
   iChannel.note(id, [&] { return fmt::format("write offset={} length={}", iNextOffset, length); });
 }
 
 bool SFTPWriteQueue::isFull() const { return iPieces.size() >= iWindow.limit(); }
 
-bool SFTPWriteQueue::isCancelled(NSErrorRef* error) {
-  if (!iControl.shouldCancel()) return false;
+bool SFTPWriteQueue::isCancelled(TransferControl& control, NSErrorRef* error) {
+  if (!control.shouldCancel()) return false;
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, iPath));
   return true;
 }
 
-bool SFTPWriteQueue::settleFirst(NSErrorRef* error) {
+bool SFTPWriteQueue::settleFirst(TransferControl& control, NSErrorRef* error) {
   const Piece piece = iPieces.front();
   while (!iChannel.hasReply(piece.id)) {
-    if (isCancelled(error) || !iChannel.pump(kSlice, error)) return false;
+    if (isCancelled(control, error) || !iChannel.pump(kSlice, error)) return false;
   }
   iWindow.replied(iChannel.age(piece.id));
   auto reply = iChannel.take(piece.id);
@@ -66,17 +73,26 @@ bool SFTPWriteQueue::settleFirst(NSErrorRef* error) {
   const auto status = parseSFTPStatus(*reply);
   iChannel.recycle(std::move(*reply));
   if (!status || status->code != kSFTPStatusOK) {
+    iObserver.notStored(piece.extent);
     storeError(error, status ? errorForSFTPStatus(*status, SFTPOperation::kWrite, iPath)
                              : sftpProtocolError("no status for a write"));
     return false;
   }
-  iConfirmed(piece.extent);
+  iObserver.stored(piece.extent);
   return true;
 }
 
-bool SFTPWriteQueue::finish(NSErrorRef* error) {
+bool SFTPWriteQueue::flush(TransferControl& control, NSErrorRef* error) {
+  do {
+    if (isCancelled(control, error) || !iChannel.pump(std::chrono::milliseconds(0), error)) return false;
+    if (iChannel.outgoingSize() > 0 && !iChannel.pump(kSlice, error)) return false;
+  } while (iChannel.outgoingSize() > 0);
+  return settleAnswered(control, error);
+}
+
+bool SFTPWriteQueue::finish(TransferControl& control, NSErrorRef* error) {
   while (!iPieces.empty()) {
-    if (!settleFirst(error)) return false;
+    if (!settleFirst(control, error)) return false;
   }
   return true;
 }

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <deque>
-#include <functional>
 #include <string>
 
 #include "platform/foundation/NSFileHandle.h"
@@ -12,24 +11,35 @@
 
 namespace ombra {
 
-// Writes to an open remote handle. Each piece counts as stored when the server has acknowledged it, and only
-// then is `confirmed` called for it, in the order of sending. After a failure nothing more is sent. One
-// thread at a time.
+// Writes to an open remote handle. Each piece counts as stored when the server has acknowledged it. After a
+// failure nothing more is sent. One thread at a time.
 class SFTPWriteQueue {
  public:
-  SFTPWriteQueue(SFTPChannel& channel, std::string handle, std::string path, TransferControl& control,
-                 std::function<void(FileExtent)> confirmed);
+  // Learns what becomes of each piece.
+  class Observer {
+   public:
+    virtual ~Observer() = default;
+    virtual void sent(FileExtent) {}
+    // In the order of sending.
+    virtual void stored(FileExtent) {}
+    // Refused, or its acknowledgement will not come.
+    virtual void notStored(FileExtent) {}
+  };
+
+  SFTPWriteQueue(SFTPChannel& channel, std::string handle, std::string path, Observer& observer);
   // Drops the acknowledgements that are still due.
   ~SFTPWriteQueue();
   SFTPWriteQueue(const SFTPWriteQueue&) = delete;
   SFTPWriteQueue& operator=(const SFTPWriteQueue&) = delete;
 
   // Room for the piece at `offset`; waits while too much is in flight. Empty on failure or cancellation.
-  std::span<std::byte> next(uint64_t offset, size_t wanted, NSErrorRef* error);
+  std::span<std::byte> next(uint64_t offset, size_t wanted, TransferControl& control, NSErrorRef* error);
   // Sends the first `length` bytes (> 0) of that room.
   void send(size_t length);
+  // Waits until all has left, but not for what the server says to it.
+  [[nodiscard]] bool flush(TransferControl& control, NSErrorRef* error);
   // Waits for all acknowledgements.
-  [[nodiscard]] bool finish(NSErrorRef* error);
+  [[nodiscard]] bool finish(TransferControl& control, NSErrorRef* error);
 
  private:
   struct Piece {
@@ -37,15 +47,15 @@ class SFTPWriteQueue {
     uint32_t id = 0;
   };
 
-  bool settleFirst(NSErrorRef* error);
+  bool settleAnswered(TransferControl& control, NSErrorRef* error);
+  bool settleFirst(TransferControl& control, NSErrorRef* error);
   bool isFull() const;
-  bool isCancelled(NSErrorRef* error);
+  bool isCancelled(TransferControl& control, NSErrorRef* error);
 
   SFTPChannel& iChannel;
   const std::string iHandle;
   const std::string iPath;
-  TransferControl& iControl;
-  const std::function<void(FileExtent)> iConfirmed;
+  Observer& iObserver;
   SFTPTransferWindow iWindow;
   std::deque<Piece> iPieces;
   uint64_t iNextOffset = 0;

@@ -111,8 +111,28 @@ bool FakeSession::download(std::string_view, NSFileHandle& to, uint64_t offset, 
   return !iEngine.onDownload || iEngine.onDownload(*this, to, offset, version, control, error);
 }
 
-bool FakeSession::upload(NSFileHandle& from, std::string_view, uint64_t offset, TransferControl& control,
+FakeSession::~FakeSession() {
+  if (iHeldExtents != nullptr)
+    iHeldExtents->endSending(QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  iEngine.sessionGone();
+}
+
+void FakeSession::becameIdle() {
+  if (iHeldPath.empty()) return;
+  ++iEngine.endsOfHold;
+  NSErrorRef failure = iEngine.onEndOfHold ? iEngine.onEndOfHold(*this, iHeldPath) : nullptr;
+  iHeldPath.clear();
+  std::exchange(iHeldExtents, nullptr)->endSending(std::move(failure));
+}
+
+bool FakeSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
                          NSErrorRef* error) {
+  if (iEngine.holds && from.isScratch() && iHeldPath != path) {
+    becameIdle();
+    iHeldPath = path;
+    iHeldExtents = from.extents();
+    iHeldExtents->beginSending();
+  }
   return !iEngine.onUpload || iEngine.onUpload(*this, from, offset, control, error);
 }
 

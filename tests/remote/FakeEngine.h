@@ -62,7 +62,10 @@ class FakeEngine final : public Engine {
   std::atomic<int> changes{0};
   std::atomic<int> resolves{0};
   std::atomic<int> attributeCalls{0};
-  std::atomic<int> wentIdle{0};
+  // Uploads of scratch files hold their path, and `onEndOfHold` is what becomes of it.
+  std::atomic<bool> holds{false};
+  std::function<NSErrorRef(FakeSession&, const std::string&)> onEndOfHold;
+  std::atomic<int> endsOfHold{0};
   Gate gate;  // for hooks to use; poked by interrupts
 
   uint32_t protocol() const override { return kProtocolSFTP; }
@@ -83,7 +86,7 @@ class FakeSession final : public Session {
  public:
   FakeSession(FakeEngine& engine, const SessionEnvironment& surroundings, int sessionNumber)
       : number(sessionNumber), environment(surroundings), iEngine(engine) {}
-  ~FakeSession() override { iEngine.sessionGone(); }
+  ~FakeSession() override;
 
   const int number;  // from 1
   const SessionEnvironment environment;
@@ -93,7 +96,8 @@ class FakeSession final : public Session {
   std::string loginPath() const override { return "/home/u"; }
   bool isAlive() override { return !iEngine.onIsAlive || iEngine.onIsAlive(*this); }
   void interrupt() override;
-  void becameIdle() override { ++iEngine.wentIdle; }
+  void becameIdle() override;
+  std::string heldPath() const override { return iHeldPath; }
   std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
                                       NSErrorRef* error) override;
   std::optional<LinkResolution> resolveLink(std::string_view path, NSErrorRef* error) override;
@@ -123,6 +127,8 @@ class FakeSession final : public Session {
   bool change(std::string_view path, NSErrorRef* error);
 
   FakeEngine& iEngine;
+  std::string iHeldPath;
+  std::shared_ptr<UnconfirmedExtents> iHeldExtents;
   std::atomic<bool> iInterrupted{false};
 };
 

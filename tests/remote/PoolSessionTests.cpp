@@ -57,7 +57,6 @@ TEST(Pool, AReleasedSessionServesTheNextConnection) {
   EXPECT_TRUE(fake.list());
   EXPECT_EQ(fake.engine->made, 1);
   EXPECT_EQ(fake.engine->lists, 2);
-  EXPECT_EQ(fake.engine->wentIdle, 2);
 }
 
 TEST(Pool, AConnectionKeepsItsSessionUntilItIsReleased) {
@@ -65,9 +64,9 @@ TEST(Pool, AConnectionKeepsItsSessionUntilItIsReleased) {
   fake.with([&](AbstractConnection& connection) {
     std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
     EXPECT_TRUE(connection.contentsAtPath("/", &nodes, nullptr));
-    EXPECT_EQ(fake.engine->wentIdle, 0);
+    std::thread([&] { EXPECT_TRUE(fake.list()); }).join();
   });
-  EXPECT_EQ(fake.engine->wentIdle, 1);
+  EXPECT_EQ(fake.engine->made, 2);
 }
 
 TEST(Pool, AnIdleSessionThatDiedIsReplacedUnseen) {

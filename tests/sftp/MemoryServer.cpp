@@ -5,6 +5,7 @@
 
 #include <algorithm>
 
+#include "remote/RemotePaths.h"
 #include "remote/sftp/SFTPAttributes.h"
 #include "remote/sftp/SFTPPaths.h"
 #include "remote/sftp/SFTPProtocol.h"
@@ -229,8 +230,8 @@ std::string MemoryServer::rename(uint32_t id, const std::string& from, const std
     return statusReply(id, kSFTPStatusFailure, "Failure");
   std::map<std::string, Item> moved;
   for (const auto& [path, child] : iItems) {
-    if (sftpIsAtOrBelow(path, to)) continue;
-    moved[sftpIsAtOrBelow(path, from) ? to + path.substr(from.size()) : path] = child;
+    if (isAtOrBelowRemotePath(path, to)) continue;
+    moved[isAtOrBelowRemotePath(path, from) ? to + path.substr(from.size()) : path] = child;
   }
   iItems = moved;
   return statusReply(id, kSFTPStatusOK);
@@ -272,7 +273,7 @@ std::string MemoryServer::attributesReply(uint32_t id, const std::string& path) 
 
 bool MemoryServer::hasChildren(const std::string& path) const {
   return std::any_of(iItems.begin(), iItems.end(), [&](const auto& entry) {
-    return entry.first != path && sftpIsAtOrBelow(entry.first, path);
+    return entry.first != path && isAtOrBelowRemotePath(entry.first, path);
   });
 }
 

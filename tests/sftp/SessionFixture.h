@@ -30,10 +30,12 @@ class RecordingControl final : public TransferControl {
  public:
   void progress(uint64_t bytesReached) override { reached.push_back(bytesReached); }
   bool shouldCancel() const override { return cancelled || (!reached.empty() && reached.back() >= cancelAt); }
+  bool mayReturnEarly() const override { return isEarly; }
 
   std::vector<uint64_t> reached;
   uint64_t cancelAt = UINT64_MAX;
   bool cancelled = false;
+  bool isEarly = false;
 };
 
 // A local file without a name.

@@ -127,6 +127,55 @@ TEST_F(SFTPUpload, FromAnOffsetSendsOnlyWhatIsNotConfirmed) {
   EXPECT_TRUE(local->unconfirmedExtents(0).empty());
 }
 
+TEST_F(SFTPUpload, OfTheFirstPageSendsThatPageAlone) {
+  logIn();
+  makeScratch(pattern(1000000));
+  ASSERT_TRUE(upload(0));
+  session->becameIdle();
+  const size_t before = written();
+  writeLocally("PAGE", 0);
+  server.before = [&](const PeerRequest& request) {
+    if (request.type == kSFTPWrite) {
+      EXPECT_EQ(1000000u, server.content("/f").size()) << "never cut meanwhile";
+    }
+  };
+  ASSERT_TRUE(upload(0));
+  EXPECT_EQ(4u, written() - before);
+  EXPECT_EQ(readLocalFile(*local), server.content("/f"));
+}
+
+TEST_F(SFTPUpload, FromTheBeginningNeverLeavesTheServersFileLonger) {
+  logIn();
+  makeScratch(pattern(1000));
+  ASSERT_TRUE(upload(0));
+  for (const bool isFresh : {false, true}) {
+    if (isFresh) {
+      session->becameIdle();
+      server.addFile("/f", pattern(2000));
+      local->noteWritten({0, 10});
+    } else {
+      ASSERT_EQ(0, ftruncate(local->fileDescriptor(), 600));
+      local->noteTruncated(600);
+    }
+    ASSERT_TRUE(upload(0));
+    EXPECT_EQ(600u, server.content("/f").size()) << isFresh;
+  }
+}
+
+TEST_F(SFTPUpload, WhatWasCutAndGrewAgainIsZerosOnTheServerToo) {
+  logIn();
+  makeScratch(pattern(1000));
+  ASSERT_TRUE(upload(0));
+  ASSERT_EQ(0, ftruncate(local->fileDescriptor(), 100));
+  local->noteTruncated(100);
+  writeLocally("end", 900);
+  for (const bool isFresh : {false, true}) {
+    if (isFresh) session->becameIdle();
+    ASSERT_TRUE(upload(900));
+    EXPECT_EQ(readLocalFile(*local), server.content("/f")) << isFresh;
+  }
+}
+
 TEST_F(SFTPUpload, FromAnOffsetLeavesWhatLiesBeforeItUnsent) {
   logIn();
   makeScratch(pattern(1000));
@@ -246,15 +295,13 @@ TEST_F(SFTPUpload, AnotherPathTakesTheHandlesPlace) {
   EXPECT_EQ("abc", server.content("/g"));
 }
 
-TEST_F(SFTPUpload, AFailureLeavesTheRestUnconfirmedAndAllOfItAfterATruncation) {
+TEST_F(SFTPUpload, AFailureLeavesTheRestUnconfirmed) {
   logIn();
   makeScratch(pattern(10 * 32768));
-  ASSERT_TRUE(upload(0));
-  server.refusals[kSFTPWrite] = {kSFTPStatusFailure, 3};
+  server.refusals[kSFTPWrite] = {kSFTPStatusPermissionDenied, 3};
   ASSERT_FALSE(upload(0));
-  EXPECT_EQ(kQuarnKitRefused, codeOf(error));
-  EXPECT_EQ((std::vector<FileExtent>{{3 * 32768, 10 * 32768}}), local->unconfirmedExtents(0))
-      << "the truncation took away what had been confirmed before";
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(error));
+  EXPECT_EQ((std::vector<FileExtent>{{3 * 32768, 10 * 32768}}), local->unconfirmedExtents(0));
   EXPECT_EQ(0u, server.openHandles()) << "nobody knows what a handle stands for after a failure";
   server.refusals.clear();
   ASSERT_TRUE(upload(1));
@@ -328,6 +375,109 @@ TEST_F(SFTPUpload, HasManyRequestsInFlight) {
   ASSERT_TRUE(upload(0));
   server.batch = 1;
   EXPECT_LT(peer->waits() - before, 12u);
+}
+
+TEST_F(SFTPUpload, OfAnOrdinaryFileIsOverWhenTheServerHasClosedIt) {
+  server.refusals[kSFTPClose] = {kSFTPStatusFailure, 0};
+  server.refusalText = "Disk quota exceeded";
+  logIn();
+  local = makeLocalFile(NSFileHandle::Kind::kFile, pattern(50));
+  EXPECT_FALSE(upload(0));
+  EXPECT_EQ(kQuarnKitOutOfSpace, codeOf(error));
+  session.reset();
+}
+
+// Uploads that answer before the server has.
+class SFTPWriteBehind : public SFTPUpload {
+ protected:
+  void SetUp() override { control.isEarly = true; }
+  // A file of 1000 bytes that is stored, with its handle open.
+  void begin() {
+    logIn();
+    makeScratch(pattern(1000));
+    ASSERT_TRUE(upload(0));
+    ASSERT_FALSE(local->unconfirmedExtents(0).size() > 0);
+  }
+  bool append(std::string_view bytes) {
+    const uint64_t end = local->fileLength();
+    writeLocally(bytes, end);
+    return upload(end);
+  }
+};
+
+TEST_F(SFTPWriteBehind, WaitsForNothingWhileTheHandleIsOpen) {
+  begin();
+  server.batch = SIZE_MAX;
+  const size_t before = peer->waits();
+  for (int i = 0; i < 5; ++i) EXPECT_TRUE(append(pattern(1000, static_cast<unsigned>(i))));
+  EXPECT_EQ(before, peer->waits());
+  EXPECT_TRUE(local->extents()->isSending());
+  server.batch = 1;
+  session->becameIdle();
+  EXPECT_FALSE(local->extents()->isSending());
+  EXPECT_EQ(nullptr, local->extents()->takeFailure());
+  EXPECT_EQ(readLocalFile(*local), server.content("/f"));
+}
+
+TEST_F(SFTPWriteBehind, WhatIsWrittenAgainMeanwhileIsSentAgain) {
+  begin();
+  server.batch = SIZE_MAX;
+  ASSERT_TRUE(append("first"));
+  writeLocally("FIRST", 1000);
+  ASSERT_TRUE(upload(1000));
+  server.batch = 1;
+  session->becameIdle();
+  EXPECT_EQ("FIRST", server.content("/f").substr(1000));
+}
+
+TEST_F(SFTPWriteBehind, ARefusalIsToldByTheNextUploadAndLeavesItUnconfirmed) {
+  begin();
+  server.batch = SIZE_MAX;
+  server.refusals[kSFTPWrite] = {kSFTPStatusPermissionDenied, 0};
+  ASSERT_TRUE(append("lost"));
+  server.batch = 1;
+  server.flush(*peer);
+  EXPECT_FALSE(append("later"));
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(error));
+  EXPECT_EQ((std::vector<FileExtent>{{1000, 1009}}), local->unconfirmedExtents(0));
+}
+
+TEST_F(SFTPWriteBehind, ARefusalThatNobodyAskedForIsKeptForTheFile) {
+  begin();
+  server.batch = SIZE_MAX;
+  server.refusals[kSFTPWrite] = {kSFTPStatusPermissionDenied, 0};
+  ASSERT_TRUE(append("lost"));
+  server.batch = 1;
+  session->becameIdle();
+  EXPECT_FALSE(local->extents()->isSending());
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(local->extents()->takeFailure()));
+  EXPECT_EQ((std::vector<FileExtent>{{1000, 1004}}), local->unconfirmedExtents(0));
+}
+
+TEST_F(SFTPWriteBehind, ARefusedCloseIsKeptForTheFile) {
+  begin();
+  ASSERT_TRUE(append("more"));
+  server.refusals[kSFTPClose] = {kSFTPStatusFailure, 0};
+  server.refusalText = "Disk quota exceeded";
+  session->becameIdle();
+  EXPECT_EQ(kQuarnKitOutOfSpace, codeOf(local->extents()->takeFailure()));
+  session.reset();
+}
+
+TEST_F(SFTPWriteBehind, WhatALostSessionHadUnderWayIsSentByTheNextOne) {
+  begin();
+  server.batch = SIZE_MAX;
+  ASSERT_TRUE(append("under way "));
+  session.reset();
+  EXPECT_FALSE(local->extents()->isSending());
+  EXPECT_EQ((std::vector<FileExtent>{{1000, 1010}}), local->unconfirmedExtents(0));
+  server = MemoryServer();
+  server.addFile("/f", pattern(1000));  // nothing of it had arrived
+  logIn();
+  ASSERT_TRUE(append("and after")) << error->description();
+  session->becameIdle();
+  EXPECT_EQ(readLocalFile(*local), server.content("/f"));
+  EXPECT_EQ(nullptr, local->extents()->takeFailure());
 }
 
 class SFTPStream : public SessionFixture {

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "remote/RemotePaths.h"
 #include "remote/sftp/FileExtents.h"
 #include "remote/sftp/SFTPErrors.h"
 #include "remote/sftp/SFTPPaths.h"
@@ -42,11 +43,11 @@ TEST(SFTPPaths, JoinAndPart) {
 }
 
 TEST(SFTPPaths, BelowIsByWholeComponents) {
-  EXPECT_TRUE(sftpIsAtOrBelow("/a/b", "/a"));
-  EXPECT_TRUE(sftpIsAtOrBelow("/a", "/a"));
-  EXPECT_TRUE(sftpIsAtOrBelow("/a", "/"));
-  EXPECT_FALSE(sftpIsAtOrBelow("/ab", "/a"));
-  EXPECT_FALSE(sftpIsAtOrBelow("/a", "/a/b"));
+  EXPECT_TRUE(isAtOrBelowRemotePath("/a/b", "/a"));
+  EXPECT_TRUE(isAtOrBelowRemotePath("/a", "/a"));
+  EXPECT_TRUE(isAtOrBelowRemotePath("/a", "/"));
+  EXPECT_FALSE(isAtOrBelowRemotePath("/ab", "/a"));
+  EXPECT_FALSE(isAtOrBelowRemotePath("/a", "/a/b"));
 }
 
 struct StatusCase {
