@@ -47,6 +47,14 @@ bool FileCopy::mayGoOn(NSErrorRef* error) const {
 }
 
 bool FileCopy::copyRange(FileExtent range, uint64_t* reached, NSErrorRef* error) const {
+  // Looking for holes moves the position, which whoever opened the file may be using.
+  const off_t position = lseek(from, 0, SEEK_CUR);
+  const bool copied = copyDataAndHoles(range, reached, error);
+  if (position >= 0) lseek(from, position, SEEK_SET);
+  return copied;
+}
+
+bool FileCopy::copyDataAndHoles(FileExtent range, uint64_t* reached, NSErrorRef* error) const {
   uint64_t at = range.begin;
   *reached = at;
   while (at < range.end) {

@@ -24,6 +24,7 @@ struct FileCopy {
   [[nodiscard]] bool copyRange(FileExtent range, uint64_t* reached, NSErrorRef* error) const;
 
  private:
+  [[nodiscard]] bool copyDataAndHoles(FileExtent range, uint64_t* reached, NSErrorRef* error) const;
   [[nodiscard]] bool copyData(uint64_t begin, uint64_t end, uint64_t* reached, NSErrorRef* error) const;
   [[nodiscard]] bool writeZeros(uint64_t begin, uint64_t end, NSErrorRef* error) const;
   [[nodiscard]] bool mayGoOn(NSErrorRef* error) const;

@@ -40,6 +40,12 @@ NSErrorRef localServerError(int errorNumber, std::string_view path) {
                                       NSError::errorWithDomain(NSPOSIXErrorDomain, errorNumber));
 }
 
+NSErrorRef localAttributeError(int errorNumber, std::string_view path) {
+  if (errorNumber != EOPNOTSUPP) return localServerError(errorNumber, path);
+  return QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported, path,
+                                      NSError::errorWithDomain(NSPOSIXErrorDomain, errorNumber));
+}
+
 NSErrorRef localFileError(int errorNumber) {
   return QuarnKitError::errorWithCode(kQuarnKitLocalFailure, {},
                                       NSError::errorWithDomain(NSPOSIXErrorDomain, errorNumber));

@@ -20,6 +20,17 @@ bool answer(int result, std::string_view path, NSErrorRef* error) {
   return false;
 }
 
+bool answerChange(int result, std::string_view path, NSErrorRef* error) {
+  if (result == 0) return true;
+  storeError(error, localAttributeError(errno, path));
+  return false;
+}
+
+bool leadsNowhere(const char* path) {
+  struct stat status {};
+  return stat(path, &status) != 0 && errno == ENOENT && lstat(path, &status) == 0;
+}
+
 int renameWithoutReplacing(const char* from, const char* to) {
   if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return 0;
   if (errno != EINVAL && errno != ENOSYS) return -1;
@@ -59,23 +70,28 @@ bool LocalSession::remove(std::string_view path, bool isDirectory, NSErrorRef* e
 bool LocalSession::changeAttributes(const NSFileAttributes& attributes, std::string_view path,
                                     NSErrorRef* error) {
   if (!mayGoOn(error)) return false;
-  const std::string whole(path);
-  if (attributes.ownerAccountID || attributes.groupOwnerAccountID) {
-    // Before the mode: a change of owner takes the set-ID bits away.
-    const uid_t owner = attributes.ownerAccountID ? *attributes.ownerAccountID : static_cast<uid_t>(-1);
-    const gid_t group =
-        attributes.groupOwnerAccountID ? *attributes.groupOwnerAccountID : static_cast<gid_t>(-1);
-    if (!answer(chown(whole.c_str(), owner, group), path, error)) return false;
-  }
-  if (attributes.posixPermissions &&
-      !answer(chmod(whole.c_str(), *attributes.posixPermissions & kPermissionBits), path, error)) {
+  const bool hasOwner = attributes.ownerAccountID || attributes.groupOwnerAccountID;
+  if (attributes.creationDate && !hasOwner && !attributes.posixPermissions && !attributes.modificationDate) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported,
+                                                   "the system has no creation dates to be set"));
     return false;
   }
-  if (attributes.modificationDate) {
-    const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, kc_timespec(*attributes.modificationDate)};
-    if (!answer(utimensat(AT_FDCWD, whole.c_str(), times.data(), 0), path, error)) return false;
+  const std::string whole(path);
+  // Of a link that leads nowhere the link itself is meant; it has owner and dates, but no mode of its own.
+  const int flags = !attributes.posixPermissions && leadsNowhere(whole.c_str()) ? AT_SYMLINK_NOFOLLOW : 0;
+  // Before the mode: a change of owner takes the set-ID bits away.
+  const uid_t owner = attributes.ownerAccountID.value_or(static_cast<uid_t>(-1));
+  const gid_t group = attributes.groupOwnerAccountID.value_or(static_cast<gid_t>(-1));
+  if (hasOwner && !answerChange(fchownat(AT_FDCWD, whole.c_str(), owner, group, flags), path, error)) {
+    return false;
   }
-  return true;
+  if (attributes.posixPermissions &&
+      !answerChange(chmod(whole.c_str(), *attributes.posixPermissions & kPermissionBits), path, error)) {
+    return false;
+  }
+  if (!attributes.modificationDate) return true;
+  const std::array<timespec, 2> times{timespec{0, UTIME_OMIT}, kc_timespec(*attributes.modificationDate)};
+  return answerChange(utimensat(AT_FDCWD, whole.c_str(), times.data(), flags), path, error);
 }
 
 }  // namespace ombra

@@ -79,10 +79,22 @@ bool LocalSession::upload(NSFileHandle& from, std::string_view path, uint64_t of
                           TransferControl& control, NSErrorRef* error) {
   if (!mayGoOn(error)) return false;
   const std::string whole(path);
-  if (offset > 0) return uploadExtents(from, whole, offset, control, error);
+  if (offset == 0) return uploadWhole(from, whole, control, error);
+  NSErrorRef reason;
+  if (uploadExtents(from, whole, offset, control, &reason)) return true;
+  if (!QuarnKitError::isCode(reason, kQuarnKitNoSuchItem)) return refuse(error, reason);
+  // The file that was to be changed is gone, and with it all that had been confirmed.
+  from.noteWritten({0, from.fileLength()});
+  return uploadWhole(from, whole, control, error);
+}
+
+bool LocalSession::uploadWhole(NSFileHandle& from, const std::string& path, TransferControl& control,
+                               NSErrorRef* error) {
   WholeFile file;
-  if (!file.open(whole, error)) return false;
+  if (!file.open(path, error)) return false;
   const FileExtent all{0, from.fileLength()};
+  // Nothing of what had been confirmed is left in a file that is written in place.
+  if (file.isInPlace()) from.noteWritten(all);
   // Confirmed before it is read: what is written while the copy runs then counts as new.
   const std::vector<FileExtent> unconfirmed =
       from.isScratch() ? from.unconfirmedExtents(0) : std::vector<FileExtent>();
@@ -90,7 +102,7 @@ bool LocalSession::upload(NSFileHandle& from, std::string_view path, uint64_t of
   FileCopy copy;
   copy.from = from.fileDescriptor();
   copy.to = file.descriptor();
-  copy.path = whole.c_str();
+  copy.path = path.c_str();
   copy.control = &control;
   copy.interrupted = &iInterrupted;
   uint64_t reached = 0;
@@ -101,17 +113,21 @@ bool LocalSession::upload(NSFileHandle& from, std::string_view path, uint64_t of
 
 bool LocalSession::uploadExtents(NSFileHandle& from, const std::string& path, uint64_t offset,
                                  TransferControl& control, NSErrorRef* error) {
-  const Descriptor to(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666));
+  const Descriptor to(::open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (to.get() < 0 || fstat(to.get(), &status) != 0) return refuse(error, localServerError(errno, path));
   if (!S_ISREG(status.st_mode)) return refuse(error, QuarnKitError::errorWithCode(kQuarnKitRefused, path));
   const uint64_t length = from.fileLength();
-  std::vector<FileExtent> extents{{offset, std::max(length, offset)}};
-  if (from.isScratch()) extents = from.unconfirmedExtents(offset);
+  const auto present = static_cast<uint64_t>(status.st_size);
+  // Where somebody made the file shorter, what had been confirmed there is gone.
+  if (present < length) from.noteWritten({present, length});
+  const uint64_t begin = std::min(offset, present);
+  std::vector<FileExtent> extents{{begin, std::max(length, begin)}};
+  if (from.isScratch()) extents = from.unconfirmedExtents(begin);
   FileCopy copy;
   copy.from = from.fileDescriptor();
   copy.to = to.get();
-  copy.toLength = static_cast<uint64_t>(status.st_size);
+  copy.toLength = present;
   copy.path = path.c_str();
   copy.control = &control;
   copy.interrupted = &iInterrupted;
@@ -122,12 +138,6 @@ bool LocalSession::uploadExtents(NSFileHandle& from, const std::string& path, ui
       from.noteWritten({reached, extent.end});
       return false;
     }
-  }
-  // What is confirmed needs no sending, but a hole at the end is told by the length alone.
-  const off_t end = lseek(to.get(), 0, SEEK_END);
-  if (end >= 0 && static_cast<uint64_t>(end) < length &&
-      ftruncate(to.get(), static_cast<off_t>(length)) != 0) {
-    return refuse(error, localServerError(errno, path));
   }
   return true;
 }

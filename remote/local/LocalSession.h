@@ -50,6 +50,7 @@ class LocalSession final : public Session {
 
  private:
   bool mayGoOn(NSErrorRef* error) const;
+  bool uploadWhole(NSFileHandle& from, const std::string& path, TransferControl& control, NSErrorRef* error);
   bool uploadExtents(NSFileHandle& from, const std::string& path, uint64_t offset, TransferControl& control,
                      NSErrorRef* error);
   bool sendPieces(const std::function<size_t(std::byte*, size_t)>& next, int descriptor,

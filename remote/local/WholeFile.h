@@ -23,6 +23,8 @@ class WholeFile {
   // Links on the way to the destination are followed.
   [[nodiscard]] bool open(const std::string& path, NSErrorRef* error);
   int descriptor() const { return iDescriptor; }
+  // Whether the destination itself is open, and empty.
+  bool isInPlace() const { return iTemporaryPath.empty(); }
   [[nodiscard]] bool commit(NSErrorRef* error);
 
   // Names of such files are not shown in listings.

@@ -13,6 +13,7 @@
 #include "remote/KCConnectionPool.h"
 #include "remote/QuarnKitError.h"
 #include "remote/local/LocalEngine.h"
+#include "remote/local/LocalErrors.h"
 #include "remote/local/WholeFile.h"
 #include "tests/support/TemporaryFile.h"
 
@@ -172,6 +173,51 @@ TEST_F(LocalEngineTest, AFailedUploadLeavesWhatItWasToSendUnconfirmed) {
   EXPECT_FALSE(connection().uploadFileHandle(*file, "f", at("f"), 0, nullptr, nullptr));
   iConnection->setDelegate(nullptr);
   EXPECT_EQ(file->unconfirmedExtents(0), (std::vector<FileExtent>{{0, 1000000}}));
+}
+
+// Written in place, where nothing of what had been confirmed is left.
+TEST_F(LocalEngineTest, AFailedUploadIntoAFileWithOtherNamesLeavesAllOfItUnconfirmed) {
+  const auto file = temporaryFile(std::string(1000000, 'n'));
+  ASSERT_TRUE(connection().uploadFileHandle(*file, "f", at("f"), 0, nullptr, nullptr));
+  fs::create_hard_link(at("f"), at("other"));
+  iConnection->setDelegate(this);
+  onProgress = [this] { iConnection->setShouldCancel(true); };
+  EXPECT_FALSE(connection().uploadFileHandle(*file, "f", at("f"), 0, nullptr, nullptr));
+  iConnection->setDelegate(nullptr);
+  EXPECT_EQ(file->unconfirmedExtents(0), (std::vector<FileExtent>{{0, 1000000}}));
+}
+
+TEST_F(LocalEngineTest, AFailedUploadIntoAFileThatIsGoneLeavesAllOfItUnconfirmed) {
+  const auto file = temporaryFile(std::string(1000000, 'n'));
+  ASSERT_TRUE(connection().uploadFileHandle(*file, "f", at("f"), 0, nullptr, nullptr));
+  fs::remove(at("f"));
+  file->noteWritten({500000, 500004});
+  iConnection->setDelegate(this);
+  onProgress = [this] { iConnection->setShouldCancel(true); };
+  EXPECT_FALSE(connection().uploadFileHandle(*file, "f", at("f"), 500000, nullptr, nullptr));
+  iConnection->setDelegate(nullptr);
+  EXPECT_EQ(file->unconfirmedExtents(0), (std::vector<FileExtent>{{0, 1000000}}));
+}
+
+// Where the program reads and writes next is not the engine's to change.
+TEST_F(LocalEngineTest, AnUploadLeavesThePositionOfTheFileWhereItWas) {
+  const auto file = temporaryFile(std::string(1000, 'n'));
+  ASSERT_TRUE(file->writeAll("end", 3, 1000000));
+  ASSERT_EQ(lseek(file->fileDescriptor(), 77, SEEK_SET), 77);
+  ASSERT_TRUE(connection().uploadFileHandle(*file, "f", at("f"), 0, nullptr, nullptr));
+  EXPECT_EQ(lseek(file->fileDescriptor(), 0, SEEK_CUR), 77);
+  file->noteWritten({500, 600});
+  ASSERT_TRUE(connection().uploadFileHandle(*file, "f", at("f"), 500, nullptr, nullptr));
+  EXPECT_EQ(lseek(file->fileDescriptor(), 0, SEEK_CUR), 77);
+}
+
+// The program goes on where a change of attributes is told to be impossible, and only there.
+TEST_F(LocalEngineTest, AFileSystemWithoutAnAttributeIsCode17) {
+  EXPECT_TRUE(
+      QuarnKitError::isCode(localAttributeError(EOPNOTSUPP, "/f"), kQuarnKitAttributeChangeNotSupported));
+  EXPECT_TRUE(QuarnKitError::isCode(localAttributeError(EPERM, "/f"), kQuarnKitPermissionDenied));
+  EXPECT_TRUE(QuarnKitError::isCode(localAttributeError(ENOENT, "/f"), kQuarnKitNoSuchItem));
+  EXPECT_TRUE(QuarnKitError::isCode(localServerError(EOPNOTSUPP, "/f"), kQuarnKitNotSupported));
 }
 
 TEST_F(LocalEngineTest, WhatIsWrittenDuringAnUploadStaysUnconfirmed) {

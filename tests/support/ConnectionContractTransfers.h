@@ -234,6 +234,46 @@ TEST_P(ConnectionContract, AnInPlaceUploadSendsOnlyWhatIsNotConfirmed) {
   EXPECT_TRUE(file->unconfirmedExtents(0).empty());
 }
 
+// What somebody else took away from the server's copy is there again after an upload in place, wherever that
+// begins.
+TEST_P(ConnectionContract, AnInPlaceUploadIntoAShortenedFileHasTheResultOfAWholeOne) {
+  if (!connection().supportsUploadByteOffset()) return;
+  for (const NSFileHandle::Kind kind : {NSFileHandle::Kind::kScratch, NSFileHandle::Kind::kFile}) {
+    for (const size_t left : {size_t{0}, size_t{50000}, size_t{100002}, size_t{150000}}) {
+      std::string content = contractContent(200000);
+      const auto file = temporaryFile(content, kind);
+      ASSERT_TRUE(connection().uploadFileHandle(*file, "file", at("file"), 0, nullptr, nullptr));
+      ASSERT_TRUE(connection().finishUploads(*file, at("file"), nullptr));
+      server().putFile(at("file"), content.substr(0, left));
+      ASSERT_TRUE(file->writeAll("page", 4, 100000));
+      file->noteWritten({100000, 100004});
+      content.replace(100000, 4, "page");
+      NSErrorRef error;
+      ASSERT_TRUE(connection().uploadFileHandle(*file, "file", at("file"), 100000, nullptr, &error)) << left;
+      EXPECT_TRUE(server().storedContent(at("file")) == content)
+          << left << (file->isScratch() ? " scratch" : " ordinary");
+      EXPECT_TRUE(file->unconfirmedExtents(0).empty()) << left;
+    }
+  }
+}
+
+TEST_P(ConnectionContract, AnInPlaceUploadIntoAFileThatIsGoneMakesItWhole) {
+  if (!connection().supportsUploadByteOffset()) return;
+  for (const NSFileHandle::Kind kind : {NSFileHandle::Kind::kScratch, NSFileHandle::Kind::kFile}) {
+    std::string content = contractContent(200000);
+    const auto file = temporaryFile(content, kind);
+    ASSERT_TRUE(connection().uploadFileHandle(*file, "file", at("file"), 0, nullptr, nullptr));
+    ASSERT_TRUE(connection().deleteItemAtPath(at("file"), false, nullptr));
+    ASSERT_TRUE(file->writeAll("page", 4, 100000));
+    file->noteWritten({100000, 100004});
+    content.replace(100000, 4, "page");
+    NSErrorRef error;
+    ASSERT_TRUE(connection().uploadFileHandle(*file, "file", at("file"), 100000, nullptr, &error));
+    EXPECT_TRUE(server().storedContent(at("file")) == content);
+    EXPECT_TRUE(file->unconfirmedExtents(0).empty());
+  }
+}
+
 TEST_P(ConnectionContract, ExtentsBeforeTheOffsetStayUnconfirmed) {
   if (!connection().supportsUploadByteOffset()) return;
   const auto file = temporaryFile(contractContent(1000));

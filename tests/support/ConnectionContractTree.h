@@ -295,6 +295,50 @@ TEST_P(ConnectionContract, DatesAreChangedOrKnownNotToBeChangeable) {
   EXPECT_EQ(node(root(), "file")->modificationDate(), wanted.modificationDate);
 }
 
+TEST_P(ConnectionContract, ACreationDateAloneIsSetOrKnownNotToBeSettable) {
+  server().putFile(at("file"), "x");
+  NSFileAttributes wanted;
+  wanted.creationDate = NSDate::dateWithTimeIntervalSince1970(1000000000);
+  NSErrorRef error;
+  if (!connection().changeAttributes(wanted, at("file"), &error)) {
+    EXPECT_TRUE(hasCode(error, {kQuarnKitAttributeChangeNotSupported}));
+    return;
+  }
+  EXPECT_EQ(node(root(), "file")->creationDate(), wanted.creationDate);
+}
+
+TEST_P(ConnectionContract, OwnerAndSetIDModeTogetherBothHold) {
+  server().putFile(at("file"), "x");
+  NSFileAttributes wanted;
+  wanted.ownerAccountID = 12345;
+  wanted.groupOwnerAccountID = 54321;
+  wanted.posixPermissions = 06755;
+  NSErrorRef error;
+  if (!connection().changeAttributes(wanted, at("file"), &error)) {
+    // Only the superuser gives files away.
+    EXPECT_TRUE(hasCode(error, {kQuarnKitPermissionDenied, kQuarnKitAttributeChangeNotSupported}));
+    return;
+  }
+  const auto attributes = connection().attributesOfItemAtPath(at("file"), nullptr, nullptr);
+  ASSERT_TRUE(attributes.has_value());
+  EXPECT_EQ(attributes->posixPermissions, 06755);
+  EXPECT_EQ(attributes->ownerAccountID, 12345u);
+  EXPECT_EQ(attributes->groupOwnerAccountID, 54321u);
+}
+
+TEST_P(ConnectionContract, TheDateOfALinkIntoNowhereIsThatOfTheLink) {
+  if (!makeLink(at("link"), "nothing")) return;
+  NSFileAttributes wanted;
+  wanted.modificationDate = NSDate::dateWithTimeIntervalSince1970(1000000000);
+  NSErrorRef error;
+  if (!connection().changeAttributes(wanted, at("link"), &error)) {
+    EXPECT_TRUE(hasCode(error, {kQuarnKitAttributeChangeNotSupported}));
+    return;
+  }
+  EXPECT_EQ(node(root(), "link")->modificationDate(), wanted.modificationDate);
+  EXPECT_FALSE(server().exists(at("nothing")));
+}
+
 TEST_P(ConnectionContract, ChangingWhatIsMissingSaysSo) {
   NSFileAttributes wanted;
   wanted.posixPermissions = 0640;
