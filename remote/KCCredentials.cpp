@@ -31,9 +31,18 @@ std::optional<std::string> KCCredentials::option(std::string_view key) const {
   return found->second;
 }
 
+// Copied and wiped, not moved: a short text stays behind in what it was moved from.
 void KCCredentials::setPassword(std::optional<std::string> password) {
   if (iPassword) wipe(*iPassword);
-  iPassword = std::move(password);
+  iPassword = password;
+  if (password) wipe(*password);
+}
+
+void KCCredentials::setOption(std::string key, std::string value) {
+  std::string& place = iOptions[std::move(key)];
+  wipe(place);
+  place = value;
+  wipe(value);
 }
 
 std::string KCCredentials::remoteStringForUnicodeString(std::string_view text) const {

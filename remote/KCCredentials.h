@@ -46,7 +46,8 @@ class KCCredentials {
   void setInitialPath(std::optional<std::string> path) { iInitialPath = std::move(path); }
   void setEncoding(std::optional<std::string> name) { iEncoding = std::move(name); }
   void setUUID(KCUUID uuid) { iUUID = uuid; }
-  void setOption(std::string key, std::string value) { iOptions[std::move(key)] = std::move(value); }
+  // As the password: what stood there before is wiped.
+  void setOption(std::string key, std::string value);
   void setUseVerboseLogging(bool verbose) { iUseVerboseLogging = verbose; }
 
   // Between local text (UTF-8) and the server's bytes. With UTF-8 the identity; with another encoding

@@ -12,19 +12,23 @@ constexpr std::string_view kMask = "********";
 }  // namespace
 
 TranscriptSink::TranscriptSink(const KCCredentials& credentials) {
-  const auto add = [this](const std::optional<std::string>& secret) {
-    if (secret && secret->size() >= kShortestMaskedSecret) iSecrets.push_back(*secret);
-  };
-  add(credentials.password());
-  add(credentials.option("passphrase"));
-  if (const std::optional<std::string> answers = credentials.option("keyboardInteractive")) {
-    std::string_view rest = *answers;
-    while (!rest.empty()) {
-      const size_t end = std::min(rest.find('\n'), rest.size());
-      add(std::string(rest.substr(0, end)));
-      rest.remove_prefix(std::min(end + 1, rest.size()));
-    }
+  if (const std::optional<std::string>& password = credentials.password()) addSecret(*password);
+  const auto& options = credentials.options();
+  if (const auto passphrase = options.find("passphrase"); passphrase != options.end()) {
+    addSecret(passphrase->second);
   }
+  const auto answers = options.find("keyboardInteractive");
+  if (answers == options.end()) return;
+  std::string_view rest = answers->second;
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find('\n'), rest.size());
+    addSecret(rest.substr(0, end));
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+}
+
+void TranscriptSink::addSecret(std::string_view secret) {
+  if (secret.size() >= kShortestMaskedSecret) iSecrets.emplace_back(secret);
 }
 
 TranscriptSink::~TranscriptSink() {

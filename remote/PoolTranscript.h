@@ -2,9 +2,9 @@
 #pragma once
 
 #include <atomic>
+#include <list>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "platform/foundation/Mutex.h"
 #include "remote/AbstractConnection.h"
@@ -31,7 +31,10 @@ class TranscriptSink {
   std::string masked(std::string_view text) const;
 
   std::atomic<TranscriptDelegate*> iDelegate{nullptr};
-  std::vector<std::string> iSecrets;
+  void addSecret(std::string_view secret);
+
+  // A list: none of them is ever moved, which would leave copies behind.
+  std::list<std::string> iSecrets;
 };
 
 // One session's transcript, under the identifier of the connection that it is attached to.

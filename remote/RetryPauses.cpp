@@ -7,7 +7,8 @@
 namespace ombra {
 namespace {
 constexpr std::array<double, 5> kPauses{0.25, 0.5, 1.0, 2.0, 4.0};
-// A call that runs into the 30 s of silence is tried once more, not five times.
+// Counted from the end of the first attempt: a call that runs into the 30 s of silence is tried twice more,
+// not five times.
 constexpr double kLongest = 60.0;
 }  // namespace
 

@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "platform/foundation/NSUnarchiver.h"
 #include "remote/QuarnKitError.h"
 
 namespace ombra {
@@ -19,9 +20,12 @@ constexpr int kMostMethodsInTurn = 8;
 // A copy of a secret that leaves nothing behind.
 class Secret {
  public:
-  explicit Secret(std::optional<std::string> text) : iText(std::move(text)) {}
+  // Copied and wiped, not moved: a short text stays behind in what it was moved from.
+  explicit Secret(std::optional<std::string> text) : iText(text) {
+    if (text) wipe(*text);
+  }
   ~Secret() {
-    if (iText) explicit_bzero(iText->data(), iText->size());
+    if (iText) wipe(*iText);
   }
   Secret(const Secret&) = delete;
   Secret& operator=(const Secret&) = delete;

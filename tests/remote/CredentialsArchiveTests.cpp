@@ -171,6 +171,17 @@ TEST(Credentials, AFreshOneHasAnIdentifierOfItsOwn) {
   EXPECT_NE(KCCredentials().UUID(), KCCredentials().UUID());
 }
 
+// Looks behind the end of a short text, where a shorter one leaves what was there.
+TEST(Credentials, AReplacedOptionLeavesNothingOfTheFormerOneBehind) {
+  KCCredentials credentials;
+  credentials.setOption("passphrase", "0123456789abcd");
+  credentials.setOption("passphrase", "x");
+  const std::string& kept = credentials.options().at("passphrase");
+  EXPECT_EQ(kept, "x");
+  ASSERT_GE(kept.capacity(), 14u);
+  EXPECT_EQ(std::string(kept.data(), 14).find("56789"), std::string::npos);
+}
+
 TEST(Credentials, OptionsAreFoundByTheirKey) {
   KCCredentials credentials;
   EXPECT_FALSE(credentials.option("region").has_value());
