@@ -11,7 +11,33 @@ void OFSNodeFileTable::add(const std::shared_ptr<OFSRemoteFile>& file,
   entry.file = file;
   entry.node = node;
   entry.lastUse = ++iLastUse;
+  entry.number = ++iLastNumber;
   iEntries.emplace(file.get(), std::move(entry));
+  if (iDetached != 0) markOutdatedAtPath(file->remotePath());
+}
+
+void OFSNodeFileTable::markOutdatedAtPath(std::string_view remotePath) {
+  std::vector<Entry*> entries;
+  uint64_t youngest = 0;
+  for (auto& [file, entry] : iEntries) {
+    if (file->remotePath() != remotePath) continue;
+    entries.push_back(&entry);
+    youngest = std::max(youngest, entry.number);
+  }
+  for (Entry* entry : entries) {
+    if (entry->isDetached && entry->number != youngest) entry->isOutdated = true;
+  }
+}
+
+std::vector<std::shared_ptr<OFSRemoteFile>> OFSNodeFileTable::detachedAtPath(
+    std::string_view remotePath) const {
+  std::vector<std::shared_ptr<OFSRemoteFile>> files;
+  MutexLock lock(iLock);
+  if (iDetached == 0) return files;
+  for (const auto& [file, entry] : iEntries) {
+    if (entry.isDetached && file->remotePath() == remotePath) files.push_back(entry.file);
+  }
+  return files;
 }
 
 void OFSNodeFileTable::beginUse(const OFSRemoteFile& file) {
@@ -44,7 +70,9 @@ void OFSNodeFileTable::detach(OFSRemoteFile& file) {
     MutexLock lock(iLock);
     const auto found = iEntries.find(&file);
     if (found == iEntries.end()) return;
+    if (!found->second.isDetached) ++iDetached;
     found->second.isDetached = true;
+    markOutdatedAtPath(file.remotePath());
     if (found->second.uses != 0) return;
   }
   letGoIfSettled(file);
@@ -82,6 +110,7 @@ std::shared_ptr<OFSRemoteFile> OFSNodeFileTable::erase(const OFSRemoteFile& file
   if (found == iEntries.end()) return nullptr;
   std::shared_ptr<OFSRemoteFile> last = std::move(found->second.file);
   iBytes -= found->second.bytes;
+  if (found->second.isDetached) --iDetached;
   iEntries.erase(found);
   return last;
 }

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -15,7 +16,7 @@
 namespace ombra {
 
 // Holds every open-file object from its making until it is settled and dropped, so that nothing unsent can
-// vanish with a node that leaves the tree. Thread-safe; its lock is a leaf.
+// vanish with a node that leaves the tree. Thread-safe; below its lock only a file's path is asked for.
 class OFSNodeFileTable {
  public:
   struct Entry {
@@ -24,7 +25,11 @@ class OFSNodeFileTable {
     size_t uses = 0;          // handles of the framework, and operations under way
     uint64_t lastUse = 0;     // grows with each use
     uint64_t bytes = 0;       // of the cache file when it was last put out of use
+    uint64_t number = 0;      // in order of making
     bool isDetached = false;  // no node leads to it any more
+    // Detached, and another object of its remote path was made after it: what is unsent of it must not be
+    // sent over that one, nor to where that one has left.
+    bool isOutdated = false;
   };
 
   // A new object on `node`.
@@ -38,6 +43,9 @@ class OFSNodeFileTable {
   void detach(OFSRemoteFile& file) EXCLUDES(iLock);
   // The item was removed: whatever is unsent has nowhere to go. Its handles keep the object.
   void forget(const OFSRemoteFile& file) EXCLUDES(iLock);
+  // The detached objects of a remote path.
+  std::vector<std::shared_ptr<OFSRemoteFile>> detachedAtPath(std::string_view remotePath) const
+      EXCLUDES(iLock);
   // Lets go of an object that is out of use and was not used since `lastUse`. False when it was.
   bool removeIfUnused(const OFSRemoteFile& file, uint64_t lastUse) EXCLUDES(iLock);
 
@@ -48,12 +56,16 @@ class OFSNodeFileTable {
   uint64_t bytes() const EXCLUDES(iLock);
 
  private:
+  // Marks the detached objects of a path that have a younger one beside them.
+  void markOutdatedAtPath(std::string_view remotePath) REQUIRES(iLock);
   void letGoIfSettled(OFSRemoteFile& file) EXCLUDES(iLock);
   std::shared_ptr<OFSRemoteFile> erase(const OFSRemoteFile& file) REQUIRES(iLock);
 
   mutable Mutex iLock;
   std::unordered_map<const OFSRemoteFile*, Entry> iEntries GUARDED_BY(iLock);
   uint64_t iLastUse GUARDED_BY(iLock) = 0;
+  uint64_t iLastNumber GUARDED_BY(iLock) = 0;
+  size_t iDetached GUARDED_BY(iLock) = 0;
   uint64_t iBytes GUARDED_BY(iLock) = 0;
 };
 

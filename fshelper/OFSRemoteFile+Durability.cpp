@@ -43,15 +43,9 @@ bool OFSRemoteFile::synchronize(NSErrorRef* error) {
   // A worker that is about to send again what the server has puts that in doubt: it is waited for as well.
   const bool isSending = iState == kOFSStreaming || iState == kOFSUploading;
   if (iConfirmedGeneration == iLocalGeneration && !isSending) return true;
-  ++iSynchronizers;
-  bool succeeded = false;
-  {
-    const SettleWaiter waiter(*this);
-    succeeded = locked_synchronize(error);
-  }
-  --iSynchronizers;
-  iCondition.broadcast();
-  return succeeded;
+  const Synchronizer synchronizer(*this);
+  const SettleWaiter waiter(*this);
+  return locked_synchronize(error);
 }
 
 // Bounded: an attempt that does not end by itself was ended by one of the writers that were under way before
@@ -163,7 +157,7 @@ bool OFSRemoteFile::saveContentAs(const std::string& path) {
     return false;
   }
   const int descriptor = OFSRemoteFileLocalCalls::current().open(
-      path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+      path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (descriptor < 0) return false;
   // On the disk before the process ends: nobody else has these bytes.
   const bool saved =

@@ -143,8 +143,8 @@ class OFSRemoteFile final : public GMOpenFile,
   bool downloadFailed() EXCLUDES(iCondition);
   // Asks a running download (only that) to stop, for unmount.
   void cancelDownload() EXCLUDES(iCondition);
-  // Copies the cache file to a local path (mode 0600), for content that could not be sent. False with errno
-  // set, and no file there.
+  // Copies the cache file to a new file at a local path (mode 0600), for content that could not be sent.
+  // False with errno set: EEXIST when there is one already, which stays as it is; else no file is left there.
   bool saveContentAs(const std::string& path) EXCLUDES(iPathLock);
   // Bytes that the cache file holds on the local disk (holes do not count). Never waits for a transfer.
   uint64_t cacheSize() EXCLUDES(iPathLock);
@@ -183,6 +183,8 @@ class OFSRemoteFile final : public GMOpenFile,
 
   // Counts a waiter that wants the running transfer to settle, for a scope. An idle stream ends for its sake.
   class SettleWaiter;
+  // Counts a synchroniser, for a scope. Later writes wait for it.
+  class Synchronizer;
   // Marks, for a scope, that the condition is held during a remote call.
   class HeldTransfer;
 

@@ -1,4 +1,4 @@
-// What an open file counts for the length of a scope. Both are used with the file's condition held.
+// What an open file counts for the length of a scope. All are used with the file's condition held.
 #pragma once
 
 #include "fshelper/OFSRemoteFile.h"
@@ -16,6 +16,23 @@ class OFSRemoteFile::SettleWaiter {
   ~SettleWaiter() NO_THREAD_SAFETY_ANALYSIS { --iFile.iSettleWaiters; }
   SettleWaiter(const SettleWaiter&) = delete;
   SettleWaiter& operator=(const SettleWaiter&) = delete;
+
+ private:
+  OFSRemoteFile& iFile;
+};
+
+// Holds later writes up for a scope: a synchroniser whose every attempt they outdate would have no end.
+class OFSRemoteFile::Synchronizer {
+ public:
+  explicit Synchronizer(OFSRemoteFile& file) NO_THREAD_SAFETY_ANALYSIS : iFile(file) {
+    ++iFile.iSynchronizers;
+  }
+  ~Synchronizer() NO_THREAD_SAFETY_ANALYSIS {
+    --iFile.iSynchronizers;
+    iFile.iCondition.broadcast();
+  }
+  Synchronizer(const Synchronizer&) = delete;
+  Synchronizer& operator=(const Synchronizer&) = delete;
 
  private:
   OFSRemoteFile& iFile;

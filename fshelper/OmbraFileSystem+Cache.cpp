@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <system_error>
 #include <thread>
 
@@ -21,6 +22,7 @@ namespace {
 constexpr uint64_t kDefaultBudget = uint64_t{10} << 30;  // bytes
 constexpr size_t kDefaultFiles = 8192;                   // each costs an open descriptor
 constexpr size_t kDrainThreads = 4;
+constexpr size_t kNamesForACopy = 1000;  // tried at most
 constexpr unsigned kRecoveredFolderMode = 0700;
 
 // The default, or half of what the temporary folder's disk could hold for us if that is less.
@@ -94,9 +96,8 @@ void OmbraFileSystem::forgetFailedContentAtPath(OptionalPath path) {
   iFiles.detach(*file);
 }
 
-// Below the state folder as below the volume's root, never over an earlier copy. Empty when there is no such
-// place.
-std::string OmbraFileSystem::recoveredPathForPath(std::string_view path) const {
+// Below the state folder as below the volume's root. Empty when there is no such place.
+std::string OmbraFileSystem::recoveredFolderForPath(std::string_view path) const {
   const OFSMountPathSource* source = controller();
   const std::string volume =
       lastPathComponent(source == nullptr ? "volume" : source->mountPath().value_or("volume"));
@@ -110,20 +111,53 @@ std::string OmbraFileSystem::recoveredPathForPath(std::string_view path) const {
     if (component != "/") folder = stringByAppendingPathComponent(folder, component);
   }
   NSErrorRef error;
-  if (!NSFileManager::createDirectoryAtPath(folder, true, kRecoveredFolderMode, &error)) return {};
-  const auto taken =
-      NSFileManager::contentsOfDirectoryAtPath(folder, &error).value_or(std::vector<std::string>());
-  return stringByAppendingPathComponent(folder,
-                                        kc_stringUniqueToArray(lastPathComponent(path), taken, std::nullopt));
+  return NSFileManager::createDirectoryAtPath(folder, true, kRecoveredFolderMode, &error) ? folder
+                                                                                          : std::string();
+}
+
+// Never over an earlier copy, nor over one that is being saved at the same time. Where the copy is; empty
+// when none could be saved.
+std::string OmbraFileSystem::saveAside(OFSRemoteFile& file, std::string_view path) const {
+  const std::string folder = recoveredFolderForPath(path);
+  if (folder.empty()) return {};
+  NSErrorRef error;
+  auto taken = NSFileManager::contentsOfDirectoryAtPath(folder, &error).value_or(std::vector<std::string>());
+  for (size_t attempt = 0; attempt < kNamesForACopy; ++attempt) {
+    std::string name = kc_stringUniqueToArray(lastPathComponent(path), taken, std::nullopt);
+    const std::string copy = stringByAppendingPathComponent(folder, name);
+    if (file.saveContentAs(copy)) return copy;
+    if (errno != EEXIST) return {};
+    taken.push_back(std::move(name));
+  }
+  return {};
+}
+
+// What hangs on no node any more is sent only where nothing has taken its place: neither a later file of this
+// volume's, nor one that somebody else has made.
+bool OmbraFileSystem::isOutdated(const OFSNodeFileTable::Entry& entry) const {
+  if (!entry.isDetached) return false;
+  if (entry.isOutdated) return true;
+  const std::shared_ptr<KCRemoteFileNode> node = _nodeForPath(pathForRemotePath(entry.file->remotePath()));
+  return node != nullptr && ofs_remoteFile(*node) != entry.file;
+}
+
+bool OmbraFileSystem::sendAtTheEnd(const OFSNodeFileTable::Entry& entry, NSErrorRef* error) {
+  if (!isOutdated(entry)) return entry.file->synchronize(error);
+  // Also the release of a handle that it may still have must not send it.
+  entry.file->abandon();
+  *error = NSError::errorWithDomain(NSPOSIXErrorDomain, kEEXIST,
+                                    {{std::string(NSLocalizedDescriptionKey),
+                                      std::string("a newer file of that name has taken its place")}});
+  return false;
 }
 
 // Absent when the server has all of the file.
-std::optional<GMUndelivered> OmbraFileSystem::deliver(const std::shared_ptr<OFSRemoteFile>& file) {
+std::optional<GMUndelivered> OmbraFileSystem::deliver(const OFSNodeFileTable::Entry& entry) {
+  const std::shared_ptr<OFSRemoteFile>& file = entry.file;
   GMUndelivered undelivered;
-  if (file->synchronize(&undelivered.error)) return std::nullopt;
+  if (sendAtTheEnd(entry, &undelivered.error)) return std::nullopt;
   undelivered.path = pathForRemotePath(file->remotePath());
-  const std::string copy = recoveredPathForPath(undelivered.path);
-  if (!copy.empty() && file->saveContentAs(copy)) undelivered.savedAs = copy;
+  undelivered.savedAs = saveAside(*file, undelivered.path);
   const std::string why =
       undelivered.error == nullptr ? "the server did not say why" : undelivered.error->localizedDescription();
   NSLog("{} could not be stored on the server ({}); {}", undelivered.path, why,
@@ -136,30 +170,28 @@ std::vector<GMUndelivered> OmbraFileSystem::drainAll() {
   OFS_TRACE("-[OmbraFileSystem drainAll]", "");
   const std::vector<OFSNodeFileTable::Entry> entries = iFiles.entries();
   for (const auto& entry : entries) entry.file->cancelDownload();
-  std::vector<std::shared_ptr<OFSRemoteFile>> unsent;
+  std::vector<OFSNodeFileTable::Entry> unsent;
   for (const auto& entry : entries) {
-    if (!entry.file->isCovered()) unsent.push_back(entry.file);
+    if (!entry.file->isCovered()) unsent.push_back(entry);
   }
   return deliverAll(unsent);
 }
 
 // As `deliver`; whatever goes wrong on the way, the file is named among those that were not stored.
-std::optional<GMUndelivered> OmbraFileSystem::deliverWithoutRaising(
-    const std::shared_ptr<OFSRemoteFile>& file) {
+std::optional<GMUndelivered> OmbraFileSystem::deliverWithoutRaising(const OFSNodeFileTable::Entry& entry) {
   try {
-    return deliver(file);
+    return deliver(entry);
   } catch (const std::exception& exception) {
-    NSLog("storing {} failed: {}", file->remotePath(), exception.what());
+    NSLog("storing {} failed: {}", entry.file->remotePath(), exception.what());
     return GMUndelivered{
-        pathForRemotePath(file->remotePath()), "",
+        pathForRemotePath(entry.file->remotePath()), "",
         NSError::errorWithDomain(NSPOSIXErrorDomain, kEIO,
                                  {{std::string(NSLocalizedDescriptionKey), exception.what()}})};
   }
 }
 
 // Several at a time, so that one slow file does not keep the others waiting.
-std::vector<GMUndelivered> OmbraFileSystem::deliverAll(
-    const std::vector<std::shared_ptr<OFSRemoteFile>>& files) {
+std::vector<GMUndelivered> OmbraFileSystem::deliverAll(const std::vector<OFSNodeFileTable::Entry>& files) {
   std::vector<std::optional<GMUndelivered>> results(files.size());
   std::atomic<size_t> next{0};
   const auto work = [this, &files, &results, &next] {

@@ -26,12 +26,18 @@ bool OmbraFileSystem::removeItemAtPath(OptionalPath path, NSErrorRef* error) {
     OFS_FAIL(error, kENOTEMPTY);
     return false;
   }
+  // What a former item of that path has left unsent would make the file again.
+  const std::string remotePath = remotePathForPath(*path);
+  const auto leftBehind = iFiles.detachedAtPath(remotePath);
+  for (const auto& file : leftBehind) file->abandon();
   NSErrorRef underlying;
-  if (!connection->deleteItemAtPath(remotePathForPath(*path), isFolder, &underlying)) {
+  if (!connection->deleteItemAtPath(remotePath, isFolder, &underlying)) {
+    for (const auto& file : leftBehind) file->reclaim();
     const bool isMissing = underlying != nullptr && underlying->code() == kQuarnKitNoSuchItem;
     OFS_FAIL(error, isMissing ? kENOENT : kEACCES, underlying);
     return false;
   }
+  for (const auto& file : leftBehind) iFiles.forget(*file);
   repairTreeAfterRemoval(node);
   return true;
 }

@@ -236,10 +236,13 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   CacheBudget cacheBudget() const EXCLUDES(iPropertyLock);
   bool isWithin(const CacheBudget& budget) const;
   bool dropFromNode(const OFSNodeFileTable::Entry& entry);
-  std::string recoveredPathForPath(std::string_view path) const;
-  std::optional<GMUndelivered> deliver(const std::shared_ptr<OFSRemoteFile>& file);
-  std::optional<GMUndelivered> deliverWithoutRaising(const std::shared_ptr<OFSRemoteFile>& file);
-  std::vector<GMUndelivered> deliverAll(const std::vector<std::shared_ptr<OFSRemoteFile>>& files);
+  std::string recoveredFolderForPath(std::string_view path) const;
+  std::string saveAside(OFSRemoteFile& file, std::string_view path) const;
+  bool isOutdated(const OFSNodeFileTable::Entry& entry) const;
+  bool sendAtTheEnd(const OFSNodeFileTable::Entry& entry, NSErrorRef* error);
+  std::optional<GMUndelivered> deliver(const OFSNodeFileTable::Entry& entry);
+  std::optional<GMUndelivered> deliverWithoutRaising(const OFSNodeFileTable::Entry& entry);
+  std::vector<GMUndelivered> deliverAll(const std::vector<OFSNodeFileTable::Entry>& files);
 
   const NSDate iMountDate;
   std::atomic<OFSMountPathSource*> iController{nullptr};

@@ -404,6 +404,31 @@ TEST_F(Ledger, SavesNothingWhereThereIsNoRoom) {
   EXPECT_EQ(errno, EBADF);
 }
 
+TEST_F(Ledger, SavesNothingOverAnotherFile) {
+  file = downloadedFile("hello");
+  const std::string path = std::filesystem::temp_directory_path() /
+                           (std::filesystem::path(iFolder).filename().string() + "-recovered");
+  std::ofstream(path) << "only copy";
+  errno = 0;
+  EXPECT_FALSE(file->saveContentAs(path));
+  EXPECT_EQ(errno, EEXIST);
+  std::ifstream kept(path);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(kept), {}), "only copy");
+  std::filesystem::remove(path);
+}
+
+TEST_F(Ledger, LetsWritersOnWhenASynchronisationRaises) {
+  gUploadingSupported = false;
+  gStreamingSupported = false;
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  calls.afterNextThread([] { throw std::bad_alloc(); });
+  EXPECT_THROW(file->synchronize(nullptr), std::bad_alloc);
+  auto writer = inBackground([this] { return write(*file, "HE", 0); });
+  EXPECT_EQ(finish(writer), 2);
+  EXPECT_TRUE(file->synchronize(nullptr));
+}
+
 TEST_F(Ledger, CancelsOnlyDownloads) {
   file = createdFile();
   ASSERT_EQ(write(*file, "hello", 0), 5);

@@ -1,0 +1,151 @@
+// The end of the volume: what is sent, what is kept aside, and over which connections.
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "fshelper/OFSRemoteFile.h"
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+using ::testing::UnorderedElementsAre;
+
+class Drain : public FileSystemTest {
+ protected:
+  Drain() {
+    server.setSupportsUploadByteOffset(false);
+    mountPoint.path = "/Volumes/Srv";
+    std::filesystem::remove_all(recovered);
+    connect();
+  }
+  void refuseUploads() {
+    for (const char* operation : {"uploadFileHandle", "uploadFileAtPath", "streamBytesWithFilename"}) {
+      server.failAlways(operation, kAnyPath, refusal(kQuarnKitOutOfSpace));
+    }
+  }
+  GMUserData create(const std::string& path) {
+    GMUserData file;
+    EXPECT_TRUE(fileSystem.createFileAtPath(path, {}, &file, &error));
+    return file;
+  }
+  void release(const std::string& path, const GMUserData& file) {
+    try {
+      fileSystem.releaseFileAtPath(path, file);
+    } catch (const KCException&) {
+    }
+    server.waitUntilAllReleased();
+  }
+  // A file whose content the server refuses, still open.
+  GMUserData writeRefused(const std::string& path, const std::string& text) {
+    const GMUserData file = create(path);
+    refuseUploads();
+    fileSystem.writeFileAtPath(path, file, text.data(), text.size(), 0, nullptr);
+    // What the write has started ends refused, and does not go on when the server accepts uploads again.
+    while (std::dynamic_pointer_cast<OFSRemoteFile>(file)->state() != kOFSSettled) std::this_thread::yield();
+    server.waitUntilAllReleased();
+    return file;
+  }
+  // The same, and then the server loses the file and a listing shows that.
+  void leaveOldBehind() {
+    const GMUserData old = writeRefused(kPath, "old");
+    server.removeItem(kPath);
+    makeStale("/");
+    list("/");
+    release(kPath, old);
+    ASSERT_EQ(fileSystem._nodeForPath(kPath), nullptr);
+    server.stopFailing();
+  }
+  void store(const std::string& path, const std::string& text) {
+    const GMUserData file = create(path);
+    ASSERT_EQ(write(path, file, text), static_cast<int>(text.size()));
+    ASSERT_TRUE(fileSystem.synchronizeFileAtPath(path, file, &error));
+    release(path, file);
+  }
+  static std::string contentOf(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+  static std::vector<std::string> contentsOf(const std::vector<GMUndelivered>& undelivered) {
+    std::vector<std::string> contents;
+    for (const GMUndelivered& one : undelivered) contents.push_back(contentOf(one.savedAs));
+    return contents;
+  }
+
+  static constexpr const char* kPath = "/new.txt";
+  const std::string recovered = std::string(getenv("XDG_STATE_HOME")) + "/ombrafs/recovered";
+  RecordedLog log;
+};
+
+TEST_F(Drain, KeepsWhatWasLeftBehindAsideWhereANewerFileOfThePathIsStored) {
+  leaveOldBehind();
+  store(kPath, "new");
+  const auto undelivered = fileSystem.drainAll();
+  EXPECT_EQ(server.content(kPath), "new");
+  ASSERT_THAT(undelivered, SizeIs(1));
+  EXPECT_EQ(undelivered[0].path, kPath);
+  ASSERT_NE(undelivered[0].error, nullptr);
+  EXPECT_EQ(undelivered[0].error->code(), kEEXIST);
+  EXPECT_EQ(contentOf(undelivered[0].savedAs), "old");
+}
+
+TEST_F(Drain, KeepsWhatWasLeftBehindAsideWhereSomebodyElseMadeAFileOfThePath) {
+  leaveOldBehind();
+  server.addFile(kPath, "another's");
+  makeStale("/");
+  list("/");
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+  EXPECT_EQ(server.content(kPath), "another's");
+}
+
+TEST_F(Drain, DoesNotBringBackWhatWasLeftBehindAfterTheNewerFileHasMoved) {
+  leaveOldBehind();
+  store(kPath, "new");
+  ASSERT_TRUE(fileSystem.moveItemAtPath(kPath, "/moved.txt", &error));
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+  EXPECT_FALSE(server.exists(kPath));
+  EXPECT_EQ(server.content("/moved.txt"), "new");
+}
+
+TEST_F(Drain, DoesNotBringBackWhatWasLeftBehindAfterThePathWasRemoved) {
+  leaveOldBehind();
+  store(kPath, "new");
+  ASSERT_TRUE(fileSystem.removeItemAtPath(kPath, &error));
+  EXPECT_THAT(fileSystem.drainAll(), IsEmpty());
+  EXPECT_FALSE(server.exists(kPath));
+}
+
+TEST_F(Drain, StillKnowsWhatWasLeftBehindWhenTheRemovalOfItsPathIsRefused) {
+  leaveOldBehind();
+  store(kPath, "new");
+  server.fail("deleteItemAtPath", kPath, refusal());
+  ASSERT_FALSE(fileSystem.removeItemAtPath(kPath, &error));
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+}
+
+TEST_F(Drain, AFileThatIsStillOpenIsNotSentOverANewerOneAtItsRelease) {
+  const GMUserData old = writeRefused(kPath, "old");
+  server.removeItem(kPath);
+  makeStale("/");
+  list("/");
+  server.stopFailing();
+  store(kPath, "new");
+  EXPECT_THAT(fileSystem.drainAll(), SizeIs(1));
+  EXPECT_TRUE(fileSystem.synchronizeFileAtPath(kPath, old, &error));
+  release(kPath, old);
+  EXPECT_EQ(server.content(kPath), "new");
+}
+
+TEST_F(Drain, EachOfTwoFilesOfOnePathIsSaved) {
+  leaveOldBehind();
+  const GMUserData file = writeRefused(kPath, "new");
+  const auto undelivered = fileSystem.drainAll();
+  EXPECT_THAT(contentsOf(undelivered), UnorderedElementsAre("old", "new"));
+}
+
+}  // namespace
+}  // namespace ombra
