@@ -43,6 +43,7 @@ class PoolHolding : public testing::Test {
   }
   int endsOfHold() const { return fake.engine->endsOfHold; }
 
+  ManualClock clock;
   FakePool fake;
   std::unique_ptr<NSFileHandle> file = temporaryFile("abc");
   std::vector<int> uploaders;
@@ -80,7 +81,6 @@ TEST_F(PoolHolding, WhoeverElseGetsTheSessionEndsTheHoldFirst) {
 }
 
 TEST_F(PoolHolding, AHoldEndsAfterASecondAndNotBefore) {
-  ManualClock clock;
   EXPECT_TRUE(upload("/a"));
   clock.waitForSleepers(1);
   clock.advance(0.9);

@@ -22,7 +22,7 @@ class FuserMountTest : public ::testing::Test {
     if (ci != nullptr && std::string_view(ci) == "true") FAIL() << *reason;
     GTEST_SKIP() << *reason;
   }
-  TemporaryFolder iVolumes;
+  FolderForMounts iVolumes;
   std::string iWords;
 };
 

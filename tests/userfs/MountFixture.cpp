@@ -15,18 +15,11 @@
 
 namespace ombra {
 
-TemporaryFolder::TemporaryFolder() {
-  std::string pattern = "/tmp/ombra-userfs-XXXXXX";
-  iPath = mkdtemp(pattern.data());
-}
-
-TemporaryFolder::~TemporaryFolder() {
+FolderForMounts::~FolderForMounts() {
   // A mount that a failed test left must not be removed from within.
   for (const MountedVolume& volume : mountedVolumes()) {
-    if (isAtOrBelow(volume.path, iPath)) KernelMount::detach(volume);
+    if (isAtOrBelow(volume.path, path())) KernelMount::detach(volume);
   }
-  std::error_code ignored;
-  std::filesystem::remove_all(iPath, ignored);
 }
 
 MountNotifications::MountNotifications() {

@@ -13,19 +13,15 @@
 #include "platform/foundation/NSCondition.h"
 #include "platform/foundation/NSNotificationCenter.h"
 #include "platform/userfs/GMUserFileSystem.h"
+#include "tests/support/TemporaryFolder.h"
 #include "tests/userfs/MemoryFileSystem.h"
 
 namespace ombra {
 
-// A folder of its own, removed with what is in it.
-class TemporaryFolder {
+// A folder to mount in, removed with what is in it.
+class FolderForMounts : public TemporaryFolder {
  public:
-  TemporaryFolder();
-  ~TemporaryFolder();
-  const std::string& path() const { return iPath; }
-
- private:
-  std::string iPath;
+  ~FolderForMounts();
 };
 
 // Keeps the notifications about mounts in the order they were posted.
@@ -62,7 +58,7 @@ class MountTest : public ::testing::Test {
   std::string mountPath() const { return iVolumes.path() + "/Test"; }
   bool isMounted() const;
 
-  TemporaryFolder iVolumes;
+  FolderForMounts iVolumes;
   MountNotifications iNotifications;
   DurableMemoryFileSystem iFiles;
   std::unique_ptr<GMUserFileSystem> iFileSystem;

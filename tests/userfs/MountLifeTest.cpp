@@ -77,7 +77,7 @@ TEST_F(MountTest, AVolumeUnmountedByHandEndsLikewise) {
 }
 
 TEST_F(MountTest, AVolumesFolderThatIsALinkIsMountedInAndCleanedUp) {
-  TemporaryFolder other;
+  FolderForMounts other;
   const std::string link = other.path() + "/Volumes";
   std::filesystem::create_symlink(iVolumes.path(), link);
   GMUserFileSystem::setVolumesFolder(link);

@@ -26,7 +26,7 @@ class MountPointTest : public ::testing::Test {
     EXPECT_NE(iError->userInfo().stringForKey(NSLocalizedRecoverySuggestionErrorKey).value_or(""), "");
   }
 
-  TemporaryFolder iVolumes;
+  FolderForMounts iVolumes;
   NSErrorRef iError;
 };
 
