@@ -96,22 +96,17 @@ int Volume::truncateFile(const std::string& path, const GMUserData& userData, of
   return isDone ? 0 : failure(error);
 }
 
-// truncate(2) of a file that nobody has open. There will be no close to wait for the server, so this does.
+// truncate(2) of a file that nobody has open: an open and a release around it, so that its cache copy takes
+// the attributes of the file, and a failed one is tried again. There will be no close to wait for the server,
+// so this does. To nothing, nothing of the file is needed and nothing is fetched.
 int Volume::truncateClosed(const std::string& path, off_t size) {
-  GMUserFileSystemDurability* durability = this->durability();
   const OpenGate::Pass turn(iOpenGate, path);
-  if (size != 0) {
-    // The delegate opens the file for this.
-    if (durability != nullptr) durability->forgetFailedContentAtPath(path);
-    if (const int result = truncateFile(path, nullptr, size); result != 0) return result;
-    const GMUserData userData = durability != nullptr ? durability->openFileAtPathIfAny(path) : nullptr;
-    return userData != nullptr ? synchronizeItem(OpenItem(path, userData)) : 0;
-  }
-  // Nothing of it is needed, so nothing is fetched.
   GMUserData userData;
-  if (const int result = openFile(path, O_WRONLY | O_TRUNC, &userData); result != 0) return result;
+  const int flags = size == 0 ? O_WRONLY | O_TRUNC : O_RDWR;
+  if (const int result = openFile(path, flags, &userData); result != 0) return result;
   const auto handle = iHandles.add(path, userData, true, 0, 0);
-  const int result = synchronizeItem(*handle->item);
+  int result = size == 0 ? 0 : truncateFile(path, userData, size);
+  if (result == 0) result = synchronizeItem(*handle->item);
   release(handle->identifier);
   return result;
 }

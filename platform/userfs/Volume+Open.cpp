@@ -1,6 +1,8 @@
 // The life of an open file: open, create, flush, synchronise, release.
 #include <fcntl.h>
 
+#include <utility>
+
 #include "platform/foundation/NSLog.h"
 #include "platform/userfs/NumberTranslation.h"
 #include "platform/userfs/ProcessOfThread.h"
@@ -20,20 +22,38 @@ bool isForWriting(int flags) { return (flags & O_ACCMODE) != O_RDONLY; }
 int Volume::openFile(const std::string& path, int flags, GMUserData* userData) {
   GMUserFileSystemDurability* durability = this->durability();
   const int delegateFlags = interfaceOpenFlags(flags & ~(O_CREAT | O_EXCL));
-  bool isPrepared = iHandles.itemAtPath(path) != nullptr;
+  const bool isOpen = iHandles.itemAtPath(path) != nullptr;
+  GMUserData prepared;
   if (durability != nullptr) {
     durability->forgetFailedContentAtPath(path);
-    isPrepared = durability->openFileAtPathIfAny(path) != nullptr;
+    prepared = durability->openFileAtPathIfAny(path);
   }
   NSErrorRef error;
   if (!delegate().openFileAtPath(path, delegateFlags, userData, &error)) return failure(error);
+  // What was prepared may have been dropped from the cache in between; this is then another, fresh object.
+  const bool isPrepared = durability != nullptr ? prepared != nullptr && prepared == *userData : isOpen;
   if (durability != nullptr && !isPrepared) durability->seedCacheAttributesAtPath(path, *userData);
   if ((flags & O_TRUNC) == 0) return 0;
-  // A file that was prepared already has not looked at the flags. One that was not is empty now, but its node
-  // may not know; truncating it once more is what tells it.
+  const int result = truncateOpened(path, *userData, isPrepared);
+  if (result != 0) giveBack(path, std::exchange(*userData, nullptr));
+  return result;
+}
+
+// A file that was prepared already has not looked at the flags. One that was not is empty now, but its node
+// may not know; truncating it once more is what tells it.
+int Volume::truncateOpened(const std::string& path, const GMUserData& userData, bool isPrepared) {
   const auto attributes = isPrepared ? std::nullopt : attributesAtPath(path);
   if (attributes && attributes->fileSize.value_or(0) == 0) return 0;
-  return truncateFile(path, *userData, 0);
+  return truncateFile(path, userData, 0);
+}
+
+// The delegate has opened the file, but the kernel gets no handle that it would release.
+void Volume::giveBack(const std::string& path, const GMUserData& userData) {
+  try {
+    delegate().releaseFileAtPath(path, userData);
+  } catch (const std::exception& exception) {
+    NSLog("\"{}\" was closed with a failure: {}", path, exception.what());
+  }
 }
 
 uint64_t Volume::addHandle(const std::string& path, const GMUserData& userData, int flags, pid_t process,

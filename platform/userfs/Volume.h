@@ -120,6 +120,8 @@ class Volume : public std::enable_shared_from_this<Volume> {
 
   // The open itself; the path's turn must be held.
   int openFile(const std::string& path, int flags, GMUserData* userData);
+  int truncateOpened(const std::string& path, const GMUserData& userData, bool isPrepared);
+  void giveBack(const std::string& path, const GMUserData& userData);
   int truncateFile(const std::string& path, const GMUserData& userData, off_t size);
   int truncateClosed(const std::string& path, off_t size);
   uint64_t addHandle(const std::string& path, const GMUserData& userData, int flags, pid_t process,

@@ -115,12 +115,54 @@ TEST_F(MountFilesTest, TruncatingAClosedFileToNothingFetchesNothingAndIsStoredWh
   iFiles.waitForCalls("release /a", 1);
 }
 
-TEST_F(MountFilesTest, TruncatingAClosedFileToALengthIsTheDelegates) {
+TEST_F(MountFilesTest, TruncatingAClosedFileToALengthOpensItForThatAndIsStoredWhenItReturns) {
   iFiles.addFile("/a", "content");
   mount();
   EXPECT_EQ(truncate(at("/a").c_str(), 3), 0);
   EXPECT_EQ(iFiles.contentOf("/a"), "con");
-  EXPECT_EQ(iFiles.countOf("truncate /a 3"), 1u);
+  EXPECT_EQ(iFiles.countOf("truncate /a 3 open"), 1u);
+  EXPECT_GE(iFiles.countOf("synchronize /a"), 1u);
+  iFiles.waitForCalls("release /a", 1);
+  std::vector<std::string> order;
+  for (const std::string& call : iFiles.calls()) {
+    for (const char* kind : {"forget /a", "open /a 0x2", "seed /a", "truncate /a"}) {
+      if (call.starts_with(kind)) order.emplace_back(kind);
+    }
+  }
+  EXPECT_EQ(order, (std::vector<std::string>{"forget /a", "open /a 0x2", "seed /a", "truncate /a"}));
+}
+
+TEST_F(MountFilesTest, AnOpenWhoseTruncationFailsIsGivenBack) {
+  iFiles.addFile("/a", "content");
+  mount();
+  const File first(at("/a"), O_RDONLY);
+  iFiles.failWith("truncate", kEACCES);
+  EXPECT_EQ(File(at("/a"), O_WRONLY | O_TRUNC).error(), EACCES);
+  EXPECT_EQ(iFiles.countOf("release /a"), 1u);
+}
+
+TEST_F(MountFilesTest, AnOpenWhoseTruncationFailsAndWhoseReleaseRaisesFailsForTheTruncation) {
+  iFiles.addFile("/a", "content");
+  mount();
+  const File first(at("/a"), O_RDONLY);
+  iFiles.failWith("truncate", kEACCES);
+  iFiles.raiseIn("release");
+  EXPECT_EQ(File(at("/a"), O_WRONLY | O_TRUNC).error(), EACCES);
+}
+
+TEST_F(MountFilesTest, AnOpenFileThatWasDroppedFromTheCacheMeanwhileIsSeededLikeANewOne) {
+  class Trimming : public DurableMemoryFileSystem {
+   public:
+    // Answered before the cache is trimmed; the open then makes another.
+    GMUserData openFileAtPathIfAny(OptionalPath) override {
+      return std::make_shared<MemoryOpenFile>(std::make_shared<MemoryItem>());
+    }
+  } files;
+  files.addFile("/a", "content");
+  mountDelegate(&files);
+  { const File file(at("/a"), O_RDONLY); }
+  EXPECT_EQ(files.countOf("seed /a"), 1u);
+  iFileSystem.reset();
 }
 
 TEST_F(MountFilesTest, TruncatingAnOpenFileGoesThroughItsHandle) {
@@ -183,10 +225,11 @@ TEST_F(MountFilesTest, AnOpenWaitsForTheOpenHiddenInATruncation) {
   iFiles.waitUntilHeld(1);
   std::thread opener([this] { EXPECT_TRUE(File(at("/a"), O_RDONLY).isOpen()); });
   EXPECT_EQ(sizeOf("/"), 0);
-  EXPECT_EQ(iFiles.countOf("open /a"), 0u);
+  EXPECT_EQ(iFiles.countOf("open /a"), 1u) << "the one of the truncation";
   iFiles.letGo("truncate", "/a");
   truncating.join();
   opener.join();
+  EXPECT_EQ(iFiles.countOf("open /a"), 2u);
 }
 
 TEST_F(MountFilesTest, PagesStayFromOpenToOpenWhileTheOpenFileIsTheSame) {
