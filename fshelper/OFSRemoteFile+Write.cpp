@@ -13,12 +13,19 @@
 #include "fshelper/OFSTracing.h"
 #include "fshelper/StAbstractConnection.h"
 #include "platform/foundation/KCStringAdditions.h"
+#include "remote/QuarnKitError.h"
 
 namespace ombra {
 namespace {
 constexpr const char* kWrite = "-[OFSRemoteFile _writeFromBuffer:size:offset:error:]";
 constexpr const char* kUploadInPlace = "-[OFSRemoteFile locked_uploadWithConnection:offset:]";
 constexpr const char* kTruncate = "-[OFSRemoteFile _truncateToOffset:error:]";
+
+// The server does not let this user write the file, so it has not touched it either.
+bool isRefusal(const NSErrorRef& error) {
+  return QuarnKitError::isCode(error, kQuarnKitPermissionDenied) ||
+         QuarnKitError::isCode(error, kQuarnKitReadOnly);
+}
 }  // namespace
 
 int OFSRemoteFile::_writeFromBuffer(const void* buffer, size_t size, int64_t offset, NSErrorRef* error) {
@@ -151,6 +158,7 @@ void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offs
     const int failure = errno;
     OFS_RAISE(kTruncate, "ftruncate failed, errno = {} ({})", failure, kc_strerror(failure));
   }
+  const bool wasCovered = iConfirmedGeneration == iLocalGeneration;
   const uint64_t length = iFileHandle->fileLength();
   iFileHandle->noteTruncated(length);
   locked_noteLocalChange(length);
@@ -159,6 +167,7 @@ void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offs
     NSErrorRef failure;
     if (!locked_sendCacheFile(connection, 0, &transferred, &failure)) {
       locked_doubtServer();
+      if (wasCovered && (offset == 0 || isRefusal(failure))) locked_discardContent();
       OFS_RAISE(kTruncate, "upload to {} failed: {}", remotePath(), ofs_describeError(failure));
     }
     locked_confirm(iLocalGeneration);
@@ -168,6 +177,14 @@ void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offs
   iBytesAvailable = transferred;
   iBytesRequired = 0;
   iCondition.broadcast();
+}
+
+// After a truncation that failed: the caller was told, so the file must not be cut later on its own. What the
+// cache file has lost comes back with the next open. Not for a file that was to keep some of its bytes and
+// may have lost them on the server half way: these are then here alone, and are sent again.
+void OFSRemoteFile::locked_discardContent() {
+  locked_confirm(iLocalGeneration);
+  iContentFailed = true;
 }
 
 void OFSRemoteFile::locked_failTruncation(const KCException& exception, NSErrorRef* error) {

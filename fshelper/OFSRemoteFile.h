@@ -281,6 +281,8 @@ class OFSRemoteFile final : public GMOpenFile,
   bool locked_finishUploadPass(bool succeeded, uint64_t transferredBytes, uint64_t generation,
                                const NSErrorRef& error) REQUIRES(iCondition);
   void locked_truncate(AbstractConnection& connection, int64_t offset) REQUIRES(iCondition);
+  // The cache file is not the file any more: it is fetched again at the next open.
+  void locked_discardContent() REQUIRES(iCondition);
   void locked_failTruncation(const KCException& exception, NSErrorRef* error) REQUIRES(iCondition);
 
   // --- ledger

@@ -133,5 +133,72 @@ TEST_F(ArrivingFile, WhoseItemIsGoneIsReadToItsEnd) {
   EXPECT_EQ(readHandle(handle, 100, 7), "");
 }
 
+class ClosedFile : public OverTheServer {
+ protected:
+  // Leaves a whole cache copy behind.
+  void readOnce() {
+    const uint64_t handle = openHandle("/a.txt", O_RDONLY);
+    EXPECT_EQ(readHandle(handle), "content");
+    volume->release(handle);
+    waitForReleases();
+  }
+  void refuseUploads() {
+    server.failAlways("uploadFileHandle", "/a.txt", refusal(kQuarnKitPermissionDenied));
+  }
+};
+
+TEST_F(ClosedFile, WhoseEmptyingAtOpenIsRefusedShowsItsContentAtTheNextOpen) {
+  readOnce();
+  refuseUploads();
+  EXPECT_EQ(openFailing("/a.txt", O_WRONLY | O_TRUNC), -EIO);
+  EXPECT_EQ(readHandle(openHandle("/a.txt", O_RDONLY)), "content");
+  server.stopFailing();
+  EXPECT_THAT(fileSystem.drainAll(), ::testing::IsEmpty());
+  EXPECT_EQ(server.content("/a.txt"), "content");
+}
+
+TEST_F(ClosedFile, WhoseEmptyingAtOpenIsRefusedIsNotKeptInUse) {
+  readOnce();
+  refuseUploads();
+  EXPECT_EQ(openFailing("/a.txt", O_WRONLY | O_TRUNC), -EIO);
+  fileSystem.setCacheBudget(0, 0);
+  fileSystem.trimCache();
+  EXPECT_EQ(fileOnNode("/a.txt"), nullptr);
+}
+
+TEST_F(ClosedFile, WhoseEmptyingAtOpenIsRefusedCanStillBeRenamed) {
+  readOnce();
+  refuseUploads();
+  EXPECT_EQ(openFailing("/a.txt", O_WRONLY | O_TRUNC), -EIO);
+  EXPECT_EQ(volume->move("/a.txt", "/b.txt", 0), 0);
+  EXPECT_EQ(server.content("/b.txt"), "content");
+}
+
+TEST_F(ClosedFile, WhoseShorteningIsRefusedShowsItsContentAtTheNextOpen) {
+  readOnce();
+  refuseUploads();
+  EXPECT_EQ(volume->truncate("/a.txt", 0, 3), -EIO);
+  waitForReleases();
+  EXPECT_EQ(readHandle(openHandle("/a.txt", O_RDONLY)), "content");
+  EXPECT_EQ(server.content("/a.txt"), "content");
+}
+
+TEST_F(ClosedFile, KeepsItsModeWhenItIsShortened) {
+  server.setPermissions("/a.txt", 0755);
+  EXPECT_EQ(volume->truncate("/a.txt", 0, 3), 0);
+  EXPECT_EQ(server.content("/a.txt"), "con");
+  EXPECT_EQ(modeOf("/a.txt"), 0755u);
+}
+
+TEST_F(ClosedFile, WhoseDownloadHasFailedCanBeShortenedAllTheSame) {
+  server.fail("downloadFileAtPath", "/a.txt", refusal(kQuarnKitConnectionLost));
+  const uint64_t handle = openHandle("/a.txt", O_RDONLY);
+  EXPECT_EQ(readHandle(handle), "<5>");
+  volume->release(handle);
+  waitForReleases();
+  EXPECT_EQ(volume->truncate("/a.txt", 0, 3), 0);
+  EXPECT_EQ(server.content("/a.txt"), "con");
+}
+
 }  // namespace
 }  // namespace ombra

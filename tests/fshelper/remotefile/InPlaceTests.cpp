@@ -267,6 +267,50 @@ TEST_F(Truncating, ThatTheServerRefusesFailsAndIsMadeGoodLater) {
   EXPECT_EQ(onServer(), "0123");
 }
 
+TEST_F(Truncating, ToNothingThatFailsIsNotMadeGoodLater) {
+  file = downloadedFile("0123456789");
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  EXPECT_FALSE(file->_truncateToOffset(0, nullptr));
+  EXPECT_EQ(file->contentState(), GMContentState::kFailed);
+  EXPECT_TRUE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0123456789");
+}
+
+TEST_F(Truncating, ToNothingMayBeTriedAgain) {
+  file = downloadedFile("0123456789");
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  EXPECT_FALSE(file->_truncateToOffset(0, nullptr));
+  EXPECT_TRUE(file->_truncateToOffset(0, nullptr));
+  EXPECT_EQ(file->contentState(), GMContentState::kComplete);
+  EXPECT_EQ(onServer(), "");
+}
+
+TEST_F(Truncating, ThatTheServerDoesNotPermitIsNotMadeGoodLater) {
+  for (const QuarnKitErrorCode code : {kQuarnKitPermissionDenied, kQuarnKitReadOnly}) {
+    file = downloadedFile("0123456789");
+    server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(code));
+    EXPECT_FALSE(file->_truncateToOffset(4, nullptr));
+    EXPECT_EQ(file->contentState(), GMContentState::kFailed);
+    EXPECT_TRUE(file->isCovered());
+    EXPECT_EQ(onServer(), "0123456789");
+  }
+}
+
+// Written bytes that are nowhere else are not given up for that.
+TEST_F(Truncating, ThatFailsKeepsTheDoubtAboutWhatWasUnsentBefore) {
+  file = downloadedFile("0123456789");
+  gStreamingSupported = false;
+  server.fail("uploadFileAtPath", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  write(*file, "01", 0);
+  waitForState(*file, kOFSSettled);
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitPermissionDenied));
+  EXPECT_FALSE(file->_truncateToOffset(4, nullptr));
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0123");
+}
+
 TEST_F(Truncating, HoldsTheConditionDuringTheTransfer) {
   file = downloadedFile("0123456789");
   const auto hold = server.hold("uploadFileHandle");
