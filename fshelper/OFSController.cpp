@@ -147,13 +147,15 @@ void OFSController::createConnectionPool() {
   std::shared_ptr<KCCredentials> fetched = credentialsForRegisteredName(*name, *iSocketPath);
   if (fetched == nullptr) return;
   NSErrorRef error;
-  const std::shared_ptr<KCConnectionPool> pool = iEnvironment.makeConnectionPool(std::move(fetched), &error);
+  const std::shared_ptr<KCConnectionPool> pool = iEnvironment.makeConnectionPool(fetched, &error);
   if (pool == nullptr) {
     NSLog("No connection can be made: {}", error == nullptr ? "no reason was given" : error->description());
     return;
   }
   fileSystemObject()->setConnectionPool(pool);
   pool->setMaximumConnections(0);
+  fileSystemObject()->setPoolMaker(
+      [make = iEnvironment.makeConnectionPool, credentials = fetched] { return make(credentials, nullptr); });
 }
 
 bool OFSController::requireConnectionPool() {

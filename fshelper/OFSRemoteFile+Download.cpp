@@ -65,7 +65,8 @@ void OFSRemoteFile::locked_finishDownload(bool succeeded, uint64_t transferredBy
 }
 
 void OFSRemoteFile::connection(AbstractConnection& connection, uint64_t transferredBytes,
-                               double /*throughput*/, bool /*stalled*/) {
+                               double /*throughput*/, bool stalled) {
+  if (!stalled) ++iMovements;
   const ConditionLock lock(iCondition);
   if (locked_isGivenUp(connection)) {
     connection.setShouldCancel(true);

@@ -221,6 +221,7 @@ size_t OFSRemoteFile::locked_takeStreamBytes(AbstractConnection& connection, std
   if (piece.length() == 0) iStreamWork->pop_front();
   iBytesAvailable += count;
   iStreamTaken += count;
+  ++iMovements;
   iCondition.broadcast();
   return count;
 }

@@ -143,6 +143,9 @@ class OFSRemoteFile final : public GMOpenFile,
   bool downloadFailed() EXCLUDES(iCondition);
   // Asks a running download (only that) to stop, for unmount.
   void cancelDownload() EXCLUDES(iCondition);
+  // Grows while a transfer moves bytes, and when a remote call made with the condition held has ended. Never
+  // waits.
+  uint64_t movements() const { return iMovements.load(); }
   // Copies the cache file to a new file at a local path (mode 0600), for content that could not be sent.
   // False with errno set: EEXIST when there is one already, which stays as it is; else no file is left there.
   bool saveContentAs(const std::string& path) EXCLUDES(iPathLock);
@@ -299,6 +302,7 @@ class OFSRemoteFile final : public GMOpenFile,
   mutable Mutex iPathLock;
   // Set while the condition is held during a remote call: who must not wait for that looks here first.
   std::atomic<int> iHeldTransfers{0};
+  std::atomic<uint64_t> iMovements{0};
   std::string iRemotePath GUARDED_BY(iPathLock);
   // The same handle as iFileHandle, for those who must not wait for a transfer.
   std::shared_ptr<NSFileHandle> iOpenFile GUARDED_BY(iPathLock);

@@ -41,7 +41,10 @@ class OFSRemoteFile::Synchronizer {
 class OFSRemoteFile::HeldTransfer {
  public:
   explicit HeldTransfer(OFSRemoteFile& file) : iFile(file) { ++iFile.iHeldTransfers; }
-  ~HeldTransfer() { --iFile.iHeldTransfers; }
+  ~HeldTransfer() {
+    --iFile.iHeldTransfers;
+    ++iFile.iMovements;
+  }
   HeldTransfer(const HeldTransfer&) = delete;
   HeldTransfer& operator=(const HeldTransfer&) = delete;
 

@@ -10,6 +10,7 @@
 
 #include "fshelper/OFSTracing.h"
 #include "fshelper/OmbraFileSystem.h"
+#include "fshelper/StAbstractConnection.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSLog.h"
@@ -166,14 +167,34 @@ std::optional<GMUndelivered> OmbraFileSystem::deliver(const OFSNodeFileTable::En
   return undelivered;
 }
 
+// The pool that was given up stores nothing any more, but the server may be well: perhaps only one call hung.
+// One look tells; where it fails, nobody waits for each file to find out the same.
+void OmbraFileSystem::reopenConnections(const std::vector<OFSNodeFileTable::Entry>& unsent) {
+  const PoolMaker maker = poolMaker();
+  const std::shared_ptr<KCConnectionPool> pool = maker ? maker() : nullptr;
+  if (pool == nullptr) return;
+  {
+    StAbstractConnection connection(pool.get(), this);
+    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+    NSErrorRef error;
+    if (!connection->contentsAtPath(rootPath(), &nodes, &error)) {
+      NSLog("The server cannot be reached any more ({}); what is unsent is saved on this machine.",
+            error == nullptr ? "no reason was given" : error->localizedDescription());
+      return;
+    }
+  }
+  setConnectionPool(pool);
+  for (const auto& entry : unsent) entry.file->setConnectionPool(pool);
+}
+
 std::vector<GMUndelivered> OmbraFileSystem::drainAll() {
   OFS_TRACE("-[OmbraFileSystem drainAll]", "");
-  const std::vector<OFSNodeFileTable::Entry> entries = iFiles.entries();
-  for (const auto& entry : entries) entry.file->cancelDownload();
+  endDownloads();
   std::vector<OFSNodeFileTable::Entry> unsent;
-  for (const auto& entry : entries) {
+  for (const auto& entry : iFiles.entries()) {
     if (!entry.file->isCovered()) unsent.push_back(entry);
   }
+  if (!unsent.empty() && iGivenUp.exchange(false)) reopenConnections(unsent);
   return deliverAll(unsent);
 }
 

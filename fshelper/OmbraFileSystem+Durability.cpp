@@ -192,8 +192,19 @@ std::string OmbraFileSystem::listedPathForPath(std::string_view path) {
   return listed;
 }
 
+void OmbraFileSystem::endDownloads() {
+  for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) entry.file->cancelDownload();
+}
+
+uint64_t OmbraFileSystem::bytesMoved() {
+  uint64_t movements = 0;
+  for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) movements += entry.file->movements();
+  return movements;
+}
+
 void OmbraFileSystem::giveUpConnections() {
   OFS_TRACE("-[OmbraFileSystem giveUpConnections]", "");
+  iGivenUp = true;
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   if (pool != nullptr) pool->shutDown();
 }

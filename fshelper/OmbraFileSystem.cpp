@@ -31,6 +31,16 @@ void OmbraFileSystem::setConnectionPool(std::shared_ptr<KCConnectionPool> pool) 
   iConnectionPool.swap(pool);
 }
 
+OmbraFileSystem::PoolMaker OmbraFileSystem::poolMaker() const {
+  MutexLock lock(iPropertyLock);
+  return iPoolMaker;
+}
+
+void OmbraFileSystem::setPoolMaker(PoolMaker maker) {
+  MutexLock lock(iPropertyLock);
+  iPoolMaker = std::move(maker);
+}
+
 NSErrorRef OmbraFileSystem::mountError() const {
   MutexLock lock(iPropertyLock);
   return iMountError;

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -55,6 +56,11 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::shared_ptr<KCConnectionPool> connectionPool() const EXCLUDES(iPropertyLock);
   // Makes this object the pool's transcript delegate, then keeps the pool. Null is kept as null.
   void setConnectionPool(std::shared_ptr<KCConnectionPool> pool) EXCLUDES(iPropertyLock);
+  // Makes a pool for the same server, for what is to be sent after the connections were given up; none: what
+  // is unsent then is saved on this machine.
+  using PoolMaker = std::function<std::shared_ptr<KCConnectionPool>()>;
+  PoolMaker poolMaker() const EXCLUDES(iPropertyLock);
+  void setPoolMaker(PoolMaker maker) EXCLUDES(iPropertyLock);
   // What the last failed listing of `willMount` failed of, also when a later one succeeded.
   NSErrorRef mountError() const EXCLUDES(iPropertyLock);
   NSDate mountDate() const { return iMountDate; }
@@ -155,6 +161,8 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void forgetFailedContentAtPath(OptionalPath path) override;
   void trimCache() override;
   std::vector<GMUndelivered> drainAll() override;
+  void endDownloads() override;
+  uint64_t bytesMoved() override;
   void giveUpConnections() override;
 
   // ConnectionDelegate
@@ -240,6 +248,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::string saveAside(OFSRemoteFile& file, std::string_view path) const;
   bool isOutdated(const OFSNodeFileTable::Entry& entry) const;
   bool sendAtTheEnd(const OFSNodeFileTable::Entry& entry, NSErrorRef* error);
+  void reopenConnections(const std::vector<OFSNodeFileTable::Entry>& unsent) EXCLUDES(iPropertyLock);
   std::optional<GMUndelivered> deliver(const OFSNodeFileTable::Entry& entry);
   std::optional<GMUndelivered> deliverWithoutRaising(const OFSNodeFileTable::Entry& entry);
   std::vector<GMUndelivered> deliverAll(const std::vector<OFSNodeFileTable::Entry>& files);
@@ -248,6 +257,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::atomic<OFSMountPathSource*> iController{nullptr};
   std::atomic<double> iRefreshInterval{60.0};
   std::atomic<bool> iConnected{false};
+  std::atomic<bool> iGivenUp{false};
   std::atomic<std::FILE*> iTranscriptLog{nullptr};
   std::atomic<GMUserFileSystemInvalidation*> iInvalidation{nullptr};
   OFSNodeFileTable iFiles;
@@ -257,6 +267,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   NSErrorRef iMountError GUARDED_BY(iPropertyLock);
   std::string iInitialPath GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iPropertyLock);
+  PoolMaker iPoolMaker GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCRemoteFolderNode> iRootNode GUARDED_BY(iPropertyLock);
   std::vector<std::FILE*> iTranscriptLogs GUARDED_BY(iPropertyLock);
   std::optional<uint64_t> iBudgetBytes GUARDED_BY(iPropertyLock);

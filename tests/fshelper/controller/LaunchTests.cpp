@@ -54,6 +54,14 @@ TEST_F(Launch, ThePoolIsMadeOfWhatTheFrontEndAnswered) {
   EXPECT_EQ(server.maximumConnections(), 0);
 }
 
+TEST_F(Launch, TheFileSystemCanMakeThePoolAgainOfTheSameCredentials) {
+  launch(arguments());
+  const auto first = std::exchange(fetched, nullptr);
+  ASSERT_TRUE(fileSystem->poolMaker());
+  EXPECT_EQ(fileSystem->poolMaker()(), server.pool());
+  EXPECT_EQ(fetched, first);
+}
+
 TEST_F(Launch, TracingFollowsItsDefault) {
   setDefault("TracingEnabled", true);
   launch(arguments());

@@ -140,6 +140,71 @@ TEST_F(Drain, AFileThatIsStillOpenIsNotSentOverANewerOneAtItsRelease) {
   EXPECT_EQ(server.content(kPath), "new");
 }
 
+TEST_F(Drain, SendsOverNewConnectionsAfterTheOldOnesWereGivenUp) {
+  ScriptedServer again;
+  again.setSupportsUploadByteOffset(false);
+  fileSystem.setPoolMaker([&again] { return again.pool(); });
+  const GMUserData file = writeRefused(kPath, "precious");
+  fileSystem.giveUpConnections();
+  EXPECT_THAT(fileSystem.drainAll(), IsEmpty());
+  EXPECT_EQ(again.content(kPath), "precious");
+  again.waitUntilAllReleased();
+  fileSystem.setConnectionPool(server.pool());
+}
+
+TEST_F(Drain, SavesAtOnceWhereTheServerCannotBeReachedAfterTheConnectionsWereGivenUp) {
+  ScriptedServer again;
+  again.failAlways("contentsAtPath", kAnyPath, refusal(kQuarnKitConnectionLost));
+  fileSystem.setPoolMaker([&again] { return again.pool(); });
+  const GMUserData file = writeRefused(kPath, "precious");
+  fileSystem.giveUpConnections();
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("precious"));
+  EXPECT_THAT(again.transfers(), IsEmpty());
+  EXPECT_THAT(log.linesWith("The server cannot be reached any more"), SizeIs(1));
+}
+
+TEST_F(Drain, OpensNoConnectionsAgainWhereNothingIsUnsent) {
+  bool isAsked = false;
+  fileSystem.setPoolMaker([&isAsked] {
+    isAsked = true;
+    return nullptr;
+  });
+  store(kPath, "stored");
+  fileSystem.giveUpConnections();
+  EXPECT_THAT(fileSystem.drainAll(), IsEmpty());
+  EXPECT_FALSE(isAsked);
+}
+
+TEST_F(Drain, DownloadsEndWhenTheyAreAskedTo) {
+  server.addFile("/big", std::string(1000, 'x'));
+  makeStale("/");
+  const auto hold = server.hold("downloadFileAtPath", "/big", 500);
+  const GMUserData file = open("/big", kO_RDONLY);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  fileSystem.endDownloads();
+  fileSystem.waitForContent(file, 1000);
+  EXPECT_EQ(fileSystem.contentStateOfFile(file), GMContentState::kFailed);
+}
+
+TEST_F(Drain, TheBytesThatMoveAreCounted) {
+  server.addFile("/big", std::string(1000, 'x'));
+  makeStale("/");
+  const uint64_t before = fileSystem.bytesMoved();
+  const GMUserData file = open("/big");
+  fileSystem.waitForContent(file, 1000);
+  const uint64_t downloaded = fileSystem.bytesMoved();
+  EXPECT_GT(downloaded, before);
+  ASSERT_EQ(write("/big", file, "y", 3), 1);
+  ASSERT_TRUE(fileSystem.synchronizeFileAtPath("/big", file, &error));
+  const uint64_t uploaded = fileSystem.bytesMoved();
+  EXPECT_GT(uploaded, downloaded);
+  server.setSupportsUploadByteOffset(true);
+  ASSERT_EQ(write("/big", file, "z", 3), 1);
+  const uint64_t inPlace = fileSystem.bytesMoved();
+  EXPECT_GT(inPlace, uploaded);
+  EXPECT_EQ(fileSystem.bytesMoved(), inPlace) << "nothing moves";
+}
+
 TEST_F(Drain, EachOfTwoFilesOfOnePathIsSaved) {
   leaveOldBehind();
   const GMUserData file = writeRefused(kPath, "new");
