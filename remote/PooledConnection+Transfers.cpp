@@ -88,6 +88,8 @@ bool PooledConnection::runTransfer(Run& run,
     } else {
       Control control(*this, run);
       run.givesWay = false;
+      // What a session holds for others must not wait for the end of a transfer.
+      if (sessions().claim(*iSession, run.heldPath)) iSession->session->becameIdle();
       done = work(*iSession->session, control, &fault);
       if (done) break;
       const bool lost = loseSession(fault);
@@ -147,11 +149,11 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   if (handle.isScratch()) {
     if (iSession != nullptr) finishElsewhere(handle, whole);
     iUploadPath = &whole;
+    run.heldPath = whole;
   } else {
     sessions().letGoOf(whole);
   }
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
-    if (sessions().claim(*iSession, handle.isScratch() ? whole : std::string())) session.becameIdle();
     if (handle.isScratch() && session.heldPath() != whole) finishElsewhere(handle, whole);
     return session.upload(handle, whole, offset, control, fault);
   };
@@ -165,13 +167,9 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
 void PooledConnection::finishElsewhere(const NSFileHandle& handle, std::string_view path) {
   if (!handle.extents()->isSending()) return;
   if (iSession != nullptr && iSession->session->heldPath() == path) return;
-  if (std::shared_ptr<PooledSession> holder = sessions().takeHolding(path)) {
-    holder->session->becameIdle();
-    const bool isAlive = holder->session->isAlive();
-    sessions().detach(std::move(holder), isAlive);
-  }
-  // Another thread may have that session in hand: it ends what the session holds before it does anything
-  // else.
+  sessions().letGoOf(path);
+  // Another thread may have that session in hand, for a request: it ends the hold when it gives the session
+  // back.
   handle.extents()->waitUntilSent();
 }
 

@@ -77,8 +77,6 @@ std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, Sessio
     if (session != nullptr && session->session->isAlive()) {
       session->transcript->setConnection(waiter.UUID());
       if (enter(session)) {
-        const bool isWanted = place.preferredPath != nullptr && session->heldPath == *place.preferredPath;
-        if (!isWanted && !session->heldPath.empty()) session->session->becameIdle();
         return session;
       }
     }
@@ -286,19 +284,6 @@ void SessionPool::settleHolder(std::shared_ptr<PooledSession> session) {
   detach(std::move(session), isAlive);
 }
 
-std::shared_ptr<PooledSession> SessionPool::takeHolding(std::string_view path) {
-  std::shared_ptr<PooledSession> session;
-  {
-    ConditionLock lock(iCondition);
-    const auto found =
-        std::find_if(iIdle.begin(), iIdle.end(), [path](const auto& idle) { return idle->heldPath == path; });
-    if (found == iIdle.end()) return nullptr;
-    session = std::move(*found);
-    iIdle.erase(found);
-  }
-  return enter(session) ? session : nullptr;
-}
-
 bool SessionPool::claim(PooledSession& session, std::string_view path) {
   ConditionLock lock(iCondition);
   const bool mustEnd = session.mustLetGo || (!session.heldPath.empty() && session.heldPath != path);
@@ -309,10 +294,13 @@ bool SessionPool::claim(PooledSession& session, std::string_view path) {
 
 void SessionPool::letGoOf(std::string_view path) {
   std::vector<std::shared_ptr<PooledSession>> holders;
+  std::vector<std::shared_ptr<PooledSession>> own;
   {
     ConditionLock lock(iCondition);
     for (const auto& session : iInUse) {
-      if (isAtOrBelowRemotePath(session->heldPath, path)) session->mustLetGo = true;
+      if (!isAtOrBelowRemotePath(session->heldPath, path)) continue;
+      session->mustLetGo = true;
+      if (session->holder == std::this_thread::get_id()) own.push_back(session);
     }
     const auto isKept = [path](const auto& idle) { return !isAtOrBelowRemotePath(idle->heldPath, path); };
     const auto first = std::stable_partition(iIdle.begin(), iIdle.end(), isKept);
@@ -320,6 +308,7 @@ void SessionPool::letGoOf(std::string_view path) {
     iIdle.erase(first, iIdle.end());
   }
   for (auto& session : holders) settleHolder(std::move(session));
+  for (const auto& session : own) session->session->becameIdle();
 }
 
 void SessionPool::noteHolder([[maybe_unused]] const PooledSession& session, [[maybe_unused]] int change) {

@@ -83,13 +83,11 @@ class SessionPool {
       EXCLUDES(iCondition);
   // Takes it back; `reusable` when it may serve another call. A transfer must have been ended before.
   void detach(std::shared_ptr<PooledSession> session, bool reusable) EXCLUDES(iCondition);
-  // An idle session that holds that path open, out of turn: it does no more than end that. Null when there is
-  // none. To be given back with `detach`.
-  std::shared_ptr<PooledSession> takeHolding(std::string_view path) EXCLUDES(iCondition);
   // Notes what a session in use is about to upload to. True when it has to end first what it holds.
   bool claim(PooledSession& session, std::string_view path) EXCLUDES(iCondition);
-  // No session holds that path, or one below it, open any more once this has returned; those in use do so
-  // before their next upload. Waits for the server.
+  // Idle sessions, and those that this thread has attached, end their hold of that path or one below it
+  // before this returns; others in use when they are given back, or before their next transfer. Waits for the
+  // server.
   void letGoOf(std::string_view path) EXCLUDES(iCondition);
   // Turns an attached request into a transfer: false when the share of transfers is taken.
   bool tryBeginTransfer() EXCLUDES(iCondition);

@@ -109,22 +109,27 @@ bool SFTPSession::openForChanges(NSFileHandle& from, std::string_view path, NSEr
   return openUpload(path, flags, from.extents(), error);
 }
 
+// The close travels right behind the last write: one wait for all. A full disk or quota may show only there.
 bool SFTPSession::closeUpload(NSErrorRef* error) {
-  // A full disk or quota may show only here.
+  NoControl control;
+  const std::string path = iUpload->path();
   const uint32_t id = iRequests.close(iUpload->handle());
-  if (!waitStatus(id, SFTPOperation::kWrite, iUpload->path(), error)) return false;
-  iUpload->end(nullptr);
+  NSErrorRef reason;
+  bool succeeded = iUpload->finish(control, &reason);
+  if (succeeded) {
+    succeeded = waitStatus(id, SFTPOperation::kWrite, path, &reason);
+  } else {
+    iChannel.abandon(id);
+  }
+  if (!succeeded) reason = explainWrite(reason, path);
+  iUpload->end(reason);
   iUpload.reset();
-  return true;
+  if (!succeeded) storeError(error, std::move(reason));
+  return succeeded;
 }
 
 void SFTPSession::finishUpload() {
-  if (iUpload == nullptr) return;
-  NoControl control;
-  NSErrorRef reason;
-  if (iUpload->finish(control, &reason) && closeUpload(&reason)) return;
-  iUpload->end(explainWrite(reason, iUpload->path()));
-  dropUpload();
+  if (iUpload != nullptr) (void)closeUpload(nullptr);
 }
 
 void SFTPSession::dropUpload() {

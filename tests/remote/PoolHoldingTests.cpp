@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "tests/remote/FakeEngine.h"
+#include "tests/support/FakeEngine.h"
 #include "tests/support/ManualClock.h"
 
 namespace ombra {
@@ -68,15 +68,26 @@ TEST_F(PoolHolding, AnUploadGetsTheSessionThatHoldsItsPath) {
   EXPECT_EQ(endsOfHold(), 0);
 }
 
-TEST_F(PoolHolding, WhoeverElseGetsTheSessionEndsTheHoldFirst) {
+TEST_F(PoolHolding, ARequestUsesTheSessionAndLeavesTheHoldAlone) {
   EXPECT_TRUE(upload("/a"));
-  fake.engine->onList = [this](FakeSession& session, const std::string&, std::vector<RemoteEntry>*,
-                               NSErrorRef*) {
+  EXPECT_TRUE(fake.list());
+  EXPECT_EQ(fake.engine->made, 1);
+  EXPECT_TRUE(upload("/a"));
+  EXPECT_EQ(endsOfHold(), 0);
+}
+
+TEST_F(PoolHolding, ATransferEndsTheHoldFirst) {
+  EXPECT_TRUE(upload("/a"));
+  fake.engine->onDownload = [this](FakeSession& session, NSFileHandle&, uint64_t, std::string*,
+                                   TransferControl&, NSErrorRef*) {
     EXPECT_EQ(session.heldPath(), "");
     EXPECT_FALSE(file->extents()->isSending());
     return true;
   };
-  EXPECT_TRUE(fake.list());
+  const auto target = temporaryFile("");
+  fake.with([&](AbstractConnection& connection) {
+    EXPECT_TRUE(connection.downloadFileAtPath("/b", *target, 0, nullptr, nullptr));
+  });
   EXPECT_EQ(endsOfHold(), 1);
 }
 
@@ -93,8 +104,8 @@ TEST_F(PoolHolding, AHoldEndsAfterASecondAndNotBefore) {
 }
 
 TEST_F(PoolHolding, AMoveOrARemovalOfThePathOrAboveEndsTheHoldFirst) {
-  using Change = std::function<bool(AbstractConnection&)>;
-  const std::pair<const char*, Change> table[] = {
+  using TreeChange = std::function<bool(AbstractConnection&)>;
+  const std::pair<const char*, TreeChange> table[] = {
       {"removal", [](AbstractConnection& on) { return on.deleteItemAtPath("/d/a", false, nullptr); }},
       {"move", [](AbstractConnection& on) { return on.moveItemFromPath("/d/a", false, "/b", nullptr); }},
       {"move onto it",
@@ -172,12 +183,16 @@ TEST_F(PoolHolding, FinishingWhatNothingIsUnderWayOfNeedsNoSession) {
   EXPECT_EQ(fake.engine->made, 0);
 }
 
-TEST_F(PoolHolding, FinishingWaitsForWhoeverEndsTheHoldAlready) {
+// A request holds the session up for a moment, and then ends the hold as it was asked to.
+TEST_F(PoolHolding, FinishingWaitsForARequestThatHasTheSessionInHand) {
   fake.engine->cap = 1;
   fake.pool->setMaximumConnections(0);
   EXPECT_TRUE(upload("/a"));
-  fake.engine->onEndOfHold = [this](FakeSession&, const std::string&) -> NSErrorRef {
+  fake.engine->onList = [this](FakeSession&, const std::string&, std::vector<RemoteEntry>*, NSErrorRef*) {
     fake.engine->gate.pass();
+    return true;
+  };
+  fake.engine->onEndOfHold = [](FakeSession&, const std::string&) {
     return QuarnKitError::errorWithCode(kQuarnKitRefused);
   };
   std::thread lister([&] { EXPECT_TRUE(fake.list()); });
@@ -190,6 +205,17 @@ TEST_F(PoolHolding, FinishingWaitsForWhoeverEndsTheHoldAlready) {
   fake.engine->gate.open();
   finisher.join();
   lister.join();
+  EXPECT_EQ(endsOfHold(), 1);
+}
+
+TEST_F(PoolHolding, FinishingOnTheThreadThatHasTheSessionInHandEndsTheHold) {
+  EXPECT_TRUE(upload("/a"));
+  fake.with([&](AbstractConnection& outer) {
+    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+    EXPECT_TRUE(outer.contentsAtPath("/", &nodes, nullptr));
+    fake.with([&](AbstractConnection& inner) { EXPECT_TRUE(inner.finishUploads(*file, "/a", nullptr)); });
+    EXPECT_EQ(endsOfHold(), 1);
+  });
 }
 
 }  // namespace
