@@ -144,6 +144,10 @@ bool OFSRemoteFile::downloadFailed() {
 
 void OFSRemoteFile::cancelDownload() {
   const ConditionLock lock(iCondition);
+  locked_cancelDownload();
+}
+
+void OFSRemoteFile::locked_cancelDownload() {
   if (!locked_downloadRuns()) return;
   iBytesRequired = kCancelMark;
   locked_stopRunningConnection();

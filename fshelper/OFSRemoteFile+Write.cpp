@@ -145,6 +145,8 @@ void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offs
   // A new object that nobody opens would never settle.
   const bool neverOpened = iState == kOFSNew && iFileHandle == nullptr;
   if (!neverOpened) {
+    // Overwriting a large file that has just been looked at need not wait for bytes that are thrown away.
+    if (offset == 0) locked_cancelDownload();
     const SettleWaiter waiter(*this);
     locked_waitUntilIdle();
   }

@@ -230,6 +230,7 @@ class OFSRemoteFile final : public GMOpenFile,
   // Asks the running worker's connection to stop, besides what the next progress report does.
   void locked_stopRunningConnection() REQUIRES(iCondition);
   bool locked_downloadRuns() const REQUIRES(iCondition);
+  void locked_cancelDownload() REQUIRES(iCondition);
 
   // --- download and reads
   static void downloadOnThread(const std::shared_ptr<OFSRemoteFile>& file, Epoch epoch);

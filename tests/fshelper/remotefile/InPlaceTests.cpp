@@ -203,6 +203,32 @@ TEST_F(Truncating, WaitsForTheDownload) {
   EXPECT_EQ(onServer(), "01234");
 }
 
+TEST_F(Truncating, ToNothingEndsADownloadThatNobodyNeedsAnyMore) {
+  server.setChunkSize(4);
+  const auto hold = server.hold("downloadFileAtPath", kPath, 4);
+  file = arrivingFile("0123456789", 4);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto truncation = inBackground([this] { return file->_truncateToOffset(0, nullptr); });
+  EXPECT_TRUE(finish(truncation));
+  EXPECT_EQ(onServer(), "");
+  EXPECT_EQ(file->attributes().fileSize, 0u);
+  EXPECT_EQ(file->contentState(), GMContentState::kComplete);
+  EXPECT_EQ(server.transfers("downloadFileAtPath")[0].bytes, "0123");
+}
+
+TEST_F(Truncating, ToNothingEndsADownloadThatHasYetToBegin) {
+  const auto hold = server.hold("downloadFileAtPath", kPath);
+  server.addFile(kPath, "0123456789");
+  file = makeFile();
+  auto opening = inBackground([this] { return file->openWithMode(kO_RDWR, nullptr); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto truncation = inBackground([this] { return file->_truncateToOffset(0, nullptr); });
+  EXPECT_TRUE(finish(truncation));
+  EXPECT_TRUE(finish(opening));
+  EXPECT_EQ(onServer(), "");
+  EXPECT_EQ(file->contentState(), GMContentState::kComplete);
+}
+
 TEST_F(Truncating, EndsAnIdleStreamAtOnce) {
   file = createdFile();
   ASSERT_EQ(write(*file, "hello", 0), 5);
