@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "tests/remote/FakeEngine.h"
+#include "tests/support/FakeEngine.h"
 #include "tests/support/ManualClock.h"
 
 namespace ombra {

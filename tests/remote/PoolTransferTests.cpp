@@ -5,7 +5,7 @@
 #include <cstring>
 #include <thread>
 
-#include "tests/remote/FakeEngine.h"
+#include "tests/support/FakeEngine.h"
 #include "tests/support/ManualClock.h"
 
 namespace ombra {

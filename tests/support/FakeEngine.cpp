@@ -1,4 +1,4 @@
-#include "tests/remote/FakeEngine.h"
+#include "tests/support/FakeEngine.h"
 
 #include <cstdlib>
 
