@@ -130,6 +130,17 @@ void OFSRemoteFile::reclaim() {
   iAbandoned = false;
 }
 
+void OFSRemoteFile::holdWrites() {
+  const ConditionLock lock(iCondition);
+  ++iMoves;
+}
+
+void OFSRemoteFile::letWritesGo() {
+  const ConditionLock lock(iCondition);
+  --iMoves;
+  iCondition.broadcast();
+}
+
 bool OFSRemoteFile::isCovered() {
   if (iHeldTransfers != 0) return false;
   const ConditionLock lock(iCondition);

@@ -141,8 +141,8 @@ void OFSRemoteFile::streamOnThread(const std::shared_ptr<OFSRemoteFile>& file, E
   }
   AbstractConnection& connection = *holder;
   NSErrorRef error;
+  const std::string path = file->remotePath();
   const bool succeeded = file->lendConnection(epoch, connection) && ofs_runTransfer(&error, [&] {
-                           const std::string path = file->remotePath();
                            return connection.streamBytesWithFilename(
                                connection.displayStringForRemoteString(path), path, *file, &error);
                          });
@@ -150,18 +150,21 @@ void OFSRemoteFile::streamOnThread(const std::shared_ptr<OFSRemoteFile>& file, E
   const ConditionLock lock(file->iCondition);
   OFS_TRACE_MESSAGE("finished {}: bytesAvailable={}, bytesRequired={}", NSThread::name(),
                     file->iBytesAvailable, file->iBytesRequired);
-  if (file->iEpoch == epoch) file->locked_finishStream(succeeded, error);
+  if (file->iEpoch == epoch) file->locked_finishStream(succeeded, path, error);
   file->locked_endWorker(epoch);
 }
 
-void OFSRemoteFile::locked_finishStream(bool succeeded, const NSErrorRef& error) {
-  if (iBytesRequired != kCancelMark && (!succeeded || iStreamFailure != nullptr)) {
+void OFSRemoteFile::locked_finishStream(bool succeeded, const std::string& path, const NSErrorRef& error) {
+  // Moved meanwhile: success would be that of a file that is elsewhere, and failure says nothing of streams.
+  // What it took stays unconfirmed.
+  const bool isMoved = path != remotePath();
+  if (!isMoved && iBytesRequired != kCancelMark && (!succeeded || iStreamFailure != nullptr)) {
     const NSErrorRef& failure = iStreamFailure != nullptr ? iStreamFailure : error;
     OFS_TRACE_MESSAGE("error={}", ofs_describeError(failure));
     iLastError = failure != nullptr ? failure : NSError::errorWithDomain(NSPOSIXErrorDomain, kEIO);
   }
   // The end of a stream confirms the file only as far as the stream had it all.
-  if (succeeded && iStreamFailure == nullptr && iStreamTaken == iStreamLength)
+  if (succeeded && !isMoved && iStreamFailure == nullptr && iStreamTaken == iStreamLength)
     locked_confirm(iStreamGeneration);
   locked_setState(kOFSSettled);
   iBytesRequired = 0;

@@ -110,11 +110,17 @@ bool OFSRemoteFile::locked_uploadPass(Epoch epoch) {
   uint64_t transferred = 0;
   NSErrorRef error;
   bool succeeded = false;
+  const std::string path = remotePath();
   {
     const ConditionRelease released(iCondition);
-    succeeded = sendSnapshot(epoch, snapshot, &transferred, &error);
+    succeeded = sendSnapshot(epoch, snapshot, path, &transferred, &error);
   }
-  return iEpoch == epoch && locked_finishUploadPass(succeeded, transferred, generation, error);
+  if (iEpoch != epoch) return false;
+  if (path == remotePath()) return locked_finishUploadPass(succeeded, transferred, generation, error);
+  // Moved meanwhile: whatever became of this pass, the file is not there. One more brings it to where it is.
+  if (iBytesRequired == kCancelMark) return false;
+  iNeedsFlush = true;
+  return true;
 }
 
 std::optional<std::string> OFSRemoteFile::locked_takeSnapshot() {
@@ -130,10 +136,9 @@ std::optional<std::string> OFSRemoteFile::locked_takeSnapshot() {
 }
 
 bool OFSRemoteFile::sendSnapshot(Epoch epoch, const std::optional<std::string>& snapshot,
-                                 uint64_t* transferred, NSErrorRef* error) {
+                                 const std::string& path, uint64_t* transferred, NSErrorRef* error) {
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   const std::shared_ptr<NSFileHandle> handle = fileHandle();
-  const std::string path = remotePath();
   StAbstractConnection holder(pool.get(), this);
   AbstractConnection& connection = *holder;
   const bool succeeded =

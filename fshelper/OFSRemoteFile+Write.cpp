@@ -45,7 +45,11 @@ int OFSRemoteFile::_writeFromBuffer(const void* buffer, size_t size, int64_t off
 // A write never overlaps a download, also not one that has yet to deliver its first byte. And it does not
 // overtake a synchroniser, which would have no end if each of its attempts were outdated by further writes.
 void OFSRemoteFile::locked_awaitTurnToWrite() {
-  while (locked_downloadRuns() || iSynchronizers > 0) locked_wait();
+  while (locked_downloadRuns() || iSynchronizers > 0 || iMoves > 0) locked_wait();
+}
+
+void OFSRemoteFile::locked_awaitEndOfMoves() {
+  while (iMoves > 0) locked_wait();
 }
 
 int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buffer, size_t size,
@@ -107,12 +111,21 @@ void OFSRemoteFile::locked_failWrite(const KCException& exception, NSErrorRef* e
 bool OFSRemoteFile::locked_sendCacheFile(AbstractConnection& connection, uint64_t offset,
                                          uint64_t* transferred, NSErrorRef* error) {
   const HeldTransfer held(*this);
-  const std::string path = remotePath();
   NSFileHandle& handle = *iFileHandle;
-  return ofs_runTransfer(error, [&] {
-    return connection.uploadFileHandle(handle, connection.displayStringForRemoteString(path), path, offset,
-                                       transferred, error);
-  });
+  std::string path = remotePath();
+  while (true) {
+    const bool succeeded = ofs_runTransfer(error, [&] {
+      return connection.uploadFileHandle(handle, connection.displayStringForRemoteString(path), path, offset,
+                                         transferred, error);
+    });
+    // Moved meanwhile: nobody knows where these bytes are now, so all of them go to where the file is.
+    const std::string now = remotePath();
+    if (now == path) return succeeded;
+    path = now;
+    offset = 0;
+    locked_doubtServer();
+    storeError(error, nullptr);
+  }
 }
 
 void OFSRemoteFile::locked_uploadWithConnection(AbstractConnection& connection, uint64_t offset) {
@@ -142,6 +155,7 @@ bool OFSRemoteFile::_truncateToOffset(int64_t offset, NSErrorRef* error) {
 }
 
 void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offset) {
+  if (!iAbandoned) locked_awaitEndOfMoves();
   // A new object that nobody opens would never settle.
   const bool neverOpened = iState == kOFSNew && iFileHandle == nullptr;
   if (!neverOpened) {

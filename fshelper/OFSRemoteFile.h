@@ -146,6 +146,10 @@ class OFSRemoteFile final : public GMOpenFile,
   // Grows while a transfer moves bytes, and when a remote call made with the condition held has ended. Never
   // waits.
   uint64_t movements() const { return iMovements.load(); }
+  // While the file, or a folder above it, is being moved: writes and truncations wait, so that nothing is sent
+  // to where it will not be. Each hold is ended once.
+  void holdWrites() EXCLUDES(iCondition);
+  void letWritesGo() EXCLUDES(iCondition);
   // Copies the cache file to a new file at a local path (mode 0600), for content that could not be sent.
   // False with errno set: EEXIST when there is one already, which stays as it is; else no file is left there.
   bool saveContentAs(const std::string& path) EXCLUDES(iPathLock);
@@ -254,7 +258,9 @@ class OFSRemoteFile final : public GMOpenFile,
       REQUIRES(iCondition);
   bool locked_startStream(uint64_t end) REQUIRES(iCondition);
   static void streamOnThread(const std::shared_ptr<OFSRemoteFile>& file, Epoch epoch);
-  void locked_finishStream(bool succeeded, const NSErrorRef& error) REQUIRES(iCondition);
+  // `path`: where it was sent to.
+  void locked_finishStream(bool succeeded, const std::string& path, const NSErrorRef& error)
+      REQUIRES(iCondition);
   size_t locked_pullStreamBytes(AbstractConnection& connection, std::byte* bytes, size_t capacity)
       REQUIRES(iCondition);
   size_t locked_takeStreamBytes(AbstractConnection& connection, std::byte* bytes, size_t capacity)
@@ -264,6 +270,7 @@ class OFSRemoteFile final : public GMOpenFile,
   int locked_write(AbstractConnection& connection, const void* buffer, size_t size, int64_t offset)
       REQUIRES(iCondition);
   void locked_awaitTurnToWrite() REQUIRES(iCondition);
+  void locked_awaitEndOfMoves() REQUIRES(iCondition);
   void locked_failWrite(const KCException& exception, NSErrorRef* error) REQUIRES(iCondition);
   void locked_uploadWithConnection(AbstractConnection& connection, uint64_t offset) REQUIRES(iCondition);
   // Sends the cache file from `offset` on, with the condition held: what follows finds it on the server.
@@ -280,8 +287,8 @@ class OFSRemoteFile final : public GMOpenFile,
   bool locked_uploadPass(Epoch epoch) REQUIRES(iCondition);
   // A copy of the cache file at a fresh path; absent when the disk has no room for it.
   std::optional<std::string> locked_takeSnapshot() REQUIRES(iCondition);
-  bool sendSnapshot(Epoch epoch, const std::optional<std::string>& snapshot, uint64_t* transferred,
-                    NSErrorRef* error) EXCLUDES(iCondition);
+  bool sendSnapshot(Epoch epoch, const std::optional<std::string>& snapshot, const std::string& path,
+                    uint64_t* transferred, NSErrorRef* error) EXCLUDES(iCondition);
   bool locked_finishUploadPass(bool succeeded, uint64_t transferredBytes, uint64_t generation,
                                const NSErrorRef& error) REQUIRES(iCondition);
   void locked_truncate(AbstractConnection& connection, int64_t offset) REQUIRES(iCondition);
@@ -349,6 +356,7 @@ class OFSRemoteFile final : public GMOpenFile,
 
   size_t iSettleWaiters GUARDED_BY(iCondition) = 0;
   size_t iSynchronizers GUARDED_BY(iCondition) = 0;
+  size_t iMoves GUARDED_BY(iCondition) = 0;
   size_t iClosers GUARDED_BY(iCondition) = 0;
   size_t iWaiters GUARDED_BY(iCondition) = 0;
 };

@@ -23,14 +23,6 @@ std::optional<std::string> movedPath(const std::string& path, const std::string&
   return to + path.substr(from.size());
 }
 
-// A failure leaves the copy with its old attributes: less good, but of no consequence for the content.
-void setAttributesOfCacheFile(int descriptor, const NSFileAttributes& attributes) {
-  if (attributes.posixPermissions) (void)::fchmod(descriptor, *attributes.posixPermissions);
-  if (!attributes.modificationDate) return;
-  const timespec times[2] = {{0, UTIME_OMIT}, kc_timespec(*attributes.modificationDate)};
-  (void)::futimens(descriptor, times);
-}
-
 // Nodes below a moved folder learn their new paths. A link that was replaced by what it leads to outside the
 // volume keeps its path, and every node keeps its name, so that the sets still find it.
 void moveNodesBelow(const KCNode& folder, const std::string& from, const std::string& to) {
@@ -109,8 +101,7 @@ void OmbraFileSystem::showAttributes(const NSFileAttributes& attributes, KCRemot
   if (attributes.posixPermissions) node.setPermissions(FilePermissions(*attributes.posixPermissions));
   if (attributes.modificationDate) node.setModificationDate(attributes.modificationDate);
   const std::shared_ptr<OFSRemoteFile> file = ofs_remoteFile(node);
-  const std::shared_ptr<NSFileHandle> handle = file == nullptr ? nullptr : file->fileHandle();
-  if (handle != nullptr) setAttributesOfCacheFile(handle->fileDescriptor(), attributes);
+  if (file != nullptr) file->showAttributes(attributes);
 }
 
 void OmbraFileSystem::seedCacheAttributesAtPath(OptionalPath path, const GMUserData& userData) {
@@ -155,14 +146,45 @@ bool OmbraFileSystem::settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* erro
   OFS_TRACE("-[OmbraFileSystem settleBeforeMoveAtPath:error:]", "{}", ofs_describe(path));
   if (!path) return true;
   const std::string remotePath = remotePathForPath(*path);
-  bool isSettled = true;
+  std::vector<std::shared_ptr<OFSRemoteFile>> files;
   for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) {
     const std::string filePath = entry.file->remotePath();
-    if (filePath != remotePath && !movedPath(filePath, remotePath, {})) continue;
-    // All are tried; the first failure is told.
-    if (!entry.file->synchronize(isSettled ? error : nullptr)) isSettled = false;
+    if (filePath == remotePath || movedPath(filePath, remotePath, {})) files.push_back(entry.file);
   }
+  for (const auto& file : files) file->holdWrites();
+  {
+    MutexLock lock(iPropertyLock);
+    iMoves.emplace(remotePath, files);
+  }
+  bool isSettled = true;
+  try {
+    for (const auto& file : files) {
+      // All are tried; the first failure is told.
+      if (!file->synchronize(isSettled ? error : nullptr)) isSettled = false;
+    }
+  } catch (...) {
+    letWritesGo(remotePath);
+    throw;
+  }
+  if (!isSettled) letWritesGo(remotePath);
   return isSettled;
+}
+
+void OmbraFileSystem::letWritesGo(const std::string& remotePath) {
+  std::vector<std::shared_ptr<OFSRemoteFile>> files;
+  {
+    MutexLock lock(iPropertyLock);
+    const auto held = iMoves.find(remotePath);
+    if (held == iMoves.end()) return;
+    files = std::move(held->second);
+    iMoves.erase(held);
+  }
+  for (const auto& file : files) file->letWritesGo();
+}
+
+void OmbraFileSystem::moveFailedAtPath(OptionalPath path) {
+  OFS_TRACE("-[OmbraFileSystem moveFailedAtPath:]", "{}", ofs_describe(path));
+  if (path) letWritesGo(remotePathForPath(*path));
 }
 
 void OmbraFileSystem::movedItemAtPath(OptionalPath path, OptionalPath toPath) {
@@ -176,6 +198,7 @@ void OmbraFileSystem::movedItemAtPath(OptionalPath path, OptionalPath toPath) {
   }
   const std::shared_ptr<KCRemoteFileNode> node = _nodeForPath(*toPath);
   if (node != nullptr) moveNodesBelow(*node, from, to);
+  letWritesGo(from);
 }
 
 // Answered from the tree; a folder on the way that is not known yet is listed, as the call that follows

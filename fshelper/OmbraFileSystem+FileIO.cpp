@@ -39,9 +39,14 @@ int OmbraFileSystem::writeFileAtPath(OptionalPath path, const GMUserData& userDa
   OFS_TRACE("-[OmbraFileSystem writeFileAtPath:userData:buffer:size:offset:error:]", "{}",
             ofs_describe(path));
   OFSRemoteFile* file = openedFile(userData);
-  const int written = file == nullptr ? 0 : file->_writeFromBuffer(buffer, size, offset, error);
+  if (file == nullptr) return 0;
+  const std::string remotePath = file->remotePath();
+  const int written = file->_writeFromBuffer(buffer, size, offset, error);
   if (written > 0) {
-    updateNode(path, *file);
+    // The write may have waited for a move.
+    const std::string now = file->remotePath();
+    const std::string moved = now == remotePath ? std::string() : pathForRemotePath(now);
+    updateNode(path && !moved.empty() ? OptionalPath(moved) : path, *file);
     fileSystemAttributesNeedUpdate(true);
   }
   return written;

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -156,6 +157,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   GMUserData openFileAtPathIfAny(OptionalPath path) override;
   bool settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* error) override;
   void movedItemAtPath(OptionalPath path, OptionalPath toPath) override;
+  void moveFailedAtPath(OptionalPath path) override;
   std::optional<std::vector<std::string>> namesAsListedAtPath(OptionalPath path, NSErrorRef* error) override;
   std::string listedPathForPath(std::string_view path) override;
   void forgetFailedContentAtPath(OptionalPath path) override;
@@ -237,6 +239,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // Makes `file` the node's open-file object.
   OFSNodeFilePin hangOnNode(const std::shared_ptr<OFSRemoteFile>& file,
                             const std::shared_ptr<KCRemoteFileNode>& node);
+  void letWritesGo(const std::string& remotePath) EXCLUDES(iPropertyLock);
   struct CacheBudget {
     uint64_t bytes;
     size_t files;
@@ -268,6 +271,8 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::string iInitialPath GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iPropertyLock);
   PoolMaker iPoolMaker GUARDED_BY(iPropertyLock);
+  // The files whose writes are held up, by the remote path of what is being moved.
+  std::multimap<std::string, std::vector<std::shared_ptr<OFSRemoteFile>>> iMoves GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCRemoteFolderNode> iRootNode GUARDED_BY(iPropertyLock);
   std::vector<std::FILE*> iTranscriptLogs GUARDED_BY(iPropertyLock);
   std::optional<uint64_t> iBudgetBytes GUARDED_BY(iPropertyLock);

@@ -126,8 +126,11 @@ class GMUserFileSystemDurability {
   }
   // The open-file object of a path, if it has been prepared; null otherwise. Asks no server.
   virtual GMUserData openFileAtPathIfAny(OptionalPath path) = 0;
-  // Before a move: what is being sent of the source reaches the server.
+  // Before a move: what is being sent of the source reaches the server, and writes below it wait until
+  // `movedItemAtPath` or `moveFailedAtPath`, one of which follows a success.
   virtual bool settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* error) = 0;
+  // The move did not happen.
+  virtual void moveFailedAtPath(OptionalPath /*path*/) {}
   // After a move: open files below a moved folder learn their new paths.
   virtual void movedItemAtPath(OptionalPath path, OptionalPath toPath) = 0;
   // The entries of a folder byte for byte as the server lists them; each form of a name that is listed twice

@@ -9,6 +9,27 @@
 
 namespace ombra {
 
+namespace {
+
+// A move between its settling and its end, however that comes.
+class MoveUnderWay {
+ public:
+  MoveUnderWay(GMUserFileSystemDurability* durability, const std::string& from)
+      : iDurability(durability), iFrom(from) {}
+  ~MoveUnderWay() {
+    if (iDurability != nullptr) iDurability->moveFailedAtPath(iFrom);
+  }
+  MoveUnderWay(const MoveUnderWay&) = delete;
+  MoveUnderWay& operator=(const MoveUnderWay&) = delete;
+  void succeeded() { iDurability = nullptr; }
+
+ private:
+  GMUserFileSystemDurability* iDurability;
+  const std::string& iFrom;
+};
+
+}  // namespace
+
 // A removed file goes on serving its handles. It must not be uploaded any more, or it would come back on the
 // server, and so it is told before it is removed there.
 std::vector<GMUserData> Volume::abandonFilesAtPath(const std::string& path) {
@@ -83,6 +104,7 @@ int Volume::moveListed(const std::string& from, const std::string& to) {
   NSErrorRef error;
   // What is being sent of the source would otherwise end under the old name.
   if (durability != nullptr && !durability->settleBeforeMoveAtPath(from, &error)) return failure(error);
+  MoveUnderWay move(durability, from);
   const auto replaced = attributesAtPath(to);
   const bool replacesFile = replaced && replaced->fileType != NSFileTypeValue::NSFileTypeDirectory;
   const auto abandoned = replacesFile ? abandonFilesAtPath(to) : std::vector<GMUserData>();
@@ -99,6 +121,7 @@ int Volume::moveListed(const std::string& from, const std::string& to) {
   iHandles.move(from, to);
   iFolders.move(from, to);
   if (durability != nullptr) durability->movedItemAtPath(from, to);
+  move.succeeded();
   return 0;
 }
 

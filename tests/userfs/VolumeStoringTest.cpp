@@ -117,7 +117,9 @@ TEST_F(VolumeStoring, AFailedContentIsForgottenBeforeATruncationByPath) {
   EXPECT_EQ(iVolume->truncate("/a", 0, 3), 0);
   const auto calls = iFiles.calls();
   const auto forgotten = std::find(calls.begin(), calls.end(), "forget /a");
-  const auto truncated = std::find(calls.begin(), calls.end(), "truncate /a 3");
+  const auto truncated = std::find_if(calls.begin(), calls.end(), [](const std::string& call) {
+    return call.compare(0, 13, "truncate /a 3") == 0;
+  });
   ASSERT_NE(truncated, calls.end());
   EXPECT_LT(forgotten, truncated);
 }
@@ -131,6 +133,35 @@ TEST_F(VolumeStoring, ATruncationByPathOfAFileThatOthersReadIsStoredWhenItReturn
   iFiles.failWith("truncate", kEIO);
   iFiles.failWith("synchronize", kEIO);
   EXPECT_EQ(iVolume->truncate("/a", 0, 3), -EIO);
+}
+
+class MovesRecorded final : public DurableMemoryFileSystem {
+ public:
+  void moveFailedAtPath(OptionalPath path) override { enter("moveFailed", path, "", nullptr); }
+};
+
+TEST(VolumeMove, EachThatWasSettledIsEndedOnce) {
+  MovesRecorded files;
+  for (const char* path : {"/a", "/b", "/c"}) files.addFile(path, "content");
+  const auto volume = std::make_shared<Volume>(&files, VolumeSettings{"/Volumes/Test", false, true});
+  EXPECT_EQ(volume->move("/a", "/moved", 0), 0);
+  EXPECT_EQ(files.countOf("moved /a /moved"), 1u);
+  EXPECT_EQ(files.countOf("moveFailed"), 0u);
+  files.failWith("move", kEACCES);
+  EXPECT_EQ(volume->move("/b", "/other", 0), -EACCES);
+  EXPECT_EQ(files.countOf("moveFailed /b"), 1u);
+  files.raiseIn("move");
+  EXPECT_THROW(volume->move("/c", "/other", 0), KCException);
+  EXPECT_EQ(files.countOf("moveFailed /c"), 1u);
+}
+
+TEST(VolumeMove, ThatCouldNotBeSettledHasNoEnd) {
+  MovesRecorded files;
+  files.addFile("/a", "content");
+  files.failWith("settle", kEIO);
+  const auto volume = std::make_shared<Volume>(&files, VolumeSettings{"/Volumes/Test", false, true});
+  EXPECT_EQ(volume->move("/a", "/moved", 0), -EIO);
+  EXPECT_EQ(files.countOf("moveFailed"), 0u);
 }
 
 }  // namespace

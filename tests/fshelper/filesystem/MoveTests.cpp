@@ -1,4 +1,6 @@
 // Renaming, and moving between folders.
+#include <thread>
+
 #include "fshelper/OFSRemoteFile.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
@@ -262,6 +264,45 @@ TEST_F(MovedFolder, OpenFilesBelowLearnTheirNewPaths) {
   EXPECT_EQ(std::dynamic_pointer_cast<OFSRemoteFile>(other)->remotePath(), "/home/u/b.txt");
   EXPECT_EQ(write("/empty/moved/deep/y.txt", y, "new"), 3);
   EXPECT_EQ(server.content("/home/u/empty/moved/deep/y.txt"), "new");
+}
+
+TEST_F(MovedFolder, WritesBelowWaitAndGoToTheNewPath) {
+  const GMUserData x = open("/full/x.txt");
+  read(x);
+  ASSERT_TRUE(fileSystem.settleBeforeMoveAtPath("/full", &error));
+  std::thread writer([&] { EXPECT_EQ(write("/full/x.txt", x, "longer"), 6); });
+  while (std::dynamic_pointer_cast<OFSRemoteFile>(x)->waiterCount() == 0) std::this_thread::yield();
+  ASSERT_TRUE(move("/full", "/empty/moved"));
+  EXPECT_FALSE(server.exists("/home/u/full/x.txt"));
+  fileSystem.movedItemAtPath("/full", "/empty/moved");
+  writer.join();
+  EXPECT_EQ(server.content("/home/u/empty/moved/x.txt"), "longer");
+  EXPECT_FALSE(server.exists("/home/u/full/x.txt"));
+  EXPECT_EQ(fileSystem._nodeForPath("/empty/moved/x.txt")->size(), 6u);
+}
+
+TEST_F(MovedFolder, WritesBelowGoOnWhenTheMoveFails) {
+  const GMUserData x = open("/full/x.txt");
+  read(x);
+  ASSERT_TRUE(fileSystem.settleBeforeMoveAtPath("/full", &error));
+  std::thread writer([&] { EXPECT_EQ(write("/full/x.txt", x, "longer"), 6); });
+  while (std::dynamic_pointer_cast<OFSRemoteFile>(x)->waiterCount() == 0) std::this_thread::yield();
+  fileSystem.moveFailedAtPath("/full");
+  writer.join();
+  EXPECT_EQ(server.content("/home/u/full/x.txt"), "longer");
+}
+
+TEST_F(MovedFolder, TruncationsBelowWaitAsWell) {
+  const GMUserData x = open("/full/x.txt");
+  read(x);
+  const auto file = std::dynamic_pointer_cast<OFSRemoteFile>(x);
+  ASSERT_TRUE(fileSystem.settleBeforeMoveAtPath("/full", &error));
+  std::thread writer([&] { EXPECT_TRUE(file->_truncateToOffset(0, nullptr)); });
+  while (file->waiterCount() == 0) std::this_thread::yield();
+  ASSERT_TRUE(move("/full", "/empty/moved"));
+  fileSystem.movedItemAtPath("/full", "/empty/moved");
+  writer.join();
+  EXPECT_EQ(server.content("/home/u/empty/moved/x.txt"), "");
 }
 
 TEST_F(MovedFolder, NodesBelowLearnTheirNewPathsAndKeepTheirNames) {
