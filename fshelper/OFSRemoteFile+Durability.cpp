@@ -16,6 +16,23 @@
 namespace ombra {
 namespace {
 constexpr const char* kSynchronize = "-[OFSRemoteFile synchronize:]";
+
+// Mode and date of `changes`, as far as it has them.
+void overlay(NSFileAttributes& attributes, const NSFileAttributes& changes) {
+  if (changes.posixPermissions) attributes.posixPermissions = changes.posixPermissions;
+  if (changes.modificationDate) attributes.modificationDate = changes.modificationDate;
+}
+
+// A failure leaves the cache file with the attributes that it has: less good, but of no consequence for the
+// content.
+void setAttributesOfCacheFile(int descriptor, const NSFileAttributes& attributes) {
+  if (attributes.posixPermissions)
+    (void)OFSRemoteFileLocalCalls::current().fchmod(descriptor, *attributes.posixPermissions);
+  if (!attributes.modificationDate) return;
+  const timespec times[2] = {{0, UTIME_OMIT}, kc_timespec(*attributes.modificationDate)};
+  (void)::futimens(descriptor, times);
+}
+
 }  // namespace
 
 void OFSRemoteFile::locked_noteLocalChange(uint64_t from) {
@@ -91,21 +108,36 @@ void OFSRemoteFile::waitForContent(uint64_t seen) {
 
 void OFSRemoteFile::seedCacheAttributes(const NSFileAttributes& attributes) {
   const ConditionLock lock(iCondition);
-  if (iFileHandle == nullptr || iSeed) return;
-  iSeed = attributes;
+  if (iFileHandle == nullptr) return;
+  {
+    const MutexLock pathLock(iPathLock);
+    if (iSeed) return;
+    iSeed = attributes;
+    // Changed since the caller looked at the item.
+    overlay(*iSeed, iShown);
+  }
   locked_applySeed();
 }
 
 void OFSRemoteFile::locked_applySeed() {
-  if (!iSeed || iFileHandle == nullptr) return;
-  const int descriptor = iFileHandle->fileDescriptor();
-  // Failures leave the cache file with the attributes of a scratch file: less good, but of no consequence.
-  if (iSeed->posixPermissions)
-    (void)OFSRemoteFileLocalCalls::current().fchmod(descriptor, *iSeed->posixPermissions);
+  const MutexLock lock(iPathLock);
+  if (!iSeed || iOpenFile == nullptr) return;
+  NSFileAttributes seed = *iSeed;
   // What was changed here has a date of its own.
-  if (!iSeed->modificationDate || iLocalGeneration != 0) return;
-  const timespec times[2] = {{0, UTIME_OMIT}, kc_timespec(*iSeed->modificationDate)};
-  (void)::futimens(descriptor, times);
+  if (iLocalGeneration != 0) seed.modificationDate.reset();
+  setAttributesOfCacheFile(iOpenFile->fileDescriptor(), seed);
+}
+
+void OFSRemoteFile::showAttributes(const NSFileAttributes& attributes) {
+  const MutexLock lock(iPathLock);
+  overlay(iShown, attributes);
+  if (iSeed) overlay(*iSeed, attributes);
+  if (iOpenFile != nullptr) setAttributesOfCacheFile(iOpenFile->fileDescriptor(), attributes);
+}
+
+std::optional<NSDate> OFSRemoteFile::seededDate() const {
+  const MutexLock lock(iPathLock);
+  return iSeed ? iSeed->modificationDate : std::nullopt;
 }
 
 void OFSRemoteFile::abandon() {

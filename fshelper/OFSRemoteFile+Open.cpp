@@ -109,8 +109,8 @@ NSFileAttributes OFSRemoteFile::attributes() {
   result.modificationDate = kc_dateWithTimespec(status.st_mtim);
   result.posixPermissions = static_cast<uint16_t>(status.st_mode & 07777);
   // What a download brings is not a change of the file.
-  if (iState == kOFSDownloading && iSeed && iSeed->modificationDate)
-    result.modificationDate = iSeed->modificationDate;
+  const std::optional<NSDate> seeded = seededDate();
+  if (iState == kOFSDownloading && seeded) result.modificationDate = seeded;
   return result;
 }
 

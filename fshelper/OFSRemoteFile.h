@@ -132,6 +132,9 @@ class OFSRemoteFile final : public GMOpenFile,
   // Gives the cache file the mode and the date of the item, once, right after the first open. Bytes that a
   // download still brings do not change the date.
   void seedCacheAttributes(const NSFileAttributes& attributes) EXCLUDES(iCondition);
+  // Mode and date of the item have changed behind the open file: the cache file takes them, and keeps them
+  // when its content has arrived. Never waits for a transfer.
+  void showAttributes(const NSFileAttributes& attributes) EXCLUDES(iPathLock);
   // The file is about to be removed from the server: from now on nothing is sent, and handles are served from
   // the cache. Returns when the transfer that was sending has ended, so that it cannot make the file again.
   void abandon() EXCLUDES(iCondition);
@@ -146,8 +149,8 @@ class OFSRemoteFile final : public GMOpenFile,
   // Grows while a transfer moves bytes, and when a remote call made with the condition held has ended. Never
   // waits.
   uint64_t movements() const { return iMovements.load(); }
-  // While the file, or a folder above it, is being moved: writes and truncations wait, so that nothing is sent
-  // to where it will not be. Each hold is ended once.
+  // While the file, or a folder above it, is being moved: writes and truncations wait, so that nothing is
+  // sent to where it will not be. Each hold is ended once.
   void holdWrites() EXCLUDES(iCondition);
   void letWritesGo() EXCLUDES(iCondition);
   // Copies the cache file to a new file at a local path (mode 0600), for content that could not be sent.
@@ -302,7 +305,8 @@ class OFSRemoteFile final : public GMOpenFile,
   // A transfer begins that replaces the whole file: until it has succeeded, nobody knows what the server has.
   void locked_doubtServer() REQUIRES(iCondition);
   bool locked_synchronize(NSErrorRef* error) REQUIRES(iCondition);
-  void locked_applySeed() REQUIRES(iCondition);
+  void locked_applySeed() REQUIRES(iCondition) EXCLUDES(iPathLock);
+  std::optional<NSDate> seededDate() const EXCLUDES(iPathLock);
 
   const std::string iLocalPath;
 
@@ -314,6 +318,9 @@ class OFSRemoteFile final : public GMOpenFile,
   std::string iRemotePath GUARDED_BY(iPathLock);
   // The same handle as iFileHandle, for those who must not wait for a transfer.
   std::shared_ptr<NSFileHandle> iOpenFile GUARDED_BY(iPathLock);
+  // What the cache file gets once its content has arrived; and what was shown on it since, which comes first.
+  std::optional<NSFileAttributes> iSeed GUARDED_BY(iPathLock);
+  NSFileAttributes iShown GUARDED_BY(iPathLock);
 
   std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iCondition);
   uint32_t iMode GUARDED_BY(iCondition) = 0;
@@ -352,7 +359,6 @@ class OFSRemoteFile final : public GMOpenFile,
 
   bool iContentFailed GUARDED_BY(iCondition) = false;
   bool iAbandoned GUARDED_BY(iCondition) = false;
-  std::optional<NSFileAttributes> iSeed GUARDED_BY(iCondition);
 
   size_t iSettleWaiters GUARDED_BY(iCondition) = 0;
   size_t iSynchronizers GUARDED_BY(iCondition) = 0;

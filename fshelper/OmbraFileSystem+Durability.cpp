@@ -1,7 +1,5 @@
 // What programs on this system rely on besides: whole files on the server, attributes without
 // content, removal and moves of open files.
-#include <sys/stat.h>
-
 #include "fshelper/OFSTracing.h"
 #include "fshelper/OmbraFileSystem.h"
 #include "fshelper/StAbstractConnection.h"

@@ -175,6 +175,46 @@ TEST_F(Durability, AChangeSurvivesALaterWriteIntoTheCachedCopy) {
   EXPECT_EQ(node("/a.txt")->permissions()->mode() & 07777, 0750);
 }
 
+TEST_F(Durability, AChangeOfAnArrivingFileSurvivesTheEndOfItsDownload) {
+  const auto hold = server.hold("downloadFileAtPath", "/a.txt", 3);
+  const GMUserData file = open("/a.txt");
+  fileSystem.seedCacheAttributesAtPath("/a.txt", file);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  NSFileAttributes changes = withMode(0750);
+  changes.modificationDate = withDate(1234).modificationDate;
+  ASSERT_TRUE(change(changes, "/a.txt"));
+  const auto cache = std::dynamic_pointer_cast<OFSRemoteFile>(file);
+  EXPECT_EQ(cache->attributes().modificationDate, changes.modificationDate);
+  hold->release();
+  fileSystem.waitForContent(file, 1000);
+  EXPECT_EQ(cache->attributes().modificationDate, changes.modificationDate);
+  ASSERT_EQ(write("/a.txt", file, "x"), 1);
+  EXPECT_EQ(node("/a.txt")->permissions()->mode() & 07777, 0750);
+}
+
+TEST_F(Durability, AChangeOfOneAttributeLeavesTheOtherAsSeeded) {
+  const auto hold = server.hold("downloadFileAtPath", "/a.txt", 3);
+  const GMUserData file = open("/a.txt");
+  fileSystem.seedCacheAttributesAtPath("/a.txt", file);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  ASSERT_TRUE(change(withMode(0750), "/a.txt"));
+  hold->release();
+  fileSystem.waitForContent(file, 1000);
+  const NSFileAttributes attributes = std::dynamic_pointer_cast<OFSRemoteFile>(file)->attributes();
+  EXPECT_EQ(attributes.posixPermissions.value_or(0) & 07777, 0750);
+  EXPECT_EQ(attributes.modificationDate, node("/a.txt")->modificationDate());
+}
+
+// Between the look at the item and the seed.
+TEST_F(Durability, AChangeThatOvertakesTheSeedIsNotUndoneByIt) {
+  const GMUserData file = open("/a.txt");
+  read(file);
+  const auto cache = std::dynamic_pointer_cast<OFSRemoteFile>(file);
+  cache->showAttributes(withMode(0750));
+  cache->seedCacheAttributes(withMode(0644));
+  EXPECT_EQ(cache->attributes().posixPermissions.value_or(0) & 07777, 0750);
+}
+
 TEST_F(Durability, ASeededCopyHasTheModeAndDateOfTheItem) {
   server.setPermissions("/a.txt", 0604);
   const GMUserData file = open("/a.txt");
