@@ -12,13 +12,23 @@ namespace {
 constexpr size_t kMaximumFiles = 10000;
 constexpr std::chrono::seconds kLastWordLimit{1};
 
+std::string withoutEscapes(std::string_view text) {
+  std::string plain;
+  for (size_t at = 0; at < text.size(); ++at) {
+    const bool isEscape = text[at] == '\\' && at + 1 < text.size();
+    if (isEscape) ++at;
+    plain += isEscape && text[at] == 't' ? '\t' : text[at];
+  }
+  return plain;
+}
+
 }  // namespace
 
 UndeliveredFile parseUndeliveredFile(std::string_view text) {
   UndeliveredFile file;
   for (std::string* field : {&file.path, &file.copy}) {
     const std::string_view value = text.substr(0, text.find('\t'));
-    *field = value;
+    *field = withoutEscapes(value);
     text.remove_prefix(std::min(value.size() + 1, text.size()));
   }
   file.reason = text;

@@ -17,7 +17,8 @@ struct UndeliveredFile {
   std::string reason;
 };
 
-// One entry as helpers send it: "path TAB copy TAB reason"; what is missing stays empty.
+// One entry as helpers send it: "path TAB copy TAB reason"; what is missing stays empty. A tab within the
+// paths comes as a backslash and "t", a backslash as two.
 UndeliveredFile parseUndeliveredFile(std::string_view text);
 
 // Listens to helpers while their volumes are unmounted. Make it before they are asked. Main thread only.

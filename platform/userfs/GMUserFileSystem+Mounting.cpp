@@ -26,6 +26,16 @@ NSErrorRef startError(const std::string& path, std::string_view reason) {
                     "Try again; the log of the helper has more.");
 }
 
+// A path between tabs, which it may hold itself.
+std::string field(std::string_view path) {
+  std::string text;
+  for (const char byte : path) {
+    if (byte == '\t' || byte == '\\') text += '\\';
+    text += byte == '\t' ? 't' : byte;
+  }
+  return text;
+}
+
 }  // namespace
 
 void GMUserFileSystem::setUnmountPatience(double secondsInFlight, double secondsAfterGivingUp) {
@@ -136,7 +146,7 @@ void GMUserFileSystem::State::run(const std::string& path, const std::vector<std
   NSArray undelivered;
   for (const GMUndelivered& item : drain()) {
     const std::string reason = item.error != nullptr ? item.error->localizedDescription() : "";
-    undelivered.emplace_back(fmt::format("{}\t{}\t{}", item.path, item.savedAs, reason));
+    undelivered.emplace_back(fmt::format("{}\t{}\t{}", field(item.path), field(item.savedAs), reason));
   }
   takeDown();
   NSDictionary details;

@@ -410,6 +410,11 @@ TEST(UndeliveredFile, IsReadFromItsEntry) {
   EXPECT_EQ(file.copy, "/kept/a");
   EXPECT_EQ(file.reason, "no space\tleft");
   EXPECT_EQ(parseUndeliveredFile("/a\t\tx").copy, "");
+  const auto odd = parseUndeliveredFile("/a\\tb\\\\t\t/kept/a\\tb\\\\t\tno space");
+  EXPECT_EQ(odd.path, "/a\tb\\t");
+  EXPECT_EQ(odd.copy, "/kept/a\tb\\t");
+  EXPECT_EQ(odd.reason, "no space");
+  EXPECT_EQ(parseUndeliveredFile("/a\\").path, "/a\\");
   EXPECT_EQ(parseUndeliveredFile("/a").path, "/a");
   EXPECT_EQ(parseUndeliveredFile("").path, "");
 }

@@ -179,6 +179,16 @@ TEST_F(MountTest, WhatCouldNotBeStoredIsNamedWithDidUnmount) {
   EXPECT_EQ(*items->front().asString(), "/a\t/saved/a\tPermission denied");
 }
 
+TEST_F(MountTest, TabsInTheNameOfWhatCouldNotBeStoredAreWrittenOut) {
+  iFiles.setUndelivered(
+      {{"/a\tb\\", "/saved/a\tb\\", NSError::errorWithDomain(NSPOSIXErrorDomain, kEACCES)}});
+  mount();
+  const NSNotification notification = unmount();
+  const NSArray* items = notification.userInfo->objectForKey(kGMUserFileSystemUndeliveredKey)->asArray();
+  ASSERT_EQ(items->size(), 1u);
+  EXPECT_EQ(*items->front().asString(), "/a\\tb\\\\\t/saved/a\\tb\\\\\tPermission denied");
+}
+
 TEST_F(MountTest, WhatIsWrittenIsDrainedBeforeDidUnmount) {
   iFiles.hold("drain");
   mount();
