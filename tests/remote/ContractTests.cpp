@@ -1,4 +1,5 @@
 // The contract over the engines of this library.
+#include "remote/Session.h"
 #include "remote/local/LocalEngine.h"
 #include "remote/sftp/SFTPEngine.h"
 #include "tests/support/ConnectionContractTests.h"
@@ -55,6 +56,19 @@ class SSHServer : public FolderBackedServer {
  private:
   SshdFixture iServer;
 };
+
+// So many sessions to one server at most, unless the server has room for fewer.
+TEST(EngineRegistry, EnginesHaveTheirOwnCapOnSessions) {
+  registerLocalEngine();
+  registerSFTPEngine();
+  KCCredentials credentials;
+  credentials.setProtocol(kProtocolSFTP);
+  ASSERT_NE(EngineRegistry::engineForCredentials(credentials), nullptr);
+  EXPECT_EQ(EngineRegistry::engineForCredentials(credentials)->sessionCap(), 8);
+  credentials.setProtocol(kProtocolFile);
+  ASSERT_NE(EngineRegistry::engineForCredentials(credentials), nullptr);
+  EXPECT_GT(EngineRegistry::engineForCredentials(credentials)->sessionCap(), 1) << "transfers leave one free";
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Servers, ConnectionContract,

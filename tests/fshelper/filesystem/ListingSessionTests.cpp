@@ -14,7 +14,6 @@ namespace {
 class ListingSessions : public FileSystemTest {
  protected:
   ListingSessions() {
-    fake.engine->cap = 1;
     fake.engine->onList = [this](FakeSession&, const std::string&, std::vector<RemoteEntry>* entries,
                                  NSErrorRef*) {
       if (const auto hook = std::exchange(beforeListing, {})) hook();
@@ -28,6 +27,7 @@ class ListingSessions : public FileSystemTest {
       return true;
     };
     fileSystem.setConnectionPool(fake.pool);
+    fake.pool->setMaximumConnections(1);
   }
 
   static bool isReady(const std::future<bool>& result) {
@@ -61,6 +61,7 @@ TEST_F(ListingSessions, AListingThatLosesItsSessionOverALinkLetsARemovalEnd) {
   beforeListing = [&] {
     removal = std::async(std::launch::async, [&] { return fileSystem.removeItemAtPath("/file", nullptr); });
     while (!fake.pool->sessions().othersWait() && !isReady(removal)) std::this_thread::yield();
+    EXPECT_FALSE(isReady(removal)) << "it did not wait for the session";
   };
   std::atomic<bool> wasLost{false};
   fake.engine->onResolve = [&](FakeSession&, const std::string& path,
