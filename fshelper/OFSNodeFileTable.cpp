@@ -48,17 +48,50 @@ void OFSNodeFileTable::beginUse(const OFSRemoteFile& file) {
   found->second.lastUse = ++iLastUse;
 }
 
+OFSNodeFileTable::Measure OFSNodeFileTable::measure(OFSRemoteFile& file) {
+  // In this order: what ends in between is looked at once more, but never missed.
+  const bool isMoving = !file.isCovered();
+  return {isMoving, file.cacheSize()};
+}
+
+void OFSNodeFileTable::note(Entry& entry, Measure measure) {
+  iBytes += measure.bytes - entry.bytes;
+  entry.bytes = measure.bytes;
+  entry.isMoving = measure.isMoving;
+}
+
+void OFSNodeFileTable::lookAgain() {
+  std::vector<std::shared_ptr<OFSRemoteFile>> files;
+  {
+    MutexLock lock(iLock);
+    for (const auto& [file, entry] : iEntries) {
+      if (entry.uses == 0 && entry.isMoving) files.push_back(entry.file);
+    }
+  }
+  for (const auto& file : files) {
+    const Measure measured = measure(*file);
+    bool isLeft = false;
+    {
+      MutexLock lock(iLock);
+      const auto found = iEntries.find(file.get());
+      if (found == iEntries.end() || found->second.uses != 0) continue;
+      note(found->second, measured);
+      isLeft = found->second.isDetached;
+    }
+    if (isLeft) letGoIfSettled(*file);
+  }
+}
+
 void OFSNodeFileTable::endUse(OFSRemoteFile& file) {
   // Asked before the lock is taken: the file answers under a lock of its own, perhaps only after a transfer.
-  const uint64_t size = file.cacheSize();
+  const Measure measured = measure(file);
   bool isLast = false;
   {
     MutexLock lock(iLock);
     const auto found = iEntries.find(&file);
     if (found == iEntries.end() || found->second.uses == 0) return;
     Entry& entry = found->second;
-    iBytes += size - entry.bytes;
-    entry.bytes = size;
+    note(entry, measured);
     entry.lastUse = ++iLastUse;
     isLast = --entry.uses == 0 && entry.isDetached;
   }

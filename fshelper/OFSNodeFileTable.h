@@ -24,7 +24,8 @@ class OFSNodeFileTable {
     std::weak_ptr<KCRemoteFileNode> node;
     size_t uses = 0;          // handles of the framework, and operations under way
     uint64_t lastUse = 0;     // grows with each use
-    uint64_t bytes = 0;       // of the cache file when it was last put out of use
+    uint64_t bytes = 0;       // of the cache file when it was last looked at
+    bool isMoving = false;    // a transfer ran at that time: the file may have grown since
     uint64_t number = 0;      // in order of making
     bool isDetached = false;  // no node leads to it any more
     // Detached, and another object of its remote path was made after it: what is unsent of it must not be
@@ -46,6 +47,9 @@ class OFSNodeFileTable {
   // The detached objects of a remote path.
   std::vector<std::shared_ptr<OFSRemoteFile>> detachedAtPath(std::string_view remotePath) const
       EXCLUDES(iLock);
+  // Looks again at the objects out of use whose transfers outlived their last use: counts what has arrived
+  // since, and lets go of those that no node leads to.
+  void lookAgain() EXCLUDES(iLock);
   // Lets go of an object that is out of use and was not used since `lastUse`. False when it was.
   bool removeIfUnused(const OFSRemoteFile& file, uint64_t lastUse) EXCLUDES(iLock);
 
@@ -58,6 +62,12 @@ class OFSNodeFileTable {
  private:
   // Marks the detached objects of a path that have a younger one beside them.
   void markOutdatedAtPath(std::string_view remotePath) REQUIRES(iLock);
+  struct Measure {
+    bool isMoving;
+    uint64_t bytes;
+  };
+  static Measure measure(OFSRemoteFile& file);
+  void note(Entry& entry, Measure measure) REQUIRES(iLock);
   void letGoIfSettled(OFSRemoteFile& file) EXCLUDES(iLock);
   std::shared_ptr<OFSRemoteFile> erase(const OFSRemoteFile& file) REQUIRES(iLock);
 

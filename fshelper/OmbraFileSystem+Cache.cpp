@@ -62,6 +62,7 @@ bool OmbraFileSystem::isWithin(const CacheBudget& budget) const {
 
 void OmbraFileSystem::trimCache() {
   OFS_TRACE("-[OmbraFileSystem trimCache]", "");
+  iFiles.lookAgain();
   const CacheBudget budget = cacheBudget();
   if (isWithin(budget)) return;
   // Somewhat further down than needed, so that not every release has to look at all files.

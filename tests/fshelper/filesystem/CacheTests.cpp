@@ -101,6 +101,42 @@ TEST_F(Cache, AFileThatIsArrivingIsKept) {
   hold->release();
 }
 
+TEST_F(Cache, AFileThatArrivedAfterItsReleaseCountsWithAllOfIt) {
+  fileSystem.setCacheBudget(kMegabyte / 2, 10);
+  const auto hold = server.hold("downloadFileAtPath", "/1", 1);
+  const GMUserData file = open("/1", kO_RDONLY);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  gHardLimit = 0;  // the release does not wait for the download
+  fileSystem.releaseFileAtPath("/1", file);
+  gHardLimit = 60;
+  fileSystem.trimCache();
+  EXPECT_EQ(fileOnNode("/1"), file) << "it is still arriving";
+  hold->release();
+  fileSystem.waitForContent(file, kMegabyte);
+  fileSystem.trimCache();
+  EXPECT_EQ(fileOnNode("/1"), nullptr);
+}
+
+TEST_F(Cache, AFileWithoutANodeIsLetGoOnceItHasArrived) {
+  const auto hold = server.hold("downloadFileAtPath", "/1", 1);
+  const auto file = OFSRemoteFile::remoteFileForPath("/1");
+  file->setConnectionPool(server.pool());
+  OFSNodeFileTable table;
+  table.add(file, fileSystem.nodeForPath("/1"));
+  table.beginUse(*file);
+  ASSERT_TRUE(file->openWithMode(kO_RDONLY, nullptr));
+  ASSERT_TRUE(hold->waitUntilHeld());
+  table.endUse(*file);
+  table.detach(*file);
+  table.lookAgain();
+  EXPECT_EQ(table.count(), 1u);
+  hold->release();
+  file->waitForContent(kMegabyte);
+  table.lookAgain();
+  EXPECT_EQ(table.count(), 0u);
+  EXPECT_EQ(table.bytes(), 0u);
+}
+
 class Unsent : public Cache {
  protected:
   Unsent() {
