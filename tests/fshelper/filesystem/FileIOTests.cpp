@@ -161,6 +161,23 @@ TEST_F(Truncate, AHandleIsTruncated) {
   EXPECT_TRUE(volumeIsCached());
 }
 
+TEST_F(Truncate, ShowsTheFilesDateAndModeOnTheNode) {
+  const GMUserData file = open("/a.txt");
+  node()->setModificationDate(std::nullopt);
+  node()->setPermissions(std::nullopt);
+  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", file, 3, &error));
+  const auto attributes = fileOnNode("/a.txt")->attributes();
+  ASSERT_TRUE(attributes.modificationDate && attributes.posixPermissions);
+  EXPECT_EQ(node()->modificationDate(), attributes.modificationDate);
+  EXPECT_EQ(node()->permissions(), FilePermissions(*attributes.posixPermissions));
+}
+
+TEST_F(Truncate, OfAClosedFileKeepsTheVolumesAttributes) {
+  cacheVolume();
+  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
+  EXPECT_TRUE(volumeIsCached());
+}
+
 TEST_F(Truncate, AClosedFileIsOpenedReadWriteAndStaysOpen) {
   EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
   EXPECT_EQ(server.content("/a.txt"), "con");
