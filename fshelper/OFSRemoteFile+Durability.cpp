@@ -12,6 +12,7 @@
 #include "fshelper/OFSRemoteFileScopes.h"
 #include "fshelper/OFSRemoteFileSupport.h"
 #include "fshelper/OFSTracing.h"
+#include "fshelper/StAbstractConnection.h"
 
 namespace ombra {
 namespace {
@@ -44,7 +45,23 @@ void OFSRemoteFile::locked_confirm(uint64_t generation) {
   iConfirmedGeneration = std::max(iConfirmedGeneration, generation);
   if (iConfirmedGeneration != iLocalGeneration) return;
   iUnsentFrom = kCancelMark;
-  if (iFileHandle != nullptr) iFileHandle->noteConfirmed({0, kCancelMark});
+  if (iFileHandle != nullptr) iFileHandle->extents()->clear();
+}
+
+// The record of extents is left alone: what was sent in place may still turn out not to be stored.
+void OFSRemoteFile::locked_confirmInPlace() {
+  iConfirmedGeneration = iLocalGeneration;
+  iUnsentFrom = kCancelMark;
+}
+
+bool OFSRemoteFile::locked_isSettledInPlace() const {
+  return iFileHandle == nullptr || iFileHandle->extents()->isSettled();
+}
+
+bool OFSRemoteFile::locked_finishInPlace(StAbstractConnection& holder, NSErrorRef* error) {
+  if (locked_isSettledInPlace()) return true;
+  const HeldTransfer held(*this);
+  return (*holder).finishUploads(*iFileHandle, remotePath(), error);
 }
 
 void OFSRemoteFile::locked_doubtServer() {
@@ -55,25 +72,33 @@ void OFSRemoteFile::locked_doubtServer() {
 
 bool OFSRemoteFile::synchronize(NSErrorRef* error) {
   OFS_TRACE(kSynchronize, "remotePath={}", remotePath());
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  StAbstractConnection holder(pool.get(), nullptr);
   const ConditionLock lock(iCondition);
   if (iAbandoned) return true;
   // A worker that is about to send again what the server has puts that in doubt: it is waited for as well.
   const bool isSending = iState == kOFSStreaming || iState == kOFSUploading;
-  if (iConfirmedGeneration == iLocalGeneration && !isSending) return true;
+  if (iConfirmedGeneration == iLocalGeneration && !isSending && locked_isSettledInPlace()) return true;
   const Synchronizer synchronizer(*this);
   const SettleWaiter waiter(*this);
-  return locked_synchronize(error);
+  return locked_synchronize(holder, error);
 }
 
 // Bounded: an attempt that does not end by itself was ended by one of the writers that were under way before
 // this call held up the others.
-bool OFSRemoteFile::locked_synchronize(NSErrorRef* error) {
+bool OFSRemoteFile::locked_synchronize(StAbstractConnection& holder, NSErrorRef* error) {
   // Asked once the running transfer has ended: until then it may still put in doubt what was confirmed.
   locked_waitUntilIdle();
-  const uint64_t wanted = iLocalGeneration;
+  uint64_t wanted = iLocalGeneration;
   while (true) {
     locked_waitUntilIdle();
-    if (iAbandoned || iConfirmedGeneration >= wanted) return true;
+    if (iAbandoned) return true;
+    if (iConfirmedGeneration >= wanted) {
+      if (locked_finishInPlace(holder, nullptr)) return true;
+      // The server has refused what it had been sent. One more way is left: the whole file anew.
+      locked_doubtServer();
+      wanted = iLocalGeneration;
+    }
     if (iFileHandle == nullptr || iContentFailed) break;
     iBytesAvailable = 0;
     iBytesRequired = iFileHandle->fileLength();
@@ -177,7 +202,7 @@ bool OFSRemoteFile::isCovered() {
   if (iHeldTransfers != 0) return false;
   const ConditionLock lock(iCondition);
   const bool idle = iWorkers.empty() && (iState == kOFSSettled || iState == kOFSNew);
-  return idle && (iAbandoned || iConfirmedGeneration == iLocalGeneration);
+  return idle && (iAbandoned || (iConfirmedGeneration == iLocalGeneration && locked_isSettledInPlace()));
 }
 
 bool OFSRemoteFile::downloadFailed() {

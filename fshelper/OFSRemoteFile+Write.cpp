@@ -131,13 +131,16 @@ bool OFSRemoteFile::locked_sendCacheFile(AbstractConnection& connection, uint64_
 void OFSRemoteFile::locked_uploadWithConnection(AbstractConnection& connection, uint64_t offset) {
   uint64_t transferred = 0;
   NSErrorRef error;
+  // The next write need not wait until the server has acknowledged this one. It, or the synchronisation,
+  // tells what became of it.
+  connection.setWritesBehind(true);
   if (!locked_sendCacheFile(connection, offset, &transferred, &error)) {
     iLastError = error;
     OFS_RAISE(kUploadInPlace, "upload to {} failed: {}", remotePath(), ofs_describeError(error));
   }
   iBytesAvailable = transferred;
   // Everything from the offset on is there; an earlier write that failed may still be missing before it.
-  if (iUnsentFrom >= offset) locked_confirm(iLocalGeneration);
+  if (iUnsentFrom >= offset) locked_confirmInPlace();
 }
 
 bool OFSRemoteFile::_truncateToOffset(int64_t offset, NSErrorRef* error) {

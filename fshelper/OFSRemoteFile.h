@@ -22,6 +22,8 @@
 
 namespace ombra {
 
+class StAbstractConnection;
+
 // The base of every timed wait, in seconds (60). Tests scale it.
 extern std::atomic<double> gHardLimit;
 // Whether sequential writes are streamed; false for the rest of the process once a stream could not be
@@ -302,9 +304,14 @@ class OFSRemoteFile final : public GMOpenFile,
   // --- ledger
   void locked_noteLocalChange(uint64_t from) REQUIRES(iCondition);
   void locked_confirm(uint64_t generation) REQUIRES(iCondition);
+  // The same for a write that was sent in place, and may not be acknowledged yet.
+  void locked_confirmInPlace() REQUIRES(iCondition);
+  // Whether the server has acknowledged all that was sent in place.
+  bool locked_isSettledInPlace() const REQUIRES(iCondition);
+  bool locked_finishInPlace(StAbstractConnection& holder, NSErrorRef* error) REQUIRES(iCondition);
   // A transfer begins that replaces the whole file: until it has succeeded, nobody knows what the server has.
   void locked_doubtServer() REQUIRES(iCondition);
-  bool locked_synchronize(NSErrorRef* error) REQUIRES(iCondition);
+  bool locked_synchronize(StAbstractConnection& holder, NSErrorRef* error) REQUIRES(iCondition);
   void locked_applySeed() REQUIRES(iCondition) EXCLUDES(iPathLock);
   std::optional<NSDate> seededDate() const EXCLUDES(iPathLock);
 

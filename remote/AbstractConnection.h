@@ -134,10 +134,8 @@ class AbstractConnection {
   // Waits until the server has acknowledged everything that was uploaded from a scratch handle, and has
   // closed the file. False when any of it failed and no upload has told so; what is not stored is unconfirmed
   // again.
-  [[nodiscard]] virtual bool finishUploads(NSFileHandle& /*fileHandle*/, std::string_view /*toPath*/,
-                                           NSErrorRef* /*error*/) {
-    return true;
-  }
+  [[nodiscard]] virtual bool finishUploads(NSFileHandle& fileHandle, std::string_view toPath,
+                                           NSErrorRef* error);
   // Sends what the handler's streamBytes callback gives until it gives 0. The remote file is replaced.
   [[nodiscard]] virtual bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
                                                      ConnectionDelegate& handler, NSErrorRef* error) = 0;

@@ -177,10 +177,7 @@ bool PooledConnection::finishUploads(NSFileHandle& fileHandle, std::string_view 
   const std::string whole = absolute(toPath);
   if (iSession != nullptr && iSession->session->heldPath() == whole) iSession->session->becameIdle();
   finishElsewhere(fileHandle, whole);
-  NSErrorRef failure = fileHandle.extents()->takeFailure();
-  if (failure == nullptr) return true;
-  storeError(error, std::move(failure));
-  return false;
+  return AbstractConnection::finishUploads(fileHandle, toPath, error);
 }
 
 bool PooledConnection::uploadFileHandle(NSFileHandle& fileHandle, std::string_view /*withFilename*/,

@@ -36,7 +36,10 @@ void PooledConnection::dropSession(bool reusable) {
 bool PooledConnection::loseSession(const NSErrorRef& error) {
   const bool lost = QuarnKitError::isCode(error, kQuarnKitConnectionLost) ||
                     QuarnKitError::isCode(error, kQuarnKitTimedOut);
-  if (lost) dropSession(false);
+  // After nonsense from the server a session is mostly at its end too; the call is not repeated.
+  const bool isDead = !lost && iSession != nullptr && QuarnKitError::isCode(error, kQuarnKitProtocolError) &&
+                      !iSession->session->isAlive();
+  if (lost || isDead) dropSession(false);
   return lost;
 }
 

@@ -104,9 +104,14 @@ void UnconfirmedExtents::giveBack(FileExtent extent) {
   iGivenBack = std::min(iGivenBack.value_or(extent.begin), extent.begin);
 }
 
-std::optional<uint64_t> UnconfirmedExtents::takeGivenBack() {
+std::optional<uint64_t> UnconfirmedExtents::givenBackFrom() const {
   const ConditionLock lock(iCondition);
-  return std::exchange(iGivenBack, std::nullopt);
+  return iGivenBack;
+}
+
+void UnconfirmedExtents::forgetGivenBack() {
+  const ConditionLock lock(iCondition);
+  iGivenBack.reset();
 }
 
 NSErrorRef UnconfirmedExtents::takeFailure() {
@@ -114,9 +119,17 @@ NSErrorRef UnconfirmedExtents::takeFailure() {
   return std::exchange(iFailure, nullptr);
 }
 
-bool UnconfirmedExtents::hasFailure() const {
+bool UnconfirmedExtents::isSettled() const {
   const ConditionLock lock(iCondition);
-  return iFailure != nullptr;
+  return iSenders == 0 && iFailure == nullptr;
+}
+
+void UnconfirmedExtents::clear() {
+  const ConditionLock lock(iCondition);
+  iExtents.clear();
+  iLeastLength.reset();
+  iGivenBack.reset();
+  iFailure.reset();
 }
 
 }  // namespace ombra

@@ -45,11 +45,14 @@ class UnconfirmedExtents {
   void waitUntilSent() EXCLUDES(iCondition);
   // Was sent and is not stored.
   void giveBack(FileExtent extent) EXCLUDES(iCondition);
-  // Where what was given back begins; it has to be sent again wherever the next upload begins. Forgotten with
-  // the answer.
-  std::optional<uint64_t> takeGivenBack() EXCLUDES(iCondition);
+  // Where what was given back begins: it has to be sent again wherever the next upload begins.
+  std::optional<uint64_t> givenBackFrom() const EXCLUDES(iCondition);
+  void forgetGivenBack() EXCLUDES(iCondition);
   NSErrorRef takeFailure() EXCLUDES(iCondition);
-  bool hasFailure() const EXCLUDES(iCondition);
+  // Nothing is under way, and no failure waits to be told.
+  bool isSettled() const EXCLUDES(iCondition);
+  // The server has the file as a whole, by another way.
+  void clear() EXCLUDES(iCondition);
 
  private:
   void locked_add(FileExtent extent) REQUIRES(iCondition);

@@ -75,8 +75,10 @@ bool SFTPUpload::sendChanges(NSFileHandle& from, uint64_t offset, TransferContro
       (iRemoteLength >= length || setRemoteLength(length, error)) &&
       (control.mayReturnEarly() ? iQueue->flush(control, error) : iQueue->finish(control, error));
   iControl = nullptr;
-  if (succeeded) control.progress(length);
-  return succeeded;
+  if (!succeeded) return false;
+  iExtents->forgetGivenBack();
+  control.progress(length);
+  return true;
 }
 
 bool SFTPUpload::cutToFit(uint64_t offset, uint64_t length, TransferControl& control, NSErrorRef* error) {
@@ -92,7 +94,7 @@ std::vector<FileExtent> SFTPUpload::extentsToSend(const NSFileHandle& from, uint
                                                   uint64_t length) {
   // Behind its end the server would show zeros, also where it had been sent the content once.
   for (const FileExtent& lost : dataExtents(from, iRemoteLength, length)) iExtents->add(lost);
-  const uint64_t givenBack = iExtents->takeGivenBack().value_or(offset);
+  const uint64_t givenBack = iExtents->givenBackFrom().value_or(offset);
   std::vector<FileExtent> extents = iExtents->from(std::min({offset, iRemoteLength, givenBack}));
   // Written and then cut off: not there any more.
   std::erase_if(extents, [length](const FileExtent& extent) { return extent.begin >= length; });

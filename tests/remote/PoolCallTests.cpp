@@ -209,6 +209,23 @@ TEST(PoolCalls, AFailureAlwaysHasAReason) {
 
 // ---- outages
 
+TEST(PoolCalls, AfterNonsenseFromTheServerTheNextCallHasAFreshSession) {
+  FakePool fake;
+  fake.engine->onIsAlive = [](FakeSession& session) { return session.number > 1; };
+  fake.engine->onList = [](FakeSession& session, const std::string&, std::vector<RemoteEntry>*,
+                           NSErrorRef* error) {
+    return session.number > 1 || failWith(kQuarnKitProtocolError, error);
+  };
+  fake.with([&](AbstractConnection& connection) {
+    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+    NSErrorRef error;
+    EXPECT_FALSE(connection.contentsAtPath("/", &nodes, &error));
+    EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitProtocolError));
+    EXPECT_EQ(fake.engine->lists, 1) << "nonsense is not asked for again";
+    EXPECT_TRUE(connection.contentsAtPath("/", &nodes, &error));
+  });
+}
+
 TEST(PoolRetry, AListingIsRepeatedOnFreshSessionsUntilTheServerIsBack) {
   ManualClock clock;
   FakePool fake;

@@ -1,6 +1,7 @@
 // Writes to a server that can write at an offset, and truncation.
 
 #include <cerrno>
+#include <thread>
 
 #include "tests/fshelper/remotefile/RemoteFileFixture.h"
 
@@ -32,6 +33,55 @@ TEST_F(InPlace, SendsEachWriteAtOnceFromItsOffset) {
   EXPECT_EQ(uploads()[0].name, "/docs/a.bin");
   EXPECT_THAT(uploads()[0].extents, ElementsAre(FileExtent{4, 6}));
   EXPECT_THAT(uploads()[1].extents, ElementsAre(FileExtent{10, 12}));
+}
+
+// The connection may answer a write before the server has.
+class WrittenBehind : public InPlace {
+ protected:
+  // A write that was sent and is not acknowledged; `end` tells what became of it.
+  void writeBehind() {
+    file = downloadedFile("0123456789");
+    ASSERT_EQ(write(*file, "XY", 4), 2);
+    file->fileHandle()->extents()->beginSending();
+  }
+  void end(const NSErrorRef& failure) { file->fileHandle()->extents()->endSending(failure); }
+};
+
+TEST_F(WrittenBehind, IsNotCoveredUntilTheServerHasAnswered) {
+  writeBehind();
+  EXPECT_FALSE(file->isCovered());
+  end(nullptr);
+  EXPECT_TRUE(file->isCovered());
+}
+
+TEST_F(WrittenBehind, IsWaitedForByASynchronisation) {
+  writeBehind();
+  std::thread answer([this] { end(nullptr); });
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_TRUE(file->isCovered());
+  answer.join();
+}
+
+TEST_F(WrittenBehind, IsSentAsAWholeByTheSynchronisationThatLearnsOfARefusal) {
+  writeBehind();
+  end(QuarnKitError::errorWithCode(kQuarnKitOutOfSpace));
+  EXPECT_FALSE(file->isCovered());
+  server.addFile(kPath, "damaged");
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0123XY6789");
+  EXPECT_TRUE(file->isCovered());
+}
+
+TEST_F(WrittenBehind, FailsTheSynchronisationWhenThatIsRefusedAsWell) {
+  writeBehind();
+  const NSErrorRef full = QuarnKitError::errorWithCode(kQuarnKitOutOfSpace);
+  end(full);
+  server.fail("uploadFileAtPath", kPath, full);
+  NSErrorRef error;
+  EXPECT_FALSE(file->synchronize(&error));
+  ASSERT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(error->underlyingError(), full);
+  EXPECT_FALSE(file->isCovered());
 }
 
 TEST_F(InPlace, UsesOneConnectionWithoutADelegate) {
