@@ -55,7 +55,7 @@ class NoTemporaryFolder {
 };
 
 // A controller that knows where the volume is mounted, or not yet.
-class MountPoint final : public OFSMountPathSource {
+class KnownMountPath final : public OFSMountPathSource {
  public:
   std::optional<std::string> mountPath() const override { return path; }
   std::optional<std::string> path;
@@ -98,7 +98,7 @@ class FileSystemTest : public ::testing::Test {
   // Outlives the test: a worker that lets go of the last reference to an open file closes it by the clock.
   ManualClock& clock;
   ScriptedServer server;
-  MountPoint mountPoint;
+  KnownMountPath mountPoint;
   OmbraFileSystem fileSystem;
   NSErrorRef error;
 };
