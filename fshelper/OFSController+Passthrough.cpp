@@ -32,6 +32,8 @@ bool OFSController::obtainLockForPassthroughWithFileSystem(OmbraFileSystem& obje
     return false;
   }
   if (!object.preflight(error)) return false;
+  // A signal may have ended the start meanwhile, and has told of that then.
+  if (!beginEnding()) return false;
   // The mount of the other helper stays as it is, and so does everything that belongs to it.
   post("OFSAlreadyMounted", NSDictionary::dictionaryWithObjectsAndKeys(
                                 {{"rootPath", object.initialPath()}, {"passthrough", passthrough()}}));

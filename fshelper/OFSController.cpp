@@ -55,7 +55,7 @@ void OFSController::finishLaunching() {
 void OFSController::launchDidRaise(const std::string& reason) {
   NSLog("The start has failed: {}", reason);
   if (!registeredName()) {
-    iEnvironment.exit(0);
+    if (beginEnding()) iEnvironment.exit(0);
     return;
   }
   NSDictionary details;

@@ -105,7 +105,8 @@ class OFSController final : public NSApplication, public OFSMountPathSource {
   void openConsoleLog(const std::string& path);
   void addRedirectOptions();
   void failStart(const NSErrorRef& error);
-  // Whether the caller is the one that ends the process: true for the first to ask, on whichever thread.
+  // Whether the caller is the one that ends the process, by whichever of the ways: true for the first to ask,
+  // on whichever thread.
   bool beginEnding() { return !iEnding.exchange(true); }
   void endProcess(const NSNotification& notification);
   void announceUndelivered(const NSNotification& notification);

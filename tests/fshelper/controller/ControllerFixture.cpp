@@ -78,7 +78,7 @@ std::vector<std::string> ControllerTest::arguments(const std::vector<std::string
 }
 
 std::optional<int> ControllerTest::launch(const std::vector<std::string>& arguments) {
-  std::vector<const char*> argv{"/usr/libexec/ombrafs/ombrafs-helper"};
+  std::vector<const char*> argv{programPath.c_str()};
   for (const std::string& argument : arguments) argv.push_back(argument.c_str());
   NSProcessInfo::setArguments(static_cast<int>(argv.size()), argv.data());
   controller = std::make_unique<OFSController>(environment);

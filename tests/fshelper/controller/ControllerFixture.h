@@ -26,7 +26,7 @@ class ControllerTest : public ::testing::Test {
   ControllerTest();
   ~ControllerTest() override;
 
-  // Makes the controller with the given arguments (the program path is put first) and starts it. The exit
+  // Makes the controller with the given arguments (`programPath` is put first) and starts it. The exit
   // status when the process would have ended; absent when it goes on.
   std::optional<int> launch(const std::vector<std::string>& arguments);
   // "--sock=" and "--uuid=" with a listening front end, and more.
@@ -64,6 +64,7 @@ class ControllerTest : public ::testing::Test {
   const std::shared_ptr<RecordingMount> mount = std::make_shared<RecordingMount>();
   std::vector<std::string> journal;
   OFSControllerEnvironment environment;
+  std::string programPath = "/usr/libexec/ombrafs/ombrafs-helper";
   std::unique_ptr<FrontEnd> frontEnd;
   // What came over the socket; the file system that the controller made.
   std::shared_ptr<KCCredentials> fetched;

@@ -90,9 +90,20 @@ void LogRecord::clear() {
 
 bool RecordingCenter::postNotificationName(std::string_view name, std::optional<std::string> object,
                                            std::optional<NSDictionary> userInfo) {
-  const std::lock_guard lock(iMutex);
-  iPosted.push_back({std::string(name), std::move(object), std::move(userInfo)});
+  const NSNotification notification{std::string(name), std::move(object), std::move(userInfo)};
+  std::function<void(const NSNotification&)> observer;
+  {
+    const std::lock_guard lock(iMutex);
+    iPosted.push_back(notification);
+    observer = iObserver;
+  }
+  if (observer) observer(notification);
   return true;
+}
+
+void RecordingCenter::setObserver(std::function<void(const NSNotification&)> observer) {
+  const std::lock_guard lock(iMutex);
+  iObserver = std::move(observer);
 }
 
 void RecordingCenter::addObserver(const void* observer, std::string_view name, NotificationHandler handler) {
@@ -155,7 +166,10 @@ void RecordingMount::mountAtPath(std::string path, std::vector<std::string> with
   iOptions = std::move(withOptions);
 }
 
-void RecordingMount::unmount() { iCalls.emplace_back("unmount"); }
+void RecordingMount::unmount() {
+  iCalls.emplace_back("unmount");
+  if (iWhileUnmounting) iWhileUnmounting();
+}
 
 void RecordingMount::setDelegate(GMUserFileSystemDelegate* delegate) {
   iCalls.emplace_back(delegate == nullptr ? "setDelegate none" : "setDelegate");
@@ -192,8 +206,10 @@ std::string FrontEnd::receivedName() {
 void FrontEnd::serve() {
   const int helper = ::accept4(iListener, nullptr, nullptr, SOCK_CLOEXEC);
   if (helper < 0) return;
-  pollfd name{helper, POLLIN, 0};
-  ::poll(&name, 1, -1);
+  if (iNameLength > 0 || iReset) {
+    pollfd name{helper, POLLIN, 0};
+    ::poll(&name, 1, -1);
+  }
   iConnected.set_value();
   if (iReset) {
     ::close(helper);
@@ -205,6 +221,7 @@ void FrontEnd::serve() {
     if (count <= 0) break;
     iReceived.append(buffer, static_cast<size_t>(count));
   }
+  if (iStopsReading) ::shutdown(helper, SHUT_RD);
   for (size_t index = 0; index < iPieces.size(); ++index) {
     if (index > 0 && iBetween) iBetween();
     size_t done = 0;

@@ -74,6 +74,8 @@ class RecordingCenter final : public NSDistributedNotificationCenter {
   void addObserver(const void* observer, std::string_view name, NotificationHandler handler) override;
   void removeObserver(const void* observer) override;
 
+  // Called with each notification that is posted, when it has been recorded.
+  void setObserver(std::function<void(const NSNotification&)> observer);
   // Calls the handlers of that name, as if another process had posted it.
   void deliver(const NSNotification& notification);
   std::vector<NSNotification> posted() const;
@@ -84,6 +86,7 @@ class RecordingCenter final : public NSDistributedNotificationCenter {
 
  private:
   mutable std::mutex iMutex;
+  std::function<void(const NSNotification&)> iObserver;
   std::vector<NSNotification> iPosted;
   std::vector<std::pair<const void*, std::pair<std::string, NotificationHandler>>> iHandlers;
 };
@@ -101,6 +104,8 @@ class RecordingMount final : public OFSMount {
   void invalidateDirectoryAtPath(std::string_view path) override { iInvalidated.emplace_back(path); }
   void invalidateItemAtPath(std::string_view, bool) override {}
 
+  // Called inside `unmount`.
+  std::function<void()> iWhileUnmounting;
   std::vector<std::string> iCalls;
   std::string iPath;
   std::vector<std::string> iOptions;
@@ -111,7 +116,7 @@ class RecordingMount final : public OFSMount {
 // closes.
 class FrontEnd {
  public:
-  // `nameLength`: how many bytes of the name to wait for before the answer.
+  // `nameLength`: how many bytes of the name to wait for before the answer; 0 for a helper that has none.
   FrontEnd(std::string socketPath, size_t nameLength, std::vector<NSData> pieces);
   ~FrontEnd();
   FrontEnd(const FrontEnd&) = delete;
@@ -124,6 +129,8 @@ class FrontEnd {
   void setBetweenPieces(std::function<void()> between) { iBetween = std::move(between); }
   // Closes the connection with the helper's name unread, which resets it.
   void resetInstead() { iReset = true; }
+  // Takes nothing more of the name once it has `nameLength` bytes: what else the helper writes then fails.
+  void stopReadingAfterName() { iStopsReading = true; }
   void start();
   // Blocks until the helper has connected and written the first byte of its name.
   void waitForConnection() { iConnected.get_future().wait(); }
@@ -136,6 +143,7 @@ class FrontEnd {
   const std::vector<NSData> iPieces;
   std::function<void()> iBetween;
   bool iReset = false;
+  bool iStopsReading = false;
   int iListener = -1;
   std::promise<void> iConnected;
   std::string iReceived;

@@ -148,6 +148,40 @@ TEST_F(Launch, WithoutOptionsNothingIsSet) {
   EXPECT_EQ(controller->volumeName(), std::nullopt);
 }
 
+TEST_F(Launch, TheProgramPathIsReadLikeAnyOtherArgument) {
+  programPath = "--name=Zero";
+  launch(arguments({}));
+  EXPECT_EQ(controller->volumeName(), "Zero");
+}
+
+TEST_F(Launch, TheProgramPathIsTheFirstArgumentAndOverriddenByOthers) {
+  programPath = "--name=Zero";
+  launch(arguments({"--name=Later"}));
+  EXPECT_EQ(controller->volumeName(), "Later");
+}
+
+TEST_F(Launch, OnlyTheFirstPrefixOfAnArgumentIsTaken) {
+  launch(arguments({"--icon=--name=Other"}));
+  EXPECT_EQ(option("redirect_volicon="), "--name=Other");
+  EXPECT_EQ(controller->volumeName(), "files.example.org");
+}
+
+TEST_F(Launch, AnEmptyRegistrationNameIsANameAndIsAskedWith) {
+  FrontEnd answering(folder.path("sock"), 0, {testCredentials()->archivedData()});
+  answering.start();
+  EXPECT_EQ(launch({"--sock=" + folder.path("sock"), "--uuid=", "--name=Work"}), std::nullopt);
+  EXPECT_EQ(answering.receivedName(), "");
+  ASSERT_NE(fetched, nullptr);
+  EXPECT_EQ(fetched->password(), "secret");
+  postDidMount();
+  EXPECT_EQ(center.posted("OFSDidMount").object, "");
+}
+
+TEST_F(Launch, AnEmptySocketPathHasNoFrontEnd) {
+  EXPECT_EQ(launch({"--sock=", "--uuid=x"}), 0);
+  EXPECT_TRUE(log.has("CONDITION FAILED: no connection pool"));
+}
+
 TEST_F(Launch, AnEmptyValueIsAValue) {
   launch(arguments({"--passthrough="}));
   EXPECT_EQ(controller->passthrough(), "");
@@ -192,6 +226,42 @@ TEST_F(Launch, AFailedRepairIsAnnouncedAndEndsTheProcess) {
   EXPECT_EQ(announcedError()->domain(), NSPOSIXErrorDomain);
   EXPECT_EQ(announcedError()->code(), kEPERM);
   EXPECT_EQ(fetched, nullptr);
+}
+
+TEST_F(Launch, TheErrorOfAFailedRepairTravelsWithAllThatItHolds) {
+  environment.shouldFixDrelFSPermissions = [] { return true; };
+  environment.fixDrelFSPermissions = [](NSErrorRef* error) {
+    const NSErrorRef beneath = NSError::errorWithDomain(NSPOSIXErrorDomain, kEACCES);
+    storeError(error, NSError::errorWithDomain("SomeDomain", 77,
+                                               {{std::string(NSLocalizedDescriptionKey), "no rights"},
+                                                {std::string(NSUnderlyingErrorKey), beneath}}));
+    return false;
+  };
+  EXPECT_EQ(launch(arguments()), 0);
+  const NSErrorRef error = announcedError();
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->domain(), "SomeDomain");
+  EXPECT_EQ(error->code(), 77);
+  EXPECT_EQ(error->localizedDescription(), "no rights");
+  const NSErrorRef beneath = error->underlyingError();
+  ASSERT_NE(beneath, nullptr);
+  EXPECT_EQ(beneath->code(), kEACCES);
+}
+
+TEST_F(Launch, AFailedRepairWithoutAnErrorIsAnnouncedAllTheSame) {
+  environment.shouldFixDrelFSPermissions = [] { return true; };
+  environment.fixDrelFSPermissions = [](NSErrorRef*) { return false; };
+  EXPECT_EQ(launch(arguments()), 0);
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSMountFailed", "OFSDidUnmount"));
+  EXPECT_THAT(keysOf(center.posted("OFSMountFailed")), ElementsAre("volumeName"));
+}
+
+TEST_F(Launch, AFailedRepairWithAnEmptyNameIsAnnouncedUnderIt) {
+  environment.shouldFixDrelFSPermissions = [] { return true; };
+  environment.fixDrelFSPermissions = [](NSErrorRef*) { return false; };
+  EXPECT_EQ(launch({"--uuid="}), 0);
+  EXPECT_EQ(center.posted("OFSMountFailed").object, "");
+  EXPECT_FALSE(log.has("CONDITION FAILED: no connection pool"));
 }
 
 TEST_F(Launch, AFailedRepairWithoutANameGoesOn) {
@@ -263,6 +333,15 @@ TEST_F(Launch, AStartThatRaisedWithoutANameEndsSilently) {
   EXPECT_EQ(statusOf([this] { controller->launchDidRaise("x"); }), 0);
   EXPECT_THAT(center.posted(), IsEmpty());
   EXPECT_TRUE(log.has("The start has failed: x"));
+}
+
+TEST_F(Launch, AStartThatRaisedWithoutANameDoesNotCutAnEndThatHasBegun) {
+  controller = std::make_unique<OFSController>(environment);
+  center.setObserver([this](const NSNotification&) {
+    EXPECT_EQ(statusOf([this] { controller->launchDidRaise("x"); }), std::nullopt);
+  });
+  EXPECT_EQ(statusOf([this] { controller->requestUnmount(false); }), 0);
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSMountFailed", "OFSDidUnmount"));
 }
 
 // --- preflight

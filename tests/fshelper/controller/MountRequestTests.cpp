@@ -6,6 +6,7 @@
 
 #include <ctime>
 #include <filesystem>
+#include <thread>
 
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSLog.h"
@@ -91,12 +92,43 @@ TEST_F(Logs, AreOpenBeforeTheFileSystemIsMade) {
   EXPECT_TRUE(opened);
 }
 
-TEST_F(Logs, AFolderThatCannotBeMadeIsPassedOverInSilence) {
+// Device and number of what standard error writes to.
+std::pair<dev_t, ino_t> standardError() {
+  struct stat status {};
+  EXPECT_EQ(::fstat(STDERR_FILENO, &status), 0);
+  return {status.st_dev, status.st_ino};
+}
+
+TEST_F(Logs, WithAFileInTheirFoldersPlaceTheMountGoesOnWithoutThem) {
   std::filesystem::create_directories(folder.path("state/ombrafs"));
   writeTestFile(logFolder(), "in the way");
+  const auto before = standardError();
   EXPECT_EQ(launch(arguments()), std::nullopt);
   EXPECT_THAT(mount->iCalls, ElementsAre("mountAtPath YES YES"));
+  EXPECT_EQ(standardError(), before);
+  EXPECT_EQ(readTestFile(logFolder()), "in the way");
   EXPECT_THAT(center.posted(), IsEmpty());
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Logs, WithoutAConsoleFileStandardErrorStaysWhereItWas) {
+  std::filesystem::create_directories(logFolder() + "/Work_2001-09-09-014640_Console.log");
+  const auto before = standardError();
+  EXPECT_EQ(launch(arguments()), std::nullopt);
+  EXPECT_EQ(standardError(), before);
+  EXPECT_THAT(readTestFile(logFolder() + "/Work_2001-09-09-014640_Transcript.log"),
+              StartsWith("\xEF\xBB\xBF"));
+  EXPECT_THAT(mount->iCalls, ElementsAre("mountAtPath YES YES"));
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Logs, WithoutATranscriptTheConsoleFileIsStillOpened) {
+  std::filesystem::create_directories(logFolder() + "/Work_2001-09-09-014640_Transcript.log");
+  EXPECT_EQ(launch(arguments()), std::nullopt);
+  struct stat status {};
+  ASSERT_EQ(::stat((logFolder() + "/Work_2001-09-09-014640_Console.log").c_str(), &status), 0);
+  EXPECT_EQ(standardError(), std::pair(status.st_dev, status.st_ino));
+  EXPECT_THAT(mount->iCalls, ElementsAre("mountAtPath YES YES"));
 }
 
 // --- mount point
@@ -120,6 +152,12 @@ TEST_F(MountPoint, IsInDecomposedForm) {
   launch(arguments({"--name=B\u00fcro"}));
   EXPECT_EQ(mount->iPath, volumes() + "/Bu\u0308ro");
   EXPECT_EQ(option("volname="), "B\u00fcro");
+}
+
+TEST_F(MountPoint, ANameThatIsTakenInTheOtherUnicodeFormIsTaken) {
+  std::filesystem::create_directory(volumes() + "/Bu\u0308ro");
+  launch(arguments({"--name=B\u00fcro"}));
+  EXPECT_EQ(mount->iPath, volumes() + "/Bu\u0308ro 2");
 }
 
 TEST_F(MountPoint, AnUnreadableVolumesFolderCountsAsEmpty) {
@@ -214,12 +252,67 @@ TEST_F(Passthrough, ALivingOwnerAndAnUnreachableServerAreAFailedMount) {
   EXPECT_THAT(keysOf(center.posted("OFSMountFailed")), Contains("errorData"));
 }
 
+TEST_F(Passthrough, WithALivingOwnerTheErrorIsThatOfTheLogin) {
+  lockAnswers(0);
+  server.fail("connect", kAnyPath, QuarnKitError::errorWithCode(kQuarnKitCouldNotConnect));
+  controller = std::make_unique<OFSController>(environment);
+  controller->setPassthrough("id");
+  OmbraFileSystem object;
+  object.setConnectionPool(server.pool());
+  NSErrorRef error;
+  EXPECT_FALSE(controller->obtainLockForPassthroughWithFileSystem(object, "/unused", &error));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitCouldNotConnect));
+}
+
+TEST_F(Passthrough, AnEndThatHasBegunIsNotFollowedByTheNewsOfTheOtherMount) {
+  environment.lockFile = [this](const std::string&) {
+    std::thread([this] { statusOf([this] { controller->requestUnmount(false); }); }).join();
+    return 0;
+  };
+  EXPECT_EQ(launch(arguments({"--passthrough=id"})), std::nullopt);
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSMountFailed", "OFSDidUnmount"));
+  EXPECT_THAT(mount->iCalls, ElementsAre("unmount"));
+}
+
+TEST_F(Passthrough, TheNewsOfTheOtherMountIsNotFollowedByAnotherEnd) {
+  lockAnswers(0);
+  center.setObserver([this](const NSNotification&) {
+    center.setObserver({});
+    std::thread([this] { statusOf([this] { controller->requestUnmount(false); }); }).join();
+  });
+  EXPECT_EQ(launch(arguments({"--passthrough=id"})), 0);
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSAlreadyMounted"));
+  EXPECT_THAT(mount->iCalls, IsEmpty());
+}
+
 TEST_F(Passthrough, TracingTellsThePathAndTheFailure) {
   setDefault("TracingEnabled", true);
   lockAnswers(-1);
   launch(arguments({"--passthrough=id"}));
   EXPECT_THAT(log.lines(), Contains(EndsWith(": lockPath=" + folder.path("tmp/OmbraFS.id.pid"))));
   EXPECT_THAT(log.lines(), Contains(EndsWith(": could not obtain lock for id")));
+}
+
+TEST_F(Passthrough, TracingTellsThatALivingOwnerHasTheLock) {
+  setDefault("TracingEnabled", true);
+  lockAnswers(0);
+  launch(arguments({"--passthrough=id"}));
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": could not obtain lock for id")));
+}
+
+TEST_F(Passthrough, TracingTellsOfNoFailureWhenTheLockIsTaken) {
+  setDefault("TracingEnabled", true);
+  lockAnswers(1);
+  launch(arguments({"--passthrough=id"}));
+  EXPECT_THAT(log.lines(), Contains(EndsWith(": lockPath=" + folder.path("tmp/OmbraFS.id.pid"))));
+  EXPECT_THAT(log.lines(), Not(Contains(HasSubstr("could not obtain lock"))));
+}
+
+TEST_F(Passthrough, WithoutTracingTheLockIsNotSpokenOf) {
+  lockAnswers(-1);
+  launch(arguments({"--passthrough=id"}));
+  EXPECT_THAT(log.lines(), Not(Contains(HasSubstr("lock for id"))));
+  EXPECT_THAT(log.lines(), Not(Contains(HasSubstr("lockPath="))));
 }
 
 TEST_F(Passthrough, WithoutAFolderOfTheUsersOwnNoLockIsTaken) {
@@ -258,7 +351,7 @@ TEST_F(Options, OfAPassthroughMountWithIconAndDebugLogging) {
 TEST_F(Options, AnEmptyPassthroughStandsInPlaceOfUserAndAddress) {
   launch(arguments({"--passthrough="}));
   EXPECT_EQ(option("fsname="), "OmbraFS/sftp#");
-  EXPECT_THAT(option("redirect_folder="), StartsWith(cachesFolder()));
+  EXPECT_EQ(option("redirect_folder="), cachesFolder());
 }
 
 TEST_F(Options, WithoutCachesTheIconIsStillNamed) {
