@@ -1,12 +1,17 @@
 // The credential hand-off, over a real socket.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "fshelper/OFSController.h"
@@ -62,6 +67,26 @@ TEST_F(Credentials, TheHelperWritesItsNameAndReadsTheArchive) {
   EXPECT_EQ(credentials->password(), "secret");
   EXPECT_EQ(credentials->protocol(), kProtocolSFTP);
   EXPECT_EQ(frontEnd.receivedName(), kName);
+}
+
+TEST_F(Credentials, TheNameEndsAtItsFirstNUL) {
+  FrontEnd frontEnd(folder.path("sock"), 3, {archive});
+  frontEnd.start();
+  EXPECT_NE(OFSController::credentialsForRegisteredName(std::string("abc\0def", 7), frontEnd.socketPath()),
+            nullptr);
+  EXPECT_EQ(frontEnd.receivedName(), "abc");
+}
+
+// Larger than a socket's buffers: the write is under way until the front end reads on, which it does not.
+TEST_F(Credentials, TheAnswerCountsAlsoWhenTheNameCouldNotBeWritten) {
+  const std::string name(size_t{16} << 20, 'n');
+  FrontEnd frontEnd(folder.path("sock"), 1, {archive});
+  frontEnd.stopReadingAfterName();
+  frontEnd.start();
+  const auto credentials = OFSController::credentialsForRegisteredName(name, frontEnd.socketPath());
+  EXPECT_LT(frontEnd.receivedName().size(), name.size());
+  ASSERT_NE(credentials, nullptr);
+  EXPECT_EQ(credentials->password(), "secret");
 }
 
 // Waits until the thread sleeps in read(2), as the kernel tells it.
@@ -120,6 +145,38 @@ TEST_F(Credentials, AnotherReadErrorRaises) {
 
 TEST_F(Credentials, WithoutAListenerThereAreNone) {
   EXPECT_EQ(OFSController::credentialsForRegisteredName(kName, folder.path("nobody")), nullptr);
+}
+
+std::vector<int> openDescriptors() {
+  std::vector<int> descriptors;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
+    descriptors.push_back(std::stoi(entry.path().filename()));
+  // The one that the listing itself had open is closed by now.
+  std::erase_if(descriptors, [](int descriptor) { return ::fcntl(descriptor, F_GETFD) == -1; });
+  std::sort(descriptors.begin(), descriptors.end());
+  return descriptors;
+}
+
+TEST_F(Credentials, WithoutAListenerTheSocketStaysOpen) {
+  const std::vector<int> before = openDescriptors();
+  EXPECT_EQ(OFSController::credentialsForRegisteredName(kName, folder.path("nobody")), nullptr);
+  const std::vector<int> after = openDescriptors();
+  std::vector<int> opened;
+  std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(opened));
+  ASSERT_EQ(opened.size(), 1u);
+  int type = 0;
+  socklen_t length = sizeof type;
+  EXPECT_EQ(::getsockopt(opened.front(), SOL_SOCKET, SO_TYPE, &type, &length), 0);
+  EXPECT_EQ(type, SOCK_STREAM);
+  ::close(opened.front());
+}
+
+TEST_F(Credentials, TheSocketIsClosedAfterTheAnswer) {
+  FrontEnd frontEnd(folder.path("sock"), kName.size(), {archive});
+  const std::vector<int> before = openDescriptors();
+  EXPECT_NE(fetch(frontEnd), nullptr);
+  frontEnd.receivedName();
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 TEST_F(Credentials, AnEmptyPathHasNoListener) {

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "platform/foundation/NSKeyedArchiver.h"
 #include "tests/fshelper/controller/ControllerFixture.h"
@@ -120,6 +121,75 @@ TEST_F(Announcement, AnUnmountRemovesTheCacheOfAPlainMount) {
   EXPECT_TRUE(std::filesystem::exists(cachesFolder()));
 }
 
+TEST_F(Announcement, AFailureIsToldThenUnmountedThenTheUnmountToldThenTheProcessEnds) {
+  launch(arguments());
+  journal.clear();
+  center.setObserver([this](const NSNotification& posted) { journal.push_back("post " + posted.name); });
+  mount->iWhileUnmounting = [this] { journal.emplace_back("unmount"); };
+  EXPECT_EQ(postLocally(kGMUserFileSystemMountFailed, {{"mountPath", mount->iPath}}), 0);
+  mount->iWhileUnmounting = nullptr;
+  EXPECT_THAT(journal, ElementsAre("post OFSMountFailed", "unmount", "post OFSDidUnmount", "exit 0"));
+}
+
+TEST_F(Announcement, TheCacheIsRemovedBetweenTheUnmountsNewsAndTheEnd) {
+  std::string cache;
+  const auto note = [this, &cache](const std::string& moment) {
+    journal.push_back(moment + (std::filesystem::exists(cache) ? ": there" : ": gone"));
+  };
+  environment.exit = [note](int status) {
+    note("exit");
+    throw ProcessEnded{status};
+  };
+  launch(arguments());
+  cache = filledCache();
+  journal.clear();
+  center.setObserver([note](const NSNotification& posted) { note(posted.name); });
+  EXPECT_EQ(postLocally(kGMUserFileSystemDidUnmount, {}), 0);
+  EXPECT_THAT(journal, ElementsAre("OFSDidUnmount: there", "exit: gone"));
+}
+
+TEST_F(Announcement, OfAFailureIsMadeOnce) {
+  launch(arguments());
+  EXPECT_EQ(postLocally(kGMUserFileSystemMountFailed, {{"mountPath", mount->iPath}}), 0);
+  EXPECT_EQ(postLocally(kGMUserFileSystemMountFailed, {{"mountPath", mount->iPath}}), std::nullopt);
+  EXPECT_EQ(postLocally(kGMUserFileSystemDidUnmount, {}), std::nullopt);
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSMountFailed", "OFSDidUnmount"));
+}
+
+TEST_F(Announcement, OfAnUnmountIsMadeOnce) {
+  launch(arguments());
+  postDidMount();
+  EXPECT_EQ(postLocally(kGMUserFileSystemDidUnmount, {}), 0);
+  EXPECT_EQ(postLocally(kGMUserFileSystemDidUnmount, {}), std::nullopt);
+  EXPECT_EQ(postLocally(kGMUserFileSystemMountFailed, {}), std::nullopt);
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSDidMount", "OFSDidUnmount"));
+}
+
+TEST_F(Announcement, OfOneEndWhileAnotherThreadEndsTheStartToo) {
+  launch(arguments());
+  std::optional<int> status;
+  center.setObserver([this, &status](const NSNotification&) {
+    center.setObserver({});
+    std::thread([this, &status] {
+      status = statusOf([this] {
+        controller->mountFailed({"OFSMountFailed", kName, std::nullopt});
+        controller->didUnmount({std::string(kGMUserFileSystemDidUnmount), std::nullopt, std::nullopt});
+      });
+    }).join();
+  });
+  EXPECT_EQ(postLocally(kGMUserFileSystemMountFailed, {{"mountPath", mount->iPath}}), 0);
+  EXPECT_EQ(status, std::nullopt);
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSMountFailed", "OFSDidUnmount"));
+}
+
+TEST_F(Announcement, AnUnmountThatTheFrameworkReportsDuringAFailureIsNotToldTwice) {
+  launch(arguments());
+  mount->iWhileUnmounting = [this] { EXPECT_EQ(postLocally(kGMUserFileSystemDidUnmount, {}), std::nullopt); };
+  EXPECT_EQ(postLocally(kGMUserFileSystemMountFailed, {{"mountPath", mount->iPath}}), 0);
+  mount->iWhileUnmounting = nullptr;
+  EXPECT_THAT(center.postedNames(), ElementsAre("OFSMountFailed", "OFSDidUnmount"));
+}
+
 class PassthroughCache : public Announcement, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(PassthroughCache, SurvivesTheUnmount) {
@@ -187,6 +257,12 @@ class Invalidation : public ControllerTest {
     for (const std::string& path : paths) list.emplace_back(path);
     center.deliver({"OFSInvalidateCache", std::nullopt, NSDictionary{{"paths", list}}});
   }
+  // The folders that the server was asked for, in order.
+  std::vector<std::string> listings() const {
+    std::vector<std::string> texts = server.callTexts();
+    std::erase_if(texts, [](const std::string& text) { return !text.starts_with("contentsAtPath "); });
+    return texts;
+  }
   bool isExpired(const std::string& path) {
     const auto node = fileSystem->nodeForPath(path);
     return node != nullptr && node->isExpired();
@@ -244,6 +320,67 @@ TEST_F(Invalidation, FilesAndPathsOutsideTheMountAreIgnored) {
   EXPECT_FALSE(isExpired("/docs"));
   EXPECT_FALSE(fileSystem->rootNode()->isExpired());
   EXPECT_THAT(mount->iInvalidated, IsEmpty());
+}
+
+TEST_F(Invalidation, ALinkIsNotExpired) {
+  server.addLink("/docs/link", "/other");
+  mountAndList();
+  ASSERT_NE(fileSystem->nodeForPath("/docs/link"), nullptr);
+  ASSERT_EQ(fileSystem->nodeForPath("/docs/link")->type(), kNodeTypeAlias);
+  mount->iInvalidated.clear();
+  invalidate({mount->iPath + "/docs/link"});
+  EXPECT_FALSE(isExpired("/docs/link"));
+  EXPECT_FALSE(isExpired("/other"));
+  EXPECT_THAT(mount->iInvalidated, IsEmpty());
+}
+
+TEST_F(Invalidation, OfAFolderThatWasNeverListedListsItsParentOnce) {
+  server.addFolder("/docs/sub/deep");
+  launch(arguments());
+  postDidMount();
+  ASSERT_TRUE(fileSystem->contentsOfDirectoryAtPath("/docs", nullptr).has_value());
+  server.clearCalls();
+  invalidate({mount->iPath + "/docs/sub/deep"});
+  EXPECT_THAT(listings(), ElementsAre("contentsAtPath /docs/sub"));
+  EXPECT_TRUE(isExpired("/docs/sub/deep"));
+  EXPECT_FALSE(isExpired("/docs/sub"));
+}
+
+TEST_F(Invalidation, OfAFolderDeepBelowWhatWasListedListsEachLevelOnce) {
+  server.addFolder("/a/b/c");
+  launch(arguments());
+  postDidMount();
+  server.clearCalls();
+  invalidate({mount->iPath + "/a/b/c"});
+  EXPECT_THAT(listings(), ElementsAre("contentsAtPath /", "contentsAtPath /a", "contentsAtPath /a/b"));
+  EXPECT_TRUE(isExpired("/a/b/c"));
+}
+
+TEST_F(Invalidation, OfWhatAListedFolderDoesNotHoldAsksTheServerNothing) {
+  mountAndList();
+  invalidate({mount->iPath + "/docs/missing"});
+  EXPECT_THAT(listings(), IsEmpty());
+  EXPECT_FALSE(isExpired("/docs"));
+}
+
+// What comes after the mount point is taken for a path on the server, where the root's folder stands before
+// all others. Intended.
+TEST_F(Invalidation, ARestThatBeginsLikeTheRootsPathLosesThatBeginning) {
+  server.setLoginPath("/home/anna");
+  server.addFolder("/home/anna/docs");
+  server.addFolder("/home/anna/home/docs");
+  launch(arguments());
+  postDidMount();
+  for (const char* path : {"/", "/home", "/docs", "/home/docs"}) {
+    ASSERT_TRUE(fileSystem->contentsOfDirectoryAtPath(path, nullptr).has_value()) << path;
+  }
+  invalidate({mount->iPath + "/home/docs"});
+  EXPECT_TRUE(isExpired("/docs"));
+  EXPECT_FALSE(isExpired("/home/docs"));
+  EXPECT_FALSE(fileSystem->rootNode()->isExpired());
+  invalidate({mount->iPath + "/home"});
+  EXPECT_TRUE(fileSystem->rootNode()->isExpired());
+  EXPECT_FALSE(isExpired("/home"));
 }
 
 TEST_F(Invalidation, NothingIsPostedInReply) {

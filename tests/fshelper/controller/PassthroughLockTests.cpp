@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -144,6 +145,25 @@ TEST_F(PassthroughLock, AMissingFolderIsAnError) {
 TEST_F(PassthroughLock, AFileThatCannotBeOpenedIsAnError) {
   ASSERT_EQ(::symlink(folder.path("nowhere").c_str(), path.c_str()), 0);
   EXPECT_EQ(lock(), -1);
+}
+
+// The file that was made stays behind, and keeps every later contender reading.
+TEST_F(PassthroughLock, ANumberThatCannotBeWrittenIsAnError) {
+  const pid_t contender = ::fork();
+  if (contender == 0) {
+    ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit nothing{0, 0};
+    ::setrlimit(RLIMIT_FSIZE, &nothing);
+    const int next = ::dup(0);  // the number that the file had, if it is closed again
+    ::close(next);
+    const int result = spc_lock_file(path.c_str(), &countPause);
+    _exit(result != -1 || errno != EFBIG || gPauses != 0 ? 1 : ::dup(0) != next ? 2 : 0);
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(contender, &status, 0), contender);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(readTestFile(path), "");
 }
 
 TEST_F(PassthroughLock, AReadErrorCountsAsAnAttempt) {
