@@ -47,12 +47,13 @@ bool OmbraFileSystem::createDirectoryAtPath(OptionalPath path, const NSFileAttri
     OFS_FAIL(error, kENOENT);
     return false;
   }
+  const bool isListed = canShowNewItems(parent);
   NSErrorRef underlying;
   if (!connection->createFolderAtPath(remotePathForPath(*path), &underlying)) {
     OFS_FAIL(error, kEACCES, underlying);
     return false;
   }
-  markStale(*parent, *path);
+  if (!isListed || !showNewFolder(connection, parent, *path)) markStale(*parent, *path);
   return true;
 }
 
@@ -73,10 +74,14 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   }
   const std::shared_ptr<OFSRemoteFile> file = OFSRemoteFile::remoteFileForPath(remotePathForPath(*path));
   file->setConnectionPool(connectionPool());
+  const bool isListed = canShowNewItems(parent);
   if (!file->openWithMode(kNewFileFlags, error)) return false;
-  markStale(*parent, *path);
-  if (!contentsOfDirectoryAtPath(parentPath, error)) return false;
-  const std::shared_ptr<KCRemoteFileNode> node = nodeForPath(*path);
+  std::shared_ptr<KCRemoteFileNode> node = isListed ? showNewFile(parent, *path) : nullptr;
+  if (node == nullptr) {
+    markStale(*parent, *path);
+    if (!contentsOfDirectoryAtPath(parentPath, error)) return false;
+    node = nodeForPath(*path);
+  }
   if (node == nullptr) {
     OFS_FAIL(error, kEIO);
     return false;

@@ -194,6 +194,17 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void invalidateDirectory(std::string_view path) const;
   // After `newItem` (a local path) was made in `parent`: the next use of the parent's listing fetches it.
   void markStale(KCRemoteFileNode& parent, std::string_view newItem);
+  // Whether the listing of a folder that is about to get a new item is fresh, and the item can simply be put
+  // into it afterwards.
+  bool canShowNewItems(const std::shared_ptr<KCRemoteFileNode>& parent) const;
+  // Puts the node of what was just made into its folder's listing. The node that stands for it from now on,
+  // or null when there is no listing any more: then it has to be fetched.
+  std::shared_ptr<KCRemoteFileNode> showNewItem(const std::shared_ptr<KCRemoteFileNode>& parent,
+                                                const std::shared_ptr<KCRemoteFileNode>& node);
+  bool showNewFolder(StAbstractConnection& connection, const std::shared_ptr<KCRemoteFileNode>& parent,
+                     std::string_view path);
+  std::shared_ptr<KCRemoteFileNode> showNewFile(const std::shared_ptr<KCRemoteFileNode>& parent,
+                                                std::string_view path);
 
   NSFileAttributes shownAttributesOfNode(const KCRemoteFileNode& node) const;
   uint16_t shownModeOfNode(const KCRemoteFileNode& node) const;

@@ -140,6 +140,9 @@ class Engine {
   virtual bool isSFTP() const { return false; }
   virtual bool isWebDAV() const { return false; }
   virtual bool supportsUploadByteOffset() const = 0;
+  // Whether what was made is there under the very name that it was given, so that its folder need not be
+  // listed to know.
+  virtual bool keepsNamesOfNewItems() const { return false; }
   // The library's own cap on sessions to one server.
   virtual int sessionCap() const = 0;
   // Makes a session; no traffic before logIn.

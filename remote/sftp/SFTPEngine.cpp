@@ -13,6 +13,7 @@ class SFTPEngine final : public Engine {
   uint32_t protocol() const override { return kProtocolSFTP; }
   bool isSFTP() const override { return true; }
   bool supportsUploadByteOffset() const override { return true; }
+  bool keepsNamesOfNewItems() const override { return true; }
   int sessionCap() const override { return 8; }
 
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override {

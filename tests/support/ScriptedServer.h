@@ -109,6 +109,8 @@ class ScriptedServer {
   void setIsSFTP(bool value);
   void setIsWebDAV(bool value);
   void setSupportsUploadByteOffset(bool value);
+  // As KCConnectionPool::keepsNamesOfNewItems; false at first.
+  void setKeepsNamesOfNewItems(bool value);
 
   // --- login. A connection has no login path until `connect` succeeded once in this pool.
   // What loginPath answers after that; absent: none even then. Default "/".

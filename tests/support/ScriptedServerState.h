@@ -64,6 +64,7 @@ class ScriptedServer::State final : public KCConnectionPool, public std::enable_
   void releaseConnection(std::shared_ptr<AbstractConnection> connection) override EXCLUDES(iCondition);
   void setTranscriptDelegate(TranscriptDelegate* delegate) override EXCLUDES(iCondition);
   void shutDown() override EXCLUDES(iCondition);
+  bool keepsNamesOfNewItems() const override { return iKeepsNames; }
 
   // Records the call, lets the observer look, sleeps in holds at position 0, looks up injected errors.
   // `cancelled` (may be null) ends holds.
@@ -132,6 +133,7 @@ class ScriptedServer::State final : public KCConnectionPool, public std::enable_
   size_t iReleased GUARDED_BY(iCondition) = 0;
   int iMaximumConnections GUARDED_BY(iCondition) = -1;
   std::atomic<TranscriptDelegate*> iTranscriptDelegate{nullptr};
+  std::atomic<bool> iKeepsNames{false};
   const KCUUID iTranscriptUUID = KCUUID::UUID();
 
  private:

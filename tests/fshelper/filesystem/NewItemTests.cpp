@@ -1,0 +1,96 @@
+// What is made where the server keeps the names that it is given: it joins the known listing.
+#include "tests/fshelper/filesystem/FileSystemFixture.h"
+
+namespace ombra {
+namespace {
+
+using ::testing::UnorderedElementsAre;
+
+class NewItems : public FileSystemTest {
+ protected:
+  NewItems() {
+    server.setKeepsNamesOfNewItems(true);
+    server.addFile("/old", "x");
+    connect();
+  }
+  std::vector<std::string> names(const std::string& path) {
+    return fileSystem.contentsOfDirectoryAtPath(path, nullptr).value_or(std::vector<std::string>{"<failed>"});
+  }
+  size_t listings() const { return server.count("contentsAtPath"); }
+  bool makeFile(const std::string& path) {
+    NSFileAttributes attributes;
+    attributes.posixPermissions = 0640;
+    return fileSystem.createFileAtPath(path, attributes, &made, nullptr);
+  }
+  GMUserData made;
+};
+
+TEST_F(NewItems, AFileJoinsAFreshListingWithoutAnotherOne) {
+  names("/");
+  const size_t before = listings();
+  ASSERT_TRUE(makeFile("/new"));
+  EXPECT_EQ(listings(), before);
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new"));
+  EXPECT_EQ(listings(), before);
+  const auto attributes = fileSystem.attributesOfItemAtPath("/new", nullptr, nullptr);
+  ASSERT_TRUE(attributes);
+  EXPECT_EQ(attributes->fileType, NSFileTypeValue::NSFileTypeRegular);
+  EXPECT_EQ(attributes->fileSize, 0u);
+  EXPECT_EQ(attributes->posixPermissions, 0640);
+}
+
+TEST_F(NewItems, AFileInAFolderThatIsNotListedYetIsListedWithIt) {
+  ASSERT_TRUE(makeFile("/new"));
+  EXPECT_EQ(listings(), 1u);
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new"));
+}
+
+TEST_F(NewItems, AListingThatHasExpiredIsFetched) {
+  names("/");
+  clock.advance(61);
+  const size_t before = listings();
+  ASSERT_TRUE(makeFile("/new"));
+  EXPECT_EQ(listings(), before + 1);
+}
+
+TEST_F(NewItems, AFolderJoinsWithTheServersAttributesAndIsKnownToBeEmpty) {
+  names("/");
+  const size_t before = listings();
+  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "folder"));
+  EXPECT_TRUE(names("/folder").empty());
+  ASSERT_TRUE(makeFile("/folder/a"));
+  EXPECT_THAT(names("/folder"), UnorderedElementsAre("a"));
+  EXPECT_EQ(listings(), before);
+  const auto attributes = fileSystem.attributesOfItemAtPath("/folder", nullptr, nullptr);
+  ASSERT_TRUE(attributes);
+  EXPECT_EQ(attributes->fileType, NSFileTypeValue::NSFileTypeDirectory);
+  EXPECT_EQ(attributes->posixPermissions, 0755);
+}
+
+TEST_F(NewItems, AFolderWhoseAttributesCannotBeReadIsListed) {
+  names("/");
+  const size_t before = listings();
+  server.fail("attributesOfItemAtPath", "/folder", QuarnKitError::errorWithCode(kQuarnKitRefused));
+  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "folder"));
+  EXPECT_EQ(listings(), before + 1);
+}
+
+TEST_F(NewItems, AListingThatWasUnderWayMeanwhileKeepsTheNewItem) {
+  names("/");
+  fileSystem.rootNode()->setExpired(true);
+  server.setContentsHandler([this](std::string_view, auto* nodes, NSErrorRef*) {
+    server.setContentsHandler({});
+    // The server's answer is on its way when the file is made.
+    fileSystem.rootNode()->setExpired(false);
+    EXPECT_TRUE(makeFile("/new"));
+    nodes->push_back(std::make_shared<KCRemoteFileNode>("/old", server.credentials()));
+    return true;
+  });
+  names("/");
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new"));
+}
+
+}  // namespace
+}  // namespace ombra
