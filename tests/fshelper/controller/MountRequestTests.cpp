@@ -45,6 +45,18 @@ TEST_F(Logs, LieSideBySideUnderVolumeNameAndDate) {
               ElementsAre("Work_2001-09-09-014640_Console.log", "Work_2001-09-09-014640_Transcript.log"));
 }
 
+TEST_F(Logs, BearTheDateOfTheMountNotOfTheirOpening) {
+  const auto make = environment.makeConnectionPool;
+  environment.makeConnectionPool = [this, make](std::shared_ptr<KCCredentials> credentials,
+                                                NSErrorRef* error) {
+    clock.advance(3600);
+    return make(std::move(credentials), error);
+  };
+  launch(arguments());
+  EXPECT_TRUE(std::filesystem::exists(logFolder() + "/Work_2001-09-09-014640_Console.log"));
+  EXPECT_TRUE(std::filesystem::exists(logFolder() + "/Work_2001-09-09-014640_Transcript.log"));
+}
+
 TEST_F(Logs, TheTranscriptBeginsWithAByteOrderMark) {
   launch(arguments());
   EXPECT_THAT(readTestFile(logFolder() + "/Work_2001-09-09-014640_Transcript.log"),

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 #include "fshelper/OFSPassthroughLock.h"
@@ -120,6 +121,35 @@ TEST_F(PassthroughLock, AnOwnerThatEndsWhileWeWaitIsReplaced) {
   EXPECT_EQ(gPauses, 1);
 }
 
+int gEndingPause = 0;
+
+unsigned endOwnerLater(unsigned seconds) {
+  gPauses += static_cast<int>(seconds);
+  if (gPauses == gEndingPause) gOwner->end();
+  return 0;
+}
+
+// Taking away the stale file and making one of our own are no attempts: there would be none left.
+TEST_F(PassthroughLock, AnOwnerThatEndsBeforeTheLastAttemptIsReplaced) {
+  Child owner;
+  gOwner = &owner;
+  gEndingPause = 2;
+  writeTestFile(path, bytesOf(owner.process()));
+  EXPECT_EQ(spc_lock_file(path.c_str(), &endOwnerLater), 1);
+  EXPECT_EQ(gPauses, 2);
+  EXPECT_EQ(readTestFile(path), bytesOf(getpid()));
+}
+
+TEST_F(PassthroughLock, AfterTheThirdPauseNobodyLooksAgain) {
+  Child owner;
+  const std::string bytes = bytesOf(owner.process());
+  gOwner = &owner;
+  gEndingPause = 3;
+  writeTestFile(path, bytes);
+  EXPECT_EQ(spc_lock_file(path.c_str(), &endOwnerLater), 0);
+  EXPECT_EQ(readTestFile(path), bytes);
+}
+
 TEST_F(PassthroughLock, AnOwnerThatMayNotBeAskedAboutIsAnError) {
   if (::geteuid() != 0) {
     ASSERT_EQ(std::getenv("CI"), nullptr) << "needs root to become another user";
@@ -227,7 +257,12 @@ TEST_F(PassthroughLock, AShortFileThatGetsItsLastBytesIsRead) {
   pid_t contender = ::fork();
   if (contender == 0) _exit(spc_lock_file(path.c_str(), &countPause));
   while (readCalls(contender) < 1000) std::this_thread::yield();
-  writeTestFile(path, bytesOf(contender));
+  // In two parts, each of which it reads by itself.
+  std::ofstream file(path, std::ios::binary | std::ios::app);
+  file << bytesOf(contender).substr(0, 3) << std::flush;
+  const long reads = readCalls(contender);
+  while (readCalls(contender) < reads + 1000) std::this_thread::yield();
+  file << bytesOf(contender).substr(3) << std::flush;
   int status = 0;
   ::waitpid(contender, &status, 0);
   EXPECT_TRUE(WIFEXITED(status));
