@@ -64,6 +64,18 @@ TEST_F(Tracing, ANestedCallIsIndentedByOneBlank) {
                                        "} -[OmbraFileSystem contentsOfDirectoryAtPath:error:] /a"));
 }
 
+TEST_F(Tracing, NestedCallsThatFollowOneAnotherAreIndentedAlike) {
+  gTracingEnabled = true;
+  {
+    OFS_TRACE("-[A b]", "{}", "outside");
+    inner("/b");
+    inner("/c");
+  }
+  EXPECT_THAT(log.lines(), ElementsAre("{ -[A b] outside", " { -[OmbraFileSystem inner:] /b",
+                                       " } -[OmbraFileSystem inner:] /b", " { -[OmbraFileSystem inner:] /c",
+                                       " } -[OmbraFileSystem inner:] /c", "} -[A b] outside"));
+}
+
 TEST_F(Tracing, TheCallAfterANestedOneIsBackAtItsLevel) {
   gTracingEnabled = true;
   outer("/a");
