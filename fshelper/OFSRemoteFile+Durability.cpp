@@ -198,6 +198,11 @@ void OFSRemoteFile::letWritesGo() {
   iCondition.broadcast();
 }
 
+bool OFSRemoteFile::hasBeenChanged() {
+  const ConditionLock lock(iCondition);
+  return !iAbandoned && iLocalGeneration != 0;
+}
+
 bool OFSRemoteFile::isCovered() {
   if (iHeldTransfers != 0) return false;
   const ConditionLock lock(iCondition);

@@ -142,6 +142,8 @@ class OFSRemoteFile final : public GMOpenFile,
   void abandon() EXCLUDES(iCondition);
   // The removal did not happen: what is written counts again.
   void reclaim() EXCLUDES(iCondition);
+  // True when anything was ever written to it here.
+  bool hasBeenChanged() EXCLUDES(iCondition);
   // True when nothing written is missing on the server and no transfer runs. Never waits for a transfer.
   bool isCovered() EXCLUDES(iCondition);
   // True when the cache file is known not to be the file: its download failed or it could not be prepared.

@@ -43,6 +43,18 @@ void moveNodesBelow(const KCNode& folder, const std::string& from, const std::st
 
 }  // namespace
 
+bool OmbraFileSystem::flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) {
+  OFS_TRACE("-[OmbraFileSystem flushFileAtPath:userData:error:]", "{}", ofs_describe(path));
+  const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
+  if (file == nullptr || !file->hasBeenChanged()) return true;
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  StAbstractConnection connection(pool.get(), this);
+  NSErrorRef underlying;
+  if (connection->flushFileAtPath(file->remotePath(), &underlying)) return true;
+  OFS_FAIL(error, kEIO, underlying);
+  return false;
+}
+
 bool OmbraFileSystem::synchronizeFileAtPath(OptionalPath path, const GMUserData& userData,
                                             NSErrorRef* error) {
   OFS_TRACE("-[OmbraFileSystem synchronizeFileAtPath:userData:error:]", "{}", ofs_describe(path));

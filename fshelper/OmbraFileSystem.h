@@ -144,6 +144,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
                                  NSErrorRef* error);
 
   // GMUserFileSystemDurability
+  bool flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   GMContentState contentStateOfFile(const GMUserData& userData) override;
   void waitForContent(const GMUserData& userData, uint64_t seen) override;

@@ -136,6 +136,11 @@ class AbstractConnection {
   // again.
   [[nodiscard]] virtual bool finishUploads(NSFileHandle& fileHandle, std::string_view toPath,
                                            NSErrorRef* error);
+  // Has the server bring the content of a file that was uploaded to its disk, where the protocol has a word
+  // for that; else nothing.
+  [[nodiscard]] virtual bool flushFileAtPath(std::string_view /*path*/, NSErrorRef* /*error*/) {
+    return true;
+  }
   // Sends what the handler's streamBytes callback gives until it gives 0. The remote file is replaced.
   [[nodiscard]] virtual bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
                                                      ConnectionDelegate& handler, NSErrorRef* error) = 0;

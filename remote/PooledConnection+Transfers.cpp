@@ -180,6 +180,13 @@ bool PooledConnection::finishUploads(NSFileHandle& fileHandle, std::string_view 
   return AbstractConnection::finishUploads(fileHandle, toPath, error);
 }
 
+bool PooledConnection::flushFileAtPath(std::string_view path, NSErrorRef* error) {
+  if (!isAllowed(path, error)) return false;
+  const std::string whole = absolute(path);
+  const Work work = [&](Session& session, NSErrorRef* fault) { return session.flushFile(whole, fault); };
+  return perform(Repeat::kSafe, work, error);
+}
+
 bool PooledConnection::uploadFileHandle(NSFileHandle& fileHandle, std::string_view /*withFilename*/,
                                         std::string_view toPath, uint64_t byteOffset,
                                         uint64_t* bytesTransferred, NSErrorRef* error) {

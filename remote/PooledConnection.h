@@ -86,6 +86,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
                                ConnectionDelegate& handler, NSErrorRef* error) override;
   void setWritesBehind(bool writesBehind) override { iWritesBehind = writesBehind; }
   bool finishUploads(NSFileHandle& fileHandle, std::string_view toPath, NSErrorRef* error) override;
+  bool flushFileAtPath(std::string_view path, NSErrorRef* error) override;
   void setShouldCancel(bool shouldCancel) override;
   std::string displayStringForRemoteString(std::string_view bytes) const override;
 

@@ -127,6 +127,9 @@ class Session {
   // turns out to lack; an ordinary one replaces the file from offset 0.
   [[nodiscard]] virtual bool upload(NSFileHandle& from, std::string_view path, uint64_t offset,
                                     TransferControl& control, NSErrorRef* error) = 0;
+  // Has the server bring the content of a file that was uploaded to its disk. Nothing to do, where the
+  // protocol has no word for it, is success.
+  [[nodiscard]] virtual bool flushFile(std::string_view /*path*/, NSErrorRef* /*error*/) { return true; }
   // Sends what `next` gives (bytes into the buffer, capacity; 0 ends) as the whole new content.
   [[nodiscard]] virtual bool stream(const std::function<size_t(std::byte*, size_t)>& next,
                                     std::string_view path, TransferControl& control, NSErrorRef* error) = 0;

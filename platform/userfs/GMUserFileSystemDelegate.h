@@ -100,6 +100,10 @@ class GMUserFileSystemDurability {
   // Makes sure that the server has the file as a whole; waits without a limit of its own. For fsync, for the
   // close of a written handle, and before a release. Nothing to do is success.
   virtual bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) = 0;
+  // For fsync, after that: has the server bring the file to its disk, where it can be told to.
+  virtual bool flushFileAtPath(OptionalPath /*path*/, const GMUserData& /*userData*/, NSErrorRef* /*error*/) {
+    return true;
+  }
   // For a read that ended before the promised size.
   virtual GMContentState contentStateOfFile(const GMUserData& userData) = 0;
   // Waits until the state of an arriving file changes, or more of it has arrived than `seen` bytes.

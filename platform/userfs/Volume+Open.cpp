@@ -140,7 +140,12 @@ int Volume::synchronizeHandle(OpenHandle& handle) {
 int Volume::synchronize(uint64_t identifier) {
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
-  return synchronizeHandle(*handle);
+  if (const int result = synchronizeHandle(*handle); result != 0) return result;
+  const auto path = handle->item->path();
+  GMUserFileSystemDurability* durability = this->durability();
+  if (durability == nullptr || !path) return 0;
+  NSErrorRef error;
+  return durability->flushFileAtPath(*path, handle->item->userData(), &error) ? 0 : failure(error);
 }
 
 void Volume::release(uint64_t identifier) {

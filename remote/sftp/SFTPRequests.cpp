@@ -137,6 +137,14 @@ uint32_t SFTPRequests::statvfs(std::string_view path) {
   return id;
 }
 
+uint32_t SFTPRequests::fsync(std::string_view handle) {
+  SFTPPacketWriter writer = extended("fsync@openssh.com");
+  writer.string(handle);
+  const uint32_t id = iChannel.submit(writer);
+  iChannel.note(id, [&] { return fmt::format("fsync handle={}", describeHandle(handle)); });
+  return id;
+}
+
 uint32_t SFTPRequests::limits() {
   SFTPPacketWriter writer = extended("limits@openssh.com");
   const uint32_t id = iChannel.submit(writer);

@@ -37,6 +37,7 @@ class SFTPRequests {
   // OpenSSH's extensions; only after the channel has told that the server has them.
   uint32_t posixRename(std::string_view from, std::string_view to);
   uint32_t statvfs(std::string_view path);
+  uint32_t fsync(std::string_view handle);
   uint32_t limits();
   uint32_t expandPath(std::string_view path);
   uint32_t lsetstat(std::string_view path, const SFTPAttributes& attributes);

@@ -146,6 +146,16 @@ void SFTPSession::closeUploadHandleBelow(std::string_view path) {
   if (iUpload != nullptr && isAtOrBelowRemotePath(iUpload->path(), path)) finishUpload();
 }
 
+bool SFTPSession::flushFile(std::string_view path, NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return false;
+  if (!iChannel.hasExtension("fsync@openssh.com", "1")) return true;
+  const auto handle = waitHandle(iRequests.open(path, kSFTPOpenRead), SFTPOperation::kOther, path, error);
+  if (!handle) return false;
+  const uint32_t id = iRequests.fsync(*handle);
+  iChannel.abandon(iRequests.close(*handle));
+  return waitStatus(id, SFTPOperation::kWrite, path, error);
+}
+
 bool SFTPSession::sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
                              TransferControl& control, std::string_view path, NSErrorRef* error) {
   for (uint64_t at = 0;;) {

@@ -54,6 +54,7 @@ class SFTPSession final : public Session {
                               TransferControl& control, NSErrorRef* error) override;
   [[nodiscard]] bool upload(NSFileHandle& from, std::string_view path, uint64_t offset,
                             TransferControl& control, NSErrorRef* error) override;
+  [[nodiscard]] bool flushFile(std::string_view path, NSErrorRef* error) override;
   [[nodiscard]] bool stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
                             TransferControl& control, NSErrorRef* error) override;
 

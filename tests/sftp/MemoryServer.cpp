@@ -244,6 +244,11 @@ std::string MemoryServer::extended(uint32_t id, SFTPPacketReader& reader) {
                   u64(readLength) + u64(writeLength) + u64(100));
   }
   const std::string first(reader.string());
+  if (name == "fsync@openssh.com") {
+    if (iHandles.count(first) == 0) return statusReply(id, kSFTPStatusFailure, "Failure");
+    flushed.push_back(iHandles.at(first).path);
+    return statusReply(id, kSFTPStatusOK);
+  }
   if (name == "posix-rename@openssh.com") return rename(id, first, std::string(reader.string()), true);
   if (name == "expand-path@openssh.com") {
     if (first.starts_with("~other")) return nameReply(id, "/home/other" + first.substr(6));

@@ -58,6 +58,8 @@ class MemoryServer {
   bool refuseOwner = false;
   // The server only tidies paths up, and follows nothing.
   bool resolvesLexically = false;
+  // The files that were brought to the disk, in order.
+  std::vector<std::string> flushed;
   // Called before each request is answered.
   std::function<void(const PeerRequest&)> before;
   // Sends what is held back.

@@ -387,6 +387,25 @@ TEST_F(SFTPUpload, OfAnOrdinaryFileIsOverWhenTheServerHasClosedIt) {
   session.reset();
 }
 
+TEST_F(SFTPUpload, AFlushBringsTheFileToTheServersDisk) {
+  logIn();
+  makeScratch("abc");
+  ASSERT_TRUE(upload(0));
+  EXPECT_TRUE(session->flushFile("/f", &error));
+  EXPECT_EQ(std::vector<std::string>{"/f"}, server.flushed);
+  server.refusals[kSFTPExtended] = {kSFTPStatusFailure, 0};
+  EXPECT_FALSE(session->flushFile("/f", &error));
+  EXPECT_EQ(kQuarnKitRefused, codeOf(error));
+}
+
+TEST_F(SFTPUpload, AServerThatKnowsNoFlushIsNotAsked) {
+  server.extensions.clear();
+  logIn();
+  const size_t before = peer->requests().size();
+  EXPECT_TRUE(session->flushFile("/f", &error));
+  EXPECT_EQ(before, peer->requests().size());
+}
+
 // Uploads that answer before the server has.
 class SFTPWriteBehind : public SFTPUpload {
  protected:

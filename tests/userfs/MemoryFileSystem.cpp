@@ -394,6 +394,10 @@ int DurableMemoryFileSystem::readFileAtPath(OptionalPath path, const GMUserData&
   return MemoryFileSystem::readFileAtPath(path, userData, buffer, size, offset, error);
 }
 
+bool DurableMemoryFileSystem::flushFileAtPath(OptionalPath path, const GMUserData&, NSErrorRef* error) {
+  return enter("flushFile", path, "", error);
+}
+
 bool DurableMemoryFileSystem::synchronizeFileAtPath(OptionalPath path, const GMUserData&, NSErrorRef* error) {
   return enter("synchronize", path, "", error);
 }

@@ -132,6 +132,7 @@ class DurableMemoryFileSystem : public MemoryFileSystem, public GMUserFileSystem
   int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size, int64_t offset,
                      NSErrorRef* error) override;
 
+  bool flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   GMContentState contentStateOfFile(const GMUserData& userData) override;
   void waitForContent(const GMUserData& userData, uint64_t seen) override;

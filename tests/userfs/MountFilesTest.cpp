@@ -319,6 +319,20 @@ TEST_F(MountFilesTest, SynchronisingAsksTheDelegateEachTime) {
   EXPECT_EQ(errnoOf([&] { return fsync(file.get()); }), EACCES);
 }
 
+TEST_F(MountFilesTest, SynchronisingBringsTheFileToTheServersDiskAndClosingDoesNot) {
+  mount();
+  File file(at("/a"), O_CREAT | O_WRONLY);
+  ASSERT_EQ(write(file.get(), "x", 1), 1);
+  EXPECT_EQ(fsync(file.get()), 0);
+  EXPECT_EQ(iFiles.countOf("flushFile /a"), 1u);
+  const auto calls = iFiles.calls();
+  EXPECT_LT(std::find(calls.begin(), calls.end(), "synchronize /a"),
+            std::find(calls.begin(), calls.end(), "flushFile /a"));
+  iFiles.failWith("flushFile", kEIO);
+  EXPECT_EQ(errnoOf([&] { return fsync(file.get()); }), EIO);
+  EXPECT_EQ(file.close(), 0);
+}
+
 // In a process of its own: a page fault holds the lock of the address space, which the threads that answer it
 // need.
 int writeThroughMapping(const std::string& path) {

@@ -65,6 +65,17 @@ TEST_F(Durability, WhatCannotBeSentIsTold) {
   EXPECT_TRUE(fileSystem.synchronizeFileAtPath("/a.txt", file, &error));
 }
 
+TEST_F(Durability, OnlyWhatWasWrittenHereIsBroughtToTheServersDisk) {
+  const GMUserData file = open("/a.txt", kO_RDWR);
+  server.clearCalls();
+  EXPECT_TRUE(fileSystem.flushFileAtPath("/a.txt", file, &error));
+  EXPECT_EQ(server.count("acquireConnection"), 0u);
+  write("/a.txt", file, "longer content");
+  server.clearCalls();
+  EXPECT_TRUE(fileSystem.flushFileAtPath("/a.txt", file, &error));
+  EXPECT_EQ(server.count("acquireConnection"), 1u);
+}
+
 TEST_F(Durability, TheContentStateFollowsTheDownload) {
   const auto hold = server.hold("downloadFileAtPath", "/a.txt", 3);
   const GMUserData file = open("/a.txt", kO_RDONLY);
