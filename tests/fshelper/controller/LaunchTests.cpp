@@ -170,8 +170,8 @@ TEST_F(Launch, AnEmptyRegistrationNameIsANameAndIsAskedWith) {
   FrontEnd answering(folder.path("sock"), 0, {testCredentials()->archivedData()});
   answering.start();
   EXPECT_EQ(launch({"--sock=" + folder.path("sock"), "--uuid=", "--name=Work"}), std::nullopt);
+  ASSERT_NE(fetched, nullptr) << "nobody has come, so nothing is waited for";
   EXPECT_EQ(answering.receivedName(), "");
-  ASSERT_NE(fetched, nullptr);
   EXPECT_EQ(fetched->password(), "secret");
   postDidMount();
   EXPECT_EQ(center.posted("OFSDidMount").object, "");
