@@ -16,6 +16,7 @@ namespace {
 constexpr double kIdleSeconds = 60.0;
 // A program that goes on writing does so within this time; for others a file should not stay open.
 constexpr double kHoldingSeconds = 1.0;
+constexpr double kUnquestionedSeconds = 1.0;
 
 NSErrorRef shutDownError() {
   return QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the volume is closing");
@@ -58,6 +59,12 @@ bool SessionPool::isShutDown() const {
   return iIsShutDown;
 }
 
+// Whether a session is worth a try. One that was used a moment ago is: a look costs as much as a small write.
+bool SessionPool::standsUp(PooledSession& session) {
+  const double seconds = NSDate::date().timeIntervalSinceDate(session.idleSince);
+  return (seconds >= 0.0 && seconds < kUnquestionedSeconds) || session.session->isAlive();
+}
+
 std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, SessionUse use, NSErrorRef* error) {
   // A thread that waited with a session in hand could wait for one that never comes free.
   assert(!threadHoldsSession());
@@ -74,7 +81,7 @@ std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, Sessio
                  turn == Turn::kStop ? QuarnKitError::errorWithCode(kQuarnKitCancelled) : shutDownError());
       return nullptr;
     }
-    if (session != nullptr && session->session->isAlive()) {
+    if (session != nullptr && standsUp(*session)) {
       session->transcript->setConnection(waiter.UUID());
       if (enter(session)) {
         return session;
@@ -187,7 +194,28 @@ void SessionPool::keepIdle(std::shared_ptr<PooledSession>& session) {
       return;
     }
   }
+  const double seconds = session->heldPath.empty() ? kIdleSeconds : kHoldingSeconds;
+  const NSDate due = session->idleSince.dateByAddingTimeInterval(seconds);
+  if (!iCloserLimit || due < *iCloserLimit) wakeCloser();
   iIdle.push_back(std::move(session));
+}
+
+void SessionPool::wakeCloser() {
+  const ConditionLock lock(iCloserWake);
+  iCloserWoken = true;
+  iCloserWake.broadcast();
+}
+
+void SessionPool::sleepUntilDue(std::optional<NSDate> limit) {
+  const ConditionLock lock(iCloserWake);
+  while (!iCloserWoken) {
+    if (!limit) {
+      iCloserWake.wait();
+    } else if (!iCloserWake.waitUntilDate(*limit)) {
+      break;
+    }
+  }
+  iCloserWoken = false;
 }
 
 bool SessionPool::tryBeginTransfer() {
@@ -227,6 +255,7 @@ void SessionPool::shutDown() {
     iLive -= static_cast<int>(iIdle.size());
     idle.swap(iIdle);
     wakeAll();
+    wakeCloser();
   }
   for (const auto& pooled : running) pooled->session->interrupt();
 }
@@ -235,20 +264,20 @@ void SessionPool::closeIdleSessions() {
   NSThread::setName("closing idle sessions");
   iCondition.lock();
   while (!iIsShutDown) {
-    if (iIdle.empty()) {
-      iCondition.wait();
-      continue;
-    }
     // The oldest is the first: they come in at the end, and those that are taken out of turn come back there.
-    NSDate limit = iIdle.front()->idleSince.dateByAddingTimeInterval(kIdleSeconds);
+    std::optional<NSDate> limit;
+    if (!iIdle.empty()) limit = iIdle.front()->idleSince.dateByAddingTimeInterval(kIdleSeconds);
     if (std::shared_ptr<PooledSession> holder = takeDueHolder(&limit)) {
       iCondition.unlock();
       settleHolder(std::move(holder));
       iCondition.lock();
       continue;
     }
-    if (NSDate::date() < limit) {
-      (void)iCondition.waitUntilDate(limit);
+    if (!limit || NSDate::date() < *limit) {
+      iCloserLimit = limit;
+      iCondition.unlock();
+      sleepUntilDue(limit);
+      iCondition.lock();
       continue;
     }
     std::shared_ptr<PooledSession> expired = std::move(iIdle.front());
@@ -262,12 +291,12 @@ void SessionPool::closeIdleSessions() {
   iCondition.unlock();
 }
 
-std::shared_ptr<PooledSession> SessionPool::takeDueHolder(NSDate* limit) {
+std::shared_ptr<PooledSession> SessionPool::takeDueHolder(std::optional<NSDate>* limit) {
   for (auto session = iIdle.begin(); session != iIdle.end(); ++session) {
     if ((*session)->heldPath.empty()) continue;
     const NSDate due = (*session)->idleSince.dateByAddingTimeInterval(kHoldingSeconds);
     if (NSDate::date() < due) {
-      *limit = std::min(*limit, due);
+      *limit = std::min(limit->value_or(due), due);
       continue;
     }
     std::shared_ptr<PooledSession> taken = std::move(*session);

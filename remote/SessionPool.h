@@ -139,10 +139,13 @@ class SessionPool {
   void noteHolder(const PooledSession& session, int change) REQUIRES(iCondition);
   bool threadHoldsSession() const EXCLUDES(iCondition);
   void keepIdle(std::shared_ptr<PooledSession>& session) REQUIRES(iCondition);
+  static bool standsUp(PooledSession& session);
   void closeIdleSessions() EXCLUDES(iCondition);
+  void sleepUntilDue(std::optional<NSDate> limit) EXCLUDES(iCondition, iCloserWake);
+  void wakeCloser() EXCLUDES(iCloserWake);
   // The idle session that has held something open for long enough; null when there is none. `limit` is put
   // forward to when the next one is due.
-  std::shared_ptr<PooledSession> takeDueHolder(NSDate* limit) REQUIRES(iCondition);
+  std::shared_ptr<PooledSession> takeDueHolder(std::optional<NSDate>* limit) REQUIRES(iCondition);
   void settleHolder(std::shared_ptr<PooledSession> session) EXCLUDES(iCondition);
 
   const std::shared_ptr<Engine> iEngine;
@@ -166,6 +169,10 @@ class SessionPool {
   bool iIsShutDown GUARDED_BY(iCondition) = false;
   std::thread iCloser;  // closes idle sessions; begun with the first one, joined by the destructor
   bool iCloserRuns GUARDED_BY(iCondition) = false;
+  std::optional<NSDate> iCloserLimit GUARDED_BY(iCondition);  // when it looks again by itself
+  // Of its own: sessions come and go thousands of times in a second, and it is to wake for a few of them.
+  NSCondition iCloserWake;
+  bool iCloserWoken GUARDED_BY(iCloserWake) = false;
 };
 
 }  // namespace ombra

@@ -9,6 +9,7 @@ namespace ombra {
 
 std::vector<FileExtent> dataExtents(const NSFileHandle& file, uint64_t from, uint64_t to) {
   std::vector<FileExtent> extents;
+  if (from >= to) return extents;
   // The position is shared with the program, which measures and restores it: here it is put back as well.
   const off_t position = lseek(file.fileDescriptor(), 0, SEEK_CUR);
   while (from < to) {

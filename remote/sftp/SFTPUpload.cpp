@@ -70,7 +70,7 @@ bool SFTPUpload::sendChanges(NSFileHandle& from, uint64_t offset, TransferContro
   const uint64_t length = from.fileLength();
   iControl = &control;
   const bool succeeded =
-      iChannel.pump(std::chrono::milliseconds(0), error) && cutToFit(offset, length, control, error) &&
+      cutToFit(offset, length, control, error) &&
       send(from, extentsToSend(from, offset, length), control, error) &&
       (iRemoteLength >= length || setRemoteLength(length, error)) &&
       (control.mayReturnEarly() ? iQueue->flush(control, error) : iQueue->finish(control, error));

@@ -1,6 +1,5 @@
 #include "remote/sftp/WakeUp.h"
 
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -15,14 +14,10 @@ WakeUp::~WakeUp() {
 }
 
 void WakeUp::raise() {
+  iIsRaised.store(true);
   const uint64_t one = 1;
   // The counter can only be full, and then it is readable already.
   [[maybe_unused]] const ssize_t count = write(iDescriptor, &one, sizeof(one));
-}
-
-bool WakeUp::isRaised() const {
-  pollfd fd = {iDescriptor, POLLIN, 0};
-  return poll(&fd, 1, 0) > 0;
 }
 
 }  // namespace ombra

@@ -70,12 +70,31 @@ TEST(Pool, AConnectionKeepsItsSessionUntilItIsReleased) {
 }
 
 TEST(Pool, AnIdleSessionThatDiedIsReplacedUnseen) {
+  ManualClock clock;
   FakePool fake;
   EXPECT_TRUE(fake.list());
   fake.engine->onIsAlive = [](FakeSession&) { return false; };
+  clock.advance(2);
   EXPECT_TRUE(fake.list());
   EXPECT_EQ(fake.engine->made, 2);
   EXPECT_EQ(fake.engine->living, 1);
+}
+
+TEST(Pool, ASessionThatWasUsedAMomentAgoIsNotQuestioned) {
+  ManualClock clock;
+  FakePool fake;
+  EXPECT_TRUE(fake.list());
+  int questions = 0;
+  fake.engine->onIsAlive = [&](FakeSession&) {
+    ++questions;
+    return true;
+  };
+  clock.advance(0.5);
+  EXPECT_TRUE(fake.list());
+  EXPECT_EQ(questions, 0);
+  clock.advance(1.5);
+  EXPECT_TRUE(fake.list());
+  EXPECT_EQ(questions, 1);
 }
 
 TEST(Pool, AnIdleSessionIsClosedAfterAMinuteAndNotBefore) {
@@ -350,6 +369,7 @@ TEST(PoolTrust, TheDelegateIsAskedAndDecides) {
 }
 
 TEST(PoolTrust, CallersWithoutADelegateGetTheKeyThatWasAcceptedFirst) {
+  ManualClock clock;
   FakePool fake;
   showKey(*fake.engine, "SHA256:one");
   Trusting yes(true);
@@ -359,8 +379,10 @@ TEST(PoolTrust, CallersWithoutADelegateGetTheKeyThatWasAcceptedFirst) {
     connection.setDelegate(nullptr);
   });
   fake.engine->onIsAlive = [](FakeSession&) { return false; };
+  clock.advance(2);
   EXPECT_TRUE(fake.list());
   showKey(*fake.engine, "SHA256:two");
+  clock.advance(2);
   NSErrorRef error;
   EXPECT_FALSE(fake.list(&error));
   EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitUntrusted));
