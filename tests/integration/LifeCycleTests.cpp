@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "tests/integration/MountFixture.h"
+#include "tests/support/TemporaryUser.h"
 
 namespace ombra {
 namespace {
@@ -99,6 +100,47 @@ TEST_F(LifeCycle, TheProcessTitleHoldsNoSecret) {
   const ShellResult shown = user->run("tr '\\0' ' ' < /proc/" + std::to_string(helper) + "/cmdline");
   EXPECT_NE(shown.output.find("--uuid="), std::string::npos);
   EXPECT_EQ(shown.output.find("PRIVATE"), std::string::npos);
+}
+
+// The tests run as root, where much is allowed; most people are not.
+class OrdinaryUser : public LifeCycle {
+ protected:
+  void SetUp() override {
+    LifeCycle::SetUp();
+    if (HasFatalFailure()) return;
+    ASSERT_EQ(account.problem(), "");
+    ASSERT_EQ(stat("/dev/fuse", &fuse), 0);
+    // As the system's device manager leaves it where one runs.
+    ASSERT_EQ(chmod("/dev/fuse", 0666), 0);
+    // Where the build lies, others may not look.
+    const std::string build = OMBRA_BUILD_DIR;
+    const ShellResult copied = shell("cd " + programs.path() + " && chmod 755 . && mkdir bin && cp -a " +
+                                     build + "/bin/ombra bin && cp -a " + build + "/libexec .");
+    ASSERT_EQ(copied.status, 0) << copied.errors;
+    ASSERT_EQ(shell("chown -R " + account.name() + " " + user->home() + " " + data()).status, 0);
+  }
+  void TearDown() override { chmod("/dev/fuse", fuse.st_mode & 07777); }
+
+  ShellResult as(const std::string& command) {
+    return user->run("cd / && exec setpriv --reuid " + account.name() + " --regid " + account.name() +
+                     " --clear-groups " + command);
+  }
+  ShellResult ombraAs(const std::string& arguments) { return as(programs / "bin/ombra " + arguments); }
+
+  TemporaryUser account;
+  TemporaryFolder programs;
+  struct stat fuse {};
+};
+
+TEST_F(OrdinaryUser, MountsReadsWritesAndUnmounts) {
+  std::ofstream(data() + "/file") << "text";
+  const ShellResult mounted = ombraAs("mount --name ordinary " + shellWord("file://" + data()));
+  ASSERT_EQ(mounted.status, 0) << mounted.errors;
+  EXPECT_EQ(as("cat /Volumes/ordinary/file").output, "text");
+  EXPECT_EQ(as("sh -c 'echo new > /Volumes/ordinary/made'").status, 0);
+  EXPECT_EQ(shell("cat " + shellWord(data() + "/made")).output, "new\n");
+  EXPECT_EQ(ombraAs("unmount ordinary").status, 0);
+  EXPECT_FALSE(isMounted("/Volumes/ordinary"));
 }
 
 }  // namespace
