@@ -1,0 +1,126 @@
+#include "remote/tls/ServerTrust.h"
+
+#include <fmt/format.h>
+#include <openssl/evp.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+
+#include <algorithm>
+#include <array>
+#include <exception>
+
+#include "platform/foundation/Mutex.h"
+#include "remote/QuarnKitError.h"
+#include "remote/tls/CertificateCheck.h"
+
+namespace ombra {
+
+namespace {
+
+std::vector<std::string> splitAtBlanks(std::string_view text) {
+  std::vector<std::string> words;
+  while (!text.empty()) {
+    const size_t end = std::min(text.find(' '), text.size());
+    if (end > 0) words.emplace_back(text.substr(0, end));
+    text.remove_prefix(std::min(end + 1, text.size()));
+  }
+  return words;
+}
+
+std::string base64WithoutPadding(const unsigned char* bytes, size_t length) {
+  std::string text(4 * ((length + 2) / 3) + 1, '\0');
+  const int written =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes, static_cast<int>(length));
+  text.resize(static_cast<size_t>(std::max(written, 0)));
+  while (!text.empty() && text.back() == '=') text.pop_back();
+  return text;
+}
+
+}  // namespace
+
+std::string fingerprintOfCertificate(const x509_st* certificate) {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+  unsigned int length = 0;
+  if (certificate == nullptr || X509_digest(certificate, EVP_sha256(), digest.data(), &length) != 1)
+    return {};
+  return "SHA256:" + base64WithoutPadding(digest.data(), length);
+}
+
+struct ServerTrust::State {
+  State(const SessionEnvironment& environment, std::string name)
+      : accepted(splitAtBlanks(environment.credentials->option("fingerprint").value_or(""))),
+        host(std::move(name)),
+        isWorthyTrust(environment.isWorthyTrust) {}
+
+  // Judges the certificate of a handshake. No lock is held while others are asked.
+  bool judge(x509_store_ctx_st* context) {
+    const std::string fingerprint = fingerprintOfCertificate(X509_STORE_CTX_get0_cert(context));
+    const std::string why = fingerprint.empty() ? "there is no certificate" : problem(context, fingerprint);
+    NSErrorRef error;
+    if (!why.empty()) {
+      error = QuarnKitError::errorWithCode(kQuarnKitUntrusted,
+                                           fmt::format("{}: certificate {}: {}", host, fingerprint, why));
+    }
+    MutexLock lock(lastLock);
+    refusal = error;
+    return error == nullptr;
+  }
+
+  // Why the certificate is not trusted; empty when it is.
+  std::string problem(x509_store_ctx_st* context, const std::string& fingerprint) {
+    if (!accepted.empty()) {
+      const bool isAccepted = std::find(accepted.begin(), accepted.end(), fingerprint) != accepted.end();
+      X509_STORE_CTX_set_error(context, isAccepted ? X509_V_OK : X509_V_ERR_APPLICATION_VERIFICATION);
+      return isAccepted ? "" : "it is another one than the one that was accepted";
+    }
+    std::string why = problemOfCertificate(context, host);
+    if (why.empty() && !isWorthy(fingerprint)) {
+      X509_STORE_CTX_set_error(context, X509_V_ERR_APPLICATION_VERIFICATION);
+      why = "it was not accepted";
+    }
+    return why;
+  }
+
+  // An exception must not pass through OpenSSL: it counts as a no.
+  bool isWorthy(const std::string& fingerprint) {
+    try {
+      return isWorthyTrust && isWorthyTrust(fingerprint);
+    } catch (const std::exception&) {
+      return false;
+    }
+  }
+
+  const std::vector<std::string> accepted;
+  const std::string host;
+  const std::function<bool(const std::string&)> isWorthyTrust;
+  mutable Mutex lastLock;
+  NSErrorRef refusal GUARDED_BY(lastLock);
+};
+
+namespace {
+
+template <typename State>
+int verifyCertificate(X509_STORE_CTX* context, void* argument) {
+  return static_cast<State*>(argument)->judge(context) ? 1 : 0;
+}
+
+}  // namespace
+
+ServerTrust::ServerTrust(const SessionEnvironment& environment, std::string host)
+    : iState(std::make_unique<State>(environment, std::move(host))) {}
+
+ServerTrust::~ServerTrust() = default;
+
+void ServerTrust::installInto(ssl_ctx_st* context) {
+  SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+  SSL_CTX_set_cert_verify_callback(context, verifyCertificate<State>, iState.get());
+  if (iState->accepted.empty()) useSystemAuthorities(context);
+}
+
+NSErrorRef ServerTrust::refusal() const {
+  MutexLock lock(iState->lastLock);
+  return iState->refusal;
+}
+
+}  // namespace ombra
