@@ -22,10 +22,15 @@ struct HTTPHeader {
   std::string value;
 };
 
+// What a body's source answers when it cannot go on: the connection is closed in the middle of the body, so
+// that the server does not take what it has for the whole.
+inline constexpr size_t kHTTPSourceFailed = SIZE_MAX;
+
 // What is sent as a body: bytes that are there already, or a source that is asked piece by piece.
 struct HTTPBody {
   std::string bytes;
-  // Bytes into the buffer, capacity; 0 ends. Called on the thread that performs the request.
+  // Bytes into the buffer, capacity; 0 ends, kHTTPSourceFailed (or an end before `length`) ends the request
+  // with kQuarnKitCancelled. May block. Called on the thread that performs the request.
   std::function<size_t(std::byte*, size_t)> source;
   // Of the source, in bytes. Absent: sent in chunks, without a length.
   std::optional<uint64_t> length;
@@ -47,7 +52,8 @@ struct HTTPRequest {
   // How long neither side may send a byte; absent: the environment's idle limit. For what servers are long
   // silent about (a copy, a move).
   std::optional<std::chrono::milliseconds> patience;
-  TransferControl* control = nullptr;  // asked for cancellation at least every 100 ms; progress is the caller's
+  TransferControl* control =
+      nullptr;  // asked for cancellation at least every 100 ms; progress is the caller's
 };
 
 struct HTTPResponse {
@@ -56,6 +62,8 @@ struct HTTPResponse {
   std::string body;
   // The first header of that name, compared without case; null when there is none.
   const std::string* header(std::string_view name) const;
+  // All of that name, in their order.
+  std::vector<std::string> allHeaders(std::string_view name) const;
 };
 
 enum class HTTPAuthentication : uint8_t { none, basicOrDigest };
@@ -72,10 +80,13 @@ class HTTPClient {
   HTTPClient(const HTTPClient&) = delete;
   HTTPClient& operator=(const HTTPClient&) = delete;
 
-  // One exchange. Absent with kQuarnKitConnectionLost, kQuarnKitTimedOut, kQuarnKitCancelled, a failure of
-  // connecting, of trust, or a protocol error; after the first two the connection is not used again.
+  // One exchange; two when the server first asks who it is. Absent with kQuarnKitConnectionLost,
+  // kQuarnKitTimedOut, kQuarnKitCancelled, a failure of connecting (only before the first answer: later that
+  // is a lost connection), of trust, or a protocol error; after the first two the connection is not used
+  // again.
   std::optional<HTTPResponse> perform(const HTTPRequest& request, NSErrorRef* error);
-  // A look, without waiting, whether an idle connection still stands. True when there is none yet.
+  // False once a connection was lost or interrupted. One that the server has closed while it was idle is
+  // replaced by the next request without further ado, which costs less than a new login: it counts as alive.
   bool isAlive();
   // Makes the running request, and every later one, fail soon with kQuarnKitConnectionLost. Any thread.
   void interrupt();

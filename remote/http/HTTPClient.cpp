@@ -1,0 +1,215 @@
+#include "remote/http/HTTPClient.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
+
+#include "remote/QuarnKitError.h"
+#include "remote/http/HTTPAuthenticator.h"
+#include "remote/http/HTTPErrors.h"
+#include "remote/http/HTTPExchange.h"
+#include "remote/http/HTTPText.h"
+#include "remote/http/HTTPURL.h"
+#include "remote/tls/ServerTrust.h"
+
+namespace ombra {
+
+namespace {
+
+// The largest that libcurl takes for downloads.
+constexpr long kReceiveBuffer = 512 * 1024;
+constexpr long kSendBuffer = 512 * 1024;
+// As for the other engines' sockets: a network that is gone is noticed within half a minute.
+constexpr long kKeepAliveIdleSeconds = 10;
+constexpr long kKeepAliveIntervalSeconds = 5;
+
+struct EasyDeleter {
+  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
+};
+struct MultiDeleter {
+  void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
+};
+
+bool isLoopback(const std::string& host) {
+  return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+CURLcode installTrust(CURL*, void* context, void* trust) {
+  static_cast<ServerTrust*>(trust)->installInto(static_cast<ssl_ctx_st*>(context));
+  return CURLE_OK;
+}
+
+void prepareLibraryOnce() {
+  static std::once_flag sOnce;
+  std::call_once(sOnce, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+}  // namespace
+
+const std::string* HTTPResponse::header(std::string_view name) const {
+  for (const HTTPHeader& header : headers) {
+    if (httpEqual(header.name, name)) return &header.value;
+  }
+  return nullptr;
+}
+
+std::vector<std::string> HTTPResponse::allHeaders(std::string_view name) const {
+  std::vector<std::string> values;
+  for (const HTTPHeader& header : headers) {
+    if (httpEqual(header.name, name)) values.push_back(header.value);
+  }
+  return values;
+}
+
+struct HTTPClient::State {
+  State(const SessionEnvironment& surroundings, HTTPAuthentication wanted) : environment(surroundings) {
+    prepareLibraryOnce();
+    multi.reset(curl_multi_init());
+    easy.reset(curl_easy_init());
+    const KCCredentials& credentials = *environment.credentials;
+    if (wanted == HTTPAuthentication::basicOrDigest && credentials.username()) {
+      authenticator =
+          std::make_unique<HTTPAuthenticator>(*credentials.username(), credentials.password().value_or(""));
+    }
+  }
+
+  // One for each host, as long as the connections live whose handshakes it checks.
+  ServerTrust& trustOf(const std::string& host) {
+    std::unique_ptr<ServerTrust>& trust = trusts[host];
+    if (trust == nullptr) trust = std::make_unique<ServerTrust>(environment, host);
+    return *trust;
+  }
+
+  void setOptions(const HTTPURL& url);
+  std::optional<HTTPResponse> exchange(const HTTPRequest& request, const HTTPURL& url, NSErrorRef* error);
+  std::optional<HTTPResponse> authenticated(const HTTPRequest& request, const HTTPURL& url,
+                                            NSErrorRef* error);
+  bool askAhead(const HTTPRequest& request, const HTTPURL& url, NSErrorRef* error);
+  NSErrorRef explain(const HTTPExchange& run, const HTTPURL& url);
+  void noteFailure(const NSErrorRef& failure);
+
+  const SessionEnvironment environment;
+  std::atomic<bool> interrupted{false};
+  std::map<std::string, std::unique_ptr<ServerTrust>> trusts;
+  std::unique_ptr<HTTPAuthenticator> authenticator;  // null when nobody logs in
+  std::unique_ptr<CURLM, MultiDeleter> multi;
+  std::unique_ptr<CURL, EasyDeleter> easy;  // goes before the multi handle, the trusts after both
+  std::vector<std::byte> pieces;
+  bool hasAnswered = false;
+  bool isBroken = false;
+};
+
+void HTTPClient::State::setOptions(const HTTPURL& url) {
+  CURL* handle = easy.get();
+  // Options alone: connections, names that were looked up and TLS sessions are kept.
+  curl_easy_reset(handle);
+  curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L);
+  curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(handle, CURLOPT_USERAGENT, "ombra");
+  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 1L);
+  curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, kReceiveBuffer);
+  curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, kSendBuffer);
+  curl_easy_setopt(handle, CURLOPT_TCP_NODELAY, 1L);
+  curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
+  curl_easy_setopt(handle, CURLOPT_TCP_KEEPIDLE, kKeepAliveIdleSeconds);
+  curl_easy_setopt(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveIntervalSeconds);
+  curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(environment.connectLimit.count()));
+  // The resolver's thread is not waited for when a request ends early.
+  curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
+  curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+  if (isLoopback(url.host)) curl_easy_setopt(handle, CURLOPT_PROXY, "");
+  if (url.scheme != "https") return;
+  // The certificate is for ServerTrust to judge, in the handshake itself. libcurl's own look, at a list of
+  // authorities that it would load for each connection, stays off.
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+  curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
+  curl_easy_setopt(handle, CURLOPT_SSL_CTX_FUNCTION, &installTrust);
+  curl_easy_setopt(handle, CURLOPT_SSL_CTX_DATA, &trustOf(url.host));
+}
+
+NSErrorRef HTTPClient::State::explain(const HTTPExchange& run, const HTTPURL& url) {
+  if (run.failure() != nullptr) return run.failure();
+  const auto trust = trusts.find(url.host);
+  const bool isTLS =
+      run.result() == CURLE_SSL_CONNECT_ERROR || run.result() == CURLE_PEER_FAILED_VERIFICATION;
+  if (isTLS && trust != trusts.end() && trust->second->refusal() != nullptr) return trust->second->refusal();
+  return httpErrorOfCurl(run.result(), url.host, run.words(), run.wasSent(), hasAnswered);
+}
+
+void HTTPClient::State::noteFailure(const NSErrorRef& failure) {
+  if (QuarnKitError::isCode(failure, kQuarnKitConnectionLost) ||
+      QuarnKitError::isCode(failure, kQuarnKitTimedOut))
+    isBroken = true;
+}
+
+std::optional<HTTPResponse> HTTPClient::State::exchange(const HTTPRequest& request, const HTTPURL& url,
+                                                        NSErrorRef* error) {
+  pieces.clear();
+  setOptions(url);
+  HTTPExchange run(request, {easy.get(), multi.get(), interrupted, *environment.transcript,
+                             environment.idleLimit, pieces});
+  run.prepare(authenticator ? authenticator->authorization(request.method, url.path + url.query) : "");
+  if (run.run()) {
+    hasAnswered = true;
+    return std::move(run.response());
+  }
+  const NSErrorRef failure = explain(run, url);
+  noteFailure(failure);
+  storeError(error, failure);
+  return std::nullopt;
+}
+
+// A body that cannot be sent twice is not sent before the server has had its chance to ask for a newer nonce.
+bool HTTPClient::State::askAhead(const HTTPRequest& request, const HTTPURL& url, NSErrorRef* error) {
+  HTTPRequest question;
+  question.method = "OPTIONS";
+  question.url = request.url;
+  question.control = request.control;
+  const std::optional<HTTPResponse> answer = exchange(question, url, error);
+  if (!answer) return false;
+  if (answer->status == 401) authenticator->takeChallenges(answer->allHeaders("WWW-Authenticate"));
+  return true;
+}
+
+std::optional<HTTPResponse> HTTPClient::State::authenticated(const HTTPRequest& request, const HTTPURL& url,
+                                                             NSErrorRef* error) {
+  const bool hasSource = request.body && request.body->source;
+  const bool isOnce = hasSource && !request.body->rewind;
+  if (isOnce && authenticator && authenticator->mayBeChallengedAgain() && !askAhead(request, url, error))
+    return std::nullopt;
+  std::optional<HTTPResponse> answer = exchange(request, url, error);
+  if (!answer || answer->status != 401 || !authenticator) return answer;
+  if (!authenticator->takeChallenges(answer->allHeaders("WWW-Authenticate"))) return answer;
+  if (hasSource && (isOnce || !request.body->rewind())) return answer;
+  return exchange(request, url, error);
+}
+
+HTTPClient::HTTPClient(const SessionEnvironment& environment, HTTPAuthentication authentication)
+    : iState(std::make_unique<State>(environment, authentication)) {}
+
+HTTPClient::~HTTPClient() = default;
+
+std::optional<HTTPResponse> HTTPClient::perform(const HTTPRequest& request, NSErrorRef* error) {
+  const std::optional<HTTPURL> url = HTTPURL::parse(request.url);
+  if (!isAlive() || !url) {
+    const auto code = url ? kQuarnKitConnectionLost : kQuarnKitProtocolError;
+    storeError(error, QuarnKitError::errorWithCode(code, url ? "this session has ended" : request.url));
+    return std::nullopt;
+  }
+  return iState->authenticated(request, *url, error);
+}
+
+bool HTTPClient::isAlive() { return !iState->isBroken && !iState->interrupted.load(); }
+
+void HTTPClient::interrupt() {
+  iState->interrupted.store(true);
+  curl_multi_wakeup(iState->multi.get());
+}
+
+}  // namespace ombra

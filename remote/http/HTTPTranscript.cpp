@@ -1,0 +1,74 @@
+#include "remote/http/HTTPTranscript.h"
+#include "remote/http/HTTPText.h"
+
+#include <algorithm>
+#include <array>
+
+namespace ombra {
+
+namespace {
+
+constexpr std::string_view kMask = "***";
+constexpr std::array<std::string_view, 7> kSecretHeaders{
+    "authorization", "proxy-authorization", "authentication-info",  "proxy-authentication-info",
+    "cookie",        "set-cookie",          "x-amz-security-token",
+};
+constexpr std::array<std::string_view, 4> kSecretParameters{
+    "x-amz-signature=",
+    "x-amz-security-token=",
+    "x-amz-credential=",
+    "signature=",
+};
+
+bool isSecretHeader(std::string_view line) {
+  const size_t colon = line.find(':');
+  if (colon == std::string_view::npos) return false;
+  const std::string name = httpLowered(line.substr(0, colon));
+  return std::find(kSecretHeaders.begin(), kSecretHeaders.end(), name) != kSecretHeaders.end();
+}
+
+std::string withMaskedParameters(std::string_view line) {
+  std::string text(line);
+  for (const std::string_view name : kSecretParameters) {
+    size_t from = 0;
+    while ((from = httpLowered(text).find(name, from)) != std::string::npos) {
+      from += name.size();
+      const size_t end = std::min(text.find_first_of("& \t\"", from), text.size());
+      text.replace(from, end - from, kMask);
+    }
+  }
+  return text;
+}
+
+// Control characters would let a server write lines of its own.
+std::string printable(std::string_view line) {
+  std::string text(line);
+  for (char& c : text) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
+  }
+  return text;
+}
+
+}  // namespace
+
+std::string httpTranscriptText(std::string_view head, bool isOutgoing) {
+  std::string text;
+  while (!head.empty()) {
+    const size_t end = std::min(head.find('\n'), head.size());
+    std::string_view line = head.substr(0, end);
+    head.remove_prefix(std::min(end + 1, head.size()));
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    if (line.empty()) continue;
+    text += isOutgoing ? "> " : "< ";
+    if (isSecretHeader(line)) {
+      text.append(printable(line.substr(0, line.find(':')))).append(": ").append(kMask);
+    } else {
+      text += printable(line.find('=') == std::string_view::npos ? std::string(line)
+                                                                 : withMaskedParameters(line));
+    }
+    text += '\n';
+  }
+  return text;
+}
+
+}  // namespace ombra
