@@ -21,20 +21,31 @@ constexpr const char* kFooter = R"(Examples:
   ombra list
   ombra unmount photos
 
-Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not found or not mounted, 4 login refused, 5 server's key not trusted,
+Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not found or not mounted, 4 login refused, 5 server not trusted,
 6 this machine cannot mount, 7 volume in use, 130 stopped by Ctrl-C.)";
 
 constexpr const char* kMountFooter = R"(URLs:
   sftp://[user@]host[:port]          the folder that the login lands in
   sftp://[user@]host[:port]/path     an absolute path
-  sftp://[user@]host[:port]/~/path   a path below the login folder
+  sftp://[user@]host[:port]/~/path   a path below the login folder; the same for ftp, ftps, ftpes
+  ftpes://[user@]host[:port]/path    FTP that becomes TLS; without a user anonymously
+  ftps://[user@]host[:port]/path     FTP over TLS from the start (port 990)
+  ftp://[user@]host[:port]/path      FTP, readable on its way
+  davs://[user@]host[:port]/path     WebDAV over TLS; https:// is the same
+  dav://[user@]host[:port]/path      WebDAV, readable on its way; http:// is the same
+  s3://[key@][bucket][/path]         S3; without a bucket all of them
   file:///path                       a folder of this machine
-Write special characters as %XX, a blank as %20. The host may be an alias of ~/.ssh/config.
+Write special characters as %XX, a blank as %20. The host of sftp may be an alias of ~/.ssh/config. The key for s3 comes
+from the URL, AWS_ACCESS_KEY_ID, or a profile of ~/.aws/credentials.
 
 Examples:
   ombra mount sftp://anna@nas.local/~/photos --name Photos
   ombra mount sftp://backup@example.org:2222/srv --identity ~/.ssh/backup
   ombra mount sftp://anna@nas.local --password-file ~/.nas-password --accept-new --json
+  ombra mount ftpes://anna@ftp.example.org
+  ombra mount https://anna@cloud.example.org/dav/anna
+  ombra mount s3://photos --region eu-central-1
+  ombra mount s3://KEY@photos/2024 --endpoint https://s3.example.org
   ombra mount file:///srv/shared)";
 
 constexpr const char* kUnmountFooter = R"(Waits until everything written has reached the server.
@@ -125,8 +136,22 @@ class CommandLine {
                       "Ask for the password even when there are keys");
     command->add_flag(
         "--accept-new", iMount.acceptNew,
-        "Trust and remember the key of a server that is not known yet; a changed key is always refused");
+        "Trust and remember a server that is not known yet; a changed key or certificate is always refused");
+    addProtocolOptions(command);
     addJSON(command);
+  }
+
+  void addProtocolOptions(CLI::App* command) {
+    command->add_option("--encoding", iMount.encoding, "The encoding of the server's file names (sftp, ftp)")
+        ->type_name("NAME");
+    command->add_option("--endpoint", iMount.s3.endpoint, "The server, where it is not Amazon's (s3)")
+        ->type_name("URL");
+    command->add_option("--region", iMount.s3.region, "The region of the bucket (s3)")->type_name("NAME");
+    command->add_option("--profile", iMount.s3.profile, "The profile of ~/.aws to take the key from (s3)")
+        ->type_name("NAME");
+    command->add_flag("--path-style", iMount.s3.pathStyle,
+                      "Send the bucket in the path instead of the host name (s3)");
+    command->add_flag("--streaming", iMount.streaming, "Write files as streams instead of in place (file)");
   }
 
   void addSample() {

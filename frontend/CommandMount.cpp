@@ -6,14 +6,11 @@
 #include <cstring>
 
 #include "frontend/Commands.h"
-#include "frontend/Explain.h"
-#include "frontend/HostKeyTrust.h"
 #include "frontend/MountCommon.h"
+#include "frontend/ProtocolLogin.h"
 #include "frontend/RemoteURL.h"
-#include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/KCTypes.h"
-#include "remote/sftp/SSHConfiguration.h"
 
 namespace ombra {
 
@@ -55,17 +52,19 @@ class MountCommand {
   int run() {
     Failure failure;
     const auto url = parseRemoteURL(iOptions.url, &failure);
-    if (!url || !checkURL(*url, &failure) || !checkVolumeOptions(&iOptions.volume, &failure))
+    if (!url || !checkURL(*url, &failure) || !checkOptionsForURL(iOptions, *url, &failure) ||
+        !checkVolumeOptions(&iOptions.volume, &failure))
       return iOutput.fail(failure);
     iCredentials = credentialsForURL(*url);
     const auto helper = prepareMachine(&failure);
     if (!helper) return iOutput.fail(failure);
     // Only when somebody sits there: a command in a pipe must not wait for an answer that nobody gives.
     if (isatty(STDIN_FILENO) == 1) iPrompt = TerminalPrompt::open(iInterruption);
-    const bool ready = url->protocol == kProtocolSFTP ? prepareSFTP(&failure) : prepareFile(*url, &failure);
-    if (!ready) return iOutput.fail(stoppedOr(failure));
+    const LoginTools tools{*url, iOptions, iOutput, iPrompt.get(), *iCredentials};
+    const auto login = ProtocolLogin::forURL(tools);
+    if (!login->prepare(&failure)) return iOutput.fail(stoppedOr(failure));
     return mountAndTell(iCredentials, iOptions.volume, *helper, iInterruption, iOutput,
-                        [this](MountResult* result) { return retry(result); });
+                        [&login](MountResult* result) { return login->retry(result); });
   }
 
  private:
@@ -83,55 +82,6 @@ class MountCommand {
     return url.protocol != kProtocolFile || checkLocalFolder(*url.path, failure);
   }
 
-  bool prepareFile(const RemoteURL& url, Failure*) {
-    iCredentials->setUsername(currentUserName());
-    if (!iOptions.volume.name && *url.path != "/") iOptions.volume.name = lastPathComponent(*url.path);
-    return true;
-  }
-
-  // Trust comes first: nothing secret is asked for, let alone sent, before the server is known.
-  bool prepareSFTP(Failure* failure) {
-    const SSHConfiguration configuration = readSSHConfiguration(server());
-    if (!iCredentials->username()) {
-      iCredentials->setUsername(configuration.username.empty() ? currentUserName() : configuration.username);
-    }
-    LoginSurroundings surroundings = LoginSurroundings::ofThisProcess();
-    surroundings.configuredIdentity = configuration.identityFile;
-    return settleTrust(false, failure) && gatherLoginSecrets(iOptions.login, surroundings, iPrompt.get(),
-                                                             iOutput, iCredentials.get(), failure);
-  }
-
-  SSHServerAddress server() const {
-    return {iCredentials->address(), iCredentials->port(), iCredentials->username().value_or("")};
-  }
-
-  bool settleTrust(bool lookAgain, Failure* failure) {
-    HostKeyPolicy policy{iOptions.acceptNew, lookAgain, {}};
-    if (iPrompt) policy.ask = [this](const std::string& question) { return iPrompt->line(question); };
-    const auto decision = decideHostKeyTrust(server(), policy, HostKeyServices::real(), failure);
-    if (!decision) return false;
-    if (!decision->remark.empty()) iOutput.warning(decision->remark);
-    iCredentials->setOption("fingerprint", decision->fingerprints);
-    return true;
-  }
-
-  // Once each: a server whose key is not the known one is looked at to tell what is wrong with it, and a
-  // refused login is tried again with a password where somebody can be asked.
-  bool retry(MountResult* result) {
-    if (iCredentials->protocol() != kProtocolSFTP) return false;
-    const int64_t code = libraryCode(result->error);
-    if (code == kQuarnKitUntrusted && !iLookedAgain) {
-      iLookedAgain = true;
-      return settleTrust(true, &result->failure);
-    }
-    if (code == kQuarnKitLoginFailed && !iAskedAgain && iPrompt) {
-      iAskedAgain = true;
-      iOutput.warning(fmt::format("{} {}", result->failure.what, sentence(result->failure.why)));
-      return askForPassword(*iPrompt, iCredentials.get());
-    }
-    return false;
-  }
-
   Failure stoppedOr(const Failure& failure) const {
     if (!iInterruption.requested()) return failure;
     return {static_cast<ExitCode>(iInterruption.exitCode()), "Stopped; nothing is mounted.", "", ""};
@@ -142,8 +92,6 @@ class MountCommand {
   Interruption iInterruption;
   std::shared_ptr<KCCredentials> iCredentials;
   std::unique_ptr<TerminalPrompt> iPrompt;
-  bool iLookedAgain = false;
-  bool iAskedAgain = false;
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 
 #include "frontend/LoginSecrets.h"
 #include "frontend/Output.h"
+#include "frontend/S3Settings.h"
 
 namespace ombra {
 
@@ -22,6 +23,9 @@ struct MountOptions {
   std::string url;
   VolumeOptions volume;
   LoginOptions login;
+  S3Options s3;
+  std::optional<std::string> encoding;  // of the server's file names
+  bool streaming = false;               // of a local folder: no writing in place
   bool acceptNew = false;
 };
 

@@ -71,6 +71,72 @@ std::string loginOf(const ErrorContext& context) {
   return inQuotes(context.username + "@" + context.address);
 }
 
+bool hasCertificate(uint32_t protocol) {
+  return protocol == kProtocolFTPImplicitTLS || protocol == kProtocolFTPExplicitTLS ||
+         protocol == kProtocolWebDAVTLS || protocol == kProtocolS3;
+}
+
+std::string adviceForRefusedLogin(const ErrorContext& context) {
+  switch (context.protocol) {
+    case kProtocolS3:
+      return "Check the access key, its secret and its session token, and that --region and --endpoint are "
+             "those of the bucket.";
+    case kProtocolFTP:
+    case kProtocolFTPImplicitTLS:
+    case kProtocolFTPExplicitTLS:
+    case kProtocolWebDAV:
+    case kProtocolWebDAVTLS:
+      return "Check the user name in the URL; give its password with --ask-password or --password-file.";
+    default:
+      return "Check the user name; give a password with --ask-password or --password-file, or a key with "
+             "--identity.";
+  }
+}
+
+Failure explainUntrusted(const std::string& why, const ErrorContext& context) {
+  if (!hasCertificate(context.protocol)) {
+    return {kExitHostKey,
+            fmt::format("{} shows another key than the one that is trusted.", serverOf(context)), why,
+            "Ask its administrator for the fingerprint before you log in there."};
+  }
+  return {kExitHostKey, fmt::format("The certificate of {} is not trusted.", serverOf(context)), why,
+          "Ask its administrator for the fingerprint before you log in there."};
+}
+
+std::string adviceForMissingFolder(const ErrorContext& context) {
+  if (context.protocol != kProtocolS3) return "Check the path in the URL.";
+  return "Check the bucket and the path in the URL, and that --endpoint names the server that has it.";
+}
+
+std::string adviceForClosedFolder(const ErrorContext& context) {
+  if (context.protocol == kProtocolS3 && (context.path.empty() || context.path == "/"))
+    return "This key may not list the buckets: name one in the URL, as in s3://bucket.";
+  return "Name a folder that you may read, or log in as another user.";
+}
+
+std::string withMeaning(QuarnKitErrorCode code, const std::string& why) {
+  const std::string meaning(QuarnKitError::textForCode(code));
+  return why.empty() ? meaning : meaning + ": " + why;
+}
+
+// An answer that makes no sense mostly comes from a server of another kind.
+Failure explainProtocolError(const std::string& why, const ErrorContext& context) {
+  return {kExitFailure, fmt::format("{} does not answer as such a server should.", serverOf(context)),
+          withMeaning(kQuarnKitProtocolError, why),
+          "Check the scheme and the port in the URL. " + moreInLog(context)};
+}
+
+Failure explainNotSupported(const std::string& why, const ErrorContext& context) {
+  if (context.protocol == kProtocolFTPExplicitTLS) {
+    return {
+        kExitFailure, fmt::format("The FTP server {} offers no TLS.", serverOf(context)), why,
+        "Use ftps:// if it speaks TLS from the first byte on (port 990). With ftp:// all is sent readable "
+        "for everybody on the way, the password too."};
+  }
+  return {kExitFailure, "The volume could not be mounted.", withMeaning(kQuarnKitNotSupported, why),
+          moreInLog(context)};
+}
+
 Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context) {
   const std::string why = reasonOf(error);
   const std::string server = serverOf(context);
@@ -87,21 +153,23 @@ Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context
               "Check that the server runs, that the port is right, and that no firewall is in the way."};
     case kQuarnKitLoginFailed:
       return {kExitLoginRefused, fmt::format("The login at {} was refused.", loginOf(context)), why,
-              "Check the user name; give a password with --ask-password or --password-file, or a key with "
-              "--identity."};
+              adviceForRefusedLogin(context)};
     case kQuarnKitUntrusted:
-      return {kExitHostKey, fmt::format("{} shows another key than the one that is trusted.", server), why,
-              "Ask its administrator for the fingerprint before you log in there."};
+      return explainUntrusted(why, context);
+    case kQuarnKitProtocolError:
+      return explainProtocolError(why, context);
+    case kQuarnKitNotSupported:
+      return explainNotSupported(why, context);
     case kQuarnKitNoSuchItem:
       return {kExitNotFound, fmt::format("{} does not exist on {}.", folder, server), why,
-              "Check the path in the URL."};
+              adviceForMissingFolder(context)};
     case kQuarnKitNotAFolder:
       return {kExitNotFound, fmt::format("{} on {} is not a folder.", folder, server), why,
               "Check the path in the URL."};
     case kQuarnKitListingNotPermitted:
     case kQuarnKitPermissionDenied:
       return {kExitFailure, fmt::format("{} on {} may not be read by this user.", folder, server), why,
-              "Name a folder that you may read, or log in as another user."};
+              adviceForClosedFolder(context)};
     case kQuarnKitTimedOut:
     case kQuarnKitConnectionLost:
       return {kExitFailure, fmt::format("The connection to {} broke off.", server), why, "Try again."};
@@ -114,12 +182,9 @@ Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context
               why,
               fmt::format("Look at the file {}/OmbraFS.{}.pid.",
                           NSFileManager::kc_confstr(kDarwinUserTempDir), context.passthrough)};
-    default: {
-      const auto code = static_cast<QuarnKitErrorCode>(error->code());
-      const std::string meaning(QuarnKitError::textForCode(code));
-      return {kExitFailure, "The volume could not be mounted.", why.empty() ? meaning : meaning + ": " + why,
-              moreInLog(context)};
-    }
+    default:
+      return {kExitFailure, "The volume could not be mounted.",
+              withMeaning(static_cast<QuarnKitErrorCode>(error->code()), why), moreInLog(context)};
   }
 }
 

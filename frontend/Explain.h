@@ -1,6 +1,7 @@
 // Errors of the library and the system, told to a person.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "frontend/Failure.h"
@@ -16,6 +17,7 @@ struct ErrorContext {
   std::string path;  // the start folder
   std::string passthrough;
   std::string logName;  // the volume whose log has more
+  uint32_t protocol = 0;
 };
 
 // What happened, why, and what to do, with the exit code that fits. The most telling error of the chain

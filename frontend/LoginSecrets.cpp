@@ -68,6 +68,18 @@ bool hasKeys(const LoginSurroundings& surroundings) {
          !defaultPrivateKeys(surroundings.homeFolder).empty();
 }
 
+bool askWhereNeeded(const LoginOptions& options, bool needed, TerminalPrompt* prompt,
+                    KCCredentials* credentials, Failure* failure) {
+  if (options.askPassword && prompt == nullptr) {
+    *failure = {kExitUsage, "There is no terminal to ask for the password at.", "", "Use --password-file."};
+    return false;
+  }
+  if (prompt == nullptr || !(options.askPassword || needed)) return true;
+  if (askForPassword(*prompt, credentials)) return true;
+  *failure = {kExitLoginRefused, "No password was given.", "", "Try again, or use --password-file."};
+  return false;
+}
+
 }  // namespace
 
 LoginSurroundings LoginSurroundings::ofThisProcess() {
@@ -92,14 +104,14 @@ bool gatherLoginSecrets(const LoginOptions& options, const LoginSurroundings& su
     if (!useIdentity(path, prompt, credentials, failure)) return false;
   }
   const bool needed = !credentials->password() && !options.identity && !hasKeys(surroundings);
-  if (options.askPassword && prompt == nullptr) {
-    *failure = {kExitUsage, "There is no terminal to ask for the password at.", "", "Use --password-file."};
+  return askWhereNeeded(options, needed, prompt, credentials, failure);
+}
+
+bool gatherPassword(const LoginOptions& options, TerminalPrompt* prompt, const Output& output,
+                    KCCredentials* credentials, Failure* failure) {
+  if (options.passwordFile && !usePasswordFile(*options.passwordFile, output, credentials, failure))
     return false;
-  }
-  if (prompt == nullptr || !(options.askPassword || needed)) return true;
-  if (askForPassword(*prompt, credentials)) return true;
-  *failure = {kExitLoginRefused, "No password was given.", "", "Try again, or use --password-file."};
-  return false;
+  return askWhereNeeded(options, !credentials->password(), prompt, credentials, failure);
 }
 
 bool askForPassword(TerminalPrompt& prompt, KCCredentials* credentials) {

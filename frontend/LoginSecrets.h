@@ -33,6 +33,11 @@ bool gatherLoginSecrets(const LoginOptions& options, const LoginSurroundings& su
                         TerminalPrompt* prompt, const Output& output, KCCredentials* credentials,
                         Failure* failure);
 
+// Adds the password of a login that knows nothing else: the file's, else the one that is there, else one that
+// is asked for where somebody can be. Without any, the login is tried without. False with the failure filled.
+bool gatherPassword(const LoginOptions& options, TerminalPrompt* prompt, const Output& output,
+                    KCCredentials* credentials, Failure* failure);
+
 // Asks for the password of these credentials; false when no answer came.
 bool askForPassword(TerminalPrompt& prompt, KCCredentials* credentials);
 

@@ -128,7 +128,8 @@ std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announ
                                                   .username = credentials.username().value_or(""),
                                                   .path = credentials.initialPath().value_or(""),
                                                   .passthrough = iRequest.passthrough.value_or(""),
-                                                  .logName = logName()}),
+                                                  .logName = logName(),
+                                                  .protocol = credentials.protocol()}),
                 announcement.error);
 }
 

@@ -21,20 +21,21 @@ constexpr size_t kMaximumHostLength = 253;
 struct Scheme {
   std::string_view name;
   uint32_t protocol;
+  int port;
   bool available;
 };
 
 constexpr std::array<Scheme, 10> kSchemes{{
-    {"sftp", kProtocolSFTP, true},
-    {"file", kProtocolFile, true},
-    {"ftp", kProtocolFTP, false},
-    {"ftps", kProtocolFTPImplicitTLS, false},
-    {"ftpes", kProtocolFTPExplicitTLS, false},
-    {"dav", kProtocolWebDAV, false},
-    {"http", kProtocolWebDAV, false},
-    {"davs", kProtocolWebDAVTLS, false},
-    {"https", kProtocolWebDAVTLS, false},
-    {"s3", kProtocolS3, false},
+    {"sftp", kProtocolSFTP, 22, true},
+    {"file", kProtocolFile, 0, true},
+    {"ftp", kProtocolFTP, 21, false},
+    {"ftps", kProtocolFTPImplicitTLS, 990, false},
+    {"ftpes", kProtocolFTPExplicitTLS, 21, false},
+    {"dav", kProtocolWebDAV, 80, false},
+    {"http", kProtocolWebDAV, 80, false},
+    {"davs", kProtocolWebDAVTLS, 443, false},
+    {"https", kProtocolWebDAVTLS, 443, false},
+    {"s3", kProtocolS3, 0, false},
 }};
 
 constexpr std::string_view kForm = "A URL looks like sftp://user@host:port/folder or file:///folder.";
@@ -179,13 +180,18 @@ std::string withSingleSlashes(std::string_view path) {
   return result;
 }
 
+bool hasHomes(uint32_t protocol) {
+  return protocol == kProtocolSFTP || protocol == kProtocolFTP || protocol == kProtocolFTPImplicitTLS ||
+         protocol == kProtocolFTPExplicitTLS;
+}
+
 bool parsePath(std::string_view text, RemoteURL* url, Failure* failure) {
   if (text.empty()) return true;
   std::string path;
   if (!decode(text, "path", &path, failure)) return false;
   path = withSingleSlashes(path);
   const bool belowLogin = path == "/~" || path.starts_with("/~/");
-  url->path = belowLogin && url->protocol != kProtocolFile ? path.substr(1) : path;
+  url->path = belowLogin && hasHomes(url->protocol) ? path.substr(1) : path;
   return true;
 }
 
@@ -212,6 +218,34 @@ bool checkFileURL(const RemoteURL& url, Failure* failure) {
   return true;
 }
 
+bool parseBucket(std::string_view text, RemoteURL* url, Failure* failure) {
+  if (text.find(':') != std::string_view::npos) {
+    return refuse(failure, "An s3:// URL names a bucket; it has no host and no port.",
+                  "Name the server with --endpoint, as in --endpoint https://s3.example:9000.");
+  }
+  const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+    return isalnum(static_cast<unsigned char>(c)) != 0 || c == '.' || c == '-' || c == '_';
+  });
+  if (!plain || text.size() > kMaximumHostLength) {
+    return refuse(failure, fmt::format("{} is no name of a bucket.", inQuotes(text)),
+                  "An S3 URL looks like s3://bucket/folder.");
+  }
+  // Either would name no bucket in the path of a request.
+  if (text == "." || text == "..")
+    return refuse(failure, fmt::format("{} is no name of a bucket.", inQuotes(text)));
+  url->host = std::string(text);
+  return true;
+}
+
+bool checkS3URL(const RemoteURL& url, Failure* failure) {
+  if (!url.host.empty() || !url.path || *url.path == "/") return true;
+  return refuse(failure, "It names a folder, but no bucket.", "An S3 URL looks like s3://bucket/folder.");
+}
+
+bool parseAuthority(std::string_view text, RemoteURL* url, Failure* failure) {
+  return url->protocol == kProtocolS3 ? parseBucket(text, url, failure) : parseHost(text, url, failure);
+}
+
 bool parseInto(std::string_view text, RemoteURL* url, Failure* failure) {
   if (!checkCharacters(text, failure) || !parseScheme(&text, url, failure)) return false;
   const size_t slash = std::min(text.find('/'), text.size());
@@ -221,8 +255,9 @@ bool parseInto(std::string_view text, RemoteURL* url, Failure* failure) {
     if (!parseUserInfo(authority.substr(0, at), url, failure)) return false;
     authority.remove_prefix(at + 1);
   }
-  if (!parseHost(authority, url, failure) || !parsePath(text.substr(slash), url, failure)) return false;
+  if (!parseAuthority(authority, url, failure) || !parsePath(text.substr(slash), url, failure)) return false;
   if (url->protocol == kProtocolFile) return checkFileURL(*url, failure);
+  if (url->protocol == kProtocolS3) return checkS3URL(*url, failure);
   return !url->host.empty() || refuse(failure, "The host is missing.");
 }
 
@@ -236,6 +271,12 @@ std::optional<RemoteURL> parseRemoteURL(std::string_view text, Failure* failure)
   RemoteURL url;
   if (!parseInto(text, &url, failure)) return std::nullopt;
   return url;
+}
+
+int defaultPortOfProtocol(uint32_t protocol) {
+  const auto* found = std::find_if(kSchemes.begin(), kSchemes.end(),
+                                   [protocol](const Scheme& scheme) { return scheme.protocol == protocol; });
+  return found == kSchemes.end() ? 0 : found->port;
 }
 
 bool isProtocolAvailable(uint32_t protocol) {

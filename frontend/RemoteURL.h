@@ -22,15 +22,22 @@ struct RemoteURL {
   uint32_t protocol = 0;  // the protocol's four-character code
   std::optional<std::string> username;
   std::optional<std::string> password;
-  std::string host;  // without the brackets of an IPv6 address; empty only for "file"
-  int port = 0;      // 0 = the protocol's own
-  // The start folder: absent = where the login lands; "/…" absolute; "~" or "~/…" below the login folder.
+  // Without the brackets of an IPv6 address; the bucket for "s3". Empty only for "file", and for "s3" where
+  // all buckets are meant.
+  std::string host;
+  int port = 0;  // 0 = the protocol's own
+  // The start folder: absent = where the login lands; "/…" absolute (for "s3" within the bucket); "~" or
+  // "~/…" below the login folder, where the protocol has one.
   std::optional<std::string> path;
 };
 
 // Reads a URL "scheme://[user[:password]@]host[:port][/path]". Strict: what is not well-formed is refused
-// with a reason rather than guessed at. The failure never holds the password.
+// with a reason rather than guessed at. The failure never holds the password. "s3" names no server:
+// "s3://[key[:secret]@][bucket][/path]".
 std::optional<RemoteURL> parseRemoteURL(std::string_view text, Failure* failure);
+
+// The port that a protocol has unless another is given; 0 for "file" and "s3".
+int defaultPortOfProtocol(uint32_t protocol);
 
 // True when this version can mount that protocol.
 bool isProtocolAvailable(uint32_t protocol);

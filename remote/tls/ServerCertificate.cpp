@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
 #include <openssl/err.h>
+#include <openssl/sslerr.h>
 #include <openssl/x509v3.h>
 #include <poll.h>
 
@@ -129,8 +130,9 @@ bool shakeHands(SSL* connection, int socket, SteadyClock::time_point deadline, N
     if (result == 1) return true;
     const int reason = SSL_get_error(connection, result);
     if (reason != SSL_ERROR_WANT_READ && reason != SSL_ERROR_WANT_WRITE) {
+      const bool hasEnded = ERR_GET_REASON(ERR_peek_error()) == SSL_R_UNEXPECTED_EOF_WHILE_READING;
       const std::string words = takeOpenSSLError();
-      if (words.empty()) return fail(error, kQuarnKitConnectionLost, "during the TLS handshake");
+      if (words.empty() || hasEnded) return fail(error, kQuarnKitConnectionLost, "during the TLS handshake");
       return fail(error, kQuarnKitProtocolError, "TLS handshake: " + words);
     }
     if (!waitFor(socket, reason == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, deadline))

@@ -6,6 +6,7 @@
 #include "frontend/MountAnnouncements.h"
 #include "platform/foundation/NSKeyedArchiver.h"
 #include "platform/userfs/GMUserFileSystem.h"
+#include "remote/KCTypes.h"
 #include "remote/QuarnKitError.h"
 
 namespace ombra {
@@ -54,6 +55,44 @@ INSTANTIATE_TEST_SUITE_P(
                     LibraryCase{kQuarnKitTooManyConnections, kExitFailure, "no further connections"},
                     LibraryCase{kQuarnKitLockFailed, kExitFailure, "OmbraFS.team.pid"},
                     LibraryCase{kQuarnKitProtocolError, kExitFailure, "ombra logs Photos"}));
+
+struct ProtocolCase {
+  uint32_t protocol;
+  QuarnKitErrorCode code;
+  const char* path;
+  ExitCode exitCode;
+  const char* says;
+};
+
+class ErrorsOfProtocols : public testing::TestWithParam<ProtocolCase> {};
+
+TEST_P(ErrorsOfProtocols, SayWhatHelpsThere) {
+  ErrorContext context = kContext;
+  context.protocol = GetParam().protocol;
+  context.path = GetParam().path;
+  const Failure failure = explainError(QuarnKitError::errorWithCode(GetParam().code, "own words"), context);
+  EXPECT_EQ(failure.code, GetParam().exitCode);
+  EXPECT_THAT(failure.text(), HasSubstr(GetParam().says));
+  EXPECT_THAT(failure.text(), HasSubstr("wn words"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, ErrorsOfProtocols,
+    testing::Values(
+        ProtocolCase{kProtocolSFTP, kQuarnKitLoginFailed, "", kExitLoginRefused, "--identity"},
+        ProtocolCase{kProtocolFTP, kQuarnKitLoginFailed, "", kExitLoginRefused, "--password-file"},
+        ProtocolCase{kProtocolWebDAVTLS, kQuarnKitLoginFailed, "", kExitLoginRefused, "--password-file"},
+        ProtocolCase{kProtocolS3, kQuarnKitLoginFailed, "/b", kExitLoginRefused, "access key"},
+        ProtocolCase{kProtocolSFTP, kQuarnKitUntrusted, "", kExitHostKey, "another key"},
+        ProtocolCase{kProtocolFTPExplicitTLS, kQuarnKitUntrusted, "", kExitHostKey, "certificate"},
+        ProtocolCase{kProtocolS3, kQuarnKitUntrusted, "/b", kExitHostKey, "certificate"},
+        ProtocolCase{kProtocolS3, kQuarnKitNoSuchItem, "/nobucket", kExitNotFound, "--endpoint"},
+        ProtocolCase{kProtocolS3, kQuarnKitNoSuchItem, "/nobucket", kExitNotFound, "/nobucket"},
+        ProtocolCase{kProtocolS3, kQuarnKitListingNotPermitted, "/", kExitFailure, "s3://bucket"},
+        ProtocolCase{kProtocolS3, kQuarnKitListingNotPermitted, "/b", kExitFailure, "may not be read"},
+        ProtocolCase{kProtocolWebDAV, kQuarnKitProtocolError, "", kExitFailure, "the scheme and the port"},
+        ProtocolCase{kProtocolFTPExplicitTLS, kQuarnKitNotSupported, "", kExitFailure, "offers no TLS"},
+        ProtocolCase{kProtocolWebDAV, kQuarnKitNotSupported, "", kExitFailure, "could not be mounted"}));
 
 struct MountCase {
   int code;

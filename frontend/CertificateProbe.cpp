@@ -1,0 +1,21 @@
+#include "frontend/CertificateProbe.h"
+
+#include "frontend/FTPUpgrade.h"
+#include "frontend/UniqueFd.h"
+#include "remote/KCTypes.h"
+#include "remote/sftp/TCPConnector.h"
+
+namespace ombra {
+
+std::optional<ServerCertificate> probeServerCertificate(const TLSServerAddress& server,
+                                                        std::chrono::milliseconds limit, NSErrorRef* error) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  const WakeUp never;
+  const UniqueFd socket(connectTCP(server.host, server.port, deadline, never, error));
+  if (!socket) return std::nullopt;
+  if (server.protocol == kProtocolFTPExplicitTLS && !upgradeFTP(socket.get(), deadline, error))
+    return std::nullopt;
+  return readServerCertificate(socket.get(), server.host, deadline, error);
+}
+
+}  // namespace ombra

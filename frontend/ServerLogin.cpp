@@ -1,0 +1,94 @@
+// FTP and WebDAV: a certificate where TLS is spoken, then a name and a password, or neither.
+#include <fmt/format.h>
+
+#include "frontend/LoginSecrets.h"
+#include "frontend/MountCommon.h"
+#include "frontend/ProtocolLogin.h"
+#include "platform/foundation/NSUnarchiver.h"
+#include "remote/KCTypes.h"
+
+namespace ombra {
+
+namespace {
+
+// What FTP servers expect of those who have no account.
+constexpr const char* kAnonymous = "anonymous";
+constexpr const char* kAnonymousPassword = "anonymous@";
+
+bool speaksTLS(uint32_t protocol) {
+  return protocol == kProtocolFTPImplicitTLS || protocol == kProtocolFTPExplicitTLS ||
+         protocol == kProtocolWebDAVTLS;
+}
+
+bool isFTP(uint32_t protocol) {
+  return protocol == kProtocolFTP || protocol == kProtocolFTPImplicitTLS ||
+         protocol == kProtocolFTPExplicitTLS;
+}
+
+bool isThisMachine(const std::string& host) {
+  return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+class ServerLogin final : public ProtocolLogin {
+ public:
+  explicit ServerLogin(const LoginTools& tools) : ProtocolLogin(tools) {}
+
+  bool prepare(Failure* failure) override {
+    if (iTools.options.encoding) iTools.credentials.setEncoding(iTools.options.encoding);
+    if (speaksTLS(protocol()) && !settleTrust(false, failure)) return false;
+    const bool isAnonymous = !iTools.credentials.username() && !wantsPassword();
+    if (isAnonymous) {
+      if (isFTP(protocol())) logInAnonymously();
+      return true;
+    }
+    if (!iTools.credentials.username()) iTools.credentials.setUsername(currentUserName());
+    warnOfReadableSecrets();
+    return gatherPassword(iTools.options.login, iTools.prompt, iTools.output, &iTools.credentials, failure);
+  }
+
+ private:
+  uint32_t protocol() const { return iTools.url.protocol; }
+
+  bool wantsPassword() const {
+    return iTools.options.login.askPassword || iTools.options.login.passwordFile.has_value();
+  }
+
+  void logInAnonymously() {
+    iTools.credentials.setUsername(kAnonymous);
+    iTools.credentials.setPassword(kAnonymousPassword);
+    iIsAnonymous = true;
+  }
+
+  void warnOfReadableSecrets() const {
+    if (speaksTLS(protocol()) || isThisMachine(iTools.url.host)) return;
+    iTools.output.warning(fmt::format(
+        "With {}:// the password and all files can be read on their way; use {}:// where the server "
+        "offers it.",
+        iTools.url.scheme, isFTP(protocol()) ? "ftpes" : "davs"));
+  }
+
+  bool settleTrust(bool lookAgain, Failure* failure) override {
+    const int port = iTools.url.port != 0 ? iTools.url.port : defaultPortOfProtocol(protocol());
+    return settleCertificate({iTools.url.host, port, protocol()}, trustPolicy(lookAgain), iTools, failure);
+  }
+
+  bool askAgain() override {
+    if (iIsAnonymous || !iTools.credentials.username()) {
+      auto name = iTools.prompt->line(fmt::format("User name at {}: ", inQuotes(iTools.url.host)));
+      if (!name || name->empty()) return false;
+      iTools.credentials.setUsername(std::move(*name));
+      warnOfReadableSecrets();
+    }
+    return askForPassword(*iTools.prompt, &iTools.credentials);
+  }
+
+  bool iIsAnonymous = false;
+};
+
+}  // namespace
+
+std::unique_ptr<ProtocolLogin> makeServerLogin(const LoginTools& tools) {
+  return std::make_unique<ServerLogin>(tools);
+}
+
+}  // namespace ombra

@@ -1,0 +1,70 @@
+#include "tests/frontend/PlainServer.h"
+
+#include <arpa/inet.h>
+#include <openssl/pem.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "remote/tls/OpenSSLHandles.h"
+
+namespace ombra {
+
+PlainServer::PlainServer(Talk talk)
+    : iTalk(std::move(talk)), iListener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  bind(iListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  listen(iListener.get(), 8);
+  socklen_t length = sizeof(address);
+  getsockname(iListener.get(), reinterpret_cast<sockaddr*>(&address), &length);
+  iPort = ntohs(address.sin_port);
+  iThread = std::thread([this] { run(); });
+}
+
+PlainServer::~PlainServer() {
+  // Ends the wait for the next visitor.
+  shutdown(iListener.get(), SHUT_RDWR);
+  iThread.join();
+}
+
+void PlainServer::run() {
+  while (true) {
+    const UniqueFd visitor(accept4(iListener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    if (!visitor) return;
+    iTalk(visitor.get());
+  }
+}
+
+std::string readLineOf(int socket) {
+  std::string line;
+  for (char c = 0; recv(socket, &c, 1, 0) == 1 && c != '\n';) {
+    if (c != '\r') line += c;
+  }
+  return line;
+}
+
+void sayTo(int socket, const std::string& text) { send(socket, text.data(), text.size(), MSG_NOSIGNAL); }
+
+void serveTLS(int socket, const TestCertificate& certificate, std::string* name, std::string* sent) {
+  const SSLContextHandle context(SSL_CTX_new(TLS_server_method()));
+  const BIOHandle pem(BIO_new_mem_buf(certificate.pem.data(), -1));
+  const BIOHandle keyPEM(BIO_new_mem_buf(certificate.key.data(), -1));
+  const CertificateHandle shown(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
+  EVP_PKEY* key = PEM_read_bio_PrivateKey(keyPEM.get(), nullptr, nullptr, nullptr);
+  SSL_CTX_use_certificate(context.get(), shown.get());
+  SSL_CTX_use_PrivateKey(context.get(), key);
+  EVP_PKEY_free(key);
+  const SSLHandle connection(SSL_new(context.get()));
+  SSL_set_fd(connection.get(), socket);
+  if (SSL_accept(connection.get()) != 1) return;
+  const char* asked = SSL_get_servername(connection.get(), TLSEXT_NAMETYPE_host_name);
+  if (name != nullptr) *name = asked == nullptr ? "" : asked;
+  char buffer[1024];
+  for (int count = 0; (count = SSL_read(connection.get(), buffer, sizeof(buffer))) > 0;) {
+    if (sent != nullptr) sent->append(buffer, static_cast<size_t>(count));
+  }
+}
+
+}  // namespace ombra
