@@ -1,0 +1,86 @@
+// New folders, moves and removals.
+#include "remote/QuarnKitError.h"
+#include "remote/webdav/WebDAVSession.h"
+
+namespace ombra {
+
+namespace {
+
+// A server moves or removes a large folder item by item, and says nothing meanwhile.
+constexpr std::chrono::minutes kLongPatience{10};
+
+}  // namespace
+
+bool WebDAVSession::createFolder(std::string_view path, NSErrorRef* error) {
+  HTTPRequest request;
+  request.method = "MKCOL";
+  // nginx makes no folder whose name does not end in a slash.
+  request.url = urlOf(path, true);
+  return succeeded(DAVRequestKind::kCreateFolder, send(std::move(request), error), path, error);
+}
+
+bool WebDAVSession::createSymbolicLink(std::string_view path, std::string_view /*target*/,
+                                       NSErrorRef* error) {
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, path));
+  return false;
+}
+
+bool WebDAVSession::changeAttributes(const NSFileAttributes& attributes, std::string_view path,
+                                     NSErrorRef* error) {
+  if (attributes.count() == 0) return true;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported, path));
+  return false;
+}
+
+std::optional<HTTPResponse> WebDAVSession::sendMove(std::string_view from, bool isDirectory,
+                                                    std::string_view to, Overwrite overwrite,
+                                                    NSErrorRef* error) {
+  HTTPRequest request;
+  request.method = "MOVE";
+  request.url = urlOf(from, isDirectory);
+  // Depth 0 at what is no file any more is refused, where servers look at it.
+  request.headers = {{"Destination", urlOf(to, isDirectory)},
+                     {"Overwrite", overwrite == Overwrite::kYes ? "T" : "F"},
+                     {"Depth", isDirectory ? "infinity" : "0"}};
+  request.patience = kLongPatience;
+  return send(std::move(request), error);
+}
+
+bool WebDAVSession::mayReplace(std::string_view path, NSErrorRef* error) {
+  bool isDirectory = false;
+  if (!attributes(path, &isDirectory, error)) return false;
+  if (!isDirectory) return true;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemExists, path));
+  return false;
+}
+
+bool WebDAVSession::move(std::string_view from, bool isDirectory, std::string_view to, NSErrorRef* error) {
+  // A move with leave to overwrite would take away a whole folder at its end without a word.
+  std::optional<HTTPResponse> response = sendMove(from, isDirectory, to, Overwrite::kNo, error);
+  if (response && response->status == 412 && !isDirectory) {
+    if (!mayReplace(to, error)) return false;
+    response = sendMove(from, isDirectory, to, Overwrite::kYes, error);
+  }
+  return succeeded(DAVRequestKind::kMove, response, from, error);
+}
+
+bool WebDAVSession::remove(std::string_view path, bool isDirectory, NSErrorRef* error) {
+  HTTPRequest request;
+  request.method = "DELETE";
+  request.url = urlOf(path, isDirectory);
+  request.patience = kLongPatience;
+  if (!isDirectory) {
+    request.headers = {{"Depth", "0"}};
+    return succeeded(DAVRequestKind::kRemove, send(std::move(request), error), path, error);
+  }
+  const std::optional<DAVListing> found = properties(DAVRequestKind::kRemove, path, true, 1, error);
+  if (!found) return false;
+  if (!found->self.properties.isCollection || found->holdsItems) {
+    const auto code = found->self.properties.isCollection ? kQuarnKitFolderNotEmpty : kQuarnKitNotAFolder;
+    storeError(error, QuarnKitError::errorWithCode(code, path));
+    return false;
+  }
+  return succeeded(DAVRequestKind::kRemove, send(std::move(request), error), path, error);
+}
+
+}  // namespace ombra

@@ -1,0 +1,181 @@
+// Whole files.
+#include <algorithm>
+#include <cerrno>
+
+#include "remote/QuarnKitError.h"
+#include "remote/RemotePaths.h"
+#include "remote/webdav/WebDAVSession.h"
+
+namespace ombra {
+
+namespace {
+
+// Storing what has arrived may take a server long.
+constexpr std::chrono::minutes kStoringPatience{2};
+
+std::string folderOf(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == 0 || slash == std::string_view::npos ? "/" : std::string(path.substr(0, slash));
+}
+
+bool isSuccess(const std::optional<HTTPResponse>& response) {
+  return response && response->status / 100 == 2;
+}
+
+// What would be no different at another place, or says that there is no such place.
+bool isFinalRefusal(int status) {
+  return status == 401 || status == 404 || status == 409 || status == 413 || status == 507;
+}
+
+}  // namespace
+
+class WebDAVSession::Upload {
+ public:
+  Upload(WebDAVSession& session, NSFileHandle& from, std::string_view path, TransferControl& control)
+      : iSession(session), iFrom(from), iPath(path), iControl(control), iLength(from.fileLength()) {}
+
+  bool run(NSErrorRef* error) {
+    if (iLength == 0) return inPlace(error);
+    if (iLength > kSmallUpload) return beside(Target::kUnknown, error);
+    const std::optional<HTTPResponse> response = put(iPath, {{"If-None-Match", "*"}}, error);
+    if (response && response->status == 412) return beside(Target::kExists, error);
+    return concluded(response, error);
+  }
+
+ private:
+  enum class Target : uint8_t { kUnknown, kExists };
+
+  bool concluded(const std::optional<HTTPResponse>& response, NSErrorRef* error) {
+    if (!iSession.succeeded(DAVRequestKind::kUpload, response, iPath, error)) return false;
+    report(iLength);
+    return true;
+  }
+
+  bool inPlace(NSErrorRef* error) { return concluded(put(iPath, {}, error), error); }
+
+  bool beside(Target target, NSErrorRef* error) {
+    iTemporary = remotePathInFolder(folderOf(iPath), makeDAVTemporaryName());
+    const std::optional<HTTPResponse> response = put(iTemporary, {}, error);
+    if (!response) {
+      removeTemporary();
+      return false;
+    }
+    if (isSuccess(response)) return replace(target, error);
+    removeTemporary();
+    return isFinalRefusal(response->status) ? concluded(response, error) : inPlace(error);
+  }
+
+  // Moves what has arrived over what is there.
+  bool replace(Target target, NSErrorRef* error) {
+    std::optional<HTTPResponse> response;
+    if (target == Target::kUnknown) {
+      response = iSession.sendMove(iTemporary, false, iPath, Overwrite::kNo, error);
+      if (!response) return false;
+      target = response->status == 412 ? Target::kExists : target;
+    }
+    if (target == Target::kExists) {
+      // Leave to overwrite would be leave to take away a folder too.
+      if (!iSession.mayReplace(iPath, error)) {
+        removeTemporary();
+        return false;
+      }
+      response = iSession.sendMove(iTemporary, false, iPath, Overwrite::kYes, error);
+      if (!response) return false;
+    }
+    if (iSession.succeeded(DAVRequestKind::kUpload, response, iPath, error)) {
+      report(iLength);
+      return true;
+    }
+    removeTemporary();
+    if (isFinalRefusal(response->status)) return false;
+    return inPlace(error);
+  }
+
+  // The session may be at its end: then the name stays there, and is not listed.
+  void removeTemporary() {
+    if (!iSession.isAlive()) return;
+    (void)iSession.remove(iTemporary, false, nullptr);
+  }
+
+  std::optional<HTTPResponse> put(const std::string& path, std::vector<HTTPHeader> headers,
+                                  NSErrorRef* error) {
+    iOffset = 0;
+    HTTPRequest request;
+    request.method = "PUT";
+    request.url = iSession.urlOf(path, false);
+    request.headers = std::move(headers);
+    request.patience = std::max<std::chrono::milliseconds>(kStoringPatience, iSession.iEnvironment.idleLimit);
+    request.control = &iControl;
+    HTTPBody body;
+    if (iLength <= kSmallUpload) {
+      if (!readAll(&body.bytes, error)) return std::nullopt;
+    } else {
+      body.length = iLength;
+      body.source = [this](std::byte* buffer, size_t capacity) { return next(buffer, capacity); };
+      body.rewind = [this] {
+        iOffset = 0;
+        return true;
+      };
+    }
+    request.body = std::move(body);
+    NSErrorRef reason;
+    std::optional<HTTPResponse> response = iSession.send(std::move(request), &reason);
+    if (!response) storeError(error, iFailure != nullptr ? iFailure : reason);
+    return response;
+  }
+
+  bool readAll(std::string* bytes, NSErrorRef* error) {
+    bytes->resize(static_cast<size_t>(iLength));
+    if (iFrom.readAt(bytes->data(), bytes->size(), 0) == static_cast<ssize_t>(iLength)) return true;
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitLocalFailure, iPath));
+    return false;
+  }
+
+  size_t next(std::byte* buffer, size_t capacity) {
+    const auto wanted = static_cast<size_t>(std::min<uint64_t>(capacity, iLength - iOffset));
+    const ssize_t count = iFrom.readAt(buffer, wanted, iOffset);
+    if (count < 0 || (count == 0 && wanted > 0)) {
+      // Somebody made the file shorter, or the disk failed.
+      const NSErrorRef cause = count < 0 ? NSError::errorWithDomain(NSPOSIXErrorDomain, errno) : nullptr;
+      iFailure = QuarnKitError::errorWithCode(kQuarnKitLocalFailure, iPath, cause);
+      return kHTTPSourceFailed;
+    }
+    iOffset += static_cast<uint64_t>(count);
+    report(iOffset);
+    return iControl.shouldCancel() ? kHTTPSourceFailed : static_cast<size_t>(count);
+  }
+
+  // What is sent a second time is not told a second time.
+  void report(uint64_t reached) {
+    if (reached <= iReported && reached != iLength) return;
+    iReported = std::max(iReported, reached);
+    iControl.progress(iReported);
+  }
+
+  WebDAVSession& iSession;
+  NSFileHandle& iFrom;
+  const std::string iPath;
+  TransferControl& iControl;
+  const uint64_t iLength;
+  std::string iTemporary;
+  uint64_t iOffset = 0;
+  uint64_t iReported = 0;
+  NSErrorRef iFailure;
+};
+
+bool WebDAVSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset,
+                           TransferControl& control, NSErrorRef* error) {
+  if (offset > 0) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "writing into an existing file"));
+    return false;
+  }
+  // Confirmed before it is read: what is written while it is sent counts as new.
+  const std::vector<FileExtent> unconfirmed =
+      from.isScratch() ? from.unconfirmedExtents(0) : std::vector<FileExtent>();
+  from.noteConfirmed({0, from.fileLength()});
+  if (Upload(*this, from, path, control).run(error)) return true;
+  for (const FileExtent& extent : unconfirmed) from.noteWritten(extent);
+  return false;
+}
+
+}  // namespace ombra

@@ -1,0 +1,213 @@
+#include "remote/webdav/WebDAVSession.h"
+
+#include <fmt/format.h>
+
+#include "remote/QuarnKitError.h"
+#include "remote/RemotePaths.h"
+#include "remote/http/HTTPText.h"
+#include "remote/http/URLEncoding.h"
+#include "remote/webdav/DAVPropertyNames.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr int kMostRedirects = 5;
+
+HTTPURL serverOf(const KCCredentials& credentials) {
+  HTTPURL url;
+  url.scheme = credentials.protocol() == kProtocolWebDAVTLS ? "https" : "http";
+  url.host = credentials.address();
+  url.port = credentials.port() != 0 ? credentials.port() : (url.scheme == "https" ? 443 : 80);
+  return url;
+}
+
+// Absolute, without "." and "..": there are no links here, so that ".." is the folder above by name.
+std::string normalPath(std::string_view path, std::string_view base) {
+  std::string absolute;
+  if (path.starts_with('~')) {
+    // There are no homes either: everybody's is where the server begins.
+    path.remove_prefix(std::min(path.find('/'), path.size()));
+    absolute = absoluteRemotePath(path, "/");
+  } else {
+    absolute = absoluteRemotePath(path, base);
+  }
+  std::string result;
+  std::string_view rest = absolute;
+  while (!rest.empty()) {
+    const size_t end = std::min(rest.find('/', 1), rest.size());
+    const std::string_view part = rest.substr(0, end);
+    rest.remove_prefix(end);
+    if (part == "/..") {
+      result.resize(std::min(result.rfind('/'), result.size()));
+    } else if (part != "/") {
+      result += part;
+    }
+  }
+  return result.empty() ? "/" : result;
+}
+
+bool isRedirect(int status) { return status == 301 || status == 302 || status == 307 || status == 308; }
+
+bool changesNothing(std::string_view method) { return method == "PROPFIND" || method == "OPTIONS"; }
+
+bool isFolderRequest(const HTTPRequest& request) {
+  return request.url.ends_with('/') || request.method == "MKCOL";
+}
+
+}  // namespace
+
+WebDAVSession::WebDAVSession(const SessionEnvironment& environment, std::shared_ptr<WebDAVFacts> facts)
+    : iEnvironment(environment),
+      iFacts(std::move(facts)),
+      iServer(serverOf(*environment.credentials)),
+      iClient(environment, HTTPAuthentication::basicOrDigest) {}
+
+std::string WebDAVSession::urlOf(std::string_view path, bool isFolder) const {
+  std::string url = iServer.origin() + percentEncodedPath(path);
+  if (isFolder && !url.ends_with('/')) url += '/';
+  return url;
+}
+
+std::optional<HTTPResponse> WebDAVSession::send(HTTPRequest request, NSErrorRef* error) {
+  for (int redirects = 0;; ++redirects) {
+    std::optional<HTTPResponse> response = iClient.perform(request, error);
+    if (!response || !isRedirect(response->status) || redirects == kMostRedirects) return response;
+    const std::string* location = response->header("Location");
+    const std::optional<HTTPURL> from = HTTPURL::parse(request.url);
+    const std::optional<HTTPURL> to = location != nullptr && from ? from->resolve(*location) : std::nullopt;
+    if (!to || !to->hasOriginOf(iServer)) return response;
+    // A file's request that is sent on to a folder is about something else than was meant.
+    const bool isSameItem =
+        isFolderRequest(request) && percentDecoded(to->path) == percentDecoded(from->path) + "/";
+    if (!isSameItem && !changesNothing(request.method)) return response;
+    request.url = to->text();
+  }
+}
+
+std::optional<DAVListing> WebDAVSession::properties(DAVRequestKind kind, std::string_view path, bool isFolder,
+                                                    int depth, NSErrorRef* error) {
+  HTTPRequest request;
+  request.method = "PROPFIND";
+  request.url = urlOf(path, isFolder);
+  request.headers = {{"Depth", depth == 0 ? "0" : "1"}, {"Content-Type", "application/xml; charset=utf-8"}};
+  request.body = HTTPBody{std::string(davPropertyRequest(kind)), {}, {}, {}};
+  if (kind == DAVRequestKind::kLogin) request.patience = iEnvironment.connectLimit;
+  const std::optional<HTTPResponse> response = send(std::move(request), error);
+  if (!response) return std::nullopt;
+  if (response->status != 207) {
+    // A success of another kind comes from a server that does not know the question.
+    const bool isSuccess = response->status / 100 == 2;
+    storeError(error, isSuccess ? davNonsense(path, "there is no WebDAV at this address")
+                                : davError(kind, *response, path));
+    return std::nullopt;
+  }
+  std::string reason;
+  std::optional<std::vector<DAVResponse>> responses = parseDAVMultistatus(response->body, &reason);
+  if (!responses) {
+    storeError(error, davNonsense(path, reason));
+    return std::nullopt;
+  }
+  DAVListing listing = listingOfDAVResponses(*std::move(responses), path);
+  const bool isRefused = listing.hasSelf && listing.self.status / 100 > 2;
+  if (listing.hasSelf && !isRefused) return listing;
+  storeError(error, isRefused
+                        ? davError(kind, listing.self.status, path)
+                        : davNonsense(path, "the answer does not tell about the item that was asked for"));
+  return std::nullopt;
+}
+
+bool WebDAVSession::succeeded(DAVRequestKind kind, const std::optional<HTTPResponse>& response,
+                              std::string_view path, NSErrorRef* error) {
+  if (!response) return false;
+  if (response->status / 100 != 2) {
+    storeError(error, davError(kind, *response, path));
+    return false;
+  }
+  if (response->status != 207) return true;
+  std::string reason;
+  const std::optional<std::vector<DAVResponse>> responses = parseDAVMultistatus(response->body, &reason);
+  if (!responses) {
+    storeError(error, davNonsense(path, reason));
+    return false;
+  }
+  for (const DAVResponse& item : *responses) {
+    // 424: what failed because something else did; that is told too.
+    if (item.status < 300 || item.status == 424) continue;
+    storeError(error, davError(kind, item.status, percentDecoded(item.href)));
+    return false;
+  }
+  return true;
+}
+
+bool WebDAVSession::logIn(NSErrorRef* error) {
+  const std::optional<std::string>& initial = iEnvironment.credentials->initialPath();
+  const std::string start = normalPath(initial.value_or("/"), "/");
+  NSErrorRef reason;
+  if (properties(DAVRequestKind::kLogin, start, true, 0, &reason)) return true;
+  // The login was accepted; what is there, and whether it may be seen, is a later question.
+  if (QuarnKitError::isCode(reason, kQuarnKitNoSuchItem) ||
+      QuarnKitError::isCode(reason, kQuarnKitPermissionDenied))
+    return true;
+  storeError(error, reason);
+  return false;
+}
+
+std::optional<std::string> WebDAVSession::realPath(std::string_view path, std::string_view base,
+                                                   bool* isDirectory, NSErrorRef* error) {
+  std::string normal = normalPath(path, base);
+  const std::optional<DAVListing> found =
+      properties(DAVRequestKind::kAttributes, normal, normal == "/", 0, error);
+  if (!found) return std::nullopt;
+  if (isDirectory != nullptr) *isDirectory = found->self.properties.isCollection;
+  return normal;
+}
+
+std::optional<LinkResolution> WebDAVSession::resolveLink(std::string_view path, NSErrorRef* error) {
+  LinkResolution resolution;
+  resolution.resolvedPath = path;
+  resolution.resolved = true;
+  NSErrorRef reason;
+  resolution.attributes = attributes(path, &resolution.isDirectory, &reason);
+  resolution.exists = resolution.attributes.has_value();
+  if (resolution.exists || QuarnKitError::isCode(reason, kQuarnKitNoSuchItem)) return resolution;
+  storeError(error, reason);
+  return std::nullopt;
+}
+
+std::optional<NSFileAttributes> WebDAVSession::attributes(std::string_view path, bool* isDirectory,
+                                                          NSErrorRef* error) {
+  const std::optional<DAVListing> found =
+      properties(DAVRequestKind::kAttributes, path, path == "/", 0, error);
+  if (!found) return std::nullopt;
+  if (isDirectory != nullptr) *isDirectory = found->self.properties.isCollection;
+  return attributesOfDAVProperties(found->self.properties);
+}
+
+std::optional<NSFileAttributes> WebDAVSession::fileSystemAttributes(std::string_view path,
+                                                                    NSErrorRef* error) {
+  const std::optional<DAVListing> found = properties(DAVRequestKind::kQuota, path, true, 0, error);
+  if (!found) return std::nullopt;
+  const DAVProperties& told = found->self.properties;
+  if (!told.quotaAvailable) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "the server tells no quota"));
+    return std::nullopt;
+  }
+  NSFileAttributes volume;
+  volume.systemFreeSize = *told.quotaAvailable;
+  volume.systemSize = *told.quotaAvailable + told.quotaUsed.value_or(0);
+  return volume;
+}
+
+bool WebDAVSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  std::optional<DAVListing> found = properties(DAVRequestKind::kList, path, true, 1, error);
+  if (!found) return false;
+  if (!found->self.properties.isCollection) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotAFolder, path));
+    return false;
+  }
+  *entries = std::move(found->children);
+  return true;
+}
+
+}  // namespace ombra
