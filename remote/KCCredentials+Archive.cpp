@@ -146,8 +146,10 @@ std::shared_ptr<KCCredentials> readCredentials(FieldReader& reader) {
   credentials->setPort(static_cast<int>(reader.number("port", 0, kHighestPort)));
   credentials->setUsername(reader.text("user name"));
   credentials->setPassword(reader.text("password"));
-  credentials->setInitialPath(reader.text("initial path"));
+  const std::optional<std::string> initialPath = reader.text("initial path");
   credentials->setEncoding(reader.text("encoding"));
+  // Remote paths are the server's bytes, which are no text where its encoding is another.
+  if (initialPath) credentials->setInitialPath(credentials->remoteStringForUnicodeString(*initialPath));
   const std::optional<KCUUID> uuid = KCUUID::uuidWithString(reader.requiredText("identifier"));
   if (uuid) {
     credentials->setUUID(*uuid);
@@ -172,7 +174,8 @@ NSData KCCredentials::archivedData() const {
   fields.push_back(numberField(Field::Type::kInt, iPort));
   fields.push_back(textField(iUsername));
   fields.push_back(textField(iPassword));
-  fields.push_back(textField(iInitialPath));
+  fields.push_back(
+      textField(iInitialPath ? std::optional(unicodeStringForRemoteString(*iInitialPath)) : std::nullopt));
   fields.push_back(textField(iEncoding));
   fields.push_back(textField(iUUID.stringValue()));
   Field options{Field::Type::kStringDictionary, {}, 0, {}};

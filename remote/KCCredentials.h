@@ -26,7 +26,8 @@ class KCCredentials {
   int port() const { return iPort; }  // 0 = the protocol's own
   const std::optional<std::string>& username() const { return iUsername; }
   const std::optional<std::string>& password() const { return iPassword; }
-  // The remote start folder: absolute, relative to the login folder, or beginning with "~".
+  // The remote start folder: absolute, relative to the login folder, or beginning with "~"; in the server's
+  // bytes. The archive holds it as text.
   const std::optional<std::string>& initialPath() const { return iInitialPath; }
   const std::optional<std::string>& encoding() const { return iEncoding; }  // absent = UTF-8
   const KCUUID& UUID() const { return iUUID; }

@@ -64,6 +64,15 @@ TEST(CredentialsArchive, EveryFieldComesBack) {
   EXPECT_EQ(reason, "");
 }
 
+TEST(CredentialsArchive, AStartFolderInAnotherEncodingComesBackInTheServersBytes) {
+  const auto credentials = full();
+  credentials->setInitialPath("/b\xFC""cher");
+  std::string reason;
+  const auto read = KCCredentials::credentialsWithArchivedData(credentials->archivedData(), &reason);
+  ASSERT_NE(read, nullptr) << reason;
+  EXPECT_EQ(read->initialPath(), "/b\xFC""cher");
+}
+
 TEST(CredentialsArchive, AbsentTextsStayAbsentAndEmptyOnesEmpty) {
   auto credentials = std::make_shared<KCCredentials>();
   credentials->setProtocol(kProtocolFTP);
