@@ -26,6 +26,7 @@ class PipeTransport final : public SFTPTransport {
   [[nodiscard]] bool open(NSErrorRef* error) override;
   std::optional<Exchanged> exchange(std::span<const std::byte> outgoing, std::chrono::milliseconds limit,
                                     Receiver& receiver, NSErrorRef* error) override;
+  bool canChangeThreads() const override { return true; }
   void interrupt() override;
 
  private:

@@ -79,17 +79,19 @@ bool SFTPChannel::hasExtension(std::string_view name, std::string_view version) 
 }
 
 void SFTPChannel::setLimits(const SFTPLimits& limits) {
-  iReadLength = pieceLength(limits.readLength);
+  iReadLength = std::min(pieceLength(limits.readLength), kSFTPReadPieceLength);
   iWriteLength = pieceLength(limits.writeLength);
 }
 
 SFTPPacketWriter SFTPChannel::begin(uint8_t type) {
+  own();
   SFTPPacketWriter writer(type);
   writer.u32(++iLastID);
   return writer;
 }
 
 uint32_t SFTPChannel::submit(SFTPPacketWriter& writer) {
+  own();
   iOutgoing.append(writer.finish());
   return enter(iLastID);
 }
@@ -102,6 +104,7 @@ uint32_t SFTPChannel::enter(uint32_t id) {
 }
 
 std::span<std::byte> SFTPChannel::beginWrite(std::string_view handle, uint64_t offset, size_t capacity) {
+  own();
   iWriteHeaderLength = 4 + 1 + 4 + 4 + handle.size() + 8 + 4;
   iWriteSpace = iOutgoing.reserve(iWriteHeaderLength + capacity);
   iWriteID = ++iLastID;
@@ -135,12 +138,14 @@ std::optional<SFTPReply> SFTPChannel::waitPatiently(uint32_t id, NSErrorRef* err
   return reply;
 }
 
-bool SFTPChannel::hasReply(uint32_t id) const {
+bool SFTPChannel::hasReply(uint32_t id) {
+  own();
   const auto found = iPending.find(id);
   return found != iPending.end() && found->second.reply.has_value();
 }
 
 std::optional<SFTPReply> SFTPChannel::take(uint32_t id) {
+  own();
   const auto found = iPending.find(id);
   if (found == iPending.end() || !found->second.reply) return std::nullopt;
   SFTPReply reply = std::move(*found->second.reply);
@@ -149,6 +154,7 @@ std::optional<SFTPReply> SFTPChannel::take(uint32_t id) {
 }
 
 void SFTPChannel::abandon(uint32_t id) {
+  own();
   const auto found = iPending.find(id);
   if (found == iPending.end()) return;
   if (!found->second.reply) {
@@ -159,7 +165,8 @@ void SFTPChannel::abandon(uint32_t id) {
   iPending.erase(found);
 }
 
-SFTPChannel::Clock::duration SFTPChannel::age(uint32_t id) const {
+SFTPChannel::Clock::duration SFTPChannel::age(uint32_t id) {
+  own();
   const auto found = iPending.find(id);
   return found == iPending.end() ? Clock::duration::zero() : Clock::now() - found->second.queued;
 }
@@ -171,25 +178,61 @@ std::chrono::milliseconds SFTPChannel::patience(Clock::time_point now) const {
 }
 
 bool SFTPChannel::pump(std::chrono::milliseconds slice, NSErrorRef* error) {
-  if (iFailure) return reportFailure(error);
+  own();
+  SFTPTransport::Exchanged exchanged;
+  return exchange(slice, &exchanged) || reportFailure(error);
+}
+
+// False after a failure.
+bool SFTPChannel::exchange(std::chrono::milliseconds slice, SFTPTransport::Exchanged* exchanged) {
+  if (iFailure) return false;
   const std::chrono::milliseconds left = std::max(patience(Clock::now()), std::chrono::milliseconds(0));
   NSErrorRef reason;
-  const auto exchanged = iTransport->exchange(iOutgoing.front(), std::min(slice, left), *this, &reason);
-  if (!exchanged) fail(reason);
-  if (iFailure) return reportFailure(error);
-  if (exchanged->sent > 0) iOutgoing.consume(exchanged->sent);
-  if (exchanged->moved) touch();
+  const auto happened = iTransport->exchange(iOutgoing.front(), std::min(slice, left), *this, &reason);
+  if (!happened) fail(reason);
+  if (iFailure) return false;
+  if (happened->sent > 0) iOutgoing.consume(happened->sent);
+  if (happened->moved) iLastMovement = Clock::now();
   // Only after a look: this thread may have slept longer than the server.
   if (isAwaiting() && patience(Clock::now()).count() <= 0) {
     fail(QuarnKitError::errorWithCode(kQuarnKitTimedOut, "The server was silent for too long"));
-    return reportFailure(error);
+    return false;
   }
+  *exchanged = *happened;
   return true;
+}
+
+void SFTPChannel::lend() {
+  own();
+  if (!canLend() || iFailure || iOutgoing.size() == 0) return;
+  if (iSender == nullptr) {
+    iSender = std::make_unique<SFTPBackgroundSender>([this](bool mayWait) { return moveAlong(mayWait); });
+  }
+  constexpr size_t kWorthAPacket = 32 * 1024;
+  iIsLent = iSender->lend(iOutgoing.size() >= kWorthAPacket);
+  if (!iIsLent) flushBriefly();
+}
+
+void SFTPChannel::takeBack() {
+  iSender->takeBack();
+  iIsLent = false;
+}
+
+// On the sender's thread, while the channel is lent.
+SFTPBackgroundSender::Step SFTPChannel::moveAlong(bool mayWait) {
+  using Step = SFTPBackgroundSender::Step;
+  // Whoever wants the channel back waits for this long.
+  constexpr std::chrono::milliseconds kMoment{1};
+  SFTPTransport::Exchanged exchanged;
+  if (!exchange(mayWait ? kMoment : std::chrono::milliseconds(0), &exchanged)) return Step::done;
+  if (iOutgoing.size() == 0 && !exchanged.isPending) return Step::done;
+  return exchanged.moved ? Step::moved : Step::blocked;
 }
 
 bool SFTPChannel::isAwaiting() const { return !iServerVersion || !iPending.empty() || iOutgoing.size() > 0; }
 
 void SFTPChannel::flushBriefly() {
+  own();
   constexpr std::chrono::milliseconds kBrief{100};
   const auto end = Clock::now() + kBrief;
   do {

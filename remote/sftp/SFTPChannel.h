@@ -12,6 +12,7 @@
 #include "platform/foundation/NSError.h"
 #include "remote/Session.h"
 #include "remote/sftp/SFTPAssembler.h"
+#include "remote/sftp/SFTPBackgroundSender.h"
 #include "remote/sftp/SFTPOutgoing.h"
 #include "remote/sftp/SFTPPacket.h"
 #include "remote/sftp/SFTPReplies.h"
@@ -63,23 +64,40 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   static constexpr int kPatience = 10;
   // The reply when it has come already; `failed()` stays as it is.
   std::optional<SFTPReply> take(uint32_t id);
-  bool hasReply(uint32_t id) const;
+  bool hasReply(uint32_t id);
   // The reply does not matter any more: it is dropped when it comes.
   void abandon(uint32_t id);
   // Gives the reply's memory back for the next ones.
-  void recycle(SFTPReply reply) { iPool.giveBack(std::move(reply.packet)); }
+  void recycle(SFTPReply reply) {
+    own();
+    iPool.giveBack(std::move(reply.packet));
+  }
   // Lets bytes travel for at most `slice`. False on failure.
   [[nodiscard]] bool pump(std::chrono::milliseconds slice, NSErrorRef* error);
   // Gives what is queued a short time to leave, for requests whose replies nobody waits for.
   void flushBriefly();
   // Bytes queued and not yet taken by the transport.
-  size_t outgoingSize() const { return iOutgoing.size(); }
+  size_t outgoingSize() {
+    own();
+    return iOutgoing.size();
+  }
+  // Whether `lend` does anything: not every transport can be served by another thread.
+  bool canLend() const { return iTransport->canChangeThreads(); }
+  // Lets what is queued leave in the background, large amounts at once and small ones within milliseconds,
+  // until the next call of any other function takes the channel back.
+  void lend();
   // Time that the caller spent elsewhere is not the server's silence.
-  void touch() { iLastMovement = Clock::now(); }
+  void touch() {
+    own();
+    iLastMovement = Clock::now();
+  }
   // How long ago the request was queued.
-  Clock::duration age(uint32_t id) const;
+  Clock::duration age(uint32_t id);
 
-  const NSErrorRef& failure() const { return iFailure; }
+  const NSErrorRef& failure() {
+    own();
+    return iFailure;
+  }
   // Any thread.
   void interrupt() { iTransport->interrupt(); }
 
@@ -90,6 +108,13 @@ class SFTPChannel final : private SFTPTransport::Receiver {
     std::optional<SFTPReply> reply;
   };
 
+  // Every public function that touches more than constants begins with this.
+  void own() {
+    if (iIsLent) takeBack();
+  }
+  void takeBack();
+  SFTPBackgroundSender::Step moveAlong(bool mayWait);
+  bool exchange(std::chrono::milliseconds slice, SFTPTransport::Exchanged* exchanged);
   void received(std::span<const std::byte> bytes) override;
   bool packetArrived(SFTPBuffer packet);
   bool versionArrived(SFTPBuffer packet);
@@ -123,8 +148,11 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   size_t iWriteHeaderLength = 0;
   std::span<std::byte> iWriteSpace;
   NSErrorRef iFailure;
-  // Last: its end may still hand over bytes.
+  bool iIsLent = false;  // the user's side of it: read and written by the user's thread alone
+  // Its end may still hand over bytes.
   std::unique_ptr<SFTPTransport> iTransport;
+  // Last: its thread uses the others.
+  std::unique_ptr<SFTPBackgroundSender> iSender;
 };
 
 }  // namespace ombra

@@ -80,8 +80,11 @@ inline constexpr uint32_t kSFTPProtocolVersion = 3;
 inline constexpr size_t kSFTPMaximumPacketLength = 1024 * 1024;
 // What every server takes: the draft asks for packets of 34000 bytes, so data of 32 KiB.
 inline constexpr size_t kSFTPDefaultPieceLength = 32 * 1024;
-// The most data that one request asks for, however much the server allows.
+// The most data that one write carries, however much the server allows.
 inline constexpr size_t kSFTPMaximumPieceLength = 255 * 1024;
+// The most data that one read asks for. Larger replies make servers collect them in buffers that grow, and
+// what is in flight is counted in pieces.
+inline constexpr size_t kSFTPReadPieceLength = 32 * 1024;
 // Enough data in flight for 100 ms at 1 Gbit/s.
 inline constexpr size_t kSFTPTransferWindowBytes = 16 * 1024 * 1024;
 

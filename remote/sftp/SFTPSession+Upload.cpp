@@ -43,7 +43,10 @@ bool SFTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t off
   NSErrorRef reason;
   const bool succeeded = from.isScratch() ? uploadChanges(from, path, offset, control, &reason)
                                           : uploadCopy(from, path, offset, control, &reason);
-  if (succeeded) return true;
+  if (succeeded) {
+    if (iUpload != nullptr) iChannel.lend();
+    return true;
+  }
   // After a failure nobody knows what the handle still stands for.
   dropUpload();
   storeError(error, explainWrite(reason, path));

@@ -33,7 +33,11 @@ bool SFTPSession::logIn(NSErrorRef* error) {
   return true;
 }
 
-bool SFTPSession::isAlive() { return iChannel.pump(std::chrono::milliseconds(0), nullptr); }
+bool SFTPSession::isAlive() {
+  if (!iChannel.pump(std::chrono::milliseconds(0), nullptr)) return false;
+  if (iUpload != nullptr) iChannel.lend();
+  return true;
+}
 
 bool SFTPSession::isUsablePath(std::string_view path, NSErrorRef* error) {
   if (!path.empty() && path.size() <= kMaximumPathLength && path.find('\0') == std::string_view::npos)

@@ -9,8 +9,9 @@ namespace ombra {
 namespace {
 constexpr size_t kSmallest = 2;
 constexpr size_t kInitialBytes = 1024 * 1024;
-// A queue of this much time is no harm by itself.
-constexpr std::chrono::milliseconds kHarmlessDelay{20};
+// A queue of this much time is no harm by itself. Where the line is quick, more would only make the server
+// hold megabytes of replies in buffers that it has to enlarge and move.
+constexpr std::chrono::milliseconds kHarmlessDelay{3};
 constexpr std::chrono::milliseconds kHarmfulDelay{200};
 }  // namespace
 

@@ -28,13 +28,16 @@ class SFTPTransport {
   // Takes from `outgoing` what can be sent now and hands over what has arrived. Waits for at most `limit`
   // when neither is possible at once.
   struct Exchanged {
-    size_t sent = 0;     // bytes taken from `outgoing`
-    bool moved = false;  // at least one byte travelled in one of the directions
+    size_t sent = 0;         // bytes taken from `outgoing`
+    bool moved = false;      // at least one byte travelled in one of the directions
+    bool isPending = false;  // bytes that were taken have not all left yet
   };
   // Absent, with the error filled, when the connection has ended; what arrived before was handed over.
   virtual std::optional<Exchanged> exchange(std::span<const std::byte> outgoing,
                                             std::chrono::milliseconds limit, Receiver& receiver,
                                             NSErrorRef* error) = 0;
+  // Whether `exchange` may be called on another thread as long as the calls do not overlap.
+  virtual bool canChangeThreads() const { return false; }
   // Ends a running `open` or `exchange` soon, and every later one. Any thread.
   virtual void interrupt() = 0;
 };

@@ -73,12 +73,16 @@ bool SFTPUpload::sendChanges(NSFileHandle& from, uint64_t offset, TransferContro
       cutToFit(offset, length, control, error) &&
       send(from, extentsToSend(from, offset, length), control, error) &&
       (iRemoteLength >= length || setRemoteLength(length, error)) &&
-      (control.mayReturnEarly() ? iQueue->flush(control, error) : iQueue->finish(control, error));
+      (control.mayReturnEarly() ? leaveToBackground(control, error) : iQueue->finish(control, error));
   iControl = nullptr;
   if (!succeeded) return false;
   iExtents->forgetGivenBack();
   control.progress(length);
   return true;
+}
+
+bool SFTPUpload::leaveToBackground(TransferControl& control, NSErrorRef* error) {
+  return iChannel.canLend() ? iQueue->settle(control, error) : iQueue->flush(control, error);
 }
 
 bool SFTPUpload::cutToFit(uint64_t offset, uint64_t length, TransferControl& control, NSErrorRef* error) {

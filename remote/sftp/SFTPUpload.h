@@ -52,6 +52,8 @@ class SFTPUpload final : private SFTPWriteQueue::Observer {
   void stored(FileExtent extent) override;
   void notStored(FileExtent extent) override;
 
+  // What is queued leaves by itself where the channel can be lent, and before the answer where it cannot.
+  bool leaveToBackground(TransferControl& control, NSErrorRef* error);
   bool cutToFit(uint64_t offset, uint64_t length, TransferControl& control, NSErrorRef* error);
   // What a scratch file of that length has to send.
   std::vector<FileExtent> extentsToSend(const NSFileHandle& from, uint64_t offset, uint64_t length);

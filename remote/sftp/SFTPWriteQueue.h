@@ -38,6 +38,10 @@ class SFTPWriteQueue {
   void send(size_t length);
   // Waits until all has left, but not for what the server says to it.
   [[nodiscard]] bool flush(TransferControl& control, NSErrorRef* error);
+  // Looks, without waiting, at what the server has said already.
+  [[nodiscard]] bool settle(TransferControl& control, NSErrorRef* error) {
+    return settleAnswered(control, error);
+  }
   // Waits for all acknowledgements.
   [[nodiscard]] bool finish(TransferControl& control, NSErrorRef* error);
 

@@ -234,6 +234,7 @@ std::optional<SFTPTransport::Exchanged> SSHTransport::Connection::exchange(
   // Bytes that leave libssh's own queue are movement too: a slow line takes its time for them.
   exchanged.moved =
       exchanged.sent > 0 || iArrived != before || (wasPending && iSocketCounter.out_bytes != sentBefore);
+  exchanged.isPending = (ssh_get_poll_flags(iClient.session()) & SSH_WRITE_PENDING) != 0;
   if (isOpen && !wakeUp().isRaised()) return exchanged;
   storeError(error, wakeUp().isRaised() ? QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "interrupted")
                                         : iClient.lostError());

@@ -348,10 +348,13 @@ TEST_F(SFTPChannelTest, LimitsOfTheServerAreKeptWithinOurOwn) {
   ASSERT_TRUE(channel->open(&error));
   EXPECT_EQ(32768u, channel->readLength());
   channel->setLimits({262144, 261120, 1000, 0});
-  EXPECT_EQ(261120u, channel->readLength());
+  EXPECT_EQ(kSFTPReadPieceLength, channel->readLength());
   EXPECT_EQ(1000u, channel->writeLength());
-  channel->setLimits({0, 1ull << 40, 1, 0});
-  EXPECT_EQ(kSFTPMaximumPieceLength, channel->readLength());
+  channel->setLimits({0, 1000, 1ull << 40, 0});
+  EXPECT_EQ(1000u, channel->readLength());
+  EXPECT_EQ(kSFTPMaximumPieceLength, channel->writeLength());
+  channel->setLimits({0, 1, 1, 0});
+  EXPECT_EQ(512u, channel->readLength());
   EXPECT_EQ(512u, channel->writeLength());
   channel->setLimits({});
   EXPECT_EQ(32768u, channel->readLength());
