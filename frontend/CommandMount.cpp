@@ -56,6 +56,7 @@ class MountCommand {
         !checkVolumeOptions(&iOptions.volume, &failure))
       return iOutput.fail(failure);
     iCredentials = credentialsForURL(*url);
+    if (iOptions.encoding) useEncoding(*iOptions.encoding);
     const auto helper = prepareMachine(&failure);
     if (!helper) return iOutput.fail(failure);
     // Only when somebody sits there: a command in a pipe must not wait for an answer that nobody gives.
@@ -71,7 +72,7 @@ class MountCommand {
   bool checkURL(const RemoteURL& url, Failure* failure) {
     if (!isProtocolAvailable(url.protocol)) {
       *failure = {kExitUsage, fmt::format("{}:// is not yet available in this version.", url.scheme), "",
-                  "Available are sftp:// and file://."};
+                  "See: ombra mount --help"};
       return false;
     }
     if (url.password) {
@@ -80,6 +81,13 @@ class MountCommand {
           "leave it out to be asked for it, or use --password-file.");
     }
     return url.protocol != kProtocolFile || checkLocalFolder(*url.path, failure);
+  }
+
+  // The start folder travels in the server's bytes, as all remote paths do.
+  void useEncoding(const std::string& name) {
+    iCredentials->setEncoding(name);
+    if (iCredentials->initialPath())
+      iCredentials->setInitialPath(iCredentials->remoteStringForUnicodeString(*iCredentials->initialPath()));
   }
 
   Failure stoppedOr(const Failure& failure) const {

@@ -28,14 +28,14 @@ struct Scheme {
 constexpr std::array<Scheme, 10> kSchemes{{
     {"sftp", kProtocolSFTP, 22, true},
     {"file", kProtocolFile, 0, true},
-    {"ftp", kProtocolFTP, 21, false},
-    {"ftps", kProtocolFTPImplicitTLS, 990, false},
-    {"ftpes", kProtocolFTPExplicitTLS, 21, false},
-    {"dav", kProtocolWebDAV, 80, false},
-    {"http", kProtocolWebDAV, 80, false},
-    {"davs", kProtocolWebDAVTLS, 443, false},
-    {"https", kProtocolWebDAVTLS, 443, false},
-    {"s3", kProtocolS3, 0, false},
+    {"ftp", kProtocolFTP, 21, true},
+    {"ftps", kProtocolFTPImplicitTLS, 990, true},
+    {"ftpes", kProtocolFTPExplicitTLS, 21, true},
+    {"dav", kProtocolWebDAV, 80, true},
+    {"http", kProtocolWebDAV, 80, true},
+    {"davs", kProtocolWebDAVTLS, 443, true},
+    {"https", kProtocolWebDAVTLS, 443, true},
+    {"s3", kProtocolS3, 0, true},
 }};
 
 constexpr std::string_view kForm = "A URL looks like sftp://user@host:port/folder or file:///folder.";

@@ -34,7 +34,6 @@ class ServerLogin final : public ProtocolLogin {
   explicit ServerLogin(const LoginTools& tools) : ProtocolLogin(tools) {}
 
   bool prepare(Failure* failure) override {
-    if (iTools.options.encoding) iTools.credentials.setEncoding(iTools.options.encoding);
     if (speaksTLS(protocol()) && !settleTrust(false, failure)) return false;
     const bool isAnonymous = !iTools.credentials.username() && !wantsPassword();
     if (isAnonymous) {

@@ -15,6 +15,7 @@
 #include "platform/foundation/RunLoop.h"
 #include "remote/local/LocalEngine.h"
 #include "remote/sftp/SFTPEngine.h"
+#include "remote/webdav/WebDAVEngine.h"
 
 namespace ombra {
 namespace {
@@ -72,6 +73,7 @@ int NSApplicationMain(int argc, const char* const* argv) {
   raiseDescriptorLimit();
   registerSFTPEngine();
   registerLocalEngine();
+  registerWebDAVEngine();
 
   std::unique_ptr<OFSStatus> status;
   OFSControllerEnvironment environment = OFSControllerEnvironment::system();

@@ -307,8 +307,6 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"defaults", "--help"}, 0, "Example"},
         UsageCase{{"defaults", "get", "--help"}, 0, "setting"}, UsageCase{{"mount"}, 2, "URL"},
         UsageCase{{"mount", "nas"}, 2, "scheme"},
-        UsageCase{{"mount", "ftp://nas/x"}, 2, "not yet available in this version"},
-        UsageCase{{"mount", "s3://bucket"}, 2, "not yet available in this version"},
         UsageCase{{"mount", "file:///no/such/folder"}, 3, "No such file"},
         UsageCase{{"mount", "file:///etc/passwd"}, 3, "not a folder"},
         UsageCase{{"mount", "file:///etc", "--name", ""}, 2, "name"},

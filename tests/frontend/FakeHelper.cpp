@@ -97,6 +97,10 @@ class FakeHelper {
     };
     if (iBehaviour == "plain-failure") return fail(nullptr);
     if (iBehaviour == "untrusted") return fail(library(kQuarnKitUntrusted));
+    if (iBehaviour == "pinned" &&
+        !(iCredentials && iCredentials->option("fingerprint").value_or("").empty())) {
+      return fail(library(kQuarnKitUntrusted));
+    }
     if (iBehaviour == "no-fuse")
       return fail(NSError::errorWithDomain(kGMUserFileSystemErrorDomain, kGMNoFuseDevice));
     if (iBehaviour == "login-refused" && !(iCredentials && iCredentials->password() == "right")) {

@@ -13,6 +13,7 @@ bool isFakeHelper(int argc, char** argv);
 // - login-refused: announces a refused login, unless the credentials hold the password "right": then as
 // "mount"
 // - untrusted: announces a key that contradicts the fingerprint
+// - pinned: announces that too, unless the credentials hold no fingerprint: then as "mount"
 // - no-fuse: announces that this machine cannot mount
 // - plain-failure: announces a failure without an error
 // - already: announces that the identifier is mounted already

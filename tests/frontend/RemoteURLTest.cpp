@@ -163,15 +163,6 @@ TEST(RemoteURL, TheFailureNeverShowsThePassword) {
   }
 }
 
-TEST(RemoteURL, OnlySFTPAndFileAreAvailable) {
-  EXPECT_TRUE(isProtocolAvailable(kProtocolSFTP));
-  EXPECT_TRUE(isProtocolAvailable(kProtocolFile));
-  for (const uint32_t protocol : {kProtocolFTP, kProtocolFTPImplicitTLS, kProtocolFTPExplicitTLS,
-                                  kProtocolWebDAV, kProtocolWebDAVTLS, kProtocolS3}) {
-    EXPECT_FALSE(isProtocolAvailable(protocol));
-  }
-}
-
 struct Argument {
   const char* given;
   const char* shown;
