@@ -1,0 +1,21 @@
+// Sizes that decide how content travels.
+#pragma once
+
+#include <cstdint>
+
+namespace ombra {
+
+// In bytes. Tests make them small; servers refuse parts below 5 MiB, except the last.
+struct S3Limits {
+  // A whole file goes in one request up to here. One that breaks off begins anew, so it is not too much.
+  uint64_t singlePut = uint64_t{64} << 20;
+  // The parts of a longer one, unless there would be too many.
+  uint64_t filePart = uint64_t{32} << 20;
+  // The first part of a stream, whose length nobody knows; a shorter stream goes in one request.
+  uint64_t firstStreamPart = uint64_t{5} << 20;
+  // The server copies so much in one request, and beyond that part by part.
+  uint64_t singleCopy = uint64_t{5} << 30;
+  uint64_t copyPart = uint64_t{512} << 20;
+};
+
+}  // namespace ombra

@@ -1,0 +1,47 @@
+// An object that is made from parts.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "remote/s3/S3Client.h"
+#include "remote/s3/S3Path.h"
+
+namespace ombra {
+
+// begin → any number of parts → complete. The object appears, or is replaced, with the last step alone. What
+// was sent is thrown away by the destructor unless that step succeeded, also when the session has been
+// interrupted: parts that are left behind are invisible and cost money.
+class S3MultipartUpload {
+ public:
+  S3MultipartUpload(S3Client& client, S3Path path, std::string key);
+  ~S3MultipartUpload();
+  S3MultipartUpload(const S3MultipartUpload&) = delete;
+  S3MultipartUpload& operator=(const S3MultipartUpload&) = delete;
+
+  // With what the object is to have besides its content.
+  [[nodiscard]] bool begin(std::vector<HTTPHeader> headers, TransferControl* control, NSErrorRef* error);
+  // The next part. `hash` may be empty where bodies are not signed.
+  [[nodiscard]] bool sendPart(HTTPBody body, std::string hash, TransferControl* control, NSErrorRef* error);
+  // The next part, from another object on the server: `source` is "/bucket/key", percent-encoded.
+  [[nodiscard]] bool copyPart(const std::string& source, const std::string& sourceTag, FileExtent range,
+                              NSErrorRef* error);
+  [[nodiscard]] bool complete(TransferControl* control, NSErrorRef* error);
+
+  uint32_t parts() const { return static_cast<uint32_t>(iTags.size()); }
+
+ private:
+  S3Request request(std::string method) const;
+  bool addTag(const std::string* tag, NSErrorRef* error);
+  bool wasCompleted(TransferControl* control);
+  void abandon();
+
+  S3Client& iClient;
+  const S3Path iPath;
+  const std::string iKey;
+  std::string iUploadId;  // empty when nothing is under way
+  std::vector<std::string> iTags;
+};
+
+}  // namespace ombra

@@ -1,0 +1,52 @@
+// The part of a stream that is being gathered.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/foundation/NSError.h"
+#include "remote/http/HTTPClient.h"
+
+namespace ombra {
+
+// A server wants to know the length of a part before its first byte, so that a part is gathered before it is
+// sent: in memory, a long one in an unlinked temporary file. Used again and again for one stream.
+class S3PartBuffer {
+ public:
+  using Next = std::function<size_t(std::byte*, size_t)>;
+  // Parts longer than `memory` bytes go to a file.
+  explicit S3PartBuffer(uint64_t memory = uint64_t{64} << 20) : iMostMemory(memory) {}
+  S3PartBuffer(const S3PartBuffer&) = delete;
+  S3PartBuffer& operator=(const S3PartBuffer&) = delete;
+
+  // Empties it and takes up to `size` bytes from `next`; `mayGoOn` is asked after each piece, and ends it
+  // when false. False with the error when there is no place for them.
+  [[nodiscard]] bool fill(const Next& next, uint64_t size, const std::function<bool()>& mayGoOn,
+                          NSErrorRef* error);
+  uint64_t length() const { return iLength; }
+  // The stream came to its end in this part.
+  bool isLast() const { return iIsLast; }
+
+  // The content as the body of a request, which may be sent several times. Valid until the next `fill`.
+  HTTPBody body();
+  // Hexadecimal SHA-256; empty when the content cannot be read.
+  std::string hash() const;
+
+ private:
+  bool prepare(uint64_t size, NSErrorRef* error);
+  bool keep(std::byte* piece, size_t count, NSErrorRef* error);
+  size_t give(std::byte* buffer, size_t capacity);
+
+  const uint64_t iMostMemory;
+  std::unique_ptr<std::byte[]> iMemory;
+  uint64_t iCapacity = 0;               // of the memory
+  std::unique_ptr<NSFileHandle> iFile;  // in use instead, once a part is too long
+  uint64_t iLength = 0;
+  uint64_t iGiven = 0;
+  bool iIsLast = false;
+};
+
+}  // namespace ombra

@@ -1,0 +1,181 @@
+// Downloads, uploads and streams.
+#include <algorithm>
+#include <cerrno>
+
+#include "remote/QuarnKitError.h"
+#include "remote/s3/S3Body.h"
+#include "remote/s3/S3Digest.h"
+#include "remote/s3/S3Download.h"
+#include "remote/s3/S3Errors.h"
+#include "remote/s3/S3MultipartUpload.h"
+#include "remote/s3/S3PartBuffer.h"
+#include "remote/s3/S3PartSizes.h"
+#include "remote/s3/S3Session.h"
+
+namespace ombra {
+namespace {
+
+const HTTPHeader kAnyContent{"Content-Type", "application/octet-stream"};
+
+bool failCancelled(std::string_view path, NSErrorRef* error) {
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
+  return false;
+}
+
+// A request whose body failed says that it was cancelled: the file knows better.
+bool failWith(const S3FileBody& body, NSErrorRef* error) {
+  if (body.failure() != nullptr) storeError(error, body.failure());
+  return false;
+}
+
+}  // namespace
+
+bool S3Session::download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
+                         TransferControl& control, NSErrorRef* error) {
+  const S3Path object = S3Path::parse(path);
+  if (!object.isItem()) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitRefused, object.text() + " is a folder"));
+    return false;
+  }
+  S3Download download(object.text(), to, offset, version, control);
+  S3Request request;
+  request.bucket = object.bucket;
+  request.key = object.key;
+  request.headers = download.headers();
+  request.take = [&download](const HTTPResponse& head, std::span<const std::byte> piece) {
+    return download.take(head, piece);
+  };
+  request.control = &control;
+  request.isRepeatable = false;
+  NSErrorRef fault;
+  const std::optional<S3Answer> answer = iClient.perform(std::move(request), &fault);
+  if (!answer) {
+    storeError(error, download.failure() != nullptr ? download.failure() : fault);
+    return false;
+  }
+  if (answer->isGood()) return download.finish(answer->response, error);
+  if (answer->refusal->status == 416) return explainUnsatisfiable(object, offset, version, error);
+  storeError(error, s3Error(*answer->refusal, object.text()));
+  return false;
+}
+
+// Nothing lies behind the offset: the object ends right there, or is another one by now.
+bool S3Session::explainUnsatisfiable(const S3Path& path, uint64_t offset, std::string* version,
+                                     NSErrorRef* error) {
+  const std::optional<S3Answer> answer = askForObject(path, error);
+  if (!answer) return false;
+  if (!answer->isGood()) {
+    storeError(error, s3Error(*answer->refusal, path.text()));
+    return false;
+  }
+  return S3Download::settleEnd(answer->response, path.text(), offset, version, error);
+}
+
+bool S3Session::upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
+                       NSErrorRef* error) {
+  const S3Path object = S3Path::parse(path);
+  if (offset > 0) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, path));
+    return false;
+  }
+  if (refuseOutsideOfBucket(object, error) || !requireFolder(object.parent(), error)) return false;
+  const uint64_t length = from.fileLength();
+  // Confirmed before it is read: what is written while the upload runs then counts as new.
+  const std::vector<FileExtent> unconfirmed = from.unconfirmedExtents(0);
+  from.noteConfirmed({0, length});
+  if (sendWhole(from, length, object, control, error)) return true;
+  for (const FileExtent& extent : unconfirmed) from.noteWritten(extent);
+  return false;
+}
+
+bool S3Session::sendWhole(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
+                          NSErrorRef* error) {
+  const bool isSent = length <= iLimits.singlePut ? putFile(from, length, path, control, error)
+                                                  : putFileInParts(from, length, path, control, error);
+  if (isSent) control.progress(length);
+  return isSent;
+}
+
+bool S3Session::putFile(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
+                        NSErrorRef* error) {
+  S3FileBody body(from, {0, length}, [&control](uint64_t reached) { control.progress(reached); });
+  S3Request request;
+  request.method = "PUT";
+  request.bucket = path.bucket;
+  request.key = path.key;
+  request.headers = {kAnyContent};
+  request.control = &control;
+  if (length > 0) {
+    request.body = body.body();
+    if (iClient.signsPayloads()) request.payloadHash = s3SHA256OfFile(from, {0, length}).value_or("");
+  } else {
+    request.body.emplace();
+  }
+  return iClient.performOrFail(std::move(request), path.text(), error) || failWith(body, error);
+}
+
+bool S3Session::putFileInParts(NSFileHandle& from, uint64_t length, const S3Path& path,
+                               TransferControl& control, NSErrorRef* error) {
+  if (length > kS3LongestObject) {
+    storeError(error,
+               QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, path.text() + ": no object is so long"));
+    return false;
+  }
+  S3MultipartUpload whole(iClient, path, path.key);
+  if (!whole.begin({kAnyContent}, &control, error)) return false;
+  const uint64_t part = s3PartSize(length, iLimits.filePart);
+  for (uint64_t at = 0; at < length; at += part) {
+    const FileExtent range{at, std::min(at + part, length)};
+    S3FileBody body(from, range, [&control](uint64_t reached) { control.progress(reached); });
+    std::string hash;
+    if (iClient.signsPayloads()) hash = s3SHA256OfFile(from, range).value_or("");
+    if (!whole.sendPart(body.body(), hash, &control, error)) return failWith(body, error);
+    control.progress(range.end);
+  }
+  return whole.complete(&control, error);
+}
+
+bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
+                       TransferControl& control, NSErrorRef* error) {
+  const S3Path object = S3Path::parse(path);
+  if (refuseOutsideOfBucket(object, error) || !requireFolder(object.parent(), error)) return false;
+  S3PartBuffer buffer;
+  S3MultipartUpload whole(iClient, object, object.key);
+  const auto mayGoOn = [this, &control] { return !control.shouldCancel() && !iClient.isInterrupted(); };
+  uint64_t sent = 0;
+  while (true) {
+    const uint64_t size = s3StreamPartSize(whole.parts() + 1, iLimits.firstStreamPart);
+    if (!buffer.fill(next, size, mayGoOn, error)) return false;
+    if (control.shouldCancel()) return failCancelled(path, error);
+    const std::string hash = iClient.signsPayloads() ? buffer.hash() : std::string();
+    if (buffer.isLast() && whole.parts() == 0) return putBuffer(buffer, hash, object, control, error);
+    if (whole.parts() == 0 && !whole.begin({kAnyContent}, &control, error)) return false;
+    if (buffer.length() > 0 && !whole.sendPart(buffer.body(), hash, &control, error)) return false;
+    control.progress(sent += buffer.length());
+    if (buffer.isLast()) return whole.complete(&control, error);
+    if (whole.parts() == kS3MostParts) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, "no object has so many parts"));
+      return false;
+    }
+  }
+}
+
+// A stream that is shorter than a part needs no parts.
+bool S3Session::putBuffer(S3PartBuffer& buffer, const std::string& hash, const S3Path& path,
+                          TransferControl& control, NSErrorRef* error) {
+  S3Request request;
+  request.method = "PUT";
+  request.bucket = path.bucket;
+  request.key = path.key;
+  request.headers = {kAnyContent};
+  request.control = &control;
+  if (buffer.length() > 0) {
+    request.body = buffer.body();
+    request.payloadHash = hash;
+  } else {
+    request.body.emplace();
+  }
+  return iClient.performOrFail(std::move(request), path.text(), error).has_value();
+}
+
+}  // namespace ombra

@@ -1,0 +1,311 @@
+// Logging in and looking.
+#include "remote/s3/S3Session.h"
+
+#include <algorithm>
+#include <unordered_set>
+
+#include "remote/QuarnKitError.h"
+#include "remote/RemotePaths.h"
+#include "remote/http/HTTPDate.h"
+#include "remote/s3/S3Errors.h"
+
+namespace ombra {
+namespace {
+
+// A page has up to 1,000 names of 1,024 bytes, of which each may take three.
+constexpr size_t kLongestPage = size_t{32} << 20;
+constexpr size_t kLongestBucketList = size_t{32} << 20;
+// No folder has so many; a server that never ends does.
+constexpr int kMostPages = 100000;
+
+NSFileAttributes folderAttributes() {
+  NSFileAttributes attributes;
+  attributes.fileType = NSFileTypeValue::NSFileTypeDirectory;
+  return attributes;
+}
+
+NSFileAttributes objectAttributes(uint64_t size, std::optional<NSDate> date) {
+  NSFileAttributes attributes;
+  attributes.fileType = NSFileTypeValue::NSFileTypeRegular;
+  attributes.fileSize = size;
+  attributes.modificationDate = date;
+  return attributes;
+}
+
+std::optional<uint64_t> lengthOf(const HTTPResponse& response) {
+  const std::string* text = response.header("Content-Length");
+  if (text == nullptr || text->empty() || text->size() > 18) return std::nullopt;
+  uint64_t length = 0;
+  for (const char c : *text) {
+    if (c < '0' || c > '9') return std::nullopt;
+    length = length * 10 + static_cast<uint64_t>(c - '0');
+  }
+  return length;
+}
+
+}  // namespace
+
+S3Session::S3Session(SessionEnvironment environment, std::optional<S3Endpoint> endpoint,
+                     std::shared_ptr<S3Knowledge> knowledge, S3Limits limits)
+    : iHasEndpoint(endpoint.has_value()),
+      iLimits(limits),
+      iClient(std::move(environment), endpoint.value_or(S3Endpoint()), std::move(knowledge)) {}
+
+// A cheap question, whose answer tells whether the key is good. That it may not be asked tells the same.
+bool S3Session::logIn(NSErrorRef* error) {
+  if (!iHasEndpoint) {
+    storeError(error, QuarnKitError::errorWithCode(
+                          kQuarnKitCouldNotResolveHost,
+                          "the endpoint is no URL of the form https://host:port or http://host:port"));
+    return false;
+  }
+  const S3Path start = S3Path::parse(iClient.environment().credentials->initialPath().value_or("/"));
+  S3Request request;
+  if (!start.isRoot()) {
+    request.bucket = start.bucket;
+    request.query = {{"list-type", "2"}, {"max-keys", "1"}, {"prefix", start.prefix()}};
+  }
+  request.longestBody = kLongestBucketList;
+  const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
+  if (!answer) return false;
+  if (answer->isGood()) {
+    const std::string& body = answer->response.body;
+    if (start.isRoot() ? s3Buckets(body).has_value() : s3Listing(body).has_value()) return true;
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError,
+                                                   iClient.endpoint().host() + " is no S3 server"));
+    return false;
+  }
+  const NSErrorRef fault = s3Error(*answer->refusal, start.text());
+  const bool isLoggedIn = QuarnKitError::isCode(fault, kQuarnKitPermissionDenied) ||
+                          (QuarnKitError::isCode(fault, kQuarnKitNoSuchItem) && !start.isRoot() &&
+                           !answer->refusal->code.empty());
+  if (!isLoggedIn) storeError(error, fault);
+  return isLoggedIn;
+}
+
+std::optional<std::string> S3Session::realPath(std::string_view path, std::string_view base,
+                                               bool* isDirectory, NSErrorRef* error) {
+  // There are no homes: all begin at the list of buckets.
+  if (path.starts_with('~'))
+    path = path.find('/') == std::string_view::npos ? "/" : path.substr(path.find('/'));
+  const S3Path target = S3Path::parse(absoluteRemotePath(path, base));
+  const std::optional<Item> item = look(target, error);
+  if (!item) return std::nullopt;
+  if (item->kind == Kind::kNothing) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNoSuchItem, target.text()));
+    return std::nullopt;
+  }
+  if (isDirectory != nullptr) *isDirectory = item->kind == Kind::kFolder;
+  return target.text();
+}
+
+std::optional<LinkResolution> S3Session::resolveLink(std::string_view path, NSErrorRef* error) {
+  const std::optional<Item> item = look(S3Path::parse(path), error);
+  if (!item) return std::nullopt;
+  LinkResolution resolution;
+  resolution.resolved = true;
+  resolution.resolvedPath = path;
+  resolution.exists = item->kind != Kind::kNothing;
+  resolution.isDirectory = item->kind == Kind::kFolder;
+  if (resolution.exists) resolution.attributes = item->attributes;
+  return resolution;
+}
+
+std::optional<NSFileAttributes> S3Session::attributes(std::string_view path, bool* isDirectory,
+                                                      NSErrorRef* error) {
+  const std::optional<Item> item = look(S3Path::parse(path), error);
+  if (!item) return std::nullopt;
+  if (item->kind == Kind::kNothing) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNoSuchItem, path));
+    return std::nullopt;
+  }
+  if (isDirectory != nullptr) *isDirectory = item->kind == Kind::kFolder;
+  return item->attributes;
+}
+
+std::optional<NSFileAttributes> S3Session::fileSystemAttributes(std::string_view path, NSErrorRef* error) {
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, path));
+  return std::nullopt;
+}
+
+std::optional<S3Answer> S3Session::askForObject(const S3Path& path, NSErrorRef* error) {
+  S3Request request;
+  request.method = "HEAD";
+  request.bucket = path.bucket;
+  request.key = path.key;
+  return iClient.perform(std::move(request), error);
+}
+
+std::optional<S3Session::Item> S3Session::lookAtBucket(const S3Path& path, NSErrorRef* error) {
+  const std::optional<S3Answer> answer = askForObject(path, error);
+  if (!answer) return std::nullopt;
+  // One whose top may not be listed is there all the same: a folder in it may be open.
+  if (answer->isGood() || answer->refusal->status == 403) return Item{Kind::kFolder, folderAttributes()};
+  if (s3IsMissing(*answer->refusal)) return Item{};
+  storeError(error, s3Error(*answer->refusal, path.text()));
+  return std::nullopt;
+}
+
+std::optional<S3Session::Item> S3Session::look(const S3Path& path, NSErrorRef* error) {
+  if (path.isRoot()) return Item{Kind::kFolder, folderAttributes()};
+  if (path.isBucket()) return lookAtBucket(path, error);
+  std::optional<S3Refusal> refusal;
+  // What was a folder a moment ago is asked for as one first.
+  const bool wasFolder = iClient.knowledge().folder(path) != S3Knowledge::Folder::kUnknown;
+  for (const bool asFolder : {wasFolder, !wasFolder}) {
+    if (asFolder) {
+      const std::optional<Glimpse> seen = glimpse(path, 1, error);
+      if (!seen) return std::nullopt;
+      if (!seen->keys.empty()) return Item{Kind::kFolder, folderAttributes()};
+      continue;
+    }
+    const std::optional<S3Answer> answer = askForObject(path, error);
+    if (!answer) return std::nullopt;
+    if (answer->isGood()) {
+      const std::string* date = answer->response.header("Last-Modified");
+      return Item{Kind::kObject, objectAttributes(lengthOf(answer->response).value_or(0),
+                                                  date != nullptr ? dateOfHTTPText(*date) : std::nullopt)};
+    }
+    if (!s3IsMissing(*answer->refusal)) refusal = answer->refusal;
+  }
+  if (!refusal) return Item{};
+  storeError(error, s3Error(*refusal, path.text()));
+  return std::nullopt;
+}
+
+std::optional<S3Listing> S3Session::listPage(const S3Path& folder, const std::string& prefix, bool isFlat,
+                                             int most, const std::string& token, NSErrorRef* error) {
+  S3Request request;
+  request.bucket = folder.bucket;
+  request.query = {{"list-type", "2"}, {"prefix", prefix}, {"encoding-type", "url"}};
+  if (!isFlat) request.query.emplace_back("delimiter", "/");
+  if (most > 0) request.query.emplace_back("max-keys", std::to_string(most));
+  if (!token.empty()) request.query.emplace_back("continuation-token", token);
+  request.longestBody = kLongestPage;
+  const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
+  if (!answer) return std::nullopt;
+  if (!answer->isGood()) {
+    storeError(error, s3ListingError(*answer->refusal, folder.text()));
+    return std::nullopt;
+  }
+  std::optional<S3Listing> listing = s3Listing(answer->response.body);
+  const auto isForeign = [&prefix](const std::string& key) { return !key.starts_with(prefix); };
+  const bool isSense =
+      listing && std::none_of(listing->prefixes.begin(), listing->prefixes.end(), isForeign) &&
+      std::none_of(listing->objects.begin(), listing->objects.end(),
+                   [&isForeign](const S3ListedObject& object) { return isForeign(object.key); });
+  if (isSense) return listing;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, "the listing of " + folder.text()));
+  return std::nullopt;
+}
+
+std::optional<S3Session::Glimpse> S3Session::glimpse(const S3Path& folder, int most, NSErrorRef* error) {
+  const std::optional<S3Listing> listing = listPage(folder, folder.prefix(), true, most, {}, error);
+  if (!listing) return std::nullopt;
+  Glimpse result;
+  for (const S3ListedObject& object : listing->objects) {
+    result.keys.push_back(object.key);
+    result.isMarked = result.isMarked || object.key == folder.prefix();
+  }
+  if (result.keys.empty()) {
+    iClient.knowledge().forgetFolders(folder);
+  } else {
+    iClient.knowledge().noteFolder(folder, result.isMarked);
+  }
+  return result;
+}
+
+bool S3Session::requireFolder(const S3Path& folder, NSErrorRef* error) {
+  if (!folder.isItem() || iClient.knowledge().folder(folder) != S3Knowledge::Folder::kUnknown) return true;
+  NSErrorRef fault;
+  const std::optional<Glimpse> seen = glimpse(folder, 1, &fault);
+  if (seen && !seen->keys.empty()) return true;
+  // Who may write and not list is not kept from writing.
+  if (!seen && QuarnKitError::isCode(fault, kQuarnKitListingNotPermitted)) return true;
+  storeError(error, seen ? QuarnKitError::errorWithCode(kQuarnKitNoSuchItem, folder.text()) : fault);
+  return false;
+}
+
+bool S3Session::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  const S3Path folder = S3Path::parse(path);
+  return folder.isRoot() ? listBuckets(entries, error) : listFolder(folder, entries, error);
+}
+
+bool S3Session::listBuckets(std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  S3Request request;
+  request.longestBody = kLongestBucketList;
+  const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
+  if (!answer) return false;
+  if (!answer->isGood()) {
+    storeError(error, s3ListingError(*answer->refusal, "/"));
+    return false;
+  }
+  const std::optional<std::vector<S3Bucket>> buckets = s3Buckets(answer->response.body);
+  if (!buckets) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, "the list of buckets"));
+    return false;
+  }
+  for (const S3Bucket& bucket : *buckets) {
+    RemoteEntry entry;
+    entry.name = bucket.name;
+    entry.type = kNodeTypeFolder;
+    entry.attributes = folderAttributes();
+    entry.attributes.creationDate = bucket.creationDate;
+    entry.attributes.modificationDate = bucket.creationDate;
+    entries->push_back(std::move(entry));
+  }
+  return true;
+}
+
+// The listing had nothing at all. A folder that is not there looks the same; a bucket is.
+bool S3Session::sawNothing(const S3Path& path, NSErrorRef* error) {
+  iClient.knowledge().forgetFolders(path);
+  if (path.isBucket()) return true;
+  const std::optional<S3Answer> answer = askForObject(path, error);
+  if (!answer) return false;
+  storeError(error, QuarnKitError::errorWithCode(answer->isGood() ? kQuarnKitNotAFolder : kQuarnKitNoSuchItem,
+                                                 path.text()));
+  return false;
+}
+
+bool S3Session::listFolder(const S3Path& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  const std::string prefix = folder.prefix();
+  std::unordered_set<std::string> folders;
+  std::string token;
+  bool isThere = false;
+  bool isMarked = false;
+  for (int page = 0; page < kMostPages; ++page) {
+    const std::optional<S3Listing> listing = listPage(folder, prefix, false, 0, token, error);
+    if (!listing) return false;
+    isThere = isThere || !listing->objects.empty() || !listing->prefixes.empty();
+    for (const std::string& below : listing->prefixes) {
+      std::string name = below.substr(prefix.size());
+      if (name.ends_with('/')) name.pop_back();
+      if (!isShownName(name) || !folders.insert(name).second) continue;
+      iClient.knowledge().noteFolder({folder.bucket, prefix + name}, false);
+      entries->push_back({std::move(name), kNodeTypeFolder, folderAttributes(), {}, {}});
+    }
+    for (const S3ListedObject& object : listing->objects) {
+      isMarked = isMarked || object.key == prefix;
+      std::string name = object.key.substr(prefix.size());
+      if (!isShownName(name)) continue;
+      entries->push_back(
+          {std::move(name), kNodeTypeFile, objectAttributes(object.size, object.modificationDate), {}, {}});
+    }
+    if (!listing->isTruncated) {
+      if (!isThere) return sawNothing(folder, error);
+      iClient.knowledge().noteFolder(folder, isMarked);
+      std::erase_if(*entries, [&folders](const RemoteEntry& entry) {
+        return entry.type == kNodeTypeFile && folders.count(entry.name) != 0;
+      });
+      return true;
+    }
+    if (listing->nextToken == token) break;
+    token = listing->nextToken;
+  }
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError,
+                                                 "the listing of " + folder.text() + " has no end"));
+  return false;
+}
+
+}  // namespace ombra
