@@ -38,10 +38,8 @@ std::optional<HTTPResponse> WebDAVSession::sendMove(std::string_view from, bool 
   HTTPRequest request;
   request.method = "MOVE";
   request.url = urlOf(from, isDirectory);
-  // Depth 0 at what is no file any more is refused, where servers look at it.
   request.headers = {{"Destination", urlOf(to, isDirectory)},
-                     {"Overwrite", overwrite == Overwrite::kYes ? "T" : "F"},
-                     {"Depth", isDirectory ? "infinity" : "0"}};
+                     {"Overwrite", overwrite == Overwrite::kYes ? "T" : "F"}};
   request.patience = kLongPatience;
   return send(std::move(request), error);
 }
@@ -70,14 +68,14 @@ bool WebDAVSession::remove(std::string_view path, bool isDirectory, NSErrorRef* 
   request.url = urlOf(path, isDirectory);
   request.patience = kLongPatience;
   if (!isDirectory) {
+    // Refused, where servers look at it, for a folder that has taken the file's place.
     request.headers = {{"Depth", "0"}};
     return succeeded(DAVRequestKind::kRemove, send(std::move(request), error), path, error);
   }
-  const std::optional<DAVListing> found = properties(DAVRequestKind::kRemove, path, true, 1, error);
+  const std::optional<DAVListing> found = folderListing(DAVRequestKind::kRemove, path, error);
   if (!found) return false;
-  if (!found->self.properties.isCollection || found->holdsItems) {
-    const auto code = found->self.properties.isCollection ? kQuarnKitFolderNotEmpty : kQuarnKitNotAFolder;
-    storeError(error, QuarnKitError::errorWithCode(code, path));
+  if (found->holdsItems) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitFolderNotEmpty, path));
     return false;
   }
   return succeeded(DAVRequestKind::kRemove, send(std::move(request), error), path, error);

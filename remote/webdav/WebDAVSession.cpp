@@ -199,13 +199,28 @@ std::optional<NSFileAttributes> WebDAVSession::fileSystemAttributes(std::string_
   return volume;
 }
 
-bool WebDAVSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  std::optional<DAVListing> found = properties(DAVRequestKind::kList, path, true, 1, error);
-  if (!found) return false;
-  if (!found->self.properties.isCollection) {
-    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotAFolder, path));
-    return false;
+std::optional<DAVListing> WebDAVSession::folderListing(DAVRequestKind kind, std::string_view path,
+                                                       NSErrorRef* error) {
+  NSErrorRef reason;
+  std::optional<DAVListing> found = properties(kind, path, true, 1, &reason);
+  if (found && found->self.properties.isCollection) return found;
+  if (found) {
+    reason = QuarnKitError::errorWithCode(kQuarnKitNotAFolder, path);
+  } else if (QuarnKitError::isCode(reason, kQuarnKitRefused) ||
+             QuarnKitError::isCode(reason, kQuarnKitListingNotPermitted) ||
+             QuarnKitError::isCode(reason, kQuarnKitPermissionDenied)) {
+    // Servers refuse a file's name with a slash behind it in various ways.
+    bool isDirectory = true;
+    if (attributes(path, &isDirectory, nullptr) && !isDirectory)
+      reason = QuarnKitError::errorWithCode(kQuarnKitNotAFolder, path);
   }
+  storeError(error, reason);
+  return std::nullopt;
+}
+
+bool WebDAVSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  std::optional<DAVListing> found = folderListing(DAVRequestKind::kList, path, error);
+  if (!found) return false;
   *entries = std::move(found->children);
   return true;
 }

@@ -72,6 +72,8 @@ class WebDAVSession final : public Session {
   // PROPFIND for a path; Depth 0 or 1.
   std::optional<DAVListing> properties(DAVRequestKind kind, std::string_view path, bool isFolder, int depth,
                                        NSErrorRef* error);
+  // What lies in a folder; kQuarnKitNotAFolder for a file.
+  std::optional<DAVListing> folderListing(DAVRequestKind kind, std::string_view path, NSErrorRef* error);
   // An answer that must be a success as a whole: also what lies inside of an answer 207.
   bool succeeded(DAVRequestKind kind, const std::optional<HTTPResponse>& response, std::string_view path,
                  NSErrorRef* error);

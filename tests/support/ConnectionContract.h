@@ -44,6 +44,8 @@ class ContractServer {
   virtual bool exists(const std::string& path) = 0;
   // Names in a folder, whatever they are, sorted.
   virtual std::vector<std::string> storedNames(const std::string& path) = 0;
+  // Whether the server both lists and serves items of that name. Some have names of their own that they do not.
+  virtual bool handlesName(const std::string& /*name*/) const { return true; }
 };
 
 // A server whose paths are those of a folder of this machine, perhaps below a prefix.

@@ -1,0 +1,134 @@
+#include "tests/support/ServerProcess.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstring>
+
+namespace ombra {
+namespace {
+
+constexpr std::chrono::seconds kServerStartLimit{20};
+// Ends the server when the thread that started it is gone.
+constexpr const char* kDeathSignalLauncher = "/usr/bin/setpriv";
+
+sockaddr_in loopback(int port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  return address;
+}
+
+int millisecondsUntil(std::chrono::steady_clock::time_point end) {
+  const auto left =
+      std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+  return static_cast<int>(std::max<int64_t>(left.count(), 0));
+}
+
+}  // namespace
+
+ServerProcess::~ServerProcess() { stop(); }
+
+std::string ServerProcess::findProgram(const std::string& name) {
+  for (const char* folder : {"/usr/sbin/", "/usr/bin/", "/usr/local/sbin/", "/usr/local/bin/"}) {
+    if (access((folder + name).c_str(), X_OK) == 0) return folder + name;
+  }
+  return {};
+}
+
+int ServerProcess::freePort() {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = loopback(0);
+  socklen_t length = sizeof address;
+  int port = 0;
+  if (bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+    port = ntohs(address.sin_port);
+  close(socket);
+  return port;
+}
+
+bool ServerProcess::start(const std::vector<std::string>& command, const std::string& ready, int port) {
+  stop();
+  iLog.clear();
+  std::array<int, 2> output{};
+  if (pipe2(output.data(), O_CLOEXEC) != 0) return false;
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, output[1], STDERR_FILENO);
+  std::vector<std::string> words = command;
+  if (access(kDeathSignalLauncher, X_OK) == 0)
+    words.insert(words.begin(), {kDeathSignalLauncher, "--pdeathsig", "TERM"});
+  std::vector<char*> arguments;
+  for (std::string& word : words) arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  const int failed = posix_spawnp(&iProcess, arguments[0], &actions, nullptr, arguments.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  close(output[1]);
+  iOutput = output[0];
+  if (failed != 0) {
+    iProcess = -1;
+    iLog = std::strerror(failed);
+    return false;
+  }
+  if (ready.empty() ? waitForPort(port) : waitForOutput(ready)) return true;
+  stop();
+  return false;
+}
+
+bool ServerProcess::waitForOutput(const std::string& ready) {
+  const auto end = std::chrono::steady_clock::now() + kServerStartLimit;
+  std::array<char, 4096> buffer{};
+  while (iLog.find(ready) == std::string::npos) {
+    pollfd waiting{iOutput, POLLIN, 0};
+    if (poll(&waiting, 1, millisecondsUntil(end)) <= 0) return false;
+    const ssize_t count = read(iOutput, buffer.data(), buffer.size());
+    if (count <= 0) return false;
+    iLog.append(buffer.data(), static_cast<size_t>(count));
+  }
+  return true;
+}
+
+// There is nothing else to wait on where a server does not say that it listens.
+bool ServerProcess::waitForPort(int port) {
+  const auto end = std::chrono::steady_clock::now() + kServerStartLimit;
+  while (std::chrono::steady_clock::now() < end) {
+    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    const bool listens = connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    close(socket);
+    if (listens) return true;
+    // The pipe ends when the program does: no need to wait any longer then.
+    pollfd waiting{iOutput, POLLIN, 0};
+    std::array<char, 4096> buffer{};
+    if (poll(&waiting, 1, 5) <= 0) continue;
+    const ssize_t count = read(iOutput, buffer.data(), buffer.size());
+    if (count <= 0) return false;
+    iLog.append(buffer.data(), static_cast<size_t>(count));
+  }
+  return false;
+}
+
+void ServerProcess::stop() {
+  if (iProcess > 0) {
+    kill(iProcess, SIGTERM);
+    waitpid(iProcess, nullptr, 0);
+  }
+  iProcess = -1;
+  if (iOutput >= 0) close(iOutput);
+  iOutput = -1;
+}
+
+}  // namespace ombra
