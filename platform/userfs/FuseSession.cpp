@@ -144,6 +144,7 @@ std::optional<uint64_t> FuseSession::adjustReply(const iovec* parts, int count) 
     if (const uint64_t nodeID = nodeIDOfCreationReply(parts, count)) context.created->item->setNodeID(nodeID);
     context.created = nullptr;
   }
+  if (std::exchange(context.offersPrivileges, false)) acceptPrivileges(parts, count);
   if (!context.keepsListing) return std::nullopt;
   const auto handle = allowListingCache(parts, count, *context.keepsListing);
   context.keepsListing.reset();
@@ -214,6 +215,9 @@ void FuseSession::process(const fuse_buf& buffer) {
       return iVolume->handles().handleOfRemovedNode(nodeID);
     });
     if (const auto folder = handleOfFolderRelease(buffer.mem, buffer.size)) forgetOpenFolder(*folder);
+    RequestContext& context = RequestContext::current();
+    context.offersPrivileges = offersPrivileges(buffer.mem, buffer.size);
+    context.takesPrivileges = takesPrivileges(buffer.mem, buffer.size);
   }
   tAnswering = this;
   fuse_session_process_buf(iSession, &buffer);

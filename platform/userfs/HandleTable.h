@@ -41,6 +41,11 @@ class OpenItem {
   void noteSize(uint64_t size) EXCLUDES(iLock);
   void noteAttributes(const NSFileAttributes& attributes) EXCLUDES(iLock);
 
+  // Whether the file may have a set-user-id or set-group-id bit, or a write has to look. Forgotten when the
+  // mode is changed.
+  bool mayHavePrivileges() const { return iMayHavePrivileges; }
+  void setMayHavePrivileges(bool may) { iMayHavePrivileges = may; }
+
   // The kernel's number of the file, 0 until it is known.
   uint64_t nodeID() const { return iNodeID; }
   void setNodeID(uint64_t nodeID) { iNodeID = nodeID; }
@@ -51,6 +56,7 @@ class OpenItem {
   const GMUserData iUserData;
   std::atomic<size_t> iHandleCount{0};  // changed under the table's lock
   std::atomic<uint64_t> iNodeID{0};
+  std::atomic<bool> iMayHavePrivileges{true};
   mutable Mutex iLock;
   std::optional<std::string> iPath GUARDED_BY(iLock);
   bool iRemoved GUARDED_BY(iLock) = false;

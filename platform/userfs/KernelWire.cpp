@@ -2,6 +2,7 @@
 
 #include <linux/fuse.h>
 
+#include <cstddef>
 #include <cstring>
 
 #include "platform/userfs/RequestContext.h"
@@ -83,6 +84,45 @@ std::optional<uint64_t> allowListingCache(const iovec* parts, int count, bool ke
   if (keepsListing) body.open_flags |= FOPEN_KEEP_CACHE;
   std::memcpy(parts[1].iov_base, &body, sizeof(body));
   return body.fh;
+}
+
+bool offersPrivileges(const void* message, size_t size) {
+  // An old kernel sends a shorter message, and knows nothing of this either.
+  fuse_init_in body{};
+  return RequestContext::current().opcode == FUSE_INIT && readBody(message, size, &body) &&
+         (body.flags & FUSE_HANDLE_KILLPRIV_V2) != 0;
+}
+
+void acceptPrivileges(const iovec* parts, int count) {
+  fuse_out_header head{};
+  constexpr size_t kFlags = offsetof(fuse_init_out, flags);
+  uint32_t flags = 0;
+  if (count < 2 || parts[0].iov_len < sizeof(head) || parts[1].iov_len < kFlags + sizeof(flags)) return;
+  std::memcpy(&head, parts[0].iov_base, sizeof(head));
+  if (head.error != 0) return;
+  char* place = static_cast<char*>(parts[1].iov_base) + kFlags;
+  std::memcpy(&flags, place, sizeof(flags));
+  flags |= FUSE_HANDLE_KILLPRIV_V2;
+  std::memcpy(place, &flags, sizeof(flags));
+}
+
+bool takesPrivileges(const void* message, size_t size) {
+  switch (RequestContext::current().opcode) {
+    case FUSE_WRITE: {
+      fuse_write_in body{};
+      return readBody(message, size, &body) && (body.write_flags & FUSE_WRITE_KILL_SUIDGID) != 0;
+    }
+    case FUSE_SETATTR: {
+      fuse_setattr_in body{};
+      return readBody(message, size, &body) && (body.valid & FATTR_KILL_SUIDGID) != 0;
+    }
+    case FUSE_OPEN: {
+      fuse_open_in body{};
+      return readBody(message, size, &body) && (body.open_flags & FUSE_OPEN_KILL_SUIDGID) != 0;
+    }
+    default:
+      return false;
+  }
 }
 
 std::optional<uint64_t> handleOfFolderRelease(const void* message, size_t size) {

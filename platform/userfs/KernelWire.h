@@ -28,6 +28,19 @@ uint64_t nodeIDOfCreationReply(const iovec* parts, int count);
 // for a failure.
 std::optional<uint64_t> allowListingCache(const iovec* parts, int count, bool keepsListing);
 
+// The kernel asks for the attribute "security.capability" before each write to find out whether the write has
+// to take privileges (set-user-id, set-group-id, capabilities) from the file, unless the volume says that it
+// does that itself: then it tells with the request when it has to be done. The library in use does not know
+// of that.
+//
+// Whether the kernel, in its first message, offers to leave it to the volume.
+bool offersPrivileges(const void* message, size_t size);
+// Accepts it, in the reply to that message.
+void acceptPrivileges(const iovec* parts, int count);
+// Whether the file of this request (a write, a change of attributes, an open that truncates) has to lose
+// them.
+bool takesPrivileges(const void* message, size_t size);
+
 // The handle that a request releases, when it is the release of a folder.
 std::optional<uint64_t> handleOfFolderRelease(const void* message, size_t size);
 // Such a request.

@@ -55,7 +55,8 @@ void* initialize(fuse_conn_info* connection, fuse_config* config) {
   want(connection, FUSE_CAP_AUTO_INVAL_DATA, false);
   want(connection, FUSE_CAP_EXPIRE_ONLY, true);
   // The bytes are needed in memory in both directions, so pipes would only be a detour. A write-back cache
-  // would hold bytes that a close has to have stored. Nobody clears set-user-id bits on a server.
+  // would hold bytes that a close has to have stored. Of the two ways to take set-user-id bits from a file
+  // that is written, the older one would leave it to the server; the newer one is taken below the library.
   want(connection,
        FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE | FUSE_CAP_WRITEBACK_CACHE |
            FUSE_CAP_HANDLE_KILLPRIV | FUSE_CAP_POSIX_ACL,

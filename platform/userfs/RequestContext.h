@@ -18,6 +18,9 @@ struct RequestContext {
   // A folder just opened: whether the kernel may answer from the listing that it has.
   std::optional<bool> keepsListing;
 
+  bool offersPrivileges = false;  // see KernelWire.h
+  bool takesPrivileges = false;
+
   static RequestContext& current();
   bool isLookup() const;
 };

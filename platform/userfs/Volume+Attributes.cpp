@@ -99,6 +99,7 @@ int Volume::attributes(const char* path, uint64_t handle, struct stat* attribute
 // nobody has open, that would fetch the whole content first.
 int Volume::changeItem(const std::string& path, const std::shared_ptr<OpenItem>& item,
                        const NSFileAttributes& attributes) {
+  if (item != nullptr && attributes.posixPermissions) item->setMayHavePrivileges(true);
   const auto present = attributesAtPath(path);
   const auto type = present ? present->fileType : std::nullopt;
   // A link's own mode and dates are kept nowhere; programs that copy trees set them all the same.
@@ -132,6 +133,22 @@ int Volume::storeDate(const OpenItem& item, NSDate date) {
   attributes.modificationDate = date;
   NSErrorRef error;
   return durability->changeAttributesWithoutContent(attributes, *path, &error) ? 0 : failure(error);
+}
+
+int Volume::takePrivileges(const std::string& path, const std::shared_ptr<OpenItem>& item) {
+  if (!RequestContext::current().takesPrivileges || (item != nullptr && !item->mayHavePrivileges())) return 0;
+  const auto present = attributesAtPath(path);
+  const mode_t mode = present ? present->posixPermissions.value_or(0) : 0;
+  // Without execution for the group the second bit is no privilege but asks for mandatory locks.
+  const bool isForGroup = (mode & S_ISGID) != 0 && (mode & S_IXGRP) != 0;
+  const mode_t taken = (mode & S_ISUID) | (isForGroup ? S_ISGID : 0);
+  if (taken != 0) {
+    NSFileAttributes attributes;
+    attributes.posixPermissions = static_cast<uint16_t>(mode & ~taken & kPermissionBits);
+    if (const int result = changeItem(path, item, attributes); result != 0) return result;
+  }
+  if (item != nullptr) item->setMayHavePrivileges(false);
+  return 0;
 }
 
 int Volume::change(const char* path, uint64_t handle, const NSFileAttributes& attributes) {
@@ -170,7 +187,10 @@ int Volume::changeOwner(const char* path, uint64_t handle, uid_t user, gid_t gro
   if (const int result = attributes(path, handle, &present); result != 0) return result;
   const bool keepsUser = user == static_cast<uid_t>(-1) || user == present.st_uid;
   const bool keepsGroup = group == static_cast<gid_t>(-1) || group == present.st_gid;
-  return keepsUser && keepsGroup ? 0 : -EPERM;
+  if (!keepsUser || !keepsGroup) return -EPERM;
+  const auto open = iHandles.handle(handle);
+  const auto named = open != nullptr ? open->item->path() : std::optional<std::string>(listedPath(path));
+  return named && S_ISREG(present.st_mode) ? takePrivileges(*named, iHandles.itemAtPath(*named)) : 0;
 }
 
 int Volume::volumeAttributes(const char* path, struct statvfs* attributes) {

@@ -72,6 +72,9 @@ int Volume::write(uint64_t identifier, const char* buffer, size_t size, off_t of
   size_t done = 0;
   NSErrorRef error;
   const HandleChange change(*handle);
+  if (const auto path = item.path()) {
+    if (const int result = takePrivileges(*path, handle->item); result != 0) return result;
+  }
   while (done < size) {
     const int64_t at = offset + static_cast<int64_t>(done);
     const auto path = item.path();
@@ -116,6 +119,7 @@ int Volume::truncate(const char* path, uint64_t identifier, off_t size) {
     if (path == nullptr) return -EBADF;
     const std::string listed = listedPath(path);
     const auto item = iHandles.itemAtPath(listed);
+    if (const int result = takePrivileges(listed, item); result != 0) return result;
     if (item == nullptr) return truncateClosed(listed, size);
     // No close need follow: those who have it open may only read. And where the file had that size before,
     // only this tells whether the server has it still.
@@ -125,8 +129,10 @@ int Volume::truncate(const char* path, uint64_t identifier, off_t size) {
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
   const HandleChange change(*handle);
-  if (const auto current = handle->item->path())
+  if (const auto current = handle->item->path()) {
+    if (const int result = takePrivileges(*current, handle->item); result != 0) return result;
     return truncateFile(*current, handle->item->userData(), size);
+  }
   GMUserFileSystemDurability* durability = this->durability();
   NSErrorRef error;
   if (durability == nullptr || !durability->truncateAbandonedFile(handle->item->userData(), size, &error)) {

@@ -70,6 +70,7 @@ int Volume::open(const char* path, int flags, pid_t process, uint64_t* handle, b
   const std::string listed = listedPath(path);
   GMUserData userData;
   {
+    if (const int result = takePrivileges(listed, iHandles.itemAtPath(listed)); result != 0) return result;
     const OpenGate::Pass turn(iOpenGate, listed);
     if (const int result = openFile(listed, flags, &userData); result != 0) return result;
   }

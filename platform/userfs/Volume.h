@@ -129,6 +129,9 @@ class Volume : public std::enable_shared_from_this<Volume> {
   int synchronizeItem(const OpenItem& item);
   int synchronizeHandle(OpenHandle& handle);
   int storeDate(const OpenItem& item, NSDate date);
+  // Takes the set-user-id and set-group-id bits of a file away when the request that is answered asks for it.
+  // `item` may be null.
+  int takePrivileges(const std::string& path, const std::shared_ptr<OpenItem>& item);
   void close(const std::shared_ptr<OpenHandle>& handle);
   void releaseLater(std::shared_ptr<OpenHandle> handle);
 

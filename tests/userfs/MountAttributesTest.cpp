@@ -1,7 +1,10 @@
 // Attributes and extended attributes through a mount.
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -247,6 +250,96 @@ TEST_F(MountAttributesTest, WithoutTheOptionThereAreNoExtendedAttributes) {
   mount({});
   EXPECT_EQ(setValue(at("/a"), "user.x", "1"), EOPNOTSUPP);
   EXPECT_EQ(valueOf(at("/a"), "user.x"), "errno " + std::to_string(EOPNOTSUPP));
+}
+
+// Every process but those with CAP_FSETID takes these bits away by changing a file: runs `body` as one of
+// them.
+template <typename Body>
+int asOrdinaryProcess(Body body) {
+  const pid_t child = fork();
+  if (child == 0) {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct data[2]{};
+    if (syscall(SYS_capget, &header, data) != 0) _exit(120);
+    data[0].effective &= ~(1u << CAP_FSETID);
+    if (syscall(SYS_capset, &header, data) != 0) _exit(121);
+    _exit(body());
+  }
+  int status = 0;
+  return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST_F(MountAttributesTest, WritesOfOneFileDoNotAskForItsCapabilitiesEachTime) {
+  iFiles.addFile("/a", "");
+  mount();
+  File file(at("/a"), O_WRONLY);
+  for (int i = 0; i < 50; ++i) ASSERT_EQ(write(file.get(), "x", 1), 1);
+  EXPECT_EQ(iFiles.countOf("write /a"), 50u);
+  EXPECT_LT(iFiles.countOf("getxattr /a"), 10u);
+}
+
+TEST_F(MountAttributesTest, AWriteTakesTheSetUserIDBitAway) {
+  iFiles.addFile("/a", "content", 06755);
+  mount();
+  const std::string path = at("/a");
+  EXPECT_EQ(asOrdinaryProcess([&] {
+              const int file = open(path.c_str(), O_WRONLY);
+              return write(file, "x", 1) == 1 && write(file, "y", 1) == 1 && close(file) == 0 ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(iFiles.itemAt("/a")->permissions, 0755);
+  EXPECT_EQ(iFiles.contentOf("/a"), "xyntent");
+}
+
+TEST_F(MountAttributesTest, ATruncationTakesTheSetUserIDBitAway) {
+  iFiles.addFile("/a", "content", 04755);
+  iFiles.addFile("/b", "content", 04755);
+  mount();
+  const std::string path = at("/a");
+  const std::string opened = at("/b");
+  EXPECT_EQ(asOrdinaryProcess([&] { return truncate(path.c_str(), 3) == 0 ? 0 : 1; }), 0);
+  EXPECT_EQ(iFiles.itemAt("/a")->permissions, 0755);
+  EXPECT_EQ(asOrdinaryProcess([&] {
+              const int file = open(opened.c_str(), O_WRONLY | O_TRUNC);
+              return file >= 0 && close(file) == 0 ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(iFiles.itemAt("/b")->permissions, 0755);
+}
+
+TEST_F(MountAttributesTest, ASetGroupIDBitWithoutExecutionStays) {
+  iFiles.addFile("/a", "content", 02644);
+  mount();
+  const std::string path = at("/a");
+  EXPECT_EQ(asOrdinaryProcess([&] {
+              const int file = open(path.c_str(), O_WRONLY);
+              return write(file, "x", 1) == 1 && close(file) == 0 ? 0 : 1;
+            }),
+            0);
+  EXPECT_EQ(iFiles.itemAt("/a")->permissions, 02644);
+}
+
+TEST_F(MountAttributesTest, ABitSetWhileTheFileIsOpenIsTakenByTheNextWrite) {
+  iFiles.addFile("/a", "content", 0755);
+  mount();
+  const std::string path = at("/a");
+  EXPECT_EQ(asOrdinaryProcess([&] {
+              const int file = open(path.c_str(), O_WRONLY);
+              if (write(file, "x", 1) != 1 || fchmod(file, 04755) != 0) return 1;
+              return write(file, "y", 1) == 1 && close(file) == 0 ? 0 : 2;
+            }),
+            0);
+  EXPECT_EQ(iFiles.itemAt("/a")->permissions, 0755);
+}
+
+TEST_F(MountAttributesTest, ARefusedChangeOfTheModeStopsTheWrite) {
+  iFiles.addFile("/a", "content", 04755);
+  mount();
+  const std::string path = at("/a");
+  File file(path, O_WRONLY);
+  iFiles.failWith("setAttributes", kEIO);
+  EXPECT_EQ(asOrdinaryProcess([&] { return write(file.get(), "x", 1) == 1 ? 0 : errno; }), EIO);
+  EXPECT_EQ(iFiles.contentOf("/a"), "content");
 }
 
 }  // namespace
