@@ -27,6 +27,7 @@ class ChallengeReader {
   explicit ChallengeReader(std::string_view text) : iText(text) {}
 
   bool atEnd() const { return iText.empty(); }
+  bool atValue() const { return !iText.empty() && iText.front() != '=' && iText.front() != ','; }
   void skipBlanks() {
     while (!iText.empty() && (iText.front() == ' ' || iText.front() == '\t')) iText.remove_prefix(1);
   }
@@ -171,7 +172,7 @@ std::vector<HTTPChallenge> parseHTTPChallenges(std::string_view value) {
       challenges.push_back({std::move(name), {}});
       reader.skipBlanks();
       ChallengeReader ahead = reader;
-      const bool hasParameters = !ahead.token().empty() && ahead.takeEquals() && !ahead.atEnd();
+      const bool hasParameters = !ahead.token().empty() && ahead.takeEquals() && ahead.atValue();
       if (!hasParameters) reader.skipBareWord();
     } else {
       std::optional<std::string> text = reader.value();

@@ -25,8 +25,9 @@ QuarnKitErrorCode codeOfCurl(CURLcode code, bool wasSent) {
     case CURLE_URL_MALFORMAT:
     case CURLE_BAD_CONTENT_ENCODING:
     case CURLE_WRITE_ERROR:
-      return kQuarnKitProtocolError;
+    // libcurl's own bound for a line of the head.
     case CURLE_OUT_OF_MEMORY:
+      return kQuarnKitProtocolError;
     case CURLE_FAILED_INIT:
       return kQuarnKitRefused;
     default:

@@ -119,7 +119,8 @@ bool HTTPExchange::run() {
     curl_multi_poll(multi, nullptr, 0, static_cast<int>(longestWait().count()), nullptr);
   }
   if (result) iResult = *result;
-  if (result && (*result == CURLE_OK || iEndsEarly)) flushPieces();
+  // Also before a lost connection: what has arrived need not come again.
+  if (result) flushPieces();
   curl_multi_remove_handle(multi, iSurroundings.easy);
   return result && (*result == CURLE_OK || iEndsEarly) && iFailure == nullptr;
 }
