@@ -1,4 +1,4 @@
-#include "remote/sftp/WakeUp.h"
+#include "remote/net/WakeUp.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "remote/sftp/TCPConnector.h"
+#include "remote/net/TCPConnector.h"
 
 #include <netdb.h>
 #include <netinet/in.h>

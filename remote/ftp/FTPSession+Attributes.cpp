@@ -1,0 +1,210 @@
+// Single items.
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "remote/RemotePaths.h"
+#include "remote/ftp/FTPPaths.h"
+#include "remote/ftp/FTPReplyItems.h"
+#include "remote/ftp/FTPSession.h"
+
+namespace ombra {
+
+namespace {
+
+bool isMissingError(const NSErrorRef& error) { return QuarnKitError::isCode(error, kQuarnKitNoSuchItem); }
+
+}  // namespace
+
+LinkResolution FTPSession::resolutionOfReplies(const std::string& path, const FTPReply* replies) {
+  LinkResolution resolution;
+  resolution.resolved = true;
+  resolution.resolvedPath = path;
+  resolution.isDirectory = replies[2].isPositive();
+  const auto size = sizeOfReply(replies[0]);
+  resolution.exists = resolution.isDirectory || size.has_value();
+  if (!resolution.exists) return resolution;
+  NSFileAttributes attributes;
+  if (!resolution.isDirectory) attributes.fileSize = size;
+  attributes.modificationDate = dateOfReply(replies[1]);
+  resolution.attributes = attributes;
+  return resolution;
+}
+
+std::optional<std::string> FTPSession::realPath(std::string_view path, std::string_view base,
+                                                bool* isDirectory, NSErrorRef* error) {
+  const std::string whole = path.starts_with('~') ? std::string(path) : absoluteRemotePath(path, base);
+  if (!isUsablePath(whole, error)) return std::nullopt;
+  std::vector<FTPReply> replies;
+  if (!askAll({"CWD " + whole, "PWD"}, &replies, error)) return std::nullopt;
+  if (replies[0].isPositive()) {
+    *isDirectory = true;
+    const auto landed = replies[1].isPositive() ? quotedFTPPath(replies[1].text()) : std::nullopt;
+    return ftpNormalPath(landed.value_or(whole));
+  }
+  const NSErrorRef refusal = errorForFTPReply(replies[0], FTPOperation::kOther, whole);
+  NSErrorRef reason;
+  if (!whole.starts_with('~') && attributes(whole, isDirectory, &reason)) {
+    if (!*isDirectory) return ftpNormalPath(whole);
+    reason = refusal;  // a folder that may not be entered
+  }
+  storeError(error, isMissingError(reason) || iControl.failure() ? reason : refusal);
+  return std::nullopt;
+}
+
+std::optional<NSFileAttributes> FTPSession::fileSystemAttributes(std::string_view, NSErrorRef* error) {
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "the size of the volume"));
+  return std::nullopt;
+}
+
+std::optional<NSFileAttributes> FTPSession::attributes(std::string_view path, bool* isDirectory,
+                                                       NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return std::nullopt;
+  return features().mlst ? attributesByFacts(path, isDirectory, error)
+                         : attributesByAsking(path, isDirectory, error);
+}
+
+std::optional<NSFileAttributes> FTPSession::attributesByFacts(std::string_view path, bool* isDirectory,
+                                                              NSErrorRef* error) {
+  const auto reply = iControl.ask("MLST " + std::string(path), error);
+  if (!reply) return std::nullopt;
+  if (!reply->isPositive()) {
+    if (reply->isUnknownCommand()) return attributesByAsking(path, isDirectory, error);
+    const NSErrorRef refusal = errorForFTPReply(*reply, FTPOperation::kOther, path);
+    storeError(error, explain(refusal, FTPOperation::kOther, path));
+    return std::nullopt;
+  }
+  const auto item = itemOfMLST(*reply);
+  // Links are followed here; MLST may have told of the link itself.
+  if (!item || item->entry.type == kNodeTypeAlias) return attributesByAsking(path, isDirectory, error);
+  *isDirectory = item->entry.type == kNodeTypeFolder;
+  return item->entry.attributes;
+}
+
+std::optional<NSFileAttributes> FTPSession::attributesByAsking(std::string_view path, bool* isDirectory,
+                                                               NSErrorRef* error) {
+  const std::string whole(path);
+  std::vector<FTPReply> replies;
+  if (!askAll({"SIZE " + whole, "MDTM " + whole, "CWD " + whole}, &replies, error)) return std::nullopt;
+  const LinkResolution found = resolutionOfReplies(whole, replies.data());
+  if (found.exists) {
+    *isDirectory = found.isDirectory;
+    return found.attributes;
+  }
+  // A folder that may not be entered, or a server that does not know the commands.
+  NSErrorRef reason;
+  const auto item = lookInParent(path, &reason);
+  if (item && item->entry.type != kNodeTypeAlias) {
+    *isDirectory = item->entry.type == kNodeTypeFolder;
+    return item->entry.attributes;
+  }
+  if (iControl.failure() == nullptr || reason == nullptr) {
+    reason = ftpError(kQuarnKitNoSuchItem, path, replies[2]);
+  }
+  storeError(error, std::move(reason));
+  return std::nullopt;
+}
+
+std::optional<FTPItem> FTPSession::lookInParent(std::string_view path, NSErrorRef* error) {
+  const std::string normal = ftpNormalPath(path);
+  std::vector<FTPItem> items;
+  if (normal == "/") {
+    FTPItem root;
+    root.entry.type = kNodeTypeFolder;
+    return root;
+  }
+  if (!listItems(ftpParentPath(normal), &items, error)) return std::nullopt;
+  const std::string_view name = ftpName(normal);
+  const auto found = std::find_if(items.begin(), items.end(),
+                                  [name](const FTPItem& item) { return item.entry.name == name; });
+  return found != items.end() ? std::optional(std::move(*found)) : std::nullopt;
+}
+
+std::optional<FTPItem> FTPSession::lookAt(std::string_view path, NSErrorRef* error) {
+  if (features().mlst) {
+    const auto reply = iControl.ask("MLST " + std::string(path), error);
+    if (!reply) return std::nullopt;
+    if (reply->isPositive()) {
+      if (auto item = itemOfMLST(*reply)) return item;
+    } else if (!reply->isUnknownCommand()) {
+      return std::nullopt;
+    }
+  }
+  NSErrorRef reason;
+  auto item = lookInParent(path, &reason);
+  if (iControl.failure() != nullptr) storeError(error, iControl.failure());
+  return item;
+}
+
+std::optional<LinkResolution> FTPSession::resolveLink(std::string_view path, NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return std::nullopt;
+  std::string at = ftpNormalPath(path);
+  std::set<std::string> passed;
+  while (passed.insert(at).second) {
+    NSErrorRef reason;
+    const auto item = lookAt(at, &reason);
+    if (reason != nullptr) {
+      storeError(error, std::move(reason));
+      return std::nullopt;
+    }
+    if (!item) return LinkResolution{true, at, false, false, true, std::nullopt};
+    if (item->entry.type != kNodeTypeAlias) {
+      return LinkResolution{true, at,   item->entry.type == kNodeTypeFolder,
+                            true, true, item->entry.attributes};
+    }
+    if (!item->entry.targetPath) {
+      std::vector<FTPReply> replies;
+      if (!askAll({"SIZE " + at, "MDTM " + at, "CWD " + at}, &replies, error)) return std::nullopt;
+      return resolutionOfReplies(at, replies.data());
+    }
+    at = ftpNormalPath(absoluteRemotePath(*item->entry.targetPath, ftpParentPath(at)));
+    if (!isUsablePath(at, error)) return std::nullopt;
+  }
+  return LinkResolution{};
+}
+
+bool FTPSession::isMissing(std::string_view path) {
+  bool isDirectory = false;
+  NSErrorRef reason;
+  return !attributesByAsking(path, &isDirectory, &reason) && isMissingError(reason);
+}
+
+QuarnKitErrorCode FTPSession::findOutCode(FTPOperation operation, std::string_view path,
+                                          std::string_view otherPath) {
+  bool isDirectory = false;
+  NSErrorRef reason;
+  const bool exists = attributesByAsking(path, &isDirectory, &reason).has_value();
+  const bool isGone = !exists && isMissingError(reason);
+  switch (operation) {
+    case FTPOperation::kList:
+      if (exists) return isDirectory ? kQuarnKitListingNotPermitted : kQuarnKitNotAFolder;
+      return isGone ? kQuarnKitNoSuchItem : kQuarnKitRefused;
+    case FTPOperation::kMakeFolder:
+    case FTPOperation::kStore:
+      if (exists && operation == FTPOperation::kMakeFolder) return kQuarnKitItemExists;
+      return isGone && isMissing(ftpParentPath(path)) ? kQuarnKitNoSuchItem : kQuarnKitRefused;
+    case FTPOperation::kRemove: {
+      std::vector<FTPItem> items;
+      if (!exists || !isDirectory || !listItems(path, &items, nullptr)) break;
+      const bool holdsSomething = std::any_of(
+          items.begin(), items.end(), [](const FTPItem& item) { return item.kind != FTPItem::Kind::kSelf; });
+      return holdsSomething ? kQuarnKitFolderNotEmpty : kQuarnKitRefused;
+    }
+    case FTPOperation::kRename:
+      if (exists && !otherPath.empty() && isMissing(ftpParentPath(otherPath))) return kQuarnKitNoSuchItem;
+      break;
+    default:
+      break;
+  }
+  return isGone ? kQuarnKitNoSuchItem : kQuarnKitRefused;
+}
+
+NSErrorRef FTPSession::explain(NSErrorRef refused, FTPOperation operation, std::string_view path,
+                               std::string_view otherPath) {
+  if (iControl.failure() != nullptr || !QuarnKitError::isCode(refused, kQuarnKitRefused)) return refused;
+  const QuarnKitErrorCode code = findOutCode(operation, path, otherPath);
+  if (code == kQuarnKitRefused) return refused;
+  return QuarnKitError::errorWithCode(code, path, std::move(refused));
+}
+
+}  // namespace ombra

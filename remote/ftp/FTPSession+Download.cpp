@@ -1,0 +1,112 @@
+// Downloads.
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include "remote/ftp/FTPReplyItems.h"
+#include "remote/ftp/FTPSession.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr size_t kDownloadPiece = 256 * 1024;
+
+// "size:date" of what MLST said; each part empty where it is not known.
+std::string identityText(std::optional<uint64_t> size, std::optional<NSDate> date) {
+  std::string text = size ? fmt::format("{}:", *size) : ":";
+  if (date) text += fmt::format("{}", date->nanosecondsSince1970());
+  return text;
+}
+
+}  // namespace
+
+std::vector<std::string> FTPSession::questionsAbout(std::string_view path) const {
+  const std::string whole(path);
+  const FTPFeatures present = features();
+  if (present.mlst) return {"MLST " + whole};
+  return {"SIZE " + whole, "MDTM " + whole};
+}
+
+// What tells this state of the file from another; absent where the server says nothing of it.
+std::optional<std::string> FTPSession::identity(const std::vector<FTPReply>& replies,
+                                                std::optional<uint64_t>* size) {
+  std::optional<NSDate> date;
+  size->reset();
+  if (replies.size() == 1) {
+    const auto item = itemOfMLST(replies[0]);
+    if (!item || item->entry.type != kNodeTypeFile) return std::nullopt;
+    *size = item->entry.attributes.fileSize;
+    date = item->entry.attributes.modificationDate;
+  } else if (replies.size() == 2) {
+    *size = sizeOfReply(replies[0]);
+    date = dateOfReply(replies[1]);
+  }
+  if (!*size && !date) return std::nullopt;
+  return identityText(*size, date);
+}
+
+bool FTPSession::download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
+                          TransferControl& control, NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return false;
+  Request request;
+  request.restart = offset;
+  request.command = "RETR " + std::string(path);
+  request.operation = FTPOperation::kRead;
+  request.path = path;
+  request.control = &control;
+  std::optional<uint64_t> size;
+  std::vector<FTPReply> told;
+  if (offset > 0) {
+    // Before anything is added to what was there: it must still be the same file, and have more to give.
+    if (!askAll(questionsAbout(path), &told, error)) return false;
+    const auto present = identity(told, &size);
+    const bool isOther = version != nullptr && !version->empty() && present && *present != *version;
+    if (isOther || (size && *size < offset)) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, path));
+      return false;
+    }
+    if (version != nullptr && present) *version = *present;
+    if (size == offset) return true;
+  } else {
+    request.before = questionsAbout(path);
+  }
+  NSErrorRef reason;
+  auto begun = begin(request, &reason);
+  if (begun && offset == 0) {
+    const auto present = identity(begun->before, &size);
+    if (version != nullptr) *version = present.value_or("");
+  }
+  if (begun && receiveFile(*begun->transfer, to, offset, size, control, &reason)) return true;
+  begun.reset();
+  storeError(error, explain(std::move(reason), FTPOperation::kRead, path));
+  return false;
+}
+
+bool FTPSession::receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t offset,
+                             std::optional<uint64_t> size, TransferControl& control, NSErrorRef* error) {
+  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kDownloadPiece);
+  uint64_t reached = offset;
+  while (true) {
+    size_t count = 0;
+    if (!transfer.receive(buffer.get(), kDownloadPiece, &count, error)) return false;
+    if (count == 0) break;
+    if (!to.writeAll(buffer.get(), count, reached)) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitLocalFailure, {},
+                                                     NSError::errorWithDomain(NSPOSIXErrorDomain, errno)));
+      return false;
+    }
+    reached += count;
+    control.progress(reached);
+  }
+  if (!transfer.finish(error)) return false;
+  // Under TLS an end that the server did not tell may be somebody else's work; the length says whether.
+  if (transfer.endIsCertain() || !size || reached >= *size) return true;
+  iControl.fail(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the data were cut short"));
+  storeError(error, iControl.failure());
+  return false;
+}
+
+}  // namespace ombra

@@ -1,0 +1,324 @@
+// Uploads of whole files, and streams.
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <memory>
+#include <utility>
+
+#include "remote/ftp/FTPPaths.h"
+#include "remote/ftp/FTPReplyItems.h"
+#include "remote/ftp/FTPSession.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr size_t kUploadPiece = 256 * 1024;
+
+// What is sent counts as confirmed while it is on its way, so that what is written meanwhile counts as new;
+// it is given back unless it was stored.
+class ConfirmedUpload {
+ public:
+  ConfirmedUpload(NSFileHandle& file, uint64_t length)
+      : iFile(file), iUnconfirmed(file.isScratch() ? file.unconfirmedExtents(0) : std::vector<FileExtent>()) {
+    file.noteConfirmed({0, length});
+  }
+  ~ConfirmedUpload() {
+    if (iIsStored) return;
+    for (const FileExtent& extent : iUnconfirmed) iFile.noteWritten(extent);
+  }
+  ConfirmedUpload(const ConfirmedUpload&) = delete;
+  ConfirmedUpload& operator=(const ConfirmedUpload&) = delete;
+  void stored() { iIsStored = true; }
+
+ private:
+  NSFileHandle& iFile;
+  const std::vector<FileExtent> iUnconfirmed;
+  bool iIsStored = false;
+};
+
+// A refusal of the name, not of the moment or of the amount.
+bool refusesName(const NSErrorRef& error) {
+  for (const QuarnKitErrorCode code :
+       {kQuarnKitConnectionLost, kQuarnKitTimedOut, kQuarnKitCancelled, kQuarnKitOutOfSpace,
+        kQuarnKitLocalFailure, kQuarnKitReadOnly, kQuarnKitProtocolError}) {
+    if (QuarnKitError::isCode(error, code)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+// What has the name that a file is to get.
+struct FTPSession::Existing {
+  enum class Kind { kUnknown, kMissing, kFile, kOther } kind = Kind::kUnknown;
+  std::optional<uint16_t> mode{};
+  bool mayBeWritten = true;
+  bool hasOtherNames = false;
+};
+
+bool FTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
+                        NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return false;
+  if (offset > 0) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, path));
+    return false;
+  }
+  const uint64_t length = from.fileLength();
+  ConfirmedUpload confirmed(from, length);
+  NSErrorRef reason;
+  Stored stored = Stored::kInPlace;
+  // Of an empty file nothing can get lost on its way.
+  if (length > 0 && mayStoreBeside()) {
+    stored = storeBeside(from, length, path, control, &reason);
+  }
+  if (stored == Stored::kInPlace) {
+    reason = nullptr;
+    stored = storeInPlace(from, length, path, control, &reason) ? Stored::kYes : Stored::kNo;
+  }
+  if (stored == Stored::kYes) {
+    confirmed.stored();
+    return true;
+  }
+  storeError(error, explain(std::move(reason), FTPOperation::kStore, path));
+  return false;
+}
+
+bool FTPSession::sendFile(FTPTransfer& transfer, const NSFileHandle& from, uint64_t length,
+                          TransferControl& control, NSErrorRef* error) {
+  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(
+      static_cast<size_t>(std::min<uint64_t>(std::max<uint64_t>(length, 1), kUploadPiece)));
+  uint64_t at = 0;
+  while (at < length) {
+    const auto wanted = static_cast<size_t>(std::min<uint64_t>(length - at, kUploadPiece));
+    const ssize_t count = from.readAt(buffer.get(), wanted, at);
+    if (count < 0) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitLocalFailure, {},
+                                                     NSError::errorWithDomain(NSPOSIXErrorDomain, errno)));
+      return false;
+    }
+    // Cut off while it was read: it ends where it ends.
+    if (count == 0) break;
+    if (!transfer.send(buffer.get(), static_cast<size_t>(count), error)) return false;
+    at += static_cast<uint64_t>(count);
+    control.progress(at);
+  }
+  return transfer.finish(error);
+}
+
+bool FTPSession::storeInPlace(const NSFileHandle& from, uint64_t length, std::string_view path,
+                              TransferControl& control, NSErrorRef* error) {
+  Request request;
+  request.command = "STOR " + std::string(path);
+  request.operation = FTPOperation::kStore;
+  request.path = path;
+  request.control = &control;
+  auto begun = begin(request, error);
+  return begun && sendFile(*begun->transfer, from, length, control, error);
+}
+
+std::vector<std::string> FTPSession::questionsAboutExisting(std::string_view path) const {
+  if (features().mlst) return {"MLST " + std::string(path)};
+  if (iServer->stats() != FTPServer::Answer::kNo) return {"STAT " + std::string(path)};
+  return {};
+}
+
+FTPSession::Existing FTPSession::readExisting(std::string_view path, const std::vector<FTPReply>& replies) {
+  Existing result;
+  if (replies.empty()) return result;
+  const FTPReply& reply = replies.front();
+  std::optional<FTPItem> item;
+  if (features().mlst) {
+    if (reply.isUnknownCommand()) return result;
+    item = itemOfMLST(reply);
+  } else {
+    if (reply.isUnknownCommand()) iServer->setStats(FTPServer::Answer::kNo);
+    item = itemOfSTAT(reply, path, NSDate::date());
+    // A file that is not there and a command that tells nothing look alike.
+    if (!item) return result;
+    iServer->setStats(FTPServer::Answer::kYes);
+  }
+  result.kind = Existing::Kind::kMissing;
+  if (!item) return result;
+  const bool isFile = item->entry.type == kNodeTypeFile && item->kind == FTPItem::Kind::kItem;
+  result.kind = isFile ? Existing::Kind::kFile : Existing::Kind::kOther;
+  result.mode = item->entry.attributes.posixPermissions;
+  result.hasOtherNames = item->links > 1;
+  const bool isLocked = result.mode && (*result.mode & 0222) == 0;
+  const bool isRefused = item->tellsPermissions && item->permissions.find('w') == std::string::npos;
+  result.mayBeWritten = !isLocked && !isRefused;
+  return result;
+}
+
+bool FTPSession::mayStoreBeside() const {
+  if (iServer->usesTemporaries() == FTPServer::Answer::kNo) return false;
+  // Where nothing tells whether there is a file to be replaced, that must be possible.
+  const bool isToldOfFiles = features().mlst || iServer->stats() != FTPServer::Answer::kNo;
+  return isToldOfFiles || iServer->renamesOver() != FTPServer::Answer::kNo;
+}
+
+// Replacing these would change more than their content, or is known not to work.
+bool FTPSession::mustGoInPlace(const Existing& existing) const {
+  if (existing.kind == Existing::Kind::kMissing) return false;
+  if (existing.kind == Existing::Kind::kOther || !existing.mayBeWritten || existing.hasOtherNames)
+    return true;
+  if (iServer->renamesOver() == FTPServer::Answer::kNo) return true;
+  const auto fresh = iServer->modeOfNewFiles();
+  return existing.mode && iServer->changesModes() == FTPServer::Answer::kNo && fresh &&
+         *fresh != *existing.mode;
+}
+
+FTPSession::Stored FTPSession::storeBeside(const NSFileHandle& from, uint64_t length, std::string_view path,
+                                           TransferControl& control, NSErrorRef* error) {
+  const std::string temporary = temporaryPathBeside(path);
+  Request request;
+  request.before = questionsAboutExisting(path);
+  request.command = "STOR " + temporary;
+  request.operation = FTPOperation::kStore;
+  request.path = path;
+  request.control = &control;
+  auto begun = begin(request, error);
+  if (!begun) {
+    if (iControl.failure() != nullptr) iServer->addLeftover(temporary);
+    return Stored::kNo;
+  }
+  const Existing present = readExisting(path, begun->before);
+  if (mustGoInPlace(present)) {
+    NSErrorRef reason;
+    if (!begun->transfer->connect(&reason)) {
+      const bool mayGoOn = refusesName(reason);
+      if (!mayGoOn) storeError(error, std::move(reason));
+      return mayGoOn ? Stored::kInPlace : Stored::kNo;
+    }
+    begun.reset();
+    dropTemporary(temporary);
+    return Stored::kInPlace;
+  }
+  NSErrorRef reason;
+  if (sendFile(*begun->transfer, from, length, control, &reason)) {
+    begun.reset();
+    return replace(temporary, path, present, error);
+  }
+  const auto& reply = begun->transfer->reply();
+  // Some servers take no names with a dot, or no new names at all in that folder.
+  const bool isName = !begun->transfer->hasStarted() && reply && reply->code >= 500 && refusesName(reason);
+  begun.reset();
+  if (isName && iControl.failure() == nullptr) return Stored::kInPlace;
+  dropTemporary(temporary);
+  storeError(error, std::move(reason));
+  return Stored::kNo;
+}
+
+void FTPSession::dropTemporary(const std::string& temporary) {
+  if (iControl.failure() == nullptr) {
+    iControl.queue("DELE " + temporary);
+    const bool isSent = iControl.flush(nullptr);
+    iControl.abandon();
+    if (isSent) return;
+  }
+  iServer->addLeftover(temporary);
+}
+
+std::optional<uint16_t> FTPSession::modeOfNewFile(const std::string& path) {
+  std::vector<FTPReply> replies;
+  const auto questions = questionsAboutExisting(path);
+  if (questions.empty() || !askAll(questions, &replies, nullptr)) return std::nullopt;
+  const auto mode = readExisting(path, replies).mode;
+  if (mode) iServer->setModeOfNewFiles(*mode);
+  return mode;
+}
+
+// Gives the temporary file the mode of what it replaces. Where the server has shown that it can, the command
+// goes ahead with the rename.
+FTPSession::Stored FTPSession::keepMode(const std::string& temporary, const Existing& existing,
+                                        bool* sendsAhead, NSErrorRef* error) {
+  *sendsAhead = false;
+  if (!existing.mode || existing.mode == iServer->modeOfNewFiles()) return Stored::kYes;
+  const std::string command = fmt::format("SITE CHMOD {:o} {}", *existing.mode, temporary);
+  if (iServer->changesModes() == FTPServer::Answer::kYes) {
+    iControl.queue(command);
+    *sendsAhead = true;
+    return Stored::kYes;
+  }
+  if (iServer->changesModes() == FTPServer::Answer::kUnknown) {
+    const auto reply = iControl.ask(command, error);
+    if (!reply) return Stored::kNo;
+    iServer->setChangesModes(reply->isPositive() ? FTPServer::Answer::kYes : FTPServer::Answer::kNo);
+    if (reply->isPositive()) return Stored::kYes;
+  }
+  if (modeOfNewFile(temporary) == existing.mode) return Stored::kYes;
+  if (iControl.failure() == nullptr) return Stored::kInPlace;
+  storeError(error, iControl.failure());
+  return Stored::kNo;
+}
+
+FTPSession::Stored FTPSession::replace(const std::string& temporary, std::string_view path,
+                                       const Existing& existing, NSErrorRef* error) {
+  bool sendsAhead = false;
+  if (const Stored kept = keepMode(temporary, existing, &sendsAhead, error); kept != Stored::kYes) {
+    dropTemporary(temporary);
+    return kept;
+  }
+  std::vector<FTPReply> replies;
+  if (sendsAhead) {
+    // Its answer comes first and changes nothing.
+    if (!iControl.flush(error) || !readReplies(1, nullptr, &replies, error)) {
+      iServer->addLeftover(temporary);
+      return Stored::kNo;
+    }
+    replies.clear();
+  }
+  if (!askAll({"RNFR " + temporary, "RNTO " + std::string(path)}, &replies, error)) {
+    iServer->addLeftover(temporary);
+    return Stored::kNo;
+  }
+  if (replies.back().isPositive()) {
+    return Stored::kYes;
+  }
+  // It is complete, but cannot take its place. What is known of the server now spares it the next time.
+  if (existing.kind == Existing::Kind::kMissing) {
+    iServer->setUsesTemporaries(FTPServer::Answer::kNo);
+  } else {
+    iServer->setRenamesOver(FTPServer::Answer::kNo);
+  }
+  dropTemporary(temporary);
+  return Stored::kInPlace;
+}
+
+bool FTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
+                        TransferControl& control, NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return false;
+  Request request;
+  request.command = "STOR " + std::string(path);
+  request.operation = FTPOperation::kStore;
+  request.path = path;
+  request.control = &control;
+  NSErrorRef reason;
+  auto begun = begin(request, &reason);
+  if (begun && sendStream(next, *begun->transfer, path, control, &reason)) return true;
+  begun.reset();
+  storeError(error, explain(std::move(reason), FTPOperation::kStore, path));
+  return false;
+}
+
+bool FTPSession::sendStream(const std::function<size_t(std::byte*, size_t)>& next, FTPTransfer& transfer,
+                            std::string_view path, TransferControl& control, NSErrorRef* error) {
+  // Before the first byte is taken from the writer: what was not taken can be sent by another session.
+  if (!transfer.start(error)) return false;
+  const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kUploadPiece);
+  for (uint64_t at = 0;;) {
+    const size_t count = std::min(next(buffer.get(), kUploadPiece), kUploadPiece);
+    transfer.touch();
+    if (control.shouldCancel()) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
+      return false;
+    }
+    if (count == 0) return transfer.finish(error);
+    if (!transfer.send(buffer.get(), count, error)) return false;
+    at += count;
+    control.progress(at);
+  }
+}
+
+}  // namespace ombra

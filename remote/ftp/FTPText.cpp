@@ -1,0 +1,36 @@
+#include "remote/ftp/FTPText.h"
+
+#include <algorithm>
+
+namespace ombra {
+
+namespace {
+char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+bool isBlank(char c) { return c == ' ' || c == '\t'; }
+}  // namespace
+
+bool ftpEqual(std::string_view left, std::string_view right) {
+  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                    [](char a, char b) { return lower(a) == lower(b); });
+}
+
+bool ftpContains(std::string_view text, std::string_view part) {
+  return std::search(text.begin(), text.end(), part.begin(), part.end(),
+                     [](char a, char b) { return lower(a) == b; }) != text.end();
+}
+
+std::string_view ftpTrimmed(std::string_view text) {
+  while (!text.empty() && isBlank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && isBlank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+std::string_view takeFTPWord(std::string_view* text) {
+  while (!text->empty() && isBlank(text->front())) text->remove_prefix(1);
+  const auto end = std::find_if(text->begin(), text->end(), isBlank);
+  const std::string_view word = text->substr(0, static_cast<size_t>(end - text->begin()));
+  text->remove_prefix(word.size());
+  return word;
+}
+
+}  // namespace ombra

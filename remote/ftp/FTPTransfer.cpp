@@ -1,0 +1,286 @@
+#include "remote/ftp/FTPTransfer.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace ombra {
+
+namespace {
+
+using TransferClock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kTransferTick{100};
+// Servers write a large file to its disk, or scan it, before they say that it is there.
+constexpr int kPatienceForLastWord = 10;
+
+// The server's own address: data never go, nor come from, anywhere else.
+int connectToPeer(int control, int port) {
+  sockaddr_storage address{};
+  socklen_t length = sizeof(address);
+  if (getpeername(control, reinterpret_cast<sockaddr*>(&address), &length) != 0) return -1;
+  if (address.ss_family == AF_INET6) {
+    reinterpret_cast<sockaddr_in6*>(&address)->sin6_port = htons(static_cast<uint16_t>(port));
+  } else {
+    reinterpret_cast<sockaddr_in*>(&address)->sin_port = htons(static_cast<uint16_t>(port));
+  }
+  const int socket = ::socket(address.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (socket < 0) return -1;
+  const int one = 1;
+  setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+  if (::connect(socket, reinterpret_cast<sockaddr*>(&address), length) == 0 || errno == EINPROGRESS)
+    return socket;
+  const int number = errno;
+  FTPStream closer(socket);
+  errno = number;
+  return -1;
+}
+
+}  // namespace
+
+FTPTransfer::FTPTransfer(const FTPSurroundings& surroundings, std::string path, FTPOperation operation,
+                         TransferControl* control, bool restarts)
+    : iSurroundings(surroundings),
+      iPath(std::move(path)),
+      iOperation(operation),
+      iControl(control),
+      iRestarts(restarts) {}
+
+FTPTransfer::~FTPTransfer() {
+  if (iState == State::kFinished && (!iRestarts || iHasStarted)) return;
+  FTPControl& control = iSurroundings.control;
+  if (iStream != nullptr && iState != State::kFinished) iStream->breakOff();
+  if (control.failure() != nullptr) return;
+  // A REST whose command was refused waits for the next command that moves a file.
+  if (iRestarts) {
+    control.queue("REST 0");
+    (void)control.flush(nullptr);
+  }
+  control.abandon();
+}
+
+bool FTPTransfer::failControl(QuarnKitErrorCode code, const std::string& why, NSErrorRef* error) {
+  iSurroundings.control.fail(QuarnKitError::errorWithCode(code, why));
+  storeError(error, iSurroundings.control.failure());
+  return false;
+}
+
+bool FTPTransfer::open(int port, NSErrorRef* error) {
+  const int socket = connectToPeer(iSurroundings.control.descriptor(), port);
+  if (socket < 0) {
+    return failControl(kQuarnKitConnectionLost, std::string("no data connection: ") + std::strerror(errno),
+                       error);
+  }
+  iStream = std::make_unique<FTPStream>(socket);
+  return true;
+}
+
+bool FTPTransfer::isCancelled(NSErrorRef* error) const {
+  if (iControl == nullptr || !iControl->shouldCancel()) return false;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, iPath));
+  return true;
+}
+
+TransferClock::time_point FTPTransfer::limit() const {
+  if (iState == State::kConnecting) return iBegin + iSurroundings.environment.connectLimit;
+  return std::max(iLastTraffic, iSurroundings.control.lastTraffic()) + iSurroundings.environment.idleLimit;
+}
+
+bool FTPTransfer::listen(NSErrorRef* error) {
+  FTPControl& control = iSurroundings.control;
+  (void)control.pump();
+  while (!iFinal) {
+    std::optional<FTPReply> reply = control.tryNext();
+    if (!reply) break;
+    iHasStarted = iHasStarted || !reply->isRefusal();
+    if (reply->isPreliminary()) continue;
+    iFinal = std::move(reply);
+  }
+  if (control.failure() != nullptr) {
+    storeError(error, control.failure());
+    return false;
+  }
+  if (!iFinal || !iFinal->isRefusal()) return true;
+  storeError(error, errorForFTPReply(*iFinal, iOperation, iPath));
+  return false;
+}
+
+bool FTPTransfer::wait(short events, NSErrorRef* error) {
+  if (isCancelled(error)) return false;
+  if (iSurroundings.wakeUp.isRaised()) {
+    return failControl(kQuarnKitConnectionLost, "the session was given up", error);
+  }
+  const auto now = TransferClock::now();
+  const auto end = limit();
+  if (now >= end) {
+    const bool isConnecting = iState == State::kConnecting;
+    return failControl(isConnecting ? kQuarnKitConnectionLost : kQuarnKitTimedOut,
+                       isConnecting ? "no data connection came about" : iPath, error);
+  }
+  const auto left = std::min(std::chrono::ceil<std::chrono::milliseconds>(end - now), kTransferTick);
+  pollfd fds[3] = {{iStream->descriptor(), events, 0},
+                   {iSurroundings.wakeUp.descriptor(), POLLIN, 0},
+                   {iFinal ? -1 : iSurroundings.control.descriptor(), POLLIN, 0}};
+  if (poll(fds, 3, static_cast<int>(left.count())) <= 0) return true;
+  return fds[2].revents == 0 || listen(error);
+}
+
+bool FTPTransfer::checkConnect(NSErrorRef* error) {
+  pollfd fd{iStream->descriptor(), POLLOUT, 0};
+  if (poll(&fd, 1, 0) <= 0) return wait(POLLOUT, error);
+  int number = 0;
+  socklen_t length = sizeof(number);
+  getsockopt(iStream->descriptor(), SOL_SOCKET, SO_ERROR, &number, &length);
+  if (number != 0) {
+    return failControl(kQuarnKitConnectionLost, std::string("no data connection: ") + std::strerror(number),
+                       error);
+  }
+  touch();
+  iState = State::kOpen;
+  if (iSurroundings.encryption == nullptr) return true;
+  SSLHandle tls = iSurroundings.encryption->forData(iStream->descriptor());
+  if (tls == nullptr) return failControl(kQuarnKitConnectionLost, "no encryption of the data", error);
+  iStream->encrypt(std::move(tls));
+  iState = State::kHandshake;
+  return true;
+}
+
+bool FTPTransfer::connect(NSErrorRef* error) {
+  while (iState == State::kConnecting) {
+    if (!checkConnect(error)) return false;
+  }
+  return true;
+}
+
+bool FTPTransfer::establish(NSErrorRef* error) {
+  if (!connect(error)) return false;
+  while (iState == State::kHandshake) {
+    switch (iStream->handshake()) {
+      case Outcome::kDone:
+        touch();
+        iState = State::kOpen;
+        break;
+      case Outcome::kWait:
+        if (!wait(iStream->events(), error)) return false;
+        break;
+      default:
+        return explainBreak(error);
+    }
+  }
+  return true;
+}
+
+bool FTPTransfer::start(NSErrorRef* error) {
+  if (!establish(error)) return false;
+  // Nothing of the data connection is waited for: neither side has sent anything.
+  while (!iHasStarted) {
+    if (!wait(0, error)) return false;
+  }
+  return true;
+}
+
+bool FTPTransfer::explainBreak(NSErrorRef* error) {
+  const std::string problem = iStream->problem();
+  iStream->breakOff();
+  // The server notices too, and says what it makes of it.
+  constexpr std::chrono::milliseconds kMoment{3000};
+  while (!iFinal) {
+    const auto reply =
+        iSurroundings.control.next({std::min(kMoment, iSurroundings.environment.idleLimit), iControl}, error);
+    if (!reply) return false;
+    if (!reply->isPreliminary()) iFinal = reply;
+  }
+  iState = State::kFinished;
+  if (iFinal->isRefusal()) {
+    storeError(error, errorForFTPReply(*iFinal, iOperation, iPath));
+  } else {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitConnectionLost, iPath + ": " + problem));
+  }
+  return false;
+}
+
+bool FTPTransfer::receive(void* buffer, size_t capacity, size_t* count, NSErrorRef* error) {
+  *count = 0;
+  if (isCancelled(error) || !establish(error)) return false;
+  auto* bytes = static_cast<std::byte*>(buffer);
+  while (!iEndWasSeen && *count < capacity) {
+    size_t received = 0;
+    switch (iStream->receive(bytes + *count, capacity - *count, &received)) {
+      case Outcome::kDone:
+        *count += received;
+        break;
+      case Outcome::kEnd:
+        iEndWasSeen = true;
+        break;
+      case Outcome::kWait:
+        if (*count > 0) {
+          touch();
+          return true;
+        }
+        if (!wait(iStream->events(), error)) return false;
+        break;
+      case Outcome::kFailed:
+        // What arrived is told first; the next call meets the failure again.
+        return *count > 0 || explainBreak(error);
+    }
+  }
+  touch();
+  return true;
+}
+
+bool FTPTransfer::send(const void* bytes, size_t length, NSErrorRef* error) {
+  if (isCancelled(error) || !establish(error)) return false;
+  const auto* at = static_cast<const std::byte*>(bytes);
+  while (length > 0) {
+    size_t sent = 0;
+    switch (iStream->send(at, length, &sent)) {
+      case Outcome::kDone:
+        at += sent;
+        length -= sent;
+        touch();
+        break;
+      case Outcome::kWait:
+        if (!wait(iStream->events(), error)) return false;
+        break;
+      default:
+        return explainBreak(error);
+    }
+  }
+  return true;
+}
+
+bool FTPTransfer::finish(NSErrorRef* error) {
+  // An empty file is told by a data connection that nothing comes over.
+  if (!establish(error)) return false;
+  while (!iEndWasSeen && iStream->endSending() == Outcome::kWait) {
+    if (!wait(iStream->events(), error)) return false;
+  }
+  iState = State::kEnded;
+  const FTPPatience patience{iSurroundings.environment.idleLimit * kPatienceForLastWord, iControl};
+  while (!iFinal) {
+    std::optional<FTPReply> reply = iSurroundings.control.next(patience, error);
+    if (!reply) return false;
+    iHasStarted = iHasStarted || !reply->isRefusal();
+    if (!reply->isPreliminary()) iFinal = std::move(reply);
+    // What the other side still says (sessions for later) is taken in: closing over it would reset what was
+    // sent.
+    std::array<char, 4096> rest{};
+    size_t count = 0;
+    while (!iEndWasSeen && iStream->receive(rest.data(), rest.size(), &count) == Outcome::kDone) {
+    }
+  }
+  iState = State::kFinished;
+  if (iFinal->isPositive()) return true;
+  storeError(error, iFinal->isRefusal() ? errorForFTPReply(*iFinal, iOperation, iPath)
+                                        : ftpProtocolError(iFinal->description()));
+  return false;
+}
+
+}  // namespace ombra
