@@ -14,6 +14,7 @@
 #include "platform/foundation/NSThread.h"
 #include "platform/foundation/RunLoop.h"
 #include "remote/local/LocalEngine.h"
+#include "remote/s3/S3Engine.h"
 #include "remote/sftp/SFTPEngine.h"
 #include "remote/webdav/WebDAVEngine.h"
 
@@ -73,6 +74,7 @@ int NSApplicationMain(int argc, const char* const* argv) {
   raiseDescriptorLimit();
   registerSFTPEngine();
   registerLocalEngine();
+  registerS3Engine();
   registerWebDAVEngine();
 
   std::unique_ptr<OFSStatus> status;
