@@ -39,10 +39,12 @@ void setAttributesOfCacheFile(int descriptor, const NSFileAttributes& attributes
 void OFSRemoteFile::locked_noteLocalChange(uint64_t from) {
   ++iLocalGeneration;
   iUnsentFrom = std::min(iUnsentFrom, from);
+  locked_publishLedger();
 }
 
 void OFSRemoteFile::locked_confirm(uint64_t generation) {
   iConfirmedGeneration = std::max(iConfirmedGeneration, generation);
+  locked_publishLedger();
   if (iConfirmedGeneration != iLocalGeneration) return;
   iUnsentFrom = kCancelMark;
   if (iFileHandle != nullptr) iFileHandle->extents()->clear();
@@ -52,6 +54,14 @@ void OFSRemoteFile::locked_confirm(uint64_t generation) {
 void OFSRemoteFile::locked_confirmInPlace() {
   iConfirmedGeneration = iLocalGeneration;
   iUnsentFrom = kCancelMark;
+  locked_publishLedger();
+}
+
+void OFSRemoteFile::locked_publishLedger() {
+  using Ledger = OFSTransferRecord::Ledger;
+  iTransfer.setLedger(iAbandoned                                 ? Ledger::kAbandoned
+                      : iConfirmedGeneration != iLocalGeneration ? Ledger::kUnsent
+                                                                 : Ledger::kCovered);
 }
 
 bool OFSRemoteFile::locked_isSettledInPlace() const {
@@ -59,19 +69,28 @@ bool OFSRemoteFile::locked_isSettledInPlace() const {
 }
 
 bool OFSRemoteFile::locked_finishInPlace(StAbstractConnection& holder, NSErrorRef* error) {
-  if (locked_isSettledInPlace()) return true;
-  const HeldTransfer held(*this);
-  return (*holder).finishUploads(*iFileHandle, remotePath(), error);
+  NSErrorRef failure;
+  bool isFinished = true;
+  if (!locked_isSettledInPlace()) {
+    const HeldTransfer held(*this);
+    iTransfer.beginPiece();
+    isFinished = (*holder).finishUploads(*iFileHandle, remotePath(), &failure);
+  }
+  iTransfer.end(remotePath(), isFinished ? nullptr : failure);
+  if (!isFinished) storeError(error, failure);
+  return isFinished;
 }
 
 void OFSRemoteFile::locked_doubtServer() {
   if (iConfirmedGeneration == iLocalGeneration) ++iLocalGeneration;
   iUnsentFrom = 0;
+  locked_publishLedger();
   if (iFileHandle != nullptr) iFileHandle->noteWritten({0, iFileHandle->fileLength()});
 }
 
 bool OFSRemoteFile::synchronize(NSErrorRef* error) {
   OFS_TRACE(kSynchronize, "remotePath={}", remotePath());
+  const OFSTransferRecord::LastBytes lastBytes(iTransfer);
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   StAbstractConnection holder(pool.get(), nullptr);
   const ConditionLock lock(iCondition);
@@ -169,6 +188,7 @@ void OFSRemoteFile::abandon() {
   const ConditionLock lock(iCondition);
   iAbandoned = true;
   iNeedsFlush = false;
+  locked_publishLedger();
   iCondition.broadcast();
   // A download goes on: handles may still want to read what is yet to come.
   if (iState == kOFSNew || iState == kOFSDownloading) return;
@@ -185,6 +205,7 @@ void OFSRemoteFile::abandon() {
 void OFSRemoteFile::reclaim() {
   const ConditionLock lock(iCondition);
   iAbandoned = false;
+  locked_publishLedger();
 }
 
 void OFSRemoteFile::holdWrites() {
@@ -216,6 +237,8 @@ bool OFSRemoteFile::downloadFailed() {
 }
 
 void OFSRemoteFile::cancelDownload() {
+  // A call that holds the condition is never a download, and none runs beside it.
+  if (iHeldTransfers != 0) return;
   const ConditionLock lock(iCondition);
   locked_cancelDownload();
 }

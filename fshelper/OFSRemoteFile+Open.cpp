@@ -121,7 +121,7 @@ bool OFSRemoteFile::setAttributes(const NSFileAttributes& attributes, NSErrorRef
   const ConditionLock lock(iCondition);
   {
     const SettleWaiter waiter(*this);
-    locked_waitForState(kOFSSettled);
+    while (iState != kOFSSettled || (iMoves > 0 && !iAbandoned)) locked_wait();
   }
   if (!locked_setLocalAttributes(attributes)) return false;
   // The item of an abandoned file is gone from the server.

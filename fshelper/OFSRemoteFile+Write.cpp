@@ -48,10 +48,6 @@ void OFSRemoteFile::locked_awaitTurnToWrite() {
   while (locked_downloadRuns() || iSynchronizers > 0 || iMoves > 0) locked_wait();
 }
 
-void OFSRemoteFile::locked_awaitEndOfMoves() {
-  while (iMoves > 0) locked_wait();
-}
-
 int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buffer, size_t size,
                                 int64_t offset) {
   if (iFileHandle == nullptr) OFS_RAISE(kWrite, "no file handle for writing");
@@ -82,7 +78,9 @@ int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buff
   if (iAbandoned) return static_cast<int>(count);
   if (inPlace) {
     iFileHandle->synchronizeFile();
+    iTransfer.beginPiece();
     locked_uploadWithConnection(connection, begin);
+    iTransfer.endPiece(length);
     locked_setState(kOFSSettled);
     iCondition.broadcast();
     return static_cast<int>(count);
@@ -136,6 +134,7 @@ void OFSRemoteFile::locked_uploadWithConnection(AbstractConnection& connection, 
   connection.setWritesBehind(true);
   if (!locked_sendCacheFile(connection, offset, &transferred, &error)) {
     iLastError = error;
+    iTransfer.end(remotePath(), error);
     OFS_RAISE(kUploadInPlace, "upload to {} failed: {}", remotePath(), ofs_describeError(error));
   }
   iBytesAvailable = transferred;
@@ -149,7 +148,7 @@ bool OFSRemoteFile::_truncateToOffset(int64_t offset, NSErrorRef* error) {
   StAbstractConnection holder(pool.get(), nullptr);
   const ConditionLock lock(iCondition);
   try {
-    locked_truncate(*holder, offset);
+    locked_truncate(holder, offset);
     return true;
   } catch (const KCException& exception) {
     locked_failTruncation(exception, error);
@@ -157,36 +156,48 @@ bool OFSRemoteFile::_truncateToOffset(int64_t offset, NSErrorRef* error) {
   }
 }
 
-void OFSRemoteFile::locked_truncate(AbstractConnection& connection, int64_t offset) {
-  if (!iAbandoned) locked_awaitEndOfMoves();
-  // A new object that nobody opens would never settle.
-  const bool neverOpened = iState == kOFSNew && iFileHandle == nullptr;
-  if (!neverOpened) {
+// Until no transfer runs and no move is under way: either may begin while the other is waited for.
+void OFSRemoteFile::locked_awaitTurnToTruncate(int64_t offset) {
+  const SettleWaiter waiter(*this);
+  while (true) {
+    // A new object that nobody opens would never settle.
+    const bool neverOpened = iState == kOFSNew && iFileHandle == nullptr;
+    const bool isIdle = neverOpened || (iState == kOFSSettled && iWorkers.empty());
+    if (isIdle && (iAbandoned || iMoves == 0)) return;
     // Overwriting a large file that has just been looked at need not wait for bytes that are thrown away.
     if (offset == 0) locked_cancelDownload();
-    const SettleWaiter waiter(*this);
-    locked_waitUntilIdle();
+    locked_wait();
   }
+}
+
+// Whether the server has all that was sent to it in place. Waits for its word, which may still be missing.
+bool OFSRemoteFile::locked_isStoredInPlace(StAbstractConnection& holder) {
+  return locked_finishInPlace(holder, nullptr) && iFileHandle->unconfirmedExtents(0).empty();
+}
+
+void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset) {
+  locked_awaitTurnToTruncate(offset);
   if (iFileHandle == nullptr) OFS_RAISE(kTruncate, "no file handle for truncating");
   if (iContentFailed && offset != 0) {
     OFS_RAISE(kTruncate, "truncating {} refused: its content has not arrived as a whole, open it again",
               remotePath());
   }
+  const bool wasCovered = iConfirmedGeneration == iLocalGeneration;
+  const bool wasStored = !iAbandoned && wasCovered && locked_isStoredInPlace(holder);
   if (OFSRemoteFileLocalCalls::current().ftruncate(iFileHandle->fileDescriptor(), offset) == -1 &&
       errno != EINTR) {
     const int failure = errno;
     OFS_RAISE(kTruncate, "ftruncate failed, errno = {} ({})", failure, kc_strerror(failure));
   }
-  const bool wasCovered = iConfirmedGeneration == iLocalGeneration;
   const uint64_t length = iFileHandle->fileLength();
   iFileHandle->noteTruncated(length);
   locked_noteLocalChange(length);
   uint64_t transferred = length;
   if (!iAbandoned) {
     NSErrorRef failure;
-    if (!locked_sendCacheFile(connection, 0, &transferred, &failure)) {
+    if (!locked_sendCacheFile(*holder, 0, &transferred, &failure)) {
       locked_doubtServer();
-      if (wasCovered && (offset == 0 || isRefusal(failure))) locked_discardContent();
+      if (offset == 0 ? wasCovered : wasStored && isRefusal(failure)) locked_discardContent();
       OFS_RAISE(kTruncate, "upload to {} failed: {}", remotePath(), ofs_describeError(failure));
     }
     locked_confirm(iLocalGeneration);

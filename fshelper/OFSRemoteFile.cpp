@@ -74,13 +74,13 @@ OFSRemoteFile::~OFSRemoteFile() {
 }
 
 std::shared_ptr<KCConnectionPool> OFSRemoteFile::connectionPool() const {
-  const ConditionLock lock(iCondition);
+  const MutexLock lock(iPathLock);
   return iConnectionPool;
 }
 
 void OFSRemoteFile::setConnectionPool(std::shared_ptr<KCConnectionPool> pool) {
-  const ConditionLock lock(iCondition);
-  iConnectionPool = std::move(pool);
+  const MutexLock lock(iPathLock);
+  iConnectionPool.swap(pool);
 }
 
 std::string OFSRemoteFile::remotePath() const {

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "fshelper/OFSTransferRecord.h"
 #include "platform/foundation/FileAttributes.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/NSCondition.h"
@@ -71,8 +72,9 @@ class OFSRemoteFile final : public GMOpenFile,
   // Closes. What is not on the server by then, and was not abandoned, is named in the log.
   ~OFSRemoteFile() override;
 
-  std::shared_ptr<KCConnectionPool> connectionPool() const EXCLUDES(iCondition);
-  void setConnectionPool(std::shared_ptr<KCConnectionPool> pool) EXCLUDES(iCondition);
+  // Where later transfers take their connections from. Never waits for a transfer, as the path does not.
+  std::shared_ptr<KCConnectionPool> connectionPool() const EXCLUDES(iPathLock);
+  void setConnectionPool(std::shared_ptr<KCConnectionPool> pool) EXCLUDES(iPathLock);
   // Never waits for a transfer: the path has a leaf lock of its own.
   std::string remotePath() const EXCLUDES(iPathLock);
   void setRemotePath(std::string path) EXCLUDES(iPathLock);
@@ -148,11 +150,13 @@ class OFSRemoteFile final : public GMOpenFile,
   bool isCovered() EXCLUDES(iCondition);
   // True when the cache file is known not to be the file: its download failed or it could not be prepared.
   bool downloadFailed() EXCLUDES(iCondition);
-  // Asks a running download (only that) to stop, for unmount.
+  // Asks a running download (only that) to stop, for unmount. Never waits for a transfer.
   void cancelDownload() EXCLUDES(iCondition);
   // Grows while a transfer moves bytes, and when a remote call made with the condition held has ended. Never
   // waits.
   uint64_t movements() const { return iMovements.load(); }
+  // How far the transfers are. Never waits for one.
+  OFSTransferRecord& transfer() { return iTransfer; }
   // While the file, or a folder above it, is being moved: writes and truncations wait, so that nothing is
   // sent to where it will not be. Each hold is ended once.
   void holdWrites() EXCLUDES(iCondition);
@@ -277,7 +281,7 @@ class OFSRemoteFile final : public GMOpenFile,
   int locked_write(AbstractConnection& connection, const void* buffer, size_t size, int64_t offset)
       REQUIRES(iCondition);
   void locked_awaitTurnToWrite() REQUIRES(iCondition);
-  void locked_awaitEndOfMoves() REQUIRES(iCondition);
+  void locked_awaitTurnToTruncate(int64_t offset) REQUIRES(iCondition);
   void locked_failWrite(const KCException& exception, NSErrorRef* error) REQUIRES(iCondition);
   void locked_uploadWithConnection(AbstractConnection& connection, uint64_t offset) REQUIRES(iCondition);
   // Sends the cache file from `offset` on, with the condition held: what follows finds it on the server.
@@ -298,7 +302,8 @@ class OFSRemoteFile final : public GMOpenFile,
                     uint64_t* transferred, NSErrorRef* error) EXCLUDES(iCondition);
   bool locked_finishUploadPass(bool succeeded, uint64_t transferredBytes, uint64_t generation,
                                const NSErrorRef& error) REQUIRES(iCondition);
-  void locked_truncate(AbstractConnection& connection, int64_t offset) REQUIRES(iCondition);
+  bool locked_isStoredInPlace(StAbstractConnection& holder) REQUIRES(iCondition);
+  void locked_truncate(StAbstractConnection& holder, int64_t offset) REQUIRES(iCondition);
   // The cache file is not the file any more: it is fetched again at the next open.
   void locked_discardContent() REQUIRES(iCondition);
   void locked_failTruncation(const KCException& exception, NSErrorRef* error) REQUIRES(iCondition);
@@ -313,6 +318,8 @@ class OFSRemoteFile final : public GMOpenFile,
   bool locked_finishInPlace(StAbstractConnection& holder, NSErrorRef* error) REQUIRES(iCondition);
   // A transfer begins that replaces the whole file: until it has succeeded, nobody knows what the server has.
   void locked_doubtServer() REQUIRES(iCondition);
+  // After each change of the ledger: shows it on the record.
+  void locked_publishLedger() REQUIRES(iCondition);
   bool locked_synchronize(StAbstractConnection& holder, NSErrorRef* error) REQUIRES(iCondition);
   void locked_applySeed() REQUIRES(iCondition) EXCLUDES(iPathLock);
   std::optional<NSDate> seededDate() const EXCLUDES(iPathLock);
@@ -324,14 +331,15 @@ class OFSRemoteFile final : public GMOpenFile,
   // Set while the condition is held during a remote call: who must not wait for that looks here first.
   std::atomic<int> iHeldTransfers{0};
   std::atomic<uint64_t> iMovements{0};
+  OFSTransferRecord iTransfer;
   std::string iRemotePath GUARDED_BY(iPathLock);
+  std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iPathLock);
   // The same handle as iFileHandle, for those who must not wait for a transfer.
   std::shared_ptr<NSFileHandle> iOpenFile GUARDED_BY(iPathLock);
   // What the cache file gets once its content has arrived; and what was shown on it since, which comes first.
   std::optional<NSFileAttributes> iSeed GUARDED_BY(iPathLock);
   NSFileAttributes iShown GUARDED_BY(iPathLock);
 
-  std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iCondition);
   uint32_t iMode GUARDED_BY(iCondition) = 0;
   std::shared_ptr<NSFileHandle> iFileHandle GUARDED_BY(iCondition);
   OFSTransferState iState GUARDED_BY(iCondition) = kOFSNew;

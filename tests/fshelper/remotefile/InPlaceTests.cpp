@@ -84,6 +84,44 @@ TEST_F(WrittenBehind, FailsTheSynchronisationWhenThatIsRefusedAsWell) {
   EXPECT_FALSE(file->isCovered());
 }
 
+// The write was answered with success. It is not given up because the server refuses something else.
+TEST_F(WrittenBehind, IsNotGivenUpByATruncationThatIsRefused) {
+  writeBehind();
+  file->fileHandle()->extents()->giveBack({4, 6});
+  end(QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  server.addFile(kPath, "0123456789");  // it has never seen the write
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitPermissionDenied));
+  EXPECT_FALSE(file->_truncateToOffset(8, nullptr));
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0123XY67");
+}
+
+TEST_F(WrittenBehind, IsWaitedForByATruncationThatIsRefused) {
+  writeBehind();
+  server.fail("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitPermissionDenied));
+  std::thread answer([this] { end(nullptr); });
+  EXPECT_FALSE(file->_truncateToOffset(8, nullptr));
+  answer.join();
+  EXPECT_TRUE(file->isCovered()) << "the server has the write, and the truncation was told to have failed";
+  EXPECT_EQ(onServer(), "0123XY6789");
+}
+
+TEST_F(InPlace, ThatIsBeingSentLetsNobodyWaitWhoEndsTheVolume) {
+  file = downloadedFile("0123456789");
+  const auto hold = server.hold("uploadFileHandle");
+  auto writer = inBackground([this] { return write(*file, "XY", 4); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto ending = inBackground([this] {
+    file->cancelDownload();
+    file->setConnectionPool(server.pool());
+    return file->connectionPool();
+  });
+  EXPECT_EQ(finish(ending), server.pool());
+  hold->release();
+  EXPECT_EQ(finish(writer), 2);
+}
+
 TEST_F(InPlace, UsesOneConnectionWithoutADelegate) {
   file = downloadedFile("0123456789");
   EXPECT_EQ(write(*file, "XY", 4), 2);

@@ -90,5 +90,39 @@ TEST_F(MovedInPlace, IsTruncatedWhereItIsNow) {
   EXPECT_EQ(onServer(kNewPath), "0123");
 }
 
+// The move begins while the truncation waits for something else.
+TEST_F(MovedFile, IsTruncatedAfterTheMoveThatBeganDuringItsDownload) {
+  server.setChunkSize(2);
+  const auto hold = server.hold("downloadFileAtPath", kPath, 2);
+  file = arrivingFile("0123456789", 2);
+  auto truncation = inBackground([this] { return file->_truncateToOffset(4, nullptr); });
+  waitForWaiters(*file, 1);
+  file->holdWrites();
+  hold->release();
+  waitForState(*file, kOFSSettled);
+  waitForWaiters(*file, 1);
+  EXPECT_TRUE(server.transfers("uploadFileHandle").empty());
+  file->setRemotePath(kNewPath);
+  file->letWritesGo();
+  EXPECT_TRUE(finish(truncation));
+  EXPECT_EQ(onServer(kNewPath), "0123");
+  EXPECT_EQ(onServer(kPath), "0123456789");
+}
+
+TEST_F(MovedFile, IsGivenItsModeWhereItIsNow) {
+  file = downloadedFile("0123456789");
+  server.addFile(kNewPath, "0123456789");
+  file->holdWrites();
+  NSFileAttributes mode;
+  mode.posixPermissions = 0600;
+  auto change = inBackground([&] { return file->setAttributes(mode, nullptr); });
+  waitForWaiters(*file, 1);
+  EXPECT_EQ(server.count("changeAttributes"), 0u);
+  file->setRemotePath(kNewPath);
+  file->letWritesGo();
+  EXPECT_TRUE(finish(change));
+  EXPECT_EQ(server.attributes(kNewPath)->posixPermissions, 0600);
+}
+
 }  // namespace
 }  // namespace ombra
