@@ -78,6 +78,8 @@ int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buff
   if (iAbandoned) return static_cast<int>(count);
   if (inPlace) {
     iFileHandle->synchronizeFile();
+    // The lock is held until this piece is on its way.
+    const NSFileHandle::RecentWrite recent(*iFileHandle, buffer, {begin, begin + length});
     iTransfer.beginPiece();
     locked_uploadWithConnection(connection, begin);
     iTransfer.endPiece(length);

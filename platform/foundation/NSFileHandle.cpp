@@ -5,6 +5,8 @@
 
 #include <cassert>
 #include <cerrno>
+#include <cstring>
+#include <utility>
 
 namespace ombra {
 NSFileHandle::NSFileHandle(int descriptor, Kind kind) : iDescriptor(descriptor), iKind(kind) {
@@ -47,7 +49,26 @@ bool NSFileHandle::writeAll(const void* bytes, size_t length, uint64_t offset) {
   return true;
 }
 
+namespace {
+thread_local const NSFileHandle::RecentWrite* tRecentWrite = nullptr;
+}  // namespace
+
+NSFileHandle::RecentWrite::RecentWrite(const NSFileHandle& file, const void* bytes, FileExtent extent)
+    : iFile(file),
+      iBytes(static_cast<const std::byte*>(bytes)),
+      iExtent(extent),
+      iOuter(std::exchange(tRecentWrite, this)) {}
+
+NSFileHandle::RecentWrite::~RecentWrite() { tRecentWrite = iOuter; }
+
 ssize_t NSFileHandle::readAt(void* bytes, size_t length, uint64_t offset) const {
+  if (const RecentWrite* recent = tRecentWrite; recent != nullptr && &recent->iFile == this) {
+    const FileExtent& extent = recent->iExtent;
+    if (offset >= extent.begin && offset < extent.end && length <= extent.end - offset) {
+      std::memcpy(bytes, recent->iBytes + (offset - extent.begin), length);
+      return static_cast<ssize_t>(length);
+    }
+  }
   char* to = static_cast<char*>(bytes);
   size_t done = 0;
   while (done < length) {

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -41,6 +42,24 @@ class NSFileHandle {
   [[nodiscard]] bool writeAll(const void* bytes, size_t length, uint64_t offset);
   // Reads up to `length` bytes at `offset`, over short reads. The count, or -1 with errno set.
   [[nodiscard]] ssize_t readAt(void* bytes, size_t length, uint64_t offset) const;
+
+  // While it lives, `readAt` on the same thread takes these bytes, which were just written to the file, from
+  // the writer's memory: a program's write is sent on without a way through the system. Nobody else changes
+  // that part of the file meanwhile. Lives on the stack; the last one made counts.
+  class RecentWrite {
+   public:
+    RecentWrite(const NSFileHandle& file, const void* bytes, FileExtent extent);
+    ~RecentWrite();
+    RecentWrite(const RecentWrite&) = delete;
+    RecentWrite& operator=(const RecentWrite&) = delete;
+
+   private:
+    friend class NSFileHandle;
+    const NSFileHandle& iFile;
+    const std::byte* const iBytes;
+    const FileExtent iExtent;
+    const RecentWrite* const iOuter;
+  };
 
   // Scratch extents: what was written locally and not yet confirmed by the server.
   void noteWritten(FileExtent extent) {

@@ -37,6 +37,29 @@ TEST_F(FileHandle, TellsItsLengthWithAndWithoutMoving) {
   EXPECT_EQ(lseek(iHandle->fileDescriptor(), 0, SEEK_CUR), 5);
 }
 
+TEST_F(FileHandle, ReadsARecentWriteFromTheWritersMemory) {
+  const auto file = open();
+  ASSERT_TRUE(file->writeAll("0123456789", 10, 0));
+  const std::string memory = "abcd";  // not what the file holds: only so it shows where the bytes come from
+  const auto read = [&file](size_t length, uint64_t offset) {
+    std::string bytes(length, '?');
+    const ssize_t count = file->readAt(bytes.data(), length, offset);
+    return bytes.substr(0, count < 0 ? 0 : static_cast<size_t>(count));
+  };
+  {
+    const NSFileHandle::RecentWrite recent(*file, memory.data(), {3, 7});
+    EXPECT_EQ(read(4, 3), "abcd");
+    EXPECT_EQ(read(2, 5), "cd");
+    EXPECT_EQ(read(5, 3), "34567") << "not wholly of that write";
+    EXPECT_EQ(read(2, 2), "23");
+    const auto other = open();
+    std::string bytes(4, '?');
+    EXPECT_EQ(other->readAt(bytes.data(), 4, 3), 4);
+    EXPECT_EQ(bytes, "3456") << "another handle is another file";
+  }
+  EXPECT_EQ(read(4, 3), "3456");
+}
+
 TEST_F(FileHandle, ReportsARefusedWrite) {
   NSFileHandle readOnly(::open((iFolder / "f").c_str(), O_RDONLY));
   EXPECT_FALSE(readOnly.writeAll("x", 1, 0));
