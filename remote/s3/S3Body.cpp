@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <utility>
 
 #include "remote/QuarnKitError.h"
 
 namespace ombra {
 
-S3FileBody::S3FileBody(const NSFileHandle& file, FileExtent range, std::function<void(uint64_t)> reached)
-    : iFile(file), iRange(range), iReached(std::move(reached)), iAt(range.begin), iFurthest(range.begin) {}
+S3FileBody::S3FileBody(const NSFileHandle& file, FileExtent range, TransferControl& control)
+    : iFile(file), iRange(range), iControl(control), iAt(range.begin), iFurthest(range.begin) {}
 
 HTTPBody S3FileBody::body() {
   HTTPBody body;
@@ -24,7 +23,8 @@ HTTPBody S3FileBody::body() {
 
 size_t S3FileBody::give(std::byte* buffer, size_t capacity) {
   // Who asks for more has sent what was given before.
-  if (iReached && iAt > iFurthest) iReached(iFurthest = iAt);
+  if (iAt > iFurthest) iControl.progress(iFurthest = iAt);
+  if (iControl.shouldCancel()) return kHTTPSourceFailed;
   const auto wanted = static_cast<size_t>(std::min<uint64_t>(iRange.end - iAt, capacity));
   if (wanted == 0) return 0;
   const ssize_t count = iFile.readAt(buffer, wanted, iAt);

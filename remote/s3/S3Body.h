@@ -2,7 +2,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSFileHandle.h"
@@ -14,9 +13,9 @@ namespace ombra {
 // Outlives the request.
 class S3FileBody {
  public:
-  // `reached` (may be empty) is told how far the content has been handed on, as an offset in the file; never
-  // less than before.
-  S3FileBody(const NSFileHandle& file, FileExtent range, std::function<void(uint64_t)> reached = {});
+  // `control` is told how far the content has been handed on, as an offset in the file, never less than
+  // before, and asked for cancellation with each piece.
+  S3FileBody(const NSFileHandle& file, FileExtent range, TransferControl& control);
   S3FileBody(const S3FileBody&) = delete;
   S3FileBody& operator=(const S3FileBody&) = delete;
 
@@ -30,7 +29,7 @@ class S3FileBody {
 
   const NSFileHandle& iFile;
   const FileExtent iRange;
-  const std::function<void(uint64_t)> iReached;
+  TransferControl& iControl;
   uint64_t iAt;
   uint64_t iFurthest;
   NSErrorRef iFailure;

@@ -102,7 +102,7 @@ bool S3Download::take(const HTTPResponse& head, std::span<const std::byte> piece
   }
   iAt += piece.size();
   iControl.progress(iAt);
-  return true;
+  return !iControl.shouldCancel() || fail(kQuarnKitCancelled, "");
 }
 
 bool S3Download::finish(const HTTPResponse& head, NSErrorRef* error) {

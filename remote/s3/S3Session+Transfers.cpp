@@ -98,7 +98,7 @@ bool S3Session::sendWhole(NSFileHandle& from, uint64_t length, const S3Path& pat
 
 bool S3Session::putFile(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
                         NSErrorRef* error) {
-  S3FileBody body(from, {0, length}, [&control](uint64_t reached) { control.progress(reached); });
+  S3FileBody body(from, {0, length}, control);
   S3Request request;
   request.method = "PUT";
   request.bucket = path.bucket;
@@ -126,7 +126,7 @@ bool S3Session::putFileInParts(NSFileHandle& from, uint64_t length, const S3Path
   const uint64_t part = s3PartSize(length, iLimits.filePart);
   for (uint64_t at = 0; at < length; at += part) {
     const FileExtent range{at, std::min(at + part, length)};
-    S3FileBody body(from, range, [&control](uint64_t reached) { control.progress(reached); });
+    S3FileBody body(from, range, control);
     std::string hash;
     if (iClient.signsPayloads()) hash = s3SHA256OfFile(from, range).value_or("");
     if (!whole.sendPart(body.body(), hash, &control, error)) return failWith(body, error);
