@@ -125,7 +125,7 @@ bool FTPTransfer::wait(short events, NSErrorRef* error) {
                        isConnecting ? "no data connection came about" : iPath, error);
   }
   const auto left = std::min(std::chrono::ceil<std::chrono::milliseconds>(end - now), kTransferTick);
-  pollfd fds[3] = {{iStream->descriptor(), events, 0},
+  pollfd fds[3] = {{events != 0 ? iStream->descriptor() : -1, events, 0},
                    {iSurroundings.wakeUp.descriptor(), POLLIN, 0},
                    {iFinal ? -1 : iSurroundings.control.descriptor(), POLLIN, 0}};
   if (poll(fds, 3, static_cast<int>(left.count())) <= 0) return true;
