@@ -89,7 +89,7 @@ bool PooledConnection::runTransfer(Run& run,
       Control control(*this, run);
       run.givesWay = false;
       // What a session holds for others must not wait for the end of a transfer.
-      if (sessions().claim(*iSession, run.heldPath)) iSession->session->becameIdle();
+      sessions().claim(*iSession, run.heldPath, run.heldFile);
       done = work(*iSession->session, control, &fault);
       if (done) break;
       const bool lost = loseSession(fault);
@@ -144,17 +144,19 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   const std::string whole = absolute(path);
   Run run{Run::Kind::kUpload, ProgressReporter(offset, progressReport())};
   const uint64_t length = handle.fileLength();
-  // What a scratch file has under way on another session must not arrive after what is sent now; and whoever
-  // wrote to the path in place must be done before it is replaced.
   if (handle.isScratch()) {
-    if (iSession != nullptr) finishElsewhere(handle, whole);
     iUploadPath = &whole;
     run.heldPath = whole;
+    run.heldFile = handle.extents();
   } else {
+    // Without a session in hand, as far as that goes.
     sessions().letGoOf(whole);
   }
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
-    if (handle.isScratch() && session.heldPath() != whole) finishElsewhere(handle, whole);
+    // What a scratch file has under way on another session must not arrive after what is sent now; and
+    // whoever wrote to the path must be done before it is written to in another way.
+    const bool goesOn = handle.isScratch() && session.heldPath() == whole;
+    if (!goesOn) sessions().finishUploads(whole, run.heldFile);
     return session.upload(handle, whole, offset, control, fault);
   };
   const bool done = runTransfer(run, work, error);
@@ -164,19 +166,8 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   return done;
 }
 
-void PooledConnection::finishElsewhere(const NSFileHandle& handle, std::string_view path) {
-  if (!handle.extents()->isSending()) return;
-  if (iSession != nullptr && iSession->session->heldPath() == path) return;
-  sessions().letGoOf(path);
-  // Another thread may have that session in hand, for a request: it ends the hold when it gives the session
-  // back.
-  handle.extents()->waitUntilSent();
-}
-
 bool PooledConnection::finishUploads(NSFileHandle& fileHandle, std::string_view toPath, NSErrorRef* error) {
-  const std::string whole = absolute(toPath);
-  if (iSession != nullptr && iSession->session->heldPath() == whole) iSession->session->becameIdle();
-  finishElsewhere(fileHandle, whole);
+  if (fileHandle.extents()->isSending()) sessions().finishUploads(absolute(toPath), fileHandle.extents());
   return AbstractConnection::finishUploads(fileHandle, toPath, error);
 }
 
@@ -220,6 +211,7 @@ bool PooledConnection::streamBytesWithFilename(std::string_view /*filename*/, st
   Run run{Run::Kind::kStream, ProgressReporter(0, nullptr), &spool};
   const auto next = [&spool](std::byte* buffer, size_t capacity) { return spool.next(buffer, capacity); };
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
+    sessions().finishUploads(whole, nullptr);
     const bool sent = session.stream(next, whole, control, fault);
     if (!sent || !iShouldCancel) return sent;
     // The cancel mark came with the end of the data: what was sent is not the whole.

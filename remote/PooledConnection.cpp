@@ -57,7 +57,10 @@ bool PooledConnection::perform(Repeat repeat, const Work& work, NSErrorRef* erro
   while (true) {
     NSErrorRef fault;
     bool again = false;
-    if (!attachForRequest(&fault)) {
+    iHasOneAttempt = repeat == Repeat::kNever;
+    const bool isAttached = attachForRequest(&fault);
+    iHasOneAttempt = false;
+    if (!isAttached) {
       // Nothing was sent, so that even a change may be tried again.
       again = isOutage(fault);
     } else if (work(*iSession->session, &fault)) {

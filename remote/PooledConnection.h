@@ -100,6 +100,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
     uint64_t sessionStart = 0;  // bytes reached when this session began
     bool givesWay = false;
     std::string heldPath{};  // of an upload that may go on later
+    std::shared_ptr<UnconfirmedExtents> heldFile{};
   };
   class Control;
   using Work = std::function<bool(Session& session, NSErrorRef* error)>;
@@ -120,8 +121,6 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
                    NSErrorRef* error);
   bool upload(NSFileHandle& handle, std::string_view path, uint64_t offset, uint64_t* bytesTransferred,
               NSErrorRef* error);
-  // Ends what sessions other than the attached one have under way of that file.
-  void finishElsewhere(const NSFileHandle& handle, std::string_view path);
   bool attachForRequest(NSErrorRef* error);
   bool attachForTransfer(NSErrorRef* error);
   void endTransfer();
@@ -135,6 +134,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   bool wantsToStop() const override { return iInTransfer && iShouldCancel.load(); }
   bool isAwaited() override;
   const std::string* preferredPath() const override { return iUploadPath; }
+  bool hasOneAttempt() const override { return iHasOneAttempt; }
   bool hasSpareWork() const override {
     return iRun != nullptr && iRun->spool != nullptr && iRun->spool->wantsMore();
   }
@@ -152,6 +152,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   bool iCountsAsTransfer = false;
   Run* iRun = nullptr;
   const std::string* iUploadPath = nullptr;
+  bool iHasOneAttempt = false;
   bool iWritesBehind = false;
   std::optional<std::string> iFolder;
   KnownLinks iKnownLinks;

@@ -88,6 +88,8 @@ class Session {
   virtual std::string loginPath() const = 0;
   // A cheap look, without waiting, whether the connection still stands; for an idle session before reuse.
   virtual bool isAlive() = 0;
+  // Whether this session is known to be of no use any more. Unlike isAlive no look, so that it costs nothing.
+  virtual bool hasFailed() const { return false; }
   // Makes the running operation, and every later one, fail soon with kQuarnKitConnectionLost. Any thread.
   virtual void interrupt() = 0;
   // Nobody goes on with what is held between calls (an open remote handle): ends it, waiting for what the

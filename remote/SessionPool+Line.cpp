@@ -55,6 +55,8 @@ bool SessionPool::tryTake(Place& place, std::shared_ptr<PooledSession>* idle) {
   if (!hasRoom() || nextInLine() != &place) return false;
   if (!iIdle.empty()) {
     *idle = takeIdle(place.preferredPath);
+    // At once, so that whoever asks for the end of a hold finds it in one of the lists.
+    addToInUse(*idle);
   } else {
     ++iLive;
   }

@@ -60,9 +60,11 @@ bool SessionPool::isShutDown() const {
 }
 
 // Whether a session is worth a try. One that was used a moment ago is: a look costs as much as a small write.
-bool SessionPool::standsUp(PooledSession& session) {
+bool SessionPool::standsUp(PooledSession& session, const SessionWaiter& waiter) {
+  if (session.session->hasFailed()) return false;
   const double seconds = NSDate::date().timeIntervalSinceDate(session.idleSince);
-  return (seconds >= 0.0 && seconds < kUnquestionedSeconds) || session.session->isAlive();
+  const bool isRecent = seconds >= 0.0 && seconds < kUnquestionedSeconds;
+  return (isRecent && !waiter.hasOneAttempt()) || session.session->isAlive();
 }
 
 std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, SessionUse use, NSErrorRef* error) {
@@ -81,13 +83,13 @@ std::shared_ptr<PooledSession> SessionPool::attach(SessionWaiter& waiter, Sessio
                  turn == Turn::kStop ? QuarnKitError::errorWithCode(kQuarnKitCancelled) : shutDownError());
       return nullptr;
     }
-    if (session != nullptr && standsUp(*session)) {
-      session->transcript->setConnection(waiter.UUID());
-      if (enter(session)) {
+    if (session != nullptr) {
+      if (standsUp(*session, waiter)) {
+        session->transcript->setConnection(waiter.UUID());
         return session;
       }
+      drop(std::move(session));
     }
-    session.reset();
     NSErrorRef loginError;
     session = logIn(waiter, &loginError);
     if (session != nullptr) return session;
@@ -131,7 +133,7 @@ std::shared_ptr<PooledSession> SessionPool::logIn(SessionWaiter& waiter, NSError
     if (!iLoginPath) iLoginPath = pooled->session->loginPath();
     return pooled;
   }
-  if (iInUse.erase(pooled) != 0) noteHolder(*pooled, -1);
+  removeFromInUse(pooled);
   if (*error == nullptr) *error = QuarnKitError::errorWithCode(kQuarnKitLoginFailed);
   return nullptr;
 }
@@ -139,10 +141,26 @@ std::shared_ptr<PooledSession> SessionPool::logIn(SessionWaiter& waiter, NSError
 bool SessionPool::enter(const std::shared_ptr<PooledSession>& session) {
   ConditionLock lock(iCondition);
   if (iIsShutDown) return false;
+  addToInUse(session);
+  return true;
+}
+
+void SessionPool::addToInUse(const std::shared_ptr<PooledSession>& session) {
   iInUse.insert(session);
   session->holder = std::this_thread::get_id();
   noteHolder(*session, 1);
-  return true;
+}
+
+void SessionPool::removeFromInUse(const std::shared_ptr<PooledSession>& session) {
+  if (iInUse.erase(session) != 0) noteHolder(*session, -1);
+  session->holder = {};
+}
+
+// Its place is kept, for the login that follows.
+void SessionPool::drop(std::shared_ptr<PooledSession> session) {
+  ConditionLock lock(iCondition);
+  removeFromInUse(session);
+  // Closed by its last reference, the argument: after the lock is released.
 }
 
 bool SessionPool::loginFailed(SessionUse use, const NSErrorRef& error) {
@@ -161,20 +179,23 @@ bool SessionPool::loginFailed(SessionUse use, const NSErrorRef& error) {
 void SessionPool::detach(std::shared_ptr<PooledSession> session, bool reusable) {
   if (session == nullptr) return;
   session->transcript->flush();
+  reusable = reusable && !session->session->hasFailed();
   std::string heldPath = reusable ? session->session->heldPath() : std::string();
   ConditionLock lock(iCondition);
-  if (reusable && session->mustLetGo && !heldPath.empty()) {
-    session->mustLetGo = false;
+  // What it has sent is not to be lost, nor to arrive behind the same content from another session.
+  while (!heldPath.empty() && (session->mustLetGo || !hasPlaceForIdle())) {
     iCondition.unlock();
-    session->session->becameIdle();
-    iCondition.lock();
+    endHold(*session);
+    reusable = !session->session->hasFailed();
     heldPath.clear();
+    iCondition.lock();
   }
   session->mustLetGo = false;
   session->heldPath = std::move(heldPath);
-  if (iInUse.erase(session) != 0) noteHolder(*session, -1);
-  if (reusable && !iIsShutDown && iLive <= iCap) {
-    keepIdle(session);
+  if (session->heldPath.empty()) session->heldFile.reset();
+  removeFromInUse(session);
+  if (reusable && hasPlaceForIdle()) {
+    keepIdle(std::move(session));
   } else {
     --iLive;
   }
@@ -182,18 +203,20 @@ void SessionPool::detach(std::shared_ptr<PooledSession> session, bool reusable) 
   // A session that is not kept is closed by its last reference, the argument: after the lock is released.
 }
 
-void SessionPool::keepIdle(std::shared_ptr<PooledSession>& session) {
-  session->idleSince = NSDate::date();
-  if (!iCloserRuns) {
-    try {
-      iCloser = std::thread([this] { closeIdleSessions(); });
-      iCloserRuns = true;
-    } catch (const std::system_error&) {
-      // Without a thread that closes it, a session is not kept.
-      --iLive;
-      return;
-    }
+bool SessionPool::hasPlaceForIdle() {
+  if (iIsShutDown || iLive > iCap) return false;
+  if (iCloserRuns) return true;
+  try {
+    iCloser = std::thread([this] { closeIdleSessions(); });
+    iCloserRuns = true;
+  } catch (const std::system_error&) {
+    // Without a thread that closes it, a session is not kept.
   }
+  return iCloserRuns;
+}
+
+void SessionPool::keepIdle(std::shared_ptr<PooledSession> session) {
+  session->idleSince = NSDate::date();
   const double seconds = session->heldPath.empty() ? kIdleSeconds : kHoldingSeconds;
   const NSDate due = session->idleSince.dateByAddingTimeInterval(seconds);
   if (!iCloserLimit || due < *iCloserLimit) wakeCloser();
@@ -222,6 +245,8 @@ bool SessionPool::tryBeginTransfer() {
   ConditionLock lock(iCondition);
   if (iTransfers >= transferCap()) return false;
   ++iTransfers;
+  // A transfer that was woken for what is free may not have it any more: others may.
+  wakeNext();
   return true;
 }
 
@@ -301,43 +326,91 @@ std::shared_ptr<PooledSession> SessionPool::takeDueHolder(std::optional<NSDate>*
     }
     std::shared_ptr<PooledSession> taken = std::move(*session);
     iIdle.erase(session);
+    addToInUse(taken);
     return taken;
   }
   return nullptr;
 }
 
 void SessionPool::settleHolder(std::shared_ptr<PooledSession> session) {
-  if (!enter(session)) return;
   session->session->becameIdle();
   const bool isAlive = session->session->isAlive();
   detach(std::move(session), isAlive);
 }
 
-bool SessionPool::claim(PooledSession& session, std::string_view path) {
+void SessionPool::endHold(PooledSession& session) {
+  session.session->becameIdle();
   ConditionLock lock(iCondition);
-  const bool mustEnd = session.mustLetGo || (!session.heldPath.empty() && session.heldPath != path);
+  // What asked for that meanwhile meant what is no longer held.
   session.mustLetGo = false;
+  session.heldPath.clear();
+  session.heldFile.reset();
+}
+
+void SessionPool::claim(PooledSession& session, std::string_view path,
+                        std::shared_ptr<UnconfirmedExtents> file) {
+  const auto mustEnd = [&]() REQUIRES(iCondition) {
+    const bool isOther = session.heldPath != path || session.heldFile != file;
+    return session.mustLetGo || (!session.heldPath.empty() && isOther);
+  };
+  iCondition.lock();
+  while (mustEnd()) {
+    iCondition.unlock();
+    endHold(session);
+    iCondition.lock();
+  }
   session.heldPath = path;
-  return mustEnd;
+  session.heldFile = std::move(file);
+  iCondition.unlock();
+}
+
+SessionPool::Holders SessionPool::takeHolders(const IsMeant& isMeant) {
+  Holders holders;
+  for (const auto& session : iInUse) {
+    if (session->heldPath.empty() || !isMeant(*session)) continue;
+    if (session->holder == std::this_thread::get_id()) {
+      holders.own.push_back(session);
+      continue;
+    }
+    session->mustLetGo = true;
+    if (session->heldFile != nullptr) holders.sending.push_back(session->heldFile);
+  }
+  const auto isKept = [&isMeant](const auto& idle) { return idle->heldPath.empty() || !isMeant(*idle); };
+  const auto first = std::stable_partition(iIdle.begin(), iIdle.end(), isKept);
+  holders.idle.assign(std::make_move_iterator(first), std::make_move_iterator(iIdle.end()));
+  iIdle.erase(first, iIdle.end());
+  for (const auto& session : holders.idle) addToInUse(session);
+  return holders;
+}
+
+void SessionPool::endHolds(Holders& holders) {
+  // Its own first: from then on nobody waits for this thread.
+  for (const auto& session : holders.own) {
+    // Else it is only about to hold what this thread has claimed for it.
+    if (!session->session->heldPath().empty()) endHold(*session);
+  }
+  for (auto& session : holders.idle) settleHolder(std::move(session));
 }
 
 void SessionPool::letGoOf(std::string_view path) {
-  std::vector<std::shared_ptr<PooledSession>> holders;
-  std::vector<std::shared_ptr<PooledSession>> own;
-  {
-    ConditionLock lock(iCondition);
-    for (const auto& session : iInUse) {
-      if (!isAtOrBelowRemotePath(session->heldPath, path)) continue;
-      session->mustLetGo = true;
-      if (session->holder == std::this_thread::get_id()) own.push_back(session);
-    }
-    const auto isKept = [path](const auto& idle) { return !isAtOrBelowRemotePath(idle->heldPath, path); };
-    const auto first = std::stable_partition(iIdle.begin(), iIdle.end(), isKept);
-    holders.assign(std::make_move_iterator(first), std::make_move_iterator(iIdle.end()));
-    iIdle.erase(first, iIdle.end());
-  }
-  for (auto& session : holders) settleHolder(std::move(session));
-  for (const auto& session : own) session->session->becameIdle();
+  iCondition.lock();
+  Holders holders = takeHolders(
+      [path](const PooledSession& session) { return isAtOrBelowRemotePath(session.heldPath, path); });
+  iCondition.unlock();
+  endHolds(holders);
+}
+
+void SessionPool::finishUploads(std::string_view path, const std::shared_ptr<UnconfirmedExtents>& file) {
+  iCondition.lock();
+  Holders holders = takeHolders([&](const PooledSession& session) {
+    // Who waits for others holds nothing that others may wait for.
+    if (session.holder == std::this_thread::get_id()) return true;
+    return session.heldPath == path || (file != nullptr && session.heldFile == file);
+  });
+  iCondition.unlock();
+  endHolds(holders);
+  for (const auto& sending : holders.sending) sending->waitUntilSent();
+  if (file != nullptr) file->waitUntilSent();
 }
 
 void SessionPool::noteHolder([[maybe_unused]] const PooledSession& session, [[maybe_unused]] int change) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -27,9 +28,10 @@ struct PooledSession {
   std::shared_ptr<PoolTranscript> transcript;
   std::shared_ptr<Session> session;
   NSDate idleSince;
-  std::thread::id holder;  // the thread that it is attached for
-  // What it holds open for further uploads, or is about to; empty when nothing. Both are the pool's.
+  std::thread::id holder;  // the thread that has it in hand; none while it is idle
+  // What it holds open for further uploads, or is about to; empty when nothing. All three are the pool's.
   std::string heldPath;
+  std::shared_ptr<UnconfirmedExtents> heldFile;  // whose content goes there
   bool mustLetGo = false;  // in use while that path moved or went: what it holds may stand for another file
 };
 
@@ -49,6 +51,9 @@ class SessionWaiter {
   virtual void doSpareWork() {}
   // The path that is about to be uploaded to: a session that holds it open is given first.
   virtual const std::string* preferredPath() const { return nullptr; }
+  // Whether what the session is for cannot be repeated when the session turns out to be lost: then it is
+  // looked at before, however lately it was used.
+  virtual bool hasOneAttempt() const { return false; }
   // Asked during a login.
   virtual bool isWorthyTrust(const std::string& fingerprint) = 0;
 };
@@ -83,12 +88,19 @@ class SessionPool {
       EXCLUDES(iCondition);
   // Takes it back; `reusable` when it may serve another call. A transfer must have been ended before.
   void detach(std::shared_ptr<PooledSession> session, bool reusable) EXCLUDES(iCondition);
-  // Notes what a session in use is about to upload to. True when it has to end first what it holds.
-  bool claim(PooledSession& session, std::string_view path) EXCLUDES(iCondition);
+  // Notes what a session in use is about to upload: `file` to `path`, or null and nothing when it will not
+  // hold anything. What else it holds is ended first.
+  void claim(PooledSession& session, std::string_view path, std::shared_ptr<UnconfirmedExtents> file)
+      EXCLUDES(iCondition);
   // Idle sessions, and those that this thread has attached, end their hold of that path or one below it
   // before this returns; others in use when they are given back, or before their next transfer. Waits for the
   // server.
   void letGoOf(std::string_view path) EXCLUDES(iCondition);
+  // Returns when nothing is under way to that path, nor from that file (may be null) to any. Waits for other
+  // threads' calls too; therefore this thread's sessions end first whatever they hold, so that two that need
+  // each other's holds both go on.
+  void finishUploads(std::string_view path, const std::shared_ptr<UnconfirmedExtents>& file)
+      EXCLUDES(iCondition);
   // Turns an attached request into a transfer: false when the share of transfers is taken.
   bool tryBeginTransfer() EXCLUDES(iCondition);
   void endTransfer() EXCLUDES(iCondition);
@@ -133,20 +145,38 @@ class SessionPool {
   int transferCap() const REQUIRES(iCondition);
   int wantedCap() const REQUIRES(iCondition);
   std::shared_ptr<PooledSession> logIn(SessionWaiter& waiter, NSErrorRef* error) EXCLUDES(iCondition);
+  // Closes a session that was taken and turned out to be dead.
+  void drop(std::shared_ptr<PooledSession> session) EXCLUDES(iCondition);
   // Gives the place of a failed login back. True when waiting for another session makes sense.
   bool loginFailed(SessionUse use, const NSErrorRef& error) EXCLUDES(iCondition);
   bool enter(const std::shared_ptr<PooledSession>& session) EXCLUDES(iCondition);
+  void addToInUse(const std::shared_ptr<PooledSession>& session) REQUIRES(iCondition);
+  void removeFromInUse(const std::shared_ptr<PooledSession>& session) REQUIRES(iCondition);
   void noteHolder(const PooledSession& session, int change) REQUIRES(iCondition);
   bool threadHoldsSession() const EXCLUDES(iCondition);
-  void keepIdle(std::shared_ptr<PooledSession>& session) REQUIRES(iCondition);
-  static bool standsUp(PooledSession& session);
+  // Whether a session that is given back may stay.
+  bool hasPlaceForIdle() REQUIRES(iCondition);
+  void keepIdle(std::shared_ptr<PooledSession> session) REQUIRES(iCondition);
+  static bool standsUp(PooledSession& session, const SessionWaiter& waiter);
   void closeIdleSessions() EXCLUDES(iCondition);
   void sleepUntilDue(std::optional<NSDate> limit) EXCLUDES(iCondition, iCloserWake);
   void wakeCloser() EXCLUDES(iCloserWake);
-  // The idle session that has held something open for long enough; null when there is none. `limit` is put
-  // forward to when the next one is due.
+  // The idle session that has held something open for long enough, in use from now on; null when there is
+  // none. `limit` is put forward to when the next one is due.
   std::shared_ptr<PooledSession> takeDueHolder(std::optional<NSDate>* limit) REQUIRES(iCondition);
   void settleHolder(std::shared_ptr<PooledSession> session) EXCLUDES(iCondition);
+  // Those that `isMeant` picks: idle ones, which are in use from now on, go into `idle`; those in use are
+  // asked to let go, and are added to `own` when this thread has them, else what they send to `sending`.
+  struct Holders {
+    std::vector<std::shared_ptr<PooledSession>> idle;
+    std::vector<std::shared_ptr<PooledSession>> own;
+    std::vector<std::shared_ptr<UnconfirmedExtents>> sending;
+  };
+  using IsMeant = std::function<bool(const PooledSession& session)>;
+  Holders takeHolders(const IsMeant& isMeant) REQUIRES(iCondition);
+  void endHolds(Holders& holders) EXCLUDES(iCondition);
+  // Ends what a session in this thread's hands holds.
+  void endHold(PooledSession& session) EXCLUDES(iCondition);
 
   const std::shared_ptr<Engine> iEngine;
   const std::shared_ptr<const KCCredentials> iCredentials;

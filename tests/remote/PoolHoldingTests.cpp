@@ -218,5 +218,195 @@ TEST_F(PoolHolding, FinishingOnTheThreadThatHasTheSessionInHandEndsTheHold) {
   });
 }
 
+// ---- the thread that needs the end of a hold has a session in hand itself
+
+TEST_F(PoolHolding, AnUploadOfTheSameFileToASecondPathEndsTheHoldOfTheFirst) {
+  fake.with([&](AbstractConnection& connection) {
+    EXPECT_TRUE(connection.uploadFileHandle(*file, "a", "/a", 0, nullptr, nullptr));
+    EXPECT_TRUE(connection.uploadFileHandle(*file, "b", "/b", 0, nullptr, nullptr));
+  });
+  EXPECT_EQ(endsOfHold(), 1);
+  EXPECT_EQ(fake.engine->made, 1);
+}
+
+TEST_F(PoolHolding, FinishingUnderANewPathEndsTheHoldOfTheOldOne) {
+  fake.with([&](AbstractConnection& connection) {
+    EXPECT_TRUE(connection.uploadFileHandle(*file, "a", "/a", 0, nullptr, nullptr));
+    EXPECT_TRUE(connection.finishUploads(*file, "/b", nullptr));
+    EXPECT_EQ(endsOfHold(), 1);
+  });
+}
+
+TEST_F(PoolHolding, TwoThreadsThatEachHoldWhatTheOtherWantsBothGoOn) {
+  const auto second = temporaryFile("def");
+  fake.engine->onUpload = nullptr;
+  Gate bothHold;
+  const auto crossOver = [&](NSFileHandle& mine, const char* path, NSFileHandle& theirs,
+                             const char* theirPath) {
+    fake.with([&](AbstractConnection& connection) {
+      EXPECT_TRUE(connection.uploadFileHandle(mine, path, path, 0, nullptr, nullptr));
+      bothHold.pass();
+      EXPECT_TRUE(connection.uploadFileHandle(theirs, theirPath, theirPath, 0, nullptr, nullptr));
+    });
+  };
+  std::thread one([&] { crossOver(*file, "/a", *second, "/b"); });
+  std::thread other([&] { crossOver(*second, "/b", *file, "/a"); });
+  EXPECT_TRUE(bothHold.waitUntilEntered(2));
+  bothHold.open();
+  one.join();
+  other.join();
+  EXPECT_GE(endsOfHold(), 2);
+}
+
+// ---- a session that holds is in other hands
+
+class PoolHoldingElsewhere : public PoolHolding {
+ protected:
+  // Uploads to /a, then keeps the session that holds it in a listing until the gate opens.
+  void SetUp() override {
+    EXPECT_TRUE(upload("/a"));
+    fake.engine->onList = [this](FakeSession&, const std::string&, std::vector<RemoteEntry>*, NSErrorRef*) {
+      fake.engine->gate.pass();
+      return true;
+    };
+    lister = std::thread([this] { EXPECT_TRUE(fake.list()); });
+    EXPECT_TRUE(fake.engine->gate.waitUntilEntered());
+    // The gate opens when the upload that comes now has a session of its own.
+    opener = std::thread([this] {
+      while (fake.engine->logins < 2) std::this_thread::yield();
+      fake.engine->gate.open();
+    });
+    fake.engine->onUpload = [this](FakeSession&, NSFileHandle&, uint64_t, TransferControl&, NSErrorRef*) {
+      wasSending = file->extents()->isSending();
+      return true;
+    };
+  }
+  void replaceBy(NSFileHandle& other) {
+    fake.with([&](AbstractConnection& connection) {
+      EXPECT_TRUE(connection.uploadFileHandle(other, "a", "/a", 0, nullptr, nullptr));
+    });
+    opener.join();
+    lister.join();
+    EXPECT_EQ(wasSending, false);
+  }
+
+  std::thread lister;
+  std::thread opener;
+  std::optional<bool> wasSending;
+};
+
+TEST_F(PoolHoldingElsewhere, AWholeReplacementWaitsForWhatIsUnderWayToItsPath) {
+  replaceBy(*temporaryFile("new", NSFileHandle::Kind::kFile));
+}
+
+TEST_F(PoolHoldingElsewhere, AnUploadOfAnotherScratchFileWaitsForWhatIsUnderWayToItsPath) {
+  replaceBy(*temporaryFile("new"));
+}
+
+TEST_F(PoolHolding, AScratchFileDoesNotTakeAnothersHoldOfItsPathForItsOwn) {
+  EXPECT_TRUE(upload("/a"));
+  const auto other = temporaryFile("new");
+  fake.engine->onUpload = [this](FakeSession&, NSFileHandle&, uint64_t, TransferControl&, NSErrorRef*) {
+    EXPECT_FALSE(file->extents()->isSending());
+    return true;
+  };
+  fake.with([&](AbstractConnection& connection) {
+    EXPECT_TRUE(connection.uploadFileHandle(*other, "a", "/a", 0, nullptr, nullptr));
+  });
+  EXPECT_EQ(endsOfHold(), 1);
+  EXPECT_EQ(fake.engine->made, 1);
+}
+
+TEST_F(PoolHolding, ARemovalReachesASessionThatIsJustBeingLookedAt) {
+  makeSecondSession();
+  EXPECT_TRUE(upload("/a"));
+  const int holder = uploaders.back();
+  // The time is put back, so that the session's last use seems to lie in the future: it is looked at.
+  clock.advance(-0.5);
+  std::atomic<bool> removed{false};
+  fake.engine->onIsAlive = [&](FakeSession& session) {
+    if (session.number != holder || removed.exchange(true)) return true;
+    std::thread([&] {
+      fake.with(
+          [&](AbstractConnection& other) { EXPECT_TRUE(other.deleteItemAtPath("/a", false, nullptr)); });
+    }).join();
+    EXPECT_EQ(endsOfHold(), 0) << "in use";
+    return true;
+  };
+  EXPECT_TRUE(upload("/a"));
+  EXPECT_TRUE(removed);
+  EXPECT_EQ(endsOfHold(), 1) << "the upload opens the file that is at the path now";
+}
+
+// ---- sessions that are not kept
+
+TEST_F(PoolHolding, ASessionAboveALoweredCapEndsItsHoldBeforeItIsClosed) {
+  makeSecondSession();
+  fake.with([&](AbstractConnection& connection) {
+    EXPECT_TRUE(connection.uploadFileHandle(*file, "a", "/a", 0, nullptr, nullptr));
+    fake.pool->setMaximumConnections(1);
+  });
+  EXPECT_EQ(endsOfHold(), 1);
+  EXPECT_EQ(fake.engine->living, 1);
+  EXPECT_FALSE(file->extents()->isSending());
+  EXPECT_EQ(file->extents()->takeFailure(), nullptr);
+}
+
+// Whatever meets the loss, and tells nobody.
+class PoolLostHolders : public PoolHolding {
+ protected:
+  void SetUp() override {
+    EXPECT_TRUE(upload("/a"));
+    fake.engine->onEndOfHold = [this](FakeSession& session, const std::string&) {
+      session.lose();
+      lost = session.number;
+      return QuarnKitError::errorWithCode(kQuarnKitConnectionLost);
+    };
+    fake.engine->onIsAlive = [](FakeSession& session) { return !session.hasFailed(); };
+    fake.engine->onChange = [](FakeSession& session, const std::string&, NSErrorRef* error) {
+      return !session.hasFailed() || failWith(kQuarnKitConnectionLost, error);
+    };
+  }
+  void removeSomething() {
+    fake.with([&](AbstractConnection& connection) {
+      EXPECT_TRUE(connection.deleteItemAtPath("/b", false, nullptr));
+    });
+    EXPECT_EQ(lost, 1);
+    EXPECT_EQ(fake.engine->made, 2);
+    EXPECT_EQ(fake.engine->living, 1);
+  }
+  int lost = 0;
+};
+
+TEST_F(PoolLostHolders, AChangeAfterAFinishThatMetTheLossSucceedsOnAFreshSession) {
+  fake.with([&](AbstractConnection& connection) {
+    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+    EXPECT_TRUE(connection.contentsAtPath("/", &nodes, nullptr));
+    EXPECT_FALSE(connection.finishUploads(*file, "/a", nullptr));
+  });
+  removeSomething();
+}
+
+TEST_F(PoolLostHolders, AChangeAfterAReturnThatMetTheLossSucceedsOnAFreshSession) {
+  fake.engine->onList = [this](FakeSession&, const std::string&, std::vector<RemoteEntry>*, NSErrorRef*) {
+    // Asks the session, which is in use, to let go when it is given back.
+    std::thread([this] { fake.pool->sessions().letGoOf("/a"); }).join();
+    return true;
+  };
+  EXPECT_TRUE(fake.list());
+  removeSomething();
+}
+
+TEST_F(PoolLostHolders, AChangeLooksAtTheSessionHoweverLatelyItWasUsed) {
+  int questions = 0;
+  fake.engine->onIsAlive = [&](FakeSession&) {
+    ++questions;
+    lost = 1;
+    return false;
+  };
+  removeSomething();
+  EXPECT_EQ(questions, 1);
+}
+
 }  // namespace
 }  // namespace ombra

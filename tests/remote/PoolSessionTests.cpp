@@ -316,6 +316,65 @@ TEST(Pool, TheRegisteredEngineIsTheOneOfTheProtocol) {
   EXPECT_EQ(pool->credentials(), credentials);
 }
 
+// Stands in line until it gets a session, which it gives back at once.
+class InLine final : public SessionWaiter {
+ public:
+  InLine(SessionPool& pool, SessionUse use) : iThread([this, &pool, use] { wait(pool, use); }) {}
+  ~InLine() override { iThread.join(); }
+  const KCUUID& UUID() const override { return iUUID; }
+  bool wantsToStop() const override { return false; }
+  bool isWorthyTrust(const std::string&) override { return true; }
+  // Asked each time when there is no session for it.
+  bool hasSpareWork() const override {
+    ++iRefusals;
+    return false;
+  }
+  void waitUntilInLine() const {
+    while (iRefusals == 0) std::this_thread::yield();
+  }
+  Gate served;
+
+ private:
+  void wait(SessionPool& pool, SessionUse use) {
+    const std::shared_ptr<PooledSession> session = pool.attach(*this, use, nullptr);
+    if (session == nullptr) return;
+    served.pass([] { return true; });
+    if (use == SessionUse::kTransfer) pool.endTransfer();
+    pool.detach(session, true);
+  }
+
+  const KCUUID iUUID = KCUUID::UUID();
+  mutable std::atomic<int> iRefusals{0};
+  std::thread iThread;
+};
+
+TEST(Pool, ARequestIsServedWhenTheShareOfTransfersFillsUpBeforeTheTransferThatWasNext) {
+  FakePool fake;
+  fake.pool->setMaximumConnections(2);
+  SessionPool& pool = fake.pool->sessions();
+  fake.with([&](AbstractConnection& first) {
+    EXPECT_TRUE(first.connect(nullptr));
+    const std::shared_ptr<AbstractConnection> second = fake.pool->acquireConnection();
+    Gate connected;
+    std::thread connecting([&] {
+      EXPECT_TRUE(second->connect(nullptr));
+      connected.pass();
+    });
+    EXPECT_TRUE(connected.waitUntilEntered());
+    InLine transfer(pool, SessionUse::kTransfer);
+    transfer.waitUntilInLine();
+    InLine request(pool, SessionUse::kRequest);
+    request.waitUntilInLine();
+    fake.pool->releaseConnection(second);
+    // Most often before the transfer, which was told that it is its turn, has come to look.
+    const bool isFull = pool.tryBeginTransfer();
+    EXPECT_TRUE(request.served.waitUntilEntered()) << "a session is idle";
+    if (isFull) pool.endTransfer();
+    connected.open();
+    connecting.join();
+  });
+}
+
 #ifndef NDEBUG
 TEST(PoolDeathTest, WaitingForASecondSessionWhileHoldingOneIsCaught) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -127,7 +127,7 @@ void FakeSession::becameIdle() {
 
 bool FakeSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
                          NSErrorRef* error) {
-  if (iEngine.holds && from.isScratch() && iHeldPath != path) {
+  if (iEngine.holds && from.isScratch() && (iHeldPath != path || iHeldExtents != from.extents())) {
     becameIdle();
     iHeldPath = path;
     iHeldExtents = from.extents();

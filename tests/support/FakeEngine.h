@@ -91,10 +91,13 @@ class FakeSession final : public Session {
   const int number;  // from 1
   const SessionEnvironment environment;
   bool isInterrupted() const { return iInterrupted; }
+  // From here on it is known to be of no use.
+  void lose() { iIsLost = true; }
 
   bool logIn(NSErrorRef* error) override;
   std::string loginPath() const override { return "/home/u"; }
   bool isAlive() override { return !iEngine.onIsAlive || iEngine.onIsAlive(*this); }
+  bool hasFailed() const override { return iIsLost; }
   void interrupt() override;
   void becameIdle() override;
   std::string heldPath() const override { return iHeldPath; }
@@ -130,6 +133,7 @@ class FakeSession final : public Session {
   std::string iHeldPath;
   std::shared_ptr<UnconfirmedExtents> iHeldExtents;
   std::atomic<bool> iInterrupted{false};
+  std::atomic<bool> iIsLost{false};
 };
 
 // An error of the library, as a hook gives it: false with the slot filled.
