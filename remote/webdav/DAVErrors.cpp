@@ -93,9 +93,11 @@ NSErrorRef makeError(DAVRequestKind kind, int status, std::string_view path, std
 NSErrorRef davError(DAVRequestKind kind, const HTTPResponse& response, std::string_view path) {
   const std::string* location = response.header("Location");
   if (response.status / 100 == 3 && location != nullptr) {
+    // What stands behind the path may be a key to it.
+    const std::string_view address = std::string_view(*location).substr(0, location->find_first_of("?#"));
     return QuarnKitError::errorWithCode(
         kQuarnKitRefused, fmt::format("{}: the server sends the request on to {}; use that address", path,
-                                      std::string_view(*location).substr(0, kLongestWords)));
+                                      address.substr(0, kLongestWords)));
   }
   return makeError(kind, response.status, path, wordsOf(response));
 }

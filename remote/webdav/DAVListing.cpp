@@ -13,30 +13,24 @@ namespace {
 constexpr std::string_view kTemporaryPrefix = ".ombra-upload-";
 constexpr size_t kUUIDLength = 36;
 
-// Without the scheme and host that some servers put in front, and without slashes at the end.
+// Without the scheme and host that some servers put in front.
 std::string_view pathOfHref(std::string_view href) {
   const size_t scheme = href.find("://");
-  if (scheme != std::string_view::npos && scheme < std::min(href.find('/'), href.size())) {
-    const size_t slash = href.find('/', scheme + 3);
-    href = slash == std::string_view::npos ? std::string_view() : href.substr(slash);
-  }
-  while (href.ends_with('/')) href.remove_suffix(1);
-  return href;
+  if (scheme == std::string_view::npos || scheme > href.find('/')) return href;
+  const size_t slash = href.find('/', scheme + 3);
+  return slash == std::string_view::npos ? "/" : href.substr(slash);
 }
 
-// An item's place, split before it is decoded: an encoded slash is part of a name.
+// An item's place, split before it is decoded: an encoded slash is part of a name. The root's is empty.
 struct Place {
   explicit Place(std::string_view href) {
-    const std::string_view path = pathOfHref(href);
-    const size_t slash = path.rfind('/');
+    std::string_view path = pathOfHref(href);
+    isRelative = !path.starts_with('/');
+    while (path.ends_with('/')) path.remove_suffix(1);
     whole = percentDecoded(path);
-    if (slash == std::string_view::npos) {
-      isRelative = true;
-      name = whole;
-      return;
-    }
-    parent = percentDecoded(path.substr(0, slash));
-    name = percentDecoded(path.substr(slash + 1));
+    const size_t slash = path.rfind('/');
+    if (slash != std::string_view::npos) parent = percentDecoded(path.substr(0, slash));
+    name = percentDecoded(path.substr(slash == std::string_view::npos ? 0 : slash + 1));
   }
   std::string whole;
   std::string parent;
@@ -101,7 +95,7 @@ DAVListing listingOfDAVResponses(std::vector<DAVResponse> responses, std::string
     Place& place = places[i];
     if (i == self || isDAVTemporaryName(place.name)) continue;
     listing.holdsItems = true;
-    const bool isInFolder = place.isRelative || place.parent == folder;
+    const bool isInFolder = place.isRelative ? place.parent.empty() : place.parent == folder;
     const bool isThere = responses[i].status == 0 || responses[i].status / 100 == 2;
     if (!isInFolder || !isThere || !isShownName(place.name)) continue;
     RemoteEntry entry;

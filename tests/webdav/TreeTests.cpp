@@ -1,0 +1,266 @@
+// Logging in, listing, changing, and being sent elsewhere.
+#include <thread>
+
+#include "tests/webdav/SessionFixture.h"
+
+namespace ombra {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+TEST_F(WebDAVSessionTest, LogsInAtTheFolderThatIsToBeMounted) {
+  serve([](const HTTPSeen& seen) { return davAnswer({davItem(seen.target)}); });
+  credentials->setInitialPath("remote files/../dav");
+  EXPECT_TRUE(session->logIn(&error));
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /dav/"));
+  EXPECT_EQ(server->seen().at(0).header("depth"), "0");
+  EXPECT_THAT(server->seen().at(0).header("content-type"), HasSubstr("application/xml"));
+}
+
+struct LoginCase {
+  std::string name;
+  int status;
+  QuarnKitErrorCode code;  // 0 for a login that is good
+};
+
+class WebDAVLogin : public WebDAVSessionTest, public testing::WithParamInterface<LoginCase> {};
+
+TEST_P(WebDAVLogin, IsJudgedByTheAnswer) {
+  serve([](const HTTPSeen&) { return httpReply(GetParam().status, "<html>words</html>"); });
+  EXPECT_EQ(session->logIn(&error), GetParam().code == 0);
+  EXPECT_EQ(code(), GetParam().code);
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, WebDAVLogin,
+                         testing::Values(LoginCase{"Refused", 401, kQuarnKitLoginFailed},
+                                         LoginCase{"Missing", 404, {}}, LoginCase{"Forbidden", 403, {}},
+                                         LoginCase{"NoWebDAV", 405, kQuarnKitNotSupported},
+                                         LoginCase{"APage", 200, kQuarnKitProtocolError},
+                                         LoginCase{"NoAnswerOfWebDAV", 207, kQuarnKitProtocolError},
+                                         LoginCase{"TooMany", 503, kQuarnKitTooManyConnections},
+                                         LoginCase{"Broken", 500, kQuarnKitRefused}),
+                         [](const auto& info) { return info.param.name; });
+
+TEST_F(WebDAVSessionTest, ALoginThatIsSentToAnotherServerNamesIt) {
+  serve([](const HTTPSeen&) { return httpReply(301, "", "Location: https://elsewhere/dav/\r\n"); });
+  EXPECT_FALSE(session->logIn(&error));
+  EXPECT_THAT(error->localizedDescription(), HasSubstr("https://elsewhere/dav/"));
+  EXPECT_EQ(server->seen().size(), 1u);
+}
+
+TEST_F(WebDAVSessionTest, AFolderWithoutItsSlashIsFollowedToTheOneWith) {
+  serve([](const HTTPSeen& seen) {
+    if (!seen.target.ends_with('/')) return httpReply(301, "", "Location: " + seen.target + "/\r\n");
+    return davAnswer({davItem(seen.target)});
+  });
+  bool isDirectory = false;
+  EXPECT_TRUE(session->attributes("/a b", &isDirectory, &error)) << error->description();
+  EXPECT_TRUE(isDirectory);
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /a%20b", "PROPFIND /a%20b/"));
+  EXPECT_NE(server->seen().at(1).body, "");
+}
+
+TEST_F(WebDAVSessionTest, RedirectsDoNotGoOnForEver) {
+  serve([](const HTTPSeen& seen) { return httpReply(302, "", "Location: " + seen.target + "x\r\n"); });
+  EXPECT_FALSE(session->attributes("/a", nullptr, &error));
+  EXPECT_EQ(code(), kQuarnKitRefused);
+  EXPECT_LE(server->seen().size(), 6u);
+}
+
+TEST_F(WebDAVSessionTest, WhatChangesSomethingIsNotSentOnToAnotherItem) {
+  serve([](const HTTPSeen& seen) { return httpReply(307, "", "Location: " + seen.target + "/\r\n"); });
+  EXPECT_FALSE(session->remove("/a", false, &error));
+  EXPECT_FALSE(session->move("/a", false, "/b", &error));
+  EXPECT_FALSE(upload("/a", "x"));
+  EXPECT_FALSE(download("/a"));
+  EXPECT_THAT(lines(), ElementsAre("DELETE /a", "MOVE /a", "PUT /a", "GET /a"));
+}
+
+TEST_F(WebDAVSessionTest, AListingThatMakesNoSenseIsAProtocolError) {
+  for (const std::string& body : {std::string("<html/>"), std::string("<D:multistatus xmlns:D='DAV:'>"),
+                                  std::string("<D:multistatus xmlns:D='DAV:'/>"), std::string()}) {
+    serve([&](const HTTPSeen&) { return httpReply(207, body); });
+    std::vector<RemoteEntry> entries;
+    EXPECT_FALSE(session->list("/a", &entries, &error));
+    EXPECT_EQ(code(), kQuarnKitProtocolError) << body;
+    EXPECT_TRUE(session->isAlive());
+  }
+}
+
+TEST_F(WebDAVSessionTest, AFolderThatMayNotBeListedIsToldFromAFile) {
+  serve([](const HTTPSeen& seen) {
+    return seen.header("depth") == "1" ? httpReply(403) : davAnswer({davItem("/folder/")});
+  });
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session->list("/folder", &entries, &error));
+  EXPECT_EQ(code(), kQuarnKitListingNotPermitted);
+  serve([](const HTTPSeen& seen) {
+    return seen.header("depth") == "1" ? httpReply(400) : davAnswer({davItem("/file")});
+  });
+  EXPECT_FALSE(session->list("/file", &entries, &error));
+  EXPECT_EQ(code(), kQuarnKitNotAFolder);
+}
+
+TEST_F(WebDAVSessionTest, AStatusInsideTheAnswerCounts) {
+  serve([](const HTTPSeen&) {
+    return httpReply(207,
+                     "<D:multistatus xmlns:D='DAV:'><D:response><D:href>/a</D:href>"
+                     "<D:status>HTTP/1.1 404 Not Found</D:status></D:response></D:multistatus>");
+  });
+  EXPECT_FALSE(session->attributes("/a", nullptr, &error));
+  EXPECT_EQ(code(), kQuarnKitNoSuchItem);
+}
+
+TEST_F(WebDAVSessionTest, ThePathsOfFilesAreTheirNamesWithoutASlashAndThoseOfFoldersHaveOne) {
+  serve([](const HTTPSeen& seen) {
+    return seen.method == "PROPFIND" ? davAnswer({davItem(seen.target)}) : httpReply(201);
+  });
+  EXPECT_TRUE(session->createFolder("/new", &error));
+  EXPECT_TRUE(session->remove("/file", false, &error));
+  EXPECT_TRUE(session->remove("/folder", true, &error));
+  EXPECT_TRUE(session->move("/f\xC3\xA9", false, "/g", &error));
+  EXPECT_TRUE(session->move("/a", true, "/b", &error));
+  EXPECT_THAT(lines(), ElementsAre("MKCOL /new/", "DELETE /file", "PROPFIND /folder/", "DELETE /folder/",
+                                   "MOVE /f%C3%A9", "MOVE /a/"));
+  EXPECT_EQ(server->seen().at(1).header("depth"), "0") << "a folder in the file's place must stay";
+  EXPECT_EQ(server->seen().at(4).header("destination"), server->url("/g"));
+  EXPECT_EQ(server->seen().at(5).header("destination"), server->url("/b/"));
+}
+
+TEST_F(WebDAVSessionTest, AFullFolderIsNotRemoved) {
+  serve([](const HTTPSeen&) { return davAnswer({davItem("/folder/"), davItem("/folder/a%2Fb")}); });
+  EXPECT_FALSE(session->remove("/folder", true, &error));
+  EXPECT_EQ(code(), kQuarnKitFolderNotEmpty);
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /folder/"));
+}
+
+TEST_F(WebDAVSessionTest, AFileIsNotRemovedAsAFolder) {
+  serve([](const HTTPSeen&) { return davAnswer({davItem("/file")}); });
+  EXPECT_FALSE(session->remove("/file", true, &error));
+  EXPECT_EQ(code(), kQuarnKitNotAFolder);
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /file/"));
+}
+
+TEST_F(WebDAVSessionTest, ARemovalThatFailedInPartFailed) {
+  serve([](const HTTPSeen& seen) {
+    if (seen.method == "PROPFIND") return davAnswer({davItem("/folder/")});
+    return httpReply(207,
+                     "<D:multistatus xmlns:D='DAV:'><D:response><D:href>/folder/x</D:href>"
+                     "<D:status>HTTP/1.1 423 Locked</D:status></D:response></D:multistatus>");
+  });
+  EXPECT_FALSE(session->remove("/folder", true, &error));
+  EXPECT_EQ(code(), kQuarnKitPermissionDenied);
+}
+
+TEST_F(WebDAVSessionTest, AMoveReplacesAFileButNeverAFolder) {
+  const auto script = [](const std::string& there) {
+    return [there](const HTTPSeen& seen) {
+      if (seen.method == "PROPFIND") return davAnswer({davItem(there)});
+      return httpReply(seen.header("overwrite") == "T" ? 204 : 412);
+    };
+  };
+  serve(script("/b"));
+  EXPECT_TRUE(session->move("/a", false, "/b", &error));
+  EXPECT_THAT(lines(), ElementsAre("MOVE /a", "PROPFIND /b", "MOVE /a"));
+  serve(script("/b/"));
+  EXPECT_FALSE(session->move("/a", false, "/b", &error));
+  EXPECT_EQ(code(), kQuarnKitItemExists);
+  EXPECT_THAT(lines(), ElementsAre("MOVE /a", "PROPFIND /b"));
+  serve(script("/b/"));
+  EXPECT_FALSE(session->move("/a", true, "/b", &error));
+  EXPECT_EQ(code(), kQuarnKitItemExists);
+  EXPECT_THAT(lines(), ElementsAre("MOVE /a/"));
+}
+
+TEST_F(WebDAVSessionTest, AQuotaIsAVolume) {
+  const auto script = [](const std::string& properties) {
+    return [properties](const HTTPSeen&) {
+      return httpReply(207,
+                       "<D:multistatus xmlns:D='DAV:'><D:response><D:href>/a/</D:href><D:propstat><D:prop>"
+                       "<D:resourcetype><D:collection/></D:resourcetype>" +
+                           properties +
+                           "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>"
+                           "</D:multistatus>");
+    };
+  };
+  serve(script(
+      "<D:quota-available-bytes>700</D:quota-available-bytes><D:quota-used-bytes>300</D:quota-used-bytes>"));
+  const auto volume = session->fileSystemAttributes("/a", &error);
+  ASSERT_TRUE(volume.has_value());
+  EXPECT_EQ(volume->systemSize, 1000u);
+  EXPECT_EQ(volume->systemFreeSize, 700u);
+  for (const char* unknown : {"", "<D:quota-available-bytes>-3</D:quota-available-bytes>",
+                              "<D:quota-used-bytes>300</D:quota-used-bytes>"}) {
+    serve(script(unknown));
+    EXPECT_FALSE(session->fileSystemAttributes("/a", &error).has_value());
+    EXPECT_EQ(code(), kQuarnKitNotSupported) << unknown;
+  }
+}
+
+TEST_F(WebDAVSessionTest, WhatTheProtocolCannotDoIsSaidWithoutAsking) {
+  serve([](const HTTPSeen&) { return httpReply(200); });
+  NSFileAttributes mode;
+  mode.posixPermissions = 0600;
+  EXPECT_FALSE(session->changeAttributes(mode, "/a", &error));
+  EXPECT_EQ(code(), kQuarnKitAttributeChangeNotSupported);
+  EXPECT_TRUE(session->changeAttributes({}, "/a", &error));
+  EXPECT_FALSE(session->createSymbolicLink("/a", "b", &error));
+  EXPECT_EQ(code(), kQuarnKitNotSupported);
+  EXPECT_TRUE(session->flushFile("/a", &error));
+  EXPECT_TRUE(server->lines().empty());
+}
+
+TEST_F(WebDAVSessionTest, PathsAreInOneNormalForm) {
+  serve([](const HTTPSeen& seen) { return davAnswer({davItem(seen.target)}); });
+  const std::pair<const char*, const char*> table[] = {
+      {"b", "/base/b"}, {"/a//b/./", "/a/b"}, {"../x", "/x"}, {"../../..", "/"},
+      {"~", "/"},       {"~/x", "/x"},        {"", "/base"},  {"/a/../b", "/b"},
+  };
+  for (const auto& [path, normal] : table)
+    EXPECT_EQ(session->realPath(path, "/base", nullptr, &error), normal) << path;
+}
+
+TEST_F(WebDAVSessionTest, AnInterruptEndsAWaitAtOnce) {
+  serve([](const HTTPSeen&) { return httpSilence(); });
+  std::thread interrupts([this] {
+    server->waitForRequests(1);
+    session->interrupt();
+  });
+  EXPECT_FALSE(session->attributes("/a", nullptr, &error));
+  EXPECT_EQ(code(), kQuarnKitConnectionLost);
+  interrupts.join();
+  EXPECT_FALSE(session->isAlive());
+}
+
+TEST_F(WebDAVSessionTest, ALostMoveOrRemovalIsNotRepeated) {
+  serve([](const HTTPSeen& seen) {
+    return seen.method == "PROPFIND" ? davAnswer({davItem(seen.target)}) : httpHangUp();
+  });
+  ASSERT_TRUE(session->attributes("/a", nullptr, &error));
+  EXPECT_FALSE(session->remove("/a", false, &error));
+  EXPECT_EQ(code(), kQuarnKitConnectionLost);
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /a", "DELETE /a"));
+}
+
+TEST_F(WebDAVSessionTest, TheTranscriptHoldsNoSecret) {
+  serve([](const HTTPSeen& seen) {
+    if (seen.header("authorization").empty())
+      return httpReply(401, "", "WWW-Authenticate: Basic realm=\"r\"\r\n");
+    return davAnswer({davItem(seen.target)});
+  });
+  credentials->setUsername("wanda");
+  credentials->setPassword("fish-password");
+  SessionEnvironment environment;
+  environment.credentials = credentials;
+  environment.transcript = transcript;
+  session = std::make_unique<WebDAVSession>(environment, facts);
+  ASSERT_TRUE(session->logIn(&error));
+  EXPECT_THAT(transcript->text(), HasSubstr("> PROPFIND / HTTP/1.1"));
+  for (const char* secret : {"fish-password", "d2FuZGE6ZmlzaC1wYXNzd29yZA"})
+    EXPECT_THAT(transcript->text(), Not(HasSubstr(secret)));
+}
+
+}  // namespace
+}  // namespace ombra
