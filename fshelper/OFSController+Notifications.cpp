@@ -124,7 +124,7 @@ void OFSController::requestUnmount(bool force) {
     return;
   }
   if (force) {
-    if (const std::shared_ptr<OmbraFileSystem> object = fileSystemObject()) object->giveUpConnections();
+    if (const std::shared_ptr<OmbraFileSystem> object = fileSystemObject()) object->giveUpServer();
   }
   if (const std::shared_ptr<OFSMount> mount = fileSystem()) mount->unmount();
 }

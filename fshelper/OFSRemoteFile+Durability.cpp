@@ -114,10 +114,12 @@ bool OFSRemoteFile::locked_synchronize(StAbstractConnection& holder, NSErrorRef*
     if (iAbandoned) return true;
     if (iConfirmedGeneration >= wanted) {
       if (locked_finishInPlace(holder, nullptr)) return true;
+      if (iSuperseded) return locked_failSuperseded(error);
       // The server has refused what it had been sent. One more way is left: the whole file anew.
       locked_doubtServer();
       wanted = iLocalGeneration;
     }
+    if (iSuperseded) return locked_failSuperseded(error);
     if (iFileHandle == nullptr || iContentFailed) break;
     iBytesAvailable = 0;
     iBytesRequired = iFileHandle->fileLength();
@@ -136,6 +138,11 @@ bool OFSRemoteFile::locked_synchronize(StAbstractConnection& holder, NSErrorRef*
   // Told here; no later write need be told again.
   iUnreportedError.reset();
   storeError(error, ofs_posixError(kEIO, iLastError));
+  return false;
+}
+
+bool OFSRemoteFile::locked_failSuperseded(NSErrorRef* error) {
+  storeError(error, ofs_posixError(kEIO, ofs_supersededError()));
   return false;
 }
 
@@ -187,8 +194,18 @@ std::optional<NSDate> OFSRemoteFile::seededDate() const {
 void OFSRemoteFile::abandon() {
   const ConditionLock lock(iCondition);
   iAbandoned = true;
-  iNeedsFlush = false;
   locked_publishLedger();
+  locked_stopSending();
+}
+
+void OFSRemoteFile::supersede() {
+  const ConditionLock lock(iCondition);
+  iSuperseded = true;
+  locked_stopSending();
+}
+
+void OFSRemoteFile::locked_stopSending() {
+  iNeedsFlush = false;
   iCondition.broadcast();
   // A download goes on: handles may still want to read what is yet to come.
   if (iState == kOFSNew || iState == kOFSDownloading) return;

@@ -121,11 +121,11 @@ bool OFSRemoteFile::setAttributes(const NSFileAttributes& attributes, NSErrorRef
   const ConditionLock lock(iCondition);
   {
     const SettleWaiter waiter(*this);
-    while (iState != kOFSSettled || (iMoves > 0 && !iAbandoned)) locked_wait();
+    while (iState != kOFSSettled || (iMoves > 0 && !locked_sendsNothing())) locked_wait();
   }
   if (!locked_setLocalAttributes(attributes)) return false;
   // The item of an abandoned file is gone from the server.
-  if (!attributes.posixPermissions || iAbandoned) return true;
+  if (!attributes.posixPermissions || locked_sendsNothing()) return true;
   return locked_setRemotePermissions(*holder, *attributes.posixPermissions, error);
 }
 

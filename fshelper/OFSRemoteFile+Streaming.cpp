@@ -21,7 +21,7 @@ bool OFSRemoteFile::locked_streamBytes(const void* bytes, uint64_t length, uint6
   // The stream may end, or another writer may begin a new one, while this write waits for room in the queue.
   // Then it begins again: its bytes must not fall into a queue that is gone or that they do not continue.
   bool queueIsReady = false;
-  while (!queueIsReady && !iAbandoned) {
+  while (!queueIsReady && !locked_sendsNothing()) {
     if (!locked_continuesStreamAt(offset)) {
       locked_endStreamBefore(offset);
       if (iState != kOFSSettled) continue;
@@ -33,7 +33,7 @@ bool OFSRemoteFile::locked_streamBytes(const void* bytes, uint64_t length, uint6
     }
     queueIsReady = iStreamWork && locked_continuesStreamAt(offset);
   }
-  if (iAbandoned) return true;
+  if (locked_sendsNothing()) return true;
 
   locked_queueStreamBytes(bytes, length, offset, generation);
   if (iState == kOFSStreaming) {

@@ -21,7 +21,7 @@ constexpr const char* kUploadPending = "-[OFSRemoteFile locked_uploadPendingLeng
 
 void OFSRemoteFile::locked_uploadPendingLength(uint64_t length, uint64_t offset) {
   locked_settleBeforeUploadAt(offset);
-  if (iAbandoned) {
+  if (locked_sendsNothing()) {
     if (iState == kOFSSettled) iBytesRequired = 0;
     return;
   }

@@ -75,7 +75,7 @@ int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buff
   const uint64_t length = static_cast<uint64_t>(count);
   iFileHandle->noteWritten({begin, begin + length});
   locked_noteLocalChange(begin);
-  if (iAbandoned) return static_cast<int>(count);
+  if (locked_sendsNothing()) return static_cast<int>(count);
   if (inPlace) {
     iFileHandle->synchronizeFile();
     // The lock is held until this piece is on its way.
@@ -165,7 +165,7 @@ void OFSRemoteFile::locked_awaitTurnToTruncate(int64_t offset) {
     // A new object that nobody opens would never settle.
     const bool neverOpened = iState == kOFSNew && iFileHandle == nullptr;
     const bool isIdle = neverOpened || (iState == kOFSSettled && iWorkers.empty());
-    if (isIdle && (iAbandoned || iMoves == 0)) return;
+    if (isIdle && (locked_sendsNothing() || iMoves == 0)) return;
     // Overwriting a large file that has just been looked at need not wait for bytes that are thrown away.
     if (offset == 0) locked_cancelDownload();
     locked_wait();
@@ -185,7 +185,7 @@ void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset
               remotePath());
   }
   const bool wasCovered = iConfirmedGeneration == iLocalGeneration;
-  const bool wasStored = !iAbandoned && wasCovered && locked_isStoredInPlace(holder);
+  const bool wasStored = !locked_sendsNothing() && wasCovered && locked_isStoredInPlace(holder);
   if (OFSRemoteFileLocalCalls::current().ftruncate(iFileHandle->fileDescriptor(), offset) == -1 &&
       errno != EINTR) {
     const int failure = errno;
@@ -195,7 +195,7 @@ void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset
   iFileHandle->noteTruncated(length);
   locked_noteLocalChange(length);
   uint64_t transferred = length;
-  if (!iAbandoned) {
+  if (!locked_sendsNothing()) {
     NSErrorRef failure;
     if (!locked_sendCacheFile(*holder, 0, &transferred, &failure)) {
       locked_doubtServer();

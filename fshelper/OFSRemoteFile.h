@@ -142,6 +142,10 @@ class OFSRemoteFile final : public GMOpenFile,
   // The file is about to be removed from the server: from now on nothing is sent, and handles are served from
   // the cache. Returns when the transfer that was sending has ended, so that it cannot make the file again.
   void abandon() EXCLUDES(iCondition);
+  // Another object of the path has come to stand for the file: from now on nothing of this one is sent, so
+  // that it does not get over that one, and handles are served from the cache. What the server lacks by then
+  // stays unsent, and a synchronisation fails. Waits as `abandon` does.
+  void supersede() EXCLUDES(iCondition);
   // The removal did not happen: what is written counts again.
   void reclaim() EXCLUDES(iCondition);
   // True when anything was ever written to it here.
@@ -321,6 +325,9 @@ class OFSRemoteFile final : public GMOpenFile,
   // After each change of the ledger: shows it on the record.
   void locked_publishLedger() REQUIRES(iCondition);
   bool locked_synchronize(StAbstractConnection& holder, NSErrorRef* error) REQUIRES(iCondition);
+  bool locked_sendsNothing() const REQUIRES(iCondition) { return iAbandoned || iSuperseded; }
+  void locked_stopSending() REQUIRES(iCondition);
+  bool locked_failSuperseded(NSErrorRef* error) REQUIRES(iCondition);
   void locked_applySeed() REQUIRES(iCondition) EXCLUDES(iPathLock);
   std::optional<NSDate> seededDate() const EXCLUDES(iPathLock);
 
@@ -376,6 +383,7 @@ class OFSRemoteFile final : public GMOpenFile,
 
   bool iContentFailed GUARDED_BY(iCondition) = false;
   bool iAbandoned GUARDED_BY(iCondition) = false;
+  bool iSuperseded GUARDED_BY(iCondition) = false;
 
   size_t iSettleWaiters GUARDED_BY(iCondition) = 0;
   size_t iSynchronizers GUARDED_BY(iCondition) = 0;

@@ -17,6 +17,12 @@ NSErrorRef ofs_posixError(int code, const NSErrorRef& underlying) {
   return error;
 }
 
+NSErrorRef ofs_supersededError() {
+  return NSError::errorWithDomain(NSPOSIXErrorDomain, kEEXIST,
+                                  {{std::string(NSLocalizedDescriptionKey),
+                                    std::string("a newer file of that name has taken its place")}});
+}
+
 std::string ofs_describeError(const NSErrorRef& error) {
   return error == nullptr ? "(null)" : error->description();
 }

@@ -28,6 +28,8 @@ class SCOPED_CAPABILITY ConditionRelease {
 
 // The error of the interface for an errno value, with what lies beneath (may be null); reported to the log.
 NSErrorRef ofs_posixError(int code, const NSErrorRef& underlying = nullptr);
+// Why content of a file must not be sent: another file has taken its place.
+NSErrorRef ofs_supersededError();
 // For trace lines and messages: the error's description, or "(null)".
 std::string ofs_describeError(const NSErrorRef& error);
 // For trace lines: "2001-09-09 01:46:40 +0000".

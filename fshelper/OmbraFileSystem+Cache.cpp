@@ -8,6 +8,8 @@
 #include <system_error>
 #include <thread>
 
+#include "fshelper/OFSDeadline.h"
+#include "fshelper/OFSRemoteFileSupport.h"
 #include "fshelper/OFSTracing.h"
 #include "fshelper/OmbraFileSystem.h"
 #include "fshelper/StAbstractConnection.h"
@@ -24,6 +26,7 @@ constexpr uint64_t kDefaultBudget = uint64_t{10} << 30;  // bytes
 constexpr size_t kDefaultFiles = 8192;                   // each costs an open descriptor
 constexpr size_t kDrainThreads = 4;
 constexpr size_t kNamesForACopy = 1000;  // tried at most
+constexpr double kSecondsOnTrial = 20;   // a login that answers at all
 constexpr unsigned kRecoveredFolderMode = 0700;
 
 // The default, or half of what the temporary folder's disk could hold for us if that is less.
@@ -134,22 +137,40 @@ std::string OmbraFileSystem::saveAside(OFSRemoteFile& file, std::string_view pat
   return {};
 }
 
-// What hangs on no node any more is sent only where nothing has taken its place: neither a later file of this
-// volume's, nor one that somebody else has made.
+void OmbraFileSystem::supersedeLeftBehind(const std::string& remotePath, const OFSRemoteFile* successor) {
+  for (const auto& file : iFiles.detachedAtPath(remotePath)) {
+    if (file.get() != successor) file->supersede();
+  }
+}
+
+// Whether the tree knows another file in its place. Also asked of files that nobody has detached: a node may
+// have left the tree together with a folder above it while the file was being made.
 bool OmbraFileSystem::isOutdated(const OFSNodeFileTable::Entry& entry) const {
-  if (!entry.isDetached) return false;
   if (entry.isOutdated) return true;
   const std::shared_ptr<KCRemoteFileNode> node = _nodeForPath(pathForRemotePath(entry.file->remotePath()));
   return node != nullptr && ofs_remoteFile(*node) != entry.file;
 }
 
+// What hangs on no node any more is sent only where nothing has taken its place: neither a later file of this
+// volume's, nor one that somebody else has made, which the known listing need not show yet. Why it must not
+// be sent; null when it may.
+NSErrorRef OmbraFileSystem::obstacleTo(const OFSNodeFileTable::Entry& entry) {
+  if (isOutdated(entry)) return ofs_supersededError();
+  if (!entry.isDetached) return nullptr;
+  const std::string folder = stringByDeletingLastPathComponent(pathForRemotePath(entry.file->remotePath()));
+  const std::shared_ptr<KCRemoteFileNode> parent = nodeForPath(folder);
+  if (parent != nullptr) parent->setExpired(true);
+  NSErrorRef error;
+  if (!contentsOfDirectoryAtPath(folder, &error)) return error != nullptr ? error : ofs_posixError(kENOENT);
+  return isOutdated(entry) ? ofs_supersededError() : nullptr;
+}
+
 bool OmbraFileSystem::sendAtTheEnd(const OFSNodeFileTable::Entry& entry, NSErrorRef* error) {
-  if (!isOutdated(entry)) return entry.file->synchronize(error);
+  NSErrorRef obstacle = obstacleTo(entry);
+  if (obstacle == nullptr) return entry.file->synchronize(error);
   // Also the release of a handle that it may still have must not send it.
   entry.file->abandon();
-  *error = NSError::errorWithDomain(NSPOSIXErrorDomain, kEEXIST,
-                                    {{std::string(NSLocalizedDescriptionKey),
-                                      std::string("a newer file of that name has taken its place")}});
+  *error = std::move(obstacle);
   return false;
 }
 
@@ -168,24 +189,40 @@ std::optional<GMUndelivered> OmbraFileSystem::deliver(const OFSNodeFileTable::En
   return undelivered;
 }
 
+// Null where the server is not to be looked for.
+std::shared_ptr<KCConnectionPool> OmbraFileSystem::putOnTrial() {
+  const PoolMaker maker = poolMaker();
+  std::shared_ptr<KCConnectionPool> pool = maker ? maker() : nullptr;
+  MutexLock lock(iPropertyLock);
+  // Given up for good while the pool was made.
+  if (!iPoolMaker) return nullptr;
+  iPoolOnTrial = pool;
+  return pool;
+}
+
+// Repeated attempts to log in would cost minutes, in which nothing is saved.
+bool OmbraFileSystem::answers(KCConnectionPool& pool) {
+  const OFSDeadline deadline(kSecondsOnTrial, [&pool] { pool.shutDown(); });
+  StAbstractConnection connection(&pool, this);
+  std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+  NSErrorRef error;
+  if (connection->contentsAtPath(rootPath(), &nodes, &error)) return true;
+  NSLog("The server cannot be reached any more ({}); what is unsent is saved on this machine.",
+        error == nullptr ? "no reason was given" : error->localizedDescription());
+  return false;
+}
+
 // The pool that was given up stores nothing any more, but the server may be well: perhaps only one call hung.
 // One look tells; where it fails, nobody waits for each file to find out the same.
 void OmbraFileSystem::reopenConnections(const std::vector<OFSNodeFileTable::Entry>& unsent) {
-  const PoolMaker maker = poolMaker();
-  const std::shared_ptr<KCConnectionPool> pool = maker ? maker() : nullptr;
+  const std::shared_ptr<KCConnectionPool> pool = putOnTrial();
   if (pool == nullptr) return;
-  {
-    StAbstractConnection connection(pool.get(), this);
-    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
-    NSErrorRef error;
-    if (!connection->contentsAtPath(rootPath(), &nodes, &error)) {
-      NSLog("The server cannot be reached any more ({}); what is unsent is saved on this machine.",
-            error == nullptr ? "no reason was given" : error->localizedDescription());
-      return;
-    }
+  if (answers(*pool)) {
+    setConnectionPool(pool);
+    for (const auto& entry : unsent) entry.file->setConnectionPool(pool);
   }
-  setConnectionPool(pool);
-  for (const auto& entry : unsent) entry.file->setConnectionPool(pool);
+  MutexLock lock(iPropertyLock);
+  iPoolOnTrial.reset();
 }
 
 std::vector<GMUndelivered> OmbraFileSystem::drainAll() {

@@ -76,6 +76,7 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   file->setConnectionPool(connectionPool());
   const bool isListed = canShowNewItems(parent);
   if (!file->openWithMode(kNewFileFlags, error)) return false;
+  supersedeLeftBehind(file->remotePath(), nullptr);
   std::shared_ptr<KCRemoteFileNode> node = isListed ? showNewFile(parent, *path) : nullptr;
   if (node == nullptr) {
     markStale(*parent, *path);

@@ -159,7 +159,9 @@ bool OmbraFileSystem::settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* erro
   std::vector<std::shared_ptr<OFSRemoteFile>> files;
   for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) {
     const std::string filePath = entry.file->remotePath();
-    if (filePath == remotePath || movedPath(filePath, remotePath, {})) files.push_back(entry.file);
+    if (filePath != remotePath && !movedPath(filePath, remotePath, {})) continue;
+    // What was left behind would be sent over the file that is to be moved.
+    if (!entry.isDetached || !isOutdated(entry)) files.push_back(entry.file);
   }
   for (const auto& file : files) file->holdWrites();
   {
@@ -237,9 +239,20 @@ uint64_t OmbraFileSystem::bytesMoved() {
 
 void OmbraFileSystem::giveUpConnections() {
   OFS_TRACE("-[OmbraFileSystem giveUpConnections]", "");
-  iGivenUp = true;
+  std::shared_ptr<KCConnectionPool> onTrial;
+  {
+    MutexLock lock(iPropertyLock);
+    iGivenUp = true;
+    onTrial = iPoolOnTrial;
+  }
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   if (pool != nullptr) pool->shutDown();
+  if (onTrial != nullptr && onTrial != pool) onTrial->shutDown();
+}
+
+void OmbraFileSystem::giveUpServer() {
+  setPoolMaker({});
+  giveUpConnections();
 }
 
 }  // namespace ombra

@@ -21,7 +21,9 @@ bool OmbraFileSystem::openFileAtPath(OptionalPath path, int mode, GMUserData* us
     OFS_FAIL(error, kENOENT);
     return false;
   }
-  OFSNodeFilePin pin = pinnedRemoteFileForNode(node, remotePathForPath(*path));
+  const std::string remotePath = remotePathForPath(*path);
+  OFSNodeFilePin pin = pinnedRemoteFileForNode(node, remotePath);
+  if ((mode & (kO_WRONLY | kO_RDWR | kO_TRUNC)) != 0) supersedeLeftBehind(remotePath, pin.file().get());
   if (!pin->openWithMode(static_cast<uint16_t>(mode), error)) return false;
   if (userData != nullptr) *userData = pin.keep();
   return true;

@@ -77,9 +77,21 @@ std::vector<OmbraFileSystem::Merge::Node> OmbraFileSystem::Merge::keepOrLeave(co
 void OmbraFileSystem::Merge::forget(const std::vector<Node>& gone) {
   for (const Node& node : gone) {
     iFileSystem._forgetNode(node);
-    const std::shared_ptr<OFSRemoteFile> file = ofs_remoteFile(*node);
-    if (file != nullptr) iFileSystem.iFiles.detach(*file);
+    detachFiles(node);
   }
+}
+
+// What is below a folder that is gone is as gone as the folder itself.
+void OmbraFileSystem::Merge::detachFiles(const Node& node) {
+  const std::shared_ptr<OFSRemoteFile> file = ofs_remoteFile(*node);
+  if (file != nullptr) iFileSystem.iFiles.detach(*file);
+  std::vector<Node> children;
+  {
+    RecursiveMutexLock lock(node->objectLock());
+    const std::shared_ptr<OFSNodeSet> contents = ofs_contentsSet(*node);
+    if (contents != nullptr) children.assign(contents->begin(), contents->end());
+  }
+  for (const Node& child : children) detachFiles(child);
 }
 
 OmbraFileSystem::Merge::Node OmbraFileSystem::Merge::resolved(const Node& link) {

@@ -37,6 +37,7 @@ class OmbraFileSystem::Merge {
   void mergeNode(Node node, const OFSNodeSet* old, OFSNodeSet& contents);
   std::vector<Node> keepOrLeave(const OFSNodeSet& old, OFSNodeSet& contents);
   void forget(const std::vector<Node>& gone);
+  void detachFiles(const Node& node);
 
   Node resolved(const Node& link);
   Node nodeOutside(const Node& link, const std::string& target, bool isDirectory);

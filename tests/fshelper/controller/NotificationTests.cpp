@@ -416,6 +416,7 @@ TEST_F(UnmountRequest, OfAMountedVolumeUnmounts) {
   EXPECT_THAT(mount->iCalls, ElementsAre("unmount"));
   EXPECT_EQ(controller->state(), OFSController::State::kUnmounting);
   EXPECT_EQ(server.count("shutDown"), 0u);
+  EXPECT_TRUE(fileSystem->poolMaker());
 }
 
 TEST_F(UnmountRequest, WithForceNoLongerWaitsForTheServer) {
@@ -423,6 +424,7 @@ TEST_F(UnmountRequest, WithForceNoLongerWaitsForTheServer) {
   postDidMount();
   controller->requestUnmount(true);
   EXPECT_EQ(server.count("shutDown"), 1u);
+  EXPECT_FALSE(fileSystem->poolMaker()) << "it would be looked for again before anything is saved";
 }
 
 TEST_F(UnmountRequest, WhileMountingIsKeptUntilTheMountIsThere) {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <thread>
 
 #include "fshelper/OFSRemoteFile.h"
@@ -18,6 +19,7 @@ using ::testing::UnorderedElementsAre;
 class Drain : public FileSystemTest {
  protected:
   Drain() {
+    gStreamingSupported = true;
     server.setSupportsUploadByteOffset(false);
     mountPoint.path = "/Volumes/Srv";
     std::filesystem::remove_all(recovered);
@@ -140,6 +142,109 @@ TEST_F(Drain, AFileThatIsStillOpenIsNotSentOverANewerOneAtItsRelease) {
   EXPECT_EQ(server.content(kPath), "new");
 }
 
+TEST_F(Drain, AFileThatIsStillOpenSendsNothingOnceANewerOneIsThere) {
+  const GMUserData old = writeRefused(kPath, "old");
+  server.removeItem(kPath);
+  makeStale("/");
+  list("/");
+  server.stopFailing();
+  store(kPath, "new");
+  EXPECT_EQ(write(kPath, old, "er", 3), 2);
+  EXPECT_FALSE(fileSystem.synchronizeFileAtPath(kPath, old, &error));
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(underlyingCode(), kEEXIST);
+  release(kPath, old);
+  EXPECT_EQ(server.content(kPath), "new");
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("older"));
+}
+
+TEST_F(Drain, AFileThatIsBeingSentDoesNotGetOverANewerOne) {
+  gStreamingSupported = false;
+  const GMUserData old = create(kPath);
+  const auto hold = server.hold("uploadFileAtPath", kPath);
+  ASSERT_EQ(write(kPath, old, "old"), 3);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  server.removeItem(kPath);
+  makeStale("/");
+  list("/");
+  const GMUserData file = create(kPath);
+  EXPECT_EQ(server.heldConnections(), 0u);
+  hold->release();
+  EXPECT_EQ(server.content(kPath), "");
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+}
+
+TEST_F(Drain, KeepsWhatWasLeftBehindAsideWhereSomebodyElsesFileIsNotListedYet) {
+  leaveOldBehind();
+  server.addFile(kPath, "another's");
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+  EXPECT_EQ(server.content(kPath), "another's");
+}
+
+TEST_F(Drain, KeepsWhatWasLeftBehindAsideWhereNobodyKnowsWhatIsThere) {
+  leaveOldBehind();
+  server.addFile(kPath, "another's");
+  server.failAlways("contentsAtPath", "/", refusal());
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+  EXPECT_EQ(server.content(kPath), "another's");
+}
+
+TEST_F(Drain, SendsWhatWasLeftBehindWhereNothingHasTakenItsPlace) {
+  leaveOldBehind();
+  EXPECT_THAT(fileSystem.drainAll(), IsEmpty());
+  EXPECT_EQ(server.content(kPath), "old");
+}
+
+TEST_F(Drain, AMoveTakesTheNewerFileAlong) {
+  leaveOldBehind();
+  store(kPath, "new");
+  ASSERT_TRUE(fileSystem.settleBeforeMoveAtPath(kPath, &error));
+  ASSERT_TRUE(fileSystem.moveItemAtPath(kPath, "/moved.txt", &error));
+  fileSystem.movedItemAtPath(kPath, "/moved.txt");
+  EXPECT_EQ(server.content("/moved.txt"), "new");
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+  EXPECT_FALSE(server.exists(kPath));
+}
+
+TEST_F(Drain, AMoveIsNotRefusedForWhatWasLeftBehind) {
+  leaveOldBehind();
+  store(kPath, "new");
+  refuseUploads();
+  EXPECT_TRUE(fileSystem.settleBeforeMoveAtPath(kPath, &error));
+  fileSystem.moveFailedAtPath(kPath);
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+}
+
+// A file below a folder that somebody else removes, or moves away, while it is unsent.
+class DrainBelow : public Drain {
+ protected:
+  DrainBelow() {
+    server.addFolder("/d/e");
+    makeStale("/");
+    const GMUserData old = writeRefused(kBelow, "old");
+    server.removeItem("/d");
+    makeStale("/");
+    list("/");
+    release(kBelow, old);
+    server.stopFailing();
+    EXPECT_TRUE(fileSystem.createDirectoryAtPath("/d", {}, &error));
+    EXPECT_TRUE(fileSystem.createDirectoryAtPath("/d/e", {}, &error));
+    store(kBelow, "new");
+  }
+  static constexpr const char* kBelow = "/d/e/f";
+};
+
+TEST_F(DrainBelow, KeepsAsideWhatWentWithItsFolder) {
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
+  EXPECT_EQ(server.content(kBelow), "new");
+}
+
+TEST_F(DrainBelow, DoesNotBringBackAfterARemovalWhatWentWithItsFolder) {
+  ASSERT_TRUE(fileSystem.removeItemAtPath(kBelow, &error));
+  EXPECT_THAT(fileSystem.drainAll(), IsEmpty());
+  EXPECT_FALSE(server.exists(kBelow));
+}
+
 TEST_F(Drain, SendsOverNewConnectionsAfterTheOldOnesWereGivenUp) {
   ScriptedServer again;
   again.setSupportsUploadByteOffset(false);
@@ -173,6 +278,49 @@ TEST_F(Drain, OpensNoConnectionsAgainWhereNothingIsUnsent) {
   fileSystem.giveUpConnections();
   EXPECT_THAT(fileSystem.drainAll(), IsEmpty());
   EXPECT_FALSE(isAsked);
+}
+
+TEST_F(Drain, DoesNotLookForAServerThatWasGivenUpForGood) {
+  bool isAsked = false;
+  fileSystem.setPoolMaker([&isAsked] {
+    isAsked = true;
+    return nullptr;
+  });
+  const GMUserData file = writeRefused(kPath, "precious");
+  fileSystem.giveUpServer();
+  EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("precious"));
+  EXPECT_FALSE(isAsked);
+}
+
+// The look at the server hangs; how it ends is the subject.
+class DrainLooking : public Drain {
+ protected:
+  void beginDraining() {
+    fileSystem.setPoolMaker([this] { return again.pool(); });
+    file = writeRefused(kPath, "precious");
+    fileSystem.giveUpConnections();
+    draining = std::async(std::launch::async, [this] { return fileSystem.drainAll(); });
+    ASSERT_TRUE(look->waitUntilHeld());
+  }
+  ScriptedServer again;
+  std::shared_ptr<ScriptedHold> look = again.hold("contentsAtPath");
+  GMUserData file;
+  std::future<std::vector<GMUndelivered>> draining;
+};
+
+TEST_F(DrainLooking, EndsWhenTheServerIsGivenUpMeanwhile) {
+  beginDraining();
+  fileSystem.giveUpServer();
+  EXPECT_THAT(contentsOf(draining.get()), UnorderedElementsAre("precious"));
+}
+
+TEST_F(DrainLooking, EndsAfterAWhile) {
+  beginDraining();
+  clock.waitForSleepers(1);
+  clock.advance(19);
+  EXPECT_NE(draining.wait_for(std::chrono::seconds(0)), std::future_status::ready);
+  clock.advance(2);
+  EXPECT_THAT(contentsOf(draining.get()), UnorderedElementsAre("precious"));
 }
 
 TEST_F(Drain, DownloadsEndWhenTheyAreAskedTo) {
