@@ -75,8 +75,8 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   const std::shared_ptr<OFSRemoteFile> file = OFSRemoteFile::remoteFileForPath(remotePathForPath(*path));
   file->setConnectionPool(connectionPool());
   const bool isListed = canShowNewItems(parent);
-  if (!file->openWithMode(kNewFileFlags, error)) return false;
   supersedeLeftBehind(file->remotePath(), nullptr);
+  if (!file->openWithMode(kNewFileFlags, error)) return false;
   std::shared_ptr<KCRemoteFileNode> node = isListed ? showNewFile(parent, *path) : nullptr;
   if (node == nullptr) {
     markStale(*parent, *path);

@@ -167,12 +167,12 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void endDownloads() override;
   uint64_t bytesMoved() override;
   void giveUpConnections() override;
+  // The same when nobody wants to wait for the server any more: what is unsent is saved on this machine.
+  void giveUpServer();
 
   // ConnectionDelegate
   using ConnectionDelegate::connection;
   bool connection(AbstractConnection& connection, const TrustQuestion& isWorthyTrust) override;
-  // The same when nobody wants to wait for the server any more: what is unsent is saved on this machine.
-  void giveUpServer();
 
   // TranscriptDelegate
   void connectionUUID(const KCUUID& uuid, std::string_view appendTranscript, bool isOutgoing) override;
@@ -250,13 +250,13 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // The node's open-file object, in use until the pin goes.
   OFSNodeFilePin pinnedRemoteFileForNode(const std::shared_ptr<KCRemoteFileNode>& node,
                                          const std::string& path);
+  // Of what former items of the path have left unsent nothing is sent any more, since a file of that path is
+  // about to be written or made. `successor` may be null.
+  void supersedeLeftBehind(const std::string& remotePath, const OFSRemoteFile* successor);
   // Makes `file` the node's open-file object.
   OFSNodeFilePin hangOnNode(const std::shared_ptr<OFSRemoteFile>& file,
                             const std::shared_ptr<KCRemoteFileNode>& node);
   void letWritesGo(const std::string& remotePath) EXCLUDES(iPropertyLock);
-  // Of what former items of the path have left unsent nothing is sent any more, since a file of that path is
-  // about to be written or made. `successor` may be null.
-  void supersedeLeftBehind(const std::string& remotePath, const OFSRemoteFile* successor);
   struct CacheBudget {
     uint64_t bytes;
     size_t files;
@@ -267,15 +267,15 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::string recoveredFolderForPath(std::string_view path) const;
   std::string saveAside(OFSRemoteFile& file, std::string_view path) const;
   bool isOutdated(const OFSNodeFileTable::Entry& entry) const;
+  NSErrorRef obstacleTo(const OFSNodeFileTable::Entry& entry);
   bool sendAtTheEnd(const OFSNodeFileTable::Entry& entry, NSErrorRef* error);
   void reopenConnections(const std::vector<OFSNodeFileTable::Entry>& unsent) EXCLUDES(iPropertyLock);
-  std::optional<GMUndelivered> deliver(const OFSNodeFileTable::Entry& entry);
-  std::optional<GMUndelivered> deliverWithoutRaising(const OFSNodeFileTable::Entry& entry);
-  NSErrorRef obstacleTo(const OFSNodeFileTable::Entry& entry);
-  std::vector<GMUndelivered> deliverAll(const std::vector<OFSNodeFileTable::Entry>& files);
-
   std::shared_ptr<KCConnectionPool> putOnTrial() EXCLUDES(iPropertyLock);
   bool answers(KCConnectionPool& pool);
+  std::optional<GMUndelivered> deliver(const OFSNodeFileTable::Entry& entry);
+  std::optional<GMUndelivered> deliverWithoutRaising(const OFSNodeFileTable::Entry& entry);
+  std::vector<GMUndelivered> deliverAll(const std::vector<OFSNodeFileTable::Entry>& files);
+
   const NSDate iMountDate;
   std::atomic<OFSMountPathSource*> iController{nullptr};
   std::atomic<double> iRefreshInterval{60.0};
@@ -291,13 +291,13 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::string iInitialPath GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iPropertyLock);
   PoolMaker iPoolMaker GUARDED_BY(iPropertyLock);
+  // While a server is looked for again: what to shut down for the look to end.
+  std::shared_ptr<KCConnectionPool> iPoolOnTrial GUARDED_BY(iPropertyLock);
   // The files whose writes are held up, by the remote path of what is being moved.
   std::multimap<std::string, std::vector<std::shared_ptr<OFSRemoteFile>>> iMoves GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCRemoteFolderNode> iRootNode GUARDED_BY(iPropertyLock);
   std::vector<std::FILE*> iTranscriptLogs GUARDED_BY(iPropertyLock);
   std::optional<uint64_t> iBudgetBytes GUARDED_BY(iPropertyLock);
-  // While a server is looked for again: what to shut down for the look to end.
-  std::shared_ptr<KCConnectionPool> iPoolOnTrial GUARDED_BY(iPropertyLock);
   std::optional<size_t> iBudgetFiles GUARDED_BY(iPropertyLock);
 
   // Held while the tree is repaired: a repair holds two folders at once, and two repairs in opposite
