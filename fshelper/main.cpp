@@ -13,6 +13,7 @@
 #include "platform/foundation/NSProcessInfo.h"
 #include "platform/foundation/NSThread.h"
 #include "platform/foundation/RunLoop.h"
+#include "remote/ftp/FTPEngine.h"
 #include "remote/local/LocalEngine.h"
 #include "remote/s3/S3Engine.h"
 #include "remote/sftp/SFTPEngine.h"
@@ -74,6 +75,7 @@ int NSApplicationMain(int argc, const char* const* argv) {
   raiseDescriptorLimit();
   registerSFTPEngine();
   registerLocalEngine();
+  registerFTPEngine();
   registerS3Engine();
   registerWebDAVEngine();
 
