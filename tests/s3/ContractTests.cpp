@@ -55,7 +55,10 @@ class ObjectServer : public ContractServer {
   static std::string key(const std::string& path) { return S3Path::parse(path).key; }
 
   RawStore& store() {
-    if (iStore == nullptr) iStore = std::make_unique<RawStore>(credentials(), S3Server::kBucket);
+    if (iStore == nullptr) {
+      iStore = std::make_unique<RawStore>(credentials(), S3Server::kBucket);
+      iStore->makeBucket();
+    }
     return *iStore;
   }
 

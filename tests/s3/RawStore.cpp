@@ -34,6 +34,16 @@ std::optional<S3Answer> RawStore::perform(S3Request request) {
   throw std::runtime_error(s3Error(*answer->refusal, iBucket)->description());
 }
 
+void RawStore::makeBucket() {
+  S3Request request;
+  request.method = "PUT";
+  request.bucket = iBucket;
+  request.body.emplace();
+  NSErrorRef error;
+  // Some refuse to make it twice, which is as good.
+  if (!iClient.perform(std::move(request), &error)) throw std::runtime_error(error->description());
+}
+
 void RawStore::put(const std::string& key, const std::string& content, std::vector<HTTPHeader> headers) {
   S3Request request;
   request.method = "PUT";

@@ -15,6 +15,8 @@ class RawStore {
  public:
   RawStore(std::shared_ptr<const KCCredentials> credentials, std::string bucket);
 
+  // Makes the bucket unless it is there.
+  void makeBucket();
   void put(const std::string& key, const std::string& content, std::vector<HTTPHeader> headers = {});
   std::optional<std::string> get(const std::string& key);
   // Of an object; null when there is none.

@@ -11,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/support/TestCertificates.h"
+
 extern char** environ;
 
 namespace ombra {
@@ -95,9 +97,10 @@ void S3Server::configure(KCCredentials& credentials) const {
   credentials.setUsername(kAccessKey);
   credentials.setPassword(kSecret);
   credentials.setOption("endpoint", endpoint());
+  if (!iFingerprint.empty()) credentials.setOption("fingerprint", iFingerprint);
 }
 
-S3RverServer::S3RverServer() {
+S3RverServer::S3RverServer(bool overTLS) {
   if (!isRunning()) return;
   const std::string module = testServersFolder() + "/node_modules/@20minutes/s3rver";
   if (access((module + "/package.json").c_str(), R_OK) != 0) {
@@ -105,14 +108,23 @@ S3RverServer::S3RverServer() {
     return;
   }
   iPort = ServerProcess::freePort();
+  std::string identity;
+  if (overTLS) {
+    const TestCertificate certificate = makeLocalhostCertificate();
+    iFingerprint = certificate.fingerprint;
+    std::ofstream(iFolder + "/key.pem") << certificate.key;
+    std::ofstream(iFolder + "/certificate.pem") << certificate.pem;
+    identity = "key: require('fs').readFileSync('" + iFolder +
+               "/key.pem'), cert: require('fs').readFileSync('" + iFolder + "/certificate.pem'), ";
+  }
   std::ofstream script(iFolder + "/start.js");
   // It escapes names twice in its answers, which no client would see through: once is enough.
   script << "require('" << testServersFolder() << "/node_modules/he').escape = text => text;\n"
          << "const S3rver = require('" << module << "'), accounts = require('" << module
          << "/lib/models/account');\n"
          << "accounts.DUMMY_ACCOUNT.createKeyPair('" << kAccessKey << "', '" << kSecret << "');\n"
-         << "new S3rver({ address: '127.0.0.1', port: " << iPort << ", directory: '" << iFolder
-         << "/data', silent: true, vhostBuckets: false, configureBuckets: [{ name: '" << kBucket
+         << "new S3rver({ " << identity << "address: '127.0.0.1', port: " << iPort << ", directory: '"
+         << iFolder << "/data', silent: true, vhostBuckets: false, configureBuckets: [{ name: '" << kBucket
          << "' }] }).run().then(() => console.log('up'), e => { console.error(e); process.exit(1); });\n";
   script.close();
   // Its pages of listings are told apart by a cipher that newer libraries have put aside.
@@ -178,7 +190,7 @@ bool RadosGatewayServer::startCluster() {
       !run({"ceph-osd", "--mkfs", "-i", "0", "-c", conf}) ||
       !run({"ceph", "-c", conf, "osd", "crush", "add", "osd.0", "1", "root=default", "host=h"}))
     return false;
-  return start({"ceph-osd", "-f", "-i", "0", "-c", conf}, "starting osd.0", 0);
+  return start({"ceph-osd", "-f", "-i", "0", "-c", conf}, "log_to_monitors", 0);
 }
 
 bool RadosGatewayServer::startGateway() {

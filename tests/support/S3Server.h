@@ -11,8 +11,8 @@
 
 namespace ombra {
 
-// What both have: one bucket named "test", an access key and its secret. Used by one thread, which must live
-// as long: the system ends the processes with it.
+// What both have: an access key and its secret; tests use the bucket "test", which the gateway is yet to be
+// given. Used by one thread, which must live as long: the system ends the processes with it.
 class S3Server {
  public:
   virtual ~S3Server();
@@ -22,7 +22,9 @@ class S3Server {
   // Whether it runs; else the reason, with what to do about it.
   bool isRunning() const { return iWhyNot.empty(); }
   const std::string& whyNot() const { return iWhyNot; }
-  std::string endpoint() const { return "http://127.0.0.1:" + std::to_string(iPort); }
+  std::string endpoint() const {
+    return (iFingerprint.empty() ? "http" : "https") + ("://127.0.0.1:" + std::to_string(iPort));
+  }
   int port() const { return iPort; }
   // Everything that a login needs.
   void configure(KCCredentials& credentials) const;
@@ -41,13 +43,14 @@ class S3Server {
   std::string iFolder;
   std::string iWhyNot;
   int iPort = 0;
+  std::string iFingerprint;  // of the certificate, when it speaks TLS
   std::vector<std::unique_ptr<ServerProcess>> iProcesses;
 };
 
 // A small server that keeps objects as files: starts in a second.
 class S3RverServer final : public S3Server {
  public:
-  S3RverServer();
+  explicit S3RverServer(bool overTLS = false);
 };
 
 // A storage cluster of one machine with its gateway: takes a quarter of a minute and half a gigabyte.

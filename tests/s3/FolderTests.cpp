@@ -1,0 +1,286 @@
+// Folders that come and go by the user's word, and what each operation costs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "remote/QuarnKitError.h"
+#include "tests/s3/MemoryStore.h"
+#include "tests/support/ConnectionContract.h"
+#include "tests/support/TemporaryFile.h"
+
+namespace ombra {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+class S3Folders : public testing::Test {
+ protected:
+  S3Session& session() { return iServer.session(); }
+  MemoryStore& store() { return iServer.store(); }
+
+  std::vector<std::string> names(const std::string& path) {
+    std::vector<RemoteEntry> entries;
+    NSErrorRef error;
+    EXPECT_TRUE(session().list(path, &entries, &error)) << (error ? error->description() : "");
+    std::vector<std::string> names;
+    for (const RemoteEntry& entry : entries)
+      names.push_back(entry.name + (entry.type == kNodeTypeFolder ? "/" : ""));
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  bool upload(const std::string& path, const std::string& content) {
+    const auto file = temporaryFile(content);
+    KeptControl control;
+    NSErrorRef error;
+    const bool sent = session().upload(*file, path, 0, control, &error);
+    EXPECT_TRUE(sent) << (error ? error->description() : "");
+    return sent;
+  }
+
+  std::string download(const std::string& path) {
+    const auto file = temporaryFile();
+    KeptControl control;
+    std::string version;
+    NSErrorRef error;
+    EXPECT_TRUE(session().download(path, *file, 0, &version, control, &error))
+        << (error ? error->description() : "");
+    return contentOf(*file);
+  }
+
+  bool isFolder(const std::string& path) {
+    bool isDirectory = false;
+    EXPECT_TRUE(session().attributes(path, &isDirectory, nullptr).has_value()) << path;
+    return isDirectory;
+  }
+
+  MemorySession iServer;
+  NSErrorRef iError;
+};
+
+TEST_F(S3Folders, KeysMakeFoldersWithAndWithoutMarkers) {
+  store().put("plain/deep/file", "1");
+  store().put("marked/", "");
+  store().put("marked/file", "22");
+  store().put("top", "333");
+  EXPECT_THAT(names("/"), ElementsAre("test/"));
+  EXPECT_THAT(names("/test"), ElementsAre("marked/", "plain/", "top"));
+  EXPECT_THAT(names("/test/plain"), ElementsAre("deep/"));
+  EXPECT_THAT(names("/test/marked"), ElementsAre("file"));
+  EXPECT_TRUE(isFolder("/"));
+  EXPECT_TRUE(isFolder("/test"));
+  EXPECT_TRUE(isFolder("/test/plain/deep"));
+  EXPECT_TRUE(isFolder("/test/marked"));
+  EXPECT_FALSE(isFolder("/test/top"));
+}
+
+TEST_F(S3Folders, KeysThatAreNoPathsAreNotListed) {
+  for (const char* key : {"a//b", "/c", "a/./x", "../d", "a/ok", "."}) store().put(key, "x");
+  EXPECT_THAT(names("/test"), ElementsAre("a/"));
+  EXPECT_THAT(names("/test/a"), ElementsAre("ok"));
+}
+
+// Both cannot be shown; what lies in the folder would be lost from sight.
+TEST_F(S3Folders, AFolderHidesAnObjectOfTheSameName) {
+  store().put("both", "object");
+  store().put("both/file", "x");
+  EXPECT_THAT(names("/test"), ElementsAre("both/"));
+}
+
+TEST_F(S3Folders, ListingsOfManyPagesHaveEachNameOnce) {
+  store().setPageSize(3);
+  for (int i = 0; i < 10; ++i) store().put("f" + std::to_string(i), "");
+  for (int i = 0; i < 10; ++i) store().put("g/" + std::to_string(i), "");
+  store().put("h/x", "");
+  const std::vector<std::string> listed = names("/test");
+  EXPECT_EQ(listed.size(), 12u);
+  EXPECT_EQ(std::count(listed.begin(), listed.end(), "g/"), 1);
+}
+
+TEST_F(S3Folders, AListingThatNeverEndsIsRefused) {
+  store().put("a", "");
+  store().setIntercept([](const HTTPSeen&) {
+    return httpReply(200,
+                     "<ListBucketResult><IsTruncated>true</IsTruncated><NextContinuationToken>again"
+                     "</NextContinuationToken></ListBucketResult>");
+  });
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session().list("/test", &entries, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError}));
+}
+
+TEST_F(S3Folders, AListingOfOtherKeysIsRefused) {
+  store().setIntercept([](const HTTPSeen&) {
+    return httpReply(200,
+                     "<ListBucketResult><Contents><Key>elsewhere/x</Key><Size>1</Size></Contents>"
+                     "</ListBucketResult>");
+  });
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session().list("/test/here", &entries, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError}));
+}
+
+TEST_F(S3Folders, AnEmptyBucketIsAnEmptyFolder) { EXPECT_THAT(names("/test"), IsEmpty()); }
+
+TEST_F(S3Folders, WhatMayNotBeListedHasItsOwnCode) {
+  store().setIntercept([](const HTTPSeen&) { return s3RefusalReply(403, "AccessDenied"); });
+  for (const char* path : {"/", "/test", "/test/folder"}) {
+    std::vector<RemoteEntry> entries;
+    EXPECT_FALSE(session().list(path, &entries, &iError));
+    EXPECT_TRUE(hasCode(iError, {kQuarnKitListingNotPermitted})) << path;
+  }
+}
+
+TEST_F(S3Folders, TheLastFileOfAFolderLeavesItEmptyButThere) {
+  store().put("a/plain/file", "x");
+  ASSERT_TRUE(session().remove("/test/a/plain/file", false, &iError));
+  EXPECT_THAT(names("/test/a/plain"), IsEmpty());
+  EXPECT_THAT(store().keys(), ElementsAre("a/plain/"));
+}
+
+TEST_F(S3Folders, AFolderThatIsNotEmptyNeedsNoMarker) {
+  store().put("a/one", "x");
+  store().put("a/two", "x");
+  ASSERT_TRUE(session().remove("/test/a/one", false, &iError));
+  EXPECT_THAT(store().keys(), ElementsAre("a/two"));
+}
+
+TEST_F(S3Folders, TheLastSubfolderLeavesItsParentThere) {
+  store().put("a/b/", "");
+  ASSERT_TRUE(session().remove("/test/a/b", true, &iError));
+  EXPECT_THAT(store().keys(), ElementsAre("a/"));
+  ASSERT_TRUE(session().remove("/test/a", true, &iError));
+  EXPECT_THAT(store().keys(), IsEmpty());
+}
+
+TEST_F(S3Folders, AMoveLeavesItsOldFolderThere) {
+  store().put("old/file", "x");
+  store().put("new/", "");
+  ASSERT_TRUE(session().move("/test/old/file", false, "/test/new/file", &iError));
+  EXPECT_THAT(store().keys(), ElementsAre("new/", "new/file", "old/"));
+}
+
+TEST_F(S3Folders, OnlyEmptyFoldersAreRemoved) {
+  store().put("unmarked/file", "x");
+  store().put("marked/", "");
+  store().put("marked/file", "x");
+  for (const char* path : {"/test/unmarked", "/test/marked"}) {
+    EXPECT_FALSE(session().remove(path, true, &iError));
+    EXPECT_TRUE(hasCode(iError, {kQuarnKitFolderNotEmpty})) << path;
+  }
+  EXPECT_EQ(store().keys().size(), 3u);
+}
+
+TEST_F(S3Folders, AFolderIsNotMadeOverAnything) {
+  store().put("object", "x");
+  store().put("unmarked/file", "x");
+  // What is named alike comes before the folder in the server's order.
+  for (int i = 0; i < 30; ++i) store().put("many-" + std::to_string(i), "x");
+  store().put("many/file", "x");
+  for (const char* path : {"/test/object", "/test/unmarked", "/test/many"}) {
+    EXPECT_FALSE(session().createFolder(path, &iError));
+    EXPECT_TRUE(hasCode(iError, {kQuarnKitItemExists})) << path;
+  }
+  EXPECT_TRUE(session().createFolder("/test/man", &iError));
+}
+
+TEST_F(S3Folders, BucketsAreNeitherMadeNorRemovedNorWritten) {
+  const auto file = temporaryFile("x");
+  KeptControl control;
+  const auto next = [](std::byte*, size_t) { return size_t{0}; };
+  (void)store().asked();
+  EXPECT_FALSE(session().createFolder("/new", &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitPermissionDenied}));
+  EXPECT_FALSE(session().remove("/test", true, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitPermissionDenied}));
+  EXPECT_FALSE(session().move("/test", true, "/test2", &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitPermissionDenied}));
+  EXPECT_FALSE(session().upload(*file, "/file", 0, control, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitPermissionDenied}));
+  EXPECT_FALSE(session().stream(next, "/", control, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitPermissionDenied}));
+  EXPECT_FALSE(session().download("/test", *file, 0, nullptr, control, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitRefused}));
+  EXPECT_THAT(store().asked(), IsEmpty());
+}
+
+TEST_F(S3Folders, AMissingBucketIsAMissingItem) {
+  EXPECT_FALSE(session().attributes("/other", nullptr, &iError).has_value());
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNoSuchItem}));
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session().list("/other", &entries, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNoSuchItem}));
+}
+
+TEST_F(S3Folders, WhatTheProtocolLacksIsToldWithoutAQuestion) {
+  EXPECT_FALSE(session().createSymbolicLink("/test/l", "t", &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNotSupported}));
+  EXPECT_FALSE(session().fileSystemAttributes("/test", &iError).has_value());
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNotSupported}));
+  EXPECT_FALSE(session().changeAttributes({}, "/test/x", &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitAttributeChangeNotSupported}));
+  EXPECT_THAT(store().asked(), IsEmpty());
+}
+
+// What each costs, in round trips, once the folder is known.
+TEST_F(S3Folders, OperationsCostAsFewRoundTripsAsTheyCan) {
+  ASSERT_TRUE(session().createFolder("/test/f", &iError));
+  EXPECT_EQ(store().asked().size(), 2u) << "is there anything of that name; the marker";
+  ASSERT_TRUE(upload("/test/f/file", "content"));
+  EXPECT_THAT(store().asked(), ElementsAre("PUT /test/f/file"));
+  EXPECT_EQ(download("/test/f/file"), "content");
+  EXPECT_THAT(store().asked(), ElementsAre("GET /test/f/file"));
+  EXPECT_FALSE(isFolder("/test/f/file"));
+  EXPECT_THAT(store().asked(), ElementsAre("HEAD /test/f/file"));
+  EXPECT_TRUE(isFolder("/test/f"));
+  EXPECT_EQ(store().asked().size(), 1u) << "a known folder";
+  (void)names("/test/f");
+  EXPECT_EQ(store().asked().size(), 1u) << "a listing";
+  ASSERT_TRUE(session().move("/test/f/file", false, "/test/f/new", &iError));
+  EXPECT_THAT(store().asked(), ElementsAre("PUT /test/f/new", "DELETE /test/f/file"));
+  ASSERT_TRUE(session().remove("/test/f/new", false, &iError));
+  EXPECT_THAT(store().asked(), ElementsAre("HEAD /test/f/new", "DELETE /test/f/new"));
+  ASSERT_TRUE(session().remove("/test/f", true, &iError));
+  EXPECT_EQ(store().asked().size(), 2u) << "is it empty; the marker";
+}
+
+TEST_F(S3Folders, ListedFoldersAreKnownToOtherSessionsToo) {
+  store().put("a/b/file", "x");
+  (void)names("/test/a");
+  const auto other = iServer.makeSession();
+  (void)store().asked();
+  const auto file = temporaryFile("x");
+  KeptControl control;
+  ASSERT_TRUE(other->upload(*file, "/test/a/b/new", 0, control, &iError));
+  EXPECT_THAT(store().asked(), ElementsAre("PUT /test/a/b/new"));
+}
+
+TEST_F(S3Folders, AStreamOfLessThanAPartIsOneRequest) {
+  KeptControl control;
+  std::string content = "streamed";
+  const auto next = [&content](std::byte* buffer, size_t capacity) {
+    const size_t count = std::min(capacity, content.size());
+    std::copy_n(reinterpret_cast<const std::byte*>(content.data()), count, buffer);
+    content.erase(0, count);
+    return count;
+  };
+  ASSERT_TRUE(session().stream(next, "/test/file", control, &iError));
+  EXPECT_THAT(store().asked(), ElementsAre("PUT /test/file"));
+  EXPECT_EQ(store().content("file"), "streamed");
+}
+
+TEST_F(S3Folders, RealPathsAreFoundByNameAlone) {
+  store().put("a/b/file", "x");
+  bool isDirectory = false;
+  EXPECT_EQ(session().realPath("../b/./file", "/test/a/c", &isDirectory, nullptr), "/test/a/b/file");
+  EXPECT_FALSE(isDirectory);
+  EXPECT_EQ(session().realPath("~/test/a", "/x", &isDirectory, nullptr), "/test/a");
+  EXPECT_TRUE(isDirectory);
+  EXPECT_EQ(session().realPath("~", "/x", &isDirectory, nullptr), "/");
+}
+
+}  // namespace
+}  // namespace ombra

@@ -1,0 +1,332 @@
+// Downloads that resume, uploads that never destroy, streams that leave nothing behind.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include "tests/s3/MemoryStore.h"
+#include "tests/support/ConnectionContract.h"
+#include "tests/support/TemporaryFile.h"
+
+namespace ombra {
+namespace {
+
+using testing::ElementsAre;
+
+S3Limits smallParts() {
+  S3Limits limits;
+  limits.singlePut = 1000;
+  limits.filePart = 400;
+  limits.firstStreamPart = 500;
+  return limits;
+}
+
+class S3Transfers : public testing::Test {
+ protected:
+  MemoryStore& store() { return iServer.store(); }
+  S3Session& session() { return iServer.session(); }
+
+  bool upload(const std::string& content, KeptControl& control) {
+    const auto file = temporaryFile(content);
+    return session().upload(*file, "/test/file", 0, control, &iError);
+  }
+  bool upload(const std::string& content) {
+    KeptControl control;
+    return upload(content, control);
+  }
+
+  bool stream(const std::string& content, KeptControl& control, size_t piece = 300) {
+    size_t given = 0;
+    const auto next = [&](std::byte* buffer, size_t capacity) {
+      const size_t count = std::min({capacity, piece, content.size() - given});
+      std::copy_n(reinterpret_cast<const std::byte*>(content.data()) + given, count, buffer);
+      given += count;
+      return count;
+    };
+    return session().stream(next, "/test/file", control, &iError);
+  }
+
+  bool download(NSFileHandle& file, uint64_t offset, std::string* version) {
+    KeptControl control;
+    return session().download("/test/file", file, offset, version, control, &iError);
+  }
+
+  void refuse(const std::string& part, HTTPReply reply) {
+    store().setIntercept([part, reply](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+      const std::string line = seen.method + " " + seen.target;
+      if (line.find(part) == std::string::npos) return std::nullopt;
+      return reply;
+    });
+  }
+
+  MemorySession iServer{smallParts()};
+  NSErrorRef iError;
+};
+
+TEST_F(S3Transfers, LongFilesTravelInParts) {
+  const std::string content = contractContent(1999);
+  KeptControl control;
+  ASSERT_TRUE(upload(content, control)) << iError->description();
+  EXPECT_EQ(store().content("file"), content);
+  EXPECT_EQ(store().asked().size(), 7u) << "begin, five parts, end";
+  EXPECT_EQ(control.reached.back(), 1999u);
+  EXPECT_TRUE(std::is_sorted(control.reached.begin(), control.reached.end()));
+  EXPECT_EQ(store().unfinishedUploads(), 0u);
+}
+
+TEST_F(S3Transfers, FilesUpToTheLimitAreOneRequest) {
+  for (const size_t size : {size_t{0}, size_t{1}, size_t{1000}}) {
+    (void)store().asked();
+    ASSERT_TRUE(upload(contractContent(size)));
+    EXPECT_THAT(store().asked(), ElementsAre("PUT /test/file"));
+    EXPECT_EQ(store().content("file"), contractContent(size));
+  }
+}
+
+TEST_F(S3Transfers, StreamsOfEveryLengthArriveWhole) {
+  for (const size_t size : {0, 1, 499, 500, 501, 999, 1000, 1001, 5000}) {
+    KeptControl control;
+    const std::string content = contractContent(static_cast<size_t>(size), 3);
+    ASSERT_TRUE(stream(content, control)) << size << iError->description();
+    EXPECT_EQ(store().content("file"), content) << size;
+    EXPECT_EQ(store().unfinishedUploads(), 0u);
+  }
+}
+
+TEST_F(S3Transfers, AFailedPartLeavesTheOldFileAndNoParts) {
+  store().put("file", "old");
+  refuse("partNumber=2", s3RefusalReply(403, "QuotaExceeded"));
+  EXPECT_FALSE(upload(contractContent(1999)));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitOutOfSpace}));
+  EXPECT_EQ(store().content("file"), "old");
+  EXPECT_EQ(store().unfinishedUploads(), 0u);
+  KeptControl control;
+  EXPECT_FALSE(stream(contractContent(1999), control));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitOutOfSpace}));
+  EXPECT_EQ(store().content("file"), "old");
+  EXPECT_EQ(store().unfinishedUploads(), 0u);
+}
+
+TEST_F(S3Transfers, ACancelledTransferLeavesTheOldFileAndNoParts) {
+  store().put("file", "old");
+  KeptControl uploading;
+  uploading.cancelAt = 800;
+  EXPECT_FALSE(upload(contractContent(1999), uploading));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitCancelled}));
+  KeptControl streaming;
+  streaming.cancelAt = 500;
+  EXPECT_FALSE(stream(contractContent(1999), streaming));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitCancelled}));
+  EXPECT_EQ(store().content("file"), "old");
+  EXPECT_EQ(store().unfinishedUploads(), 0u);
+}
+
+// Unmounting ends sessions in the middle of their work.
+TEST_F(S3Transfers, AnInterruptedStreamLeavesNoParts) {
+  size_t calls = 0;
+  const auto next = [this, &calls](std::byte*, size_t capacity) {
+    if (++calls == 3) session().interrupt();
+    return std::min<size_t>(capacity, 400);
+  };
+  KeptControl control;
+  EXPECT_FALSE(session().stream(next, "/test/file", control, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitConnectionLost}));
+  EXPECT_EQ(store().unfinishedUploads(), 0u);
+  EXPECT_TRUE(store().keys().empty());
+  EXPECT_FALSE(session().isAlive());
+}
+
+TEST_F(S3Transfers, AnUploadThatEndsWithAFailureInsideOfASuccessIsAFailure) {
+  store().put("file", "old");
+  refuse(
+      "POST /test/file?uploadId",
+      httpReply(200,
+                "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n\n<Error><Code>EntityTooSmall</Code></Error>"));
+  EXPECT_FALSE(upload(contractContent(1999)));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitRefused}));
+  EXPECT_EQ(store().content("file"), "old");
+  EXPECT_EQ(store().unfinishedUploads(), 0u);
+}
+
+TEST_F(S3Transfers, APageInPlaceOfAnAnswerIsNoSuccess) {
+  const HTTPReply page = httpReply(200, "<html>Sign in</html>", "Content-Type: text/html\r\n");
+  for (const char* part : {"uploads=", "partNumber=1", "POST /test/file?uploadId"}) {
+    refuse(part, page);
+    EXPECT_FALSE(upload(contractContent(1999)));
+    EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError})) << part;
+  }
+  store().put("file", "content");
+  refuse("GET /test/file", page);
+  const auto file = temporaryFile();
+  EXPECT_FALSE(download(*file, 0, nullptr));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError}));
+  EXPECT_EQ(file->fileLength(), 0u) << "nothing of a page is taken for content";
+}
+
+TEST_F(S3Transfers, ALostConnectionInTheMiddleOfAnUploadCostsOneRequest) {
+  for (const char* part : {"partNumber=2", "POST /test/file?uploadId"}) {
+    const auto isFirst = std::make_shared<std::atomic<bool>>(true);
+    store().setIntercept([part, isFirst](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+      const std::string line = seen.method + " " + seen.target;
+      if (line.find(part) == std::string::npos || !isFirst->exchange(false)) return std::nullopt;
+      return httpHangUp();
+    });
+    (void)store().asked();
+    ASSERT_TRUE(upload(contractContent(1999))) << part << iError->description();
+    EXPECT_EQ(store().asked().size(), 8u) << part;
+    EXPECT_EQ(store().content("file"), contractContent(1999));
+    EXPECT_EQ(store().unfinishedUploads(), 0u);
+  }
+}
+
+TEST_F(S3Transfers, AnUploadThatIsGoneButWasCompletedIsASuccess) {
+  const std::string content = contractContent(1999);
+  store().setIntercept([](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    if (seen.method == "HEAD")
+      return HTTPReply{"HTTP/1.1 200 OK\r\nContent-Length: 1999\r\nETag: \"0123-5\"\r\n\r\n", {}, {}, false};
+    if (seen.method != "POST" || seen.target.find("uploadId=") == std::string::npos) return std::nullopt;
+    return s3RefusalReply(404, "NoSuchUpload");
+  });
+  EXPECT_TRUE(upload(content));
+  store().setIntercept([](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    if (seen.method == "HEAD")
+      return HTTPReply{"HTTP/1.1 200 OK\r\nContent-Length: 1999\r\nETag: \"0123\"\r\n\r\n", {}, {}, false};
+    if (seen.method != "POST" || seen.target.find("uploadId=") == std::string::npos) return std::nullopt;
+    return s3RefusalReply(404, "NoSuchUpload");
+  });
+  EXPECT_FALSE(upload(content)) << "what is there was made in another way";
+}
+
+TEST_F(S3Transfers, AnUploadConfirmsWhatItSentAndAFailedOneDoesNot) {
+  const auto file = temporaryFile(contractContent(800));
+  KeptControl control;
+  refuse("PUT", s3RefusalReply(403, "AccessDenied"));
+  EXPECT_FALSE(session().upload(*file, "/test/file", 0, control, &iError));
+  EXPECT_EQ(file->unconfirmedExtents(0), (std::vector<FileExtent>{{0, 800}}));
+  store().setIntercept({});
+  EXPECT_TRUE(session().upload(*file, "/test/file", 0, control, &iError));
+  EXPECT_TRUE(file->unconfirmedExtents(0).empty());
+  EXPECT_FALSE(session().upload(*file, "/test/file", 10, control, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNotSupported}));
+}
+
+TEST_F(S3Transfers, ADownloadGoesOnWithTheVersionItBeganWith) {
+  const std::string content = contractContent(3000);
+  store().put("file", content);
+  const auto file = temporaryFile();
+  std::string version;
+  ASSERT_TRUE(download(*file, 0, &version));
+  EXPECT_EQ(contentOf(*file), content);
+  (void)store().asked();
+  const auto rest = temporaryFile(content.substr(0, 1000));
+  ASSERT_TRUE(download(*rest, 1000, &version)) << iError->description();
+  EXPECT_EQ(contentOf(*rest), content);
+  const std::vector<HTTPSeen> seen = store().server().seen();
+  EXPECT_EQ(seen.back().header("range"), "bytes=1000-");
+  EXPECT_EQ(seen.back().header("if-match"), store().object("file")->tag);
+}
+
+TEST_F(S3Transfers, ADownloadOfWhatChangedMeanwhileFails) {
+  store().put("file", contractContent(3000));
+  const auto file = temporaryFile();
+  std::string version;
+  ASSERT_TRUE(download(*file, 0, &version));
+  for (const bool looksAtTags : {true, false}) {
+    store().put("file", contractContent(3000, 2));
+    if (!looksAtTags) {
+      // As a server that does not look at the tag that it was given.
+      store().setIntercept([this](const HTTPSeen&) -> std::optional<HTTPReply> {
+        return httpReply(
+            206, contractContent(3000, 2).substr(1000),
+            "Content-Range: bytes 1000-2999/3000\r\nETag: " + store().object("file")->tag + "\r\n");
+      });
+    }
+    EXPECT_FALSE(download(*file, 1000, &version));
+    EXPECT_TRUE(hasCode(iError, {kQuarnKitItemChanged})) << looksAtTags;
+  }
+  EXPECT_EQ(contentOf(*file), contractContent(3000)) << "nothing of the other was taken";
+}
+
+TEST_F(S3Transfers, BehindTheEndThereIsNothingUnlessTheFileBecameShorter) {
+  store().put("file", contractContent(1000));
+  const auto file = temporaryFile();
+  std::string version;
+  ASSERT_TRUE(download(*file, 0, &version));
+  EXPECT_TRUE(download(*file, 1000, &version)) << iError->description();
+  EXPECT_FALSE(download(*file, 1001, nullptr));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitItemChanged}));
+  store().put("file", contractContent(900));
+  EXPECT_FALSE(download(*file, 1000, &version));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitItemChanged}));
+  store().remove("file");
+  EXPECT_FALSE(download(*file, 1000, nullptr));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNoSuchItem}));
+}
+
+struct WrongAnswer {
+  const char* name;
+  int status;
+  std::string headers;
+};
+
+TEST_F(S3Transfers, AnAnswerThatIsNotThePartThatWasAskedForIsRefused) {
+  const std::vector<WrongAnswer> table{
+      {"the whole", 200, "ETag: \"t\"\r\n"},
+      {"another part", 206, "ETag: \"t\"\r\nContent-Range: bytes 0-9/1000\r\n"},
+      {"not to the end", 206, "ETag: \"t\"\r\nContent-Range: bytes 500-509/1000\r\n"},
+      {"no range", 206, "ETag: \"t\"\r\n"},
+      {"nonsense", 206, "ETag: \"t\"\r\nContent-Range: bytes 18446744073709551615-1/*\r\n"},
+      {"longer than told", 206, "ETag: \"t\"\r\nContent-Range: bytes 500-504/505\r\n"},
+      {"no tag", 206, "Content-Range: bytes 500-509/510\r\n"}};
+  for (const WrongAnswer& wrong : table) {
+    refuse("GET", httpReply(wrong.status, "0123456789", wrong.headers));
+    const auto file = temporaryFile(contractContent(500));
+    EXPECT_FALSE(download(*file, 500, nullptr)) << wrong.name;
+    EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError})) << wrong.name;
+    EXPECT_EQ(file->fileLength(), 500u) << wrong.name;
+  }
+}
+
+TEST_F(S3Transfers, AContentThatBreaksOffIsALostConnection) {
+  HTTPReply reply;
+  reply.bytes = "HTTP/1.1 200 OK\r\nETag: \"t\"\r\nContent-Length: 1000\r\n\r\nonly this";
+  reply.closes = true;
+  refuse("GET", reply);
+  const auto file = temporaryFile();
+  std::string version;
+  EXPECT_FALSE(download(*file, 0, &version));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitConnectionLost}));
+  EXPECT_EQ(contentOf(*file), "only this");
+  EXPECT_EQ(version, "\"t\" 1000") << "what is needed to go on";
+}
+
+TEST_F(S3Transfers, ACancelledDownloadSaysSo) {
+  store().put("file", contractContent(3000000));
+  const auto file = temporaryFile();
+  KeptControl control;
+  control.cancelAt = 1;
+  EXPECT_FALSE(session().download("/test/file", *file, 0, nullptr, control, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitCancelled}));
+  EXPECT_LT(file->fileLength(), 3000000u);
+}
+
+TEST_F(S3Transfers, IntoAFolderThatIsNotThereNothingIsSent) {
+  const auto file = temporaryFile("x");
+  KeptControl control;
+  EXPECT_FALSE(session().upload(*file, "/test/missing/file", 0, control, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNoSuchItem}));
+  EXPECT_TRUE(store().keys().empty());
+}
+
+// Who may write and not look is not kept from writing.
+TEST_F(S3Transfers, WhereFoldersMayNotBeListedFilesCanBeWritten) {
+  refuse("GET /test?", s3RefusalReply(403, "AccessDenied"));
+  const auto file = temporaryFile("x");
+  KeptControl control;
+  EXPECT_TRUE(session().upload(*file, "/test/inbox/file", 0, control, &iError));
+  EXPECT_EQ(store().content("inbox/file"), "x");
+}
+
+}  // namespace
+}  // namespace ombra
