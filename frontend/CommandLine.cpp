@@ -48,7 +48,17 @@ Examples:
   ombra mount s3://KEY@photos/2024 --endpoint https://s3.example.org
   ombra mount file:///srv/shared)";
 
-constexpr const char* kUnmountFooter = R"(Waits until everything written has reached the server.
+constexpr const char* kStatusFooter =
+    R"(Shows what is being fetched and sent, how fast and for how long, which files are not on the server yet, what the local
+copies take, and the last error. See ombra(1) for the lines and the object of --json.
+
+Examples:
+  ombra status
+  ombra status Photos --watch
+  ombra status Photos --json)";
+
+constexpr const char* kUnmountFooter =
+    R"(Waits until everything written has reached the server, and shows what is still being sent.
 
 Examples:
   ombra unmount Photos
@@ -65,6 +75,7 @@ class CommandLine {
     addMount();
     addSample();
     addList();
+    addStatus();
     addUnmount();
     addRefresh();
     addLogs();
@@ -167,6 +178,15 @@ class CommandLine {
                 [this] { return runList(iOutput); }));
   }
 
+  void addStatus() {
+    CLI::App* command = add("status", "Show what is being transferred, and what the server has not got yet",
+                            kStatusFooter, [this] { return runStatus(iStatus, iOutput); });
+    command->add_option("VOLUME", iStatus.target, "The volume's name or mount path (default: all)")
+        ->type_name("");
+    command->add_flag("--watch,-w", iStatus.watch, "Go on showing it, until Ctrl-C");
+    addJSON(command);
+  }
+
   void addUnmount() {
     CLI::App* command =
         add("unmount", "Unmount volumes", kUnmountFooter, [this] { return runUnmountChecked(); });
@@ -230,6 +250,7 @@ class CommandLine {
   Output iOutput;
   MountOptions iMount;
   VolumeOptions iSample;
+  StatusOptions iStatus;
   UnmountOptions iUnmount;
   std::vector<std::string> iRefresh;
   LogsOptions iLogs;

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <nlohmann/json.hpp>
 
 #include "frontend/Commands.h"
+#include "frontend/VolumeObject.h"
 #include "frontend/Volumes.h"
 
 namespace ombra {
@@ -42,30 +42,12 @@ void tellTable(const std::vector<Volume>& volumes, const Output& output) {
   }
 }
 
-// The helper's own words, completed by what the kernel shows.
-nlohmann::json objectOf(const Volume& volume) {
-  nlohmann::json object = nlohmann::json::parse(volume.statusJSON, nullptr, false);
-  if (!object.is_object()) object = nlohmann::json::object();
-  object["volumeName"] = volume.name;
-  object["mountPath"] = volume.mountPath;
-  object["protocol"] = volume.protocol;
-  object["username"] = volume.username;
-  object["address"] = volume.address;
-  object["state"] = volume.state;
-  object["mounted"] = volume.mounted;
-  object["pid"] = volume.pid;
-  return object;
-}
-
 }  // namespace
 
 int runList(const Output& output) {
   const std::vector<Volume> volumes = currentVolumes();
   if (output.json) {
-    nlohmann::json list = nlohmann::json::array();
-    for (const Volume& volume : volumes) list.push_back(objectOf(volume));
-    output.result(
-        nlohmann::json{{"volumes", list}}.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    output.result(volumesText(volumes));
   } else if (volumes.empty()) {
     output.remark("Nothing is mounted. To mount a folder: ombra mount URL");
   } else {

@@ -1,11 +1,15 @@
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <ctime>
 #include <memory>
 #include <nlohmann/json.hpp>
 
 #include "frontend/Commands.h"
-#include "frontend/Spinner.h"
+#include "frontend/LostFiles.h"
 #include "frontend/UndeliveredFiles.h"
+#include "frontend/UnmountProgress.h"
 #include "frontend/UnmountVolume.h"
 #include "frontend/Volumes.h"
 
@@ -15,8 +19,7 @@ namespace {
 
 class UnmountCommand {
  public:
-  UnmountCommand(const UnmountOptions& options, const Output& output)
-      : iOptions(options), iOutput(output), iSpinner(output.err, !output.json) {}
+  UnmountCommand(const UnmountOptions& options, const Output& output) : iOptions(options), iOutput(output) {}
 
   int run() {
     const std::vector<Volume> volumes = currentVolumes();
@@ -29,7 +32,10 @@ class UnmountCommand {
     } else {
       for (const std::string& target : iOptions.targets) unmountTarget(volumes, target);
     }
-    if (iOutput.json) iOutput.result(nlohmann::json{{"unmounted", iUnmounted}}.dump());
+    if (iOutput.json) {
+      iOutput.result(nlohmann::json{{"unmounted", iUnmounted}, {"notStored", iNotStored}}.dump(
+          -1, ' ', false, nlohmann::json::error_handler_t::replace));
+    }
     return iCode;
   }
 
@@ -58,21 +64,52 @@ class UnmountCommand {
     Failure failure;
     // A helper whose mount is gone already is only waited for.
     const bool force = iOptions.force || volume.state == "dead";
-    iSpinner.setText("Unmounting " + volume.name);
-    const auto control = systemVolumeControl(volume, iInterruption, [this] { iSpinner.tick(); });
+    const time_t start = time(nullptr);
+    UnmountProgress progress(volume, iOutput);
+    const auto control = systemVolumeControl(volume, iInterruption, [&progress] { return progress.tick(); });
     const bool done = unmountVolume(*control, volume.name, force, {}, &failure);
-    iSpinner.clear();
+    progress.clear();
     if (!done) {
       note(failure);
       return;
     }
     iUnmounted.push_back(printable(volume.mountPath));
-    if (iUndelivered && !volume.registeredName.empty() &&
-        tellUndelivered(volume.name, iUndelivered->ofHelper(volume.registeredName), iOutput) &&
-        iCode == kExitSuccess) {
-      iCode = kExitFailure;
-    }
+    if (tellNotStored(volume, force, progress, start) && iCode == kExitSuccess) iCode = kExitFailure;
     iOutput.remark("Unmounted " + printable(volume.name));
+  }
+
+  // A helper that came to its end has said what it could not store, and where it kept that. Of one that was
+  // ended by force before, what it told last is known.
+  bool tellNotStored(const Volume& volume, bool force, const UnmountProgress& progress, time_t start) {
+    std::vector<UndeliveredFile> files;
+    bool hasEnded = false;
+    if (iUndelivered && !volume.registeredName.empty()) {
+      files = iUndelivered->ofHelper(volume.registeredName);
+      hasEnded = iUndelivered->hasEnded(volume.registeredName);
+    }
+    for (const UndeliveredFile& file : files) noteNotStored(volume, file.path, file.copy, file.reason);
+    if (hasEnded || !files.empty() || !force) return tellUndelivered(volume.name, files, iOutput);
+    if (!progress.lastStatus()) {
+      // A helper that hung: there is no better word.
+      if (volume.pid != 0)
+        iOutput.warning(
+            fmt::format("Nobody knows whether all of {} is on its server: its helper did not answer.",
+                        inQuotes(volume.name)));
+      return false;
+    }
+    for (const std::string& path : progress.lastStatus()->unsentPaths()) noteNotStored(volume, path, "", "");
+    return tellLost(volume, *progress.lastStatus(), start, iOutput);
+  }
+
+  void noteNotStored(const Volume& volume, const std::string& path, const std::string& copy,
+                     const std::string& reason) {
+    const auto textOrNull = [](const std::string& text) {
+      return text.empty() ? nlohmann::json(nullptr) : nlohmann::json(text);
+    };
+    iNotStored.push_back({{"volumeName", volume.name},
+                          {"path", path},
+                          {"copy", textOrNull(copy)},
+                          {"reason", textOrNull(reason)}});
   }
 
   // The first failure decides the exit code; the other volumes are still seen to.
@@ -84,9 +121,9 @@ class UnmountCommand {
   const UnmountOptions& iOptions;
   const Output& iOutput;
   const Interruption iInterruption;
-  Spinner iSpinner;
   std::unique_ptr<UndeliveredFiles> iUndelivered;
   std::vector<std::string> iUnmounted;
+  nlohmann::json iNotStored = nlohmann::json::array();
   int iCode = kExitSuccess;
 };
 

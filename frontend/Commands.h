@@ -35,6 +35,11 @@ struct UnmountOptions {
   bool force = false;
 };
 
+struct StatusOptions {
+  std::optional<std::string> target;  // absent: all volumes
+  bool watch = false;
+};
+
 struct LogsOptions {
   std::string name;
   bool transcript = false;
@@ -44,6 +49,7 @@ struct LogsOptions {
 int runMount(const MountOptions& options, const Output& output);
 int runSample(const VolumeOptions& options, const Output& output);
 int runList(const Output& output);
+int runStatus(const StatusOptions& options, const Output& output);
 int runUnmount(const UnmountOptions& options, const Output& output);
 int runRefresh(const std::vector<std::string>& paths, const Output& output);
 int runLogs(const LogsOptions& options, const Output& output);

@@ -45,6 +45,8 @@ class HelperBus {
   // All helpers of this user that answer. One that owns a name but does not answer in time is told with its
   // process number and the state "not answering".
   std::vector<HelperStatus> helpers();
+  // What one helper tells; its state is "not answering" when it does not in time.
+  HelperStatus statusOf(const std::string& busName, pid_t pid);
   // Asks a helper to unmount. False, with `why` filled, when it refuses or does not answer.
   bool unmount(const std::string& busName, bool force, std::chrono::milliseconds limit, std::string* why);
   // Sends "OFSInvalidateCache" with these paths to all helpers on this bus. False when it could not be sent.
@@ -54,7 +56,6 @@ class HelperBus {
   explicit HelperBus(sd_bus* bus);
   std::vector<std::string> helperNames();
   pid_t processOf(const std::string& busName);
-  HelperStatus statusOf(const std::string& busName, pid_t pid);
 
   struct Closer {
     void operator()(sd_bus* bus) const;

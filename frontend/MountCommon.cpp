@@ -10,6 +10,7 @@
 
 #include "frontend/SessionBus.h"
 #include "frontend/UndeliveredFiles.h"
+#include "frontend/UnmountProgress.h"
 #include "frontend/UnmountVolume.h"
 #include "frontend/Volumes.h"
 #include "frontend/VolumesFolder.h"
@@ -69,11 +70,10 @@ int unmountInForeground(const MountResult& result, Interruption& interruption, c
   });
   if (found == volumes.end()) return kExitSuccess;
   Failure failure;
-  Spinner spinner(output.err, !output.json);
-  spinner.setText("Unmounting " + found->name);
-  const auto control = systemVolumeControl(*found, interruption, [&spinner] { spinner.tick(); });
+  UnmountProgress progress(*found, output);
+  const auto control = systemVolumeControl(*found, interruption, [&progress] { return progress.tick(); });
   const bool done = unmountVolume(*control, found->name, false, {}, &failure);
-  spinner.clear();
+  progress.clear();
   return done ? kExitSuccess : output.fail(failure);
 }
 

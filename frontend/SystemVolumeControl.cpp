@@ -69,7 +69,7 @@ std::string processName(const std::string& process) {
 
 class SystemVolumeControl final : public VolumeControl {
  public:
-  SystemVolumeControl(const Volume& volume, const Interruption& interruption, std::function<void()> tick)
+  SystemVolumeControl(const Volume& volume, const Interruption& interruption, std::function<uint64_t()> tick)
       : iVolume(volume),
         iInterruption(interruption),
         iTick(std::move(tick)),
@@ -128,7 +128,7 @@ class SystemVolumeControl final : public VolumeControl {
   }
 
   bool pause() override {
-    if (iTick) iTick();
+    if (iTick) iSent = iTick();
     // A change of the table of mounts shows as an error condition on it.
     std::array<pollfd, 3> waiting{{{iMounts.get(), POLLPRI, 0},
                                    {helperLives() ? iHelper.get() : -1, POLLIN, 0},
@@ -136,6 +136,8 @@ class SystemVolumeControl final : public VolumeControl {
     poll(waiting.data(), waiting.size(), kPauseMilliseconds);
     return !iInterruption.requested();
   }
+
+  uint64_t bytesSent() override { return iSent; }
 
   std::chrono::steady_clock::time_point now() override { return std::chrono::steady_clock::now(); }
 
@@ -162,7 +164,8 @@ class SystemVolumeControl final : public VolumeControl {
 
   Volume iVolume;
   const Interruption& iInterruption;
-  std::function<void()> iTick;
+  std::function<uint64_t()> iTick;
+  uint64_t iSent = 0;
   UniqueFd iHelper;
   UniqueFd iMounts;
 };
@@ -170,7 +173,7 @@ class SystemVolumeControl final : public VolumeControl {
 }  // namespace
 
 std::unique_ptr<VolumeControl> systemVolumeControl(const Volume& volume, const Interruption& interruption,
-                                                   std::function<void()> tick) {
+                                                   std::function<uint64_t()> tick) {
   return std::make_unique<SystemVolumeControl>(volume, interruption, std::move(tick));
 }
 

@@ -33,6 +33,8 @@ class UndeliveredFiles {
   // What the helper of that registration name told until its last word. The helper has ended; what it sent
   // may still be under way, so this waits for its last word, for a second at most.
   std::vector<UndeliveredFile> ofHelper(const std::string& registeredName);
+  // Whether that last word has come. Without it, nobody knows what became of what was unsent.
+  bool hasEnded(const std::string& registeredName) const { return iEnded.contains(registeredName); }
 
  private:
   struct Told {

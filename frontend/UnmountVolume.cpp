@@ -33,6 +33,16 @@ class Unmounting {
  private:
   bool isGone() { return !iControl.isMounted() && !iControl.helperLives(); }
 
+  // A slow line is no reason to give up: the limit begins anew with every byte that moves.
+  Gone waitWhileSending(std::chrono::milliseconds limit) {
+    uint64_t sent = iControl.bytesSent();
+    while (true) {
+      const Gone gone = waitForBoth(limit);
+      if (gone != Gone::kNotYet || iControl.bytesSent() == sent) return gone;
+      sent = iControl.bytesSent();
+    }
+  }
+
   Gone waitForBoth(std::chrono::milliseconds limit) {
     return waitUntil(iControl, limit, [this] { return isGone(); });
   }
@@ -49,7 +59,7 @@ class Unmounting {
     // A helper that agreed writes back what is left, then ends. Without its word the mount is taken away from
     // here, which lets the helper do the same.
     if (!asked && iControl.isMounted() && !takeAway(false)) return false;
-    const Gone gone = waitForBoth(iLimits.drain);
+    const Gone gone = waitWhileSending(iLimits.drain);
     if (gone == Gone::kYes) return true;
     if (gone == Gone::kInterrupted) return interrupted();
     if (iControl.isMounted()) return asked ? takeAway(false) && endHelper() : stillWriting();
@@ -112,7 +122,7 @@ class Unmounting {
 
   bool interrupted() {
     *iFailure = {kExitInterrupted, fmt::format("Stopped waiting for {}.", inQuotes(iName)),
-                 "Its helper goes on unmounting it.", "See: ombra list"};
+                 "Its helper goes on unmounting it.", "See: ombra status"};
     return false;
   }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -35,24 +36,28 @@ class VolumeControl {
   // Returns soon: when something changed, or after a tenth of a second. False when the wait is to end
   // (Ctrl-C).
   virtual bool pause() = 0;
+  // What the helper has sent to its server, as far as it was seen during the pauses: it grows while bytes
+  // move.
+  virtual uint64_t bytesSent() = 0;
   virtual std::chrono::steady_clock::time_point now() = 0;
 };
 
 struct UnmountLimits {
-  std::chrono::milliseconds drain{120000};  // for what was written to reach the server
+  std::chrono::milliseconds drain{120000};  // in which nothing of what was written reaches the server
   std::chrono::milliseconds forcedDrain{10000};
   std::chrono::milliseconds end{5000};  // for a helper to end once it was told to
 };
 
-// Unmounts: asks the helper and waits until mount and helper are gone; where it cannot be asked, takes the
-// mount away and waits for the helper to finish. With `force` it does not wait for a server that is gone: the
-// mount is detached and the helper ended, killed if need be. False with the failure filled; nothing is lost
-// then, and it can be repeated.
+// Unmounts: asks the helper and waits until mount and helper are gone, for as long as bytes move to the
+// server; where it cannot be asked, takes the mount away and waits for the helper to finish. With `force` it
+// does not wait for a server that is gone: the mount is detached and the helper ended, killed if need be.
+// False with the failure filled; nothing is lost then, and it can be repeated.
 bool unmountVolume(VolumeControl& control, const std::string& name, bool force, const UnmountLimits& limits,
                    Failure* failure);
 
-// The system's control of a volume. `tick` is called while waiting.
+// The system's control of a volume. `tick` is called while waiting and answers what was sent so far; without
+// one, nobody looks.
 std::unique_ptr<VolumeControl> systemVolumeControl(const Volume& volume, const Interruption& interruption,
-                                                   std::function<void()> tick);
+                                                   std::function<uint64_t()> tick);
 
 }  // namespace ombra

@@ -23,6 +23,7 @@ class ScriptedVolume final : public VolumeControl {
   bool mountStaysForEver = false;
   std::string holders;
   int interruptAfter = -1;
+  int pausesOfSending = 0;  // in each of so many pauses after the request bytes reach the server
 
   std::vector<std::string> steps;
   bool mounted = true;
@@ -65,15 +66,18 @@ class ScriptedVolume final : public VolumeControl {
   bool pause() override {
     iTime += std::chrono::seconds(1);
     ++iPauses;
+    if (iLeaving && pausesOfSending-- > 0) ++iSent;
     if (iLeaving && !mountStaysForEver && --pausesUntilUnmount <= 0) mounted = false;
     if (iLeaving && !helperStaysForEver && --pausesUntilEnd <= 0) helper = false;
     return iPauses != interruptAfter;
   }
+  uint64_t bytesSent() override { return iSent; }
   std::chrono::steady_clock::time_point now() override { return iTime; }
 
  private:
   std::chrono::steady_clock::time_point iTime{};
   int iPauses = 0;
+  uint64_t iSent = 0;
   bool iLeaving = false;
   bool iAborted = false;
 };
@@ -98,6 +102,21 @@ TEST_F(UnmountVolume, WaitsAsLongAsTheHelperIsWritingBack) {
   iVolume.pausesUntilEnd = 18;
   EXPECT_TRUE(unmount());
   EXPECT_THAT(iVolume.steps, ElementsAre("ask", "remove"));
+}
+
+TEST_F(UnmountVolume, OverASlowLineWaitsBeyondItsLimitAsLongAsBytesMove) {
+  iVolume.pausesUntilEnd = 300;
+  iVolume.pausesOfSending = 295;
+  EXPECT_TRUE(unmount());
+  EXPECT_THAT(iVolume.steps, ElementsAre("ask", "remove"));
+}
+
+TEST_F(UnmountVolume, ThatStopsSendingIsWaitedForNoLongerThanTheLimit) {
+  iVolume.pausesUntilEnd = 300;
+  iVolume.pausesOfSending = 100;
+  iVolume.obeysTerminate = false;
+  EXPECT_FALSE(unmount());
+  EXPECT_THAT(iVolume.steps, ElementsAre("ask", "terminate"));
 }
 
 TEST_F(UnmountVolume, OfOneThatIsInUseDoesNothingAndSaysWhoHoldsIt) {
