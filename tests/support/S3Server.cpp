@@ -144,7 +144,7 @@ RadosGatewayServer::RadosGatewayServer() {
   for (const char* program :
        {"/usr/bin/ceph-mon", "/usr/bin/ceph-osd", "/usr/bin/radosgw", "/usr/bin/ceph"}) {
     if (access(program, X_OK) == 0) continue;
-    (void)fail(std::string(program) + " is not installed; run scripts/dependencies full");
+    (void)fail(std::string(program) + " is not installed; run OMBRA_FULL=1 scripts/dependencies test");
     return;
   }
   iPort = ServerProcess::freePort();
