@@ -142,21 +142,26 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
     return false;
   }
   const std::string whole = absolute(path);
-  Run run{Run::Kind::kUpload, ProgressReporter(offset, progressReport())};
+  // Also where no delegate listens it must be possible to see that bytes move.
+  const auto report = [report = progressReport(), extents = handle.extents()](
+                          uint64_t bytes, double throughput, bool stalled) {
+    if (!stalled) extents->noteProgress();
+    report(bytes, throughput, stalled);
+  };
+  Run run{Run::Kind::kUpload, ProgressReporter(offset, report)};
   const uint64_t length = handle.fileLength();
+  run.heldPath = whole;
+  run.heldFile = handle.extents();
   if (handle.isScratch()) {
     iUploadPath = &whole;
-    run.heldPath = whole;
-    run.heldFile = handle.extents();
   } else {
     // Without a session in hand, as far as that goes.
     sessions().letGoOf(whole);
   }
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
-    // What a scratch file has under way on another session must not arrive after what is sent now; and
-    // whoever wrote to the path must be done before it is written to in another way.
-    const bool goesOn = handle.isScratch() && session.heldPath() == whole;
-    if (!goesOn) sessions().finishUploads(whole, run.heldFile);
+    // What the file has under way on another session must not arrive after what is sent now; and whoever
+    // wrote to the path must be done before it is written to in another way.
+    if (session.heldPath() != whole) sessions().finishUploads(whole, run.heldFile);
     return session.upload(handle, whole, offset, control, fault);
   };
   const bool done = runTransfer(run, work, error);

@@ -99,7 +99,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
     bool moved = false;         // anything was sent or received, in any session
     uint64_t sessionStart = 0;  // bytes reached when this session began
     bool givesWay = false;
-    std::string heldPath{};  // of an upload that may go on later
+    std::string heldPath{};  // of an upload, which may go on later
     std::shared_ptr<UnconfirmedExtents> heldFile{};
   };
   class Control;

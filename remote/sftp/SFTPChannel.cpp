@@ -295,6 +295,7 @@ bool SFTPChannel::replyArrived(SFTPReply reply) {
 void SFTPChannel::fail(NSErrorRef error) {
   // The first reason is the one that explains the others.
   if (!iFailure) iFailure = std::move(error);
+  iHasFailed = true;
 }
 
 bool SFTPChannel::reportFailure(NSErrorRef* error) const {

@@ -1,6 +1,7 @@
 // Requests and their replies over one transport.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -98,8 +99,13 @@ class SFTPChannel final : private SFTPTransport::Receiver {
     own();
     return iFailure;
   }
+  // Whether every further call will fail, as far as it is known; does not take the channel back. Any thread.
+  bool hasFailed() const { return iHasFailed.load(); }
   // Any thread.
-  void interrupt() { iTransport->interrupt(); }
+  void interrupt() {
+    iHasFailed = true;
+    iTransport->interrupt();
+  }
 
  private:
   struct Pending {
@@ -148,6 +154,7 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   size_t iWriteHeaderLength = 0;
   std::span<std::byte> iWriteSpace;
   NSErrorRef iFailure;
+  std::atomic<bool> iHasFailed{false};
   bool iIsLent = false;  // the user's side of it: read and written by the user's thread alone
   // Its end may still hand over bytes.
   std::unique_ptr<SFTPTransport> iTransport;

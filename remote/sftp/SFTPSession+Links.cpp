@@ -95,20 +95,24 @@ std::optional<LinkResolution> SFTPSession::resolveLink(std::string_view path, NS
 // one last.
 std::optional<LinkResolution> SFTPSession::walkLink(std::string_view path, NSErrorRef* error) {
   std::vector<std::string> rest;
-  const auto push = [&rest](std::string_view text) {
+  size_t restLength = 0;
+  const auto push = [&rest, &restLength](std::string_view text) {
     std::vector<std::string> components;
     while (!text.empty()) {
       const size_t end = text.find('/');
       if (end != 0) components.emplace_back(text.substr(0, end));
       text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
     }
+    for (const std::string& component : components) restLength += 1 + component.size();
     rest.insert(rest.end(), components.rbegin(), components.rend());
   };
   push(path);
   std::string reached;
   for (int links = 0; !rest.empty();) {
+    if (reached.size() + restLength > kMaximumPathLength) return LinkResolution{};
     const std::string component = std::move(rest.back());
     rest.pop_back();
+    restLength -= 1 + component.size();
     const std::string next = sftpNormalPath(reached + "/" + component);
     NSErrorRef reason;
     const auto target = component == ".." || component == "."

@@ -111,7 +111,9 @@ bool SFTPSession::takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef
     listing.entries->push_back(entryForName(std::move(name)));
     const RemoteEntry& entry = listing.entries->back();
     if (entry.type != kNodeTypeAlias || !isShown) continue;
-    listing.questions.push_back(askLink(sftpJoinPath(listing.path, entry.name), listing.entries->size() - 1));
+    std::string itemPath = sftpJoinPath(listing.path, entry.name);
+    if (itemPath.size() > kMaximumPathLength) continue;
+    listing.questions.push_back(askLink(std::move(itemPath), listing.entries->size() - 1));
   }
   return true;
 }
@@ -132,7 +134,7 @@ bool SFTPSession::settleEntry(Listing& listing, const LinkQuestion& question, NS
   if (!settleLink(question, &target, &entry.resolution, error)) return false;
   if (question.links == 0) entry.targetPath = target;
   if (entry.resolution && !entry.resolution->isFinal) {
-    if (question.links >= kMostLinksOnTheWay) {
+    if (question.links >= kMostLinksOnTheWay || entry.resolution->resolvedPath.size() > kMaximumPathLength) {
       entry.resolution = LinkResolution{};
       return true;
     }

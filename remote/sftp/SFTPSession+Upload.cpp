@@ -43,14 +43,25 @@ bool SFTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t off
   NSErrorRef reason;
   const bool succeeded = from.isScratch() ? uploadChanges(from, path, offset, control, &reason)
                                           : uploadCopy(from, path, offset, control, &reason);
+  const bool isOurs = isUploadOf(from, path);
   if (succeeded) {
-    if (iUpload != nullptr) iChannel.lend();
+    if (isOurs) iChannel.lend();
     return true;
   }
-  // After a failure nobody knows what the handle still stands for.
-  dropUpload();
+  if (isOurs && QuarnKitError::isCode(reason, kQuarnKitCancelled)) {
+    // Whoever cancels does not wait for what is in flight. Whoever sends to this path next does, because it
+    // must not arrive behind that: until then the file counts as being sent.
+    iChannel.lend();
+  } else if (isOurs) {
+    // Nobody knows what the handle still stands for.
+    dropUpload();
+  }
   storeError(error, explainWrite(reason, path));
   return false;
+}
+
+bool SFTPSession::isUploadOf(const NSFileHandle& from, std::string_view path) const {
+  return iUpload != nullptr && iUpload->path() == path && iUpload->extents() == from.extents();
 }
 
 bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
@@ -77,7 +88,7 @@ bool SFTPSession::uploadCopy(NSFileHandle& from, std::string_view path, uint64_t
                              TransferControl& control, NSErrorRef* error) {
   constexpr uint32_t kAnew = kSFTPOpenWrite | kSFTPOpenCreate | kSFTPOpenTruncate;
   const uint32_t flags = offset == 0 ? kAnew : kSFTPOpenWrite | kSFTPOpenCreate;
-  return openUpload(path, flags, nullptr, error) && iUpload->sendAll(from, offset, control, error) &&
+  return openUpload(path, flags, from.extents(), error) && iUpload->sendAll(from, offset, control, error) &&
          closeUpload(error);
 }
 
@@ -90,7 +101,7 @@ bool SFTPSession::uploadChanges(NSFileHandle& from, std::string_view path, uint6
     storeError(error, std::move(earlier));
     return false;
   }
-  const bool wasOpen = iUpload != nullptr && iUpload->path() == path && iUpload->extents() == from.extents();
+  const bool wasOpen = isUploadOf(from, path);
   if (!wasOpen && !openForChanges(from, path, error)) return false;
   NSErrorRef reason;
   if (iUpload->sendChanges(from, offset, control, &reason)) return true;
@@ -113,22 +124,27 @@ bool SFTPSession::openForChanges(NSFileHandle& from, std::string_view path, NSEr
 }
 
 // The close travels right behind the last write: one wait for all. A full disk or quota may show only there.
-bool SFTPSession::closeUpload(NSErrorRef* error) {
+bool SFTPSession::endUpload(NSErrorRef* failure) {
   NoControl control;
   const std::string path = iUpload->path();
   const uint32_t id = iRequests.close(iUpload->handle());
   NSErrorRef reason;
-  bool succeeded = iUpload->finish(control, &reason);
-  if (succeeded) {
-    succeeded = waitStatus(id, SFTPOperation::kWrite, path, &reason);
-  } else {
-    iChannel.abandon(id);
-  }
-  if (!succeeded) reason = explainWrite(reason, path);
-  iUpload->end(reason);
+  const bool isStored = iUpload->finish(control, &reason);
+  if (!isStored) iUpload->settleRest(control);
+  const bool isClosed = waitStatus(id, SFTPOperation::kWrite, path, isStored ? &reason : nullptr);
+  const bool succeeded = isStored && isClosed;
+  if (!succeeded && *failure == nullptr) *failure = explainWrite(std::move(reason), path);
+  return isClosed;
+}
+
+bool SFTPSession::closeUpload(NSErrorRef* error) {
+  NSErrorRef failure;
+  const bool isClosed = endUpload(&failure);
+  iUpload->end(failure, isClosed);
   iUpload.reset();
-  if (!succeeded) storeError(error, std::move(reason));
-  return succeeded;
+  if (failure == nullptr) return true;
+  storeError(error, std::move(failure));
+  return false;
 }
 
 void SFTPSession::finishUpload() {
@@ -137,26 +153,50 @@ void SFTPSession::finishUpload() {
 
 void SFTPSession::dropUpload() {
   if (iUpload == nullptr) return;
-  const std::string handle = iUpload->handle();
-  iUpload->end(nullptr);
+  NSErrorRef ignored;
+  const bool isClosed = endUpload(&ignored);
+  iUpload->end(nullptr, isClosed);
   iUpload.reset();
-  if (iChannel.failure()) return;
-  iChannel.abandon(iRequests.close(handle));
-  iChannel.flushBriefly();
 }
 
 void SFTPSession::closeUploadHandleBelow(std::string_view path) {
   if (iUpload != nullptr && isAtOrBelowRemotePath(iUpload->path(), path)) finishUpload();
 }
 
+// Some systems flush through a handle for writing alone. A file that may only be written, or only be read, is
+// opened in the way that it may be.
+std::optional<std::string> SFTPSession::openForFlush(std::string_view path, NSErrorRef* error) {
+  for (const uint32_t flags : {kSFTPOpenWrite, kSFTPOpenRead}) {
+    *error = nullptr;
+    auto handle = waitHandle(iRequests.open(path, flags), SFTPOperation::kOther, path, error);
+    if (handle || iChannel.failure()) return handle;
+  }
+  return std::nullopt;
+}
+
+// A slow disk may keep the server silent for long.
 bool SFTPSession::flushFile(std::string_view path, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
   if (!iChannel.hasExtension("fsync@openssh.com", "1")) return true;
-  const auto handle = waitHandle(iRequests.open(path, kSFTPOpenRead), SFTPOperation::kOther, path, error);
-  if (!handle) return false;
+  NSErrorRef reason;
+  if (iUpload != nullptr && iUpload->path() == path) {
+    const uint32_t id = iRequests.fsync(iUpload->handle());
+    if (waitStatusPatiently(id, SFTPOperation::kWrite, path, &reason)) return true;
+    // A handle that the server has let go of says nothing about the file. Any other refusal stands: systems
+    // tell of a failed flush once.
+    if (iChannel.failure() || !QuarnKitError::isCode(reason, kQuarnKitNoSuchItem)) {
+      storeError(error, std::move(reason));
+      return false;
+    }
+  }
+  const auto handle = openForFlush(path, &reason);
+  if (!handle) {
+    storeError(error, std::move(reason));
+    return false;
+  }
   const uint32_t id = iRequests.fsync(*handle);
   iChannel.abandon(iRequests.close(*handle));
-  return waitStatus(id, SFTPOperation::kWrite, path, error);
+  return waitStatusPatiently(id, SFTPOperation::kWrite, path, error);
 }
 
 bool SFTPSession::sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
@@ -191,6 +231,8 @@ bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, 
     SFTPWriteQueue::Observer nobody;
     SFTPWriteQueue queue(iChannel, *handle, std::string(path), nobody);
     succeeded = sendStream(next, queue, control, path, &reason);
+    NoControl never;
+    if (!succeeded && !QuarnKitError::isCode(reason, kQuarnKitCancelled)) queue.settleRest(never);
   }
   const uint32_t closeID = iChannel.failure() ? 0 : iRequests.close(*handle);
   // A full disk or quota may show only here.

@@ -5,11 +5,6 @@
 
 namespace ombra {
 
-namespace {
-// Longer paths than any system takes, and far below the packet limit of every server.
-constexpr size_t kMaximumPathLength = 16 * 1024;
-}  // namespace
-
 SFTPSession::SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment)
     : iChannel(std::move(transport), environment.transcript, environment.connectLimit, environment.idleLimit),
       iRequests(iChannel) {}

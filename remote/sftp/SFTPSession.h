@@ -28,6 +28,7 @@ class SFTPSession final : public Session {
   [[nodiscard]] bool logIn(NSErrorRef* error) override;
   std::string loginPath() const override { return iLoginPath; }
   bool isAlive() override;
+  bool hasFailed() const override { return iChannel.hasFailed(); }
   void interrupt() override { iChannel.interrupt(); }
   void becameIdle() override { finishUpload(); }
   std::string heldPath() const override { return iUpload == nullptr ? std::string() : iUpload->path(); }
@@ -73,6 +74,9 @@ class SFTPSession final : public Session {
   std::optional<std::string> waitName(uint32_t id, std::string_view path, NSErrorRef* error);
   // Fails with the server's status, or with a protocol error when the reply is no status.
   void refuse(const SFTPReply& reply, SFTPOperation operation, std::string_view path, NSErrorRef* error);
+  // Longer paths than any system takes, and far below the packet limit of every server. Also for those that
+  // the server's own names and links make up: a link that leads farther leads nowhere.
+  static constexpr size_t kMaximumPathLength = 16 * 1024;
   bool isUsablePath(std::string_view path, NSErrorRef* error);
   // Whether something of that name is there, links not followed; a lost connection counts as no.
   std::optional<SFTPAttributes> lookAt(std::string_view path);
@@ -121,8 +125,13 @@ class SFTPSession final : public Session {
   bool closeUpload(NSErrorRef* error);
   // Waits for the last word on what was sent, for the record of the file that it came from.
   void finishUpload();
-  // Without waiting.
+  // The same after a failure that was told already.
   void dropUpload();
+  bool isUploadOf(const NSFileHandle& from, std::string_view path) const;
+  // Closes the remote handle. What was sent through it is given back unless the server has confirmed that.
+  // `failure`, which may be filled already, tells why it has not.
+  bool endUpload(NSErrorRef* failure);
+  std::optional<std::string> openForFlush(std::string_view path, NSErrorRef* error);
   void closeUploadHandleBelow(std::string_view path);
   bool sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
                   TransferControl& control, std::string_view path, NSErrorRef* error);

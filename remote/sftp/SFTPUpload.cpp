@@ -21,30 +21,35 @@ SFTPUpload::SFTPUpload(SFTPChannel& channel, SFTPRequests& requests, std::string
       iExtents(std::move(extents)),
       iRemoteLength(remoteLength) {
   iQueue.emplace(iChannel, iHandle, iPath, static_cast<SFTPWriteQueue::Observer&>(*this));
-  if (iExtents != nullptr) iExtents->beginSending();
+  iExtents->beginSending();
 }
 
-SFTPUpload::~SFTPUpload() { end(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, iPath)); }
+SFTPUpload::~SFTPUpload() { end(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, iPath), false); }
 
-void SFTPUpload::end(NSErrorRef failure) {
+void SFTPUpload::end(NSErrorRef failure, bool isClosed) {
   if (std::exchange(iEnded, true)) return;
   iQueue.reset();
-  if (iExtents != nullptr) iExtents->endSending(std::move(failure));
+  if (!isClosed) {
+    // Servers that store at the close have thrown all of it away.
+    for (const FileExtent& extent : iAcknowledged.all()) iExtents->giveBack(extent);
+  }
+  iExtents->endSending(std::move(failure));
 }
 
 void SFTPUpload::sent(FileExtent extent) {
   // From here on a local write to it is a change that has to be sent again.
-  if (iExtents != nullptr) iExtents->remove(extent);
+  iExtents->remove(extent);
   iRemoteLength = std::max(iRemoteLength, extent.end);
 }
 
 void SFTPUpload::stored(FileExtent extent) {
+  // Told also when no call runs any more: somebody may wait for the last of it.
+  if (iExtents != nullptr) iExtents->noteProgress();
+  iAcknowledged.add(extent);
   if (iControl != nullptr) iControl->progress(extent.end);
 }
 
-void SFTPUpload::notStored(FileExtent extent) {
-  if (iExtents != nullptr) iExtents->giveBack(extent);
-}
+void SFTPUpload::notStored(FileExtent extent) { iExtents->giveBack(extent); }
 
 bool SFTPUpload::sendAll(const NSFileHandle& from, uint64_t offset, TransferControl& control,
                          NSErrorRef* error) {

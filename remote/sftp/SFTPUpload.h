@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/foundation/NSFileHandle.h"
+#include "remote/sftp/BoundedExtents.h"
 #include "remote/sftp/SFTPChannel.h"
 #include "remote/sftp/SFTPRequests.h"
 #include "remote/sftp/SFTPWriteQueue.h"
@@ -16,10 +17,12 @@ namespace ombra {
 
 // Sends parts of a local file to an open remote handle, and keeps the record of what of it the server has.
 // One that sends a scratch file may live from one upload to the next, with writes that are not acknowledged
-// yet; its end gives back to the record what was not stored. One thread at a time.
+// yet; its end gives back to the record what was not stored, which is all that was sent through the handle
+// when the server has not confirmed its close. One thread at a time.
 class SFTPUpload final : private SFTPWriteQueue::Observer {
  public:
-  // `extents` is null for an ordinary file. `remoteLength` is that of the file behind the handle.
+  // `extents` is the file's own record; for an ordinary file it tells others no more than that the file is
+  // being sent. `remoteLength` is that of the file behind the handle.
   SFTPUpload(SFTPChannel& channel, SFTPRequests& requests, std::string path, std::string handle,
              std::shared_ptr<UnconfirmedExtents> extents, uint64_t remoteLength);
   ~SFTPUpload() override;
@@ -31,7 +34,6 @@ class SFTPUpload final : private SFTPWriteQueue::Observer {
   const std::shared_ptr<UnconfirmedExtents>& extents() const { return iExtents; }
   // As far as it is known here.
   uint64_t remoteLength() const { return iRemoteLength; }
-
   // Sends [offset, end) of an ordinary file and waits until it is stored.
   [[nodiscard]] bool sendAll(const NSFileHandle& from, uint64_t offset, TransferControl& control,
                              NSErrorRef* error);
@@ -43,9 +45,10 @@ class SFTPUpload final : private SFTPWriteQueue::Observer {
   [[nodiscard]] bool finish(TransferControl& control, NSErrorRef* error) {
     return iQueue->finish(control, error);
   }
+  void settleRest(TransferControl& control) { iQueue->settleRest(control); }
   // Nothing more will be sent. Gives back what was not stored and tells the record the outcome; null when
-  // there is nothing to tell. Once.
-  void end(NSErrorRef failure);
+  // there is nothing to tell. `isClosed`: the server has confirmed the close. Once.
+  void end(NSErrorRef failure, bool isClosed);
 
  private:
   void sent(FileExtent extent) override;
@@ -67,6 +70,7 @@ class SFTPUpload final : private SFTPWriteQueue::Observer {
   const std::string iHandle;
   const std::shared_ptr<UnconfirmedExtents> iExtents;
   uint64_t iRemoteLength;
+  BoundedExtents iAcknowledged;  // through this handle
   TransferControl* iControl = nullptr;  // of the call that runs
   bool iEnded = false;
   std::optional<SFTPWriteQueue> iQueue;

@@ -90,6 +90,10 @@ bool SFTPWriteQueue::flush(TransferControl& control, NSErrorRef* error) {
   return settleAnswered(control, error);
 }
 
+void SFTPWriteQueue::settleRest(TransferControl& control) {
+  while (!iPieces.empty() && !iChannel.failure()) (void)settleFirst(control, nullptr);
+}
+
 bool SFTPWriteQueue::finish(TransferControl& control, NSErrorRef* error) {
   while (!iPieces.empty()) {
     if (!settleFirst(control, error)) return false;

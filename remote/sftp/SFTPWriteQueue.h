@@ -42,6 +42,9 @@ class SFTPWriteQueue {
   [[nodiscard]] bool settle(TransferControl& control, NSErrorRef* error) {
     return settleAnswered(control, error);
   }
+  // Waits for all answers that are still due, refusals too, as long as the channel lives: what is in flight
+  // must not arrive after what others send.
+  void settleRest(TransferControl& control);
   // Waits for all acknowledgements.
   [[nodiscard]] bool finish(TransferControl& control, NSErrorRef* error);
 

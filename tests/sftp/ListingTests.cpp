@@ -221,6 +221,68 @@ TEST_F(SFTPListing, LeavesHostileNamesToThePoolAndAsksNothingAboutThem) {
   EXPECT_EQ(0u, transport->countOf(kSFTPReadlink)) << "a name with a slash would be asked for elsewhere";
 }
 
+// A folder with one link, on a server that says whatever it likes about it.
+class SFTPHostileLinks : public SessionFixture {
+ protected:
+  // `name` and `text` of the link, and of every item that is asked about on the way; `exists`: the server
+  // says that it leads to something.
+  RemoteEntry listLink(const std::string& name, const std::string& text, bool exists) {
+    auto owned = std::make_unique<PeerTransport>([=](const PeerRequest& request, PeerTransport& to) {
+      const std::string gone = statusReply(request.id, kSFTPStatusNoSuchFile);
+      if (request.type == kSFTPInit) to.send(versionReply());
+      if (request.type == kSFTPRealpath)
+        to.send(to.requests().size() < 3 ? nameReply(request.id, "/") : gone);
+      if (request.type == kSFTPOpendir) to.send(handleReply(request.id, "h"));
+      if (request.type == kSFTPClose) to.send(statusReply(request.id, kSFTPStatusOK));
+      if (request.type == kSFTPReadlink) to.send(nameReply(request.id, text));
+      if (request.type == kSFTPStat) to.send(exists ? attrsReply(request.id, attrs(0100644, 3)) : gone);
+      if (request.type == kSFTPLstat) to.send(gone);
+      if (request.type != kSFTPReaddir) return;
+      const bool isFirst = to.countOf(kSFTPReaddir) == 1;
+      const std::string link = str(name) + str("") + attrs(0120777, 0);
+      to.send(isFirst ? packet(std::string(1, kSFTPName) + u32(request.id) + u32(1) + link)
+                      : statusReply(request.id, kSFTPStatusEOF));
+    });
+    PeerTransport* const transport = owned.get();
+    SessionEnvironment environment;
+    environment.transcript = transcript;
+    SFTPSession other(std::move(owned), environment);
+    EXPECT_TRUE(other.logIn(&error));
+    std::vector<RemoteEntry> entries;
+    EXPECT_TRUE(other.list("/d", &entries, &error)) << error->description();
+    for (const PeerRequest& request : transport->requests()) {
+      longest = std::max(longest, request.body.size());
+    }
+    return entries.empty() ? RemoteEntry() : entries.front();
+  }
+  size_t longest = 0;  // request
+  const size_t longestAllowed = 16 * 1024 + 4;
+};
+
+TEST_F(SFTPHostileLinks, AChainWhosePathGrowsLeadsNowhere) {
+  const RemoteEntry entry = listLink("l", std::string(6000, 'x') + "/l", true);
+  ASSERT_TRUE(entry.resolution);
+  EXPECT_FALSE(entry.resolution->resolved);
+  EXPECT_GT(longest, 12000u) << "as long as it can be a path it is followed";
+  EXPECT_LE(longest, longestAllowed);
+}
+
+TEST_F(SFTPHostileLinks, AWalkWhosePathGrowsLeadsNowhere) {
+  for (const std::string& text : {std::string(6000, 'x') + "/l", std::string(20000, 'x')}) {
+    const RemoteEntry entry = listLink("l", text, false);
+    ASSERT_TRUE(entry.resolution);
+    EXPECT_FALSE(entry.resolution->resolved);
+    EXPECT_LE(longest, longestAllowed);
+  }
+}
+
+TEST_F(SFTPHostileLinks, ANameThatIsTooLongForAPathIsNotAskedAbout) {
+  const RemoteEntry entry = listLink(std::string(20000, 'n'), "target", true);
+  EXPECT_EQ(20000u, entry.name.size());
+  EXPECT_FALSE(entry.resolution);
+  EXPECT_LE(longest, longestAllowed);
+}
+
 TEST_F(SFTPListing, TellsTypesByTheLongNameWhereAttributesHaveNoMode) {
   auto owned = std::make_unique<PeerTransport>([&](const PeerRequest& request, PeerTransport& to) {
     if (request.type == kSFTPInit) to.send(versionReply());

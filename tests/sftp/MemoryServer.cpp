@@ -146,6 +146,10 @@ std::string MemoryServer::open(uint32_t id, SFTPPacketReader& reader) {
   const std::string path(reader.string());
   const uint32_t flags = reader.u32();
   if (forbidden.contains(path)) return statusReply(id, kSFTPStatusPermissionDenied, "Permission denied");
+  if (((flags & kSFTPOpenRead) && unreadable.contains(path)) ||
+      ((flags & kSFTPOpenWrite) && unwritable.contains(path))) {
+    return statusReply(id, kSFTPStatusPermissionDenied, "Permission denied");
+  }
   if (!iItems.contains(path)) {
     if (!(flags & kSFTPOpenCreate)) return statusReply(id, kSFTPStatusNoSuchFile, "No such file");
     addFile(path, "");
@@ -245,7 +249,7 @@ std::string MemoryServer::extended(uint32_t id, SFTPPacketReader& reader) {
   }
   const std::string first(reader.string());
   if (name == "fsync@openssh.com") {
-    if (iHandles.count(first) == 0) return statusReply(id, kSFTPStatusFailure, "Failure");
+    if (iHandles.count(first) == 0) return statusReply(id, kSFTPStatusNoSuchFile, "No such file");
     flushed.push_back(iHandles.at(first).path);
     return statusReply(id, kSFTPStatusOK);
   }

@@ -34,6 +34,7 @@ class MemoryServer {
   // The content of a file; fails the test when there is none.
   std::string content(const std::string& path) const;
   size_t openHandles() const { return iHandles.size(); }
+  void forgetHandles() { iHandles.clear(); }
 
   // For the transport's handler.
   void handle(const PeerRequest& request, PeerTransport& transport);
@@ -54,6 +55,9 @@ class MemoryServer {
   uint64_t writeLength = 0;
   // Paths that may not be looked into.
   std::set<std::string> forbidden;
+  // Files that may not be opened for reading, or for writing.
+  std::set<std::string> unreadable;
+  std::set<std::string> unwritable;
   // Nobody may give files away.
   bool refuseOwner = false;
   // The server only tidies paths up, and follows nothing.

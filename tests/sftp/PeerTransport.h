@@ -37,6 +37,8 @@ class PeerTransport final : public SFTPTransport {
 
   const std::vector<PeerRequest>& requests() const { return iRequests; }
   size_t countOf(uint8_t type) const;
+  // Bytes that were sent to the client and that it has not taken yet.
+  size_t undelivered() const { return iToClient.size(); }
   // How often the client had to wait: a measure of round trips.
   size_t waits() const { return iWaits; }
 

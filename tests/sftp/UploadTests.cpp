@@ -176,6 +176,16 @@ TEST_F(SFTPUpload, WhatWasCutAndGrewAgainIsZerosOnTheServerToo) {
   }
 }
 
+TEST_F(SFTPUpload, EachAcknowledgementIsProgressOfTheFile) {
+  logIn();
+  makeScratch(pattern(1000));
+  ASSERT_TRUE(upload(0));
+  const uint64_t before = local->extents()->progress();
+  writeLocally("AA", 10);
+  ASSERT_TRUE(upload(10));
+  EXPECT_GT(local->extents()->progress(), before);
+}
+
 TEST_F(SFTPUpload, FromAnOffsetLeavesWhatLiesBeforeItUnsent) {
   logIn();
   makeScratch(pattern(1000));
@@ -349,6 +359,33 @@ TEST_F(SFTPUpload, StopsSoonWhenCancelled) {
   EXPECT_FALSE(upload(0));
   EXPECT_EQ(kQuarnKitCancelled, codeOf(error));
   EXPECT_LT(server.content("/f").size(), 20000000u);
+}
+
+// What is still in flight must not arrive behind what another session sends.
+TEST_F(SFTPUpload, ACancelledOneCountsAsUnderWayUntilItsLastPieceHasArrived) {
+  for (const auto kind : {NSFileHandle::Kind::kScratch, NSFileHandle::Kind::kFile}) {
+    logIn();
+    local = makeLocalFile(kind, pattern(20000000));
+    local->noteWritten({0, 20000000});
+    control.cancelAt = 100000;
+    EXPECT_FALSE(upload(0));
+    EXPECT_EQ("/f", session->heldPath());
+    EXPECT_TRUE(local->extents()->isSending());
+    session->becameIdle();
+    EXPECT_EQ(0u, peer->undelivered());
+    EXPECT_FALSE(local->extents()->isSending());
+    EXPECT_EQ(0u, server.openHandles());
+    control = RecordingControl();
+  }
+}
+
+TEST_F(SFTPUpload, ARefusedOneWaitsForThePiecesThatAreInFlightBehindTheRefusal) {
+  logIn(13);
+  makeScratch(pattern(10 * 32768));
+  server.refusals[kSFTPWrite] = {kSFTPStatusPermissionDenied, 3};
+  ASSERT_FALSE(upload(0));
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(error));
+  EXPECT_EQ(0u, peer->undelivered());
   EXPECT_EQ(0u, server.openHandles());
 }
 
@@ -396,6 +433,68 @@ TEST_F(SFTPUpload, AFlushBringsTheFileToTheServersDisk) {
   server.refusals[kSFTPExtended] = {kSFTPStatusFailure, 0};
   EXPECT_FALSE(session->flushFile("/f", &error));
   EXPECT_EQ(kQuarnKitRefused, codeOf(error));
+}
+
+TEST_F(SFTPUpload, AFlushUsesTheHandleThatIsOpen) {
+  logIn();
+  makeScratch("abc");
+  ASSERT_TRUE(upload(0));
+  EXPECT_TRUE(session->flushFile("/f", &error));
+  EXPECT_EQ(1u, peer->countOf(kSFTPOpen));
+  session->becameIdle();
+  EXPECT_TRUE(session->flushFile("/f", &error));
+  EXPECT_EQ(2u, peer->countOf(kSFTPOpen));
+  EXPECT_EQ((std::vector<std::string>{"/f", "/f"}), server.flushed);
+}
+
+TEST_F(SFTPUpload, AFlushOpensTheFileInTheWayThatItMayBeOpened) {
+  using Paths = std::set<std::string>;
+  const std::pair<Paths, Paths> table[] = {{{"/f"}, {}}, {{}, {"/f"}}};
+  for (const auto& [unreadable, unwritable] : table) {
+    server = MemoryServer();
+    server.addFile("/f", "abc");
+    server.unreadable = unreadable;
+    server.unwritable = unwritable;
+    logIn();
+    EXPECT_TRUE(session->flushFile("/f", &error)) << error->description();
+    EXPECT_EQ(std::vector<std::string>{"/f"}, server.flushed);
+    EXPECT_EQ("abc", server.content("/f"));
+  }
+  server.unreadable = {"/f"};
+  EXPECT_FALSE(session->flushFile("/f", &error));
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(error));
+}
+
+TEST_F(SFTPUpload, AFlushOfWhatIsGoneSaysSo) {
+  logIn();
+  EXPECT_FALSE(session->flushFile("/f", &error));
+  EXPECT_EQ(kQuarnKitNoSuchItem, codeOf(error));
+}
+
+TEST_F(SFTPUpload, AFlushThroughAHandleThatTheServerForgotOpensTheFileAgain) {
+  logIn();
+  makeScratch("abc");
+  ASSERT_TRUE(upload(0));
+  server.forgetHandles();
+  EXPECT_TRUE(session->flushFile("/f", &error)) << error->description();
+  EXPECT_EQ(std::vector<std::string>{"/f"}, server.flushed);
+}
+
+// A slow disk may have much to store.
+TEST_F(SFTPUpload, AFlushMayTakeLongerThanTheLimitOfSilence) {
+  server.addFile("/f", "abc");
+  idleLimit = std::chrono::milliseconds(50);
+  logIn();
+  server.before = [&](const PeerRequest& request) {
+    if (request.type == kSFTPExtended) server.batch = SIZE_MAX;
+  };
+  std::optional<SFTPChannel::Clock::time_point> begin;
+  peer->setWhenIdle([&](PeerTransport& to) {
+    if (!begin) begin = SFTPChannel::Clock::now();
+    if (SFTPChannel::Clock::now() - *begin > std::chrono::milliseconds(120)) server.flush(to);
+  });
+  EXPECT_TRUE(session->flushFile("/f", &error)) << error->description();
+  EXPECT_EQ(std::vector<std::string>{"/f"}, server.flushed);
 }
 
 TEST_F(SFTPUpload, AServerThatKnowsNoFlushIsNotAsked) {
@@ -483,20 +582,80 @@ TEST_F(SFTPWriteBehind, ARefusedCloseIsKeptForTheFile) {
   session.reset();
 }
 
-TEST_F(SFTPWriteBehind, WhatALostSessionHadUnderWayIsSentByTheNextOne) {
+// Some servers store at the close, and throw everything away when that fails.
+TEST_F(SFTPWriteBehind, WhatARefusedCloseHasLostIsSentAgainByTheNextUpload) {
   begin();
-  server.batch = SIZE_MAX;
-  ASSERT_TRUE(append("under way "));
+  ASSERT_TRUE(append("more"));
+  server.refusals[kSFTPClose] = {kSFTPStatusFailure, 0};
+  session->becameIdle();
+  server.refusals.clear();
+  server.addFile("/f", std::string(1004, '?'));
+  EXPECT_FALSE(append("told")) << "the write after it is told";
+  EXPECT_EQ(kQuarnKitRefused, codeOf(error));
+  writeLocally("once more", 1004);
+  ASSERT_TRUE(upload(1004)) << error->description();
+  session->becameIdle();
+  EXPECT_EQ(readLocalFile(*local), server.content("/f"));
+  EXPECT_EQ(nullptr, local->extents()->takeFailure());
   session.reset();
-  EXPECT_FALSE(local->extents()->isSending());
-  EXPECT_EQ((std::vector<FileExtent>{{1000, 1010}}), local->unconfirmedExtents(0));
+}
+
+TEST_F(SFTPWriteBehind, WhatAnUnansweredCloseMayHaveLostIsSentAgainByTheNextUpload) {
+  idleLimit = std::chrono::milliseconds(20);
+  begin();
+  ASSERT_TRUE(append("more"));
+  server.batch = SIZE_MAX;
+  peer->setWhenIdle([](PeerTransport&) {});
+  session->becameIdle();
+  EXPECT_TRUE(session->hasFailed());
   server = MemoryServer();
-  server.addFile("/f", pattern(1000));  // nothing of it had arrived
+  server.addFile("/f", std::string(1004, '?'));
+  idleLimit = std::chrono::milliseconds(2000);
   logIn();
   ASSERT_TRUE(append("and after")) << error->description();
   session->becameIdle();
   EXPECT_EQ(readLocalFile(*local), server.content("/f"));
   EXPECT_EQ(nullptr, local->extents()->takeFailure());
+}
+
+TEST_F(SFTPWriteBehind, WhatAConfirmedCloseHasStoredIsNotSentAgain) {
+  begin();
+  session->becameIdle();
+  ASSERT_TRUE(append("more"));
+  server.refusals[kSFTPClose] = {kSFTPStatusFailure, 0};
+  session->becameIdle();
+  EXPECT_EQ((std::vector<FileExtent>{{1000, 1004}}), local->unconfirmedExtents(0));
+  session.reset();
+}
+
+TEST_F(SFTPWriteBehind, WhatALostSessionHadNotClosedIsSentByTheNextOne) {
+  begin();
+  server.batch = SIZE_MAX;
+  ASSERT_TRUE(append("under way "));
+  session.reset();
+  EXPECT_FALSE(local->extents()->isSending());
+  EXPECT_EQ((std::vector<FileExtent>{{0, 1010}}), local->unconfirmedExtents(0));
+  server = MemoryServer();
+  server.addFile("/f", std::string(1000, '?'));  // nothing of it was kept
+  logIn();
+  ASSERT_TRUE(append("and after")) << error->description();
+  session->becameIdle();
+  EXPECT_EQ(readLocalFile(*local), server.content("/f"));
+  EXPECT_EQ(nullptr, local->extents()->takeFailure());
+}
+
+TEST_F(SFTPWriteBehind, TheEndOfAHoldThatMeetsALossIsSeenWithoutALook) {
+  begin();
+  EXPECT_FALSE(session->hasFailed());
+  peer->hangUp();
+  session->becameIdle();
+  EXPECT_TRUE(session->hasFailed());
+}
+
+TEST_F(SFTPWriteBehind, AnInterruptedSessionIsKnownToBeOfNoUse) {
+  begin();
+  session->interrupt();
+  EXPECT_TRUE(session->hasFailed());
 }
 
 class SFTPStream : public SessionFixture {
