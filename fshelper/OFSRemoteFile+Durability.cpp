@@ -72,9 +72,9 @@ bool OFSRemoteFile::locked_finishInPlace(StAbstractConnection& holder, NSErrorRe
   NSErrorRef failure;
   bool isFinished = true;
   if (!locked_isSettledInPlace()) {
-    const HeldTransfer held(*this);
+    HeldTransfer held(*this);
     iTransfer.beginPiece();
-    isFinished = (*holder).finishUploads(*iFileHandle, remotePath(), &failure);
+    isFinished = held.end((*holder).finishUploads(*iFileHandle, remotePath(), &failure));
   }
   iTransfer.end(remotePath(), isFinished ? nullptr : failure);
   if (!isFinished) storeError(error, failure);

@@ -154,8 +154,8 @@ bool OFSRemoteFile::locked_setRemotePermissions(AbstractConnection& connection, 
   change.posixPermissions = permissions;
   NSErrorRef failure;
   // With the condition held: everything else on this file waits for the change.
-  const HeldTransfer held(*this);
-  if (connection.changeAttributes(change, remotePath(), &failure)) return true;
+  HeldTransfer held(*this);
+  if (held.end(connection.changeAttributes(change, remotePath(), &failure))) return true;
   // A server that has no modes to change keeps no file from being written: intended.
   if (failure != nullptr && failure->code() == kQuarnKitAttributeChangeNotSupported) return true;
   storeError(error, ofs_posixError(kEIO, failure));

@@ -110,14 +110,14 @@ void OFSRemoteFile::locked_failWrite(const KCException& exception, NSErrorRef* e
 
 bool OFSRemoteFile::locked_sendCacheFile(AbstractConnection& connection, uint64_t offset,
                                          uint64_t* transferred, NSErrorRef* error) {
-  const HeldTransfer held(*this);
+  HeldTransfer held(*this);
   NSFileHandle& handle = *iFileHandle;
   std::string path = remotePath();
   while (true) {
-    const bool succeeded = ofs_runTransfer(error, [&] {
+    const bool succeeded = held.end(ofs_runTransfer(error, [&] {
       return connection.uploadFileHandle(handle, connection.displayStringForRemoteString(path), path, offset,
                                          transferred, error);
-    });
+    }));
     // Moved meanwhile: nobody knows where these bytes are now, so all of them go to where the file is.
     const std::string now = remotePath();
     if (now == path) return succeeded;

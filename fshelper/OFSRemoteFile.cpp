@@ -93,6 +93,12 @@ void OFSRemoteFile::setRemotePath(std::string path) {
   iRemotePath = std::move(path);
 }
 
+// Calls that hold the condition have no delegate: of them the record of extents knows.
+uint64_t OFSRemoteFile::movements() const {
+  const std::shared_ptr<NSFileHandle> handle = fileHandle();
+  return iMovements.load() + (handle == nullptr ? 0 : handle->extents()->progress());
+}
+
 uint16_t OFSRemoteFile::mode() const {
   const ConditionLock lock(iCondition);
   return static_cast<uint16_t>(iMode);

@@ -156,9 +156,9 @@ class OFSRemoteFile final : public GMOpenFile,
   bool downloadFailed() EXCLUDES(iCondition);
   // Asks a running download (only that) to stop, for unmount. Never waits for a transfer.
   void cancelDownload() EXCLUDES(iCondition);
-  // Grows while a transfer moves bytes, and when a remote call made with the condition held has ended. Never
-  // waits.
-  uint64_t movements() const { return iMovements.load(); }
+  // Grows while a transfer moves bytes, and when a remote call made with the condition held has succeeded.
+  // Never waits for a transfer.
+  uint64_t movements() const EXCLUDES(iPathLock);
   // How far the transfers are. Never waits for one.
   OFSTransferRecord& transfer() { return iTransfer; }
   // While the file, or a folder above it, is being moved: writes and truncations wait, so that nothing is

@@ -41,12 +41,16 @@ class OFSRemoteFile::Synchronizer {
 class OFSRemoteFile::HeldTransfer {
  public:
   explicit HeldTransfer(OFSRemoteFile& file) : iFile(file) { ++iFile.iHeldTransfers; }
-  ~HeldTransfer() {
-    --iFile.iHeldTransfers;
-    ++iFile.iMovements;
-  }
+  ~HeldTransfer() { --iFile.iHeldTransfers; }
   HeldTransfer(const HeldTransfer&) = delete;
   HeldTransfer& operator=(const HeldTransfer&) = delete;
+
+  // The answer of the call, which is passed on. A failure is no movement: on a dead server each call ends in
+  // one.
+  bool end(bool succeeded) {
+    if (succeeded) ++iFile.iMovements;
+    return succeeded;
+  }
 
  private:
   OFSRemoteFile& iFile;

@@ -1,6 +1,7 @@
 // What of a local file a server may not have yet.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <vector>
@@ -49,6 +50,9 @@ class UnconfirmedExtents {
   std::optional<uint64_t> givenBackFrom() const EXCLUDES(iCondition);
   void forgetGivenBack() EXCLUDES(iCondition);
   NSErrorRef takeFailure() EXCLUDES(iCondition);
+  // The server has taken some more of what is being sent; and how often it has. Never waits.
+  void noteProgress() { ++iProgress; }
+  uint64_t progress() const { return iProgress.load(); }
   // Nothing is under way, and no failure waits to be told.
   bool isSettled() const EXCLUDES(iCondition);
   // The server has the file as a whole, by another way.
@@ -57,6 +61,7 @@ class UnconfirmedExtents {
  private:
   void locked_add(FileExtent extent) REQUIRES(iCondition);
 
+  std::atomic<uint64_t> iProgress{0};
   mutable NSCondition iCondition;
   std::vector<FileExtent> iExtents GUARDED_BY(iCondition);
   std::optional<uint64_t> iLeastLength GUARDED_BY(iCondition);

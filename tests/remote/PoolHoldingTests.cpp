@@ -57,6 +57,16 @@ TEST_F(PoolHolding, ASessionGoesOnHoldingWhenItIsReleased) {
   EXPECT_EQ(endsOfHold(), 0);
 }
 
+// Who waits for an upload that has no delegate can still tell a slow server from a dead one.
+TEST_F(PoolHolding, AnUploadShowsOnItsFileThatBytesMove) {
+  fake.engine->onUpload = [](FakeSession&, NSFileHandle&, uint64_t, TransferControl& control, NSErrorRef*) {
+    control.progress(2);
+    return true;
+  };
+  EXPECT_TRUE(upload("/a"));
+  EXPECT_GT(file->extents()->progress(), 0u);
+}
+
 TEST_F(PoolHolding, AnUploadGetsTheSessionThatHoldsItsPath) {
   makeSecondSession();
   EXPECT_TRUE(upload("/a"));

@@ -122,6 +122,28 @@ TEST_F(InPlace, ThatIsBeingSentLetsNobodyWaitWhoEndsTheVolume) {
   EXPECT_EQ(finish(writer), 2);
 }
 
+// Who ends the volume tells a slow server from a dead one by this.
+TEST_F(WrittenBehind, ShowsWhatTheServerHasTakenOfItSoFar) {
+  writeBehind();
+  const uint64_t before = file->movements();
+  file->fileHandle()->extents()->noteProgress();
+  EXPECT_GT(file->movements(), before);
+  end(nullptr);
+}
+
+TEST_F(InPlace, ThatFailsIsNoMovement) {
+  file = downloadedFile("0123456789");
+  const uint64_t before = file->movements();
+  server.failAlways("uploadFileHandle", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  server.failAlways("changeAttributes", kPath, QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  EXPECT_EQ(write(*file, "XY", 4), -1);
+  EXPECT_FALSE(file->_truncateToOffset(8, nullptr));
+  NSFileAttributes mode;
+  mode.posixPermissions = 0600;
+  EXPECT_FALSE(file->setAttributes(mode, nullptr));
+  EXPECT_EQ(file->movements(), before);
+}
+
 TEST_F(InPlace, UsesOneConnectionWithoutADelegate) {
   file = downloadedFile("0123456789");
   EXPECT_EQ(write(*file, "XY", 4), 2);
