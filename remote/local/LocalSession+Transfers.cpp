@@ -32,6 +32,9 @@ class Descriptor {
   const int iDescriptor;
 };
 
+// What cannot be flushed is where it belongs already: pipes, read-only file systems.
+bool flush(int descriptor) { return fsync(descriptor) == 0 || errno == EINVAL || errno == EROFS; }
+
 std::string versionOf(const struct stat& status) {
   return fmt::format("{}:{}:{}:{}.{:09}", status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
                      status.st_mtim.tv_nsec);
@@ -139,6 +142,21 @@ bool LocalSession::uploadExtents(NSFileHandle& from, const std::string& path, ui
       return false;
     }
   }
+  return true;
+}
+
+bool LocalSession::flushFile(std::string_view path, NSErrorRef* error) {
+  if (!mayGoOn(error)) return false;
+  const std::string whole(path);
+  constexpr int kFlags = O_CLOEXEC | O_NONBLOCK;
+  int descriptor = ::open(whole.c_str(), O_RDONLY | kFlags);
+  if (descriptor < 0 && errno == EACCES) descriptor = ::open(whole.c_str(), O_WRONLY | kFlags);
+  const Descriptor file(descriptor);
+  if (file.get() < 0 || !flush(file.get())) return refuse(error, localServerError(errno, path));
+  // A new content came by a rename, which is the folder's. One that may not be read stores that by itself.
+  const std::string folder = whole.substr(0, whole.rfind('/') + 1);
+  const Descriptor parent(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | kFlags));
+  if (parent.get() >= 0 && !flush(parent.get())) return refuse(error, localServerError(errno, path));
   return true;
 }
 

@@ -43,6 +43,7 @@ class LocalSession final : public Session {
                 TransferControl& control, NSErrorRef* error) override;
   bool upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
               NSErrorRef* error) override;
+  bool flushFile(std::string_view path, NSErrorRef* error) override;
   bool stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
               TransferControl& control, NSErrorRef* error) override;
 
