@@ -43,16 +43,34 @@ std::optional<uint64_t> lengthOf(const HTTPResponse& response) {
   return length;
 }
 
+// Who is asked about a certificate is there for the login alone. Later connections, to a bucket's own host or
+// in place of a lost one, are as good as the login when an authority vouches for the host, which is checked
+// before.
+SessionEnvironment withLastingTrust(SessionEnvironment environment,
+                                    std::shared_ptr<const std::atomic<bool>> isLoggedIn) {
+  environment.isWorthyTrust = [asked = environment.isWorthyTrust,
+                               isLoggedIn](const std::string& fingerprint) {
+    return isLoggedIn->load() || (asked && asked(fingerprint));
+  };
+  return environment;
+}
+
 }  // namespace
 
 S3Session::S3Session(SessionEnvironment environment, std::optional<S3Endpoint> endpoint,
                      std::shared_ptr<S3Knowledge> knowledge, S3Limits limits)
     : iHasEndpoint(endpoint.has_value()),
       iLimits(limits),
-      iClient(std::move(environment), endpoint.value_or(S3Endpoint()), std::move(knowledge)) {}
+      iClient(withLastingTrust(std::move(environment), iIsLoggedIn), endpoint.value_or(S3Endpoint()),
+              std::move(knowledge)) {}
+
+bool S3Session::logIn(NSErrorRef* error) {
+  *iIsLoggedIn = askForLogin(error);
+  return *iIsLoggedIn;
+}
 
 // A cheap question, whose answer tells whether the key is good. That it may not be asked tells the same.
-bool S3Session::logIn(NSErrorRef* error) {
+bool S3Session::askForLogin(NSErrorRef* error) {
   if (!iHasEndpoint) {
     storeError(error, QuarnKitError::errorWithCode(
                           kQuarnKitCouldNotResolveHost,

@@ -1,12 +1,14 @@
 // A session with an S3 server.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/Mutex.h"
 #include "remote/Session.h"
 #include "remote/s3/S3Client.h"
 #include "remote/s3/S3Limits.h"
@@ -14,6 +16,7 @@
 
 namespace ombra {
 
+class S3Copier;
 class S3PartBuffer;
 
 // "/" lists the buckets; what lies below a bucket is a tree of folders made from the keys' slashes. A folder
@@ -32,7 +35,7 @@ class S3Session final : public Session {
   bool logIn(NSErrorRef* error) override;
   std::string loginPath() const override { return "/"; }
   bool isAlive() override { return iClient.isAlive(); }
-  void interrupt() override { iClient.interrupt(); }
+  void interrupt() override EXCLUDES(iCopierLock);
 
   std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
                                       NSErrorRef* error) override;
@@ -69,6 +72,8 @@ class S3Session final : public Session {
     bool isMarked = false;  // the folder itself is one of them
   };
 
+  bool askForLogin(NSErrorRef* error);
+
   // Looking.
   std::optional<Item> look(const S3Path& path, NSErrorRef* error);
   std::optional<Item> lookAtBucket(const S3Path& path, NSErrorRef* error);
@@ -104,10 +109,7 @@ class S3Session final : public Session {
   bool mayMoveFolderTo(const S3Path& to, NSErrorRef* error);
   std::optional<std::vector<Source>> sourcesBelow(const S3Path& folder, NSErrorRef* error);
   bool copyAll(const std::vector<Source>& sources, const S3Path& from, const S3Path& to, NSErrorRef* error);
-  bool copyObject(const S3Path& from, const std::string& fromKey, std::optional<uint64_t> size,
-                  const S3Path& to, const std::string& toKey, NSErrorRef* error);
-  bool copyInParts(const S3Path& from, const std::string& fromKey, const S3Path& to, const std::string& toKey,
-                   NSErrorRef* error);
+  void setCopier(S3Copier* copier) EXCLUDES(iCopierLock);
 
   // Transferring.
   bool putFile(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
@@ -124,7 +126,10 @@ class S3Session final : public Session {
 
   const bool iHasEndpoint;
   const S3Limits iLimits;
+  const std::shared_ptr<std::atomic<bool>> iIsLoggedIn = std::make_shared<std::atomic<bool>>(false);
   S3Client iClient;
+  Mutex iCopierLock;
+  S3Copier* iCopier GUARDED_BY(iCopierLock) = nullptr;  // while a folder moves
 };
 
 }  // namespace ombra

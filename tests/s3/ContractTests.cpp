@@ -4,16 +4,15 @@
 
 #include "remote/s3/S3Engine.h"
 #include "tests/s3/RawStore.h"
+#include "tests/s3/SharedServers.h"
 #include "tests/support/ConnectionContractTests.h"
-#include "tests/support/S3Server.h"
 
 namespace ombra {
 namespace {
 
-template <typename Server>
 class ObjectServer : public ContractServer {
  public:
-  ObjectServer() { registerS3Engine(); }
+  explicit ObjectServer(const S3Server& server) : iServer(server) { registerS3Engine(); }
 
   std::string whyNot() const override { return iServer.whyNot(); }
 
@@ -62,16 +61,16 @@ class ObjectServer : public ContractServer {
     return *iStore;
   }
 
-  Server iServer;
+  const S3Server& iServer;
   std::unique_ptr<RawStore> iStore;
   int iTests = 0;
 };
 
 std::vector<ContractServerKind> kinds() {
   std::vector<ContractServerKind> kinds{
-      {"s3rver", [] { return std::make_unique<ObjectServer<S3RverServer>>(); }}};
+      {"s3rver", [] { return std::make_unique<ObjectServer>(sharedS3Rver()); }}};
   if (RadosGatewayServer::isWanted())
-    kinds.push_back({"gateway", [] { return std::make_unique<ObjectServer<RadosGatewayServer>>(); }});
+    kinds.push_back({"gateway", [] { return std::make_unique<ObjectServer>(sharedGateway()); }});
   return kinds;
 }
 

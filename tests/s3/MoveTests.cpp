@@ -2,6 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <future>
+
 #include "tests/s3/MemoryStore.h"
 #include "tests/support/ConnectionContract.h"
 
@@ -89,6 +92,41 @@ TEST(S3Moves, ACopyWithoutACopysAnswerRemovesNothing) {
   EXPECT_FALSE(server.session().move("/test/a", false, "/test/b", &error));
   EXPECT_TRUE(hasCode(error, {kQuarnKitProtocolError}));
   EXPECT_THAT(server.store().keys(), ElementsAre("a"));
+}
+
+TEST(S3Moves, ManyObjectsAreCopiedSeveralAtATime) {
+  MemorySession server;
+  for (int i = 0; i < 100; ++i) server.store().put("a/" + std::to_string(i), std::to_string(i));
+  const int before = server.store().server().connections();
+  NSErrorRef error;
+  ASSERT_TRUE(server.session().move("/test/a", true, "/test/b", &error)) << error->description();
+  EXPECT_EQ(server.store().keys().size(), 100u);
+  for (int i = 0; i < 100; ++i)
+    EXPECT_EQ(server.store().content("b/" + std::to_string(i)), std::to_string(i));
+  EXPECT_GT(server.store().server().connections(), before);
+  EXPECT_LE(server.store().server().connections(), before + 7);
+}
+
+TEST(S3Moves, AnInterruptedMoveEndsSoonAndLeavesTheSourceWhole) {
+  MemorySession server;
+  for (int i = 0; i < 100; ++i) server.store().put("a/" + std::to_string(i), "x");
+  std::atomic<int> copies{0};
+  server.store().setIntercept([&](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    if (seen.method != "PUT") return std::nullopt;
+    return ++copies > 10 ? std::optional(httpSilence()) : std::nullopt;
+  });
+  NSErrorRef error;
+  // The last copies are not answered; each connection waits at one of them.
+  auto interrupting = std::async(std::launch::async, [&] {
+    server.store().server().waitForRequests(14);
+    server.session().interrupt();
+  });
+  EXPECT_FALSE(server.session().move("/test/a", true, "/test/b", &error));
+  interrupting.get();
+  EXPECT_TRUE(hasCode(error, {kQuarnKitConnectionLost}));
+  size_t left = 0;
+  for (const std::string& key : server.store().keys()) left += key.starts_with("a/") ? 1 : 0;
+  EXPECT_EQ(left, 100u);
 }
 
 TEST(S3Moves, ToItsOwnNameNothingHappens) {

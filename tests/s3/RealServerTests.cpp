@@ -4,26 +4,25 @@
 
 #include <algorithm>
 #include <cstdlib>
-
-#include "tests/s3/RawStore.h"
-#include "tests/support/ConnectionContract.h"
-#include "tests/support/S3Server.h"
-#include "tests/support/SessionDoubles.h"
-#include "tests/support/TemporaryFile.h"
+#include <fstream>
 
 #include "remote/s3/S3Session.h"
+#include "tests/s3/RawStore.h"
+#include "tests/s3/SharedServers.h"
+#include "tests/support/ConnectionContract.h"
+#include "tests/support/SessionDoubles.h"
+#include "tests/support/TemporaryFile.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace ombra {
 namespace {
 
 constexpr uint64_t kMiB = uint64_t{1} << 20;
 
-// One of each kind for all tests of the program.
-template <typename Server>
+// A server, its store and sessions with it.
 class RealServer {
  public:
-  template <typename... Arguments>
-  explicit RealServer(Arguments... arguments) : iServer(arguments...) {}
+  explicit RealServer(const S3Server& server) : iServer(server) {}
 
   const std::string& whyNot() const { return iServer.whyNot(); }
 
@@ -34,11 +33,12 @@ class RealServer {
     return credentials;
   }
 
-  std::unique_ptr<S3Session> session(std::shared_ptr<KCCredentials> credentials, S3Limits limits = {}) const {
+  std::unique_ptr<S3Session> session(std::shared_ptr<KCCredentials> credentials, S3Limits limits = {},
+                                     std::function<bool(const std::string&)> isWorthyTrust = {}) const {
     SessionEnvironment environment;
     environment.credentials = credentials;
     environment.transcript = std::make_shared<KeptTranscript>();
-    environment.isWorthyTrust = [](const std::string&) { return false; };
+    environment.isWorthyTrust = std::move(isWorthyTrust);
     return std::make_unique<S3Session>(environment, S3Endpoint::fromCredentials(*credentials),
                                        std::make_shared<S3Knowledge>(), limits);
   }
@@ -52,7 +52,7 @@ class RealServer {
   }
 
  private:
-  Server iServer;
+  const S3Server& iServer;
   std::unique_ptr<RawStore> iStore;
 };
 
@@ -90,7 +90,7 @@ std::string fetched(S3Session& session, const std::string& path) {
 }
 
 TEST(S3RealServer, AWrongSecretIsAFailedLogin) {
-  RealServer<S3RverServer> server;
+  RealServer server(sharedS3Rver());
   REQUIRE_SERVER(server);
   const auto credentials = server.credentials();
   credentials->setPassword("wrong");
@@ -101,7 +101,9 @@ TEST(S3RealServer, AWrongSecretIsAFailedLogin) {
 
 // Over TLS bodies are not signed: the protocol below protects them.
 TEST(S3RealServer, WorksOverTLS) {
-  RealServer<S3RverServer> server(true);
+  const TestCertificate certificate = makeLocalhostCertificate();
+  const S3RverServer running(&certificate);
+  RealServer server(running);
   REQUIRE_SERVER(server);
   S3Limits limits;
   limits.singlePut = kMiB;
@@ -121,7 +123,9 @@ TEST(S3RealServer, WorksOverTLS) {
 }
 
 TEST(S3RealServer, ACertificateThatWasNotAcceptedEndsTheLogin) {
-  RealServer<S3RverServer> server(true);
+  const TestCertificate certificate = makeLocalhostCertificate();
+  const S3RverServer running(&certificate);
+  RealServer server(running);
   REQUIRE_SERVER(server);
   const auto credentials = server.credentials();
   credentials->setOption("fingerprint", "SHA256:AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA");
@@ -130,10 +134,38 @@ TEST(S3RealServer, ACertificateThatWasNotAcceptedEndsTheLogin) {
   EXPECT_TRUE(hasCode(error, {kQuarnKitUntrusted}));
 }
 
+// Whoever is asked about a certificate is there for the login alone: later connections are not refused for
+// that.
+TEST(S3RealServer, TheTrustOfTheLoginLasts) {
+  const TestCertificate authority =
+      makeTestCertificate({.commonName = "Authority", .names = {}, .isAuthority = true});
+  const TestCertificate certificate = makeLocalhostCertificate(&authority);
+  const TemporaryFolder folder;
+  std::ofstream(folder / "authority.pem") << authority.pem;
+  setenv("SSL_CERT_FILE", (folder / "authority.pem").c_str(), 1);
+  const S3RverServer running(&certificate);
+  RealServer server(running);
+  REQUIRE_SERVER(server);
+  const auto credentials = server.credentials();
+  credentials->setOption("fingerprint", "");
+  int asked = 0;
+  const auto session = server.session(credentials, {}, [&asked](const std::string&) { return ++asked == 1; });
+  NSErrorRef error;
+  ASSERT_TRUE(session->logIn(&error)) << error->description();
+  // Several at a time, on connections of their own.
+  for (int i = 0; i < 40; ++i) server.store().put("many/" + std::to_string(i), "x");
+  EXPECT_TRUE(session->move("/test/many", true, "/test/moved", &error))
+      << (error ? error->description() : "");
+  EXPECT_EQ(server.store().keys("moved/").size(), 40u);
+  EXPECT_TRUE(server.store().keys("many/").empty());
+  EXPECT_EQ(asked, 1);
+  unsetenv("SSL_CERT_FILE");
+}
+
 class S3Gateway : public testing::Test {
  protected:
-  static RealServer<RadosGatewayServer>& server() {
-    static RealServer<RadosGatewayServer> sServer;
+  static RealServer& server() {
+    static RealServer sServer(sharedGateway());
     return sServer;
   }
 

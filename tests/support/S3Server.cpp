@@ -11,8 +11,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "tests/support/TestCertificates.h"
-
 extern char** environ;
 
 namespace ombra {
@@ -100,7 +98,7 @@ void S3Server::configure(KCCredentials& credentials) const {
   if (!iFingerprint.empty()) credentials.setOption("fingerprint", iFingerprint);
 }
 
-S3RverServer::S3RverServer(bool overTLS) {
+S3RverServer::S3RverServer(const TestCertificate* certificate) {
   if (!isRunning()) return;
   const std::string module = testServersFolder() + "/node_modules/@20minutes/s3rver";
   if (access((module + "/package.json").c_str(), R_OK) != 0) {
@@ -109,11 +107,10 @@ S3RverServer::S3RverServer(bool overTLS) {
   }
   iPort = ServerProcess::freePort();
   std::string identity;
-  if (overTLS) {
-    const TestCertificate certificate = makeLocalhostCertificate();
-    iFingerprint = certificate.fingerprint;
-    std::ofstream(iFolder + "/key.pem") << certificate.key;
-    std::ofstream(iFolder + "/certificate.pem") << certificate.pem;
+  if (certificate != nullptr) {
+    iFingerprint = certificate->fingerprint;
+    std::ofstream(iFolder + "/key.pem") << certificate->key;
+    std::ofstream(iFolder + "/certificate.pem") << certificate->pem;
     identity = "key: require('fs').readFileSync('" + iFolder +
                "/key.pem'), cert: require('fs').readFileSync('" + iFolder + "/certificate.pem'), ";
   }

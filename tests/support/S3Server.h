@@ -8,6 +8,7 @@
 #include "remote/KCCredentials.h"
 #include "remote/KCTypes.h"
 #include "tests/support/ServerProcess.h"
+#include "tests/support/TestCertificates.h"
 
 namespace ombra {
 
@@ -50,7 +51,8 @@ class S3Server {
 // A small server that keeps objects as files: starts in a second.
 class S3RverServer final : public S3Server {
  public:
-  explicit S3RverServer(bool overTLS = false);
+  // With a certificate: over TLS.
+  explicit S3RverServer(const TestCertificate* certificate = nullptr);
 };
 
 // A storage cluster of one machine with its gateway: takes a quarter of a minute and half a gigabyte.
