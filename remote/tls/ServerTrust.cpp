@@ -81,13 +81,21 @@ struct ServerTrust::State {
     return why;
   }
 
-  // An exception must not pass through OpenSSL: it counts as a no.
+  // Asked once for each certificate: who answers is there for the login alone, and later connections of the same
+  // session meet the same one. An exception must not pass through OpenSSL: it counts as a no.
   bool isWorthy(const std::string& fingerprint) {
+    {
+      MutexLock lock(lastLock);
+      if (std::find(worthy.begin(), worthy.end(), fingerprint) != worthy.end()) return true;
+    }
     try {
-      return isWorthyTrust && isWorthyTrust(fingerprint);
+      if (!isWorthyTrust || !isWorthyTrust(fingerprint)) return false;
     } catch (const std::exception&) {
       return false;
     }
+    MutexLock lock(lastLock);
+    worthy.push_back(fingerprint);
+    return true;
   }
 
   const std::vector<std::string> accepted;
@@ -95,6 +103,7 @@ struct ServerTrust::State {
   const std::function<bool(const std::string&)> isWorthyTrust;
   mutable Mutex lastLock;
   NSErrorRef refusal GUARDED_BY(lastLock);
+  std::vector<std::string> worthy GUARDED_BY(lastLock);
 };
 
 namespace {
