@@ -31,6 +31,14 @@ void OmbraFileSystem::markStale(KCRemoteFileNode& parent, std::string_view newIt
   fileSystemAttributesNeedUpdate(true);
 }
 
+// The folder that was looked up, and the one that stands for it in the tree by now.
+void OmbraFileSystem::markStaleAtPath(const std::shared_ptr<KCRemoteFileNode>& parent,
+                                      std::string_view newItem) {
+  markStale(*parent, newItem);
+  const auto now = _nodeForPath(stringByDeletingLastPathComponent(newItem));
+  if (now != nullptr && now != parent) markStale(*now, newItem);
+}
+
 // The attributes are not applied, deliberately: the server chooses a new folder's permissions.
 bool OmbraFileSystem::createDirectoryAtPath(OptionalPath path, const NSFileAttributes& attributes,
                                             NSErrorRef* error) {
@@ -53,7 +61,7 @@ bool OmbraFileSystem::createDirectoryAtPath(OptionalPath path, const NSFileAttri
     OFS_FAIL(error, kEACCES, underlying);
     return false;
   }
-  if (!isListed || !showNewFolder(connection, parent, *path)) markStale(*parent, *path);
+  if (!isListed || !showNewFolder(connection, parent, *path)) markStaleAtPath(parent, *path);
   return true;
 }
 
@@ -79,7 +87,7 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   if (!file->openWithMode(kNewFileFlags, error)) return false;
   std::shared_ptr<KCRemoteFileNode> node = isListed ? showNewFile(parent, *path) : nullptr;
   if (node == nullptr) {
-    markStale(*parent, *path);
+    markStaleAtPath(parent, *path);
     if (!contentsOfDirectoryAtPath(parentPath, error)) return false;
     node = nodeForPath(*path);
   }

@@ -27,19 +27,22 @@ std::optional<std::vector<std::string>> OmbraFileSystem::listFolder(OptionalPath
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   StAbstractConnection connection(pool.get(), this);
   const std::shared_ptr<KCRemoteFileNode> node = nodeForPath(*path);
-  if (isFresh(node)) return cachedNames(*node, form);
-  return fetchFolder(connection, *path, node, error, form);
+  if (claimIfStale(node)) return fetchFolder(connection, *path, node, error, form);
+  return cachedNames(*node, form);
 }
 
 bool OmbraFileSystem::isFresh(const std::shared_ptr<KCRemoteFileNode>& node) const {
   if (node == nullptr || node->isExpired()) return false;
   const auto date = ofs_property<NSDate>(*node, kOFSExpirationDate);
-  if (!date) return false;
-  const NSDate now = NSDate::date();
-  if (now.timeIntervalSinceDate(*date) < refreshInterval()) return true;
+  return date && NSDate::date().timeIntervalSinceDate(*date) < refreshInterval();
+}
+
+bool OmbraFileSystem::claimIfStale(const std::shared_ptr<KCRemoteFileNode>& node) const {
+  if (isFresh(node)) return false;
+  if (node == nullptr || node->isExpired() || !ofs_property<NSDate>(*node, kOFSExpirationDate)) return true;
   // Set before the server is asked, so that of many readers of an old listing one fetches the next.
-  node->setUserProperty(now, kOFSExpirationDate);
-  return false;
+  node->setUserProperty(NSDate::date(), kOFSExpirationDate);
+  return true;
 }
 
 // Absent, without an error, for a folder whose one fetch failed.

@@ -28,16 +28,17 @@ bool OmbraFileSystem::removeItemAtPath(OptionalPath path, NSErrorRef* error) {
   }
   // What a former item of that path has left unsent would make the file again.
   const std::string remotePath = remotePathForPath(*path);
-  const auto leftBehind = iFiles.detachedAtPath(remotePath);
-  for (const auto& file : leftBehind) file->abandon();
+  supersedeLeftBehind(remotePath, nullptr);
   NSErrorRef underlying;
   if (!connection->deleteItemAtPath(remotePath, isFolder, &underlying)) {
-    for (const auto& file : leftBehind) file->reclaim();
     const bool isMissing = underlying != nullptr && underlying->code() == kQuarnKitNoSuchItem;
     OFS_FAIL(error, isMissing ? kENOENT : kEACCES, underlying);
     return false;
   }
-  for (const auto& file : leftBehind) iFiles.forget(*file);
+  for (const auto& file : iFiles.detachedAtPath(remotePath)) {
+    file->abandon();
+    iFiles.forget(*file);
+  }
   repairTreeAfterRemoval(node);
   return true;
 }

@@ -30,7 +30,14 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::showNewFile(
   const auto node = std::make_shared<KCRemoteFileNode>(remotePathForPath(path), credentials());
   node->setType(kNodeTypeFile);
   node->setSize(0);
-  return showNewItem(parent, node);
+  return shownAtPath(path, showNewItem(parent, node));
+}
+
+// The folder may have left the tree since it was looked up, for another one of its name: what was put into it
+// then is nowhere.
+std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::shownAtPath(
+    std::string_view path, const std::shared_ptr<KCRemoteFileNode>& node) const {
+  return _nodeForPath(path) == node ? node : nullptr;
 }
 
 bool OmbraFileSystem::showNewFolder(StAbstractConnection& connection,
@@ -44,7 +51,7 @@ bool OmbraFileSystem::showNewFolder(StAbstractConnection& connection,
   // Just made, it holds nothing.
   node->setUserProperty(KCCreateNodeByDisplayNameMutableSet(), kOFSContents);
   node->setUserProperty(NSDate::date(), kOFSExpirationDate);
-  return showNewItem(parent, node) == node;
+  return shownAtPath(path, showNewItem(parent, node)) == node;
 }
 
 }  // namespace ombra

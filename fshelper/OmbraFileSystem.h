@@ -188,7 +188,10 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::shared_ptr<KCRemoteFileNode> parentNodeForPath(std::string_view path);
 
   std::optional<std::vector<std::string>> listFolder(OptionalPath path, NSErrorRef* error, NameForm form);
+  // Whether a listing is young enough to be used. Changes nothing.
   bool isFresh(const std::shared_ptr<KCRemoteFileNode>& node) const;
+  // The same for who fetches the listing where it is not.
+  bool claimIfStale(const std::shared_ptr<KCRemoteFileNode>& node) const;
   std::optional<std::vector<std::string>> cachedNames(const KCRemoteFileNode& node, NameForm form) const;
   std::optional<std::vector<std::string>> fetchFolder(StAbstractConnection& connection, std::string_view path,
                                                       const std::shared_ptr<KCRemoteFileNode>& node,
@@ -197,6 +200,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void invalidateDirectory(std::string_view path) const;
   // After `newItem` (a local path) was made in `parent`: the next use of the parent's listing fetches it.
   void markStale(KCRemoteFileNode& parent, std::string_view newItem);
+  void markStaleAtPath(const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view newItem);
   // Whether the listing of a folder that is about to get a new item is fresh, and the item can simply be put
   // into it afterwards.
   bool canShowNewItems(const std::shared_ptr<KCRemoteFileNode>& parent) const;
@@ -204,6 +208,9 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // or null when there is no listing any more: then it has to be fetched.
   std::shared_ptr<KCRemoteFileNode> showNewItem(const std::shared_ptr<KCRemoteFileNode>& parent,
                                                 const std::shared_ptr<KCRemoteFileNode>& node);
+  // `node`, if it is the one that the tree has at the path; null otherwise.
+  std::shared_ptr<KCRemoteFileNode> shownAtPath(std::string_view path,
+                                                const std::shared_ptr<KCRemoteFileNode>& node) const;
   bool showNewFolder(StAbstractConnection& connection, const std::shared_ptr<KCRemoteFileNode>& parent,
                      std::string_view path);
   std::shared_ptr<KCRemoteFileNode> showNewFile(const std::shared_ptr<KCRemoteFileNode>& parent,

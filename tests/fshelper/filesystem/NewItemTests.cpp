@@ -1,4 +1,6 @@
 // What is made where the server keeps the names that it is given: it joins the known listing.
+#include <functional>
+
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
 namespace ombra {
@@ -75,6 +77,81 @@ TEST_F(NewItems, AFolderWhoseAttributesCannotBeReadIsListed) {
   ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
   EXPECT_THAT(names("/"), UnorderedElementsAre("old", "folder"));
   EXPECT_EQ(listings(), before + 1);
+}
+
+TEST_F(NewItems, AnOldListingIsStillFetchedAfterACreationThatFailed) {
+  names("/");
+  clock.advance(61);
+  const size_t before = listings();
+  server.fail("uploadFileHandle", "/new", QuarnKitError::errorWithCode(kQuarnKitRefused));
+  ASSERT_FALSE(makeFile("/new"));
+  names("/");
+  EXPECT_EQ(listings(), before + 1);
+}
+
+// Something happens on the server, or here, while it makes "/folder/new".
+class NewItemMeanwhile : public NewItems {
+ protected:
+  NewItemMeanwhile() {
+    server.addFolder("/folder");
+    server.addFile("/folder/old", "x");
+    names("/folder");
+  }
+  void meanwhile(std::function<void()> event) {
+    server.setObserver([this, event = std::move(event)](const ScriptedCall& call) {
+      if (call.name != "uploadFileHandle") return;
+      server.setObserver({});
+      event();
+    });
+  }
+  void listAgain(const std::string& folder) {
+    makeStale(folder);
+    names(folder);
+  }
+};
+
+TEST_F(NewItemMeanwhile, AListingWithoutTheItemKeepsIt) {
+  meanwhile([this] { listAgain("/folder"); });
+  ASSERT_TRUE(makeFile("/folder/new"));
+  EXPECT_EQ(fileOnNode("/folder/new"), made);
+  EXPECT_THAT(names("/folder"), UnorderedElementsAre("old", "new"));
+}
+
+TEST_F(NewItemMeanwhile, AListingWithTheItemBringsItsNode) {
+  std::shared_ptr<KCRemoteFileNode> node;
+  meanwhile([this, &node] {
+    server.addFile("/folder/new", "");
+    listAgain("/folder");
+    node = fileSystem._nodeForPath("/folder/new");
+  });
+  ASSERT_TRUE(makeFile("/folder/new"));
+  EXPECT_NE(node, nullptr);
+  EXPECT_EQ(fileSystem._nodeForPath("/folder/new"), node);
+  EXPECT_EQ(fileOnNode("/folder/new"), made);
+  EXPECT_THAT(names("/folder"), UnorderedElementsAre("old", "new"));
+}
+
+TEST_F(NewItemMeanwhile, AnotherFolderOfThatNameGetsTheItem) {
+  meanwhile([this] {
+    server.removeItem("/folder");
+    listAgain("/");
+    server.addFolder("/folder");
+    listAgain("/");
+    names("/folder");
+  });
+  ASSERT_TRUE(makeFile("/folder/new"));
+  EXPECT_EQ(fileOnNode("/folder/new"), made);
+  EXPECT_THAT(names("/folder"), UnorderedElementsAre("new"));
+}
+
+TEST_F(NewItems, AFileTakesThePlaceOfTheListedOneOfItsName) {
+  names("/");
+  const auto node = fileSystem._nodeForPath("/old");
+  ASSERT_TRUE(makeFile("/old"));
+  EXPECT_EQ(fileSystem._nodeForPath("/old"), node);
+  EXPECT_EQ(fileOnNode("/old"), made);
+  EXPECT_EQ(fileSystem.attributesOfItemAtPath("/old", nullptr, nullptr)->fileSize, 0u);
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old"));
 }
 
 TEST_F(NewItems, AListingThatWasUnderWayMeanwhileKeepsTheNewItem) {
