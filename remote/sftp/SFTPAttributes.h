@@ -29,6 +29,7 @@ struct SFTPAttributes {
 
   bool isDirectory() const { return fileType() == 0040000; }
   bool isLink() const { return fileType() == 0120000; }
+  bool isFile() const { return fileType() == 0100000; }
   // The mode's file type bits, 0 when the server does not tell.
   uint32_t fileType() const { return permissions.value_or(0) & 0170000; }
   bool operator==(const SFTPAttributes&) const = default;

@@ -44,6 +44,7 @@ bool SFTPSession::changeAttributes(const NSFileAttributes& attributes, std::stri
                                                    "the protocol has no creation dates"));
     return false;
   }
+  if (hasModeAlready(*wanted, path)) return true;
   NSErrorRef reason;
   if (setAttributes(*wanted, path, &reason)) return true;
   // Of a link that leads nowhere the link itself is meant; it has owner and dates, but no mode of its own.
@@ -53,6 +54,18 @@ bool SFTPSession::changeAttributes(const NSFileAttributes& attributes, std::stri
   }
   storeError(error, reason);
   return false;
+}
+
+// Only right after the server has told it, and once: afterwards somebody else may have changed it.
+bool SFTPSession::hasModeAlready(const SFTPAttributes& wanted, std::string_view path) {
+  if (iUpload == nullptr || iUpload->path() != path) return false;
+  const std::optional<uint32_t> mode = iUpload->mode();
+  iUpload->setMode(std::nullopt);
+  SFTPAttributes modeAlone;
+  modeAlone.permissions = wanted.permissions;
+  constexpr uint32_t kModeBits = 07777;
+  return mode && wanted.permissions && wanted == modeAlone &&
+         (*mode & kModeBits) == (*wanted.permissions & kModeBits);
 }
 
 // The owner in a request of its own, ahead of the mode: servers apply the mode of a request first, and the

@@ -67,8 +67,17 @@ bool SFTPSession::isUploadOf(const NSFileHandle& from, std::string_view path) co
 bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
                              std::shared_ptr<UnconfirmedExtents> extents, NSErrorRef* error) {
   finishUpload();
-  const auto handle = waitHandle(iRequests.open(path, flags), SFTPOperation::kChangeName, path, error);
-  if (!handle) return false;
+  const uint32_t openID = iRequests.open(path, flags);
+  // Whoever makes a file sets its mode next, mostly to what it is already: asked for in the same round trip.
+  const bool asksForMode = extents != nullptr && (flags & kSFTPOpenTruncate) != 0;
+  const uint32_t statID = asksForMode ? iRequests.stat(path) : 0;
+  const auto handle = waitHandle(openID, SFTPOperation::kChangeName, path, error);
+  if (!handle) {
+    if (asksForMode) iChannel.abandon(statID);
+    return false;
+  }
+  std::optional<SFTPAttributes> made;
+  if (asksForMode) made = waitAttributes(statID, SFTPOperation::kOther, path, nullptr);
   uint64_t remoteLength = 0;
   if ((flags & kSFTPOpenTruncate) == 0) {
     const auto present = waitAttributes(iRequests.fstat(*handle), SFTPOperation::kOther, path, error);
@@ -80,6 +89,7 @@ bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
   }
   iUpload = std::make_unique<SFTPUpload>(iChannel, iRequests, std::string(path), *handle, std::move(extents),
                                          remoteLength);
+  if (made && made->isFile()) iUpload->setMode(made->permissions);
   return true;
 }
 

@@ -86,6 +86,7 @@ class SFTPSession final : public Session {
   NSErrorRef explainCreation(NSErrorRef refused, std::string_view path);
   bool isEmptyFolder(std::string_view path);
   bool setAttributes(const SFTPAttributes& wanted, std::string_view path, NSErrorRef* error);
+  bool hasModeAlready(const SFTPAttributes& wanted, std::string_view path);
   std::optional<SFTPAttributes> attributesToSet(const NSFileAttributes& attributes, std::string_view path,
                                                 NSErrorRef* error);
 

@@ -40,6 +40,8 @@ void SFTPUpload::sent(FileExtent extent) {
   // From here on a local write to it is a change that has to be sent again.
   iExtents->remove(extent);
   iRemoteLength = std::max(iRemoteLength, extent.end);
+  // A write may take set-user-id bits away.
+  iMode.reset();
 }
 
 void SFTPUpload::stored(FileExtent extent) {

@@ -34,6 +34,10 @@ class SFTPUpload final : private SFTPWriteQueue::Observer {
   const std::shared_ptr<UnconfirmedExtents>& extents() const { return iExtents; }
   // As far as it is known here.
   uint64_t remoteLength() const { return iRemoteLength; }
+  // The mode that the server told when it opened the file, until the file is written or its mode set.
+  const std::optional<uint32_t>& mode() const { return iMode; }
+  void setMode(std::optional<uint32_t> mode) { iMode = mode; }
+
   // Sends [offset, end) of an ordinary file and waits until it is stored.
   [[nodiscard]] bool sendAll(const NSFileHandle& from, uint64_t offset, TransferControl& control,
                              NSErrorRef* error);
@@ -71,6 +75,7 @@ class SFTPUpload final : private SFTPWriteQueue::Observer {
   const std::shared_ptr<UnconfirmedExtents> iExtents;
   uint64_t iRemoteLength;
   BoundedExtents iAcknowledged;  // through this handle
+  std::optional<uint32_t> iMode;
   TransferControl* iControl = nullptr;  // of the call that runs
   bool iEnded = false;
   std::optional<SFTPWriteQueue> iQueue;
