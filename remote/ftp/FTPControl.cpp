@@ -123,7 +123,8 @@ ControlClock::time_point FTPControl::limit(ControlClock::time_point begin,
 bool FTPControl::wait(short events, ControlClock::time_point begin, const FTPPatience& patience,
                       NSErrorRef* error) {
   while (true) {
-    if (patience.control != nullptr && patience.control->shouldCancel()) {
+    const bool mustStop = patience.control != nullptr && patience.control->shouldCancel();
+    if (mustStop && ControlClock::now() >= begin + patience.grace) {
       storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled));
       return false;
     }

@@ -20,6 +20,7 @@ namespace ombra {
 struct FTPPatience {
   std::chrono::milliseconds silence{0};  // no byte for so long is the end; 0: the idle limit
   TransferControl* control = nullptr;    // asked every 100 ms whether to stop; may be null
+  std::chrono::milliseconds grace{0};    // for so long its answer is passed over
 };
 
 // Commands may be sent ahead: replies come in the order of the commands. What nobody wants to hear any more

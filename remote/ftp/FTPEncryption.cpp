@@ -27,14 +27,13 @@ FTPEncryption::FTPEncryption(const SessionEnvironment& environment, std::string 
   SSL_CTX_set_min_proto_version(iDataContext.get(), TLS1_2_VERSION);
   SSL_CTX_set_verify(iDataContext.get(), SSL_VERIFY_PEER, nullptr);
   SSL_CTX_set_cert_verify_callback(iDataContext.get(), checkDataCertificate, this);
-  for (SSL_CTX* context : {iControlContext.get(), iDataContext.get()}) {
-    SSL_CTX_set_mode(context, kWriteMode);
-    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
-    SSL_CTX_sess_set_new_cb(context, takeSession);
-  }
+  for (SSL_CTX* context : {iControlContext.get(), iDataContext.get()}) SSL_CTX_set_mode(context, kWriteMode);
+  SSL_CTX_set_session_cache_mode(iControlContext.get(), SSL_SESS_CACHE_CLIENT | SSL_SESS_CACHE_NO_INTERNAL);
+  SSL_CTX_sess_set_new_cb(iControlContext.get(), takeSession);
 }
 
-// With TLS 1.3 sessions come after the handshake, each of them good for less long than the next.
+// With TLS 1.3 sessions come after the handshake. Those of data connections are left alone: some servers take
+// none but the control connection's.
 int FTPEncryption::takeSession(SSL* tls, SSL_SESSION* session) {
   auto* self = static_cast<FTPEncryption*>(SSL_get_app_data(tls));
   if (self == nullptr) return 0;

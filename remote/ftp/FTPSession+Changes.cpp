@@ -78,21 +78,12 @@ bool FTPSession::changeMode(uint16_t mode, std::string_view path, NSErrorRef* er
 
 bool FTPSession::changeDate(NSDate date, std::string_view path, NSErrorRef* error) {
   const auto time = ftpTimeOfDate(date);
-  const FTPFeatures present = features();
-  if (!time || (!present.mfmt && !present.mdtm)) {
+  if (!time || !features().mfmt) {
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported, path));
     return false;
   }
-  // Without the command of its own, some servers take a date with the one that asks for it. Others look for a
-  // file of that name, which is not there.
-  const auto reply =
-      iControl.ask(fmt::format("{} {} {}", present.mfmt ? "MFMT" : "MDTM", *time, path), error);
-  if (!reply) return false;
-  if (reply->isPositive()) return true;
-  if (present.mfmt) return answer(reply, FTPOperation::kAttributes, path, error);
-  const QuarnKitErrorCode code = isMissing(path) ? kQuarnKitNoSuchItem : kQuarnKitAttributeChangeNotSupported;
-  storeError(error, ftpError(code, path, *reply));
-  return false;
+  return answer(iControl.ask(fmt::format("MFMT {} {}", *time, path), error), FTPOperation::kAttributes, path,
+                error);
 }
 
 bool FTPSession::changeAttributes(const NSFileAttributes& attributes, std::string_view path,
@@ -101,7 +92,8 @@ bool FTPSession::changeAttributes(const NSFileAttributes& attributes, std::strin
   const bool hasOwner = attributes.ownerAccountID || attributes.groupOwnerAccountID;
   const bool hasOthers = attributes.posixPermissions || attributes.modificationDate;
   // Nothing is changed where not all can be: owners have no command, nor has a date of creation alone.
-  if (hasOwner || (attributes.creationDate && !hasOthers)) {
+  const bool hasLostDate = attributes.modificationDate && !features().mfmt;
+  if (hasOwner || hasLostDate || (attributes.creationDate && !hasOthers)) {
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported, path));
     return false;
   }

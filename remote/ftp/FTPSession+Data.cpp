@@ -5,7 +5,21 @@
 
 namespace ombra {
 
+FTPPatience FTPSession::patienceFor(const Request& request) {
+  return {std::chrono::milliseconds(0), request.control, kFTPConnectGrace};
+}
+
 std::optional<FTPSession::Begun> FTPSession::begin(const Request& request, NSErrorRef* error) {
+  // Found out now, nothing is lost; the server would refuse the data connection when it is made.
+  if (iEncryption != nullptr && iEncryption->isStale()) {
+    iControl.fail(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "its TLS session is too old"));
+    storeError(error, iControl.failure());
+    return std::nullopt;
+  }
+  if (request.control != nullptr && request.control->shouldCancel()) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, request.path));
+    return std::nullopt;
+  }
   // The very first time nobody knows how the server hands out data connections: one that connects by itself
   // would do so for a command that came ahead.
   const bool isAhead = iServer->mayPipeline() && iServer->passive() != FTPServer::Passive::kUnknown;
@@ -26,23 +40,28 @@ std::optional<FTPSession::Begun> FTPSession::begin(const Request& request, NSErr
     if (request.restart > 0) iControl.queue("REST " + std::to_string(request.restart));
     iControl.queue(request.command);
   }
-  if (!iControl.flush(error) || !readReplies(asked, request.control, &begun.before, error)) {
-    return std::nullopt;
+  const bool isAgreed = iControl.flush(error) &&
+                        readReplies(asked, patienceFor(request), &begun.before, error) &&
+                        askForData(request, isAhead, &begun, error);
+  if (isAgreed) return begun;
+  // Whoever stops here leaves a server behind that waits for a data connection.
+  if (iControl.failure() == nullptr && request.control != nullptr && request.control->shouldCancel()) {
+    iControl.fail(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, request.path));
+    if (error != nullptr) *error = iControl.failure();
   }
-  if (!askForData(request, isAhead, &begun, error)) return std::nullopt;
-  return begun;
+  return std::nullopt;
 }
 
 std::optional<int> FTPSession::portOfData(const Request& request, bool isAhead, NSErrorRef* error) {
   const bool isPlain = iServer->passive() == FTPServer::Passive::kPlain;
-  auto reply = iControl.nextFinal({std::chrono::milliseconds(0), request.control}, error);
+  auto reply = iControl.nextFinal(patienceFor(request), error);
   if (!reply) {
     iControl.abandon();
     return std::nullopt;
   }
   bool isExtended = !isPlain;
   if (reply->isRefusal() && !isPlain && !isAhead) {
-    reply = iControl.ask("PASV", error, {std::chrono::milliseconds(0), request.control});
+    reply = iControl.ask("PASV", error, patienceFor(request));
     if (!reply) {
       iControl.abandon();
       return std::nullopt;
@@ -78,7 +97,7 @@ bool FTPSession::askForData(const Request& request, bool isAhead, Begun* begun, 
     if (!iControl.flush(error)) return false;
   }
   if (request.restart > 0) {
-    const auto reply = iControl.nextFinal({std::chrono::milliseconds(0), request.control}, error);
+    const auto reply = iControl.nextFinal(patienceFor(request), error);
     if (!reply) return false;
     if (reply->isRefusal()) {
       storeError(error, errorForFTPReply(*reply, FTPOperation::kOther, request.path));

@@ -263,7 +263,7 @@ FTPSession::Stored FTPSession::replace(const std::string& temporary, std::string
   std::vector<FTPReply> replies;
   if (sendsAhead) {
     // Its answer comes first and changes nothing.
-    if (!iControl.flush(error) || !readReplies(1, nullptr, &replies, error)) {
+    if (!iControl.flush(error) || !readReplies(1, {}, &replies, error)) {
       iServer->addLeftover(temporary);
       return Stored::kNo;
     }

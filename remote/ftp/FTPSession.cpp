@@ -177,10 +177,10 @@ bool FTPSession::isUsablePath(std::string_view path, NSErrorRef* error) {
   return false;
 }
 
-bool FTPSession::readReplies(size_t count, TransferControl* control, std::vector<FTPReply>* replies,
+bool FTPSession::readReplies(size_t count, const FTPPatience& patience, std::vector<FTPReply>* replies,
                              NSErrorRef* error) {
   for (size_t i = 0; i < count; ++i) {
-    std::optional<FTPReply> reply = iControl.nextFinal({std::chrono::milliseconds(0), control}, error);
+    std::optional<FTPReply> reply = iControl.nextFinal(patience, error);
     if (!reply) {
       iControl.abandon();
       return false;
@@ -202,7 +202,7 @@ bool FTPSession::askAll(const std::vector<std::string>& commands, std::vector<FT
   }
   for (const std::string& command : commands) iControl.queue(command);
   if (!iControl.flush(error)) return false;
-  const bool done = readReplies(commands.size(), nullptr, replies, error);
+  const bool done = readReplies(commands.size(), {}, replies, error);
   // It took the first and never saw the others: from now on one by one.
   if (!done && !replies->empty() && QuarnKitError::isCode(iControl.failure(), kQuarnKitTimedOut)) {
     iServer->stopPipelining();

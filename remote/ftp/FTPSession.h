@@ -83,7 +83,9 @@ class FTPSession final : public Session {
   // The same once the data connection is agreed upon. `isAhead`: the command was sent already.
   bool askForData(const Request& request, bool isAhead, Begun* begun, NSErrorRef* error);
   std::optional<int> portOfData(const Request& request, bool isAhead, NSErrorRef* error);
-  bool readReplies(size_t count, TransferControl* control, std::vector<FTPReply>* replies, NSErrorRef* error);
+  static FTPPatience patienceFor(const Request& request);
+  bool readReplies(size_t count, const FTPPatience& patience, std::vector<FTPReply>* replies,
+                   NSErrorRef* error);
   // All commands at once, where the server bears that, and their final replies.
   bool askAll(const std::vector<std::string>& commands, std::vector<FTPReply>* replies, NSErrorRef* error);
   FTPSurroundings surroundings();

@@ -13,7 +13,12 @@
 
 namespace ombra {
 
-FTPStream::~FTPStream() { close(iSocket); }
+FTPStream::~FTPStream() {
+  // Without a farewell the library would take the session for a bad one, which nothing may resume any more.
+  if (iTLS != nullptr) SSL_set_shutdown(iTLS.get(), SSL_SENT_SHUTDOWN | SSL_RECEIVED_SHUTDOWN);
+  iTLS.reset();
+  close(iSocket);
+}
 
 void FTPStream::encrypt(SSLHandle tls) { iTLS = std::move(tls); }
 

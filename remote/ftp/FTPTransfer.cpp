@@ -58,6 +58,11 @@ FTPTransfer::~FTPTransfer() {
   FTPControl& control = iSurroundings.control;
   if (iStream != nullptr && iState != State::kFinished) iStream->breakOff();
   if (control.failure() != nullptr) return;
+  if (iState == State::kConnecting && iStream != nullptr && !iFinal) {
+    control.fail(
+        QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the server waits for a data connection"));
+    return;
+  }
   // A REST whose command was refused waits for the next command that moves a file.
   if (iRestarts) {
     control.queue("REST 0");
@@ -82,8 +87,12 @@ bool FTPTransfer::open(int port, NSErrorRef* error) {
   return true;
 }
 
-bool FTPTransfer::isCancelled(NSErrorRef* error) const {
+bool FTPTransfer::isCancelled(NSErrorRef* error) {
   if (iControl == nullptr || !iControl->shouldCancel()) return false;
+  if (iState == State::kConnecting) {
+    if (TransferClock::now() < iBegin + kFTPConnectGrace) return false;
+    return !failControl(kQuarnKitConnectionLost, "no data connection came about in time", error);
+  }
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, iPath));
   return true;
 }
@@ -138,10 +147,8 @@ bool FTPTransfer::checkConnect(NSErrorRef* error) {
   int number = 0;
   socklen_t length = sizeof(number);
   getsockopt(iStream->descriptor(), SOL_SOCKET, SO_ERROR, &number, &length);
-  if (number != 0) {
-    return failControl(kQuarnKitConnectionLost, std::string("no data connection: ") + std::strerror(number),
-                       error);
-  }
+  // A server that refuses what was sent ahead closes its port at once.
+  if (number != 0) return explainBreak(std::string("no data connection: ") + std::strerror(number), error);
   touch();
   iState = State::kOpen;
   if (iSurroundings.encryption == nullptr) return true;
@@ -171,7 +178,7 @@ bool FTPTransfer::establish(NSErrorRef* error) {
         if (!wait(iStream->events(), error)) return false;
         break;
       default:
-        return explainBreak(error);
+        return explainBreak(iStream->problem(), error);
     }
   }
   return true;
@@ -186,8 +193,7 @@ bool FTPTransfer::start(NSErrorRef* error) {
   return true;
 }
 
-bool FTPTransfer::explainBreak(NSErrorRef* error) {
-  const std::string problem = iStream->problem();
+bool FTPTransfer::explainBreak(const std::string& problem, NSErrorRef* error) {
   iStream->breakOff();
   // The server notices too, and says what it makes of it.
   constexpr std::chrono::milliseconds kMoment{3000};
@@ -228,7 +234,7 @@ bool FTPTransfer::receive(void* buffer, size_t capacity, size_t* count, NSErrorR
         break;
       case Outcome::kFailed:
         // What arrived is told first; the next call meets the failure again.
-        return *count > 0 || explainBreak(error);
+        return *count > 0 || explainBreak(iStream->problem(), error);
     }
   }
   touch();
@@ -250,16 +256,17 @@ bool FTPTransfer::send(const void* bytes, size_t length, NSErrorRef* error) {
         if (!wait(iStream->events(), error)) return false;
         break;
       default:
-        return explainBreak(error);
+        return explainBreak(iStream->problem(), error);
     }
   }
   return true;
 }
 
 bool FTPTransfer::finish(NSErrorRef* error) {
-  // An empty file is told by a data connection that nothing comes over.
+  // An empty file is told by a data connection that nothing comes over; and some servers that have sent all
+  // wait until our direction is closed too, before they say so.
   if (!establish(error)) return false;
-  while (!iEndWasSeen && iStream->endSending() == Outcome::kWait) {
+  while (iStream->endSending() == Outcome::kWait) {
     if (!wait(iStream->events(), error)) return false;
   }
   iState = State::kEnded;

@@ -16,6 +16,11 @@
 
 namespace ombra {
 
+// A server that was asked for a data connection waits for it, for a minute or more, before it does anything
+// else. So who stops a transfer has it made first, which takes a moment, before it is broken off; where it
+// takes longer than this, the session is given up.
+inline constexpr std::chrono::milliseconds kFTPConnectGrace{1000};
+
 // What every transfer of a session works with. Owned by the session.
 struct FTPSurroundings {
   FTPControl& control;
@@ -74,9 +79,9 @@ class FTPTransfer {
   bool wait(short events, NSErrorRef* error);
   bool listen(NSErrorRef* error);
   std::chrono::steady_clock::time_point limit() const;
-  bool isCancelled(NSErrorRef* error) const;
-  // The data connection broke: the server's word on it, if there comes one.
-  bool explainBreak(NSErrorRef* error);
+  bool isCancelled(NSErrorRef* error);
+  // The data connection broke, or never came about: the server's word on it, if there comes one.
+  bool explainBreak(const std::string& problem, NSErrorRef* error);
   bool failControl(QuarnKitErrorCode code, const std::string& why, NSErrorRef* error);
 
   const FTPSurroundings iSurroundings;
