@@ -227,6 +227,15 @@ std::string OmbraFileSystem::listedPathForPath(std::string_view path) {
   return listed;
 }
 
+// Neither asked for nor remembered here: what destinationOfSymbolicLinkAtPath answers, and when, stays its
+// own affair.
+std::optional<std::string> OmbraFileSystem::knownDestinationOfSymbolicLinkAtPath(OptionalPath path) {
+  const std::shared_ptr<KCRemoteFileNode> node = path ? _nodeForPath(*path) : nullptr;
+  if (node == nullptr || node->type() != kNodeTypeAlias) return std::nullopt;
+  auto known = ofs_property<std::string>(*node, kOFSResolvedPath);
+  return known ? known : node->targetPath();
+}
+
 void OmbraFileSystem::endDownloads() {
   for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) entry.file->cancelDownload();
 }

@@ -161,6 +161,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void moveFailedAtPath(OptionalPath path) override;
   std::optional<std::vector<std::string>> namesAsListedAtPath(OptionalPath path, NSErrorRef* error) override;
   std::string listedPathForPath(std::string_view path) override;
+  std::optional<std::string> knownDestinationOfSymbolicLinkAtPath(OptionalPath path) override;
   void forgetFailedContentAtPath(OptionalPath path) override;
   void trimCache() override;
   std::vector<GMUndelivered> drainAll() override;

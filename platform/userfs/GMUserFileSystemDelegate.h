@@ -143,6 +143,11 @@ class GMUserFileSystemDurability {
                                                                       NSErrorRef* error) = 0;
   // `path` with each component replaced by the listed name that it matches in another Unicode form.
   virtual std::string listedPathForPath(std::string_view path) = 0;
+  // The text of a link as far as it is known without asking the server: what stat tells the length of. As
+  // destinationOfSymbolicLinkAtPath otherwise, but an absolute one may still be as the server has it.
+  virtual std::optional<std::string> knownDestinationOfSymbolicLinkAtPath(OptionalPath /*path*/) {
+    return {};
+  }
   // The next open fetches the content again when the last download failed.
   virtual void forgetFailedContentAtPath(OptionalPath path) = 0;
   // Drops settled, covered cache copies without handles, oldest first, until the budget is kept.

@@ -42,7 +42,9 @@ void Volume::fill(struct stat* target, const NSFileAttributes& attributes, std::
   if (target->st_ino == 0) target->st_ino = substituteNumber(path);
   target->st_uid = attributes.ownerAccountID.value_or(iUser);
   target->st_gid = attributes.groupOwnerAccountID.value_or(iGroup);
-  target->st_size = static_cast<off_t>(attributes.fileSize.value_or(0));
+  target->st_size = type == NSFileTypeValue::NSFileTypeSymbolicLink
+                        ? lengthOfLink(path)
+                        : static_cast<off_t>(attributes.fileSize.value_or(0));
   target->st_blocks = (target->st_size + 511) / 512;
   target->st_blksize = kBlockSize;
   target->st_mtim = kc_timespec(attributes.modificationDate.value_or(NSDate()));

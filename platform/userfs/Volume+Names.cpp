@@ -3,12 +3,16 @@
 #include <cstring>
 
 #include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSLog.h"
 #include "platform/userfs/RequestContext.h"
 #include "platform/userfs/Volume.h"
 
 namespace ombra {
 
 namespace {
+
+// What a folder's group and all others may do.
+constexpr mode_t kOthersBits = 0077;
 
 bool isShowable(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
@@ -89,7 +93,26 @@ int Volume::makeFolder(const char* path, mode_t mode) {
   NSFileAttributes attributes;
   attributes.posixPermissions = static_cast<uint16_t>(mode & 07777);
   NSErrorRef error;
-  return delegate().createDirectoryAtPath(listed, attributes, &error) ? 0 : failure(error);
+  if (!delegate().createDirectoryAtPath(listed, attributes, &error)) return failure(error);
+  closeNewFolder(listed, mode);
+  return 0;
+}
+
+// The server chooses a new folder's permissions, and may give more than was asked for. A program that makes a
+// folder for its owner alone relies on others not looking into it. Nothing is added to what the server chose,
+// and one that cannot be told keeps nobody from making folders.
+void Volume::closeNewFolder(const std::string& path, mode_t mode) {
+  GMUserFileSystemDurability* durability = this->durability();
+  const auto made = durability == nullptr ? std::nullopt : attributesAtPath(path);
+  if (!made || !made->posixPermissions) return;
+  const auto excess = static_cast<uint16_t>(*made->posixPermissions & ~mode & kOthersBits);
+  if (excess == 0) return;
+  NSFileAttributes attributes;
+  attributes.posixPermissions = static_cast<uint16_t>(*made->posixPermissions & ~excess);
+  NSErrorRef error;
+  if (durability->changeAttributesWithoutContent(attributes, path, &error)) return;
+  NSLog("\"{}\" could not be closed to others: {}", path,
+        error == nullptr ? "the server did not say why" : error->localizedDescription());
 }
 
 int Volume::makeSymbolicLink(const char* target, const char* path) {
@@ -100,13 +123,24 @@ int Volume::makeSymbolicLink(const char* target, const char* path) {
   return delegate().createSymbolicLinkAtPath(listed, target, &error) ? 0 : failure(error);
 }
 
+std::string Volume::jailed(std::string target) const {
+  if (!iSettings.jailSymlinks || !target.starts_with('/') || isAtOrBelow(target, iSettings.mountPath))
+    return target;
+  return target == "/" ? iSettings.mountPath : iSettings.mountPath + target;
+}
+
+// Programs take a link of no length for one without a target. Where the text is not known yet it stays 0.
+off_t Volume::lengthOfLink(std::string_view path) const {
+  GMUserFileSystemDurability* durability = this->durability();
+  auto target = durability == nullptr ? std::nullopt : durability->knownDestinationOfSymbolicLinkAtPath(path);
+  return target ? static_cast<off_t>(jailed(std::move(*target)).size()) : 0;
+}
+
 int Volume::readSymbolicLink(const char* path, char* buffer, size_t size) {
   NSErrorRef error;
   auto target = delegate().destinationOfSymbolicLinkAtPath(listedPath(path), &error);
   if (!target) return failure(error);
-  if (iSettings.jailSymlinks && target->substr(0, 1) == "/" && !isAtOrBelow(*target, iSettings.mountPath)) {
-    *target = *target == "/" ? iSettings.mountPath : iSettings.mountPath + *target;
-  }
+  *target = jailed(std::move(*target));
   if (size == 0) return -EINVAL;
   const size_t length = std::min(target->size(), size - 1);
   std::memcpy(buffer, target->data(), length);

@@ -106,6 +106,10 @@ class Volume : public std::enable_shared_from_this<Volume> {
   int changeItem(const std::string& path, const std::shared_ptr<OpenItem>& item,
                  const NSFileAttributes& attributes);
   NSFileAttributes attributesOfRemoved(const OpenItem& item) const;
+  off_t lengthOfLink(std::string_view path) const;
+  // Where a link leads, as it is told: inside the volume when links are kept there.
+  std::string jailed(std::string target) const;
+  void closeNewFolder(const std::string& path, mode_t mode);
 
   std::optional<std::vector<std::string>> names(const std::string& path, NSErrorRef* error) const;
   FolderListing freshListing(uint64_t handle, const std::string& path, int* failure);

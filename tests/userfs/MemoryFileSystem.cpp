@@ -430,6 +430,12 @@ bool DurableMemoryFileSystem::changeAttributesWithoutContent(const NSFileAttribu
   return true;
 }
 
+std::optional<std::string> DurableMemoryFileSystem::knownDestinationOfSymbolicLinkAtPath(OptionalPath path) {
+  ConditionLock lock(iCondition);
+  const auto item = find(path);
+  return item == nullptr ? std::nullopt : std::optional(item->content);
+}
+
 void DurableMemoryFileSystem::seedCacheAttributesAtPath(OptionalPath path, const GMUserData&) {
   enter("seed", path, "", nullptr);
 }

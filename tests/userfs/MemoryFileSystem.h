@@ -147,6 +147,7 @@ class DurableMemoryFileSystem : public MemoryFileSystem, public GMUserFileSystem
   void movedItemAtPath(OptionalPath path, OptionalPath toPath) override;
   std::optional<std::vector<std::string>> namesAsListedAtPath(OptionalPath path, NSErrorRef* error) override;
   std::string listedPathForPath(std::string_view path) override;
+  std::optional<std::string> knownDestinationOfSymbolicLinkAtPath(OptionalPath path) override;
   void forgetFailedContentAtPath(OptionalPath path) override;
   void trimCache() override;
   std::vector<GMUndelivered> drainAll() override;

@@ -22,8 +22,18 @@ class MountNamesTest : public MountTest {
     return errnoOf([&] { return renameat2(AT_FDCWD, at(from).c_str(), AT_FDCWD, at(to).c_str(), flags); });
   }
   int renameItem(const std::string& from, const std::string& to) { return renameWith(from, to, 0); }
-  int make(const std::string& path) {
-    return errnoOf([&] { return mkdir(at(path).c_str(), 0755); });
+  int make(const std::string& path, mode_t mode = 0755) {
+    return errnoOf([&] { return mkdir(at(path).c_str(), mode); });
+  }
+  mode_t modeOf(const std::string& path) {
+    struct stat attributes {};
+    EXPECT_EQ(lstat(at(path).c_str(), &attributes), 0);
+    return attributes.st_mode & 07777;
+  }
+  size_t lengthOf(const std::string& path) {
+    struct stat attributes {};
+    EXPECT_EQ(lstat(at(path).c_str(), &attributes), 0);
+    return static_cast<size_t>(attributes.st_size);
   }
   int removeIt(const std::string& path) {
     return errnoOf([&] { return unlink(at(path).c_str()); });
@@ -193,6 +203,38 @@ TEST_F(MountNamesTest, WithoutTheJailAnAbsoluteTargetStaysAsItIs) {
   iFiles.addLink("/absolute", "/dir/file");
   mount({});
   EXPECT_EQ(targetOf("/absolute"), "/dir/file");
+}
+
+// One that says 0 is taken for a link without a target.
+TEST_F(MountNamesTest, ALinkIsAsLongAsItsText) {
+  iFiles.addLink("/absolute", "/dir/file");
+  mount({"jail_symlinks"});
+  ASSERT_EQ(symlink("../b", at("/link").c_str()), 0);
+  EXPECT_EQ(lengthOf("/link"), 4u);
+  EXPECT_EQ(lengthOf("/absolute"), targetOf("/absolute").size());
+}
+
+TEST_F(MountNamesTest, AFolderForItsOwnerAloneIsClosedToTheOthers) {
+  mount();
+  EXPECT_EQ(make("/private", 0700), 0);
+  EXPECT_EQ(iFiles.itemAt("/private")->permissions, 0700);
+  EXPECT_EQ(modeOf("/private"), 0700u);
+}
+
+TEST_F(MountNamesTest, WhatTheServerChoseForAFolderIsNotWidened) {
+  mount();
+  const mode_t mask = umask(0);
+  EXPECT_EQ(make("/folder", 0777), 0);
+  umask(mask);
+  EXPECT_EQ(modeOf("/folder"), 0755u);
+  EXPECT_EQ(iFiles.countOf("changeWithoutContent"), 0u);
+}
+
+TEST_F(MountNamesTest, AFolderThatCannotBeClosedIsMadeAllTheSame) {
+  iFiles.failWith("changeWithoutContent", kEIO);
+  mount();
+  EXPECT_EQ(make("/private", 0700), 0);
+  EXPECT_EQ(modeOf("/private"), 0755u);
 }
 
 TEST_F(MountNamesTest, HardLinksAndSpecialFilesAreRefused) {

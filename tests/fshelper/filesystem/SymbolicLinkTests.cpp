@@ -101,6 +101,20 @@ TEST_F(SymbolicLinks, OnOtherProtocolsARefusalMeansThatThereAreNone) {
   EXPECT_EQ(underlyingCode(), kQuarnKitNotSupported);
 }
 
+TEST_F(SymbolicLinks, TheKnownTextIsThatOfTheListingAndAsksNobody) {
+  server.addFile("/home/u/docs/a.txt", "a");
+  server.addLink("/home/u/relative", "docs/a.txt");
+  server.addLink("/home/u/absolute", "/home/u/docs/a.txt");
+  EXPECT_EQ(fileSystem.knownDestinationOfSymbolicLinkAtPath("/relative"), std::nullopt);
+  list("/");
+  const size_t before = server.calls().size();
+  EXPECT_EQ(fileSystem.knownDestinationOfSymbolicLinkAtPath("/relative"), "docs/a.txt");
+  EXPECT_EQ(fileSystem.knownDestinationOfSymbolicLinkAtPath("/absolute"), "/docs/a.txt");
+  EXPECT_EQ(fileSystem.knownDestinationOfSymbolicLinkAtPath("/docs"), std::nullopt);
+  EXPECT_EQ(fileSystem.knownDestinationOfSymbolicLinkAtPath(std::nullopt), std::nullopt);
+  EXPECT_EQ(server.calls().size(), before);
+}
+
 TEST_F(SymbolicLinks, ReadingAMissingPathIsInvalid) {
   EXPECT_EQ(fileSystem.destinationOfSymbolicLinkAtPath(std::nullopt, &error), std::nullopt);
   EXPECT_EQ(code(), kEINVAL);
