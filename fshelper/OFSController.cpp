@@ -238,6 +238,11 @@ std::shared_ptr<OFSMount> OFSController::fileSystem() const {
   return iFileSystem;
 }
 
+OFSTransferReport OFSController::transferReport() const {
+  const std::shared_ptr<OmbraFileSystem> object = fileSystemObject();
+  return object == nullptr ? OFSTransferReport() : object->transferReport();
+}
+
 std::shared_ptr<const KCCredentials> OFSController::credentials() const {
   const std::shared_ptr<OmbraFileSystem> object = fileSystemObject();
   const auto pool = object == nullptr ? nullptr : object->connectionPool();

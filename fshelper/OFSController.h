@@ -80,6 +80,8 @@ class OFSController final : public NSApplication, public OFSMountPathSource {
   enum class State { kStarting, kMounting, kMounted, kUnmounting };
   State state() const EXCLUDES(iLock);
   std::shared_ptr<const KCCredentials> credentials() const EXCLUDES(iLock);
+  // Empty before there is a file system. Never waits for a transfer.
+  OFSTransferReport transferReport() const EXCLUDES(iLock);
 
  private:
   // The steps of the start, in their order. Those that answer false have ended it.

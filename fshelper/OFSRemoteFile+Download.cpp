@@ -41,12 +41,14 @@ void OFSRemoteFile::downloadOnThread(const std::shared_ptr<OFSRemoteFile>& file,
 
   uint64_t transferred = 0;
   NSErrorRef error;
+  file->iTransfer.begin(OFSTransferRecord::Direction::kDownload);
   // A download is never given up.
   const bool succeeded =
       file->lendConnection(epoch, connection) && ofs_runTransfer(&error, [&] {
         return connection.downloadFileAtPath(file->remotePath(), *handle, 0, &transferred, &error);
       });
   handle->synchronizeFile();
+  file->iTransfer.end(file->remotePath(), succeeded ? nullptr : error);
 
   const ConditionLock lock(file->iCondition);
   OFS_TRACE_MESSAGE("finished {}, bytesAvailable={}", NSThread::name(), file->iBytesAvailable);
@@ -67,6 +69,7 @@ void OFSRemoteFile::locked_finishDownload(bool succeeded, uint64_t transferredBy
 void OFSRemoteFile::connection(AbstractConnection& connection, uint64_t transferredBytes,
                                double /*throughput*/, bool stalled) {
   if (!stalled) ++iMovements;
+  iTransfer.moved(transferredBytes);
   const ConditionLock lock(iCondition);
   if (locked_isGivenUp(connection)) {
     connection.setShouldCancel(true);

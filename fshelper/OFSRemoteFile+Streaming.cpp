@@ -142,10 +142,12 @@ void OFSRemoteFile::streamOnThread(const std::shared_ptr<OFSRemoteFile>& file, E
   AbstractConnection& connection = *holder;
   NSErrorRef error;
   const std::string path = file->remotePath();
+  file->iTransfer.begin(OFSTransferRecord::Direction::kUpload);
   const bool succeeded = file->lendConnection(epoch, connection) && ofs_runTransfer(&error, [&] {
                            return connection.streamBytesWithFilename(
                                connection.displayStringForRemoteString(path), path, *file, &error);
                          });
+  file->iTransfer.end(path, succeeded ? nullptr : error);
 
   const ConditionLock lock(file->iCondition);
   OFS_TRACE_MESSAGE("finished {}: bytesAvailable={}, bytesRequired={}", NSThread::name(),
@@ -224,6 +226,7 @@ size_t OFSRemoteFile::locked_takeStreamBytes(AbstractConnection& connection, std
   if (piece.length() == 0) iStreamWork->pop_front();
   iBytesAvailable += count;
   iStreamTaken += count;
+  iTransfer.moved(iStreamTaken);
   ++iMovements;
   iCondition.broadcast();
   return count;

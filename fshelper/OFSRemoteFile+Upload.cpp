@@ -112,9 +112,11 @@ bool OFSRemoteFile::locked_uploadPass(Epoch epoch) {
   bool succeeded = false;
   const std::string path = remotePath();
   {
+    iTransfer.begin(OFSTransferRecord::Direction::kUpload, iBytesUploading);
     const ConditionRelease released(iCondition);
     succeeded = sendSnapshot(epoch, snapshot, path, &transferred, &error);
   }
+  iTransfer.end(path, succeeded ? nullptr : error);
   if (iEpoch != epoch) return false;
   if (path == remotePath()) return locked_finishUploadPass(succeeded, transferred, generation, error);
   // Moved meanwhile: whatever became of this pass, the file is not there. One more brings it to where it is.

@@ -197,7 +197,10 @@ void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset
   uint64_t transferred = length;
   if (!locked_sendsNothing()) {
     NSErrorRef failure;
-    if (!locked_sendCacheFile(*holder, 0, &transferred, &failure)) {
+    iTransfer.begin(OFSTransferRecord::Direction::kUpload, length);
+    const bool isSent = locked_sendCacheFile(*holder, 0, &transferred, &failure);
+    iTransfer.end(remotePath(), isSent ? nullptr : failure);
+    if (!isSent) {
       locked_doubtServer();
       if (offset == 0 ? wasCovered : wasStored && isRefusal(failure)) locked_discardContent();
       OFS_RAISE(kTruncate, "upload to {} failed: {}", remotePath(), ofs_describeError(failure));

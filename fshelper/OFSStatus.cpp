@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "fshelper/OFSController.h"
+#include "fshelper/OFSStatusTransfers.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSLog.h"
 #include "platform/foundation/RunLoop.h"
@@ -106,7 +107,7 @@ std::string OFSStatus::statusText() const {
   }
   status["pid"] = getpid();
   status["state"] = textForState(iController.state());
-  status["transfers"] = nlohmann::json::array();
+  addTransferReport(iController.transferReport(), &status);
   // Names are bytes; what is no UTF-8 would make the bus refuse the answer.
   return status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }

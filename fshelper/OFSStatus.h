@@ -15,10 +15,10 @@ class RunLoop;
 // An object on the session bus: name "org.ombrafs.helper.pid<PID>", path "/org/ombrafs/Helper", interface
 // "org.ombrafs.Helper1" with
 //
-//   Status() -> s          a JSON object: volumeName, mountPath, registeredName, address, username, protocol
-//   (texts, or
-//                          null while unknown), pid, state ("starting", "mounting", "mounted", "unmounting"),
-//                          transfers (an array, empty so far)
+//   Status() -> s          a JSON object of less than 64 KiB (docs/status.md): volumeName, mountPath,
+//                          registeredName, address, username, protocol (texts, or null while unknown), pid,
+//                          state ("starting", "mounting", "mounted", "unmounting"), and what
+//                          `addTransferReport` adds
 //   Unmount(b force)       asks for an unmount and answers at once; with force without waiting for the server
 //
 // Answers on the event loop, so not before it runs. Used on the loop's thread alone.
@@ -32,7 +32,7 @@ class OFSStatus {
 
   // Appears on the bus. False, with a log line, when there is no session bus: the helper works without.
   bool start(RunLoop& loop);
-  // What Status answers.
+  // What Status answers. Never waits for a transfer.
   std::string statusText() const;
   // What Unmount does.
   void requestUnmount(bool force);

@@ -82,6 +82,7 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   }
   const std::shared_ptr<OFSRemoteFile> file = OFSRemoteFile::remoteFileForPath(remotePathForPath(*path));
   file->setConnectionPool(connectionPool());
+  file->transfer().setTotals(iTotals);
   const bool isListed = canShowNewItems(parent);
   supersedeLeftBehind(file->remotePath(), nullptr);
   if (!file->openWithMode(kNewFileFlags, error)) return false;

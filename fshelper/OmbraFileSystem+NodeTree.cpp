@@ -112,6 +112,7 @@ std::shared_ptr<OFSRemoteFile> OmbraFileSystem::_remoteFileForNode(
   if (file != nullptr) return file;
   file = OFSRemoteFile::remoteFileForPath(path);
   file->setConnectionPool(connectionPool());
+  file->transfer().setTotals(iTotals);
   node->setUserProperty(file, kOFSRemoteFile);
   iFiles.add(file, node);
   return file;

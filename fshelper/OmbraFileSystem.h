@@ -16,6 +16,7 @@
 #include "fshelper/OFSNodeChanges.h"
 #include "fshelper/OFSNodeFileTable.h"
 #include "fshelper/OFSRemoteFile.h"
+#include "fshelper/OFSTransferReport.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/userfs/GMUserFileSystemDelegate.h"
 #include "remote/AbstractConnection.h"
@@ -81,6 +82,9 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // What the cache files without handles may hold together, in bytes and in number; absent = the default,
   // which also leaves half of the temporary folder's disk to others. For `trimCache`.
   void setCacheBudget(std::optional<uint64_t> bytes, std::optional<size_t> files);
+
+  // What is being transferred, what waits for the server, and what went wrong. Never waits for a transfer.
+  OFSTransferReport transferReport() const;
 
   // Logs in and settles the root. False when it cannot be, with what is known of why.
   bool preflight(NSErrorRef* error);
@@ -212,6 +216,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // `node`, if it is the one that the tree has at the path; null otherwise.
   std::shared_ptr<KCRemoteFileNode> shownAtPath(std::string_view path,
                                                 const std::shared_ptr<KCRemoteFileNode>& node) const;
+  bool keepsCase(StAbstractConnection& connection, KCRemoteFileNode& parent, std::string_view path) const;
   bool showNewFolder(StAbstractConnection& connection, const std::shared_ptr<KCRemoteFileNode>& parent,
                      std::string_view path);
   std::shared_ptr<KCRemoteFileNode> showNewFile(const std::shared_ptr<KCRemoteFileNode>& parent,
@@ -292,6 +297,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::atomic<std::FILE*> iTranscriptLog{nullptr};
   std::atomic<GMUserFileSystemInvalidation*> iInvalidation{nullptr};
   OFSNodeFileTable iFiles;
+  const std::shared_ptr<OFSTransferTotals> iTotals = std::make_shared<OFSTransferTotals>();
   OFSNodeChanges iChanges;
 
   mutable Mutex iPropertyLock;
