@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "fshelper/OFSRemoteFile.h"
 #include "fshelper/OFSRemoteFileLocalCalls.h"
@@ -132,7 +133,16 @@ bool OFSRemoteFile::locked_synchronize(StAbstractConnection& holder, NSErrorRef*
       break;
     }
     locked_waitForEpoch(epoch);
-    if (iConfirmedGeneration >= wanted) return true;
+    if (iConfirmedGeneration >= wanted) {
+      if (locked_isSettledInPlace()) return true;
+      // Sent from the cache file itself, for want of room for a copy: the server has yet to close it. Not
+      // tried once more when that fails, which would have no end where every close is refused.
+      NSErrorRef failure;
+      if (locked_finishInPlace(holder, &failure)) return true;
+      locked_doubtServer();
+      iLastError = std::move(failure);
+      break;
+    }
     if (iEpoch == epoch && iLastError != nullptr) break;
   }
   // Told here; no later write need be told again.

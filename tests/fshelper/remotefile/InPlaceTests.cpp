@@ -84,6 +84,33 @@ TEST_F(WrittenBehind, FailsTheSynchronisationWhenThatIsRefusedAsWell) {
   EXPECT_FALSE(file->isCovered());
 }
 
+// Without room for a copy the cache file itself is sent, and the server may refuse its close in the end.
+TEST_F(WrittenBehind, FailsTheSynchronisationWhoseOwnUploadIsRefusedAtItsClose) {
+  writeBehind();
+  const NSErrorRef full = QuarnKitError::errorWithCode(kQuarnKitOutOfSpace);
+  end(full);
+  calls.fail(Call::kOpen, ENOSPC);
+  const auto hold = server.hold("uploadFileHandle");
+  NSErrorRef error;
+  auto synchroniser = inBackground([&] { return file->synchronize(&error); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  UnconfirmedExtents& extents = *file->fileHandle()->extents();
+  extents.beginSending();
+  // Goes when the upload counts as done.
+  constexpr uint64_t kFarAway = 1 << 20;
+  extents.add({kFarAway, kFarAway + 1});
+  hold->release();
+  eventually([&] { return extents.from(kFarAway).empty(); }, "the end of the upload");
+  end(full);
+  EXPECT_FALSE(finish(synchroniser));
+  ASSERT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(error->underlyingError(), full);
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr));
+  EXPECT_EQ(onServer(), "0123XY6789");
+  EXPECT_TRUE(file->isCovered());
+}
+
 // The write was answered with success. It is not given up because the server refuses something else.
 TEST_F(WrittenBehind, IsNotGivenUpByATruncationThatIsRefused) {
   writeBehind();
