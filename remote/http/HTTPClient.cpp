@@ -26,13 +26,6 @@ constexpr long kSendBuffer = 512 * 1024;
 constexpr long kKeepAliveIdleSeconds = 10;
 constexpr long kKeepAliveIntervalSeconds = 5;
 
-struct EasyDeleter {
-  void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct MultiDeleter {
-  void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
-};
-
 bool isLoopback(const std::string& host) {
   return host == "localhost" || host == "::1" || host.starts_with("127.");
 }
@@ -95,8 +88,8 @@ struct HTTPClient::State {
   std::atomic<bool> interrupted{false};
   std::map<std::string, std::unique_ptr<ServerTrust>> trusts;
   std::unique_ptr<HTTPAuthenticator> authenticator;  // null when nobody logs in
-  std::unique_ptr<CURLM, MultiDeleter> multi;
-  std::unique_ptr<CURL, EasyDeleter> easy;  // goes before the multi handle, the trusts after both
+  CurlMulti multi;
+  CurlEasy easy;  // goes before the multi handle, the trusts after both
   std::vector<std::byte> pieces;
   bool hasAnswered = false;
   bool isBroken = false;

@@ -75,7 +75,7 @@ INSTANTIATE_TEST_SUITE_P(
                    R"(opaque="FQhe/qaU925kfnzjCev0ciny7QMkPqMAFRtzCUYo5tdS")",
                    "f2/wE4q74E6zIJEtWaHKaf5wv/H5QzzpXusqGemxURZJ", "/dir/index.html",
                    "753927fa0e85d155564e2e272a28d1802ca10daf4496794697cf8db5856cb6c1"}),
-    [](const auto& info) { return info.param.name; });
+    [](const auto& test) { return test.param.name; });
 
 TEST(HTTPAuthenticator, CountsRequestsWithANonceAndBeginsAgainWithANewOne) {
   HTTPAuthenticator authenticator("u", "p");

@@ -184,7 +184,7 @@ INSTANTIATE_TEST_SUITE_P(Answers, HTTPClientNonsense,
                                          Nonsense{"ALongBody", httpReply(200, std::string(1001, 'x')).bytes},
                                          Nonsense{"ALongBodyOfUnknownLength",
                                                   "HTTP/1.1 200 OK\r\n\r\n" + std::string(5000, 'x')}),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(HTTPClientTest, ALongErrorDocumentIsCut) {
   serve([](const HTTPSeen&) { return httpReply(500, std::string(200'000, 'x')); });

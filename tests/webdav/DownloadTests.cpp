@@ -8,11 +8,11 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr const char* kDate = "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
+constexpr const char* kDateHeader = "Last-Modified: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
 
 // Serves `content` with its tag, whole or from where a range begins.
 HTTPReply contentReply(const HTTPSeen& seen, const std::string& content, const std::string& tag) {
-  const std::string headers = "ETag: " + tag + "\r\n" + kDate;
+  const std::string headers = "ETag: " + tag + "\r\n" + kDateHeader;
   const std::string range = seen.header("range");
   if (range.empty()) return httpReply(200, content, headers);
   const size_t from = std::stoull(range.substr(6));
@@ -87,7 +87,7 @@ INSTANTIATE_TEST_SUITE_P(Changes, WebDAVChangedFile,
                                          ChangedCase{"AnotherSize", "hello world!", "\"1\""},
                                          ChangedCase{"Shorter", "hell", "\"1\""},
                                          ChangedCase{"Empty", "", "\"1\""}),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(WebDAVSessionTest, AServerThatLooksAtTheConditionTellsOfAChangedFile) {
   serve([](const HTTPSeen& seen) { return contentReply(seen, "hello world", "\"1\""); });

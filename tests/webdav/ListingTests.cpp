@@ -14,7 +14,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 // 2026-11-21 10:21:25 UTC
-constexpr NSDate kDate = NSDate::dateWithNanoseconds(1'795'256'485'000'000'000);
+constexpr NSDate kListedDate = NSDate::dateWithNanoseconds(1'795'256'485'000'000'000);
 
 std::vector<DAVResponse> parsed(const std::string& document) {
   std::string reason;
@@ -60,8 +60,8 @@ TEST_P(DAVDialects, TellTheSameFolder) {
   EXPECT_EQ(file.type, kNodeTypeFile);
   EXPECT_EQ(file.attributes.fileType, NSFileTypeValue::NSFileTypeRegular);
   EXPECT_EQ(file.attributes.fileSize, 5u);
-  EXPECT_EQ(file.attributes.modificationDate, kDate);
-  EXPECT_EQ(file.attributes.creationDate, dialect.tellsCreation ? std::optional(kDate) : std::nullopt);
+  EXPECT_EQ(file.attributes.modificationDate, kListedDate);
+  EXPECT_EQ(file.attributes.creationDate, dialect.tellsCreation ? std::optional(kListedDate) : std::nullopt);
   const RemoteEntry& folder = listing.children[1];
   EXPECT_EQ(folder.type, kNodeTypeFolder);
   EXPECT_EQ(folder.attributes.fileType, NSFileTypeValue::NSFileTypeDirectory);
@@ -69,7 +69,7 @@ TEST_P(DAVDialects, TellTheSameFolder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, DAVDialects, testing::ValuesIn(davDialects()),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& test) { return test.param.name; });
 
 TEST(DAVMultistatus, RefusesWhatIsNoSuchDocument) {
   std::string bomb =

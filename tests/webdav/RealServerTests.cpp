@@ -210,7 +210,7 @@ INSTANTIATE_TEST_SUITE_P(Servers, WebDAVReal,
                                          RealKind{"apacheDigest", WebDAVServerKind::kApacheDigest},
                                          RealKind{"nginx", WebDAVServerKind::kNginx},
                                          RealKind{"lighttpd", WebDAVServerKind::kLighttpd}),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& test) { return test.param.name; });
 
 class WebDAVRealTLS : public WebDAVReal {};
 
@@ -241,7 +241,7 @@ TEST_P(WebDAVRealTLS, TheAcceptedOneIsTrustedOnEachConnection) {
 
 INSTANTIATE_TEST_SUITE_P(Servers, WebDAVRealTLS,
                          testing::Values(RealKind{"apacheTLS", WebDAVServerKind::kApacheTLS}),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& test) { return test.param.name; });
 
 // The whole way through the pool: nobody notices that the server was away for a moment.
 TEST_P(WebDAVReal, AServerThatWasRestartedIsUsedOnWithoutAFailure) {

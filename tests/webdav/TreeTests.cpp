@@ -41,7 +41,7 @@ INSTANTIATE_TEST_SUITE_P(Answers, WebDAVLogin,
                                          LoginCase{"NoAnswerOfWebDAV", 207, kQuarnKitProtocolError},
                                          LoginCase{"TooMany", 503, kQuarnKitTooManyConnections},
                                          LoginCase{"Broken", 500, kQuarnKitRefused}),
-                         [](const auto& info) { return info.param.name; });
+                         [](const auto& test) { return test.param.name; });
 
 TEST_F(WebDAVSessionTest, ALoginThatIsSentToAnotherServerNamesIt) {
   serve([](const HTTPSeen&) { return httpReply(301, "", "Location: https://elsewhere/dav/\r\n"); });

@@ -9,7 +9,7 @@ namespace {
 using testing::ElementsAre;
 using testing::Not;
 
-const std::string kLarge(WebDAVSession::kSmallUpload + 1, 'x');
+const std::string kLargeUpload(WebDAVSession::kSmallUpload + 1, 'x');
 
 // A server with one file or folder at "/a", or nothing. `refusal`: what it answers to a method, 0 for nothing
 // special.
@@ -55,12 +55,12 @@ TEST_F(WebDAVSessionTest, AnEmptyFileReplacesAtOnce) {
 
 TEST_F(WebDAVSessionTest, ANewLargeFileIsSentBesideAndMovedIntoItsPlace) {
   serve(OneItemServer{});
-  ASSERT_TRUE(upload("/a", kLarge)) << error->description();
+  ASSERT_TRUE(upload("/a", kLargeUpload)) << error->description();
   EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "MOVE /TEMP"));
-  EXPECT_TRUE(server->seen().at(0).body == kLarge);
+  EXPECT_TRUE(server->seen().at(0).body == kLargeUpload);
   EXPECT_EQ(server->seen().at(1).header("destination"), server->url("/a"));
   EXPECT_EQ(server->seen().at(1).header("overwrite"), "F");
-  EXPECT_EQ(control.reached.back(), kLarge.size());
+  EXPECT_EQ(control.reached.back(), kLargeUpload.size());
 }
 
 TEST_F(WebDAVSessionTest, WhatIsThereIsReplacedOnlyOnceTheNewContentHasArrived) {
@@ -69,12 +69,12 @@ TEST_F(WebDAVSessionTest, WhatIsThereIsReplacedOnlyOnceTheNewContentHasArrived) 
   EXPECT_THAT(lines(), ElementsAre("PUT /a", "PUT /TEMP", "PROPFIND /a", "MOVE /TEMP"));
   EXPECT_EQ(server->seen().back().header("overwrite"), "T");
   serve(OneItemServer{OneItemServer::Item::kFile, {}});
-  ASSERT_TRUE(upload("/a", kLarge)) << error->description();
+  ASSERT_TRUE(upload("/a", kLargeUpload)) << error->description();
   EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "MOVE /TEMP", "PROPFIND /a", "MOVE /TEMP"));
 }
 
 TEST_F(WebDAVSessionTest, AFolderIsNeverReplacedByAFile) {
-  for (const std::string& content : {std::string("hello"), kLarge}) {
+  for (const std::string& content : {std::string("hello"), kLargeUpload}) {
     serve(OneItemServer{OneItemServer::Item::kFolder, {}});
     EXPECT_FALSE(upload("/a", content));
     EXPECT_EQ(code(), kQuarnKitItemExists);
@@ -91,9 +91,9 @@ TEST_F(WebDAVSessionTest, WhereTheServerRefusesTheNameTheFileIsWrittenInPlace) {
       if (isTemporary) return httpReply(refusal);
       return OneItemServer{OneItemServer::Item::kFile, {}}(seen);
     });
-    ASSERT_TRUE(upload("/a", kLarge)) << refusal;
+    ASSERT_TRUE(upload("/a", kLargeUpload)) << refusal;
     EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "DELETE /TEMP", "PUT /a"));
-    EXPECT_TRUE(server->seen().back().body == kLarge);
+    EXPECT_TRUE(server->seen().back().body == kLargeUpload);
     EXPECT_TRUE(std::is_sorted(control.reached.begin(), control.reached.end()))
         << "what is sent twice is told once";
     control.reached.clear();
@@ -103,7 +103,7 @@ TEST_F(WebDAVSessionTest, WhereTheServerRefusesTheNameTheFileIsWrittenInPlace) {
 TEST_F(WebDAVSessionTest, WhereTheServerRefusesTheMoveTheFileIsWrittenInPlaceAndNothingStaysBehind) {
   for (const int refusal : {403, 405, 501, 502}) {
     serve(OneItemServer{OneItemServer::Item::kNone, {{"MOVE", refusal}}});
-    ASSERT_TRUE(upload("/a", kLarge)) << refusal;
+    ASSERT_TRUE(upload("/a", kLargeUpload)) << refusal;
     EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "MOVE /TEMP", "DELETE /TEMP", "PUT /a"));
   }
 }
@@ -113,7 +113,7 @@ TEST_F(WebDAVSessionTest, ARefusalThatIsTheSameInPlaceIsTheEnd) {
       {507, kQuarnKitOutOfSpace}, {409, kQuarnKitNoSuchItem}, {413, kQuarnKitRefused}};
   for (const auto& [status, meaning] : table) {
     serve(OneItemServer{OneItemServer::Item::kNone, {{"PUT", status}}});
-    EXPECT_FALSE(upload("/a", kLarge)) << status;
+    EXPECT_FALSE(upload("/a", kLargeUpload)) << status;
     EXPECT_EQ(code(), meaning) << status;
     EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "DELETE /TEMP")) << status;
   }
