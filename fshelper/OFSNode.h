@@ -27,6 +27,8 @@ inline constexpr std::string_view kOFSExtendedAttributes =
     "OFSExtendedAttributes";  // shared_ptr<OFSNodeExtendedAttributes>
 inline constexpr std::string_view kOFSFileSystemAttributes =
     "OFSFileSystemAttributes";  // NSFileAttributes, root only
+// Whether the folder tells names apart by case alone; absent until something is made in it. bool
+inline constexpr std::string_view kOFSKeepsCase = "OFSKeepsCase";
 
 // Extended attributes of one node.
 struct OFSNodeExtendedAttributes {

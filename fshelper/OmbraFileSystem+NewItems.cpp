@@ -2,13 +2,47 @@
 // cost ever more with each of them.
 #include "fshelper/OmbraFileSystem.h"
 #include "fshelper/StAbstractConnection.h"
+#include "platform/foundation/KCStringAdditions.h"
 #include "remote/KCCredentials.h"
+#include "remote/QuarnKitError.h"
 
 namespace ombra {
 
 bool OmbraFileSystem::canShowNewItems(const std::shared_ptr<KCRemoteFileNode>& parent) const {
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   return pool != nullptr && pool->keepsNamesOfNewItems() && isFresh(parent);
+}
+
+namespace {
+
+std::string withOtherCase(std::string name) {
+  for (char& byte : name) {
+    if ((byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z')) byte = static_cast<char>(byte ^ 0x20);
+  }
+  return name;
+}
+
+}  // namespace
+
+// Where "Foo" and "foo" are one item, what is made may be there under a name of before: only the listing
+// tells. Asked once for each folder, of an item that is there by now.
+bool OmbraFileSystem::keepsCase(StAbstractConnection& connection, KCRemoteFileNode& parent,
+                                std::string_view path) const {
+  const auto known = ofs_property<bool>(parent, kOFSKeepsCase);
+  if (known) return *known;
+  const std::string name = lastPathComponent(path);
+  const std::string other = withOtherCase(name);
+  if (other == name) return true;
+  const std::string folder = stringByDeletingLastPathComponent(path);
+  // Listed besides: an answer would say nothing.
+  if (_nodeForPath(stringByAppendingPathComponent(folder, other)) != nullptr) return false;
+  bool isDirectory = false;
+  NSErrorRef error;
+  const bool isThere =
+      connection->attributesOfItemAtPath(remotePathForName(folder, other), &isDirectory, &error).has_value();
+  const bool isMissing = QuarnKitError::isCode(error, kQuarnKitNoSuchItem);
+  if (isThere || isMissing) parent.setUserProperty(!isThere, kOFSKeepsCase);
+  return !isThere && isMissing;
 }
 
 std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::showNewItem(
@@ -27,6 +61,9 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::showNewItem(
 
 std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::showNewFile(
     const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view path) {
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  StAbstractConnection connection(pool.get(), nullptr);
+  if (!keepsCase(connection, *parent, path)) return nullptr;
   const auto node = std::make_shared<KCRemoteFileNode>(remotePathForPath(path), credentials());
   node->setType(kNodeTypeFile);
   node->setSize(0);
@@ -42,6 +79,7 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::shownAtPath(
 
 bool OmbraFileSystem::showNewFolder(StAbstractConnection& connection,
                                     const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view path) {
+  if (!keepsCase(connection, *parent, path)) return false;
   const std::string remotePath = remotePathForPath(path);
   bool isDirectory = false;
   const auto attributes = connection->attributesOfItemAtPath(remotePath, &isDirectory, nullptr);
@@ -51,6 +89,9 @@ bool OmbraFileSystem::showNewFolder(StAbstractConnection& connection,
   // Just made, it holds nothing.
   node->setUserProperty(KCCreateNodeByDisplayNameMutableSet(), kOFSContents);
   node->setUserProperty(NSDate::date(), kOFSExpirationDate);
+  // As the folder that it is in.
+  if (const auto keeps = ofs_property<bool>(*parent, kOFSKeepsCase))
+    node->setUserProperty(*keeps, kOFSKeepsCase);
   return shownAtPath(path, showNewItem(parent, node)) == node;
 }
 

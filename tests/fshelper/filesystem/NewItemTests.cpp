@@ -6,6 +6,7 @@
 namespace ombra {
 namespace {
 
+using ::testing::ElementsAre;
 using ::testing::UnorderedElementsAre;
 
 class NewItems : public FileSystemTest {
@@ -87,6 +88,49 @@ TEST_F(NewItems, AnOldListingIsStillFetchedAfterACreationThatFailed) {
   ASSERT_FALSE(makeFile("/new"));
   names("/");
   EXPECT_EQ(listings(), before + 1);
+}
+
+TEST_F(NewItems, AFolderIsAskedOnceWhetherItTellsNamesApartByCase) {
+  names("/");
+  ASSERT_TRUE(makeFile("/New"));
+  ASSERT_TRUE(makeFile("/Other"));
+  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/Folder", {}, nullptr));
+  ASSERT_TRUE(makeFile("/Folder/new"));
+  std::vector<std::string> asked;
+  for (const ScriptedCall& call : server.calls("attributesOfItemAtPath")) asked.push_back(call.arguments[0]);
+  EXPECT_THAT(asked, ElementsAre("/nEW", "/Folder")) << "the second one for what the folder is like";
+}
+
+TEST_F(NewItems, WhereCaseDoesNotCountTheFolderIsListed) {
+  names("/");
+  server.setAttributesHandler([](std::string_view, bool* isDirectory, NSErrorRef*) {
+    *isDirectory = false;
+    return NSFileAttributes();
+  });
+  const size_t before = listings();
+  ASSERT_TRUE(makeFile("/New"));
+  ASSERT_TRUE(makeFile("/Other"));
+  EXPECT_EQ(listings(), before + 2);
+  EXPECT_EQ(server.count("attributesOfItemAtPath"), 1u);
+}
+
+// The server keeps the name that the item had before.
+TEST_F(NewItems, AnItemThatIsThereInOtherCaseIsNotShownTwice) {
+  names("/");
+  server.setAttributesHandler([](std::string_view, bool*, NSErrorRef*) { return NSFileAttributes(); });
+  server.setHidden("/OLD", true);
+  EXPECT_FALSE(makeFile("/OLD"));
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old"));
+}
+
+TEST_F(NewItems, WhereNobodyKnowsWhetherCaseCountsTheFolderIsListed) {
+  names("/");
+  server.fail("attributesOfItemAtPath", "/nEW", QuarnKitError::errorWithCode(kQuarnKitRefused));
+  const size_t before = listings();
+  ASSERT_TRUE(makeFile("/New"));
+  EXPECT_EQ(listings(), before + 1);
+  ASSERT_TRUE(makeFile("/Other"));
+  EXPECT_EQ(listings(), before + 1) << "asked again, and answered";
 }
 
 // Something happens on the server, or here, while it makes "/folder/new".
