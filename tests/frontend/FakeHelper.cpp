@@ -163,14 +163,16 @@ class FakeHelper {
 
   static int answerStatus(sd_bus_message* message, void* self, sd_bus_error*) {
     const auto* helper = static_cast<FakeHelper*>(self);
-    const nlohmann::json status = {{"volumeName", helper->argument("--name=")},
-                                   {"mountPath", helper->mountPath()},
-                                   {"registeredName", helper->argument("--uuid=")},
-                                   {"address", "fake.test"},
-                                   {"username", "anna"},
-                                   {"protocol", "sftp"},
-                                   {"pid", getpid()},
-                                   {"state", "mounted"}};
+    nlohmann::json status = {{"volumeName", helper->argument("--name=")},
+                             {"mountPath", helper->mountPath()},
+                             {"registeredName", helper->argument("--uuid=")},
+                             {"address", "fake.test"},
+                             {"username", "anna"},
+                             {"protocol", "sftp"},
+                             {"pid", getpid()},
+                             {"state", "mounted"}};
+    std::ifstream more(helper->iFolder + "/status.json");
+    if (more) status.update(nlohmann::json::parse(more, nullptr, false));
     return sd_bus_reply_method_return(message, "s", status.dump().c_str());
   }
 

@@ -21,7 +21,8 @@ bool isFakeHelper(int argc, char** argv);
 // - silent: does nothing until it is told to end
 //
 // It writes its arguments to arguments.txt, one per line, and what it received to credentials.bin, both in
-// the folder $FAKE_HELPER_FOLDER. When that holds a pipe named "started", it says so there.
+// the folder $FAKE_HELPER_FOLDER. What the file status.json there holds it adds to its status. When that
+// folder holds a pipe named "started", it says so there.
 int runFakeHelper(int argc, char** argv);
 
 }  // namespace ombra
