@@ -41,7 +41,7 @@ class OFSMountPathSource {
 // Locks, in the order in which they may be taken: iTreeLock (repairs of the tree after moves and removals),
 // then folders' object locks (one at a time; below iTreeLock a move takes the old parent, then the new one,
 // and what leaves a folder is visited with its lock held), then a node's own lock, then leaf locks. The
-// server is called with none of them held, but for links that are resolved during a merge.
+// server is called with none of them held.
 class OmbraFileSystem : public GMUserFileSystemDelegate,
                         public GMUserFileSystemDurability,
                         public ConnectionDelegate,
@@ -232,6 +232,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
                    NSErrorRef* error);
   bool changeOnServer(StAbstractConnection& connection, const NSFileAttributes& attributes,
                       const std::string& remotePath, NSErrorRef* error);
+  bool flushOnServer(const std::string& remotePath, NSErrorRef* error);
   bool sendAttributes(const NSFileAttributes& attributes, const std::string& remotePath, NSErrorRef* error);
   void showAttributes(const NSFileAttributes& attributes, KCRemoteFileNode& node);
   std::shared_ptr<KCRemoteFileNode> nodeForExtendedAttribute(std::string_view name, OptionalPath path,

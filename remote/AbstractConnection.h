@@ -128,8 +128,9 @@ class AbstractConnection {
   [[nodiscard]] virtual bool uploadFileHandle(NSFileHandle& fileHandle, std::string_view withFilename,
                                               std::string_view toPath, uint64_t byteOffset,
                                               uint64_t* bytesTransferred, NSErrorRef* error) = 0;
-  // Whether uploads of a scratch handle may answer as soon as everything has been sent. What the server says
-  // to it later is told by a later upload from the handle, and by finishUploads. Off at first.
+  // Whether uploads of a scratch handle may answer as soon as everything has been sent, or is on its way
+  // without the caller's help. What the server says to it later is told by a later upload from the handle,
+  // and by finishUploads. Off at first.
   virtual void setWritesBehind(bool /*writesBehind*/) {}
   // Waits until the server has acknowledged everything that was uploaded from a scratch handle, and has
   // closed the file. False when any of it failed and no upload has told so; what is not stored is unconfirmed
