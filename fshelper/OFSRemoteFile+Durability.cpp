@@ -246,6 +246,12 @@ void OFSRemoteFile::letWritesGo() {
   iCondition.broadcast();
 }
 
+std::string OFSRemoteFile::remotePathAfterMoves() {
+  const ConditionLock lock(iCondition);
+  while (iMoves > 0) locked_wait();
+  return remotePath();
+}
+
 bool OFSRemoteFile::hasBeenChanged() {
   const ConditionLock lock(iCondition);
   return !iAbandoned && iLocalGeneration != 0;

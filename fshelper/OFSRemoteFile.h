@@ -165,6 +165,8 @@ class OFSRemoteFile final : public GMOpenFile,
   // sent to where it will not be. Each hold is ended once.
   void holdWrites() EXCLUDES(iCondition);
   void letWritesGo() EXCLUDES(iCondition);
+  // The path once no move is under way. Not with a session in hand: the move may need one.
+  std::string remotePathAfterMoves() EXCLUDES(iCondition);
   // Copies the cache file to a new file at a local path (mode 0600), for content that could not be sent.
   // False with errno set: EEXIST when there is one already, which stays as it is; else no file is left there.
   bool saveContentAs(const std::string& path) EXCLUDES(iPathLock);

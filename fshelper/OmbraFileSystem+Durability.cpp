@@ -4,6 +4,7 @@
 #include "fshelper/OmbraFileSystem.h"
 #include "fshelper/StAbstractConnection.h"
 #include "platform/foundation/KCStringAdditions.h"
+#include "remote/QuarnKitError.h"
 
 namespace ombra {
 
@@ -46,13 +47,27 @@ void moveNodesBelow(const KCNode& folder, const std::string& from, const std::st
 bool OmbraFileSystem::flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) {
   OFS_TRACE("-[OmbraFileSystem flushFileAtPath:userData:error:]", "{}", ofs_describe(path));
   const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
-  if (file == nullptr || !file->hasBeenChanged()) return true;
+  if (file == nullptr) return true;
+  std::string remotePath = file->remotePath();
+  while (file->hasBeenChanged()) {
+    NSErrorRef underlying;
+    if (flushOnServer(remotePath, &underlying)) return true;
+    // Moved meanwhile: flushed where it is now.
+    const bool isGone = QuarnKitError::isCode(underlying, kQuarnKitNoSuchItem);
+    std::string now = isGone ? file->remotePathAfterMoves() : remotePath;
+    if (now == remotePath) {
+      OFS_FAIL(error, kEIO, underlying);
+      return false;
+    }
+    remotePath = std::move(now);
+  }
+  return true;
+}
+
+bool OmbraFileSystem::flushOnServer(const std::string& remotePath, NSErrorRef* error) {
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   StAbstractConnection connection(pool.get(), this);
-  NSErrorRef underlying;
-  if (connection->flushFileAtPath(file->remotePath(), &underlying)) return true;
-  OFS_FAIL(error, kEIO, underlying);
-  return false;
+  return connection->flushFileAtPath(remotePath, error);
 }
 
 bool OmbraFileSystem::synchronizeFileAtPath(OptionalPath path, const GMUserData& userData,

@@ -51,6 +51,13 @@ bool ScriptedConnection::moveItemFromPath(std::string_view path, bool isDirector
   return true;
 }
 
+bool ScriptedConnection::flushFileAtPath(std::string_view path, NSErrorRef* error) {
+  const CallVerdict verdict = begin("flushFileAtPath", {std::string(path)}, path);
+  if (!settle(verdict, error)) return false;
+  WatchedLock lock(iState->iCondition);
+  return iState->iTree.find(path) != nullptr || refuse(kQuarnKitNoSuchItem, path, error);
+}
+
 bool ScriptedConnection::deleteItemAtPath(std::string_view path, bool isDirectory, NSErrorRef* error) {
   const CallVerdict verdict = begin("deleteItemAtPath", {std::string(path), flag(isDirectory)}, path);
   if (!settle(verdict, error)) return false;

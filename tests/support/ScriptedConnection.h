@@ -44,6 +44,7 @@ class ScriptedConnection final : public AbstractConnection {
                         uint64_t* bytesTransferred, NSErrorRef* error) override;
   bool uploadFileHandle(NSFileHandle& fileHandle, std::string_view withFilename, std::string_view toPath,
                         uint64_t byteOffset, uint64_t* bytesTransferred, NSErrorRef* error) override;
+  bool flushFileAtPath(std::string_view path, NSErrorRef* error) override;
   bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
                                ConnectionDelegate& handler, NSErrorRef* error) override;
   void setShouldCancel(bool shouldCancel) override;

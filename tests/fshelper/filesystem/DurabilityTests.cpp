@@ -1,4 +1,6 @@
 // What programs on this system rely on: whole files on the server, and honest answers about them.
+#include <thread>
+
 #include "fshelper/OFSRemoteFile.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
@@ -74,6 +76,34 @@ TEST_F(Durability, OnlyWhatWasWrittenHereIsBroughtToTheServersDisk) {
   server.clearCalls();
   EXPECT_TRUE(fileSystem.flushFileAtPath("/a.txt", file, &error));
   EXPECT_EQ(server.count("acquireConnection"), 1u);
+}
+
+TEST_F(Durability, AFlushThatMeetsAMoveFindsTheFileWhereItIsNow) {
+  const GMUserData file = open("/a.txt", kO_RDWR);
+  write("/a.txt", file, "longer content");
+  const auto hold = server.hold("flushFileAtPath");
+  bool isFlushed = false;
+  std::thread flusher([&] { isFlushed = fileSystem.flushFileAtPath("/a.txt", file, nullptr); });
+  EXPECT_TRUE(hold->waitUntilHeld());
+  EXPECT_TRUE(fileSystem.settleBeforeMoveAtPath("/a.txt", &error));
+  // The server has moved it, and this side has yet to learn that.
+  server.removeItem("/a.txt");
+  server.addFile("/b.txt", "longer content");
+  hold->release();
+  while (server.count("releaseConnection") < server.count("acquireConnection")) std::this_thread::yield();
+  std::dynamic_pointer_cast<OFSRemoteFile>(file)->setRemotePath("/b.txt");
+  fileSystem.movedItemAtPath("/a.txt", "/b.txt");
+  flusher.join();
+  EXPECT_TRUE(isFlushed);
+  EXPECT_EQ(server.count("flushFileAtPath"), 2u);
+}
+
+TEST_F(Durability, AFlushOfWhatIsGoneFails) {
+  const GMUserData file = open("/a.txt", kO_RDWR);
+  write("/a.txt", file, "longer content");
+  server.removeItem("/a.txt");
+  EXPECT_FALSE(fileSystem.flushFileAtPath("/a.txt", file, &error));
+  EXPECT_EQ(code(), kEIO);
 }
 
 TEST_F(Durability, TheContentStateFollowsTheDownload) {
