@@ -331,6 +331,18 @@ TEST_F(SFTPUpload, ConfirmsOnlyWhatTheServerHasAcknowledged) {
   EXPECT_EQ(10u * 32768, left[0].end);
 }
 
+TEST_F(SFTPUpload, ARefusedOneKnowsWhatOfThePiecesBehindTheRefusalWasStored) {
+  logIn(13);
+  makeScratch(pattern(10 * 32768));
+  server.refusals[kSFTPWrite] = {kSFTPStatusPermissionDenied, 3};
+  server.before = [&](const PeerRequest& request) {
+    if (request.type == kSFTPWrite && peer->countOf(kSFTPWrite) == 5) server.refusals.clear();
+  };
+  ASSERT_FALSE(upload(0));
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(error));
+  EXPECT_EQ((std::vector<FileExtent>{{3 * 32768, 4 * 32768}}), local->unconfirmedExtents(0));
+}
+
 TEST_F(SFTPUpload, ARefusalWithoutAReasonOnAFullVolumeIsOutOfSpace) {
   server.refusals[kSFTPWrite] = {kSFTPStatusFailure, 1};
   server.freeBytes = 0;
