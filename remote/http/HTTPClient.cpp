@@ -1,6 +1,9 @@
 #include "remote/http/HTTPClient.h"
 
 #include <curl/curl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
@@ -25,6 +28,9 @@ constexpr long kSendBuffer = 512 * 1024;
 // As for the other engines' sockets: a network that is gone is noticed within half a minute.
 constexpr long kKeepAliveIdleSeconds = 10;
 constexpr long kKeepAliveIntervalSeconds = 5;
+constexpr int kKeepAliveProbes = 4;
+// In milliseconds: how often a pause looks at the cancel mark.
+constexpr int64_t kPauseLook = 100;
 
 bool isLoopback(const std::string& host) {
   return host == "localhost" || host == "::1" || host.starts_with("127.");
@@ -33,6 +39,12 @@ bool isLoopback(const std::string& host) {
 CURLcode installTrust(CURL*, void* context, void* trust) {
   static_cast<ServerTrust*>(trust)->installInto(static_cast<ssl_ctx_st*>(context));
   return CURLE_OK;
+}
+
+// The one option of keeping alive that libcurl does not set.
+int boundKeepAlive(void*, curl_socket_t socket, curlsocktype) {
+  setsockopt(socket, IPPROTO_TCP, TCP_KEEPCNT, &kKeepAliveProbes, sizeof kKeepAliveProbes);
+  return CURL_SOCKOPT_OK;
 }
 
 void prepareLibraryOnce() {
@@ -112,6 +124,7 @@ void HTTPClient::State::setOptions(const HTTPURL& url) {
   curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
   curl_easy_setopt(handle, CURLOPT_TCP_KEEPIDLE, kKeepAliveIdleSeconds);
   curl_easy_setopt(handle, CURLOPT_TCP_KEEPINTVL, kKeepAliveIntervalSeconds);
+  curl_easy_setopt(handle, CURLOPT_SOCKOPTFUNCTION, &boundKeepAlive);
   curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(environment.connectLimit.count()));
   // The resolver's thread is not waited for when a request ends early.
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
@@ -199,6 +212,24 @@ std::optional<HTTPResponse> HTTPClient::perform(const HTTPRequest& request, NSEr
 }
 
 bool HTTPClient::isAlive() { return !iState->isBroken && !iState->interrupted.load(); }
+
+bool HTTPClient::pause(std::chrono::milliseconds duration, TransferControl* control, NSErrorRef* error) {
+  const auto end = std::chrono::steady_clock::now() + duration;
+  while (isAlive()) {
+    if (control != nullptr && control->shouldCancel()) {
+      storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled));
+      return false;
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+    if (left <= 0) return true;
+    // Woken by an interrupt.
+    curl_multi_poll(iState->multi.get(), nullptr, 0, static_cast<int>(std::min<int64_t>(left, kPauseLook)),
+                    nullptr);
+  }
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "this session has ended"));
+  return false;
+}
 
 void HTTPClient::interrupt() {
   iState->interrupted.store(true);

@@ -88,6 +88,9 @@ class HTTPClient {
   // False once a connection was lost or interrupted. One that the server has closed while it was idle is
   // replaced by the next request without further ado, which costs less than a new login: it counts as alive.
   bool isAlive();
+  // Waits between two requests. False, with the error filled, when it was cancelled or interrupted meanwhile.
+  // `control` may be null.
+  bool pause(std::chrono::milliseconds duration, TransferControl* control, NSErrorRef* error);
   // Makes the running request, and every later one, fail soon with kQuarnKitConnectionLost. Any thread.
   void interrupt();
 

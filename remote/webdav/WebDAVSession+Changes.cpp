@@ -44,21 +44,28 @@ std::optional<HTTPResponse> WebDAVSession::sendMove(std::string_view from, bool 
   return send(std::move(request), error);
 }
 
-bool WebDAVSession::mayReplace(std::string_view path, NSErrorRef* error) {
+std::optional<HTTPResponse> WebDAVSession::moveFile(std::string_view from, std::string_view to, bool isThere,
+                                                    NSErrorRef* error) {
+  // A move with leave to overwrite would take away a whole folder at its end without a word.
+  if (!isThere) {
+    std::optional<HTTPResponse> response = sendMove(from, false, to, Overwrite::kNo, error);
+    if (!response || response->status != 412) return response;
+  }
   bool isDirectory = false;
-  if (!attributes(path, &isDirectory, error)) return false;
-  if (!isDirectory) return true;
-  storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemExists, path));
-  return false;
+  NSErrorRef reason;
+  const bool exists = attributes(to, &isDirectory, &reason).has_value();
+  if (exists && isDirectory) reason = QuarnKitError::errorWithCode(kQuarnKitItemExists, to);
+  if (exists && !isDirectory) return sendMove(from, false, to, Overwrite::kYes, error);
+  // What was there has gone meanwhile.
+  if (QuarnKitError::isCode(reason, kQuarnKitNoSuchItem))
+    return sendMove(from, false, to, Overwrite::kNo, error);
+  storeError(error, reason);
+  return std::nullopt;
 }
 
 bool WebDAVSession::move(std::string_view from, bool isDirectory, std::string_view to, NSErrorRef* error) {
-  // A move with leave to overwrite would take away a whole folder at its end without a word.
-  std::optional<HTTPResponse> response = sendMove(from, isDirectory, to, Overwrite::kNo, error);
-  if (response && response->status == 412 && !isDirectory) {
-    if (!mayReplace(to, error)) return false;
-    response = sendMove(from, isDirectory, to, Overwrite::kYes, error);
-  }
+  const std::optional<HTTPResponse> response =
+      isDirectory ? sendMove(from, true, to, Overwrite::kNo, error) : moveFile(from, to, false, error);
   return succeeded(DAVRequestKind::kMove, response, from, error);
 }
 

@@ -36,15 +36,13 @@ class WebDAVSession::Upload {
 
   bool run(NSErrorRef* error) {
     if (iLength == 0) return inPlace(error);
-    if (iLength > kSmallUpload) return beside(Target::kUnknown, error);
+    if (iLength > kSmallUpload) return beside(false, error);
     const std::optional<HTTPResponse> response = put(iPath, {{"If-None-Match", "*"}}, error);
-    if (response && response->status == 412) return beside(Target::kExists, error);
+    if (response && response->status == 412) return beside(true, error);
     return concluded(response, error);
   }
 
  private:
-  enum class Target : uint8_t { kUnknown, kExists };
-
   bool concluded(const std::optional<HTTPResponse>& response, NSErrorRef* error) {
     if (!iSession.succeeded(DAVRequestKind::kUpload, response, iPath, error)) return false;
     report(iLength);
@@ -53,41 +51,27 @@ class WebDAVSession::Upload {
 
   bool inPlace(NSErrorRef* error) { return concluded(put(iPath, {}, error), error); }
 
-  bool beside(Target target, NSErrorRef* error) {
+  bool beside(bool isThere, NSErrorRef* error) {
     iTemporary = remotePathInFolder(folderOf(iPath), makeDAVTemporaryName());
     const std::optional<HTTPResponse> response = put(iTemporary, {}, error);
     if (!response) {
       removeTemporary();
       return false;
     }
-    if (isSuccess(response)) return replace(target, error);
+    if (isSuccess(response)) return replace(isThere, error);
     removeTemporary();
     return isFinalRefusal(response->status) ? concluded(response, error) : inPlace(error);
   }
 
   // Moves what has arrived over what is there.
-  bool replace(Target target, NSErrorRef* error) {
-    std::optional<HTTPResponse> response;
-    if (target == Target::kUnknown) {
-      response = iSession.sendMove(iTemporary, false, iPath, Overwrite::kNo, error);
-      if (!response) return false;
-      target = response->status == 412 ? Target::kExists : target;
-    }
-    if (target == Target::kExists) {
-      // Leave to overwrite would be leave to take away a folder too.
-      if (!iSession.mayReplace(iPath, error)) {
-        removeTemporary();
-        return false;
-      }
-      response = iSession.sendMove(iTemporary, false, iPath, Overwrite::kYes, error);
-      if (!response) return false;
-    }
+  bool replace(bool isThere, NSErrorRef* error) {
+    const std::optional<HTTPResponse> response = iSession.moveFile(iTemporary, iPath, isThere, error);
     if (iSession.succeeded(DAVRequestKind::kUpload, response, iPath, error)) {
       report(iLength);
       return true;
     }
     removeTemporary();
-    if (isFinalRefusal(response->status)) return false;
+    if (!response || isFinalRefusal(response->status)) return false;
     return inPlace(error);
   }
 

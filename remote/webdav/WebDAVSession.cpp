@@ -2,6 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <charconv>
+#include <chrono>
+
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
 #include "remote/http/HTTPText.h"
@@ -13,6 +17,9 @@ namespace ombra {
 namespace {
 
 constexpr int kMostRedirects = 5;
+constexpr int kMostPauses = 3;
+constexpr std::chrono::milliseconds kPause{1000};
+constexpr std::chrono::milliseconds kLongestPause{5000};
 
 HTTPURL serverOf(const KCCredentials& credentials) {
   HTTPURL url;
@@ -47,6 +54,19 @@ std::string normalPath(std::string_view path, std::string_view base) {
   return result.empty() ? "/" : result;
 }
 
+// Refused before it was looked at, because there is too much to do.
+bool isBusy(int status) { return status == 429 || status == 503; }
+
+std::chrono::milliseconds pauseWanted(const HTTPResponse& response) {
+  const std::string* text = response.header("Retry-After");
+  int seconds = 0;
+  if (text == nullptr ||
+      std::from_chars(text->data(), text->data() + text->size(), seconds).ec != std::errc())
+    return kPause;
+  return std::clamp<std::chrono::milliseconds>(std::chrono::seconds(seconds), std::chrono::milliseconds(0),
+                                               kLongestPause);
+}
+
 bool isRedirect(int status) { return status == 301 || status == 302 || status == 307 || status == 308; }
 
 bool changesNothing(std::string_view method) { return method == "PROPFIND" || method == "OPTIONS"; }
@@ -69,9 +89,21 @@ std::string WebDAVSession::urlOf(std::string_view path, bool isFolder) const {
   return url;
 }
 
+std::optional<HTTPResponse> WebDAVSession::sendPatiently(const HTTPRequest& request, NSErrorRef* error) {
+  for (int pauses = 0;; ++pauses) {
+    std::optional<HTTPResponse> response = iClient.perform(request, error);
+    // During a login it is the pool that waits, and asks for fewer sessions.
+    const bool mayWait = pauses < kMostPauses && !iLogsIn;
+    if (!response || !isBusy(response->status) || !mayWait) return response;
+    const bool hasSource = request.body && request.body->source;
+    if (hasSource && (!request.body->rewind || !request.body->rewind())) return response;
+    if (!iClient.pause(pauseWanted(*response), request.control, error)) return std::nullopt;
+  }
+}
+
 std::optional<HTTPResponse> WebDAVSession::send(HTTPRequest request, NSErrorRef* error) {
   for (int redirects = 0;; ++redirects) {
-    std::optional<HTTPResponse> response = iClient.perform(request, error);
+    std::optional<HTTPResponse> response = sendPatiently(request, error);
     if (!response || !isRedirect(response->status) || redirects == kMostRedirects) return response;
     const std::string* location = response->header("Location");
     const std::optional<HTTPURL> from = HTTPURL::parse(request.url);
@@ -141,10 +173,22 @@ bool WebDAVSession::succeeded(DAVRequestKind kind, const std::optional<HTTPRespo
 }
 
 bool WebDAVSession::logIn(NSErrorRef* error) {
+  iLogsIn = true;
+  const bool isIn = findStart(error);
+  iLogsIn = false;
+  return isIn;
+}
+
+bool WebDAVSession::findStart(NSErrorRef* error) {
   const std::optional<std::string>& initial = iEnvironment.credentials->initialPath();
   const std::string start = normalPath(initial.value_or("/"), "/");
   NSErrorRef reason;
   if (properties(DAVRequestKind::kLogin, start, true, 0, &reason)) return true;
+  // It may be a file, whose name with a slash behind it servers refuse in various ways.
+  const bool isRefused = QuarnKitError::isCode(reason, kQuarnKitRefused);
+  const bool isBadName =
+      isRefused && reason->underlyingError() != nullptr && reason->underlyingError()->code() == 400;
+  if (isBadName && properties(DAVRequestKind::kLogin, start, false, 0, &reason)) return true;
   // The login was accepted; what is there, and whether it may be seen, is a later question.
   if (QuarnKitError::isCode(reason, kQuarnKitNoSuchItem) ||
       QuarnKitError::isCode(reason, kQuarnKitPermissionDenied))

@@ -64,11 +64,15 @@ class WebDAVSession final : public Session {
   class Upload;  // of one whole file
   enum class Overwrite : uint8_t { kNo, kYes };
 
+  // Whether the server lets us in where the volume is to begin.
+  bool findStart(NSErrorRef* error);
   // The URL of a path; `isFolder` writes the slash that servers want at a folder's end.
   std::string urlOf(std::string_view path, bool isFolder) const;
   // Sends the request, on to where the server says, as long as that is the same item on the same server: the
-  // path with the slash that was missing, or for requests that change nothing any other path.
+  // path with the slash that was missing, or for requests that change nothing any other path. A server that
+  // has too much to do is asked again, a few times, after the pause that it wants.
   std::optional<HTTPResponse> send(HTTPRequest request, NSErrorRef* error);
+  std::optional<HTTPResponse> sendPatiently(const HTTPRequest& request, NSErrorRef* error);
   // PROPFIND for a path; Depth 0 or 1.
   std::optional<DAVListing> properties(DAVRequestKind kind, std::string_view path, bool isFolder, int depth,
                                        NSErrorRef* error);
@@ -80,9 +84,10 @@ class WebDAVSession final : public Session {
   // One MOVE, answered as it is.
   std::optional<HTTPResponse> sendMove(std::string_view from, bool isDirectory, std::string_view to,
                                        Overwrite overwrite, NSErrorRef* error);
-  // Whether what a move met at its end is a file, which may be replaced. Else the error is that of an item
-  // that exists.
-  bool mayReplace(std::string_view path, NSErrorRef* error);
+  // Moves a file to where nothing is, or over a file, never over a folder. `isThere`: something is known to
+  // be at the end, so that it is looked at first.
+  std::optional<HTTPResponse> moveFile(std::string_view from, std::string_view to, bool isThere,
+                                       NSErrorRef* error);
   // Whether the server says that its file is so long; else the error is that of a lost connection.
   bool hasLength(std::string_view path, uint64_t length, NSErrorRef* error);
   // Whether what was sent without a length is there.
@@ -92,6 +97,7 @@ class WebDAVSession final : public Session {
   const std::shared_ptr<WebDAVFacts> iFacts;
   const HTTPURL iServer;  // without a path
   HTTPClient iClient;
+  bool iLogsIn = false;
 };
 
 }  // namespace ombra

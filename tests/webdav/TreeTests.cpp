@@ -43,6 +43,15 @@ INSTANTIATE_TEST_SUITE_P(Answers, WebDAVLogin,
                                          LoginCase{"Broken", 500, kQuarnKitRefused}),
                          [](const auto& test) { return test.param.name; });
 
+TEST_F(WebDAVSessionTest, AFileAsTheStartIsNoLoginThatFailed) {
+  serve([](const HTTPSeen& seen) {
+    return seen.target.ends_with('/') ? httpReply(400) : davAnswer({davItem(seen.target)});
+  });
+  credentials->setInitialPath("/file");
+  EXPECT_TRUE(session->logIn(&error)) << error->description();
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /file/", "PROPFIND /file"));
+}
+
 TEST_F(WebDAVSessionTest, ALoginThatIsSentToAnotherServerNamesIt) {
   serve([](const HTTPSeen&) { return httpReply(301, "", "Location: https://elsewhere/dav/\r\n"); });
   EXPECT_FALSE(session->logIn(&error));
@@ -172,6 +181,53 @@ TEST_F(WebDAVSessionTest, AMoveReplacesAFileButNeverAFolder) {
   EXPECT_FALSE(session->move("/a", true, "/b", &error));
   EXPECT_EQ(code(), kQuarnKitItemExists);
   EXPECT_THAT(lines(), ElementsAre("MOVE /a/"));
+}
+
+TEST_F(WebDAVSessionTest, AMoveToWhatHasGoneMeanwhileIsTriedAgain) {
+  int moves = 0;
+  serve([&](const HTTPSeen& seen) {
+    if (seen.method == "PROPFIND") return httpReply(404);
+    return httpReply(++moves == 1 ? 412 : 201);
+  });
+  EXPECT_TRUE(session->move("/a", false, "/b", &error));
+  EXPECT_THAT(lines(), ElementsAre("MOVE /a", "PROPFIND /b", "MOVE /a"));
+  EXPECT_EQ(server->seen().back().header("overwrite"), "F");
+}
+
+TEST_F(WebDAVSessionTest, ABusyServerIsAskedAgainAFewTimes) {
+  const auto script = [](int refusals) {
+    const auto left = std::make_shared<int>(refusals);
+    return [left](const HTTPSeen& seen) {
+      if ((*left)-- > 0) return httpReply(503, "", "Retry-After: 0\r\n");
+      return seen.method == "PROPFIND" ? davAnswer({davItem(seen.target)}) : httpReply(201);
+    };
+  };
+  serve(script(3));
+  EXPECT_TRUE(session->createFolder("/a", &error)) << error->description();
+  EXPECT_EQ(server->seen().size(), 4u);
+  serve(script(100));
+  EXPECT_FALSE(session->createFolder("/a", &error));
+  EXPECT_EQ(code(), kQuarnKitRefused);
+  EXPECT_EQ(server->seen().size(), 4u);
+  serve(script(1));
+  EXPECT_TRUE(upload("/a", std::string(1'000'000, 'x'))) << "a body is sent from its beginning";
+  EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "PUT /TEMP", "MOVE /TEMP"));
+  EXPECT_EQ(server->seen().at(1).body.size(), 1'000'000u);
+  serve(script(1));
+  EXPECT_FALSE(stream("/a", "hello")) << "what can be given once only is not sent twice";
+  EXPECT_EQ(server->seen().size(), 1u);
+}
+
+TEST_F(WebDAVSessionTest, AnInterruptEndsAPauseAtOnce) {
+  serve([](const HTTPSeen&) { return httpReply(503, "", "Retry-After: 3600\r\n"); });
+  std::thread interrupts([this] {
+    server->waitForRequests(1);
+    session->interrupt();
+  });
+  EXPECT_FALSE(session->createFolder("/a", &error));
+  EXPECT_EQ(code(), kQuarnKitConnectionLost);
+  interrupts.join();
+  EXPECT_EQ(server->seen().size(), 1u);
 }
 
 TEST_F(WebDAVSessionTest, AQuotaIsAVolume) {

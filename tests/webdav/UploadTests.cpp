@@ -73,6 +73,15 @@ TEST_F(WebDAVSessionTest, WhatIsThereIsReplacedOnlyOnceTheNewContentHasArrived) 
   EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "MOVE /TEMP", "PROPFIND /a", "MOVE /TEMP"));
 }
 
+TEST_F(WebDAVSessionTest, AConditionThatTheServerMisunderstandsIsNoEnd) {
+  serve([](const HTTPSeen& seen) {
+    if (!seen.header("if-none-match").empty()) return httpReply(412);
+    return OneItemServer{}(seen);
+  });
+  ASSERT_TRUE(upload("/a", "hello")) << error->description();
+  EXPECT_THAT(lines(), ElementsAre("PUT /a", "PUT /TEMP", "PROPFIND /a", "MOVE /TEMP"));
+}
+
 TEST_F(WebDAVSessionTest, AFolderIsNeverReplacedByAFile) {
   for (const std::string& content : {std::string("hello"), kLargeUpload}) {
     serve(OneItemServer{OneItemServer::Item::kFolder, {}});
