@@ -23,17 +23,18 @@ std::string recoveredFolder(const std::string& mountPath) {
   return stringByAppendingPathComponent(all, lastPathComponent(mountPath));
 }
 
-bool holdsFilesSince(const std::string& folder, time_t start) {
+std::optional<uint64_t> bytesRecoveredSince(const std::string& folder, time_t start) {
+  std::optional<uint64_t> bytes;
   std::error_code error;
   std::filesystem::recursive_directory_iterator entries(folder, error);
   for (size_t count = 0; !error && entries != std::filesystem::end(entries) && count < kMaximumEntries;
        ++count) {
     struct stat status {};
     if (lstat(entries->path().c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_mtime >= start)
-      return true;
+      bytes = bytes.value_or(0) + static_cast<uint64_t>(status.st_blocks) * 512;
     entries.increment(error);
   }
-  return false;
+  return bytes;
 }
 
 bool tellLost(const Volume& volume, const TransferStatus& last, time_t start, const Output& output) {
@@ -47,7 +48,7 @@ bool tellLost(const Volume& volume, const TransferStatus& last, time_t start, co
     output.warning(fmt::format("And {} more.", filesText(last.unsentCount() - paths.size())));
   const std::string folder = recoveredFolder(volume.mountPath);
   output.warning(
-      holdsFilesSince(folder, start)
+      bytesRecoveredSince(folder, start)
           ? fmt::format("Its helper has kept copies in {}; look whether they are complete.", inQuotes(folder))
           : "What was written to them since they were last stored is lost.");
   return true;

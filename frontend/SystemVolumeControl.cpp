@@ -11,9 +11,11 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <ctime>
 
 #include "frontend/ChildProgram.h"
 #include "frontend/HelperBus.h"
+#include "frontend/LostFiles.h"
 #include "frontend/ProcessDescriptor.h"
 #include "frontend/UniqueFd.h"
 #include "frontend/UnmountVolume.h"
@@ -139,6 +141,10 @@ class SystemVolumeControl final : public VolumeControl {
 
   uint64_t bytesSent() override { return iSent; }
 
+  uint64_t bytesSaved() override {
+    return bytesRecoveredSince(recoveredFolder(iVolume.mountPath), iStart).value_or(0);
+  }
+
   std::chrono::steady_clock::time_point now() override { return std::chrono::steady_clock::now(); }
 
  private:
@@ -166,6 +172,7 @@ class SystemVolumeControl final : public VolumeControl {
   const Interruption& iInterruption;
   std::function<uint64_t()> iTick;
   uint64_t iSent = 0;
+  const time_t iStart = time(nullptr);
   UniqueFd iHelper;
   UniqueFd iMounts;
 };

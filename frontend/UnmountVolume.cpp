@@ -33,13 +33,15 @@ class Unmounting {
  private:
   bool isGone() { return !iControl.isMounted() && !iControl.helperLives(); }
 
-  // A slow line is no reason to give up: the limit begins anew with every byte that moves.
-  Gone waitWhileSending(std::chrono::milliseconds limit) {
-    uint64_t sent = iControl.bytesSent();
+  // A slow line is no reason to give up, nor is a slow disk: the limit begins anew with every byte that
+  // moves.
+  Gone waitWhileMoving(std::chrono::milliseconds limit, uint64_t (VolumeControl::*moved)()) {
+    uint64_t before = (iControl.*moved)();
     while (true) {
       const Gone gone = waitForBoth(limit);
-      if (gone != Gone::kNotYet || iControl.bytesSent() == sent) return gone;
-      sent = iControl.bytesSent();
+      const uint64_t now = (iControl.*moved)();
+      if (gone != Gone::kNotYet || now == before) return gone;
+      before = now;
     }
   }
 
@@ -59,7 +61,7 @@ class Unmounting {
     // A helper that agreed writes back what is left, then ends. Without its word the mount is taken away from
     // here, which lets the helper do the same.
     if (!asked && iControl.isMounted() && !takeAway(false)) return false;
-    const Gone gone = waitWhileSending(iLimits.drain);
+    const Gone gone = waitWhileMoving(iLimits.drain, &VolumeControl::bytesSent);
     if (gone == Gone::kYes) return true;
     if (gone == Gone::kInterrupted) return interrupted();
     if (iControl.isMounted()) return asked ? takeAway(false) && endHelper() : stillWriting();
@@ -70,7 +72,10 @@ class Unmounting {
   // it.
   bool byForce() {
     std::string refusal;
-    if (iControl.askHelper(true, &refusal) && waitForBoth(iLimits.forcedDrain) == Gone::kYes) return true;
+    if (iControl.askHelper(true, &refusal) &&
+        waitWhileMoving(iLimits.forcedDrain, &VolumeControl::bytesSaved) == Gone::kYes) {
+      return true;
+    }
     if (iControl.isMounted() && !takeAway(true)) {
       iControl.abortRequests();
       if (!takeAway(true)) return false;

@@ -39,13 +39,15 @@ class VolumeControl {
   // What the helper has sent to its server, as far as it was seen during the pauses: it grows while bytes
   // move.
   virtual uint64_t bytesSent() = 0;
+  // What the helper has saved on this machine of what it could not send: it grows while a copy is being made.
+  virtual uint64_t bytesSaved() = 0;
   virtual std::chrono::steady_clock::time_point now() = 0;
 };
 
 struct UnmountLimits {
-  std::chrono::milliseconds drain{120000};  // in which nothing of what was written reaches the server
-  std::chrono::milliseconds forcedDrain{10000};
-  std::chrono::milliseconds end{5000};  // for a helper to end once it was told to
+  std::chrono::milliseconds drain{120000};       // in which nothing of what was written reaches the server
+  std::chrono::milliseconds forcedDrain{10000};  // in which no copy of what was not sent grows either
+  std::chrono::milliseconds end{5000};           // for a helper to end once it was told to
 };
 
 // Unmounts: asks the helper and waits until mount and helper are gone, for as long as bytes move to the

@@ -202,7 +202,19 @@ TEST_F(LostFiles, AreToldWithTheCopiesThatTheHelperHasKept) {
   bool any = false;
   EXPECT_THAT(told(last, status.st_mtime, &any), HasSubstr(folder));
   EXPECT_THAT(told(last, status.st_mtime + 1, &any), HasSubstr("is lost")) << "that copy is an older one";
-  EXPECT_FALSE(holdsFilesSince(folder + "/nothing", 0));
+}
+
+TEST_F(LostFiles, TheCopiesAreMeasuredByWhatTheyTakeOnTheDisk) {
+  const std::string folder = recoveredFolder("/Volumes/Disk");
+  EXPECT_EQ(bytesRecoveredSince(folder, 0), std::nullopt);
+  std::filesystem::create_directories(folder + "/docs");
+  EXPECT_EQ(bytesRecoveredSince(folder, 0), std::nullopt) << "a folder is no copy";
+  writeFile(folder + "/docs/a", std::string(100000, 'x'));
+  writeFile(folder + "/b", std::string(100000, 'x'));
+  std::filesystem::create_symlink("/etc/passwd", folder + "/c");
+  struct stat status {};
+  ASSERT_EQ(stat((folder + "/b").c_str(), &status), 0);
+  EXPECT_EQ(bytesRecoveredSince(folder, 0), static_cast<uint64_t>(status.st_blocks) * 512 * 2);
 }
 
 // A terminal of so many columns and rows that a test reads.

@@ -24,6 +24,7 @@ class ScriptedVolume final : public VolumeControl {
   std::string holders;
   int interruptAfter = -1;
   int pausesOfSending = 0;  // in each of so many pauses after the request bytes reach the server
+  int pausesOfSaving = 0;   // and in each of so many a copy grows
 
   std::vector<std::string> steps;
   bool mounted = true;
@@ -67,17 +68,20 @@ class ScriptedVolume final : public VolumeControl {
     iTime += std::chrono::seconds(1);
     ++iPauses;
     if (iLeaving && pausesOfSending-- > 0) ++iSent;
+    if (iLeaving && pausesOfSaving-- > 0) ++iSaved;
     if (iLeaving && !mountStaysForEver && --pausesUntilUnmount <= 0) mounted = false;
     if (iLeaving && !helperStaysForEver && --pausesUntilEnd <= 0) helper = false;
     return iPauses != interruptAfter;
   }
   uint64_t bytesSent() override { return iSent; }
+  uint64_t bytesSaved() override { return iSaved; }
   std::chrono::steady_clock::time_point now() override { return iTime; }
 
  private:
   std::chrono::steady_clock::time_point iTime{};
   int iPauses = 0;
   uint64_t iSent = 0;
+  uint64_t iSaved = 0;
   bool iLeaving = false;
   bool iAborted = false;
 };
@@ -176,6 +180,20 @@ TEST_F(UnmountVolume, OfAMountWithoutAHelperDetachesIt) {
 TEST_F(UnmountVolume, ByForceGivesTheHelperAShortTimeFirst) {
   EXPECT_TRUE(unmount(true));
   EXPECT_THAT(iVolume.steps, ElementsAre("ask-force", "remove"));
+}
+
+TEST_F(UnmountVolume, ByForceLetsTheHelperSaveItsCopiesToTheEnd) {
+  iVolume.pausesUntilEnd = 100;
+  iVolume.pausesOfSaving = 98;
+  EXPECT_TRUE(unmount(true));
+  EXPECT_THAT(iVolume.steps, ElementsAre("ask-force", "remove"));
+}
+
+TEST_F(UnmountVolume, ByForceDoesNotWaitForWhatIsStillBeingSent) {
+  iVolume.pausesUntilEnd = 100;
+  iVolume.pausesOfSending = 98;
+  EXPECT_TRUE(unmount(true));
+  EXPECT_THAT(iVolume.steps, ElementsAre("ask-force", "terminate", "remove"));
 }
 
 TEST_F(UnmountVolume, ByForceDoesNotMindWhoHoldsIt) {
