@@ -91,7 +91,10 @@ bool PooledConnection::runTransfer(Run& run,
       // What a session holds for others must not wait for the end of a transfer.
       sessions().claim(*iSession, run.heldPath, run.heldFile);
       done = work(*iSession->session, control, &fault);
-      if (done) break;
+      if (done) {
+        sessions().obey(*iSession);
+        break;
+      }
       const bool lost = loseSession(fault);
       const bool untouched = run.kind == Run::Kind::kStream ? run.spool->isUntouched() : !run.moved;
       again = lost && (run.kind == Run::Kind::kDownload || untouched);

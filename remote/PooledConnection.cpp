@@ -64,6 +64,8 @@ bool PooledConnection::perform(Repeat repeat, const Work& work, NSErrorRef* erro
       // Nothing was sent, so that even a change may be tried again.
       again = isOutage(fault);
     } else if (work(*iSession->session, &fault)) {
+      // Somebody may wait for the end of a hold, and it is unknown when this connection is released.
+      sessions().obey(*iSession);
       return true;
     } else {
       again = loseSession(fault) && repeat == Repeat::kSafe;

@@ -347,6 +347,15 @@ void SessionPool::endHold(PooledSession& session) {
   session.heldFile.reset();
 }
 
+void SessionPool::obey(PooledSession& session) {
+  // Mostly so, and asked without a lock.
+  if (session.session->heldPath().empty()) return;
+  iCondition.lock();
+  const bool mustEnd = session.mustLetGo;
+  iCondition.unlock();
+  if (mustEnd) endHold(session);
+}
+
 void SessionPool::claim(PooledSession& session, std::string_view path,
                         std::shared_ptr<UnconfirmedExtents> file) {
   const auto mustEnd = [&]() REQUIRES(iCondition) {

@@ -92,9 +92,10 @@ class SessionPool {
   // hold anything. What else it holds is ended first.
   void claim(PooledSession& session, std::string_view path, std::shared_ptr<UnconfirmedExtents> file)
       EXCLUDES(iCondition);
+  // Ends what a session in use holds if somebody has asked for that meanwhile.
+  void obey(PooledSession& session) EXCLUDES(iCondition);
   // Idle sessions, and those that this thread has attached, end their hold of that path or one below it
-  // before this returns; others in use when they are given back, or before their next transfer. Waits for the
-  // server.
+  // before this returns; others in use at the end of the call that uses them. Waits for the server.
   void letGoOf(std::string_view path) EXCLUDES(iCondition);
   // Returns when nothing is under way to that path, nor from that file (may be null) to any. Waits for other
   // threads' calls too; therefore this thread's sessions end first whatever they hold, so that two that need

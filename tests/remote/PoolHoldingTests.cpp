@@ -348,6 +348,31 @@ TEST_F(PoolHolding, ARemovalReachesASessionThatIsJustBeingLookedAt) {
   EXPECT_EQ(endsOfHold(), 1) << "the upload opens the file that is at the path now";
 }
 
+TEST_F(PoolHolding, AHoldThatIsToEndDoesSoAtTheEndOfTheCallAlready) {
+  EXPECT_TRUE(upload("/a"));
+  fake.engine->onList = [this](FakeSession&, const std::string&, std::vector<RemoteEntry>*, NSErrorRef*) {
+    std::thread([this] { fake.pool->sessions().letGoOf("/a"); }).join();
+    EXPECT_EQ(endsOfHold(), 0);
+    return true;
+  };
+  fake.with([&](AbstractConnection& connection) {
+    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+    EXPECT_TRUE(connection.contentsAtPath("/", &nodes, nullptr));
+    EXPECT_EQ(endsOfHold(), 1) << "the connection keeps the session";
+  });
+}
+
+TEST_F(PoolHolding, AnUploadThatIsToLetGoDoesSoWhenItEnds) {
+  fake.engine->onUpload = [this](FakeSession&, NSFileHandle&, uint64_t, TransferControl&, NSErrorRef*) {
+    std::thread([this] { fake.pool->sessions().letGoOf("/a"); }).join();
+    return true;
+  };
+  fake.with([&](AbstractConnection& connection) {
+    EXPECT_TRUE(connection.uploadFileHandle(*file, "a", "/a", 0, nullptr, nullptr));
+    EXPECT_EQ(endsOfHold(), 1);
+  });
+}
+
 // ---- sessions that are not kept
 
 TEST_F(PoolHolding, ASessionAboveALoweredCapEndsItsHoldBeforeItIsClosed) {
