@@ -35,6 +35,11 @@ NSFileAttributes OpenItem::lastAttributes() const {
   return iAttributes;
 }
 
+void OpenItem::noteSeen(const NSFileAttributes& attributes) {
+  MutexLock lock(iLock);
+  if (!iRemoved) iAttributes = attributes;
+}
+
 void OpenItem::noteWrite(uint64_t end) {
   MutexLock lock(iLock);
   if (!iRemoved) return;

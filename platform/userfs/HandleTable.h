@@ -35,8 +35,10 @@ class OpenItem {
   bool isRemoved() const EXCLUDES(iLock);
   // `attributes` are those of the moment of removal.
   void markRemoved(const NSFileAttributes& attributes) EXCLUDES(iLock);
-  // Of a removed file.
+  // Of a removed file, or as they were last seen.
   NSFileAttributes lastAttributes() const EXCLUDES(iLock);
+  // What the item was last seen with. Nothing to a removed one.
+  void noteSeen(const NSFileAttributes& attributes) EXCLUDES(iLock);
   void noteWrite(uint64_t end) EXCLUDES(iLock);
   void noteSize(uint64_t size) EXCLUDES(iLock);
   void noteAttributes(const NSFileAttributes& attributes) EXCLUDES(iLock);

@@ -90,7 +90,12 @@ int Volume::attributes(const char* path, uint64_t handle, struct stat* attribute
   }
   NSErrorRef error;
   const auto found = delegate().attributesOfItemAtPath(*listed, userData, &error);
-  if (!found) return failure(error);
+  if (!found) {
+    const int reason = failure(error);
+    // Somebody else has removed the item. Its handle goes on, as it would on any disk.
+    return open != nullptr && reason == -ENOENT ? fillRemoved(attributes, *open->item) : reason;
+  }
+  if (open != nullptr) open->item->noteSeen(*found);
   fill(attributes, *found, *listed);
   const RequestContext& request = RequestContext::current();
   if (request.isLookup() && path != nullptr) iFolders.noteEntry(path, request.nodeID);

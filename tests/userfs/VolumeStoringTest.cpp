@@ -67,6 +67,21 @@ TEST_F(VolumeStoring, ACloseDuringAnotherOneWaitsForTheServerAsWell) {
   EXPECT_EQ(second.get(), -EIO);
 }
 
+TEST_F(VolumeStoring, AnOpenFileThatSomebodyElseRemovedIsKnownToItsHandle) {
+  iFiles.addFile("/a", "content", 0640);
+  const uint64_t file = open("/a", O_RDWR);
+  struct stat before {};
+  ASSERT_EQ(iVolume->attributes(nullptr, file, &before), 0);
+  iFiles.failWith("attributes", kENOENT);
+  struct stat after {};
+  ASSERT_EQ(iVolume->attributes(nullptr, file, &after), 0);
+  EXPECT_EQ(after.st_nlink, 0u);
+  EXPECT_EQ(after.st_size, 7);
+  EXPECT_EQ(after.st_mode, before.st_mode);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+  EXPECT_EQ(iVolume->attributes("/a", 0, &after), -ENOENT);
+}
+
 TEST_F(VolumeStoring, ACloseWithoutFurtherWritesAsksNothing) {
   const uint64_t file = create("/a");
   ASSERT_EQ(write(file), 1);
