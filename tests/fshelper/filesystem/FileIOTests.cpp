@@ -1,4 +1,7 @@
 // The way from requests to open-file objects.
+#include <future>
+#include <thread>
+
 #include "fshelper/OFSRemoteFile.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
@@ -6,6 +9,7 @@ namespace ombra {
 namespace {
 
 using ::testing::IsEmpty;
+using ::testing::SizeIs;
 
 class FileIO : public FileSystemTest {
  protected:
@@ -141,7 +145,24 @@ TEST_F(FileIO, AFailedWriteChangesNeither) {
   EXPECT_TRUE(volumeIsCached());
 }
 
+// What the log says of failures of these operations: one line each, under the error's number.
+TEST_F(Open, ItsOwnFailuresAreLogged) {
+  RecordedLog log;
+  const TracingOn tracing;
+  EXPECT_FALSE(fileSystem.openFileAtPath(std::nullopt, kO_RDONLY, nullptr, &error));
+  EXPECT_THAT(log.linesWith("NSPOSIXErrorDomain 22"), SizeIs(1));
+  EXPECT_FALSE(fileSystem.openFileAtPath("/nowhere", kO_RDONLY, nullptr, &error));
+  EXPECT_THAT(log.linesWith("NSPOSIXErrorDomain 2 "), SizeIs(1));
+}
+
 using Truncate = FileIO;
+
+TEST_F(Truncate, OfAnUnknownPathIsLogged) {
+  RecordedLog log;
+  const TracingOn tracing;
+  EXPECT_FALSE(fileSystem.truncateFileAtPath("/nowhere", nullptr, 0, &error));
+  EXPECT_THAT(log.linesWith("NSPOSIXErrorDomain 2 "), SizeIs(1));
+}
 
 TEST_F(Truncate, AnUnknownPathIsNoSuchItemAlsoWithAHandle) {
   const GMUserData file = open("/a.txt");
@@ -230,6 +251,30 @@ TEST_F(Release, ClosesTheFileAndNothingElse) {
   EXPECT_EQ(node()->size(), 99u);
   EXPECT_TRUE(volumeIsCached());
   EXPECT_THAT(server.callTexts(), IsEmpty());
+}
+
+// What is not in use any more makes room for others.
+TEST_F(Release, EndsTheUseAlsoWhenTheLastUploadRaises) {
+  server.setSupportsUploadByteOffset(false);
+  gStreamingSupported = false;
+  server.setChunkSize(1);
+  const GMUserData file = open("/a.txt");
+  read(file);
+  const auto running = server.hold("uploadFileAtPath", "/a.txt", 5);
+  ASSERT_EQ(write("/a.txt", file, "0123456789"), 10);
+  ASSERT_TRUE(running->waitUntilHeld());
+  ASSERT_EQ(write("/a.txt", file, "ab", 10), 2) << "half of its offset is confirmed";
+  auto releasing = std::async(
+      std::launch::async, [&] { EXPECT_THROW(fileSystem.releaseFileAtPath("/a.txt", file), KCException); });
+  while (fileOnNode("/a.txt")->waiterCount() == 0) std::this_thread::yield();
+  const auto own = server.hold("uploadFileAtPath");
+  running->releaseFailing(refusal());
+  releasing.get();
+  own->release();
+  ASSERT_TRUE(fileSystem.synchronizeFileAtPath("/a.txt", file, &error));
+  fileSystem.setCacheBudget(0, 0);
+  fileSystem.trimCache();
+  EXPECT_EQ(fileOnNode("/a.txt"), nullptr);
 }
 
 TEST_F(Release, AMissingHandleIsLetBe) { fileSystem.releaseFileAtPath("/a.txt", nullptr); }

@@ -86,6 +86,19 @@ TEST_F(OpenFileAttributes, WithPermissionsChangeBothTheCacheFileAndTheServer) {
               ElementsAre("acquireConnection", "setDelegate none", "setDelegate none", "releaseConnection"));
 }
 
+TEST_F(OpenFileAttributes, HoldTheFileWhileTheServerChangesThem) {
+  file = downloadedFile("hello");
+  const auto hold = server.hold("changeAttributes", kPath);
+  auto change = inBackground([this] { return file->setAttributes(permissions(0640), nullptr); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto reader = inBackground([this] { return read(*file, 5, 0); });
+  EXPECT_FALSE(file->isCovered()) << "which does not wait";
+  EXPECT_TRUE(isRunning(reader));
+  hold->release();
+  EXPECT_TRUE(finish(change));
+  EXPECT_EQ(finish(reader), "hello");
+}
+
 TEST_F(OpenFileAttributes, ThatTheServerCannotChangeCountAsChanged) {
   file = downloadedFile("hello");
   server.fail("changeAttributes", kPath, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported));

@@ -140,6 +140,28 @@ TEST_F(ClosingUpload, ThatDoesNotCoverEverythingStartsOneMoreOfTheWholeLength) {
       << "length 0 at offset 12";
 }
 
+// The mark that cancels an upload is no length that it could cover.
+TEST_F(ClosingUpload, ThatIsBeingCancelledWaitsForItAndSendsTheWhole) {
+  const auto hold = server.hold("uploadFileAtPath");
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123456789", 0), 10);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto writer = inBackground([this] { return write(*file, "X", 3); });
+  waitForWaiters(*file, 1);
+  ASSERT_EQ(file->bytesRequired(), OFSRemoteFile::kCancelMark);
+  const TraceRecorder trace;
+  auto closer = inBackground([this] { file->close(); });
+  waitForWaiters(*file, 2);
+  EXPECT_EQ(trace.messagesWith("close state=3").size(), 1u);
+  EXPECT_EQ(server.count("uploadFileAtPath"), 1u);
+  hold->release();
+  finish(closer);
+  EXPECT_EQ(finish(writer), 1);
+  waitForState(*file, kOFSSettled);
+  EXPECT_EQ(onServer(), "012X456789");
+  EXPECT_TRUE(file->isCovered());
+}
+
 // What a close raised, or "returned".
 std::string closing(OFSRemoteFile& file) {
   try {
