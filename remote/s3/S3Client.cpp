@@ -17,7 +17,7 @@ constexpr std::array<double, 4> kPauses{0.2, 0.4, 0.8, 1.6};
 // Cancellation is looked at so often.
 constexpr double kLookSeconds = 0.1;
 constexpr int kMostLosses = 2;
-constexpr int kMostRegions = 2;
+constexpr int kMostRedirections = 2;
 // Servers allow for a quarter of an hour.
 constexpr double kSkewSeconds = 600.0;
 
@@ -138,7 +138,7 @@ bool S3Client::adoptRegion(const S3Request& request, const S3Refusal& refusal, A
   if (!S3Endpoint::isRegion(refusal.region)) return false;
   if (refusal.region == iKnowledge->regionOf(request.bucket, iEndpoint.region())) return false;
   iKnowledge->setRegion(request.bucket, refusal.region);
-  return attempts->regions++ < kMostRegions;
+  return attempts->regions++ < kMostRedirections;
 }
 
 // HEAD has no body to tell the reason in: there the clocks are compared.

@@ -10,7 +10,7 @@
 namespace ombra {
 namespace {
 
-constexpr size_t kPiece = 256 * 1024;
+constexpr size_t kHashedPiece = 256 * 1024;
 
 struct ContextDeleter {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
@@ -46,7 +46,8 @@ std::string s3MD5(std::string_view bytes) {
 std::optional<std::string> s3SHA256OfFile(const NSFileHandle& file, FileExtent range) {
   const std::unique_ptr<EVP_MD_CTX, ContextDeleter> context(EVP_MD_CTX_new());
   EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr);
-  std::vector<std::byte> buffer(static_cast<size_t>(std::min<uint64_t>(range.end - range.begin, kPiece)));
+  std::vector<std::byte> buffer(
+      static_cast<size_t>(std::min<uint64_t>(range.end - range.begin, kHashedPiece)));
   for (uint64_t at = range.begin; at < range.end;) {
     const auto wanted = static_cast<size_t>(std::min<uint64_t>(range.end - at, buffer.size()));
     const ssize_t count = file.readAt(buffer.data(), wanted, at);

@@ -7,7 +7,7 @@
 namespace ombra {
 namespace {
 
-constexpr int kMostPages = 100000;
+constexpr int kMostMovedPages = 100000;
 
 }  // namespace
 
@@ -49,7 +49,7 @@ std::optional<std::vector<S3Session::Source>> S3Session::sourcesBelow(const S3Pa
                                                                       NSErrorRef* error) {
   std::vector<Source> sources;
   std::string token;
-  for (int page = 0; page < kMostPages; ++page) {
+  for (int page = 0; page < kMostMovedPages; ++page) {
     const std::optional<S3Listing> listing = listPage(folder, folder.prefix(), true, 0, token, error);
     if (!listing) return std::nullopt;
     for (const S3ListedObject& object : listing->objects) sources.push_back({object.key, object.size});
