@@ -36,6 +36,14 @@ std::string field(std::string_view path) {
   return text;
 }
 
+// What the server or the system said; the errno of the interface above it is the same for most failures.
+std::string reasonOf(NSErrorRef error) {
+  if (error == nullptr) return {};
+  while (error->domain() == NSPOSIXErrorDomain && error->underlyingError() != nullptr)
+    error = error->underlyingError();
+  return error->localizedDescription();
+}
+
 }  // namespace
 
 void GMUserFileSystem::setUnmountPatience(double secondsInFlight, double secondsAfterGivingUp) {
@@ -145,8 +153,8 @@ void GMUserFileSystem::State::run(const std::string& path, const std::vector<std
   serveUntilEnd();
   NSArray undelivered;
   for (const GMUndelivered& item : drain()) {
-    const std::string reason = item.error != nullptr ? item.error->localizedDescription() : "";
-    undelivered.emplace_back(fmt::format("{}\t{}\t{}", field(item.path), field(item.savedAs), reason));
+    undelivered.emplace_back(
+        fmt::format("{}\t{}\t{}", field(item.path), field(item.savedAs), reasonOf(item.error)));
   }
   takeDown();
   NSDictionary details;
