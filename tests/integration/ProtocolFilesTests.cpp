@@ -52,10 +52,9 @@ TEST_P(Protocols, NamesAreThoseThatWereGiven) {
       "echo 4 > 'a b/Grüße 日本.txt' && echo 5 > \"a b/quo'te\\\"d\" && echo 6 > 'a b/.hidden' && "
       "echo 7 > 'a b/-dash' && echo 8 > 'a b/[x]{y}~!@$^*(),' && echo 9 > 'a b/<&amp;>'");
   runInBoth("cd 'a b' && for f in .hidden *; do echo \"$f\"; cat \"./$f\"; done | LC_ALL=C sort");
-  // A move is a copy on S3, and the small server of the tests takes the name of what is copied for a URL,
-  // twice.
-  if (isS3()) runInBoth("cd 'a b' && rm *%* *[?]*");
-  const std::string moved = isS3() ? "'ö+ &'" : "'ö %20'";
+  // A move is a copy on S3, and the small server of the tests leaves these characters of its source encoded.
+  if (isS3()) runInBoth("cd 'a b' && rm *[+\\&@]*");
+  const std::string moved = "'ö %20'";
   runInBoth("mv 'a b' " + moved + " && LC_ALL=C ls -A " + moved);
   runInBoth("mv " + moved + "/.hidden " + moved + "/'y ='" + " && LC_ALL=C ls -A " + moved);
   runInBoth("rm -r " + moved);
