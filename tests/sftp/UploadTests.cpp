@@ -584,6 +584,21 @@ TEST_F(SFTPWriteBehind, ARefusalThatNobodyAskedForIsKeptForTheFile) {
   EXPECT_EQ((std::vector<FileExtent>{{1000, 1004}}), local->unconfirmedExtents(0));
 }
 
+TEST_F(SFTPWriteBehind, WhatIsStoredBehindARefusalIsKnownToBe) {
+  begin();
+  server.batch = SIZE_MAX;
+  server.refusals[kSFTPWrite] = {kSFTPStatusPermissionDenied, 1};
+  const size_t before = writes();
+  server.before = [&, before](const PeerRequest& request) {
+    if (request.type == kSFTPWrite && writes() == before + 3) server.refusals.clear();
+  };
+  for (const char* piece : {"aaaa", "lost", "cccc"}) ASSERT_TRUE(append(piece));
+  server.batch = 1;
+  session->becameIdle();
+  EXPECT_EQ(kQuarnKitPermissionDenied, codeOf(local->extents()->takeFailure()));
+  EXPECT_EQ((std::vector<FileExtent>{{1004, 1008}}), local->unconfirmedExtents(0));
+}
+
 TEST_F(SFTPWriteBehind, ARefusedCloseIsKeptForTheFile) {
   begin();
   ASSERT_TRUE(append("more"));
