@@ -56,6 +56,8 @@ class FTPControl {
 
   // Takes in what has arrived, without waiting. False when the connection cannot be used any more.
   bool pump();
+  // Something has arrived that no reply was made of yet; it may be part of one.
+  bool hasUnread() const { return iHasUnread; }
   // A reply that is here already.
   std::optional<FTPReply> tryNext();
   // To be polled for input while there is something else to wait for too.
@@ -87,6 +89,7 @@ class FTPControl {
   size_t iOutstanding = 0;  // commands whose final reply has not been read
   size_t iAbandoned = 0;    // of those, the first so many are of no interest
   bool iIsLoggingIn = true;
+  bool iHasUnread = false;
   std::string iSecret;
   std::optional<std::string> iEnd;  // nothing more will come, and why
   NSErrorRef iFailure;

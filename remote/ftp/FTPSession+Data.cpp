@@ -101,6 +101,8 @@ bool FTPSession::askForData(const Request& request, bool isAhead, Begun* begun, 
     if (!reply) return false;
     if (reply->isRefusal()) {
       storeError(error, errorForFTPReply(*reply, FTPOperation::kOther, request.path));
+      // What follows would come from the beginning: it is called off.
+      (void)transfer->connect(nullptr);
       return false;
     }
   }

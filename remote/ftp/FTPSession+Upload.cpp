@@ -230,15 +230,13 @@ std::optional<uint16_t> FTPSession::modeOfNewFile(const std::string& path) {
 }
 
 // Gives the temporary file the mode of what it replaces. Where the server has shown that it can, the command
-// goes ahead with the rename.
+// is only put among those that go `ahead` of the rename.
 FTPSession::Stored FTPSession::keepMode(const std::string& temporary, const Existing& existing,
-                                        bool* sendsAhead, NSErrorRef* error) {
-  *sendsAhead = false;
+                                        std::vector<std::string>* ahead, NSErrorRef* error) {
   if (!existing.mode || existing.mode == iServer->modeOfNewFiles()) return Stored::kYes;
   const std::string command = fmt::format("SITE CHMOD {:o} {}", *existing.mode, temporary);
   if (iServer->changesModes() == FTPServer::Answer::kYes) {
-    iControl.queue(command);
-    *sendsAhead = true;
+    ahead->push_back(command);
     return Stored::kYes;
   }
   if (iServer->changesModes() == FTPServer::Answer::kUnknown) {
@@ -255,21 +253,14 @@ FTPSession::Stored FTPSession::keepMode(const std::string& temporary, const Exis
 
 FTPSession::Stored FTPSession::replace(const std::string& temporary, std::string_view path,
                                        const Existing& existing, NSErrorRef* error) {
-  bool sendsAhead = false;
-  if (const Stored kept = keepMode(temporary, existing, &sendsAhead, error); kept != Stored::kYes) {
+  std::vector<std::string> commands;
+  if (const Stored kept = keepMode(temporary, existing, &commands, error); kept != Stored::kYes) {
     dropTemporary(temporary);
     return kept;
   }
+  commands.insert(commands.end(), {"RNFR " + temporary, "RNTO " + std::string(path)});
   std::vector<FTPReply> replies;
-  if (sendsAhead) {
-    // Its answer comes first and changes nothing.
-    if (!iControl.flush(error) || !readReplies(1, {}, &replies, error)) {
-      iServer->addLeftover(temporary);
-      return Stored::kNo;
-    }
-    replies.clear();
-  }
-  if (!askAll({"RNFR " + temporary, "RNTO " + std::string(path)}, &replies, error)) {
+  if (!askAll(commands, &replies, error)) {
     iServer->addLeftover(temporary);
     return Stored::kNo;
   }

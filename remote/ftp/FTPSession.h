@@ -151,7 +151,7 @@ class FTPSession final : public Session {
   bool mustGoInPlace(const Existing& existing) const;
   Stored replace(const std::string& temporary, std::string_view path, const Existing& existing,
                  NSErrorRef* error);
-  Stored keepMode(const std::string& temporary, const Existing& existing, bool* sendsAhead,
+  Stored keepMode(const std::string& temporary, const Existing& existing, std::vector<std::string>* ahead,
                   NSErrorRef* error);
   std::optional<uint16_t> modeOfNewFile(const std::string& path);
   void dropTemporary(const std::string& temporary);

@@ -102,9 +102,8 @@ TransferClock::time_point FTPTransfer::limit() const {
   return std::max(iLastTraffic, iSurroundings.control.lastTraffic()) + iSurroundings.environment.idleLimit;
 }
 
-bool FTPTransfer::listen(NSErrorRef* error) {
+bool FTPTransfer::takeReplies(NSErrorRef* error) {
   FTPControl& control = iSurroundings.control;
-  (void)control.pump();
   while (!iFinal) {
     std::optional<FTPReply> reply = control.tryNext();
     if (!reply) break;
@@ -133,12 +132,18 @@ bool FTPTransfer::wait(short events, NSErrorRef* error) {
     return failControl(isConnecting ? kQuarnKitConnectionLost : kQuarnKitTimedOut,
                        isConnecting ? "no data connection came about" : iPath, error);
   }
+  // Replies may have come along with those that were read before: they are in no poll any more.
+  const bool isWaitingForReply = !iFinal;
   const auto left = std::min(std::chrono::ceil<std::chrono::milliseconds>(end - now), kTransferTick);
   pollfd fds[3] = {{events != 0 ? iStream->descriptor() : -1, events, 0},
                    {iSurroundings.wakeUp.descriptor(), POLLIN, 0},
-                   {iFinal ? -1 : iSurroundings.control.descriptor(), POLLIN, 0}};
-  if (poll(fds, 3, static_cast<int>(left.count())) <= 0) return true;
-  return fds[2].revents == 0 || listen(error);
+                   {isWaitingForReply ? iSurroundings.control.descriptor() : -1, POLLIN, 0}};
+  const bool isUnread = isWaitingForReply && iSurroundings.control.hasUnread();
+  const int ready = poll(fds, 3, isUnread ? 0 : static_cast<int>(left.count()));
+  // Data first: what came before a bad end is worth having.
+  if (ready > 0 && fds[0].revents != 0) return true;
+  if (fds[2].revents != 0) (void)iSurroundings.control.pump();
+  return !isWaitingForReply || takeReplies(error);
 }
 
 bool FTPTransfer::checkConnect(NSErrorRef* error) {

@@ -77,7 +77,7 @@ class FTPTransfer {
   bool checkConnect(NSErrorRef* error);
   // Waits for the data connection, `events` of it, or for a reply that ends the transfer.
   bool wait(short events, NSErrorRef* error);
-  bool listen(NSErrorRef* error);
+  bool takeReplies(NSErrorRef* error);
   std::chrono::steady_clock::time_point limit() const;
   bool isCancelled(NSErrorRef* error);
   // The data connection broke, or never came about: the server's word on it, if there comes one.

@@ -1,0 +1,325 @@
+#include "tests/ftp/FakeFTPServer.h"
+
+#include <arpa/inet.h>
+#include <fmt/format.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <utility>
+
+#include "remote/KCTypes.h"
+
+namespace ombra {
+namespace {
+
+int listenOnLoopback(int* port) {
+  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* plain = reinterpret_cast<sockaddr*>(&address);
+  if (bind(socket, plain, length) != 0 || listen(socket, 64) != 0) return -1;
+  getsockname(socket, plain, &length);
+  *port = ntohs(address.sin_port);
+  return socket;
+}
+
+void sendBytes(int socket, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::send(socket, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (count <= 0) return;
+    bytes.remove_prefix(static_cast<size_t>(count));
+  }
+}
+
+bool isTransfer(const std::string& command) {
+  for (const char* verb : {"RETR ", "STOR ", "LIST", "MLSD "}) {
+    if (command.starts_with(verb)) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+// A control connection.
+struct FakeFTPServer::Line {
+  int socket = -1;
+  std::string unread;
+  int listener = -1;  // for the data connection that comes next
+  uint64_t restart = 0;
+  std::string renamed;
+};
+
+FakeFTPServer::FakeFTPServer() : iListener(listenOnLoopback(&iPort)), iStop(eventfd(0, EFD_CLOEXEC)) {
+  iAcceptor = std::thread([this] { acceptSessions(); });
+}
+
+FakeFTPServer::~FakeFTPServer() {
+  const uint64_t one = 1;
+  (void)!write(iStop, &one, sizeof one);
+  iAcceptor.join();
+  std::vector<std::thread> threads;
+  {
+    MutexLock lock(iLock);
+    threads.swap(iThreads);
+  }
+  for (std::thread& thread : threads) thread.join();
+  close(iListener);
+  close(iStop);
+}
+
+std::shared_ptr<KCCredentials> FakeFTPServer::credentials() const {
+  auto credentials = std::make_shared<KCCredentials>();
+  credentials->setProtocol(kProtocolFTP);
+  credentials->setAddress("127.0.0.1");
+  credentials->setPort(iPort);
+  credentials->setUsername("someone");
+  credentials->setPassword("sesame-4711");
+  return credentials;
+}
+
+void FakeFTPServer::setGreetings(std::vector<std::string> greetings) {
+  MutexLock lock(iLock);
+  iGreetings = std::move(greetings);
+}
+
+void FakeFTPServer::setFeatures(std::vector<std::string> features) {
+  MutexLock lock(iLock);
+  iFeatures = std::move(features);
+}
+
+void FakeFTPServer::answer(const std::string& start, std::vector<std::string> replies) {
+  MutexLock lock(iLock);
+  iAnswers[start] = std::move(replies);
+}
+
+void FakeFTPServer::send(const std::string& start, std::string data, End end) {
+  MutexLock lock(iLock);
+  iData[start] = {std::move(data), end};
+}
+
+void FakeFTPServer::putFile(const std::string& path, std::string content) {
+  MutexLock lock(iLock);
+  iFiles[path] = std::move(content);
+}
+
+std::optional<std::string> FakeFTPServer::file(const std::string& path) const {
+  MutexLock lock(iLock);
+  const auto found = iFiles.find(path);
+  return found != iFiles.end() ? std::optional(found->second) : std::nullopt;
+}
+
+std::vector<std::string> FakeFTPServer::commands() const {
+  MutexLock lock(iLock);
+  return iCommands;
+}
+
+int FakeFTPServer::takeRoundTrips() {
+  MutexLock lock(iLock);
+  return std::exchange(iRoundTrips, 0);
+}
+
+std::string FakeFTPServer::greeting() {
+  MutexLock lock(iLock);
+  std::string text = iGreetings.front();
+  if (iGreetings.size() > 1) iGreetings.erase(iGreetings.begin());
+  return text;
+}
+
+void FakeFTPServer::acceptSessions() {
+  while (true) {
+    std::array<pollfd, 2> waiting{{{iListener, POLLIN, 0}, {iStop, POLLIN, 0}}};
+    if (poll(waiting.data(), waiting.size(), -1) <= 0 || waiting[1].revents != 0) return;
+    const int socket = accept4(iListener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (socket < 0) return;
+    ++iSessions;
+    const int one = 1;
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    MutexLock lock(iLock);
+    iThreads.emplace_back([this, socket] { serve(socket); });
+  }
+}
+
+void FakeFTPServer::serve(int socket) {
+  Line line;
+  line.socket = socket;
+  const std::string hello = greeting();
+  if (!hello.empty()) sendBytes(socket, hello + "\r\n");
+  bool goesOn = !hello.empty();
+  while (goesOn) {
+    const size_t end = line.unread.find("\r\n");
+    if (end != std::string::npos) {
+      const std::string command = line.unread.substr(0, end);
+      line.unread.erase(0, iKeepsOnlyFirst ? std::string::npos : end + 2);
+      goesOn = obey(line, command);
+      continue;
+    }
+    std::array<pollfd, 2> waiting{{{socket, POLLIN, 0}, {iStop, POLLIN, 0}}};
+    if (poll(waiting.data(), waiting.size(), -1) <= 0 || waiting[1].revents != 0) break;
+    std::array<char, 4096> buffer{};
+    const ssize_t count = recv(socket, buffer.data(), buffer.size(), 0);
+    if (count <= 0) break;
+    line.unread.append(buffer.data(), static_cast<size_t>(count));
+    MutexLock lock(iLock);
+    ++iRoundTrips;
+  }
+  if (line.listener >= 0) close(line.listener);
+  close(socket);
+}
+
+std::optional<std::string> FakeFTPServer::scripted(const std::string& command) {
+  MutexLock lock(iLock);
+  std::vector<std::string>* found = nullptr;
+  size_t length = 0;
+  for (auto& [start, replies] : iAnswers) {
+    if (!command.starts_with(start) || start.size() < length) continue;
+    found = &replies;
+    length = start.size();
+  }
+  if (found == nullptr) return std::nullopt;
+  std::string reply = found->front();
+  if (found->size() > 1) found->erase(found->begin());
+  return reply;
+}
+
+std::optional<FakeFTPServer::Data> FakeFTPServer::scriptedData(const std::string& command) {
+  MutexLock lock(iLock);
+  const Data* found = nullptr;
+  size_t length = 0;
+  for (const auto& [start, data] : iData) {
+    if (!command.starts_with(start) || start.size() < length) continue;
+    found = &data;
+    length = start.size();
+  }
+  return found != nullptr ? std::optional(*found) : std::nullopt;
+}
+
+bool FakeFTPServer::obey(Line& line, const std::string& command) {
+  const bool isLogin = command.starts_with("USER ") || command.starts_with("PASS ");
+  if (!isLogin) {
+    MutexLock lock(iLock);
+    iCommands.push_back(command);
+  }
+  if (const auto reply = scripted(command)) {
+    if (reply->empty()) return false;
+    sendBytes(line.socket, *reply);
+    if (!reply->starts_with("1")) return !reply->starts_with("421");
+  }
+  if (isTransfer(command)) return transfer(line, command);
+  const std::string reply = replyFor(line, command);
+  sendBytes(line.socket, reply + "\r\n");
+  return command != "QUIT";
+}
+
+std::string FakeFTPServer::replyFor(Line& line, const std::string& command) {
+  const std::string argument = command.size() > 5 ? command.substr(5) : "";
+  if (command.starts_with("USER ")) return "331 password, please";
+  if (command.starts_with("PASS ")) return "230 welcome";
+  if (command == "PWD") return "257 \"/home\" is current";
+  if (command == "EPSV" || command == "PASV") {
+    if (line.listener >= 0) close(line.listener);
+    int port = 0;
+    line.listener = listenOnLoopback(&port);
+    if (command == "EPSV") return fmt::format("229 Extended (|||{}|)", port);
+    return fmt::format("227 Passive (192,0,2,1,{},{})", port / 256, port % 256);
+  }
+  if (command.starts_with("REST ")) {
+    line.restart = std::stoull(argument);
+    return "350 there then";
+  }
+  MutexLock lock(iLock);
+  if (command == "FEAT") {
+    if (iFeatures.empty()) return "500 what?";
+    std::string reply = "211-Features:\r\n";
+    for (const std::string& feature : iFeatures) reply += " " + feature + "\r\n";
+    return reply + "211 End";
+  }
+  if (command.starts_with("RNFR ")) {
+    line.renamed = argument;
+    return iFiles.contains(argument) ? "350 and then?" : "550 no such file";
+  }
+  if (command.starts_with("RNTO ")) {
+    auto moved = iFiles.extract(line.renamed);
+    if (moved.empty()) return "503 RNFR first";
+    iFiles[argument] = moved.mapped();
+    return "250 moved";
+  }
+  if (command.starts_with("DELE ")) return iFiles.erase(argument) != 0 ? "250 gone" : "550 no such file";
+  if (command.starts_with("SIZE ")) {
+    const auto found = iFiles.find(argument);
+    return found != iFiles.end() ? fmt::format("213 {}", found->second.size()) : "550 no such file";
+  }
+  if (command.starts_with("MDTM "))
+    return iFiles.contains(argument) ? "213 20240514093000" : "550 no such file";
+  if (command.starts_with("MLST ")) {
+    const auto found = iFiles.find(argument);
+    if (found == iFiles.end()) return "550 no such file";
+    return fmt::format("250-Begin\r\n type=file;size={};modify=20240514093000;UNIX.mode=0644; {}\r\n250 End",
+                       found->second.size(), argument);
+  }
+  if (command.starts_with("CWD "))
+    return iFiles.contains(command.substr(4)) ? "550 not a directory" : "250 there";
+  if (command.starts_with("STAT ")) return "502 no";
+  return "200 fine";
+}
+
+bool FakeFTPServer::transfer(Line& line, const std::string& command) {
+  const std::string path = command.size() > 5 ? command.substr(5) : "";
+  const uint64_t restart = std::exchange(line.restart, 0);
+  Data data;
+  if (auto script = scriptedData(command)) {
+    data = std::move(*script);
+  } else if (command.starts_with("RETR ")) {
+    const auto content = file(path);
+    if (!content) {
+      line.restart = restart;  // real servers keep it too
+      sendBytes(line.socket, "550 no such file\r\n");
+      return true;
+    }
+    data.bytes = content->substr(std::min<size_t>(restart, content->size()));
+  }
+  if (line.listener < 0) {
+    sendBytes(line.socket, "425 no data connection\r\n");
+    return true;
+  }
+  std::array<pollfd, 2> waiting{{{line.listener, POLLIN, 0}, {iStop, POLLIN, 0}}};
+  if (poll(waiting.data(), waiting.size(), -1) <= 0 || waiting[1].revents != 0) return false;
+  const int socket = accept4(line.listener, nullptr, nullptr, SOCK_CLOEXEC);
+  close(std::exchange(line.listener, -1));
+  sendBytes(line.socket, "150 here it comes\r\n");
+  std::array<char, 65536> buffer{};
+  bool isBroken = data.end == End::kReset;
+  if (command.starts_with("STOR ")) {
+    std::string content;
+    ssize_t count = 0;
+    while (!isBroken && (count = recv(socket, buffer.data(), buffer.size(), 0)) > 0) {
+      content.append(buffer.data(), static_cast<size_t>(count));
+    }
+    isBroken = isBroken || count < 0;
+    putFile(path, std::move(content));
+  } else {
+    sendBytes(socket, data.bytes);
+    if (data.end == End::kSilent) {
+      std::array<pollfd, 2> parting{{{socket, POLLIN, 0}, {iStop, POLLIN, 0}}};
+      (void)poll(parting.data(), parting.size(), -1);
+      isBroken = true;
+    }
+  }
+  if (isBroken) {
+    const linger atOnce{1, 0};
+    setsockopt(socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  }
+  close(socket);
+  const auto last = scripted("end of " + command);
+  if (last && last->empty()) return false;
+  sendBytes(line.socket, last.value_or(isBroken ? "426 broken off\r\n" : "226 all of it\r\n"));
+  return true;
+}
+
+}  // namespace ombra

@@ -1,0 +1,272 @@
+// What only real servers show.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <map>
+
+#include "remote/KCConnectionPool.h"
+#include "remote/ftp/FTPEngine.h"
+#include "tests/support/FTPServerFixture.h"
+#include "tests/support/SessionDoubles.h"
+#include "tests/support/TemporaryFile.h"
+
+namespace ombra {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+struct KindOfServer {
+  const char* name;
+  FTPServerKind kind;
+};
+
+class FTPServers : public testing::TestWithParam<KindOfServer> {
+ protected:
+  // One server of a kind for all tests.
+  static FTPServerFixture& serverOf(FTPServerKind kind) {
+    static std::map<FTPServerKind, std::unique_ptr<FTPServerFixture>> sServers;
+    auto& server = sServers[kind];
+    if (server == nullptr) server = std::make_unique<FTPServerFixture>(kind);
+    return *server;
+  }
+
+  void SetUp() override {
+    registerFTPEngine();
+    server = &serverOf(GetParam().kind);
+    if (!server->whyNot().empty()) {
+      const char* ci = std::getenv("CI");
+      ASSERT_FALSE(ci != nullptr && std::string(ci) == "true") << server->whyNot();
+      GTEST_SKIP() << server->whyNot();
+    }
+    root = server->makeTestFolder();
+    environment.credentials = server->credentials();
+    environment.transcript = transcript;
+    engine = EngineRegistry::engineForCredentials(*environment.credentials);
+    session = engine->makeSession(environment);
+    ASSERT_TRUE(session->logIn(&error)) << error->description();
+  }
+
+  std::optional<std::string> download(const std::string& path) {
+    const auto file = temporaryFile();
+    std::string version;
+    if (!session->download(path, *file, 0, &version, control, &error)) return std::nullopt;
+    return contentOf(*file);
+  }
+  bool upload(const std::string& path, const std::string& content) {
+    return session->upload(*temporaryFile(content), path, 0, control, &error);
+  }
+  std::vector<RemoteEntry> list(const std::string& path) {
+    std::vector<RemoteEntry> entries;
+    EXPECT_TRUE(session->list(path, &entries, &error)) << error->description();
+    return entries;
+  }
+
+  FTPServerFixture* server = nullptr;
+  std::string root;
+  std::shared_ptr<KeptTranscript> transcript = std::make_shared<KeptTranscript>();
+  SessionEnvironment environment;
+  std::shared_ptr<Engine> engine;
+  std::unique_ptr<Session> session;
+  KeptControl control;
+  NSErrorRef error;
+};
+
+// A client that waits for the wrong thing idles now and then, for hundreds of times as long as a small file
+// takes. So few files of many may be that slow, whatever the machine is busy with.
+TEST_P(FTPServers, NoneOfManySmallFilesIdles) {
+  constexpr size_t kFiles = 2000;
+  constexpr double kFarFromUsual = 50;
+  server->putFile(root + "/file", "content");
+  ASSERT_EQ(download(root + "/file"), "content");
+  std::vector<double> seconds;
+  for (size_t i = 0; i < kFiles; ++i) {
+    const auto begin = std::chrono::steady_clock::now();
+    ASSERT_EQ(download(root + "/file"), "content") << i;
+    seconds.push_back(std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
+  }
+  std::vector<double> sorted = seconds;
+  std::sort(sorted.begin(), sorted.end());
+  const double usual = sorted[kFiles / 2];
+  const auto slow = std::count_if(seconds.begin(), seconds.end(),
+                                  [usual](double one) { return one > kFarFromUsual * usual; });
+  EXPECT_LT(slow, static_cast<long>(kFiles / 100))
+      << "usually " << usual << " s, at worst " << sorted.back() << " s";
+}
+
+TEST_P(FTPServers, TemporaryFilesAreNotListed) {
+  server->putFile(root + "/.ombra-upload-6FA459EA-EE8A-4CA4-894E-DB77E160355E", "half");
+  server->putFile(root + "/.hidden", "x");
+  const auto entries = list(root);
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].name, ".hidden");
+}
+
+TEST_P(FTPServers, AReplacedFileIsAnotherOneWithTheSameModeAndNothingStaysBeside) {
+  server->putFile(root + "/file", "old");
+  ASSERT_EQ(chmod((root + "/file").c_str(), 0640), 0);
+  struct stat before {};
+  ASSERT_EQ(stat((root + "/file").c_str(), &before), 0);
+  ASSERT_TRUE(upload(root + "/file", "new")) << error->description();
+  struct stat after {};
+  ASSERT_EQ(stat((root + "/file").c_str(), &after), 0);
+  EXPECT_EQ(server->storedContent(root + "/file"), "new");
+  EXPECT_EQ(after.st_mode & 07777, 0640u);
+  EXPECT_THAT(server->storedNames(root), ElementsAre("file"));
+}
+
+TEST_P(FTPServers, AFileThatMayNotBeWrittenIsNotReplaced) {
+  if (geteuid() == 0 && GetParam().kind != FTPServerKind::kVsftpd) return;  // served as root, who may
+  server->putFile(root + "/file", "old");
+  ASSERT_EQ(chmod((root + "/file").c_str(), 0444), 0);
+  EXPECT_FALSE(upload(root + "/file", "new"));
+  EXPECT_EQ(server->storedContent(root + "/file"), "old");
+  EXPECT_THAT(server->storedNames(root), ElementsAre("file"));
+}
+
+TEST_P(FTPServers, AHardLinkStaysOne) {
+  if (GetParam().kind != FTPServerKind::kVsftpd) return;  // MLST does not tell of them
+  server->putFile(root + "/file", "old");
+  ASSERT_EQ(link((root + "/file").c_str(), (root + "/other").c_str()), 0);
+  ASSERT_TRUE(upload(root + "/file", "new")) << error->description();
+  EXPECT_EQ(server->storedContent(root + "/other"), "new");
+}
+
+TEST_P(FTPServers, LinksOfTheServerLeadToTheirTargets) {
+  server->makeFolder(root + "/folder");
+  server->putFile(root + "/folder/file", "12345");
+  ASSERT_EQ(symlink("folder/file", (root + "/toFile").c_str()), 0);
+  ASSERT_EQ(symlink("folder", (root + "/toFolder").c_str()), 0);
+  const auto entries = list(root);
+  ASSERT_EQ(entries.size(), 3u);
+  for (const RemoteEntry& entry : entries) {
+    if (entry.name == "folder") continue;
+    // Servers that follow links by themselves show what is there.
+    const bool isFolder = entry.name == "toFolder";
+    if (entry.type == kNodeTypeAlias) {
+      ASSERT_TRUE(entry.resolution.has_value()) << entry.name;
+      EXPECT_EQ(entry.resolution->resolvedPath, root + (isFolder ? "/folder" : "/folder/file"));
+      EXPECT_EQ(entry.resolution->isDirectory, isFolder);
+      const auto resolved = session->resolveLink(root + "/" + entry.name, &error);
+      ASSERT_TRUE(resolved.has_value());
+      EXPECT_EQ(resolved->resolvedPath, entry.resolution->resolvedPath);
+    } else {
+      EXPECT_EQ(entry.type, isFolder ? kNodeTypeFolder : kNodeTypeFile) << entry.name;
+    }
+  }
+  EXPECT_EQ(download(root + "/toFile"), "12345");
+}
+
+TEST_P(FTPServers, AWrongPasswordIsAFailedLogin) {
+  const auto wrong = server->credentials();
+  wrong->setPassword("wrong");
+  environment.credentials = wrong;
+  const auto other = engine->makeSession(environment);
+  EXPECT_FALSE(other->logIn(&error));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitLoginFailed)) << error->description();
+}
+
+TEST_P(FTPServers, ThePasswordIsInNoTranscript) {
+  ASSERT_TRUE(upload(root + "/file", "content"));
+  EXPECT_THAT(transcript->text(), HasSubstr("> PASS ********"));
+  EXPECT_THAT(transcript->text(), Not(HasSubstr(server->password())));
+}
+
+TEST_P(FTPServers, ACertificateThatWasNotAcceptedEndsTheLogin) {
+  if (environment.credentials->protocol() == kProtocolFTP) return;
+  const auto other = server->credentials();
+  other->setOption("fingerprint", "SHA256:AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA");
+  environment.credentials = other;
+  transcript->clear();
+  const auto refused = engine->makeSession(environment);
+  EXPECT_FALSE(refused->logIn(&error));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitUntrusted)) << error->description();
+  EXPECT_THAT(transcript->text(), Not(HasSubstr("> USER")));
+}
+
+TEST_P(FTPServers, AServerThatDoesNotEncryptIsNotSpokenToInTheClear) {
+  if (environment.credentials->protocol() != kProtocolFTP) return;
+  const auto other = server->credentials();
+  other->setProtocol(kProtocolFTPExplicitTLS);
+  environment.credentials = other;
+  transcript->clear();
+  const auto refused = EngineRegistry::engineForCredentials(*other)->makeSession(environment);
+  EXPECT_FALSE(refused->logIn(&error));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitNotSupported)) << error->description();
+  EXPECT_THAT(transcript->text(), Not(HasSubstr("> USER")));
+}
+
+TEST_P(FTPServers, ADownloadOutlivesTheServersRestart) {
+  if (GetParam().kind != FTPServerKind::kProftpd) return;
+  server->putFile(root + "/file", std::string(32 << 20, 'x'));
+  class Breaker final : public ConnectionDelegate {
+   public:
+    explicit Breaker(FTPServerFixture& broken) : iServer(broken) {}
+    bool connection(AbstractConnection&, const TrustQuestion&) override { return true; }
+    void connection(AbstractConnection&, uint64_t, double, bool) override {
+      if (std::exchange(iIsDone, true)) return;
+      iServer.stop();
+      EXPECT_TRUE(iServer.restart());
+    }
+    using ConnectionDelegate::connection;
+
+   private:
+    FTPServerFixture& iServer;
+    bool iIsDone = false;
+  } breaker(*server);
+  const auto pool = KCConnectionPool::initWithCredentials(server->credentials(), &error);
+  auto connection = pool->acquireConnection();
+  connection->setDelegate(&breaker);
+  const auto file = temporaryFile();
+  uint64_t bytes = 0;
+  EXPECT_TRUE(connection->downloadFileAtPath(root + "/file", *file, 0, &bytes, &error));
+  EXPECT_EQ(bytes, uint64_t{32} << 20);
+  EXPECT_TRUE(contentOf(*file) == std::string(32 << 20, 'x'));
+  connection->setDelegate(nullptr);
+  pool->releaseConnection(std::move(connection));
+  pool->shutDown();
+}
+
+INSTANTIATE_TEST_SUITE_P(Real, FTPServers,
+                         testing::Values(KindOfServer{"vsftpd", FTPServerKind::kVsftpd},
+                                         KindOfServer{"vsftpdTLS", FTPServerKind::kVsftpdExplicit},
+                                         KindOfServer{"proftpd", FTPServerKind::kProftpd},
+                                         KindOfServer{"proftpdImplicit", FTPServerKind::kProftpdImplicit}),
+                         [](const testing::TestParamInfo<KindOfServer>& info) { return info.param.name; });
+
+// A server with room for one: the second session waits for the first to be given back.
+TEST(FTPTooMany, SessionsWaitForTheirTurn) {
+  registerFTPEngine();
+  FTPServerFixture server(FTPServerKind::kProftpd, {"MaxClients 1"});
+  if (!server.whyNot().empty()) {
+    const char* ci = std::getenv("CI");
+    ASSERT_FALSE(ci != nullptr && std::string(ci) == "true") << server.whyNot();
+    GTEST_SKIP() << server.whyNot();
+  }
+  const std::string root = server.makeTestFolder();
+  NSErrorRef error;
+  const auto pool = KCConnectionPool::initWithCredentials(server.credentials(), &error);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&pool, &root, i] {
+      const auto connection = pool->acquireConnection();
+      NSErrorRef problem;
+      EXPECT_TRUE(connection->createFolderAtPath(root + "/" + std::to_string(i), &problem))
+          << problem->description();
+      pool->releaseConnection(connection);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(server.storedNames(root).size(), 4u);
+  pool->shutDown();
+}
+
+}  // namespace
+}  // namespace ombra
