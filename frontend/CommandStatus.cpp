@@ -71,6 +71,7 @@ class StatusCommand {
       if (interruption.requested()) return kExitSuccess;
       Failure failure;
       if (!look(&volumes, &failure)) {
+        if (failure.code != kExitNotFound) return iOutput.fail(failure);
         iOutput.remark(fmt::format("{} is not mounted any more.", inQuotes(*iOptions.target)));
         return kExitSuccess;
       }
