@@ -3,7 +3,7 @@
 #include "frontend/FTPUpgrade.h"
 #include "frontend/UniqueFd.h"
 #include "remote/KCTypes.h"
-#include "remote/sftp/TCPConnector.h"
+#include "remote/net/TCPConnector.h"
 
 namespace ombra {
 

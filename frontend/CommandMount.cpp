@@ -70,11 +70,6 @@ class MountCommand {
 
  private:
   bool checkURL(const RemoteURL& url, Failure* failure) {
-    if (!isProtocolAvailable(url.protocol)) {
-      *failure = {kExitUsage, fmt::format("{}:// is not yet available in this version.", url.scheme), "",
-                  "See: ombra mount --help"};
-      return false;
-    }
     if (url.password) {
       iOutput.warning(
           "The password in the URL could be seen in the process list and is kept in the shell's history; "

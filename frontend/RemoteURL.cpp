@@ -22,20 +22,19 @@ struct Scheme {
   std::string_view name;
   uint32_t protocol;
   int port;
-  bool available;
 };
 
 constexpr std::array<Scheme, 10> kSchemes{{
-    {"sftp", kProtocolSFTP, 22, true},
-    {"file", kProtocolFile, 0, true},
-    {"ftp", kProtocolFTP, 21, true},
-    {"ftps", kProtocolFTPImplicitTLS, 990, true},
-    {"ftpes", kProtocolFTPExplicitTLS, 21, true},
-    {"dav", kProtocolWebDAV, 80, true},
-    {"http", kProtocolWebDAV, 80, true},
-    {"davs", kProtocolWebDAVTLS, 443, true},
-    {"https", kProtocolWebDAVTLS, 443, true},
-    {"s3", kProtocolS3, 0, true},
+    {"sftp", kProtocolSFTP, 22},
+    {"file", kProtocolFile, 0},
+    {"ftp", kProtocolFTP, 21},
+    {"ftps", kProtocolFTPImplicitTLS, 990},
+    {"ftpes", kProtocolFTPExplicitTLS, 21},
+    {"dav", kProtocolWebDAV, 80},
+    {"http", kProtocolWebDAV, 80},
+    {"davs", kProtocolWebDAVTLS, 443},
+    {"https", kProtocolWebDAVTLS, 443},
+    {"s3", kProtocolS3, 0},
 }};
 
 constexpr std::string_view kForm = "A URL looks like sftp://user@host:port/folder or file:///folder.";
@@ -277,12 +276,6 @@ int defaultPortOfProtocol(uint32_t protocol) {
   const auto* found = std::find_if(kSchemes.begin(), kSchemes.end(),
                                    [protocol](const Scheme& scheme) { return scheme.protocol == protocol; });
   return found == kSchemes.end() ? 0 : found->port;
-}
-
-bool isProtocolAvailable(uint32_t protocol) {
-  return std::any_of(kSchemes.begin(), kSchemes.end(), [protocol](const Scheme& scheme) {
-    return scheme.protocol == protocol && scheme.available;
-  });
 }
 
 std::optional<std::pair<size_t, size_t>> passwordRange(std::string_view text) {

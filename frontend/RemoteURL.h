@@ -39,9 +39,6 @@ std::optional<RemoteURL> parseRemoteURL(std::string_view text, Failure* failure)
 // The port that a protocol has unless another is given; 0 for "file" and "s3".
 int defaultPortOfProtocol(uint32_t protocol);
 
-// True when this version can mount that protocol.
-bool isProtocolAvailable(uint32_t protocol);
-
 // The place of a password within a text that looks like a URL with one, absent when there is none. Looks at
 // the text's shape alone, so that a password is found in malformed URLs too.
 std::optional<std::pair<size_t, size_t>> passwordRange(std::string_view text);
