@@ -172,13 +172,18 @@ void FuseSession::serve() {
   unblockWakeUpSignal();
   fuse_buf buffer{};
   int result = 0;
-  while (receive(&buffer, &result)) {
+  bool counts = false;
+  while (receive(&buffer, &result, &counts)) {
     if (result > 0) process(buffer);
+    if (!counts) continue;
+    ConditionLock lock(iCondition);
+    --iInFlight;
+    iCondition.broadcast();
   }
   free(buffer.mem);  // NOLINT: the library's allocation
 }
 
-bool FuseSession::receive(fuse_buf* buffer, int* result) {
+bool FuseSession::receive(fuse_buf* buffer, int* result, bool* counts) {
   {
     ConditionLock lock(iCondition);
     if (iEnded || iWaiting.size() >= kIdleThreads) {
@@ -193,7 +198,8 @@ bool FuseSession::receive(fuse_buf* buffer, int* result) {
   {
     ConditionLock lock(iCondition);
     iWaiting.erase(pthread_self());
-    if (*result > 0) ++iInFlight;
+    *counts = *result > 0 && !iCountsNoMore;
+    if (*counts) ++iInFlight;
     startAnother = *result > 0 && iWaiting.empty() && iThreadCount < iMaximumThreads && !iEnded;
     if (startAnother) ++iThreadCount;
     if (isOver) --iThreadCount;
@@ -223,9 +229,6 @@ void FuseSession::process(const fuse_buf& buffer) {
   fuse_session_process_buf(iSession, &buffer);
   tAnswering = nullptr;
   RequestContext::current() = RequestContext();
-  ConditionLock lock(iCondition);
-  --iInFlight;
-  iCondition.broadcast();
 }
 
 void FuseSession::end() {
@@ -237,6 +240,11 @@ void FuseSession::end() {
 size_t FuseSession::inFlight() {
   ConditionLock lock(iCondition);
   return iInFlight;
+}
+
+void FuseSession::countNoMore() {
+  ConditionLock lock(iCondition);
+  iCountsNoMore = true;
 }
 
 bool FuseSession::waitUntilQuiet(NSDate limit) {

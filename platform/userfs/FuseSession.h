@@ -44,8 +44,10 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   bool isInitialized() const { return iInitialized; }
   // True once the kernel has ended the connection, or `abort` has.
   bool hasEnded() const { return iEnded; }
-  // How many requests are being answered.
+  // How many requests are being answered, of those that count.
   size_t inFlight() EXCLUDES(iCondition);
+  // Requests that begin from here on are answered, but do not count.
+  void countNoMore() EXCLUDES(iCondition);
   // Waits until none is, until `limit` at the latest.
   bool waitUntilQuiet(NSDate limit) EXCLUDES(iCondition);
   // Ends the connection from our side: waiting threads leave, the kernel fails what is still being answered.
@@ -72,7 +74,7 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   bool startThread() EXCLUDES(iCondition);
   void serve();
   // Waits for one request. False when the thread is to end.
-  bool receive(fuse_buf* buffer, int* result) EXCLUDES(iCondition);
+  bool receive(fuse_buf* buffer, int* result, bool* counts) EXCLUDES(iCondition);
   void process(const fuse_buf& buffer);
   void end();
   // Makes every thread that waits for the kernel come back, and returns when none waits any more.
@@ -91,6 +93,7 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   NSCondition iCondition;
   size_t iThreadCount GUARDED_BY(iCondition) = 0;
   size_t iInFlight GUARDED_BY(iCondition) = 0;
+  bool iCountsNoMore GUARDED_BY(iCondition) = false;
   std::set<pthread_t> iWaiting GUARDED_BY(iCondition);
   std::map<uint64_t, uint64_t> iOpenFolders
       GUARDED_BY(iCondition);  // the library's handle → the folder's number

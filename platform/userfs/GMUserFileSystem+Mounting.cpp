@@ -225,6 +225,8 @@ bool GMUserFileSystem::State::detach() { return !iMounted || KernelMount::detach
 void GMUserFileSystem::State::finishRequests() {
   const auto session = this->session();
   if (session->waitUntilQuiet(NSDate::dateWithTimeIntervalSinceNow(gSecondsInFlight))) return;
+  // A program that goes on with a file of the detached volume must not keep it for ever.
+  session->countNoMore();
   if (GMUserFileSystemDurability* durability = volume()->durability()) {
     uint64_t moved = 0;
     do {

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <future>
+#include <thread>
 
 #include "platform/userfs/MountPoint.h"
 #include "tests/userfs/MountFixture.h"
@@ -260,6 +262,48 @@ TEST_F(MountTest, UnmountGivesNothingUpWhileBytesMove) {
   reader.join();
   EXPECT_EQ(files.countOf("giveUp"), 0u);
   EXPECT_EQ(files.countOf("drain"), 1u);
+  iFileSystem.reset();
+}
+
+// What it moves looks like what is waited for.
+TEST_F(MountTest, UnmountDoesNotWaitForAProgramThatGoesOn) {
+  class Moving : public DurableMemoryFileSystem {
+   public:
+    uint64_t bytesMoved() override {
+      if (++iMoved == 3) {
+        iGoOn.set_value();
+        waitUntilHeld(2);
+        letGo("read", "/a");
+      }
+      return iMoved;
+    }
+    std::promise<void> iGoOn;
+
+   private:
+    uint64_t iMoved = 0;
+  };
+  // Its late request is still in the delegate when the test ends.
+  static auto* sFiles = new Moving;  // NOLINT: immortal on purpose
+  Moving& files = *sFiles;
+  GMUserFileSystem::setUnmountPatience(0.05, 60);
+  for (const char* path : {"/a", "/b"}) {
+    files.addFile(path, "content");
+    files.hold("read", path);
+  }
+  mountDelegate(&files);
+  std::thread reader([&] { EXPECT_EQ(contentOfFile(at("/a")), "content"); });
+  files.waitUntilHeld(1);
+  const File other(at("/b"), O_RDONLY);
+  std::thread goingOn([&] {
+    files.iGoOn.get_future().wait();
+    char byte = 0;
+    EXPECT_EQ(pread(other.get(), &byte, 1, 0), -1);
+  });
+  unmount();
+  EXPECT_EQ(files.countOf("giveUp"), 0u);
+  files.letGo("read", "/b");
+  reader.join();
+  goingOn.join();
   iFileSystem.reset();
 }
 
