@@ -228,12 +228,20 @@ class Terminal : public testing::Test {
     ioctl(iMaster.get(), TIOCSWINSZ, &size);
   }
   ~Terminal() override { fclose(iFile); }
+  // All that was drawn since the last call: up to a mark that is written behind it, since a terminal hands
+  // on what it gets in its own time.
   std::string shown() const {
+    constexpr const char* kMark = "<mark>";
+    fputs(kMark, iFile);
+    fflush(iFile);
+    std::string text;
     pollfd waiting{iMaster.get(), POLLIN, 0};
-    std::string text(4096, '\0');
-    if (poll(&waiting, 1, 0) <= 0) return {};
-    text.resize(static_cast<size_t>(std::max<ssize_t>(0, read(iMaster.get(), text.data(), text.size()))));
-    return text;
+    while (!text.ends_with(kMark) && poll(&waiting, 1, 20000) > 0) {
+      char byte = 0;
+      if (read(iMaster.get(), &byte, 1) != 1) break;
+      text += byte;
+    }
+    return text.substr(0, text.find(kMark));
   }
   UniqueFd iMaster;
   FILE* iFile = nullptr;
