@@ -13,7 +13,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr auto kNone = std::nullopt;
+constexpr auto kAbsent = std::nullopt;
 
 // A home with the usual files, and the variables that a test sets.
 class S3Gathered : public testing::Test {
@@ -57,13 +57,13 @@ TEST_F(S3Gathered, TheKeyOfTheURLWinsOverAllOthers) {
   settle("s3://KEY:se%2Fcret@bucket");
   EXPECT_EQ(iSettings.accessKey, "KEY");
   EXPECT_EQ(iSettings.secret, "se/cret");
-  EXPECT_EQ(iSettings.sessionToken, kNone) << "it belongs to another key";
+  EXPECT_EQ(iSettings.sessionToken, kAbsent) << "it belongs to another key";
 }
 
 TEST_F(S3Gathered, AKeyOfTheURLAloneIsLeftToBeAskedFor) {
   settle("s3://KEY@bucket");
   EXPECT_EQ(iSettings.accessKey, "KEY");
-  EXPECT_EQ(iSettings.secret, kNone);
+  EXPECT_EQ(iSettings.secret, kAbsent);
 }
 
 TEST_F(S3Gathered, TheEnvironmentWinsOverTheFiles) {
@@ -179,10 +179,10 @@ TEST_F(S3Gathered, AnEndpointGivesAddressPortAndWhetherThereIsTLS) {
 
 TEST_F(S3Gathered, WithoutAnEndpointTheServerIsAmazons) {
   settle("s3://K:s@b");
-  EXPECT_EQ(iSettings.endpoint, kNone);
+  EXPECT_EQ(iSettings.endpoint, kAbsent);
   EXPECT_EQ(iSettings.address, "s3.amazonaws.com");
   EXPECT_EQ(iSettings.port, 0);
-  EXPECT_EQ(iSettings.pathStyle, kNone);
+  EXPECT_EQ(iSettings.pathStyle, kAbsent);
 }
 
 TEST_F(S3Gathered, WhatIsNoEndpointIsRefused) {
