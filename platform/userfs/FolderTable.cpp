@@ -72,6 +72,10 @@ void FolderTable::move(std::string_view from, std::string_view to) {
   MutexLock lock(iLock);
   iFolders.extractSubtree(to);
   iFolders.moveSubtree(from, to);
+  // The kernel takes its entry along.
+  if (Folder* folder = iFolders.find(stringByDeletingLastPathComponent(to)); folder != nullptr) {
+    folder->names.insert(lastPathComponent(to));
+  }
   for (auto& [identifier, handle] : iHandles) {
     if (handle.path && isAtOrBelow(*handle.path, from)) handle.path = movedPath(*handle.path, from, to);
   }

@@ -1,5 +1,6 @@
 // Folders and what is in them.
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "platform/foundation/KCStringAdditions.h"
@@ -46,6 +47,9 @@ FolderListing Volume::freshListing(uint64_t handle, const std::string& path, int
   auto found = names(path, &error);
   if (!found) {
     *result = failure(error);
+    // The library of every program takes that number for the end of a folder that was removed meanwhile: what
+    // could not be listed would look empty, and be emptied by whoever mirrors it.
+    if (*result == -ENOENT) *result = -EIO;
     return nullptr;
   }
   std::erase_if(*found, [](const std::string& name) { return !isShowable(name); });
@@ -95,6 +99,7 @@ int Volume::makeFolder(const char* path, mode_t mode) {
   NSErrorRef error;
   if (!delegate().createDirectoryAtPath(listed, attributes, &error)) return failure(error);
   closeNewFolder(listed, mode);
+  iFolders.noteEntry(listed, RequestContext::current().nodeID);
   return 0;
 }
 
@@ -120,7 +125,9 @@ int Volume::makeSymbolicLink(const char* target, const char* path) {
   if (const int refusal = refusalToCreate(listed); refusal != 0) return refusal;
   if (attributesAtPath(listed)) return -EEXIST;
   NSErrorRef error;
-  return delegate().createSymbolicLinkAtPath(listed, target, &error) ? 0 : failure(error);
+  if (!delegate().createSymbolicLinkAtPath(listed, target, &error)) return failure(error);
+  iFolders.noteEntry(listed, RequestContext::current().nodeID);
+  return 0;
 }
 
 std::string Volume::jailed(std::string target) const {

@@ -180,6 +180,18 @@ TEST_F(MountNamesTest, TrashAtTheTopIsRefusedAndNothingIsAskedOfTheDelegate) {
   EXPECT_EQ(make("/folder/.Trash-1000"), 0);
 }
 
+TEST_F(MountNamesTest, AFolderThatCannotBeListedDoesNotLookEmpty) {
+  iFiles.addFolder("/folder");
+  mount();
+  iFiles.failWith("list", kENOENT);
+  DIR* folder = opendir(at("/folder").c_str());
+  ASSERT_NE(folder, nullptr);
+  errno = 0;
+  EXPECT_EQ(readdir(folder), nullptr);
+  EXPECT_EQ(errno, EIO);
+  closedir(folder);
+}
+
 TEST_F(MountNamesTest, LinksAreMadeAndRead) {
   mount();
   ASSERT_EQ(symlink("../b", at("/link").c_str()), 0);
@@ -445,6 +457,31 @@ TEST_F(MountNamesTest, InvalidatingAFolderShowsWhatTheServerChanged) {
   iFileSystem->invalidateDirectoryAtPath("/folder");
   while (exists("/folder/old")) std::this_thread::yield();
   EXPECT_EQ(namesIn(at("/folder")), (Names{"new"}));
+}
+
+// The kernel has entries of these without ever having looked them up.
+TEST_F(MountNamesTest, InvalidatingAFolderShowsThatWhatWasMadeInItIsGone) {
+  mount();
+  EXPECT_EQ(make("/folder"), 0);
+  EXPECT_EQ(symlink("nowhere", at("/link").c_str()), 0);
+  for (const char* path : {"/folder", "/link"}) {
+    EXPECT_TRUE(exists(path));
+    iFiles.erase(path);
+  }
+  iFileSystem->invalidateDirectoryAtPath("/");
+  while (exists("/folder") || exists("/link")) std::this_thread::yield();
+}
+
+TEST_F(MountNamesTest, InvalidatingAFolderShowsThatWhatWasMovedIntoItIsGone) {
+  iFiles.addFolder("/folder");
+  iFiles.addFile("/file", "");
+  mount();
+  EXPECT_EQ(namesIn(at("/folder")), Names{});
+  EXPECT_EQ(renameItem("/file", "/folder/file"), 0);
+  EXPECT_TRUE(exists("/folder/file"));
+  iFiles.erase("/folder/file");
+  iFileSystem->invalidateDirectoryAtPath("/folder");
+  while (exists("/folder/file")) std::this_thread::yield();
 }
 
 TEST_F(MountNamesTest, InvalidatingAFolderLeavesAShellInsideItInPlace) {
