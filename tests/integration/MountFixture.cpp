@@ -51,8 +51,11 @@ OmbraUser::OmbraUser() {
 }
 
 OmbraUser::~OmbraUser() {
-  const ShellResult all = ombra("unmount --all --force");
-  EXPECT_EQ(all.status, 0) << all.errors;
+  for (const std::string& path : mountPaths()) {
+    const ShellResult result = ombra("unmount --force " + shellWord(path));
+    // One that was about to end anyway may have done so meanwhile.
+    EXPECT_TRUE(result.status == 0 || !isMounted(path)) << result.errors;
+  }
   // The bus that the command started for this user lives in the user's temporary folder.
   run("pkill -f " + shellWord("dbus-daemon.*" + iHome.path()));
   EXPECT_TRUE(eventually([] { return !aHelperRuns(); })) << "a helper was left behind";
@@ -70,17 +73,33 @@ std::string OmbraUser::mount(const std::string& arguments) {
     ADD_FAILURE() << "no mount path in: " << result.output << result.errors;
     return "/nonexistent";
   }
+  iMountPaths.insert(answer["mountPath"].get<std::string>());
   return answer["mountPath"].get<std::string>();
 }
 
-pid_t OmbraUser::helperOf(const std::string& mountPath) {
+std::map<std::string, pid_t> OmbraUser::helpers() {
+  std::map<std::string, pid_t> helpers;
   const ShellResult result = ombra("list --json");
   const nlohmann::json answer = nlohmann::json::parse(result.output, nullptr, false);
-  if (!answer.is_object() || !answer.contains("volumes")) return 0;
+  if (!answer.is_object() || !answer.contains("volumes")) return helpers;
   for (const nlohmann::json& volume : answer["volumes"]) {
-    if (volume.value("mountPath", "") == mountPath) return volume.value("pid", 0);
+    helpers[volume.value("mountPath", "")] = volume.value("pid", 0);
   }
-  return 0;
+  return helpers;
+}
+
+pid_t OmbraUser::helperOf(const std::string& mountPath) { return helpers()[mountPath]; }
+
+// Not "--all": to the system each of these users is the one who runs the tests, and tests of another build
+// may run at the same time.
+std::set<std::string> OmbraUser::mountPaths() {
+  std::set<std::string> paths;
+  for (const auto& [path, pid] : helpers()) {
+    const std::string environment = '\0' + fileText("/proc/" + std::to_string(pid) + "/environ");
+    const bool isOwn = environment.find('\0' + ("HOME=" + iHome.path()) + '\0') != std::string::npos;
+    if (isOwn || iMountPaths.contains(path)) paths.insert(path);
+  }
+  return paths;
 }
 
 void OmbraUser::trust(const SshdFixture& server) {

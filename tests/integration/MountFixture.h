@@ -7,6 +7,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "tests/integration/Shell.h"
@@ -39,8 +40,14 @@ class OmbraUser {
   void trust(const SshdFixture& server);
 
  private:
+  // What the command lists, by mount point.
+  std::map<std::string, pid_t> helpers();
+  // Where this user's volumes are mounted.
+  std::set<std::string> mountPaths();
+
   TemporaryFolder iHome;
   std::map<std::string, std::string> iEnvironment;
+  std::set<std::string> iMountPaths;
 };
 
 // Waits, by looking again, until the condition holds or `script` succeeds; false after `seconds`.
