@@ -166,7 +166,9 @@ TEST_P(Refusal, AFileThatIsWrittenInAVanishedFolderFailsAtItsCloseAndIsNotMadeEl
   const bool isClosed = close(descriptor) == 0;
   // Over SFTP the server's own handle goes on working, as a local one would: then the bytes are nowhere to be
   // seen, as after any removal by somebody else.
-  if (!isSFTP()) EXPECT_FALSE(isWritten && isSynced && isClosed);
+  if (!isSFTP()) {
+    EXPECT_FALSE(isWritten && isSynced && isClosed);
+  }
   EXPECT_FALSE(std::filesystem::exists(data() + "/gone"));
   user->ombra("unmount --force " + shellWord(volume));
 }

@@ -27,7 +27,9 @@ class WritingSharing : public Writing {
     File(const File&) = delete;
     File& operator=(const File&) = delete;
     void close() {
-      if (iDescriptor >= 0) EXPECT_EQ(::close(iDescriptor), 0) << strerror(errno);
+      if (iDescriptor >= 0) {
+        EXPECT_EQ(::close(iDescriptor), 0) << strerror(errno);
+      }
       iDescriptor = -1;
     }
     void writeAt(size_t offset, const std::string& bytes) {
