@@ -223,6 +223,11 @@ Failure explainError(const NSErrorRef& error, const ErrorContext& context) {
   return failure;
 }
 
+bool isMountPointInUse(const NSErrorRef& error) {
+  const NSErrorRef found = mountError(error);
+  return found != nullptr && found->code() == kGMMountPointInUse;
+}
+
 int64_t libraryCode(const NSErrorRef& error) {
   const NSErrorRef library = libraryError(error);
   return library ? library->code() : 0;

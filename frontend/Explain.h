@@ -25,6 +25,9 @@ struct ErrorContext {
 // general failure.
 Failure explainError(const NSErrorRef& error, const ErrorContext& context);
 
+// Whether the volume's place was taken already.
+bool isMountPointInUse(const NSErrorRef& error);
+
 // The code of the connection library in the chain, 0 when there is none.
 int64_t libraryCode(const NSErrorRef& error);
 

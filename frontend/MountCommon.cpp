@@ -1,4 +1,5 @@
 #include "frontend/MountCommon.h"
+#include "frontend/Explain.h"
 
 #include <fmt/format.h>
 #include <pwd.h>
@@ -60,6 +61,10 @@ void tellMounted(const MountResult& result, const Output& output) {
   if (openPath(result) != result.mountPath) output.remark("The folder is at " + printable(openPath(result)));
   output.remark("To unmount: ombra unmount " + shellQuoted(result.volumeName));
 }
+
+// Helpers that start at the same time for one server choose the same name for their volumes, where the user
+// gave none; who comes second chooses again.
+constexpr int kMostOthersAhead = 5;
 
 // Ctrl-C in the foreground takes the volume away; a second one leaves that to the helper.
 int unmountInForeground(const MountResult& result, Interruption& interruption, const Output& output) {
@@ -132,10 +137,13 @@ int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const Volume
                  const MountRetry& retry) {
   Spinner spinner(output.err, !output.json);
   const MountRequest request{helper, credentials, options.name, options.icon, options.passthrough};
+  int othersAhead = kMostOthersAhead;
   while (true) {
     MountVolume mount(request, {}, interruption, spinner);
     MountResult result = mount.run();
     if (!result.mounted) {
+      if (!options.name && isMountPointInUse(result.error) && --othersAhead > 0 && !interruption.requested())
+        continue;
       if (!interruption.requested() && retry && retry(&result)) continue;
       return output.fail(result.failure);
     }

@@ -155,6 +155,19 @@ INSTANTIATE_TEST_SUITE_P(Table, FailingMount,
                                          FailureCase{"plain-failure", 1, "ombra logs Disk"},
                                          FailureCase{"dies", 1, "out of luck today"}));
 
+// Two helpers that start together may choose the same name.
+TEST_F(Command, MountWithoutANameTriesAgainWhenAnotherVolumeTookTheName) {
+  const auto result = run({"mount", "file://" + iFolder.path(), "--json"}, "taken-once");
+  EXPECT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_TRUE(std::filesystem::exists(iFolder / "taken"));
+}
+
+TEST_F(Command, MountWithANameSaysThatItIsTaken) {
+  const auto result = run({"mount", "file://" + iFolder.path(), "--name", "Disk"}, "taken-once");
+  EXPECT_EQ(result.exitCode, 6);
+  EXPECT_THAT(result.err, HasSubstr("in use"));
+}
+
 TEST_F(Command, MountOfAnIdentifierThatIsMountedAlreadyIsASuccess) {
   const auto result =
       run({"mount", "file://" + iFolder.path(), "--passthrough", "team", "--json"}, "already");

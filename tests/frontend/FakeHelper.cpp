@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <nlohmann/json.hpp>
@@ -103,6 +104,10 @@ class FakeHelper {
     }
     if (iBehaviour == "no-fuse")
       return fail(NSError::errorWithDomain(kGMUserFileSystemErrorDomain, kGMNoFuseDevice));
+    if (iBehaviour == "taken-once" && !std::filesystem::exists(iFolder + "/taken")) {
+      std::ofstream(iFolder + "/taken") << "by another helper";
+      return fail(NSError::errorWithDomain(kGMUserFileSystemErrorDomain, kGMMountPointInUse));
+    }
     if (iBehaviour == "login-refused" && !(iCredentials && iCredentials->password() == "right")) {
       return fail(library(kQuarnKitLoginFailed));
     }

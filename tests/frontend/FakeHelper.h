@@ -15,6 +15,7 @@ bool isFakeHelper(int argc, char** argv);
 // - untrusted: announces a key that contradicts the fingerprint
 // - pinned: announces that too, unless the credentials hold no fingerprint: then as "mount"
 // - no-fuse: announces that this machine cannot mount
+// - taken-once: announces that the mount point is in use, the first time; then as "mount"
 // - plain-failure: announces a failure without an error
 // - already: announces that the identifier is mounted already
 // - dies: says why on standard error and ends, without fetching or announcing anything
