@@ -121,7 +121,15 @@ bool eventually(const std::string& script, double seconds) {
   return eventually([&script] { return shell(script).status == 0; }, seconds);
 }
 
-bool processExists(pid_t pid) { return pid > 0 && kill(pid, 0) == 0; }
+// One that has ended and waits for the system to collect it does not count.
+bool processExists(pid_t pid) {
+  if (pid <= 0) return false;
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  if (!std::getline(file, line)) return false;
+  const size_t end = line.rfind(") ");
+  return end != std::string::npos && end + 2 < line.size() && line[end + 2] != 'Z' && line[end + 2] != 'X';
+}
 
 bool isMounted(const std::string& path) {
   return fileText("/proc/self/mounts").find(" " + path + " ") != std::string::npos;
