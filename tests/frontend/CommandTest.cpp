@@ -157,7 +157,10 @@ INSTANTIATE_TEST_SUITE_P(Table, FailingMount,
 
 // Two helpers that start together may choose the same name.
 TEST_F(Command, MountWithoutANameTriesAgainWhenAnotherVolumeTookTheName) {
-  const auto result = run({"mount", "file://" + iFolder.path(), "--json"}, "taken-once");
+  knowServer();
+  writeFile(iFolder / "pw", "secret\n");
+  const auto result =
+      run({"mount", "sftp://anna@nas.test", "--password-file", iFolder / "pw", "--json"}, "taken-once");
   EXPECT_EQ(result.exitCode, 0) << result.err;
   EXPECT_TRUE(std::filesystem::exists(iFolder / "taken"));
 }
