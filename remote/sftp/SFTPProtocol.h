@@ -75,6 +75,9 @@ enum SFTPAttributeFlag : uint32_t {
   kSFTPAttributeExtended = 0x80000000,
 };
 
+// A flag in the reply of statvfs@openssh.com (OpenSSH's PROTOCOL, 3.4).
+inline constexpr uint64_t kSFTPVolumeIsReadOnly = 1;
+
 inline constexpr uint32_t kSFTPProtocolVersion = 3;
 // The longest packet that is taken from a server (its length field). OpenSSH's own limit is 256 KiB.
 inline constexpr size_t kSFTPMaximumPacketLength = 1024 * 1024;

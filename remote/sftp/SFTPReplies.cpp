@@ -76,7 +76,9 @@ std::optional<SFTPVolume> parseSFTPVolume(const SFTPReply& reply) {
   volume.blocks = reader.u64();
   reader.u64();  // free blocks, the superuser's included
   volume.availableBlocks = reader.u64();
-  reader.skip(6 * 8);
+  reader.skip(4 * 8);  // numbers of files, and of the volume
+  volume.isReadOnly = (reader.u64() & kSFTPVolumeIsReadOnly) != 0;
+  reader.skip(8);  // the longest name
   if (!reader.ok()) return std::nullopt;
   return volume;
 }

@@ -40,6 +40,7 @@ struct SFTPVolume {
   uint64_t blockSize = 0;  // the fundamental size, in which blocks are counted
   uint64_t blocks = 0;
   uint64_t availableBlocks = 0;  // for users without privileges
+  bool isReadOnly = false;
 };
 
 // limits@openssh.com; 0 = no limit told

@@ -13,17 +13,22 @@ std::optional<NSFileAttributes> SFTPSession::attributes(std::string_view path, b
   return fileAttributesFromSFTP(*attributes);
 }
 
-std::optional<NSFileAttributes> SFTPSession::fileSystemAttributes(std::string_view path, NSErrorRef* error) {
-  if (!isUsablePath(path, error)) return std::nullopt;
+std::optional<SFTPVolume> SFTPSession::volumeOf(std::string_view path, NSErrorRef* error) {
   if (!iChannel.hasExtension("statvfs@openssh.com", "2")) {
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "the size of the volume"));
     return std::nullopt;
   }
   auto reply = iChannel.wait(iRequests.statvfs(path), error);
   if (!reply) return std::nullopt;
-  const auto volume = parseSFTPVolume(*reply);
+  auto volume = parseSFTPVolume(*reply);
   if (!volume) refuse(*reply, SFTPOperation::kOther, path, error);
   iChannel.recycle(std::move(*reply));
+  return volume;
+}
+
+std::optional<NSFileAttributes> SFTPSession::fileSystemAttributes(std::string_view path, NSErrorRef* error) {
+  if (!isUsablePath(path, error)) return std::nullopt;
+  const auto volume = volumeOf(path, error);
   if (!volume) return std::nullopt;
   NSFileAttributes result;
   uint64_t bytes = 0;
@@ -52,7 +57,8 @@ bool SFTPSession::changeAttributes(const NSFileAttributes& attributes, std::stri
   if (mayBeLink && iChannel.hasExtension("lsetstat@openssh.com", "1")) {
     return waitStatus(iRequests.lsetstat(path, *wanted), SFTPOperation::kSetAttributes, path, error);
   }
-  storeError(error, reason);
+  // "Cannot be done here" is forgiven, and must not be what a read-only disk is taken for.
+  storeError(error, explainWrite(reason, path));
   return false;
 }
 

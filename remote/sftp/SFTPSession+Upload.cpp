@@ -1,6 +1,7 @@
 // Uploads in place, whole uploads, and streams.
 #include <algorithm>
 
+#include "platform/foundation/KCStringAdditions.h"
 #include "remote/RemotePaths.h"
 #include "remote/RetryPauses.h"
 #include "remote/sftp/FileExtents.h"
@@ -255,14 +256,19 @@ bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, 
   return succeeded;
 }
 
-// The protocol has no status for a full disk: where the server refuses without a reason, the volume's free
-// space tells.
+// The protocol has no status for a full disk, and none for a read-only one: where the server refuses without
+// a reason, its volume tells.
 NSErrorRef SFTPSession::explainWrite(NSErrorRef refused, std::string_view path) {
-  if (!QuarnKitError::isCode(refused, kQuarnKitRefused) || iChannel.failure()) return refused;
-  const auto volume = fileSystemAttributes(path, nullptr);
+  const bool isChange = QuarnKitError::isCode(refused, kQuarnKitAttributeChangeNotSupported);
+  if ((!isChange && !QuarnKitError::isCode(refused, kQuarnKitRefused)) || iChannel.failure()) return refused;
+  auto volume = volumeOf(path, nullptr);
+  if (!volume && !iChannel.failure()) volume = volumeOf(stringByDeletingLastPathComponent(path), nullptr);
+  if (!volume) return refused;
+  if (volume->isReadOnly) return QuarnKitError::errorWithCode(kQuarnKitReadOnly, path, refused);
   constexpr uint64_t kNothingWorthMentioning = 64 * 1024;
-  if (!volume || !volume->systemFreeSize || *volume->systemFreeSize > kNothingWorthMentioning) return refused;
-  return QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, path, refused);
+  const bool isFull =
+      volume->availableBlocks <= kNothingWorthMentioning / std::max<uint64_t>(volume->blockSize, 1);
+  return isFull && !isChange ? QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, path, refused) : refused;
 }
 
 }  // namespace ombra

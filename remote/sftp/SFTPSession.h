@@ -136,6 +136,8 @@ class SFTPSession final : public Session {
   void closeUploadHandleBelow(std::string_view path);
   bool sendStream(const std::function<size_t(std::byte*, size_t)>& next, SFTPWriteQueue& queue,
                   TransferControl& control, std::string_view path, NSErrorRef* error);
+  std::optional<SFTPVolume> volumeOf(std::string_view path, NSErrorRef* error);
+  // The reason of a refusal that the server gave none for, as far as the volume tells it.
   NSErrorRef explainWrite(NSErrorRef refused, std::string_view path);
 
   SFTPChannel iChannel;

@@ -261,7 +261,8 @@ std::string MemoryServer::extended(uint32_t id, SFTPPacketReader& reader) {
   if (name == "lsetstat@openssh.com") return setAttributes(id, first, reader);
   if (name == "statvfs@openssh.com") {
     std::string values = u64(4096) + u64(512) + u64(1000) + u64(900) + u64(freeBytes / 512);
-    for (int i = 0; i < 6; ++i) values += u64(0);
+    for (int i = 0; i < 4; ++i) values += u64(0);
+    values += u64(isReadOnly ? kSFTPVolumeIsReadOnly : 0) + u64(255);
     return packet(std::string(1, static_cast<char>(kSFTPExtendedReply)) + u32(id) + values);
   }
   return statusReply(id, kSFTPStatusOpUnsupported, "Operation unsupported");

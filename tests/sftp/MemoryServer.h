@@ -50,6 +50,7 @@ class MemoryServer {
   std::map<uint8_t, std::pair<uint32_t, size_t>> refusals;
   std::string refusalText = "Failure";
   uint64_t freeBytes = 1 << 30;
+  bool isReadOnly = false;  // what the volume says of itself
   // What a limits request is told.
   uint64_t readLength = 0;
   uint64_t writeLength = 0;

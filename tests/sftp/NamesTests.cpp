@@ -217,6 +217,21 @@ TEST_F(SFTPNames, WithoutTheExtensionTheVolumeIsUnknown) {
   EXPECT_EQ(kQuarnKitNotSupported, codeOf(error));
 }
 
+// A change that cannot be made there is forgiven by whoever copies; a disk that takes no change is not.
+TEST_F(SFTPNames, AChangeOnAReadOnlyVolumeIsRefusedAndNotJustUnsupported) {
+  server.addFile("/f", "abc");
+  server.refusals[kSFTPSetstat] = {kSFTPStatusFailure, 0};
+  logIn();
+  NSFileAttributes wanted;
+  wanted.posixPermissions = 0600;
+  EXPECT_FALSE(session->changeAttributes(wanted, "/f", &error));
+  EXPECT_EQ(kQuarnKitAttributeChangeNotSupported, codeOf(error));
+  server.isReadOnly = true;
+  error = nullptr;
+  EXPECT_FALSE(session->changeAttributes(wanted, "/f", &error));
+  EXPECT_EQ(kQuarnKitReadOnly, codeOf(error));
+}
+
 TEST_F(SFTPNames, ModeAndDateAreSetInOneRequest) {
   server.addFile("/f", "abc");
   logIn();

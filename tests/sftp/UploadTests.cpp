@@ -343,6 +343,16 @@ TEST_F(SFTPUpload, ARefusedOneKnowsWhatOfThePiecesBehindTheRefusalWasStored) {
   EXPECT_EQ((std::vector<FileExtent>{{3 * 32768, 4 * 32768}}), local->unconfirmedExtents(0));
 }
 
+TEST_F(SFTPUpload, ARefusalWithoutAReasonOnAReadOnlyVolumeSaysSo) {
+  server.refusals[kSFTPOpen] = {kSFTPStatusFailure, 0};
+  server.isReadOnly = true;
+  server.addFile("/f", "old");
+  logIn();
+  makeScratch("new");
+  EXPECT_FALSE(upload(0));
+  EXPECT_EQ(kQuarnKitReadOnly, codeOf(error));
+}
+
 TEST_F(SFTPUpload, ARefusalWithoutAReasonOnAFullVolumeIsOutOfSpace) {
   server.refusals[kSFTPWrite] = {kSFTPStatusFailure, 1};
   server.freeBytes = 0;
