@@ -12,7 +12,9 @@ namespace {
 
 class ObjectServer : public ContractServer {
  public:
-  explicit ObjectServer(const S3Server& server) : iServer(server) { registerS3Engine(); }
+  ObjectServer(const S3Server& server, bool isReal) : iServer(server), iIsReal(isReal) { registerS3Engine(); }
+  // The stand-in keeps its objects in files and writes them in place.
+  bool forgetsBrokenUploads() const override { return iIsReal; }
 
   std::string whyNot() const override { return iServer.whyNot(); }
 
@@ -62,15 +64,16 @@ class ObjectServer : public ContractServer {
   }
 
   const S3Server& iServer;
+  const bool iIsReal;
   std::unique_ptr<RawStore> iStore;
   int iTests = 0;
 };
 
 std::vector<ContractServerKind> kinds() {
   std::vector<ContractServerKind> kinds{
-      {"s3rver", [] { return std::make_unique<ObjectServer>(sharedS3Rver()); }}};
+      {"s3rver", [] { return std::make_unique<ObjectServer>(sharedS3Rver(), false); }}};
   if (RadosGatewayServer::isWanted())
-    kinds.push_back({"gateway", [] { return std::make_unique<ObjectServer>(sharedGateway()); }});
+    kinds.push_back({"gateway", [] { return std::make_unique<ObjectServer>(sharedGateway(), true); }});
   return kinds;
 }
 

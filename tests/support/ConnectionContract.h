@@ -44,8 +44,12 @@ class ContractServer {
   virtual bool exists(const std::string& path) = 0;
   // Names in a folder, whatever they are, sorted.
   virtual std::vector<std::string> storedNames(const std::string& path) = 0;
-  // Whether the server both lists and serves items of that name. Some have names of their own that they do not.
+  // Whether the server both lists and serves items of that name. Some have names of their own that they do
+  // not.
   virtual bool handlesName(const std::string& /*name*/) const { return true; }
+  // Whether an upload that the client has broken off is over for the server too. One that goes on writing
+  // what it has received mixes it with what is uploaded to the same name next.
+  virtual bool forgetsBrokenUploads() const { return true; }
 };
 
 // A server whose paths are those of a folder of this machine, perhaps below a prefix.
