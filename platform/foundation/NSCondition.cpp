@@ -29,10 +29,11 @@ bool NSCondition::waitUntilDate(NSDate limit) {
 }
 
 void NSCondition::clockMoved() {
-  // Taking the lock once makes sure that a waiter which has read the old time already sleeps.
+  // With the lock, a waiter which has read the old time already sleeps; and the one that wakes cannot destroy
+  // this before the call is over.
   lock();
-  unlock();
   broadcast();
+  unlock();
 }
 
 }  // namespace ombra
