@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "remote/net/WakeUp.h"
 #include "remote/sftp/SFTPTransport.h"
-#include "remote/sftp/WakeUp.h"
 
 namespace ombra {
 

@@ -16,7 +16,7 @@
 #endif
 
 #include "remote/QuarnKitError.h"
-#include "remote/sftp/TCPConnector.h"
+#include "remote/net/TCPConnector.h"
 
 namespace ombra {
 

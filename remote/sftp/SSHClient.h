@@ -9,8 +9,8 @@
 #include <string>
 
 #include "platform/foundation/NSError.h"
+#include "remote/net/WakeUp.h"
 #include "remote/sftp/SSHHostKeys.h"
-#include "remote/sftp/WakeUp.h"
 
 namespace ombra {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "remote/sftp/WakeUp.h"
+#include "remote/net/WakeUp.h"
 
 namespace ombra::test {
 
