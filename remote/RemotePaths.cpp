@@ -1,6 +1,7 @@
 #include "remote/RemotePaths.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace ombra {
 namespace {
@@ -23,10 +24,39 @@ std::string absoluteRemotePath(std::string_view path, std::string_view base) {
   return result.empty() ? "/" : result;
 }
 
+std::string normalRemotePath(std::string_view path) {
+  std::vector<std::string_view> components;
+  while (!path.empty()) {
+    const size_t end = std::min(path.find('/'), path.size());
+    const std::string_view component = path.substr(0, end);
+    path.remove_prefix(std::min(end + 1, path.size()));
+    if (component.empty() || component == ".") continue;
+    if (component != "..") {
+      components.push_back(component);
+    } else if (!components.empty()) {
+      components.pop_back();
+    }
+  }
+  std::string result;
+  for (const std::string_view component : components) result.append("/").append(component);
+  return result.empty() ? "/" : result;
+}
+
+std::string parentOfRemotePath(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  if (slash == std::string_view::npos || slash == 0) return "/";
+  return std::string(path.substr(0, slash));
+}
+
+std::string_view nameOfRemotePath(std::string_view path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string_view::npos ? path : path.substr(slash + 1);
+}
+
 std::string remotePathInFolder(std::string_view folder, std::string_view name) {
-  std::string result(folder == "/" ? std::string_view() : folder);
-  result.append("/").append(name);
-  return result;
+  std::string result(folder);
+  if (!result.ends_with('/')) result += '/';
+  return result.append(name);
 }
 
 bool isAtOrBelowRemotePath(std::string_view path, std::string_view folder) {

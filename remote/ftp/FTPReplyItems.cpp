@@ -1,7 +1,7 @@
 #include "remote/ftp/FTPReplyItems.h"
+#include "remote/RemotePaths.h"
 
 #include "remote/ftp/FTPListLine.h"
-#include "remote/ftp/FTPPaths.h"
 #include "remote/ftp/FTPText.h"
 
 namespace ombra {
@@ -21,7 +21,7 @@ std::optional<FTPItem> itemOfSTAT(const FTPReply& reply, std::string_view path, 
   if (!reply.isPositive()) return std::nullopt;
   for (size_t i = 1; i + 1 < reply.lines.size(); ++i) {
     auto item = itemOfListLine(reply.lines[i], now);
-    if (item && (item->entry.name == ftpName(path) || item->entry.name == path)) return item;
+    if (item && (item->entry.name == nameOfRemotePath(path) || item->entry.name == path)) return item;
   }
   return std::nullopt;
 }

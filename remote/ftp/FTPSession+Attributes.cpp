@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "remote/RemotePaths.h"
-#include "remote/ftp/FTPPaths.h"
 #include "remote/ftp/FTPReplyItems.h"
 #include "remote/ftp/FTPSession.h"
 
@@ -40,12 +39,12 @@ std::optional<std::string> FTPSession::realPath(std::string_view path, std::stri
   if (replies[0].isPositive()) {
     *isDirectory = true;
     const auto landed = replies[1].isPositive() ? quotedFTPPath(replies[1].text()) : std::nullopt;
-    return ftpNormalPath(landed.value_or(whole));
+    return normalRemotePath(landed.value_or(whole));
   }
   const NSErrorRef refusal = errorForFTPReply(replies[0], FTPOperation::kOther, whole);
   NSErrorRef reason;
   if (!whole.starts_with('~') && attributes(whole, isDirectory, &reason)) {
-    if (!*isDirectory) return ftpNormalPath(whole);
+    if (!*isDirectory) return normalRemotePath(whole);
     reason = refusal;  // a folder that may not be entered
   }
   storeError(error, isMissingError(reason) || iControl.failure() ? reason : refusal);
@@ -106,15 +105,15 @@ std::optional<NSFileAttributes> FTPSession::attributesByAsking(std::string_view 
 }
 
 std::optional<FTPItem> FTPSession::lookInParent(std::string_view path, NSErrorRef* error) {
-  const std::string normal = ftpNormalPath(path);
+  const std::string normal = normalRemotePath(path);
   std::vector<FTPItem> items;
   if (normal == "/") {
     FTPItem root;
     root.entry.type = kNodeTypeFolder;
     return root;
   }
-  if (!listItems(ftpParentPath(normal), &items, error)) return std::nullopt;
-  const std::string_view name = ftpName(normal);
+  if (!listItems(parentOfRemotePath(normal), &items, error)) return std::nullopt;
+  const std::string_view name = nameOfRemotePath(normal);
   const auto found = std::find_if(items.begin(), items.end(),
                                   [name](const FTPItem& item) { return item.entry.name == name; });
   return found != items.end() ? std::optional(std::move(*found)) : std::nullopt;
@@ -138,7 +137,7 @@ std::optional<FTPItem> FTPSession::lookAt(std::string_view path, NSErrorRef* err
 
 std::optional<LinkResolution> FTPSession::resolveLink(std::string_view path, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return std::nullopt;
-  std::string at = ftpNormalPath(path);
+  std::string at = normalRemotePath(path);
   std::set<std::string> passed;
   while (passed.insert(at).second) {
     NSErrorRef reason;
@@ -157,7 +156,7 @@ std::optional<LinkResolution> FTPSession::resolveLink(std::string_view path, NSE
       if (!askAll({"SIZE " + at, "MDTM " + at, "CWD " + at}, &replies, error)) return std::nullopt;
       return resolutionOfReplies(at, replies.data());
     }
-    at = ftpNormalPath(absoluteRemotePath(*item->entry.targetPath, ftpParentPath(at)));
+    at = normalRemotePath(absoluteRemotePath(*item->entry.targetPath, parentOfRemotePath(at)));
     if (!isUsablePath(at, error)) return std::nullopt;
   }
   return LinkResolution{};
@@ -182,7 +181,7 @@ QuarnKitErrorCode FTPSession::findOutCode(FTPOperation operation, std::string_vi
     case FTPOperation::kMakeFolder:
     case FTPOperation::kStore:
       if (exists && operation == FTPOperation::kMakeFolder) return kQuarnKitItemExists;
-      return isGone && isMissing(ftpParentPath(path)) ? kQuarnKitNoSuchItem : kQuarnKitRefused;
+      return isGone && isMissing(parentOfRemotePath(path)) ? kQuarnKitNoSuchItem : kQuarnKitRefused;
     case FTPOperation::kRemove: {
       std::vector<FTPItem> items;
       if (!exists || !isDirectory || !listItems(path, &items, nullptr)) break;
@@ -191,7 +190,8 @@ QuarnKitErrorCode FTPSession::findOutCode(FTPOperation operation, std::string_vi
       return holdsSomething ? kQuarnKitFolderNotEmpty : kQuarnKitRefused;
     }
     case FTPOperation::kRename:
-      if (exists && !otherPath.empty() && isMissing(ftpParentPath(otherPath))) return kQuarnKitNoSuchItem;
+      if (exists && !otherPath.empty() && isMissing(parentOfRemotePath(otherPath)))
+        return kQuarnKitNoSuchItem;
       break;
     default:
       break;

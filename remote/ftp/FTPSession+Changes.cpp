@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "remote/RemotePaths.h"
-#include "remote/ftp/FTPPaths.h"
 #include "remote/ftp/FTPSession.h"
 #include "remote/ftp/FTPText.h"
 

@@ -34,8 +34,9 @@ struct LinkNeighbours {
     std::set<const RemoteEntry*> passed;
     while (at != nullptr && isLink(*at) && at->targetPath) {
       if (!passed.insert(at).second) return LinkResolution{};
-      path = ftpNormalPath(absoluteRemotePath(*at->targetPath, home));
-      const auto found = ftpParentPath(path) == home ? entries.find(ftpName(path)) : entries.end();
+      path = normalRemotePath(absoluteRemotePath(*at->targetPath, home));
+      const auto found =
+          parentOfRemotePath(path) == home ? entries.find(nameOfRemotePath(path)) : entries.end();
       at = found != entries.end() ? found->second : nullptr;
     }
     if (at == nullptr || isLink(*at)) return LinkResolution{true, path, false, false, false, std::nullopt};
@@ -158,7 +159,7 @@ bool FTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries, 
 // one go.
 void FTPSession::resolveLinks(std::string_view folder, std::vector<RemoteEntry>* entries) {
   if (std::none_of(entries->begin(), entries->end(), isLink)) return;
-  LinkNeighbours neighbours{ftpNormalPath(folder), {}};
+  LinkNeighbours neighbours{normalRemotePath(folder), {}};
   for (const RemoteEntry& entry : *entries) neighbours.entries.emplace(entry.name, &entry);
   Unresolved elsewhere;
   for (RemoteEntry& entry : *entries) {

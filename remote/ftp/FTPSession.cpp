@@ -5,7 +5,6 @@
 
 #include "remote/NameEncoding.h"
 #include "remote/RemotePaths.h"
-#include "remote/ftp/FTPPaths.h"
 
 namespace ombra {
 
@@ -137,7 +136,7 @@ bool FTPSession::settle(NSErrorRef* error) {
     return refuseLogin(type, kQuarnKitProtocolError, error);
   }
   if (replies[at].isPositive()) {
-    iLoginPath = ftpNormalPath(quotedFTPPath(replies[at].text()).value_or("/"));
+    iLoginPath = normalRemotePath(quotedFTPPath(replies[at].text()).value_or("/"));
   }
   if (!isFirst) return true;
   askForUTF8();

@@ -1,5 +1,5 @@
 // Where links lead.
-#include "remote/sftp/SFTPPaths.h"
+#include "remote/RemotePaths.h"
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
 
@@ -51,16 +51,17 @@ bool SFTPSession::settleLink(const LinkQuestion& question, std::optional<std::st
   }
   if (!*target) {
     // The end of a way that is followed link by link.
-    if (question.links > 0) *resolution = resolutionTo(sftpNormalPath(path), present);
+    if (question.links > 0) *resolution = resolutionTo(normalRemotePath(path), present);
     return true;
   }
   // Servers that only tidy the path up answer the link's own path for a link.
-  const bool isResolved = name && sftpNormalPath(*name) != sftpNormalPath(path);
+  const bool isResolved = name && normalRemotePath(*name) != normalRemotePath(path);
   if (isResolved) {
-    *resolution = resolutionTo(sftpNormalPath(*name), present);
+    *resolution = resolutionTo(normalRemotePath(*name), present);
   } else if (present || QuarnKitError::isCode(statError, kQuarnKitPermissionDenied)) {
     // One step: what the link names may be a link itself.
-    *resolution = resolutionTo(sftpNormalPath(sftpJoinPath(sftpParentPath(path), **target)), present);
+    *resolution =
+        resolutionTo(normalRemotePath(absoluteRemotePath(**target, parentOfRemotePath(path))), present);
     (*resolution)->isFinal = false;
   }
   return true;
@@ -85,7 +86,7 @@ std::optional<LinkResolution> SFTPSession::resolveLink(std::string_view path, NS
       storeError(error, lstatError);
       return std::nullopt;
     }
-    return resolutionTo(sftpNormalPath(path), item);
+    return resolutionTo(normalRemotePath(path), item);
   }
   if (resolution) return resolution;
   return walkLink(path, error);
@@ -113,7 +114,7 @@ std::optional<LinkResolution> SFTPSession::walkLink(std::string_view path, NSErr
     const std::string component = std::move(rest.back());
     rest.pop_back();
     restLength -= 1 + component.size();
-    const std::string next = sftpNormalPath(reached + "/" + component);
+    const std::string next = normalRemotePath(reached + "/" + component);
     NSErrorRef reason;
     const auto target = component == ".." || component == "."
                             ? std::optional<std::string>()

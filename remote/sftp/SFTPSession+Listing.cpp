@@ -1,5 +1,5 @@
 // Listing a folder: many READDIRs in flight, and the questions about links with them.
-#include "remote/sftp/SFTPPaths.h"
+#include "remote/RemotePaths.h"
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
 
@@ -111,7 +111,7 @@ bool SFTPSession::takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef
     listing.entries->push_back(entryForName(std::move(name)));
     const RemoteEntry& entry = listing.entries->back();
     if (entry.type != kNodeTypeAlias || !isShown) continue;
-    std::string itemPath = sftpJoinPath(listing.path, entry.name);
+    std::string itemPath = remotePathInFolder(listing.path, entry.name);
     if (itemPath.size() > kMaximumPathLength) continue;
     listing.questions.push_back(askLink(std::move(itemPath), listing.entries->size() - 1));
   }
@@ -145,7 +145,7 @@ bool SFTPSession::settleEntry(Listing& listing, const LinkQuestion& question, NS
     return true;
   }
   if (entry.resolution || !entry.targetPath || ++listing.walks > kMostWalks) return true;
-  entry.resolution = walkLink(sftpJoinPath(listing.path, entry.name), error);
+  entry.resolution = walkLink(remotePathInFolder(listing.path, entry.name), error);
   return entry.resolution.has_value();
 }
 

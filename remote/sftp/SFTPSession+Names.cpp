@@ -1,5 +1,5 @@
 // Making, moving and removing names, and paths in normal form.
-#include "remote/sftp/SFTPPaths.h"
+#include "remote/RemotePaths.h"
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
 
@@ -11,8 +11,11 @@ std::optional<std::string> SFTPSession::realPath(std::string_view path, std::str
   if (path.starts_with('~')) {
     absolute = expandTilde(path, error);
     if (!absolute) return std::nullopt;
+  } else if (path.starts_with('/')) {
+    absolute = path;
   } else {
-    absolute = sftpJoinPath(base.empty() ? std::string_view(iLoginPath) : base, path);
+    // Not tidied up: to a server, a "/" at the end may say that a link is to be followed.
+    absolute = remotePathInFolder(base.empty() ? std::string_view(iLoginPath) : base, path);
   }
   if (!isUsablePath(*absolute, error)) return std::nullopt;
 
@@ -27,7 +30,7 @@ std::optional<std::string> SFTPSession::realPath(std::string_view path, std::str
   const auto attributes = waitAttributes(statID, SFTPOperation::kOther, *absolute, error);
   if (!attributes) return std::nullopt;
   if (isDirectory != nullptr) *isDirectory = attributes->isDirectory();
-  return sftpNormalPath(*name);
+  return normalRemotePath(*name);
 }
 
 std::optional<std::string> SFTPSession::expandTilde(std::string_view path, NSErrorRef* error) {

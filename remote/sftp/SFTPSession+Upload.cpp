@@ -1,11 +1,9 @@
 // Uploads in place, whole uploads, and streams.
 #include <algorithm>
 
-#include "platform/foundation/KCStringAdditions.h"
 #include "remote/RemotePaths.h"
 #include "remote/RetryPauses.h"
 #include "remote/sftp/FileExtents.h"
-#include "remote/sftp/SFTPPaths.h"
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
 #include "remote/sftp/SFTPWriteQueue.h"
@@ -262,7 +260,7 @@ NSErrorRef SFTPSession::explainWrite(NSErrorRef refused, std::string_view path) 
   const bool isChange = QuarnKitError::isCode(refused, kQuarnKitAttributeChangeNotSupported);
   if ((!isChange && !QuarnKitError::isCode(refused, kQuarnKitRefused)) || iChannel.failure()) return refused;
   auto volume = volumeOf(path, nullptr);
-  if (!volume && !iChannel.failure()) volume = volumeOf(stringByDeletingLastPathComponent(path), nullptr);
+  if (!volume && !iChannel.failure()) volume = volumeOf(parentOfRemotePath(path), nullptr);
   if (!volume) return refused;
   if (volume->isReadOnly) return QuarnKitError::errorWithCode(kQuarnKitReadOnly, path, refused);
   constexpr uint64_t kNothingWorthMentioning = 64 * 1024;

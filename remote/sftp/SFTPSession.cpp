@@ -1,6 +1,6 @@
 #include "remote/sftp/SFTPSession.h"
 
-#include "remote/sftp/SFTPPaths.h"
+#include "remote/RemotePaths.h"
 #include "remote/sftp/SFTPProtocol.h"
 
 namespace ombra {
@@ -23,7 +23,7 @@ bool SFTPSession::logIn(NSErrorRef* error) {
   }
   const auto path = waitName(pathID, ".", error);
   if (!path) return false;
-  iLoginPath = sftpNormalPath(*path);
+  iLoginPath = normalRemotePath(*path);
   iChannel.endLogin();
   return true;
 }

@@ -13,11 +13,6 @@ namespace {
 // Storing what has arrived may take a server long.
 constexpr std::chrono::minutes kStoringPatience{2};
 
-std::string folderOf(std::string_view path) {
-  const size_t slash = path.rfind('/');
-  return slash == 0 || slash == std::string_view::npos ? "/" : std::string(path.substr(0, slash));
-}
-
 bool isSuccess(const std::optional<HTTPResponse>& response) {
   return response && response->status / 100 == 2;
 }
@@ -52,7 +47,7 @@ class WebDAVSession::Upload {
   bool inPlace(NSErrorRef* error) { return concluded(put(iPath, {}, error), error); }
 
   bool beside(bool isThere, NSErrorRef* error) {
-    iTemporary = remotePathInFolder(folderOf(iPath), makeDAVTemporaryName());
+    iTemporary = remotePathInFolder(parentOfRemotePath(iPath), makeDAVTemporaryName());
     const std::optional<HTTPResponse> response = put(iTemporary, {}, error);
     if (!response) {
       removeTemporary();

@@ -1,6 +1,7 @@
 // Lines of listings, as bytes.
 #include <gtest/gtest.h>
 
+#include "remote/RemotePaths.h"
 #include "remote/ftp/FTPFacts.h"
 #include "remote/ftp/FTPLines.h"
 #include "remote/ftp/FTPListLine.h"
@@ -238,14 +239,10 @@ TEST(FTPLines, OneThatNeverEndsIsFoundOut) {
   EXPECT_FALSE(lines.add("x", take));
 }
 
-TEST(FTPPaths, NormalFormAndTemporaryNames) {
-  EXPECT_EQ(ftpNormalPath("/a//b/./c/../d/"), "/a/b/d");
-  EXPECT_EQ(ftpNormalPath("/../.."), "/");
-  EXPECT_EQ(ftpParentPath("/a/b"), "/a");
-  EXPECT_EQ(ftpParentPath("/a"), "/");
+TEST(FTPPaths, TemporaryNames) {
   const std::string temporary = temporaryPathBeside("/a/file");
   EXPECT_TRUE(temporary.starts_with("/a/.ombra-upload-")) << temporary;
-  EXPECT_TRUE(isTemporaryFTPName(ftpName(temporary)));
+  EXPECT_TRUE(isTemporaryFTPName(nameOfRemotePath(temporary)));
   EXPECT_NE(temporary, temporaryPathBeside("/a/file"));
   EXPECT_FALSE(isTemporaryFTPName(".ombra-upload-"));
   EXPECT_FALSE(isTemporaryFTPName(".ombra-upload-6FA459EA-EE8A-4CA4-894E-DB77E160355X"));

@@ -1,4 +1,4 @@
-// Identifiers, errors, and the line of the protocols.
+// Identifiers, paths, errors, and the line of the protocols.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -7,6 +7,7 @@
 #include "remote/KCTypes.h"
 #include "remote/KCUUID.h"
 #include "remote/QuarnKitError.h"
+#include "remote/RemotePaths.h"
 
 namespace ombra {
 namespace {
@@ -84,6 +85,40 @@ TEST(LibraryError, ACodeOfAnotherDomainIsNotMistakenForOurs) {
   EXPECT_FALSE(QuarnKitError::isCode(NSError::errorWithDomain(NSPOSIXErrorDomain, 14), kQuarnKitNoSuchItem));
   EXPECT_FALSE(QuarnKitError::isCode(nullptr, kQuarnKitNoSuchItem));
   EXPECT_TRUE(QuarnKitError::isCode(QuarnKitError::errorWithCode(kQuarnKitNoSuchItem), kQuarnKitNoSuchItem));
+}
+
+TEST(RemotePaths, HaveOneNormalForm) {
+  const std::pair<const char*, const char*> table[] = {
+      {"/", "/"},         {"", "/"},
+      {"/a/", "/a"},      {"//a///b//", "/a/b"},
+      {"/a/./b", "/a/b"}, {"/a//b/./c/../d/", "/a/b/d"},
+      {"/a/../b", "/b"},  {"/../..", "/"},
+      {"/a/b/..", "/a"},  {"a/b", "/a/b"},
+      {"/...", "/..."},   {"/a/.hidden", "/a/.hidden"},
+      {"/ a ", "/ a "},   {"/\xff\xfe", "/\xff\xfe"},
+  };
+  for (const auto& [path, normal] : table) EXPECT_EQ(normal, normalRemotePath(path)) << path;
+}
+
+TEST(RemotePaths, JoinAndPart) {
+  EXPECT_EQ("/b", absoluteRemotePath("/b", "/a"));
+  EXPECT_EQ("/a/b", absoluteRemotePath("b", "/a"));
+  EXPECT_EQ("/a/b", remotePathInFolder("/a", "b"));
+  EXPECT_EQ("/b", remotePathInFolder("/", "b"));
+  EXPECT_EQ("/a/b", remotePathInFolder("/a/", "b"));
+  EXPECT_EQ("/", parentOfRemotePath("/a"));
+  EXPECT_EQ("/a", parentOfRemotePath("/a/b"));
+  EXPECT_EQ("/", parentOfRemotePath("/"));
+  EXPECT_EQ("b", nameOfRemotePath("/a/b"));
+  EXPECT_EQ("b", nameOfRemotePath("b"));
+}
+
+TEST(RemotePaths, BelowIsByWholeComponents) {
+  EXPECT_TRUE(isAtOrBelowRemotePath("/a/b", "/a"));
+  EXPECT_TRUE(isAtOrBelowRemotePath("/a", "/a"));
+  EXPECT_TRUE(isAtOrBelowRemotePath("/a", "/"));
+  EXPECT_FALSE(isAtOrBelowRemotePath("/ab", "/a"));
+  EXPECT_FALSE(isAtOrBelowRemotePath("/a", "/a/b"));
 }
 
 TEST(Protocol, OnlyS3IsAmazonS3) {

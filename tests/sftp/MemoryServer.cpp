@@ -7,7 +7,6 @@
 
 #include "remote/RemotePaths.h"
 #include "remote/sftp/SFTPAttributes.h"
-#include "remote/sftp/SFTPPaths.h"
 #include "remote/sftp/SFTPProtocol.h"
 
 namespace ombra::test {
@@ -269,7 +268,7 @@ std::string MemoryServer::extended(uint32_t id, SFTPPacketReader& reader) {
 }
 
 std::string MemoryServer::realpath(uint32_t id, const std::string& path) {
-  if (resolvesLexically) return nameReply(id, sftpNormalPath(path));
+  if (resolvesLexically) return nameReply(id, normalRemotePath(path));
   uint32_t status = 0;
   const auto real = follow(path, &status, true);
   return real ? nameReply(id, *real) : statusReply(id, status, "No such file");
@@ -293,7 +292,7 @@ std::string MemoryServer::followWay(const std::string& path) const {
   uint32_t status = 0;
   const auto parent = follow(path.substr(0, slash + 1), &status);
   if (!parent) return path;
-  return sftpJoinPath(*parent, path.substr(slash + 1, end - slash - 1));
+  return remotePathInFolder(*parent, path.substr(slash + 1, end - slash - 1));
 }
 
 std::optional<std::string> MemoryServer::follow(const std::string& path, uint32_t* status,
@@ -305,7 +304,7 @@ std::optional<std::string> MemoryServer::follow(const std::string& path, uint32_
     const size_t begin = rest.find_first_not_of('/');
     if (begin == std::string::npos) return reached.empty() ? "/" : reached;
     const size_t end = std::min(rest.find('/', begin), rest.size());
-    const std::string next = sftpNormalPath(reached + "/" + rest.substr(begin, end - begin));
+    const std::string next = normalRemotePath(reached + "/" + rest.substr(begin, end - begin));
     rest.erase(0, end);
     const Item* found = item(next);
     if (found == nullptr && !(lastMayMiss && rest.empty())) return std::nullopt;

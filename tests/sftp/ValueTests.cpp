@@ -2,10 +2,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "remote/RemotePaths.h"
 #include "remote/sftp/FileExtents.h"
 #include "remote/sftp/SFTPErrors.h"
-#include "remote/sftp/SFTPPaths.h"
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPTranscript.h"
 #include "remote/sftp/SFTPTransferWindow.h"
@@ -13,42 +11,6 @@
 
 namespace ombra::test {
 namespace {
-
-TEST(SFTPPaths, HaveOneNormalForm) {
-  const std::pair<const char*, const char*> table[] = {
-      {"/", "/"},
-      {"", "/"},
-      {"/a/", "/a"},
-      {"//a///b//", "/a/b"},
-      {"/a/./b", "/a/b"},
-      {"/a/../b", "/b"},
-      {"/../..", "/"},
-      {"/a/b/..", "/a"},
-      {"a/b", "/a/b"},
-      {"/...", "/..."},
-      {"/a/.hidden", "/a/.hidden"},
-      {"/ a ", "/ a "},
-      {"/\xff\xfe", "/\xff\xfe"},
-  };
-  for (const auto& [path, normal] : table) EXPECT_EQ(normal, sftpNormalPath(path)) << path;
-}
-
-TEST(SFTPPaths, JoinAndPart) {
-  EXPECT_EQ("/b", sftpJoinPath("/a", "/b"));
-  EXPECT_EQ("/a/b", sftpJoinPath("/a", "b"));
-  EXPECT_EQ("/b", sftpJoinPath("/", "b"));
-  EXPECT_EQ("/", sftpParentPath("/a"));
-  EXPECT_EQ("/a", sftpParentPath("/a/b"));
-  EXPECT_EQ("/", sftpParentPath("/"));
-}
-
-TEST(SFTPPaths, BelowIsByWholeComponents) {
-  EXPECT_TRUE(isAtOrBelowRemotePath("/a/b", "/a"));
-  EXPECT_TRUE(isAtOrBelowRemotePath("/a", "/a"));
-  EXPECT_TRUE(isAtOrBelowRemotePath("/a", "/"));
-  EXPECT_FALSE(isAtOrBelowRemotePath("/ab", "/a"));
-  EXPECT_FALSE(isAtOrBelowRemotePath("/a", "/a/b"));
-}
 
 struct StatusCase {
   uint32_t status;
