@@ -7,9 +7,9 @@
 #include <utility>
 
 #include "remote/RemotePaths.h"
+#include "remote/TemporaryNames.h"
 #include "remote/ftp/FTPLines.h"
 #include "remote/ftp/FTPListLine.h"
-#include "remote/ftp/FTPPaths.h"
 #include "remote/ftp/FTPSession.h"
 #include "remote/ftp/FTPText.h"
 
@@ -148,7 +148,7 @@ bool FTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries, 
   }
   for (FTPItem& item : items) {
     const bool isShown = item.kind == FTPItem::Kind::kItem && isShownName(item.entry.name) &&
-                         !isTemporaryFTPName(item.entry.name);
+                         !isTemporaryName(item.entry.name);
     if (isShown) entries->push_back(std::move(item.entry));
   }
   resolveLinks(path, entries);
@@ -210,7 +210,7 @@ bool FTPSession::clearStaleTemporaries(std::string_view path) {
     if (item.kind == FTPItem::Kind::kSelf) continue;
     const auto& date = item.entry.attributes.modificationDate;
     const bool isStale =
-        isTemporaryFTPName(item.entry.name) && date && now.timeIntervalSinceDate(*date) > kStaleSeconds;
+        isTemporaryName(item.entry.name) && date && now.timeIntervalSinceDate(*date) > kStaleSeconds;
     if (!isStale) return false;
     commands.push_back("DELE " + remotePathInFolder(path, item.entry.name));
   }

@@ -6,7 +6,7 @@
 #include <memory>
 #include <utility>
 
-#include "remote/ftp/FTPPaths.h"
+#include "remote/TemporaryNames.h"
 #include "remote/ftp/FTPReplyItems.h"
 #include "remote/ftp/FTPSession.h"
 

@@ -13,8 +13,8 @@
 #include "remote/FilePermissions.h"
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
+#include "remote/TemporaryNames.h"
 #include "remote/local/LocalErrors.h"
-#include "remote/local/WholeFile.h"
 
 namespace ombra {
 namespace {
@@ -180,7 +180,7 @@ bool LocalSession::list(std::string_view path, std::vector<RemoteEntry>* entries
     if (!mayGoOn(error)) return false;
     struct stat status {};
     // An item that vanished meanwhile is not listed.
-    if (!isShownName(item->d_name) || WholeFile::isTemporaryName(item->d_name) ||
+    if (!isShownName(item->d_name) || isTemporaryName(item->d_name) ||
         fstatat(descriptor, item->d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
       errno = 0;
       continue;

@@ -9,14 +9,11 @@
 #include <cstdlib>
 
 #include "remote/FilePermissions.h"
-#include "remote/KCUUID.h"
+#include "remote/TemporaryNames.h"
 #include "remote/local/LocalErrors.h"
 
 namespace ombra {
 namespace {
-
-constexpr std::string_view kTemporaryPrefix = ".ombra-upload-";
-constexpr size_t kUUIDLength = 36;
 
 // Where the link leads, so that the link itself is not replaced. A dangling one leads to a file to be made.
 std::string followLinks(const std::string& path) {
@@ -35,11 +32,6 @@ std::string followLinks(const std::string& path) {
 WholeFile::~WholeFile() {
   if (iDescriptor >= 0) close(iDescriptor);
   if (!iTemporaryPath.empty()) unlink(iTemporaryPath.c_str());
-}
-
-bool WholeFile::isTemporaryName(std::string_view name) {
-  return name.size() == kTemporaryPrefix.size() + kUUIDLength && name.starts_with(kTemporaryPrefix) &&
-         KCUUID::uuidWithString(name.substr(kTemporaryPrefix.size())).has_value();
 }
 
 bool WholeFile::open(const std::string& path, NSErrorRef* error) {
@@ -65,8 +57,7 @@ bool WholeFile::open(const std::string& path, NSErrorRef* error) {
 }
 
 bool WholeFile::openTemporary(mode_t mode, uid_t owner, gid_t group, bool replaces) {
-  const std::string path =
-      iPath.substr(0, iPath.rfind('/') + 1) + std::string(kTemporaryPrefix) + KCUUID::UUID().stringValue();
+  const std::string path = temporaryPathBeside(iPath);
   iDescriptor = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
   if (iDescriptor < 0) return false;
   iTemporaryPath = path;

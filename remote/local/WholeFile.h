@@ -4,7 +4,6 @@
 #include <sys/types.h>
 
 #include <string>
-#include <string_view>
 
 #include "platform/foundation/NSError.h"
 
@@ -26,9 +25,6 @@ class WholeFile {
   // Whether the destination itself is open, and empty.
   bool isInPlace() const { return iTemporaryPath.empty(); }
   [[nodiscard]] bool commit(NSErrorRef* error);
-
-  // Names of such files are not shown in listings.
-  static bool isTemporaryName(std::string_view name);
 
  private:
   bool openTemporary(mode_t mode, uid_t owner, gid_t group, bool replaces);

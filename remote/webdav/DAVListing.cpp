@@ -2,16 +2,13 @@
 
 #include <algorithm>
 
-#include "remote/KCUUID.h"
 #include "remote/RemotePaths.h"
+#include "remote/TemporaryNames.h"
 #include "remote/http/URLEncoding.h"
 
 namespace ombra {
 
 namespace {
-
-constexpr std::string_view kTemporaryPrefix = ".ombra-upload-";
-constexpr size_t kUUIDLength = 36;
 
 // Without the scheme and host that some servers put in front.
 std::string_view pathOfHref(std::string_view href) {
@@ -63,13 +60,6 @@ std::optional<size_t> indexOfSelf(const std::vector<Place>& places, const std::s
 
 }  // namespace
 
-bool isDAVTemporaryName(std::string_view name) {
-  return name.size() == kTemporaryPrefix.size() + kUUIDLength && name.starts_with(kTemporaryPrefix) &&
-         KCUUID::uuidWithString(name.substr(kTemporaryPrefix.size())).has_value();
-}
-
-std::string makeDAVTemporaryName() { return std::string(kTemporaryPrefix) + KCUUID::UUID().stringValue(); }
-
 NSFileAttributes attributesOfDAVProperties(const DAVProperties& properties) {
   NSFileAttributes attributes;
   attributes.fileType =
@@ -93,7 +83,7 @@ DAVListing listingOfDAVResponses(std::vector<DAVResponse> responses, std::string
   if (self) listing.self = std::move(responses[*self]);
   for (size_t i = 0; i < places.size(); ++i) {
     Place& place = places[i];
-    if (i == self || isDAVTemporaryName(place.name)) continue;
+    if (i == self || isTemporaryName(place.name)) continue;
     listing.holdsItems = true;
     const bool isInFolder = place.isRelative ? place.parent.empty() : place.parent == folder;
     const bool isThere = responses[i].status == 0 || responses[i].status / 100 == 2;

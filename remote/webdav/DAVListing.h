@@ -20,11 +20,6 @@ struct DAVListing {
   bool holdsItems = false;
 };
 
-// Whose temporary file `name` is, or is not: one of an upload that is under way, or was given up by a lost
-// session.
-bool isDAVTemporaryName(std::string_view name);
-std::string makeDAVTemporaryName();
-
 // Sorts the responses into the item itself and what lies directly in it; what lies anywhere else is left out,
 // and so are names that cannot be shown and the names of uploads. `path`: what was asked for, decoded. A
 // server behind a proxy may name its items by other paths than it was asked for: the item that all others lie

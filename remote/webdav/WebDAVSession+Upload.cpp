@@ -3,7 +3,7 @@
 #include <cerrno>
 
 #include "remote/QuarnKitError.h"
-#include "remote/RemotePaths.h"
+#include "remote/TemporaryNames.h"
 #include "remote/webdav/WebDAVSession.h"
 
 namespace ombra {
@@ -47,7 +47,7 @@ class WebDAVSession::Upload {
   bool inPlace(NSErrorRef* error) { return concluded(put(iPath, {}, error), error); }
 
   bool beside(bool isThere, NSErrorRef* error) {
-    iTemporary = remotePathInFolder(parentOfRemotePath(iPath), makeDAVTemporaryName());
+    iTemporary = temporaryPathBeside(iPath);
     const std::optional<HTTPResponse> response = put(iTemporary, {}, error);
     if (!response) {
       removeTemporary();

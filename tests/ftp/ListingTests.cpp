@@ -1,11 +1,9 @@
 // Lines of listings, as bytes.
 #include <gtest/gtest.h>
 
-#include "remote/RemotePaths.h"
 #include "remote/ftp/FTPFacts.h"
 #include "remote/ftp/FTPLines.h"
 #include "remote/ftp/FTPListLine.h"
-#include "remote/ftp/FTPPaths.h"
 
 namespace ombra {
 namespace {
@@ -237,16 +235,6 @@ TEST(FTPLines, OneThatNeverEndsIsFoundOut) {
   const auto take = [](std::string_view) { return true; };
   EXPECT_TRUE(lines.add(std::string(FTPLines::kMaximumLine, 'x'), take));
   EXPECT_FALSE(lines.add("x", take));
-}
-
-TEST(FTPPaths, TemporaryNames) {
-  const std::string temporary = temporaryPathBeside("/a/file");
-  EXPECT_TRUE(temporary.starts_with("/a/.ombra-upload-")) << temporary;
-  EXPECT_TRUE(isTemporaryFTPName(nameOfRemotePath(temporary)));
-  EXPECT_NE(temporary, temporaryPathBeside("/a/file"));
-  EXPECT_FALSE(isTemporaryFTPName(".ombra-upload-"));
-  EXPECT_FALSE(isTemporaryFTPName(".ombra-upload-6FA459EA-EE8A-4CA4-894E-DB77E160355X"));
-  EXPECT_TRUE(isTemporaryFTPName(".ombra-upload-6FA459EA-EE8A-4CA4-894E-DB77E160355E"));
 }
 
 }  // namespace

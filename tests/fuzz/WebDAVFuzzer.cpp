@@ -5,6 +5,7 @@
 #include <string>
 
 #include "remote/RemotePaths.h"
+#include "remote/TemporaryNames.h"
 #include "remote/webdav/DAVContent.h"
 #include "remote/webdav/DAVErrors.h"
 #include "remote/webdav/DAVListing.h"
@@ -22,7 +23,7 @@ void checkListing(std::vector<ombra::DAVResponse> responses, std::string_view pa
   require(listing.children.size() + (listing.hasSelf ? 1 : 0) <= count);
   require(listing.children.empty() || listing.holdsItems);
   for (const ombra::RemoteEntry& entry : listing.children)
-    require(ombra::isShownName(entry.name) && !ombra::isDAVTemporaryName(entry.name));
+    require(ombra::isShownName(entry.name) && !ombra::isTemporaryName(entry.name));
 }
 
 void checkContent(std::string_view text) {

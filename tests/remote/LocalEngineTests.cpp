@@ -12,9 +12,9 @@
 
 #include "remote/KCConnectionPool.h"
 #include "remote/QuarnKitError.h"
+#include "remote/TemporaryNames.h"
 #include "remote/local/LocalEngine.h"
 #include "remote/local/LocalErrors.h"
-#include "remote/local/WholeFile.h"
 #include "tests/support/TemporaryFile.h"
 
 namespace ombra {
@@ -146,7 +146,7 @@ TEST_F(LocalEngineTest, AFileOnItsWayHasATemporaryNameThatIsNotListed) {
   };
   EXPECT_TRUE(connection().streamBytesWithFilename("file", at("file"), *this, nullptr));
   ASSERT_EQ(storedMeanwhile.size(), 2u);
-  EXPECT_TRUE(WholeFile::isTemporaryName(storedMeanwhile[0])) << storedMeanwhile[0];
+  EXPECT_TRUE(isTemporaryName(storedMeanwhile[0])) << storedMeanwhile[0];
   EXPECT_EQ(contentMeanwhile, "old");
   EXPECT_EQ(stored("file"), "new");
   EXPECT_THAT(storedNames(), ElementsAre("file"));

@@ -8,6 +8,7 @@
 #include "remote/KCUUID.h"
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
+#include "remote/TemporaryNames.h"
 
 namespace ombra {
 namespace {
@@ -119,6 +120,16 @@ TEST(RemotePaths, BelowIsByWholeComponents) {
   EXPECT_TRUE(isAtOrBelowRemotePath("/a", "/"));
   EXPECT_FALSE(isAtOrBelowRemotePath("/ab", "/a"));
   EXPECT_FALSE(isAtOrBelowRemotePath("/a", "/a/b"));
+}
+
+TEST(TemporaryNames, LieBesideTheFileAndAreKnownByTheirWholeForm) {
+  const std::string temporary = temporaryPathBeside("/a/file");
+  EXPECT_TRUE(temporary.starts_with("/a/.ombra-upload-")) << temporary;
+  EXPECT_TRUE(isTemporaryName(nameOfRemotePath(temporary)));
+  EXPECT_NE(temporary, temporaryPathBeside("/a/file"));
+  EXPECT_FALSE(isTemporaryName(".ombra-upload-"));
+  EXPECT_FALSE(isTemporaryName(".ombra-upload-6FA459EA-EE8A-4CA4-894E-DB77E160355X"));
+  EXPECT_TRUE(isTemporaryName(".ombra-upload-6FA459EA-EE8A-4CA4-894E-DB77E160355E"));
 }
 
 TEST(Protocol, OnlyS3IsAmazonS3) {

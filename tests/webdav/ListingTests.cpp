@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "remote/TemporaryNames.h"
 #include "remote/webdav/DAVListing.h"
 #include "remote/webdav/DAVMultistatus.h"
 #include "tests/webdav/Dialects.h"
@@ -147,11 +148,11 @@ TEST(DAVListing, LeavesOutWhatLiesElsewhereAndWhatCannotBeShown) {
 }
 
 TEST(DAVListing, NeverListsTheNamesOfUploads) {
-  const std::string name = makeDAVTemporaryName();
-  EXPECT_TRUE(isDAVTemporaryName(name));
+  const std::string name = makeTemporaryName();
+  EXPECT_TRUE(isTemporaryName(name));
   EXPECT_THAT(name, testing::StartsWith(".ombra-upload-"));
   for (const char* other : {".ombra-upload-", ".ombra-upload-notes", "x.ombra-upload-", ""})
-    EXPECT_FALSE(isDAVTemporaryName(other)) << other;
+    EXPECT_FALSE(isTemporaryName(other)) << other;
   const DAVListing listing = listingOf({"/dav/", "/dav/" + name, "/dav/.ombra-upload-notes"});
   EXPECT_THAT(namesIn(listing), ElementsAre(".ombra-upload-notes"));
 }
@@ -159,7 +160,7 @@ TEST(DAVListing, NeverListsTheNamesOfUploads) {
 // What is not shown is nevertheless lost when a folder is taken away with all that is in it.
 TEST(DAVListing, AFolderIsEmptyOnlyWhenNothingButUploadsIsInIt) {
   EXPECT_FALSE(listingOf({"/dav/"}).holdsItems);
-  EXPECT_FALSE(listingOf({"/dav/", "/dav/" + makeDAVTemporaryName()}).holdsItems);
+  EXPECT_FALSE(listingOf({"/dav/", "/dav/" + makeTemporaryName()}).holdsItems);
   EXPECT_TRUE(listingOf({"/dav/", "/dav/a"}).holdsItems);
   EXPECT_TRUE(listingOf({"/dav/", "/dav/a%2Fb"}).holdsItems);
   EXPECT_TRUE(listingOf({"/dav/", "/elsewhere/a"}).holdsItems);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <map>
 
+#include "remote/TemporaryNames.h"
 #include "remote/webdav/WebDAVEngine.h"
 #include "remote/webdav/WebDAVSession.h"
 #include "tests/support/SessionDoubles.h"
@@ -181,7 +182,7 @@ TEST_P(WebDAVReal, AFolderInAFilesPlaceSurvivesWhatIsMeantForTheFile) {
 
 TEST_P(WebDAVReal, TheNamesOfUploadsAreNeverListedAndDoNotKeepAFolder) {
   server->makeFolder(at("folder"));
-  const std::string leftOver = at("folder/") + makeDAVTemporaryName();
+  const std::string leftOver = at("folder/") + makeTemporaryName();
   server->putFile(leftOver, "half");
   logIn();
   std::vector<RemoteEntry> entries;
