@@ -7,7 +7,8 @@
 #include <fstream>
 
 #include "remote/sftp/KnownHosts.h"
-#include "tests/sftp/SshServer.h"
+#include "tests/sftp/SshTest.h"
+#include "tests/support/ChildProcess.h"
 
 namespace ombra::test {
 namespace {

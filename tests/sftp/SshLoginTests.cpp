@@ -4,7 +4,8 @@
 #include <fstream>
 
 #include "tests/sftp/FaultProxy.h"
-#include "tests/sftp/SshServer.h"
+#include "tests/sftp/SshTest.h"
+#include "tests/support/ChildProcess.h"
 
 namespace ombra::test {
 namespace {
@@ -21,13 +22,13 @@ TEST_F(SshLogin, WithAKeyFileLandsInTheLoginFolder) {
 TEST_F(SshLogin, WithAnEncryptedKeyNeedsItsPassphrase) {
   start();
   auto credentials = bareCredentials();
-  credentials->setOption("identityFile", server->encryptedKeyFile());
+  credentials->setOption("identityFile", makeEncryptedKey("open sesame"));
   EXPECT_EQ(kQuarnKitLoginFailed, logIn(credentials));
   EXPECT_NE(std::string::npos, error->description().find("needs a passphrase")) << error->description();
   credentials->setOption("passphrase", "wrong");
   EXPECT_EQ(kQuarnKitLoginFailed, logIn(credentials));
   EXPECT_NE(std::string::npos, error->description().find("another passphrase")) << error->description();
-  credentials->setOption("passphrase", SshServer::kPassphrase);
+  credentials->setOption("passphrase", "open sesame");
   EXPECT_EQ(0, logIn(credentials)) << error->description();
 }
 
@@ -104,16 +105,16 @@ TEST_F(SshLogin, UsesTheAgentsKeys) {
   ChildProcess agent({"ssh-agent", "-D", "-a", socket});
   ASSERT_NE("", agent.waitForLine("SSH_AUTH_SOCK"));
   setenv("SSH_AUTH_SOCK", socket.c_str(), 1);
-  ASSERT_TRUE(runProgram({"ssh-add", server->keyFile()}));
+  ASSERT_TRUE(runProgram({"ssh-add", server->identityFile()}));
   EXPECT_EQ(0, logIn(bareCredentials())) << error->description();
   unsetenv("SSH_AUTH_SOCK");
 }
 
 TEST_F(SshLogin, UsesTheKeysInTheUsersFolder) {
   start();
-  std::ifstream key(server->keyFile());
+  std::ifstream key(server->identityFile());
   writeHomeFile(".ssh/id_ed25519", std::string(std::istreambuf_iterator<char>(key), {}));
-  std::ifstream publicKey(server->keyFile() + ".pub");
+  std::ifstream publicKey(server->identityFile() + ".pub");
   writeHomeFile(".ssh/id_ed25519.pub", std::string(std::istreambuf_iterator<char>(publicKey), {}));
   EXPECT_EQ(0, logIn(bareCredentials())) << error->description();
 }
@@ -123,7 +124,7 @@ TEST_F(SshLogin, HonoursTheUsersConfiguration) {
   writeHomeFile(".ssh/config",
                 fmt::format("Host alias\n  HostName 127.0.0.1\n  Port {}\n  User root\n  IdentityFile {}\n"
                             "Host other\n  HostName 127.0.0.1\n  Port 1\n",
-                            server->port(), server->keyFile()));
+                            server->port(), server->identityFile()));
   auto credentials = std::make_shared<KCCredentials>();
   credentials->setProtocol(kProtocolSFTP);
   credentials->setAddress("alias");
@@ -135,7 +136,7 @@ TEST_F(SshLogin, HonoursTheUsersConfiguration) {
   credentials->setAddress("other");
   credentials->setPort(server->port());
   credentials->setUsername("root");
-  credentials->setOption("identityFile", server->keyFile());
+  credentials->setOption("identityFile", server->identityFile());
   EXPECT_EQ(0, logIn(credentials)) << error->description();
 }
 

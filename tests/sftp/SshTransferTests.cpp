@@ -10,7 +10,7 @@
 
 #include "remote/sftp/PipeTransport.h"
 #include "tests/sftp/FaultProxy.h"
-#include "tests/sftp/SshServer.h"
+#include "tests/sftp/SshTest.h"
 
 namespace ombra::test {
 namespace {

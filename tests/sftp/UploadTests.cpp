@@ -738,6 +738,23 @@ TEST_F(SFTPStream, ThatIsCancelledEndsWithThatError) {
   EXPECT_EQ(kQuarnKitCancelled, codeOf(error));
 }
 
+TEST_F(SFTPStream, ThatIsCancelledHasEndedOnTheServerTooWhenItReturns) {
+  logIn();
+  bool isAnswered = false;
+  peer->setWhenIdle([&](PeerTransport& transport) {
+    isAnswered = server.openHandles() == 0;
+    server.flush(transport);
+  });
+  int calls = 0;
+  EXPECT_FALSE(stream([&](std::byte*, size_t) -> size_t {
+    server.batch = SIZE_MAX;
+    control.cancelled = ++calls == 3;
+    return control.cancelled ? 0 : 10;
+  }));
+  EXPECT_EQ(kQuarnKitCancelled, codeOf(error));
+  EXPECT_TRUE(isAnswered) << "writes or the close are still under way";
+}
+
 TEST_F(SFTPStream, WhoseCloseFailsHasFailed) {
   server.refusals[kSFTPClose] = {kSFTPStatusFailure, 0};
   server.refusalText = "Disk quota exceeded";

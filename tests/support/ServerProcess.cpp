@@ -37,7 +37,10 @@ int millisecondsUntil(std::chrono::steady_clock::time_point end) {
 
 }  // namespace
 
-ServerProcess::~ServerProcess() { stop(); }
+ServerProcess::~ServerProcess() {
+  stop();
+  closeOutput();
+}
 
 std::string ServerProcess::findProgram(const std::string& name) {
   for (const char* folder : {"/usr/sbin/", "/usr/bin/", "/usr/local/sbin/", "/usr/local/bin/"}) {
@@ -60,6 +63,7 @@ int ServerProcess::freePort() {
 
 bool ServerProcess::start(const std::vector<std::string>& command, const std::string& ready, int port) {
   stop();
+  closeOutput();
   iLog.clear();
   std::array<int, 2> output{};
   if (pipe2(output.data(), O_CLOEXEC) != 0) return false;
@@ -88,10 +92,10 @@ bool ServerProcess::start(const std::vector<std::string>& command, const std::st
   return false;
 }
 
-bool ServerProcess::waitForOutput(const std::string& ready) {
+bool ServerProcess::waitForOutput(const std::string& text) {
   const auto end = std::chrono::steady_clock::now() + kServerStartLimit;
   std::array<char, 4096> buffer{};
-  while (iLog.find(ready) == std::string::npos) {
+  while (iLog.find(text) == std::string::npos) {
     pollfd waiting{iOutput, POLLIN, 0};
     if (poll(&waiting, 1, millisecondsUntil(end)) <= 0) return false;
     const ssize_t count = read(iOutput, buffer.data(), buffer.size());
@@ -127,6 +131,9 @@ void ServerProcess::stop() {
     waitpid(iProcess, nullptr, 0);
   }
   iProcess = -1;
+}
+
+void ServerProcess::closeOutput() {
   if (iOutput >= 0) close(iOutput);
   iOutput = -1;
 }

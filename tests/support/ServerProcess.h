@@ -19,11 +19,14 @@ class ServerProcess {
   // Starts the program and waits, for a bounded time, until its output holds `ready` or, where that is empty,
   // until somebody listens on the port. False with `log` telling why.
   bool start(const std::vector<std::string>& command, const std::string& ready, int port);
+  // Ends it. What it started itself may go on, and go on writing, until the next start.
   void stop();
   bool isRunning() const { return iProcess > 0; }
   pid_t process() const { return iProcess; }
-  // What it wrote while it started.
+  // What it wrote while it started, and was waited for.
   const std::string& log() const { return iLog; }
+  // Reads what it writes, for a bounded time, until `log` holds `text`.
+  bool waitForOutput(const std::string& text);
 
   // A port of 127.0.0.1 that nobody listens on now.
   static int freePort();
@@ -31,8 +34,8 @@ class ServerProcess {
   static std::string findProgram(const std::string& name);
 
  private:
-  bool waitForOutput(const std::string& ready);
   bool waitForPort(int port);
+  void closeOutput();
 
   pid_t iProcess = -1;
   int iOutput = -1;

@@ -7,12 +7,11 @@
 //   server.stop(); ... server.start();               // on the same port, with the same host key
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
 #include "remote/KCCredentials.h"
+#include "tests/support/ServerProcess.h"
 
 namespace ombra {
 
@@ -27,12 +26,14 @@ class SshdFixture {
   SshdFixture& operator=(const SshdFixture&) = delete;
 
   // Whether the constructor, or the last start, succeeded; else the reason.
-  bool isRunning() const { return iProcess > 0; }
+  bool isRunning() const { return iServer.isRunning(); }
   const std::string& whyNot() const { return iWhyNot; }
 
   int port() const { return iPort; }
   const std::string& user() const { return iUser; }
   std::string identityFile() const { return iFolder + "/client_key"; }
+  // Whose keys may log in, a line each; the one of `identityFile` is there.
+  std::string authorizedKeysFile() const { return iFolder + "/authorized_keys"; }
   const std::string& folder() const { return iFolder; }
   // The server's entry for a known_hosts file.
   std::string knownHostsLine() const;
@@ -44,16 +45,14 @@ class SshdFixture {
   // Starts again on the port of the first start, and returns when the server listens.
   bool start();
   // Ends the server; connections that are open stay.
-  void stop();
+  void stop() { iServer.stop(); }
   // Ends the processes that serve open connections.
   void dropConnections();
-  // What the server wrote while it started.
-  const std::string& log() const { return iLog; }
+  // What the server wrote from its start up to `text`; empty when that does not come.
+  std::string waitForLog(const std::string& text);
 
  private:
   bool prepare();
-  bool launch();
-  bool waitUntilListening(int descriptor);
   bool fail(const std::string& reason);
 
   const std::vector<std::string> iExtraConfiguration;
@@ -61,10 +60,8 @@ class SshdFixture {
   std::string iUser;
   std::string iFingerprint;
   std::string iWhyNot;
-  std::string iLog;
   int iPort = 0;
-  pid_t iProcess = -1;
-  int iLogDescriptor = -1;
+  ServerProcess iServer;
 };
 
 }  // namespace ombra

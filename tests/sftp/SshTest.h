@@ -1,4 +1,4 @@
-// A real sshd on a free port of this machine, with keys, accounts and a home folder of its own.
+// Sessions of a real sshd on a free port of this machine, with a home folder of their own.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,44 +9,11 @@
 #include <vector>
 
 #include "remote/Session.h"
-#include "tests/sftp/ChildProcess.h"
 #include "tests/sftp/SessionFixture.h"
+#include "tests/support/SshdFixture.h"
 #include "tests/support/TemporaryUser.h"
 
 namespace ombra::test {
-
-// Starts when it is made, ends with everything it made. Needs root: sshd takes passwords and accounts from
-// the system. `extra` lines go into its configuration, before the defaults of the tests.
-class SshServer {
- public:
-  explicit SshServer(const std::vector<std::string>& extra = {});
-  ~SshServer();
-  SshServer(const SshServer&) = delete;
-  SshServer& operator=(const SshServer&) = delete;
-
-  // Why it does not run; empty when it does.
-  const std::string& problem() const { return iProblem; }
-  int port() const { return iPort; }
-  // A folder that is removed at the end, and what lies in it.
-  const std::string& folder() const { return iFolder; }
-  std::string keyFile() const { return iFolder + "/id"; }
-  std::string encryptedKeyFile() const { return iFolder + "/id_encrypted"; }
-  std::string hostKeyFile() const { return iFolder + "/host"; }
-  static constexpr const char* kPassphrase = "open sesame";
-  // "SHA256:…" as ssh-keygen prints it.
-  std::string fingerprint() const;
-  // What sshd has said so far, up to a line that holds `text`.
-  std::string waitForLog(const std::string& text) { return iDaemon->waitForLine(text); }
-
- private:
-  void writeConfiguration(const std::vector<std::string>& extra);
-  bool makeKey(const std::string& file, const std::string& passphrase);
-
-  std::string iFolder;
-  std::string iProblem;
-  int iPort = 0;
-  std::unique_ptr<ChildProcess> iDaemon;
-};
 
 // HOME points into an empty folder while a test runs.
 class SshTest : public ::testing::Test {
@@ -54,7 +21,8 @@ class SshTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
-  // Starts a server; skips the test (fails it in CI) when that is not possible here.
+  // Starts a server, with `extra` lines before its configuration; skips the test (fails it in CI) when that
+  // is not possible here.
   void start(const std::vector<std::string>& extra = {});
   // Credentials for the server with the test's key.
   std::shared_ptr<KCCredentials> keyCredentials() const;
@@ -63,10 +31,12 @@ class SshTest : public ::testing::Test {
   // Logs in; the error's code, 0 for success.
   int64_t logIn(std::shared_ptr<const KCCredentials> credentials);
   void writeHomeFile(const std::string& name, const std::string& content);
+  // A second key that the server takes, encrypted with a passphrase; its file.
+  std::string makeEncryptedKey(const std::string& passphrase) const;
   // A file that the server can read and write.
   std::string remoteFile(const std::string& name, const std::string& content) const;
 
-  std::unique_ptr<SshServer> server;
+  std::unique_ptr<SshdFixture> server;
   std::string home;
   std::shared_ptr<LineTranscript> transcript = std::make_shared<LineTranscript>();
   std::vector<std::string> trustQuestions;

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace ombra::test {
+namespace ombra {
 
 // Runs a program with its output and error output in one pipe. Ended and collected when it goes out of scope.
 class ChildProcess {
@@ -18,6 +18,8 @@ class ChildProcess {
 
   // Reads output up to a line that holds `text`; what was read. Empty when the program ended without it.
   std::string waitForLine(const std::string& text);
+  // Everything up to the end of the output.
+  std::string readToEnd();
   // Waits for the end; the exit status.
   int wait();
   pid_t pid() const { return iPid; }
@@ -27,7 +29,7 @@ class ChildProcess {
   int iOutput = -1;
 };
 
-// Runs a program to its end; true for exit status 0.
+// Runs a program to its end; true for exit status 0. `output`: what it wrote.
 bool runProgram(const std::vector<std::string>& arguments, std::string* output = nullptr);
 
-}  // namespace ombra::test
+}  // namespace ombra

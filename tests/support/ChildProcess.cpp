@@ -1,4 +1,4 @@
-#include "tests/sftp/ChildProcess.h"
+#include "tests/support/ChildProcess.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -6,7 +6,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace ombra::test {
+#include <array>
+
+namespace ombra {
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments) {
   int ends[2];
@@ -43,6 +45,16 @@ std::string ChildProcess::waitForLine(const std::string& text) {
   return {};
 }
 
+std::string ChildProcess::readToEnd() {
+  std::string text;
+  std::array<char, 4096> buffer{};
+  ssize_t count = 0;
+  while ((count = ::read(iOutput, buffer.data(), buffer.size())) > 0) {
+    text.append(buffer.data(), static_cast<size_t>(count));
+  }
+  return text;
+}
+
 int ChildProcess::wait() {
   int status = -1;
   if (iPid > 0) waitpid(iPid, &status, 0);
@@ -52,11 +64,9 @@ int ChildProcess::wait() {
 
 bool runProgram(const std::vector<std::string>& arguments, std::string* output) {
   ChildProcess child(arguments);
-  // Reads to the end, since no line holds this.
-  const std::string marker(1, '\0');
-  std::string text = child.waitForLine(marker);
-  if (output != nullptr) *output = text;
+  std::string text = child.readToEnd();
+  if (output != nullptr) *output = std::move(text);
   return child.wait() == 0;
 }
 
-}  // namespace ombra::test
+}  // namespace ombra
