@@ -6,6 +6,7 @@
 #include <memory>
 #include <utility>
 
+#include "remote/ConfirmedUpload.h"
 #include "remote/TemporaryNames.h"
 #include "remote/ftp/FTPReplyItems.h"
 #include "remote/ftp/FTPSession.h"
@@ -15,28 +16,6 @@ namespace ombra {
 namespace {
 
 constexpr size_t kUploadPiece = 256 * 1024;
-
-// What is sent counts as confirmed while it is on its way, so that what is written meanwhile counts as new;
-// it is given back unless it was stored.
-class ConfirmedUpload {
- public:
-  ConfirmedUpload(NSFileHandle& file, uint64_t length)
-      : iFile(file), iUnconfirmed(file.isScratch() ? file.unconfirmedExtents(0) : std::vector<FileExtent>()) {
-    file.noteConfirmed({0, length});
-  }
-  ~ConfirmedUpload() {
-    if (iIsStored) return;
-    for (const FileExtent& extent : iUnconfirmed) iFile.noteWritten(extent);
-  }
-  ConfirmedUpload(const ConfirmedUpload&) = delete;
-  ConfirmedUpload& operator=(const ConfirmedUpload&) = delete;
-  void stored() { iIsStored = true; }
-
- private:
-  NSFileHandle& iFile;
-  const std::vector<FileExtent> iUnconfirmed;
-  bool iIsStored = false;
-};
 
 // A refusal of the name, not of the moment or of the amount.
 bool refusesName(const NSErrorRef& error) {
@@ -77,10 +56,7 @@ bool FTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t offs
     reason = nullptr;
     stored = storeInPlace(from, length, path, control, &reason) ? Stored::kYes : Stored::kNo;
   }
-  if (stored == Stored::kYes) {
-    confirmed.stored();
-    return true;
-  }
+  if (confirmed.stored(stored == Stored::kYes)) return true;
   storeError(error, explain(std::move(reason), FTPOperation::kStore, path));
   return false;
 }

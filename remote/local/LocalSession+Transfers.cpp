@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <limits>
 
+#include "remote/ConfirmedUpload.h"
 #include "remote/QuarnKitError.h"
 #include "remote/local/FileCopy.h"
 #include "remote/local/LocalErrors.h"
@@ -98,10 +99,7 @@ bool LocalSession::uploadWhole(NSFileHandle& from, const std::string& path, Tran
   const FileExtent all{0, from.fileLength()};
   // Nothing of what had been confirmed is left in a file that is written in place.
   if (file.isInPlace()) from.noteWritten(all);
-  // Confirmed before it is read: what is written while the copy runs then counts as new.
-  const std::vector<FileExtent> unconfirmed =
-      from.isScratch() ? from.unconfirmedExtents(0) : std::vector<FileExtent>();
-  from.noteConfirmed(all);
+  ConfirmedUpload confirmed(from, all.end);
   FileCopy copy;
   copy.from = from.fileDescriptor();
   copy.to = file.descriptor();
@@ -109,9 +107,7 @@ bool LocalSession::uploadWhole(NSFileHandle& from, const std::string& path, Tran
   copy.control = &control;
   copy.interrupted = &iInterrupted;
   uint64_t reached = 0;
-  if (copy.copyRange(all, &reached, error) && file.commit(error)) return true;
-  for (const FileExtent& extent : unconfirmed) from.noteWritten(extent);
-  return false;
+  return confirmed.stored(copy.copyRange(all, &reached, error) && file.commit(error));
 }
 
 bool LocalSession::uploadExtents(NSFileHandle& from, const std::string& path, uint64_t offset,

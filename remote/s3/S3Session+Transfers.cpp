@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "remote/ConfirmedUpload.h"
 #include "remote/QuarnKitError.h"
 #include "remote/s3/S3Body.h"
 #include "remote/s3/S3Digest.h"
@@ -20,6 +21,18 @@ const HTTPHeader kAnyContent{"Content-Type", "application/octet-stream"};
 bool failCancelled(std::string_view path, NSErrorRef* error) {
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
   return false;
+}
+
+// For an object without content yet.
+S3Request putRequest(const S3Path& path, TransferControl& control) {
+  S3Request request;
+  request.method = "PUT";
+  request.bucket = path.bucket;
+  request.key = path.key;
+  request.headers = {kAnyContent};
+  request.body.emplace();
+  request.control = &control;
+  return request;
 }
 
 // A request whose body failed says that it was cancelled: the file knows better.
@@ -80,12 +93,8 @@ bool S3Session::upload(NSFileHandle& from, std::string_view path, uint64_t offse
   }
   if (refuseOutsideOfBucket(object, error) || !requireFolder(object.parent(), error)) return false;
   const uint64_t length = from.fileLength();
-  // Confirmed before it is read: what is written while the upload runs then counts as new.
-  const std::vector<FileExtent> unconfirmed = from.unconfirmedExtents(0);
-  from.noteConfirmed({0, length});
-  if (sendWhole(from, length, object, control, error)) return true;
-  for (const FileExtent& extent : unconfirmed) from.noteWritten(extent);
-  return false;
+  ConfirmedUpload confirmed(from, length);
+  return confirmed.stored(sendWhole(from, length, object, control, error));
 }
 
 bool S3Session::sendWhole(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
@@ -99,17 +108,10 @@ bool S3Session::sendWhole(NSFileHandle& from, uint64_t length, const S3Path& pat
 bool S3Session::putFile(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
                         NSErrorRef* error) {
   S3FileBody body(from, {0, length}, control);
-  S3Request request;
-  request.method = "PUT";
-  request.bucket = path.bucket;
-  request.key = path.key;
-  request.headers = {kAnyContent};
-  request.control = &control;
+  S3Request request = putRequest(path, control);
   if (length > 0) {
     request.body = body.body();
     if (iClient.signsPayloads()) request.payloadHash = s3SHA256OfFile(from, {0, length}).value_or("");
-  } else {
-    request.body.emplace();
   }
   return iClient.performOrFail(std::move(request), path.text(), error) || failWith(body, error);
 }
@@ -163,17 +165,10 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
 // A stream that is shorter than a part needs no parts.
 bool S3Session::putBuffer(S3PartBuffer& buffer, const std::string& hash, const S3Path& path,
                           TransferControl& control, NSErrorRef* error) {
-  S3Request request;
-  request.method = "PUT";
-  request.bucket = path.bucket;
-  request.key = path.key;
-  request.headers = {kAnyContent};
-  request.control = &control;
+  S3Request request = putRequest(path, control);
   if (buffer.length() > 0) {
     request.body = buffer.body();
     request.payloadHash = hash;
-  } else {
-    request.body.emplace();
   }
   return iClient.performOrFail(std::move(request), path.text(), error).has_value();
 }

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "remote/ConfirmedUpload.h"
 #include "remote/QuarnKitError.h"
 #include "remote/TemporaryNames.h"
 #include "remote/webdav/WebDAVSession.h"
@@ -148,13 +149,8 @@ bool WebDAVSession::upload(NSFileHandle& from, std::string_view path, uint64_t o
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "writing into an existing file"));
     return false;
   }
-  // Confirmed before it is read: what is written while it is sent counts as new.
-  const std::vector<FileExtent> unconfirmed =
-      from.isScratch() ? from.unconfirmedExtents(0) : std::vector<FileExtent>();
-  from.noteConfirmed({0, from.fileLength()});
-  if (Upload(*this, from, path, control).run(error)) return true;
-  for (const FileExtent& extent : unconfirmed) from.noteWritten(extent);
-  return false;
+  ConfirmedUpload confirmed(from, from.fileLength());
+  return confirmed.stored(Upload(*this, from, path, control).run(error));
 }
 
 }  // namespace ombra
