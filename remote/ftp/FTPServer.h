@@ -1,6 +1,7 @@
 // What the sessions to one server have learnt of it.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,7 +12,7 @@
 
 namespace ombra {
 
-// Facts that hold for every session, so that each is found out once. Thread-safe.
+// Facts that hold for every session, so that each is found out once; none depends on another. Thread-safe.
 class FTPServer {
  public:
   enum class Passive { kUnknown, kExtended, kPlain };
@@ -21,47 +22,47 @@ class FTPServer {
   void setFeatures(const FTPFeatures& features) EXCLUDES(iLock);
 
   // How data connections are asked for; only a way that has worked is remembered.
-  Passive passive() const EXCLUDES(iLock);
-  void setPassive(Passive passive) EXCLUDES(iLock);
+  Passive passive() const { return iPassive; }
+  void setPassive(Passive passive) { iPassive = passive; }
   // Whether commands may be sent before the replies to those in front of them. Most servers read a command
   // when they have dealt with the one before; one that was seen to throw away what came early is asked one by
   // one.
-  bool mayPipeline() const EXCLUDES(iLock);
-  void stopPipelining() EXCLUDES(iLock);
+  bool mayPipeline() const { return iMayPipeline; }
+  void stopPipelining() { iMayPipeline = false; }
   // Whether LIST takes "-a", without which some servers keep names with a dot to themselves.
-  Answer listsAll() const EXCLUDES(iLock);
-  void setListsAll(Answer answer) EXCLUDES(iLock);
+  Answer listsAll() const { return iListsAll; }
+  void setListsAll(Answer answer) { iListsAll = answer; }
   // Whether STAT of a path tells of that item.
-  Answer stats() const EXCLUDES(iLock);
-  void setStats(Answer answer) EXCLUDES(iLock);
+  Answer stats() const { return iStats; }
+  void setStats(Answer answer) { iStats = answer; }
   // Whether SITE CHMOD works.
-  Answer changesModes() const EXCLUDES(iLock);
-  void setChangesModes(Answer answer) EXCLUDES(iLock);
+  Answer changesModes() const { return iChangesModes; }
+  void setChangesModes(Answer answer) { iChangesModes = answer; }
   // Whether a rename replaces what has that name.
-  Answer renamesOver() const EXCLUDES(iLock);
-  void setRenamesOver(Answer answer) EXCLUDES(iLock);
+  Answer renamesOver() const { return iRenamesOver; }
+  void setRenamesOver(Answer answer) { iRenamesOver = answer; }
   // Whether files can be sent under another name and be renamed.
-  Answer usesTemporaries() const EXCLUDES(iLock);
-  void setUsesTemporaries(Answer answer) EXCLUDES(iLock);
+  Answer usesTemporaries() const { return iUsesTemporaries; }
+  void setUsesTemporaries(Answer answer) { iUsesTemporaries = answer; }
   // The mode that a file gets when it is made.
-  std::optional<uint16_t> modeOfNewFiles() const EXCLUDES(iLock);
-  void setModeOfNewFiles(uint16_t mode) EXCLUDES(iLock);
+  std::optional<uint16_t> modeOfNewFiles() const { return iModeOfNewFiles; }
+  void setModeOfNewFiles(uint16_t mode) { iModeOfNewFiles = mode; }
 
   // Temporary files that could not be removed because the session was lost.
   void addLeftover(std::string path) EXCLUDES(iLock);
   std::vector<std::string> takeLeftovers() EXCLUDES(iLock);
 
  private:
+  std::atomic<Passive> iPassive = Passive::kUnknown;
+  std::atomic<bool> iMayPipeline = true;
+  std::atomic<Answer> iListsAll = Answer::kUnknown;
+  std::atomic<Answer> iStats = Answer::kUnknown;
+  std::atomic<Answer> iChangesModes = Answer::kUnknown;
+  std::atomic<Answer> iRenamesOver = Answer::kUnknown;
+  std::atomic<Answer> iUsesTemporaries = Answer::kUnknown;
+  std::atomic<std::optional<uint16_t>> iModeOfNewFiles = std::optional<uint16_t>();
   mutable Mutex iLock;
   std::optional<FTPFeatures> iFeatures GUARDED_BY(iLock);
-  Passive iPassive GUARDED_BY(iLock) = Passive::kUnknown;
-  bool iMayPipeline GUARDED_BY(iLock) = true;
-  Answer iListsAll GUARDED_BY(iLock) = Answer::kUnknown;
-  Answer iStats GUARDED_BY(iLock) = Answer::kUnknown;
-  Answer iChangesModes GUARDED_BY(iLock) = Answer::kUnknown;
-  Answer iRenamesOver GUARDED_BY(iLock) = Answer::kUnknown;
-  Answer iUsesTemporaries GUARDED_BY(iLock) = Answer::kUnknown;
-  std::optional<uint16_t> iModeOfNewFiles GUARDED_BY(iLock);
   std::vector<std::string> iLeftovers GUARDED_BY(iLock);
 };
 

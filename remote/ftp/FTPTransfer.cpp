@@ -171,20 +171,19 @@ bool FTPTransfer::connect(NSErrorRef* error) {
   return true;
 }
 
+bool FTPTransfer::goOn(Outcome outcome, NSErrorRef* error) {
+  if (outcome == Outcome::kWait) return wait(iStream->events(), error);
+  if (outcome != Outcome::kDone) return explainBreak(iStream->problem(), error);
+  touch();
+  return true;
+}
+
 bool FTPTransfer::establish(NSErrorRef* error) {
   if (!connect(error)) return false;
   while (iState == State::kHandshake) {
-    switch (iStream->handshake()) {
-      case Outcome::kDone:
-        touch();
-        iState = State::kOpen;
-        break;
-      case Outcome::kWait:
-        if (!wait(iStream->events(), error)) return false;
-        break;
-      default:
-        return explainBreak(iStream->problem(), error);
-    }
+    const Outcome outcome = iStream->handshake();
+    if (!goOn(outcome, error)) return false;
+    if (outcome == Outcome::kDone) iState = State::kOpen;
   }
   return true;
 }
@@ -251,18 +250,9 @@ bool FTPTransfer::send(const void* bytes, size_t length, NSErrorRef* error) {
   const auto* at = static_cast<const std::byte*>(bytes);
   while (length > 0) {
     size_t sent = 0;
-    switch (iStream->send(at, length, &sent)) {
-      case Outcome::kDone:
-        at += sent;
-        length -= sent;
-        touch();
-        break;
-      case Outcome::kWait:
-        if (!wait(iStream->events(), error)) return false;
-        break;
-      default:
-        return explainBreak(iStream->problem(), error);
-    }
+    if (!goOn(iStream->send(at, length, &sent), error)) return false;
+    at += sent;
+    length -= sent;
   }
   return true;
 }

@@ -77,6 +77,8 @@ class FTPTransfer {
   bool checkConnect(NSErrorRef* error);
   // Waits for the data connection, `events` of it, or for a reply that ends the transfer.
   bool wait(short events, NSErrorRef* error);
+  // After a step of the data connection: waits where it asks for that. False when it broke.
+  bool goOn(Outcome outcome, NSErrorRef* error);
   bool takeReplies(NSErrorRef* error);
   std::chrono::steady_clock::time_point limit() const;
   bool isCancelled(NSErrorRef* error);
