@@ -8,11 +8,13 @@
 #include <cerrno>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSLog.h"
+#include "platform/userfs/FuseModule.h"
 #include "platform/userfs/KernelMount.h"
 #include "platform/userfs/KernelWire.h"
 #include "platform/userfs/RequestContext.h"
@@ -47,13 +49,15 @@ void unblockWakeUpSignal() {
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
+// Options of one word each, whatever is in it: the library takes a comma for the end of one.
 class Arguments {
  public:
-  explicit Arguments(const MountOptions& options) {
+  Arguments(const MountOptions& options, bool withRedirect) {
     add("ombrafs");
     if (options.debug) add("-d");
     if (options.allowRoot) add("-oallow_root");
     add(fmt::format("-omax_read={}", KernelMount::kLargestRequest).c_str());
+    if (withRedirect) addRedirect(options);
   }
   ~Arguments() { fuse_opt_free_args(&iArguments); }
   Arguments(const Arguments&) = delete;
@@ -62,19 +66,55 @@ class Arguments {
 
  private:
   void add(const char* argument) { fuse_opt_add_arg(&iArguments, argument); }
+  void addOption(const std::string& option) {
+    char* escaped = nullptr;
+    fuse_opt_add_opt_escaped(&escaped, option.c_str());
+    if (escaped == nullptr) throw std::bad_alloc();
+    add("-o");
+    add(escaped);
+    free(escaped);  // NOLINT: the library's allocation
+  }
+  void addRedirect(const MountOptions& options) {
+    addOption("modules=redirect");
+    addOption("redirect_folder=" + options.redirect->folder);
+    if (options.redirect->hashesNames) addOption("redirect_sha1");
+    if (options.redirect->icon) addOption("redirect_volicon=" + *options.redirect->icon);
+    if (options.volumeName) addOption("volname=" + *options.volumeName);
+  }
   fuse_args iArguments{};
 };
 
+// A volume without it is still worth having; it says so and goes on.
+bool canRedirect(const MountOptions& options) {
+  if (!options.redirect) return false;
+  std::string reason;
+  if (loadFuseModule("redirect", &reason)) return true;
+  NSLog(
+      "Desktop litter will be stored on the server, and the volume has no icon: the module that keeps it "
+      "here "
+      "could not be loaded ({}). Install the program again.",
+      reason);
+  return false;
+}
+
 }  // namespace
+
+fuse* FuseSession::makeLibrary(const MountOptions& options, bool withRedirect) {
+  Arguments arguments(options, withRedirect);
+  return fuse_new(arguments.get(), &volumeOperations(), sizeof(fuse_operations), &iContext);
+}
 
 std::shared_ptr<FuseSession> FuseSession::create(std::shared_ptr<Volume> volume, const MountOptions& options,
                                                  size_t maximumThreads, std::function<void()> changed) {
   installWakeUpSignal();
   std::shared_ptr<FuseSession> session(
       new FuseSession(std::move(volume), maximumThreads, std::move(changed)));
-  Arguments arguments(options);
-  session->iLibrary.reset(
-      fuse_new(arguments.get(), &volumeOperations(), sizeof(fuse_operations), &session->iContext));
+  const bool redirects = canRedirect(options);
+  session->iLibrary.reset(session->makeLibrary(options, redirects));
+  if (session->iLibrary == nullptr && redirects) {
+    NSLog("Desktop litter will be stored on the server, and the volume has no icon: see above.");
+    session->iLibrary.reset(session->makeLibrary(options, false));
+  }
   if (session->iLibrary == nullptr) return nullptr;
   session->iSession = fuse_get_session(session->iLibrary.get());
   return session;

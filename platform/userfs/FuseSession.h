@@ -66,6 +66,7 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   };
 
   FuseSession(std::shared_ptr<Volume> volume, size_t maximumThreads, std::function<void()> changed);
+  fuse* makeLibrary(const MountOptions& options, bool withRedirect);
   static ssize_t readMessage(int device, void* buffer, size_t size, void* library);
   static ssize_t writeMessage(int device, iovec* parts, int count, void* library);
   // The library's handle of the folder that this is the reply to the opening of.

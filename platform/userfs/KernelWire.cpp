@@ -32,6 +32,10 @@ RequestContext& RequestContext::current() {
 
 bool RequestContext::isLookup() const { return opcode == FUSE_LOOKUP; }
 
+uint64_t RequestContext::nodeIDOfFile() const {
+  return opcode == FUSE_RENAME || opcode == FUSE_RENAME2 ? 0 : nodeID;
+}
+
 bool readRequestHead(const void* message, size_t size) {
   RequestContext& context = RequestContext::current();
   context = RequestContext();

@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <utility>
 
 #include "platform/foundation/NSLog.h"
 
@@ -21,9 +22,22 @@ std::optional<std::string_view> valueOf(std::string_view option, std::string_vie
 }
 
 bool isIgnored(std::string_view option) {
-  // What they ask for is the nature of every volume here, or belongs to the redirect module.
-  return option == "cloudfs" || option == "netfs" || option == "modules=redirect" ||
-         option.substr(0, 9) == "redirect_";
+  // What they ask for is the nature of every volume here.
+  return option == "cloudfs" || option == "netfs";
+}
+
+// False for an option that is not the redirect module's.
+bool takeRedirectOption(std::string_view option, RedirectOptions* redirect) {
+  if (const auto folder = valueOf(option, "redirect_folder")) {
+    redirect->folder = std::string(*folder);
+  } else if (const auto icon = valueOf(option, "redirect_volicon")) {
+    redirect->icon = std::string(*icon);
+  } else if (option == "redirect_sha1") {
+    redirect->hashesNames = true;
+  } else {
+    return false;
+  }
+  return true;
 }
 
 std::string_view trimmed(std::string_view line) {
@@ -65,6 +79,8 @@ MountOptions::Permission MountOptions::permission(const char* fuseConf) {
 
 MountOptions MountOptions::parse(const std::vector<std::string>& options, Permission permission) {
   MountOptions parsed;
+  RedirectOptions redirect;
+  std::vector<std::string> ofRedirect;
   for (const std::string& option : options) {
     if (const auto fsname = valueOf(option, "fsname")) {
       parsed.fsname = cleanedOptionValue(*fsname);
@@ -78,6 +94,10 @@ MountOptions MountOptions::parse(const std::vector<std::string>& options, Permis
       parsed.jailSymlinks = true;
     } else if (option == "native_xattr") {
       parsed.nativeXattr = true;
+    } else if (option == "modules=redirect") {
+      parsed.redirect.emplace();
+    } else if (takeRedirectOption(option, &redirect)) {
+      ofRedirect.push_back(option);
     } else if (isIgnored(option)) {
       parsed.ignored.push_back(option);
     } else {
@@ -88,6 +108,16 @@ MountOptions MountOptions::parse(const std::vector<std::string>& options, Permis
   if (parsed.allowRoot && !permission.isRoot && !permission.userAllowOther) {
     NSLog("Mount option \"allow_root\" has been left out: /etc/fuse.conf has no line \"user_allow_other\".");
     parsed.allowRoot = false;
+  }
+  if (parsed.redirect && redirect.folder.empty()) {
+    NSLog("Mount option \"modules=redirect\" has been left out: \"redirect_folder=PATH\" is missing.");
+    parsed.redirect.reset();
+  }
+  if (parsed.redirect) {
+    parsed.redirect = std::move(redirect);
+  } else {
+    parsed.ignored.insert(parsed.ignored.end(), ofRedirect.begin(), ofRedirect.end());
+    if (redirect.icon) NSLog("The volume is shown without its icon: the folder for it is missing.");
   }
   if (parsed.fsname.empty()) parsed.fsname = MountOptions().fsname;
   return parsed;

@@ -8,15 +8,23 @@
 
 namespace ombra {
 
+// Of the module that keeps desktop litter on this machine.
+struct RedirectOptions {
+  std::string folder;
+  bool hashesNames = false;
+  std::optional<std::string> icon;  // shown by file managers
+};
+
 struct MountOptions {
-  std::string fsname = "ombrafs";         // shown as the device; holds nothing that begins a further option
-  std::optional<std::string> volumeName;  // shown by file managers
-  bool debug = false;                     // libfuse's own trace
-  bool allowRoot = false;                 // root may look as well, beside the user who mounted
-  bool jailSymlinks = false;              // absolute targets lead below the mount point
-  bool nativeXattr = false;               // extended-attribute calls are answered
-  std::vector<std::string> ignored;       // understood by other systems, or of the redirect module
-  std::vector<std::string> unknown;       // dropped
+  std::string fsname = "ombrafs";           // shown as the device; holds nothing that begins a further option
+  std::optional<std::string> volumeName;    // shown by file managers
+  bool debug = false;                       // libfuse's own trace
+  bool allowRoot = false;                   // root may look as well, beside the user who mounted
+  bool jailSymlinks = false;                // absolute targets lead below the mount point
+  bool nativeXattr = false;                 // extended-attribute calls are answered
+  std::optional<RedirectOptions> redirect;  // absent: litter goes to the server like everything else
+  std::vector<std::string> ignored;         // understood by other systems, or of a module that is off
+  std::vector<std::string> unknown;         // dropped
 
   // Whether the system lets this user share a mount with root, and what a log line says when it does not.
   struct Permission {

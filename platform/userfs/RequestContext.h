@@ -23,6 +23,8 @@ struct RequestContext {
 
   static RequestContext& current();
   bool isLookup() const;
+  // 0 where `nodeID` is that of a folder: a module may open a file to answer a move.
+  uint64_t nodeIDOfFile() const;
 };
 
 }  // namespace ombra

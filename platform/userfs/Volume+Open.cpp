@@ -75,7 +75,7 @@ int Volume::open(const char* path, int flags, pid_t process, uint64_t* handle, b
     if (const int result = openFile(listed, flags, &userData); result != 0) return result;
   }
   *keepPages = iHandles.isContentOfLastOpen(listed, userData);
-  *handle = addHandle(listed, userData, flags, process, RequestContext::current().nodeID);
+  *handle = addHandle(listed, userData, flags, process, RequestContext::current().nodeIDOfFile());
   return 0;
 }
 

@@ -19,7 +19,33 @@ TEST(MountOptions, TheListOfAHelperIsUnderstoodInFull) {
   EXPECT_EQ(options.volumeName, "Ada's files");
   EXPECT_TRUE(options.debug && options.nativeXattr && options.jailSymlinks && options.allowRoot);
   EXPECT_TRUE(options.unknown.empty());
-  EXPECT_EQ(options.ignored.size(), 6u);
+  EXPECT_EQ(options.ignored, (std::vector<std::string>{"cloudfs", "netfs"}));
+  ASSERT_TRUE(options.redirect);
+  EXPECT_EQ(options.redirect->folder, "/home/ada/cache");
+  EXPECT_EQ(options.redirect->icon, "/tmp/icon");
+  EXPECT_TRUE(options.redirect->hashesNames);
+}
+
+TEST(MountOptions, WhatTheRedirectModuleWouldNeedIsIgnoredWithoutIt) {
+  const MountOptions options =
+      MountOptions::parse({"redirect_sha1", "redirect_folder=/f", "redirect_volicon=/i"}, kRoot);
+  EXPECT_FALSE(options.redirect);
+  EXPECT_EQ(options.ignored.size(), 3u);
+  EXPECT_TRUE(options.unknown.empty());
+}
+
+TEST(MountOptions, TheRedirectModuleIsOffWithoutAFolder) {
+  EXPECT_FALSE(MountOptions::parse({"modules=redirect", "redirect_volicon=/i"}, kRoot).redirect);
+  EXPECT_FALSE(MountOptions::parse({"modules=redirect", "redirect_folder="}, kRoot).redirect);
+}
+
+TEST(MountOptions, APathOfTheRedirectModuleMayHoldAnything) {
+  const auto redirect =
+      MountOptions::parse({"modules=redirect", "redirect_folder=/a,b=c\\d", "redirect_volicon="}, kRoot)
+          .redirect;
+  ASSERT_TRUE(redirect);
+  EXPECT_EQ(redirect->folder, "/a,b=c\\d");
+  EXPECT_EQ(redirect->icon, "");
 }
 
 TEST(MountOptions, NothingIsOnUnlessAskedFor) {
