@@ -241,15 +241,15 @@ bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, 
     SFTPWriteQueue queue(iChannel, *handle, std::string(path), nobody);
     succeeded = sendStream(next, queue, control, path, &reason);
     NoControl never;
-    if (!succeeded && !QuarnKitError::isCode(reason, kQuarnKitCancelled)) queue.settleRest(never);
+    // Also of a stream that was cancelled: what follows it to the path, perhaps on another session, must not
+    // meet the rest of it there.
+    if (!succeeded) queue.settleRest(never);
   }
   const uint32_t closeID = iChannel.failure() ? 0 : iRequests.close(*handle);
   // A full disk or quota may show only here.
-  if (succeeded) {
-    succeeded = waitStatus(closeID, SFTPOperation::kWrite, path, &reason);
-  } else if (closeID != 0) {
-    iChannel.abandon(closeID);
-  }
+  const bool isClosed =
+      closeID != 0 && waitStatus(closeID, SFTPOperation::kWrite, path, succeeded ? &reason : nullptr);
+  succeeded = succeeded && isClosed;
   if (!succeeded) storeError(error, explainWrite(reason, path));
   return succeeded;
 }
