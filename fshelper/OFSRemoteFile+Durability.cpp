@@ -14,10 +14,21 @@
 #include "fshelper/OFSRemoteFileSupport.h"
 #include "fshelper/OFSTracing.h"
 #include "fshelper/StAbstractConnection.h"
+#include "remote/QuarnKitError.h"
 
 namespace ombra {
 namespace {
 constexpr const char* kSynchronize = "-[OFSRemoteFile synchronize:]";
+
+// The server has understood, and does not want it. Anything else may be different the next time.
+bool isRefusal(const NSErrorRef& error) {
+  for (const QuarnKitErrorCode code : {kQuarnKitNoSuchItem, kQuarnKitOutOfSpace, kQuarnKitItemExists,
+                                       kQuarnKitPermissionDenied, kQuarnKitRefused, kQuarnKitNotSupported,
+                                       kQuarnKitNotAFolder, kQuarnKitNameInvalid, kQuarnKitReadOnly}) {
+    if (QuarnKitError::isCode(error, code)) return true;
+  }
+  return false;
+}
 
 // Mode and date of `changes`, as far as it has them.
 void overlay(NSFileAttributes& attributes, const NSFileAttributes& changes) {
@@ -43,12 +54,18 @@ void OFSRemoteFile::locked_noteLocalChange(uint64_t from) {
   locked_publishLedger();
 }
 
-void OFSRemoteFile::locked_confirm(uint64_t generation) {
+void OFSRemoteFile::locked_confirm(uint64_t generation, bool isSentFromCacheFile) {
   iConfirmedGeneration = std::max(iConfirmedGeneration, generation);
   locked_publishLedger();
   if (iConfirmedGeneration != iLocalGeneration) return;
   iUnsentFrom = kCancelMark;
-  if (iFileHandle != nullptr) iFileHandle->extents()->clear();
+  if (iFileHandle == nullptr) return;
+  UnconfirmedExtents& extents = *iFileHandle->extents();
+  if (isSentFromCacheFile) {
+    extents.clearSent();
+  } else {
+    extents.clear();
+  }
 }
 
 // The record of extents is left alone: what was sent in place may still turn out not to be stored.
@@ -147,6 +164,8 @@ bool OFSRemoteFile::locked_synchronize(StAbstractConnection& holder, NSErrorRef*
   }
   // Told here; no later write need be told again.
   iUnreportedError.reset();
+  iRefusal = !iContentFailed && isRefusal(iLastError) ? iLastError : nullptr;
+  iRefusedGeneration = iLocalGeneration;
   storeError(error, ofs_posixError(kEIO, iLastError));
   return false;
 }
@@ -262,6 +281,14 @@ bool OFSRemoteFile::isCovered() {
   const ConditionLock lock(iCondition);
   const bool idle = iWorkers.empty() && (iState == kOFSSettled || iState == kOFSNew);
   return idle && (iAbandoned || (iConfirmedGeneration == iLocalGeneration && locked_isSettledInPlace()));
+}
+
+NSErrorRef OFSRemoteFile::refusal() {
+  if (iHeldTransfers != 0) return nullptr;
+  const ConditionLock lock(iCondition);
+  const bool isIdle = iState == kOFSSettled && iWorkers.empty() && !locked_sendsNothing();
+  const bool isUnsent = iConfirmedGeneration != iLocalGeneration;
+  return isIdle && isUnsent && iRefusedGeneration == iLocalGeneration ? iRefusal : nullptr;
 }
 
 bool OFSRemoteFile::downloadFailed() {

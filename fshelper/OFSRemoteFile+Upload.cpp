@@ -118,7 +118,9 @@ bool OFSRemoteFile::locked_uploadPass(Epoch epoch) {
   }
   iTransfer.end(path, succeeded ? nullptr : error);
   if (iEpoch != epoch) return false;
-  if (path == remotePath()) return locked_finishUploadPass(succeeded, transferred, generation, error);
+  if (path == remotePath()) {
+    return locked_finishUploadPass(succeeded, transferred, generation, snapshot.has_value(), error);
+  }
   // Moved meanwhile: whatever became of this pass, the file is not there. One more brings it to where it is.
   if (iBytesRequired == kCancelMark) return false;
   iNeedsFlush = true;
@@ -157,10 +159,10 @@ bool OFSRemoteFile::sendSnapshot(Epoch epoch, const std::optional<std::string>& 
 }
 
 bool OFSRemoteFile::locked_finishUploadPass(bool succeeded, uint64_t transferredBytes, uint64_t generation,
-                                            const NSErrorRef& error) {
+                                            bool hasSnapshot, const NSErrorRef& error) {
   iBytesAvailable = transferredBytes;
   iCondition.broadcast();
-  if (succeeded) locked_confirm(generation);
+  if (succeeded) locked_confirm(generation, !hasSnapshot);
   if (iBytesRequired == kCancelMark) {
     OFS_TRACE_MESSAGE("canceled {}: bytesAvailable={}", NSThread::name(), iBytesAvailable);
     return false;

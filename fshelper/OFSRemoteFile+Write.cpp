@@ -22,7 +22,7 @@ constexpr const char* kUploadInPlace = "-[OFSRemoteFile locked_uploadWithConnect
 constexpr const char* kTruncate = "-[OFSRemoteFile _truncateToOffset:error:]";
 
 // The server does not let this user write the file, so it has not touched it either.
-bool isRefusal(const NSErrorRef& error) {
+bool isProhibited(const NSErrorRef& error) {
   return QuarnKitError::isCode(error, kQuarnKitPermissionDenied) ||
          QuarnKitError::isCode(error, kQuarnKitReadOnly);
 }
@@ -202,10 +202,10 @@ void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset
     iTransfer.end(remotePath(), isSent ? nullptr : failure);
     if (!isSent) {
       locked_doubtServer();
-      if (offset == 0 ? wasCovered : wasStored && isRefusal(failure)) locked_discardContent();
+      if (offset == 0 ? wasCovered : wasStored && isProhibited(failure)) locked_discardContent();
       OFS_RAISE(kTruncate, "upload to {} failed: {}", remotePath(), ofs_describeError(failure));
     }
-    locked_confirm(iLocalGeneration);
+    locked_confirm(iLocalGeneration, true);
   }
   if (offset == 0) iContentFailed = false;
   locked_setState(kOFSSettled);

@@ -152,6 +152,9 @@ class OFSRemoteFile final : public GMOpenFile,
   bool hasBeenChanged() EXCLUDES(iCondition);
   // True when nothing written is missing on the server and no transfer runs. Never waits for a transfer.
   bool isCovered() EXCLUDES(iCondition);
+  // Why the server does not take what was written: the last synchronisation was told so, and nothing was
+  // written since. Null where it may still be sent, and where another attempt may help (no connection).
+  NSErrorRef refusal() EXCLUDES(iCondition);
   // True when the cache file is known not to be the file: its download failed or it could not be prepared.
   bool downloadFailed() EXCLUDES(iCondition);
   // Asks a running download (only that) to stop, for unmount. Never waits for a transfer.
@@ -307,7 +310,7 @@ class OFSRemoteFile final : public GMOpenFile,
   bool sendSnapshot(Epoch epoch, const std::optional<std::string>& snapshot, const std::string& path,
                     uint64_t* transferred, NSErrorRef* error) EXCLUDES(iCondition);
   bool locked_finishUploadPass(bool succeeded, uint64_t transferredBytes, uint64_t generation,
-                               const NSErrorRef& error) REQUIRES(iCondition);
+                               bool hasSnapshot, const NSErrorRef& error) REQUIRES(iCondition);
   bool locked_isStoredInPlace(StAbstractConnection& holder) REQUIRES(iCondition);
   void locked_truncate(StAbstractConnection& holder, int64_t offset) REQUIRES(iCondition);
   // The cache file is not the file any more: it is fetched again at the next open.
@@ -316,7 +319,8 @@ class OFSRemoteFile final : public GMOpenFile,
 
   // --- ledger
   void locked_noteLocalChange(uint64_t from) REQUIRES(iCondition);
-  void locked_confirm(uint64_t generation) REQUIRES(iCondition);
+  // `isSentFromCacheFile`: the server may still have it open, and refuse its close.
+  void locked_confirm(uint64_t generation, bool isSentFromCacheFile = false) REQUIRES(iCondition);
   // The same for a write that was sent in place, and may not be acknowledged yet.
   void locked_confirmInPlace() REQUIRES(iCondition);
   // Whether the server has acknowledged all that was sent in place.
@@ -371,6 +375,9 @@ class OFSRemoteFile final : public GMOpenFile,
   uint64_t iConfirmedGeneration GUARDED_BY(iCondition) = 0;
   // Where the first unconfirmed change begins.
   uint64_t iUnsentFrom GUARDED_BY(iCondition) = kCancelMark;
+  // What the last synchronisation was refused with, if it was, and of which state of the file.
+  NSErrorRef iRefusal GUARDED_BY(iCondition);
+  uint64_t iRefusedGeneration GUARDED_BY(iCondition) = 0;
   // An upload worker's failure that no writer has been told of yet.
   NSErrorRef iUnreportedError GUARDED_BY(iCondition);
 

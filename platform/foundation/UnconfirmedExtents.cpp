@@ -124,6 +124,12 @@ bool UnconfirmedExtents::isSettled() const {
   return iSenders == 0 && iFailure == nullptr;
 }
 
+void UnconfirmedExtents::clearSent() {
+  const ConditionLock lock(iCondition);
+  iExtents.clear();
+  iLeastLength.reset();
+}
+
 void UnconfirmedExtents::clear() {
   const ConditionLock lock(iCondition);
   iExtents.clear();

@@ -57,6 +57,9 @@ class UnconfirmedExtents {
   bool isSettled() const EXCLUDES(iCondition);
   // The server has the file as a whole, by another way.
   void clear() EXCLUDES(iCondition);
+  // The server has taken the file as a whole, sent from the file itself: what the close of it fails of is
+  // still to be told.
+  void clearSent() EXCLUDES(iCondition);
 
  private:
   void locked_add(FileExtent extent) REQUIRES(iCondition);

@@ -111,6 +111,42 @@ TEST_F(WrittenBehind, FailsTheSynchronisationWhoseOwnUploadIsRefusedAtItsClose) 
   EXPECT_TRUE(file->isCovered());
 }
 
+// The session may be asked for the file while it is still in the hands of the upload, and end it there.
+TEST_F(WrittenBehind, FailsTheSynchronisationWhoseUploadIsRefusedBeforeItCountsAsDone) {
+  writeBehind();
+  const NSErrorRef full = QuarnKitError::errorWithCode(kQuarnKitOutOfSpace);
+  end(full);
+  calls.fail(Call::kOpen, ENOSPC);
+  const auto hold = server.hold("uploadFileHandle", kPath, kAtEnd);
+  NSErrorRef error;
+  auto synchroniser = inBackground([&] { return file->synchronize(&error); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  file->fileHandle()->extents()->beginSending();
+  end(full);
+  hold->release();
+  EXPECT_FALSE(finish(synchroniser));
+  ASSERT_TRUE(isPosixError(error, kEIO));
+  EXPECT_EQ(error->underlyingError(), full);
+  EXPECT_FALSE(file->isCovered());
+}
+
+TEST_F(WrittenBehind, IsToldWhatTheCloseOfATruncationFailedOf) {
+  writeBehind();
+  end(nullptr);
+  const NSErrorRef full = QuarnKitError::errorWithCode(kQuarnKitOutOfSpace);
+  const auto hold = server.hold("uploadFileHandle", kPath, kAtEnd);
+  auto truncation = inBackground([this] { return file->_truncateToOffset(8, nullptr); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  file->fileHandle()->extents()->beginSending();
+  end(full);
+  hold->release();
+  EXPECT_TRUE(finish(truncation));
+  EXPECT_FALSE(file->isCovered());
+  EXPECT_TRUE(file->synchronize(nullptr)) << "sent once more";
+  EXPECT_EQ(server.transfers("uploadFileAtPath").size(), 1u);
+  EXPECT_TRUE(file->isCovered());
+}
+
 // The write was answered with success. It is not given up because the server refuses something else.
 TEST_F(WrittenBehind, IsNotGivenUpByATruncationThatIsRefused) {
   writeBehind();
