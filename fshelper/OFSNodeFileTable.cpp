@@ -40,6 +40,17 @@ std::vector<std::shared_ptr<OFSRemoteFile>> OFSNodeFileTable::detachedAtPath(
   return files;
 }
 
+std::vector<std::shared_ptr<OFSRemoteFile>> OFSNodeFileTable::refusedAtPath(
+    std::string_view remotePath) const {
+  std::vector<std::shared_ptr<OFSRemoteFile>> files;
+  MutexLock lock(iLock);
+  if (iDetached == 0) return files;
+  for (const auto& [file, entry] : iEntries) {
+    if (entry.refusal != nullptr && file->remotePath() == remotePath) files.push_back(entry.file);
+  }
+  return files;
+}
+
 void OFSNodeFileTable::beginUse(const OFSRemoteFile& file) {
   MutexLock lock(iLock);
   const auto found = iEntries.find(&file);
@@ -103,12 +114,32 @@ void OFSNodeFileTable::detach(OFSRemoteFile& file) {
     MutexLock lock(iLock);
     const auto found = iEntries.find(&file);
     if (found == iEntries.end()) return;
-    if (!found->second.isDetached) ++iDetached;
-    found->second.isDetached = true;
-    markOutdatedAtPath(file.remotePath());
+    detachEntry(found->second);
     if (found->second.uses != 0) return;
   }
   letGoIfSettled(file);
+}
+
+void OFSNodeFileTable::detachEntry(Entry& entry) {
+  if (!entry.isDetached) ++iDetached;
+  entry.isDetached = true;
+  markOutdatedAtPath(entry.file->remotePath());
+}
+
+bool OFSNodeFileTable::detachRefused(const OFSRemoteFile& file, uint64_t lastUse, NSErrorRef refusal) {
+  MutexLock lock(iLock);
+  const auto found = iEntries.find(&file);
+  if (found == iEntries.end() || found->second.uses != 0 || found->second.lastUse != lastUse) return false;
+  found->second.refusal = std::move(refusal);
+  detachEntry(found->second);
+  return true;
+}
+
+std::optional<uint64_t> OFSNodeFileTable::lastUse(const OFSRemoteFile& file) const {
+  MutexLock lock(iLock);
+  const auto found = iEntries.find(&file);
+  if (found == iEntries.end() || found->second.uses != 0) return std::nullopt;
+  return found->second.lastUse;
 }
 
 void OFSNodeFileTable::letGoIfSettled(OFSRemoteFile& file) {

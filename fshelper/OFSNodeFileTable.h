@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
@@ -11,6 +12,7 @@
 
 #include "fshelper/OFSRemoteFile.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/NSError.h"
 #include "remote/KCNode.h"
 
 namespace ombra {
@@ -31,6 +33,8 @@ class OFSNodeFileTable {
     // Detached, and another object of its remote path was made after it: what is unsent of it must not be
     // sent over that one, nor to where that one has left.
     bool isOutdated = false;
+    // Detached because the server has refused its content: it is not sent any more.
+    NSErrorRef refusal;
   };
 
   // A new object on `node`.
@@ -42,10 +46,17 @@ class OFSNodeFileTable {
   void endUse(OFSRemoteFile& file) EXCLUDES(iLock);
   // No node leads to the object any more: it goes as soon as it is out of use and nothing of it is unsent.
   void detach(OFSRemoteFile& file) EXCLUDES(iLock);
+  // Detaches an object that is out of use and was not used since `lastUse`, since the server has refused it.
+  // False when it was used.
+  bool detachRefused(const OFSRemoteFile& file, uint64_t lastUse, NSErrorRef refusal) EXCLUDES(iLock);
+  // When the object was last used; absent while it is in use, and for one that is not in the table.
+  std::optional<uint64_t> lastUse(const OFSRemoteFile& file) const EXCLUDES(iLock);
   // The item was removed: whatever is unsent has nowhere to go. Its handles keep the object.
   void forget(const OFSRemoteFile& file) EXCLUDES(iLock);
-  // The detached objects of a remote path.
+  // The detached objects of a remote path; and those of them that the server has refused.
   std::vector<std::shared_ptr<OFSRemoteFile>> detachedAtPath(std::string_view remotePath) const
+      EXCLUDES(iLock);
+  std::vector<std::shared_ptr<OFSRemoteFile>> refusedAtPath(std::string_view remotePath) const
       EXCLUDES(iLock);
   // Looks again at the objects out of use whose transfers outlived their last use: counts what has arrived
   // since, and lets go of those that no node leads to.
@@ -66,6 +77,8 @@ class OFSNodeFileTable {
     bool isMoving;
     uint64_t bytes;
   };
+  // Marks it as detached; what becomes of it is the caller's.
+  void detachEntry(Entry& entry) REQUIRES(iLock);
   static Measure measure(OFSRemoteFile& file);
   void note(Entry& entry, Measure measure) REQUIRES(iLock);
   void letGoIfSettled(OFSRemoteFile& file) EXCLUDES(iLock);

@@ -155,6 +155,8 @@ bool OmbraFileSystem::isOutdated(const OFSNodeFileTable::Entry& entry) const {
 // volume's, nor one that somebody else has made, which the known listing need not show yet. Why it must not
 // be sent; null when it may.
 NSErrorRef OmbraFileSystem::obstacleTo(const OFSNodeFileTable::Entry& entry) {
+  // The program was told, and has seen since what the server has instead.
+  if (entry.refusal != nullptr) return entry.refusal;
   if (isOutdated(entry)) return ofs_supersededError();
   if (!entry.isDetached) return nullptr;
   const std::string folder = stringByDeletingLastPathComponent(pathForRemotePath(entry.file->remotePath()));

@@ -86,6 +86,7 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   const bool isListed = canShowNewItems(parent);
   supersedeLeftBehind(file->remotePath(), nullptr);
   if (!file->openWithMode(kNewFileFlags, error)) return false;
+  dropRefusedAtPath(file->remotePath());
   std::shared_ptr<KCRemoteFileNode> node = isListed ? showNewFile(parent, *path) : nullptr;
   if (node == nullptr) {
     markStaleAtPath(parent, *path);

@@ -175,7 +175,8 @@ bool OmbraFileSystem::settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* erro
   for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) {
     const std::string filePath = entry.file->remotePath();
     if (filePath != remotePath && !movedPath(filePath, remotePath, {})) continue;
-    // What was left behind would be sent over the file that is to be moved.
+    // What was left behind would be sent over the file that is to be moved; what was refused is not sent.
+    if (entry.refusal != nullptr) continue;
     if (!entry.isDetached || !isOutdated(entry)) files.push_back(entry.file);
   }
   for (const auto& file : files) file->holdWrites();

@@ -25,6 +25,7 @@ bool OmbraFileSystem::openFileAtPath(OptionalPath path, int mode, GMUserData* us
   OFSNodeFilePin pin = pinnedRemoteFileForNode(node, remotePath);
   if ((mode & (kO_WRONLY | kO_RDWR | kO_TRUNC)) != 0) supersedeLeftBehind(remotePath, pin.file().get());
   if (!pin->openWithMode(static_cast<uint16_t>(mode), error)) return false;
+  if ((mode & kO_TRUNC) != 0) dropRefusedAtPath(remotePath);
   if (userData != nullptr) *userData = pin.keep();
   return true;
 }
@@ -82,15 +83,18 @@ bool OmbraFileSystem::truncateFileAtPath(OptionalPath path, const GMUserData& us
 
 void OmbraFileSystem::releaseFileAtPath(OptionalPath path, const GMUserData& userData) {
   OFS_TRACE("-[OmbraFileSystem releaseFileAtPath:userData:]", "{}", ofs_describe(path));
-  OFSRemoteFile* file = openedFile(userData);
+  const std::shared_ptr<OFSRemoteFile> file = std::dynamic_pointer_cast<OFSRemoteFile>(userData);
   if (file == nullptr) return;
-  // Ended also when the last upload raises; what it raises leaves this operation.
-  struct EndOfUse {
-    OFSNodeFileTable& table;
-    OFSRemoteFile& file;
-    ~EndOfUse() { table.endUse(file); }
-  } endOfUse{iFiles, *file};
-  file->close();
+  {
+    // Ended also when the last upload raises; what it raises leaves this operation.
+    struct EndOfUse {
+      OFSNodeFileTable& table;
+      OFSRemoteFile& file;
+      ~EndOfUse() { table.endUse(file); }
+    } endOfUse{iFiles, *file};
+    file->close();
+  }
+  setRefusedAside(file);
 }
 
 }  // namespace ombra

@@ -267,6 +267,13 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // Of what former items of the path have left unsent nothing is sent any more, since a file of that path is
   // about to be written or made. `successor` may be null.
   void supersedeLeftBehind(const std::string& remotePath, const OFSRemoteFile* successor);
+  // A file that nobody has open and whose content the server has refused: from now on the tree shows what the
+  // server has, and what was written is saved on this machine at the end.
+  void setRefusedAside(const std::shared_ptr<OFSRemoteFile>& file);
+  // Looks again at the folder, and where that has vanished at those above it.
+  void lookForVanished(std::string folder);
+  // The path was emptied or made anew, which replaces what was refused there.
+  void dropRefusedAtPath(const std::string& remotePath);
   // Makes `file` the node's open-file object.
   OFSNodeFilePin hangOnNode(const std::shared_ptr<OFSRemoteFile>& file,
                             const std::shared_ptr<KCRemoteFileNode>& node);
