@@ -46,7 +46,10 @@ Examples:
   ombra mount https://anna@cloud.example.org/dav/anna
   ombra mount s3://photos --region eu-central-1
   ombra mount s3://KEY@photos/2024 --endpoint https://s3.example.org
-  ombra mount file:///srv/shared)";
+  ombra mount file:///srv/shared
+
+With --save the password, the passphrase of --identity or the secret of an S3 key goes into the desktop's keyring once the
+server has taken it. ombra forget removes it. Where there is no keyring the command says so and goes on asking.)";
 
 constexpr const char* kStatusFooter =
     R"(Shows what is being fetched and sent, how fast and for how long, which files are not on the server yet, what the local
@@ -66,6 +69,16 @@ Examples:
   ombra unmount --all
   ombra unmount Photos --force     when the server is gone: what has not arrived there is given up)";
 
+constexpr const char* kForgetFooter =
+    R"(The path of the URL does not matter; the user, where it names one, and the port do. For S3 the URL names the access key.
+
+Examples:
+  ombra forget sftp://anna@nas.local
+  ombra forget s3://KEY@
+  ombra forget --all
+
+Exit codes: 0 done, 3 nothing was kept, 1 there is no keyring, or it stays locked.)";
+
 class CommandLine {
  public:
   CommandLine() : iApp("Mounts folders of servers as disks below /Volumes.", "ombra") {
@@ -79,9 +92,13 @@ class CommandLine {
     addUnmount();
     addRefresh();
     addLogs();
+    addForget();
     addDefaults();
   }
-  ~CommandLine() { wipe(iMount.url); }
+  ~CommandLine() {
+    wipe(iMount.url);
+    if (iForget.url) wipe(*iForget.url);
+  }
   CommandLine(const CommandLine&) = delete;
   CommandLine& operator=(const CommandLine&) = delete;
 
@@ -145,6 +162,8 @@ class CommandLine {
         ->type_name("FILE");
     command->add_flag("--ask-password", iMount.login.askPassword,
                       "Ask for the password even when there are keys");
+    command->add_flag("--save", iMount.login.save,
+                      "Keep the password in the desktop's keyring and find it there from then on");
     command->add_flag(
         "--accept-new", iMount.acceptNew,
         "Trust and remember a server that is not known yet; a changed key or certificate is always refused");
@@ -221,6 +240,21 @@ class CommandLine {
     command->add_flag("--follow,-f", iLogs.follow, "Go on with what is added, until Ctrl-C");
   }
 
+  void addForget() {
+    CLI::App* command = add("forget", "Remove passwords from the keyring that mount --save has put there",
+                            kForgetFooter, [this] { return runForgetChecked(); });
+    command->add_option("URL", iForget.url, "The server, and the user when the URL names one")->type_name("");
+    command->add_flag("--all", iForgetAll, "The passwords of all servers");
+    addJSON(command);
+  }
+
+  int runForgetChecked() {
+    if (iForgetAll != iForget.url.has_value()) return runForget(iForget, iOutput);
+    return iOutput.fail({kExitUsage,
+                         iForgetAll ? "Either name a server or use --all." : "No server was named.", "",
+                         "See: ombra forget --help"});
+  }
+
   void addDefaults() {
     CLI::App* command = iApp.add_subcommand("defaults", "Show and change settings of the helpers");
     command->require_subcommand(0, 1);
@@ -254,6 +288,8 @@ class CommandLine {
   UnmountOptions iUnmount;
   std::vector<std::string> iRefresh;
   LogsOptions iLogs;
+  ForgetOptions iForget;
+  bool iForgetAll = false;
   std::optional<std::string> iKey;
   std::optional<std::string> iValue;
 };

@@ -1,4 +1,5 @@
 #include <fmt/format.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -50,6 +51,8 @@ class MountCommand {
   MountCommand& operator=(const MountCommand&) = delete;
 
   int run() {
+    // Passwords pass through this process: no core file, and no other process of the user may look into it.
+    prctl(PR_SET_DUMPABLE, 0);
     Failure failure;
     const auto url = parseRemoteURL(iOptions.url, &failure);
     if (!url || !checkURL(*url, &failure) || !checkOptionsForURL(iOptions, *url, &failure) ||
@@ -61,11 +64,14 @@ class MountCommand {
     if (!helper) return iOutput.fail(failure);
     // Only when somebody sits there: a command in a pipe must not wait for an answer that nobody gives.
     if (isatty(STDIN_FILENO) == 1) iPrompt = TerminalPrompt::open(iInterruption);
-    const LoginTools tools{*url, iOptions, iOutput, iPrompt.get(), *iCredentials};
+    const Keyring keyring(keyringProgram(), iInterruption, iOutput);
+    SavedSecrets saved(keyring, iOutput, iOptions.login.save);
+    const LoginTools tools{*url, iOptions, iOutput, iPrompt.get(), *iCredentials, saved};
     const auto login = ProtocolLogin::forURL(tools);
     if (!login->prepare(&failure)) return iOutput.fail(stoppedOr(failure));
     return mountAndTell(iCredentials, iOptions.volume, *helper, iInterruption, iOutput,
-                        [&login](MountResult* result) { return login->retry(result); });
+                        {[&login](MountResult* result) { return login->retry(result); },
+                         [this, &saved] { saved.keep(*iCredentials); }});
   }
 
  private:

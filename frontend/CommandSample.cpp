@@ -41,7 +41,7 @@ int runSample(const VolumeOptions& options, const Output& output) {
   const auto helper = prepareMachine(&failure);
   if (!helper) return output.fail(failure);
   Interruption interruption;
-  return mountAndTell(sampleCredentials(*server, *folder), volume, *helper, interruption, output, nullptr);
+  return mountAndTell(sampleCredentials(*server, *folder), volume, *helper, interruption, output, {});
 }
 
 }  // namespace ombra

@@ -29,6 +29,10 @@ struct MountOptions {
   bool acceptNew = false;
 };
 
+struct ForgetOptions {
+  std::optional<std::string> url;  // absent: all passwords
+};
+
 struct UnmountOptions {
   std::vector<std::string> targets;
   bool all = false;
@@ -52,6 +56,7 @@ int runList(const Output& output);
 int runStatus(const StatusOptions& options, const Output& output);
 int runUnmount(const UnmountOptions& options, const Output& output);
 int runRefresh(const std::vector<std::string>& paths, const Output& output);
+int runForget(const ForgetOptions& options, const Output& output);
 int runLogs(const LogsOptions& options, const Output& output);
 // Without a key all settings.
 int runDefaultsGet(const std::optional<std::string>& key, const Output& output);

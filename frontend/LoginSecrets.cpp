@@ -23,7 +23,7 @@ std::string expandedHome(const std::string& path, const std::string& home) {
 
 // The key's file and, when it is locked, its passphrase. With no answer the key is still named: the agent may
 // hold it.
-bool useIdentity(const std::string& path, TerminalPrompt* prompt, KCCredentials* credentials,
+bool useIdentity(const std::string& path, const SecretSources& sources, KCCredentials* credentials,
                  Failure* failure) {
   const PrivateKeyKind kind = kindOfPrivateKey(path);
   if (kind == PrivateKeyKind::kUnreadable || kind == PrivateKeyKind::kNotAKey) {
@@ -38,17 +38,14 @@ bool useIdentity(const std::string& path, TerminalPrompt* prompt, KCCredentials*
   // With a key that is locked, the secret in the password file is what opens it.
   if (credentials->password()) {
     credentials->setOption("passphrase", *credentials->password());
+    sources.saved.wasGiven(SavedSecrets::Kind::kPassphrase);
     return true;
   }
-  if (prompt == nullptr) return true;
-  auto passphrase = prompt->secret(fmt::format("Passphrase of {}: ", inQuotes(path)));
-  if (!passphrase) {
-    *failure = {kExitLoginRefused, "No passphrase was given.", "", "Try again."};
-    return false;
-  }
-  if (!passphrase->empty()) credentials->setOption("passphrase", *passphrase);
-  wipe(*passphrase);
-  return true;
+  if (sources.saved.use(SavedSecrets::Kind::kPassphrase, credentials) || sources.prompt == nullptr)
+    return true;
+  if (askForPassphrase(sources, credentials)) return true;
+  *failure = {kExitLoginRefused, "No passphrase was given.", "", "Try again."};
+  return false;
 }
 
 bool usePasswordFile(const std::string& path, const Output& output, KCCredentials* credentials,
@@ -68,16 +65,26 @@ bool hasKeys(const LoginSurroundings& surroundings) {
          !defaultPrivateKeys(surroundings.homeFolder).empty();
 }
 
-bool askWhereNeeded(const LoginOptions& options, bool needed, TerminalPrompt* prompt,
+bool askWhereNeeded(const LoginOptions& options, bool needed, const SecretSources& sources,
                     KCCredentials* credentials, Failure* failure) {
-  if (options.askPassword && prompt == nullptr) {
+  if (options.askPassword && sources.prompt == nullptr) {
     *failure = {kExitUsage, "There is no terminal to ask for the password at.", "", "Use --password-file."};
     return false;
   }
-  if (prompt == nullptr || !(options.askPassword || needed)) return true;
-  if (askForPassword(*prompt, credentials)) return true;
+  if (sources.prompt == nullptr || !(options.askPassword || needed)) return true;
+  if (askForPassword(sources, credentials)) return true;
   *failure = {kExitLoginRefused, "No password was given.", "", "Try again, or use --password-file."};
   return false;
+}
+
+// The password that is there already, else the keyring's, unless another one is wanted. True when there is
+// one.
+bool hasPassword(const LoginOptions& options, const SecretSources& sources, KCCredentials* credentials) {
+  if (credentials->password()) {
+    sources.saved.wasGiven(SavedSecrets::Kind::kPassword);
+    return true;
+  }
+  return !options.askPassword && sources.saved.use(SavedSecrets::Kind::kPassword, credentials);
 }
 
 }  // namespace
@@ -94,33 +101,48 @@ LoginSurroundings LoginSurroundings::ofThisProcess() {
 }
 
 bool gatherLoginSecrets(const LoginOptions& options, const LoginSurroundings& surroundings,
-                        TerminalPrompt* prompt, const Output& output, KCCredentials* credentials,
-                        Failure* failure) {
-  if (options.passwordFile && !usePasswordFile(*options.passwordFile, output, credentials, failure))
+                        const SecretSources& sources, KCCredentials* credentials, Failure* failure) {
+  if (options.passwordFile && !usePasswordFile(*options.passwordFile, sources.output, credentials, failure))
     return false;
   if (options.identity) {
     const std::string path =
         absolutePath(expandedHome(*options.identity, surroundings.homeFolder), currentFolder());
-    if (!useIdentity(path, prompt, credentials, failure)) return false;
+    return useIdentity(path, sources, credentials, failure) &&
+           askWhereNeeded(options, false, sources, credentials, failure);
   }
-  const bool needed = !credentials->password() && !options.identity && !hasKeys(surroundings);
-  return askWhereNeeded(options, needed, prompt, credentials, failure);
+  const bool needed = !hasPassword(options, sources, credentials) && !hasKeys(surroundings);
+  return askWhereNeeded(options, needed, sources, credentials, failure);
 }
 
-bool gatherPassword(const LoginOptions& options, TerminalPrompt* prompt, const Output& output,
-                    KCCredentials* credentials, Failure* failure) {
-  if (options.passwordFile && !usePasswordFile(*options.passwordFile, output, credentials, failure))
+bool gatherPassword(const LoginOptions& options, const SecretSources& sources, KCCredentials* credentials,
+                    Failure* failure) {
+  if (options.passwordFile && !usePasswordFile(*options.passwordFile, sources.output, credentials, failure))
     return false;
-  return askWhereNeeded(options, !credentials->password(), prompt, credentials, failure);
+  return askWhereNeeded(options, !hasPassword(options, sources, credentials), sources, credentials, failure);
 }
 
-bool askForPassword(TerminalPrompt& prompt, KCCredentials* credentials) {
+bool askForPassword(const SecretSources& sources, KCCredentials* credentials) {
+  if (sources.prompt == nullptr) return false;
   const std::string who = credentials->username() ? *credentials->username() + "@" + credentials->address()
                                                   : credentials->address();
-  auto password = prompt.secret(fmt::format("Password of {}: ", inQuotes(who)));
+  auto password = sources.prompt->secret(fmt::format("Password of {}: ", inQuotes(who)));
   if (!password) return false;
   credentials->setPassword(*password);
   wipe(*password);
+  sources.saved.wasGiven(SavedSecrets::Kind::kPassword);
+  return true;
+}
+
+bool askForPassphrase(const SecretSources& sources, KCCredentials* credentials) {
+  if (sources.prompt == nullptr) return false;
+  const std::string file = credentials->option("identityFile").value_or("");
+  auto passphrase = sources.prompt->secret(fmt::format("Passphrase of {}: ", inQuotes(file)));
+  if (!passphrase) return false;
+  if (!passphrase->empty()) {
+    credentials->setOption("passphrase", *passphrase);
+    sources.saved.wasGiven(SavedSecrets::Kind::kPassphrase);
+  }
+  wipe(*passphrase);
   return true;
 }
 

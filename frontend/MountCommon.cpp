@@ -134,7 +134,7 @@ std::optional<std::string> prepareMachine(Failure* failure) {
 
 int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const VolumeOptions& options,
                  const std::string& helper, Interruption& interruption, const Output& output,
-                 const MountRetry& retry) {
+                 const MountEvents& events) {
   Spinner spinner(output.err, !output.json);
   const MountRequest request{helper, credentials, options.name, options.icon, options.passthrough};
   int othersAhead = kMostOthersAhead;
@@ -144,9 +144,10 @@ int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const Volume
     if (!result.mounted) {
       if (!options.name && isMountPointInUse(result.error) && --othersAhead > 0 && !interruption.requested())
         continue;
-      if (!interruption.requested() && retry && retry(&result)) continue;
+      if (!interruption.requested() && events.retry && events.retry(&result)) continue;
       return output.fail(result.failure);
     }
+    if (events.loggedIn && !result.alreadyMounted) events.loggedIn();
     tellMounted(result, output);
     if (!options.foreground || result.alreadyMounted) return kExitSuccess;
     return stay(mount, result, interruption, output);

@@ -25,11 +25,17 @@ std::optional<std::string> prepareMachine(Failure* failure);
 // replace the failure.
 using MountRetry = std::function<bool(MountResult* result)>;
 
+// What the one who mounts wants to do in between; either may be empty.
+struct MountEvents {
+  MountRetry retry;
+  std::function<void()> loggedIn;  // the server took the credentials
+};
+
 // Mounts (again while `retry` says so), tells the result, and with the foreground option stays until the
 // volume is gone. Answers the exit code.
 int mountAndTell(const std::shared_ptr<KCCredentials>& credentials, const VolumeOptions& options,
                  const std::string& helper, Interruption& interruption, const Output& output,
-                 const MountRetry& retry);
+                 const MountEvents& events);
 
 // The name of the user of this process; its number when it has none.
 std::string currentUserName();

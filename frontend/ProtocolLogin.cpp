@@ -47,12 +47,16 @@ bool ProtocolLogin::retry(MountResult* result) {
     iLookedAgain = true;
     return settleTrust(true, &result->failure);
   }
-  if (code == kQuarnKitLoginFailed && !iAskedAgain && iTools.prompt != nullptr) {
-    iAskedAgain = true;
-    iTools.output.warning(fmt::format("{} {}", result->failure.what, sentence(result->failure.why)));
-    return askAgain();
-  }
-  return false;
+  return code == kQuarnKitLoginFailed && retryRefused(result);
+}
+
+bool ProtocolLogin::retryRefused(MountResult* result) {
+  const auto refused = iTools.saved.dropRefused(iTools.credentials);
+  if (iTools.prompt == nullptr || (!refused && iAskedAgain)) return false;
+  iTools.output.warning(fmt::format("{} {}", result->failure.what, sentence(result->failure.why)));
+  if (refused) return askInsteadOfSaved(*refused);
+  iAskedAgain = true;
+  return askAgain();
 }
 
 HostKeyPolicy ProtocolLogin::trustPolicy(bool lookAgain) const {
@@ -69,7 +73,8 @@ bool checkOptionsForURL(const MountOptions& options, const RemoteURL& url, Failu
   const bool isSFTP = url.protocol == kProtocolSFTP;
   const bool isFTP = url.protocol == kProtocolFTP || url.protocol == kProtocolFTPImplicitTLS ||
                      url.protocol == kProtocolFTPExplicitTLS;
-  const std::array<OptionRule, 7> rules{{
+  const std::array<OptionRule, 8> rules{{
+      {"--save", options.login.save, !isFile},
       {"--identity", options.login.identity.has_value(), isSFTP || isFile},
       {"--region", options.s3.region.has_value(), isS3},
       {"--endpoint", options.s3.endpoint.has_value(), isS3},

@@ -5,6 +5,7 @@
 
 #include "frontend/CertificateTrust.h"
 #include "frontend/Commands.h"
+#include "frontend/LoginSecrets.h"
 #include "frontend/MountVolume.h"
 #include "frontend/Output.h"
 #include "frontend/RemoteURL.h"
@@ -20,6 +21,9 @@ struct LoginTools {
   const Output& output;
   TerminalPrompt* prompt;  // null when nobody can be asked
   KCCredentials& credentials;
+  SavedSecrets& saved;
+
+  SecretSources secretSources() const { return {prompt, output, saved}; }
 };
 
 class ProtocolLogin {
@@ -32,7 +36,8 @@ class ProtocolLogin {
   [[nodiscard]] virtual bool prepare(Failure* failure) = 0;
   // After a failed attempt: true for another one, with other credentials; false with the failure to tell in
   // the result. Once each: a server whose key or certificate is not the known one is looked at to tell what
-  // is wrong with it, and a refused login is tried again with a password where somebody can be asked.
+  // is wrong with it, and a refused login is tried again with a password where somebody can be asked. A
+  // secret from the keyring that was refused does not count as asked.
   bool retry(MountResult* result);
 
  protected:
@@ -41,12 +46,16 @@ class ProtocolLogin {
   virtual bool settleTrust(bool /*lookAgain*/, Failure* /*failure*/) { return false; }
   // Puts another login into the credentials by asking; only called when there is a prompt.
   virtual bool askAgain() { return false; }
+  // The same when what the keyring had was refused.
+  virtual bool askInsteadOfSaved(SavedSecrets::Kind /*refused*/) { return askAgain(); }
   // How unknown servers are dealt with.
   HostKeyPolicy trustPolicy(bool lookAgain) const;
 
   const LoginTools iTools;
 
  private:
+  bool retryRefused(MountResult* result);
+
   bool iLookedAgain = false;
   bool iAskedAgain = false;
 };

@@ -22,9 +22,11 @@ class S3Login final : public ProtocolLogin {
     if (!settleTrust(false, failure)) return false;
     if (iSettings.secret) {
       iTools.credentials.setPassword(*iSettings.secret);
+      // What the environment and files keep already is not kept a second time.
+      if (iTools.url.password) iTools.saved.wasGiven(SavedSecrets::Kind::kPassword);
       return true;
     }
-    if (!gatherPassword(iTools.options.login, iTools.prompt, iTools.output, &iTools.credentials, failure))
+    if (!gatherPassword(iTools.options.login, iTools.secretSources(), &iTools.credentials, failure))
       return false;
     return iTools.credentials.password() || noSecret(failure);
   }
@@ -60,7 +62,7 @@ class S3Login final : public ProtocolLogin {
     return false;
   }
 
-  bool askAgain() override { return askForPassword(*iTools.prompt, &iTools.credentials); }
+  bool askAgain() override { return askForPassword(iTools.secretSources(), &iTools.credentials); }
 
   S3Settings iSettings;
 };

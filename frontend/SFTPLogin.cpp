@@ -21,9 +21,8 @@ class SFTPLogin final : public ProtocolLogin {
     }
     LoginSurroundings surroundings = LoginSurroundings::ofThisProcess();
     surroundings.configuredIdentity = configuration.identityFile;
-    return settleTrust(false, failure) &&
-           gatherLoginSecrets(iTools.options.login, surroundings, iTools.prompt, iTools.output, &credentials,
-                              failure);
+    return settleTrust(false, failure) && gatherLoginSecrets(iTools.options.login, surroundings,
+                                                             iTools.secretSources(), &credentials, failure);
   }
 
  private:
@@ -41,7 +40,13 @@ class SFTPLogin final : public ProtocolLogin {
     return true;
   }
 
-  bool askAgain() override { return askForPassword(*iTools.prompt, &iTools.credentials); }
+  bool askAgain() override { return askForPassword(iTools.secretSources(), &iTools.credentials); }
+
+  bool askInsteadOfSaved(SavedSecrets::Kind refused) override {
+    return refused == SavedSecrets::Kind::kPassword
+               ? askAgain()
+               : askForPassphrase(iTools.secretSources(), &iTools.credentials);
+  }
 };
 
 }  // namespace

@@ -42,7 +42,7 @@ class ServerLogin final : public ProtocolLogin {
     }
     if (!iTools.credentials.username()) iTools.credentials.setUsername(currentUserName());
     warnOfReadableSecrets();
-    return gatherPassword(iTools.options.login, iTools.prompt, iTools.output, &iTools.credentials, failure);
+    return gatherPassword(iTools.options.login, iTools.secretSources(), &iTools.credentials, failure);
   }
 
  private:
@@ -78,7 +78,7 @@ class ServerLogin final : public ProtocolLogin {
       iTools.credentials.setUsername(std::move(*name));
       warnOfReadableSecrets();
     }
-    return askForPassword(*iTools.prompt, &iTools.credentials);
+    return askForPassword(iTools.secretSources(), &iTools.credentials);
   }
 
   bool iIsAnonymous = false;

@@ -113,6 +113,12 @@ bool SessionBus::ensure(Failure* failure) {
   return true;
 }
 
+std::string SessionBus::desktopAddress() {
+  std::string address = sessionAddress();
+  // The command itself puts the private one into its environment.
+  return address != privateAddress() && answers(address) ? address : std::string();
+}
+
 std::vector<std::string> SessionBus::answeringAddresses() {
   std::vector<std::string> found;
   for (const std::string& address : {sessionAddress(), privateAddress()}) {

@@ -20,6 +20,8 @@ class SessionBus {
   // The buses that helpers may be found on: the session's and the private one, as far as they answer. Starts
   // nothing.
   static std::vector<std::string> answeringAddresses();
+  // The bus of the desktop session where it answers, else empty: on the private one there is no desktop.
+  static std::string desktopAddress();
 
   // The address of the private bus; empty when the user has no temporary folder.
   static std::string privateAddress();

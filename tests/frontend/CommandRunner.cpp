@@ -86,6 +86,7 @@ Installation::Installation() {
   fs::create_directories(iFolder + "/libexec/ombrafs");
   fs::create_hard_link(programs / "ombra", command());
   fs::create_hard_link(NSProcessInfo::executablePath(), helper());
+  fs::create_hard_link(programs.parent_path() / "libexec/ombrafs/ombrafs-keyring", keyring());
 }
 
 Installation::~Installation() {

@@ -29,6 +29,8 @@ class Installation {
   Installation& operator=(const Installation&) = delete;
   std::string command() const { return iFolder + "/bin/ombra"; }
   std::string helper() const { return iFolder + "/libexec/ombrafs/ombrafs-helper"; }
+  // The real one.
+  std::string keyring() const { return iFolder + "/libexec/ombrafs/ombrafs-keyring"; }
 
  private:
   std::string iFolder;

@@ -288,7 +288,7 @@ class LoginSecretsTest : public testing::Test {
     ASSERT_EQ(mkdir((iHome / ".ssh").c_str(), 0700), 0);
   }
   bool gather(TerminalPrompt* prompt) {
-    return gatherLoginSecrets(iOptions, {iHome.path(), "", iConfiguredIdentity}, prompt, iOutput,
+    return gatherLoginSecrets(iOptions, {iHome.path(), "", iConfiguredIdentity}, {prompt, iOutput, iSaved},
                               &iCredentials, &iFailure);
   }
   void addDefaultKey() {
@@ -301,6 +301,8 @@ class LoginSecretsTest : public testing::Test {
   const Interruption iInterruption;
   LoginOptions iOptions;
   Output iOutput;
+  const Keyring iKeyring{"/no/such/program", iInterruption, iOutput};
+  SavedSecrets iSaved{iKeyring, iOutput, false};
   KCCredentials iCredentials;
   Failure iFailure;
 };
