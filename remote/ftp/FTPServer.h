@@ -45,7 +45,10 @@ class FTPServer {
   Answer usesTemporaries() const { return iUsesTemporaries; }
   void setUsesTemporaries(Answer answer) { iUsesTemporaries = answer; }
   // The mode that a file gets when it is made.
-  std::optional<uint16_t> modeOfNewFiles() const { return iModeOfNewFiles; }
+  std::optional<uint16_t> modeOfNewFiles() const {
+    const int mode = iModeOfNewFiles;
+    return mode < 0 ? std::nullopt : std::optional(static_cast<uint16_t>(mode));
+  }
   void setModeOfNewFiles(uint16_t mode) { iModeOfNewFiles = mode; }
 
   // Temporary files that could not be removed because the session was lost.
@@ -60,7 +63,7 @@ class FTPServer {
   std::atomic<Answer> iChangesModes = Answer::kUnknown;
   std::atomic<Answer> iRenamesOver = Answer::kUnknown;
   std::atomic<Answer> iUsesTemporaries = Answer::kUnknown;
-  std::atomic<std::optional<uint16_t>> iModeOfNewFiles = std::optional<uint16_t>();
+  std::atomic<int> iModeOfNewFiles = -1;  // unknown
   mutable Mutex iLock;
   std::optional<FTPFeatures> iFeatures GUARDED_BY(iLock);
   std::vector<std::string> iLeftovers GUARDED_BY(iLock);
