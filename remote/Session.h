@@ -97,6 +97,10 @@ class Session {
   virtual void becameIdle() {}
   // The path of the file that is held open for further uploads; empty when there is none.
   virtual std::string heldPath() const { return {}; }
+  // Whether items are open that nobody has asked for yet, and their end, for which the server is waited for:
+  // some servers neither move nor remove what is open.
+  virtual bool hasOpenedAhead() const { return false; }
+  virtual void closeOpenedAhead() {}
 
   // The absolute normal form of a path that may be relative to `base`, or begin with "~"; a folder or a file.
   virtual std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,

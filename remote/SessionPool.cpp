@@ -181,7 +181,9 @@ void SessionPool::detach(std::shared_ptr<PooledSession> session, bool reusable) 
   session->transcript->flush();
   reusable = reusable && !session->session->hasFailed();
   std::string heldPath = reusable ? session->session->heldPath() : std::string();
+  const bool hasOpenedAhead = reusable && session->session->hasOpenedAhead();
   ConditionLock lock(iCondition);
+  session->hasOpenedAhead = hasOpenedAhead;
   // What it has sent is not to be lost, nor to arrive behind the same content from another session.
   while (!heldPath.empty() && (session->mustLetGo || !hasPlaceForIdle())) {
     iCondition.unlock();
@@ -217,7 +219,8 @@ bool SessionPool::hasPlaceForIdle() {
 
 void SessionPool::keepIdle(std::shared_ptr<PooledSession> session) {
   session->idleSince = NSDate::date();
-  const double seconds = session->heldPath.empty() ? kIdleSeconds : kHoldingSeconds;
+  const bool holdsNothing = session->heldPath.empty() && !session->hasOpenedAhead;
+  const double seconds = holdsNothing ? kIdleSeconds : kHoldingSeconds;
   const NSDate due = session->idleSince.dateByAddingTimeInterval(seconds);
   if (!iCloserLimit || due < *iCloserLimit) wakeCloser();
   iIdle.push_back(std::move(session));
@@ -318,7 +321,7 @@ void SessionPool::closeIdleSessions() {
 
 std::shared_ptr<PooledSession> SessionPool::takeDueHolder(std::optional<NSDate>* limit) {
   for (auto session = iIdle.begin(); session != iIdle.end(); ++session) {
-    if ((*session)->heldPath.empty()) continue;
+    if ((*session)->heldPath.empty() && !(*session)->hasOpenedAhead) continue;
     const NSDate due = (*session)->idleSince.dateByAddingTimeInterval(kHoldingSeconds);
     if (NSDate::date() < due) {
       *limit = std::min(limit->value_or(due), due);
@@ -334,6 +337,7 @@ std::shared_ptr<PooledSession> SessionPool::takeDueHolder(std::optional<NSDate>*
 
 void SessionPool::settleHolder(std::shared_ptr<PooledSession> session) {
   session->session->becameIdle();
+  session->session->closeOpenedAhead();
   const bool isAlive = session->session->isAlive();
   detach(std::move(session), isAlive);
 }

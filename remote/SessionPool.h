@@ -32,6 +32,7 @@ struct PooledSession {
   // What it holds open for further uploads, or is about to; empty when nothing. All three are the pool's.
   std::string heldPath;
   std::shared_ptr<UnconfirmedExtents> heldFile;  // whose content goes there
+  bool hasOpenedAhead = false;                   // while it is idle
   bool mustLetGo = false;  // in use while that path moved or went: what it holds may stand for another file
 };
 

@@ -23,8 +23,11 @@ class SFTPEngine final : public Engine {
     } else {
       transport = std::make_unique<SSHTransport>(environment);
     }
-    return std::make_unique<SFTPSession>(std::move(transport), environment);
+    return std::make_unique<SFTPSession>(std::move(transport), environment, iWalks);
   }
+
+ private:
+  const std::shared_ptr<SFTPWalks> iWalks = std::make_shared<SFTPWalks>();
 };
 
 }  // namespace

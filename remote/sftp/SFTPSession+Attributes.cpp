@@ -1,4 +1,6 @@
 // Attributes of items and volumes.
+#include <utility>
+
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
 
@@ -6,8 +8,14 @@ namespace ombra {
 
 std::optional<NSFileAttributes> SFTPSession::attributes(std::string_view path, bool* isDirectory,
                                                         NSErrorRef* error) {
+  const auto made = std::exchange(iMadeFolder, std::nullopt);
   if (!isUsablePath(path, error)) return std::nullopt;
-  const auto attributes = waitAttributes(iRequests.stat(path), SFTPOperation::kOther, path, error);
+  std::optional<SFTPAttributes> attributes;
+  if (made && made->first == path) {
+    attributes = made->second;
+  } else {
+    attributes = waitAttributes(iRequests.stat(path), SFTPOperation::kOther, path, error);
+  }
   if (!attributes) return std::nullopt;
   if (isDirectory != nullptr) *isDirectory = attributes->isDirectory();
   return fileAttributesFromSFTP(*attributes);

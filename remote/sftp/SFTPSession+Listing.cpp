@@ -45,6 +45,7 @@ struct SFTPSession::Listing {
   std::string path;
   std::string handle;
   std::vector<RemoteEntry>* entries = nullptr;
+  SFTPWalks::Listing forWalks;
   std::deque<uint32_t> readdirs;
   size_t readdirLimit = kFirstReaddirs;
   std::deque<LinkQuestion> questions;
@@ -55,6 +56,12 @@ struct SFTPSession::Listing {
 bool SFTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
   entries->clear();
   if (!isUsablePath(path, error)) return false;
+  iWalks->reached(path, SFTPWalks::Kind::kFolder);
+  if (const auto opened = iAhead.take(path, SFTPWalks::Kind::kFolder)) {
+    const auto listed = listOpened(*opened, path, entries, error);
+    if (listed) return *listed;
+    entries->clear();
+  }
   NSErrorRef reason;
   const auto handle = waitHandle(iRequests.opendir(path), SFTPOperation::kList, path, &reason);
   if (!handle) {
@@ -65,21 +72,59 @@ bool SFTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries,
   listing.path = path;
   listing.handle = *handle;
   listing.entries = entries;
+  return readListing(listing, error);
+}
+
+// What the handle stands for is known by the date that the folder had when its own folder was listed. A
+// folder that has changed since is opened anew, because some servers read it when it is opened.
+std::optional<bool> SFTPSession::listOpened(const SFTPAhead::Opened& opened, std::string_view path,
+                                            std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  Listing listing;
+  listing.path = path;
+  listing.handle = opened.handle;
+  listing.entries = entries;
+  askForNames(listing);
+  const auto present = waitAttributes(iRequests.stat(path), SFTPOperation::kOther, path, nullptr);
+  const bool isTheSame = present && present->isDirectory() && present->times &&
+                         int64_t{present->times->modification} == opened.modified;
+  NSErrorRef reason;
+  if (isTheSame && readListing(listing, &reason)) return true;
+  if (!isTheSame) {
+    for (const uint32_t id : listing.readdirs) iChannel.abandon(id);
+    if (!iChannel.failure()) iChannel.abandon(iRequests.close(opened.handle));
+  }
+  if (!iChannel.failure()) return std::nullopt;
+  storeError(error, iChannel.failure());
+  return false;
+}
+
+// Closes the handle.
+bool SFTPSession::readListing(Listing& listing, NSErrorRef* error) {
   const bool read = readFolder(listing, error);
   for (const uint32_t id : listing.readdirs) iChannel.abandon(id);
-  iChannel.abandon(iRequests.close(*handle));
+  iChannel.abandon(iRequests.close(listing.handle));
   const bool settled = read && settleLinks(listing, 0, error);
   for (const LinkQuestion& question : listing.questions) abandon(question);
+  if (settled) {
+    iWalks->listed(listing.path, std::move(listing.forWalks));
+    iAhead.openFirstIn(listing.path, SFTPWalks::Kind::kFolder);
+    iAhead.openNext(listing.path, SFTPWalks::Kind::kFolder);
+    iAhead.openFirstIn(listing.path, SFTPWalks::Kind::kFile);
+  }
   // A folder that stays open until this session is used again could not be removed meanwhile on some servers.
   iChannel.flushBriefly();
   return settled;
 }
 
+void SFTPSession::askForNames(Listing& listing) {
+  while (listing.readdirs.size() < listing.readdirLimit) {
+    listing.readdirs.push_back(iRequests.readdir(listing.handle));
+  }
+}
+
 bool SFTPSession::readFolder(Listing& listing, NSErrorRef* error) {
   while (!listing.ended) {
-    while (listing.readdirs.size() < listing.readdirLimit) {
-      listing.readdirs.push_back(iRequests.readdir(listing.handle));
-    }
+    askForNames(listing);
     auto reply = iChannel.wait(listing.readdirs.front(), error);
     if (!reply) return false;
     listing.readdirs.pop_front();
@@ -108,6 +153,7 @@ bool SFTPSession::takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef
   for (SFTPName& name : *names) {
     const bool isShown =
         name.filename.find('/') == std::string::npos && name.filename.find('\0') == std::string::npos;
+    listing.forWalks.add(name);
     listing.entries->push_back(entryForName(std::move(name)));
     const RemoteEntry& entry = listing.entries->back();
     if (entry.type != kNodeTypeAlias || !isShown) continue;

@@ -49,14 +49,24 @@ std::optional<std::string> SFTPSession::homeWithoutExpansion(std::string_view pa
 
 bool SFTPSession::createFolder(std::string_view path, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
+  const SFTPWalks::Change change(*iWalks, path);
   NSErrorRef reason;
-  if (waitStatus(iRequests.mkdir(path), SFTPOperation::kChangeName, path, &reason)) return true;
+  const uint32_t id = iRequests.mkdir(path);
+  // Whoever makes a folder looks at it next, on the same connection: asked for in the same round trip.
+  const uint32_t statID = iRequests.stat(path);
+  if (waitStatus(id, SFTPOperation::kChangeName, path, &reason)) {
+    const auto made = waitAttributes(statID, SFTPOperation::kOther, path, nullptr);
+    if (made && made->isDirectory()) iMadeFolder.emplace(path, *made);
+    return true;
+  }
+  iChannel.abandon(statID);
   storeError(error, explainCreation(reason, path));
   return false;
 }
 
 bool SFTPSession::createSymbolicLink(std::string_view path, std::string_view target, NSErrorRef* error) {
   if (!isUsablePath(path, error) || !isUsablePath(target, error)) return false;
+  const SFTPWalks::Change change(*iWalks, path);
   NSErrorRef reason;
   if (waitStatus(iRequests.symlink(target, path), SFTPOperation::kChangeName, path, &reason)) return true;
   storeError(error, explainCreation(reason, path));
@@ -71,8 +81,12 @@ NSErrorRef SFTPSession::explainCreation(NSErrorRef refused, std::string_view pat
 
 bool SFTPSession::move(std::string_view from, bool isDirectory, std::string_view to, NSErrorRef* error) {
   if (!isUsablePath(from, error) || !isUsablePath(to, error)) return false;
+  const SFTPWalks::Change leaving(*iWalks, from);
+  const SFTPWalks::Change arriving(*iWalks, to);
   closeUploadHandleBelow(from);
   closeUploadHandleBelow(to);
+  iAhead.closeBelow(from);
+  iAhead.closeBelow(to);
   const bool replaces = iChannel.hasExtension("posix-rename@openssh.com", "1");
   const uint32_t id = replaces ? iRequests.posixRename(from, to) : iRequests.rename(from, to);
   NSErrorRef reason;
@@ -89,7 +103,9 @@ bool SFTPSession::move(std::string_view from, bool isDirectory, std::string_view
 
 bool SFTPSession::remove(std::string_view path, bool isDirectory, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
+  const SFTPWalks::Change change(*iWalks, path);
   closeUploadHandleBelow(path);
+  iAhead.closeBelow(path);
   const uint32_t id = isDirectory ? iRequests.rmdir(path) : iRequests.remove(path);
   NSErrorRef reason;
   if (waitStatus(id, SFTPOperation::kOther, path, &reason)) return true;

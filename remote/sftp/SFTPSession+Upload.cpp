@@ -66,6 +66,7 @@ bool SFTPSession::isUploadOf(const NSFileHandle& from, std::string_view path) co
 bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
                              std::shared_ptr<UnconfirmedExtents> extents, NSErrorRef* error) {
   finishUpload();
+  const SFTPWalks::Change change(*iWalks, path);
   const uint32_t openID = iRequests.open(path, flags);
   // Whoever makes a file sets its mode next, mostly to what it is already: asked for in the same round trip.
   const bool asksForMode = extents != nullptr && (flags & kSFTPOpenTruncate) != 0;
@@ -231,6 +232,7 @@ bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, 
                          TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
   closeUploadHandleBelow(path);
+  const SFTPWalks::Change change(*iWalks, path);
   const uint32_t flags = kSFTPOpenWrite | kSFTPOpenCreate | kSFTPOpenTruncate;
   const auto handle = waitHandle(iRequests.open(path, flags), SFTPOperation::kChangeName, path, error);
   if (!handle) return false;

@@ -5,9 +5,12 @@
 
 namespace ombra {
 
-SFTPSession::SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment)
+SFTPSession::SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment,
+                         std::shared_ptr<SFTPWalks> walks)
     : iChannel(std::move(transport), environment.transcript, environment.connectLimit, environment.idleLimit),
-      iRequests(iChannel) {}
+      iRequests(iChannel),
+      iWalks(std::move(walks)),
+      iAhead(iChannel, iRequests, iWalks) {}
 
 bool SFTPSession::logIn(NSErrorRef* error) {
   if (!iChannel.open(error)) return false;
@@ -35,6 +38,7 @@ bool SFTPSession::isAlive() {
 }
 
 bool SFTPSession::isUsablePath(std::string_view path, NSErrorRef* error) {
+  iMadeFolder.reset();
   if (!path.empty() && path.size() <= kMaximumPathLength && path.find('\0') == std::string_view::npos)
     return true;
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitNameInvalid,

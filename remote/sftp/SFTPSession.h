@@ -10,11 +10,13 @@
 #include <vector>
 
 #include "remote/Session.h"
+#include "remote/sftp/SFTPAhead.h"
 #include "remote/sftp/SFTPChannel.h"
 #include "remote/sftp/SFTPErrors.h"
 #include "remote/sftp/SFTPRequests.h"
 #include "remote/sftp/SFTPTransport.h"
 #include "remote/sftp/SFTPUpload.h"
+#include "remote/sftp/SFTPWalks.h"
 
 namespace ombra {
 
@@ -22,7 +24,9 @@ namespace ombra {
 // +Attributes.cpp, +Listing.cpp, +Links.cpp, +Download.cpp, +Upload.cpp.
 class SFTPSession final : public Session {
  public:
-  SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment);
+  // `walks` is shared by the sessions to one server.
+  SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment,
+              std::shared_ptr<SFTPWalks> walks = std::make_shared<SFTPWalks>());
   ~SFTPSession() override = default;
 
   [[nodiscard]] bool logIn(NSErrorRef* error) override;
@@ -32,6 +36,8 @@ class SFTPSession final : public Session {
   void interrupt() override { iChannel.interrupt(); }
   void becameIdle() override { finishUpload(); }
   std::string heldPath() const override { return iUpload == nullptr ? std::string() : iUpload->path(); }
+  bool hasOpenedAhead() const override { return !iAhead.isEmpty(); }
+  void closeOpenedAhead() override { iAhead.closeAll(); }
 
   std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
                                       NSErrorRef* error) override;
@@ -77,6 +83,8 @@ class SFTPSession final : public Session {
   // Longer paths than any system takes, and far below the packet limit of every server. Also for those that
   // the server's own names and links make up: a link that leads farther leads nowhere.
   static constexpr size_t kMaximumPathLength = 16 * 1024;
+  // The beginning of each operation: also what the server has told along with the last one is not up to date
+  // any more.
   bool isUsablePath(std::string_view path, NSErrorRef* error);
   // Whether something of that name is there, links not followed; a lost connection counts as no.
   std::optional<SFTPAttributes> lookAt(std::string_view path);
@@ -100,6 +108,11 @@ class SFTPSession final : public Session {
     uint32_t statID = 0;
   };
   struct Listing;
+  // Lists through a handle that was opened ahead. Absent when that did not do: it has to be opened anew.
+  std::optional<bool> listOpened(const SFTPAhead::Opened& opened, std::string_view path,
+                                 std::vector<RemoteEntry>* entries, NSErrorRef* error);
+  bool readListing(Listing& listing, NSErrorRef* error);
+  void askForNames(Listing& listing);
   bool readFolder(Listing& listing, NSErrorRef* error);
   bool takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef* error);
   bool settleLinks(Listing& listing, size_t remaining, NSErrorRef* error);
@@ -114,6 +127,11 @@ class SFTPSession final : public Session {
   // Walks a path by hand where the server resolves nothing: to tell a circle from a link into nowhere.
   std::optional<LinkResolution> walkLink(std::string_view path, NSErrorRef* error);
   NSErrorRef explainListing(NSErrorRef refused, std::string_view path);
+
+  // Downloads through an open handle, which it closes. One that was opened ahead may stand for another file
+  // by now, or for none: then `isOutdated`, when it is not null, is set, and nothing was brought.
+  bool downloadThrough(const std::string& handle, std::string_view path, NSFileHandle& to, uint64_t offset,
+                       std::string* version, TransferControl& control, bool* isOutdated, NSErrorRef* error);
 
   // Uploads.
   bool openUpload(std::string_view path, uint32_t flags, std::shared_ptr<UnconfirmedExtents> extents,
@@ -142,7 +160,11 @@ class SFTPSession final : public Session {
 
   SFTPChannel iChannel;
   SFTPRequests iRequests;
+  const std::shared_ptr<SFTPWalks> iWalks;
+  SFTPAhead iAhead;
   std::string iLoginPath;
+  // The folder made last, as the server described it in the same round trip.
+  std::optional<std::pair<std::string, SFTPAttributes>> iMadeFolder;
   std::unique_ptr<SFTPUpload> iUpload;  // kept between uploads of one path
 };
 

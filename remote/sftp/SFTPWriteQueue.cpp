@@ -13,6 +13,8 @@ namespace {
 constexpr std::chrono::milliseconds kSlice{100};
 // Content that the transport has not taken yet: enough to keep it busy, little enough to cancel.
 constexpr size_t kMostUnsentBytes = 2 * 1024 * 1024;
+// Requests that servers can be expected to have in hand, whatever their size.
+constexpr size_t kMostPieces = 2048;
 }  // namespace
 
 SFTPWriteQueue::SFTPWriteQueue(SFTPChannel& channel, std::string handle, std::string path, Observer& observer)
@@ -31,7 +33,10 @@ SFTPWriteQueue::~SFTPWriteQueue() {
 
 std::span<std::byte> SFTPWriteQueue::next(uint64_t offset, size_t wanted, TransferControl& control,
                                           NSErrorRef* error) {
-  if (isCancelled(control, error) || !settleAnswered(control, error)) return {};
+  if (isCancelled(control, error) || !settle(control, error)) return {};
+  while (isFull()) {
+    if (!settleFirst(control, error)) return {};
+  }
   while (iChannel.outgoingSize() > kMostUnsentBytes) {
     if (isCancelled(control, error) || !iChannel.pump(kSlice, error)) return {};
   }
@@ -40,8 +45,8 @@ std::span<std::byte> SFTPWriteQueue::next(uint64_t offset, size_t wanted, Transf
 }
 
 // What has been acknowledged meanwhile is settled first, so that a refusal ends the transfer soon.
-bool SFTPWriteQueue::settleAnswered(TransferControl& control, NSErrorRef* error) {
-  while (!iPieces.empty() && (isFull() || iChannel.hasReply(iPieces.front().id))) {
+bool SFTPWriteQueue::settle(TransferControl& control, NSErrorRef* error) {
+  while (!iPieces.empty() && iChannel.hasReply(iPieces.front().id)) {
     if (!settleFirst(control, error)) return false;
   }
   return true;
@@ -50,11 +55,24 @@ bool SFTPWriteQueue::settleAnswered(TransferControl& control, NSErrorRef* error)
 void SFTPWriteQueue::send(size_t length) {
   const uint32_t id = iChannel.finishWrite(length);
   iPieces.push_back({{iNextOffset, iNextOffset + length}, id});
+  iUnderWay += length;
   iObserver.sent(iPieces.back().extent);
   iChannel.note(id, [&] { return fmt::format("write offset={} length={}", iNextOffset, length); });
 }
 
-bool SFTPWriteQueue::isFull() const { return iPieces.size() >= iWindow.limit(); }
+// By bytes: of a program that writes page by page a few requests are next to nothing.
+bool SFTPWriteQueue::isFull() const {
+  return iUnderWay >= iWindow.limit() * iChannel.writeLength() || iPieces.size() >= kMostPieces;
+}
+
+void SFTPWriteQueue::countReply(const Piece& piece) {
+  const uint64_t length = piece.extent.end - piece.extent.begin;
+  iUnderWay -= length;
+  iAnswered += length;
+  if (iAnswered < iChannel.writeLength()) return;
+  iAnswered = 0;
+  iWindow.replied(iChannel.age(piece.id));
+}
 
 bool SFTPWriteQueue::isCancelled(TransferControl& control, NSErrorRef* error) {
   if (!control.shouldCancel()) return false;
@@ -67,7 +85,7 @@ bool SFTPWriteQueue::settleFirst(TransferControl& control, NSErrorRef* error) {
   while (!iChannel.hasReply(piece.id)) {
     if (isCancelled(control, error) || !iChannel.pump(kSlice, error)) return false;
   }
-  iWindow.replied(iChannel.age(piece.id));
+  countReply(piece);
   auto reply = iChannel.take(piece.id);
   iPieces.pop_front();
   const auto status = parseSFTPStatus(*reply);
@@ -87,7 +105,7 @@ bool SFTPWriteQueue::flush(TransferControl& control, NSErrorRef* error) {
     if (isCancelled(control, error) || !iChannel.pump(std::chrono::milliseconds(0), error)) return false;
     if (iChannel.outgoingSize() > 0 && !iChannel.pump(kSlice, error)) return false;
   } while (iChannel.outgoingSize() > 0);
-  return settleAnswered(control, error);
+  return settle(control, error);
 }
 
 void SFTPWriteQueue::settleRest(TransferControl& control) {

@@ -39,9 +39,7 @@ class SFTPWriteQueue {
   // Waits until all has left, but not for what the server says to it.
   [[nodiscard]] bool flush(TransferControl& control, NSErrorRef* error);
   // Looks, without waiting, at what the server has said already.
-  [[nodiscard]] bool settle(TransferControl& control, NSErrorRef* error) {
-    return settleAnswered(control, error);
-  }
+  [[nodiscard]] bool settle(TransferControl& control, NSErrorRef* error);
   // Waits for all answers that are still due, refusals too, as long as the channel lives: what is in flight
   // must not arrive after what others send.
   void settleRest(TransferControl& control);
@@ -54,9 +52,9 @@ class SFTPWriteQueue {
     uint32_t id = 0;
   };
 
-  bool settleAnswered(TransferControl& control, NSErrorRef* error);
   bool settleFirst(TransferControl& control, NSErrorRef* error);
   bool isFull() const;
+  void countReply(const Piece& piece);
   bool isCancelled(TransferControl& control, NSErrorRef* error);
 
   SFTPChannel& iChannel;
@@ -65,6 +63,8 @@ class SFTPWriteQueue {
   Observer& iObserver;
   SFTPTransferWindow iWindow;
   std::deque<Piece> iPieces;
+  uint64_t iUnderWay = 0;  // bytes of the pieces
+  uint64_t iAnswered = 0;  // bytes since the window was last told
   uint64_t iNextOffset = 0;
 };
 

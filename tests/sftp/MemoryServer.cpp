@@ -40,6 +40,15 @@ void MemoryServer::addLink(const std::string& path, std::string target) {
   iItems[path] = {0120777, std::move(target), 1000};
 }
 
+void MemoryServer::replace(const std::string& path, std::string content, uint32_t date) {
+  const std::string old = fmt::format("/replaced{}", iItems.size());
+  iItems[old] = iItems[path];
+  for (auto& [name, handle] : iHandles) {
+    if (handle.path == path) handle.path = old;
+  }
+  addFile(path, std::move(content), date);
+}
+
 const MemoryServer::Item* MemoryServer::item(const std::string& path) const {
   const auto found = iItems.find(path);
   return found != iItems.end() ? &found->second : nullptr;

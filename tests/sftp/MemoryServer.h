@@ -30,6 +30,12 @@ class MemoryServer {
   void addFile(const std::string& path, std::string content, uint32_t date = 1000);
   void addFolder(const std::string& path);
   void addLink(const std::string& path, std::string target);
+  // A pipe or a device, by its whole mode.
+  void addSpecial(const std::string& path, uint32_t mode) { iItems[path] = {mode, "", 1000}; }
+  void setDate(const std::string& path, uint32_t date) { iItems[path].date = date; }
+  void remove(const std::string& path) { iItems.erase(path); }
+  // Another file comes to that path; handles go on standing for the old one.
+  void replace(const std::string& path, std::string content, uint32_t date);
   const Item* item(const std::string& path) const;
   // The content of a file; fails the test when there is none.
   std::string content(const std::string& path) const;

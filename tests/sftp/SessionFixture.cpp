@@ -49,6 +49,7 @@ void SessionFixture::logIn(size_t cut) {
 void SessionFixture::TearDown() {
   if (!session) return;
   session->becameIdle();
+  session->closeOpenedAhead();
   bool alive = true;
   // With replies cut to single bytes the last close takes a few turns.
   for (int turn = 0; alive && turn < 1000 && server.openHandles() > 0; ++turn) alive = session->isAlive();

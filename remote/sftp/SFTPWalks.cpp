@@ -1,0 +1,147 @@
+#include "remote/sftp/SFTPWalks.h"
+
+#include <algorithm>
+
+#include "platform/foundation/NSDate.h"
+#include "remote/RemotePaths.h"
+
+namespace ombra {
+
+namespace {
+
+constexpr size_t kMostFolders = 16;
+constexpr size_t kMostItems = 2048;  // of one kind in one folder
+constexpr size_t kMostChanges = 256;
+// Programs sort what they read by numbers that follow the order of the listing only roughly.
+constexpr size_t kStride = 16;
+// One or two folders in succession are opened by anybody who looks around.
+constexpr int kSureAfter = 3;
+// Dates are whole seconds: a change right after another one does not show in them. Somewhat more, for clocks
+// that differ.
+constexpr int64_t kUnsettledSeconds = 5;
+
+int64_t secondsOf(const NSDate& date) { return date.nanosecondsSince1970() / 1000000000; }
+
+size_t at(SFTPWalks::Kind kind) { return static_cast<size_t>(kind); }
+
+}  // namespace
+
+void SFTPWalks::Listing::add(const SFTPName& name) {
+  const SFTPAttributes& attributes = name.attributes;
+  if (!attributes.times || (!attributes.isDirectory() && !attributes.isFile())) return;
+  std::vector<Known>& items = iItems[at(attributes.isDirectory() ? Kind::kFolder : Kind::kFile)];
+  if (items.size() >= kMostItems || !isShownName(name.filename)) return;
+  items.push_back({name.filename, attributes.times->modification, false});
+}
+
+void SFTPWalks::listed(std::string_view folder, Listing listing) {
+  Folder known;
+  known.path = folder;
+  known.items = std::move(listing.iItems);
+  const MutexLock lock(iLock);
+  iFolders.remove_if([folder](const Folder& other) { return other.path == folder; });
+  iFolders.push_front(std::move(known));
+  if (iFolders.size() > kMostFolders) iFolders.pop_back();
+}
+
+// Found anew for each item of a walk, so that the folders which are being walked stay.
+SFTPWalks::Folder* SFTPWalks::folderAt(std::string_view path) {
+  const auto found =
+      std::find_if(iFolders.begin(), iFolders.end(), [path](const Folder& f) { return f.path == path; });
+  if (found == iFolders.end()) return nullptr;
+  iFolders.splice(iFolders.begin(), iFolders, found);
+  return &iFolders.front();
+}
+
+std::optional<size_t> SFTPWalks::indexOf(const Folder& folder, Kind kind, std::string_view name) {
+  const std::vector<Known>& items = folder.items[at(kind)];
+  const auto isIt = [name](const Known& item) { return item.name == name; };
+  // Mostly the one behind the last.
+  const size_t begin = std::min(folder.last[at(kind)].value_or(0), items.size());
+  auto found = std::find_if(items.begin() + static_cast<ptrdiff_t>(begin), items.end(), isIt);
+  if (found == items.end()) found = std::find_if(items.begin(), items.end(), isIt);
+  if (found == items.end()) return std::nullopt;
+  return static_cast<size_t>(found - items.begin());
+}
+
+void SFTPWalks::reached(std::string_view path, Kind kind) {
+  const MutexLock lock(iLock);
+  int& run = iRun[at(kind)];
+  Folder* folder = folderAt(parentOfRemotePath(path));
+  const auto index = folder == nullptr ? std::nullopt : indexOf(*folder, kind, nameOfRemotePath(path));
+  if (!index) {
+    run = 0;
+    return;
+  }
+  std::optional<size_t>& last = folder->last[at(kind)];
+  std::vector<Known>& items = folder->items[at(kind)];
+  const bool isFirst = !last.has_value();
+  const bool isNear = !isFirst && *index != *last && *index + kStride >= *last && *index <= *last + kStride;
+  // The first one of a folder says nothing, for or against.
+  if (isNear) {
+    ++run;
+  } else if (!isFirst || run < kSureAfter) {
+    run = 1;
+  }
+  if (items[*index].isAsked) {
+    // Once more from the beginning.
+    for (Known& item : items) item.isAsked = false;
+  }
+  items[*index].isAsked = true;
+  last = index;
+}
+
+std::vector<SFTPWalks::Item> SFTPWalks::next(std::string_view path, Kind kind, size_t count) {
+  const MutexLock lock(iLock);
+  if (iRun[at(kind)] < kSureAfter) return {};
+  const Folder* folder = folderAt(parentOfRemotePath(path));
+  if (folder == nullptr || !folder->last[at(kind)]) return {};
+  const size_t last = *folder->last[at(kind)];
+  return guess(*folder, kind, last > kStride ? last - kStride : 0, count);
+}
+
+std::vector<SFTPWalks::Item> SFTPWalks::firstIn(std::string_view path, Kind kind, size_t count) {
+  const MutexLock lock(iLock);
+  if (iRun[at(kind)] < kSureAfter) return {};
+  const Folder* folder = folderAt(path);
+  if (folder == nullptr) return {};
+  return guess(*folder, kind, 0, count);
+}
+
+std::vector<SFTPWalks::Item> SFTPWalks::guess(const Folder& folder, Kind kind, size_t from,
+                                              size_t count) const {
+  const std::vector<Known>& items = folder.items[at(kind)];
+  const int64_t settled = secondsOf(NSDate::date()) - kUnsettledSeconds;
+  std::vector<Item> guessed;
+  for (size_t index = from; index < items.size() && guessed.size() < count; ++index) {
+    const Known& item = items[index];
+    if (item.isAsked || item.modified > settled) continue;
+    guessed.push_back({remotePathInFolder(folder.path, item.name), item.modified});
+  }
+  return guessed;
+}
+
+void SFTPWalks::changed(std::string_view path) {
+  const MutexLock lock(iLock);
+  iChanged.emplace_back(path);
+  ++iChanges;
+  if (iChanged.size() > kMostChanges) iChanged.pop_front();
+}
+
+uint64_t SFTPWalks::changes() const {
+  const MutexLock lock(iLock);
+  return iChanges;
+}
+
+bool SFTPWalks::isAffected(std::string_view path, uint64_t since) const {
+  const MutexLock lock(iLock);
+  const uint64_t forgotten = iChanges - iChanged.size();
+  if (since < forgotten) return true;
+  const auto first = iChanged.begin() + static_cast<ptrdiff_t>(since - forgotten);
+  return std::any_of(first, iChanged.end(), [path](const std::string& changedPath) {
+    // What lies above it may be another folder by now; what lies in it belongs to its listing.
+    return isAtOrBelowRemotePath(path, changedPath) || parentOfRemotePath(changedPath) == path;
+  });
+}
+
+}  // namespace ombra

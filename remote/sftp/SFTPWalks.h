@@ -1,0 +1,93 @@
+// Who walks through the folders of a server, and what will be asked for next.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/foundation/Mutex.h"
+#include "remote/sftp/SFTPReplies.h"
+
+namespace ombra {
+
+// What the sessions to one server have learned from listings: the order in which a program that copies or
+// searches a tree comes by. Guesses only: whoever opens something ahead still asks the server when it is
+// wanted. Bounded in memory. Thread-safe; a leaf lock.
+class SFTPWalks {
+ public:
+  enum class Kind : size_t { kFolder, kFile };
+  struct Item {
+    std::string path;
+    int64_t modified = 0;  // as listed, in seconds
+  };
+
+  // What is worth remembering of a listing, in the server's order. Links and whatever else is no plain file
+  // or folder are left out: to open them could mean anything.
+  class Listing {
+   public:
+    void add(const SFTPName& name);
+
+   private:
+    friend class SFTPWalks;
+    struct Known {
+      std::string name;
+      int64_t modified = 0;
+      bool isAsked = false;
+    };
+    std::array<std::vector<Known>, 2> iItems;  // by kind
+  };
+  void listed(std::string_view folder, Listing listing) EXCLUDES(iLock);
+  // `path` is about to be listed, or read.
+  void reached(std::string_view path, Kind kind) EXCLUDES(iLock);
+  // What a walk that is at `path` will most likely ask for next among its neighbours, nearest first. Nothing
+  // unless several neighbours were asked for in succession, and nothing that changed within the last seconds.
+  std::vector<Item> next(std::string_view path, Kind kind, size_t count) EXCLUDES(iLock);
+  // The same for what lies in a folder that the walk has just come to.
+  std::vector<Item> firstIn(std::string_view folder, Kind kind, size_t count) EXCLUDES(iLock);
+
+  // Something at `path` was, or may have been, made, moved or removed through one of the sessions.
+  void changed(std::string_view path) EXCLUDES(iLock);
+  // Counts the changes.
+  uint64_t changes() const EXCLUDES(iLock);
+  // Whether what was opened at `path`, after so many changes, may stand for something else by now.
+  bool isAffected(std::string_view path, uint64_t since) const EXCLUDES(iLock);
+
+  // Tells `changed` at its end, whatever became of the change.
+  class Change {
+   public:
+    Change(SFTPWalks& walks, std::string_view path) : iWalks(walks), iPath(path) {}
+    ~Change() { iWalks.changed(iPath); }
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+
+   private:
+    SFTPWalks& iWalks;
+    const std::string iPath;
+  };
+
+ private:
+  using Known = Listing::Known;
+  struct Folder {
+    std::string path;
+    std::array<std::vector<Known>, 2> items;  // by kind
+    std::array<std::optional<size_t>, 2> last;
+  };
+
+  Folder* folderAt(std::string_view path) REQUIRES(iLock);
+  static std::optional<size_t> indexOf(const Folder& folder, Kind kind, std::string_view name);
+  std::vector<Item> guess(const Folder& folder, Kind kind, size_t from, size_t count) const REQUIRES(iLock);
+
+  mutable Mutex iLock;
+  std::list<Folder> iFolders GUARDED_BY(iLock);        // the one used last is the first
+  std::array<int, 2> iRun GUARDED_BY(iLock) = {0, 0};  // neighbours in succession, by kind
+  std::deque<std::string> iChanged GUARDED_BY(iLock);  // the latest changes
+  uint64_t iChanges GUARDED_BY(iLock) = 0;             // all of them
+};
+
+}  // namespace ombra

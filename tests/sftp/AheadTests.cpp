@@ -1,0 +1,296 @@
+// What is opened ahead of a program that walks through a tree.
+#include <fmt/format.h>
+
+#include "remote/sftp/SFTPProtocol.h"
+#include "tests/sftp/SessionFixture.h"
+#include "tests/support/ManualClock.h"
+
+namespace ombra::test {
+namespace {
+
+std::string folderAt(int index) { return fmt::format("/tree/d{:02}", index); }
+std::string fileAt(int index) { return fmt::format("/files/f{:02}", index); }
+
+class SFTPAheadTest : public SessionFixture {
+ protected:
+  static constexpr int kCount = 40;
+
+  void SetUp() override {
+    server.addFolder("/tree");
+    server.addFolder("/files");
+    for (int i = 0; i < kCount; ++i) {
+      server.addFolder(folderAt(i));
+      server.addFile(folderAt(i) + "/in", "");
+      server.addFile(fileAt(i), contentOf(i));
+    }
+    logIn();
+    server.batch = SIZE_MAX;
+  }
+
+  static std::string contentOf(int index) { return pattern(500, static_cast<unsigned>(index) + 1); }
+
+  std::vector<std::string> list(const std::string& path) {
+    std::vector<RemoteEntry> entries;
+    error = nullptr;
+    EXPECT_TRUE(session->list(path, &entries, &error)) << path;
+    std::vector<std::string> names;
+    for (const RemoteEntry& entry : entries) names.push_back(entry.name);
+    return names;
+  }
+  std::string read(const std::string& path) {
+    const auto local = makeLocalFile(NSFileHandle::Kind::kScratch);
+    error = nullptr;
+    EXPECT_TRUE(session->download(path, *local, 0, nullptr, control, &error)) << path;
+    return readLocalFile(*local);
+  }
+  void walkFolders(int from, int to) {
+    for (int i = from; i < to; ++i) EXPECT_EQ(list(folderAt(i)), std::vector<std::string>{"in"});
+  }
+  void readFiles(int from, int to) {
+    for (int i = from; i < to; ++i) EXPECT_EQ(read(fileAt(i)), contentOf(i));
+  }
+  // Far enough for the session to expect more of the same.
+  void beginWalk() {
+    list("/tree");
+    walkFolders(0, 6);
+  }
+  void beginReading() {
+    list("/files");
+    readFiles(0, 6);
+  }
+  template <typename Work>
+  size_t roundTrips(Work work) {
+    const size_t before = peer->waits();
+    work();
+    return peer->waits() - before;
+  }
+  size_t opens() const { return peer->countOf(kSFTPOpendir) + peer->countOf(kSFTPOpen); }
+};
+
+TEST_F(SFTPAheadTest, AFolderOnTheWayOfAWalkTakesOneRoundTrip) {
+  beginWalk();
+  EXPECT_EQ(roundTrips([&] { walkFolders(6, 30); }), 24u);
+}
+
+TEST_F(SFTPAheadTest, AFileThatIsReadInItsTurnTakesOneRoundTrip) {
+  beginReading();
+  EXPECT_EQ(roundTrips([&] { readFiles(6, 30); }), 24u);
+}
+
+TEST_F(SFTPAheadTest, AWalkGoesOnInTheFoldersBelow) {
+  for (int i = 0; i < 4; ++i) {
+    for (int k = 0; k < 3; ++k) server.addFolder(folderAt(i + 10) + fmt::format("/x{}", k));
+  }
+  beginWalk();
+  walkFolders(6, 10);
+  EXPECT_EQ(roundTrips([&] {
+              for (int i = 10; i < 14; ++i) {
+                EXPECT_EQ(list(folderAt(i)).size(), 4u);
+                for (int k = 0; k < 3; ++k) EXPECT_TRUE(list(folderAt(i) + fmt::format("/x{}", k)).empty());
+              }
+            }),
+            20u)
+      << "in each one to wait for the first of what was opened, then one for each";
+}
+
+TEST_F(SFTPAheadTest, TheFilesOfTheNextFolderAreExpectedToo) {
+  server.addFolder("/more");
+  for (int i = 0; i < 4; ++i) server.addFile(fmt::format("/more/g{}", i), "x");
+  list("/files");
+  readFiles(0, kCount);
+  list("/more");
+  EXPECT_EQ(roundTrips([&] {
+              for (int i = 0; i < 4; ++i) EXPECT_EQ(read(fmt::format("/more/g{}", i)), "x");
+            }),
+            5u)
+      << "one to wait for what was opened, then one for each";
+}
+
+TEST_F(SFTPAheadTest, NothingIsOpenedForSomebodyWhoLooksAround) {
+  list("/tree");
+  list(folderAt(0));
+  list(folderAt(1));
+  EXPECT_EQ(opens(), 3u);
+}
+
+TEST_F(SFTPAheadTest, NothingIsOpenedForSomebodyWhoJumpsAbout) {
+  list("/tree");
+  for (const int i : {0, 30, 3, 38, 10}) list(folderAt(i));
+  EXPECT_EQ(opens(), 6u);
+}
+
+TEST_F(SFTPAheadTest, OpensNoMoreThanAFewAhead) {
+  beginWalk();
+  beginReading();
+  EXPECT_LE(opens(), 2u + 6u + 6u + SFTPAhead::kMostFolders + SFTPAhead::kMostFiles);
+  EXPECT_LE(server.openHandles(), SFTPAhead::kMostFolders + SFTPAhead::kMostFiles);
+}
+
+TEST_F(SFTPAheadTest, OpensNeitherLinksNorWhatIsNoPlainFile) {
+  server.addFolder("/odd");
+  for (int i = 0; i < 8; ++i) server.addFile(fmt::format("/odd/a{}", i), "x");
+  server.addSpecial("/odd/pipe", 0010644);
+  server.addLink("/odd/link", "/files/f00");
+  list("/odd");
+  for (int i = 0; i < 8; ++i) read(fmt::format("/odd/a{}", i));
+  for (const PeerRequest& request : peer->requests()) {
+    if (request.type != kSFTPOpen) continue;
+    EXPECT_EQ(request.body.find("pipe"), std::string::npos);
+    EXPECT_EQ(request.body.find("link"), std::string::npos);
+  }
+}
+
+TEST_F(SFTPAheadTest, ShowsWhatIsInTheFolderWhenItIsAskedFor) {
+  beginWalk();
+  server.addFile(folderAt(7) + "/late", "");
+  EXPECT_EQ(list(folderAt(7)), (std::vector<std::string>{"in", "late"}));
+}
+
+TEST_F(SFTPAheadTest, AFolderThatHasChangedIsOpenedAnew) {
+  beginWalk();
+  server.setDate(folderAt(7), 2000);
+  const size_t before = peer->countOf(kSFTPOpendir);
+  EXPECT_EQ(list(folderAt(7)), std::vector<std::string>{"in"});
+  EXPECT_GT(peer->countOf(kSFTPOpendir), before);
+}
+
+TEST_F(SFTPAheadTest, AFolderThatIsGoneIsNotShown) {
+  beginWalk();
+  server.remove(folderAt(7) + "/in");
+  server.remove(folderAt(7));
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session->list(folderAt(7), &entries, &error));
+  EXPECT_EQ(codeOf(error), kQuarnKitNoSuchItem);
+  EXPECT_TRUE(entries.empty());
+}
+
+TEST_F(SFTPAheadTest, AFileThatWasReplacedIsReadAnew) {
+  beginReading();
+  // The handle still stands for the old one, as with every system that counts references.
+  server.replace(fileAt(7), "new content", 2000);
+  EXPECT_EQ(read(fileAt(7)), "new content");
+}
+
+TEST_F(SFTPAheadTest, AFileThatIsGoneIsNotRead) {
+  beginReading();
+  server.replace(fileAt(7), "", 2000);
+  server.remove(fileAt(7));
+  const auto local = makeLocalFile(NSFileHandle::Kind::kScratch);
+  EXPECT_FALSE(session->download(fileAt(7), *local, 0, nullptr, control, &error));
+  EXPECT_EQ(codeOf(error), kQuarnKitNoSuchItem);
+  EXPECT_EQ(local->fileLength(), 0u);
+}
+
+TEST_F(SFTPAheadTest, ContentThatHasChangedIsTheOneThatIsRead) {
+  beginReading();
+  server.addFile(fileAt(7), "changed in place", 1000);
+  EXPECT_EQ(read(fileAt(7)), "changed in place");
+}
+
+TEST_F(SFTPAheadTest, WhatChangedJustNowIsNotOpened) {
+  const auto now = static_cast<uint32_t>(NSDate::date().nanosecondsSince1970() / 1000000000);
+  for (int i = 0; i < kCount; ++i) server.setDate(folderAt(i), now);
+  beginWalk();
+  EXPECT_EQ(opens(), 7u) << "a second change within the second would not show in the date";
+}
+
+TEST_F(SFTPAheadTest, HandlesThatTheServerHasLetGoOfCostNothingButTime) {
+  beginWalk();
+  beginReading();
+  server.forgetHandles();
+  walkFolders(6, 10);
+  readFiles(6, 10);
+}
+
+TEST_F(SFTPAheadTest, ARefusedGuessIsNoError) {
+  for (int i = 6; i < 10; ++i) {
+    server.forbidden.insert(folderAt(i));
+    server.unreadable.insert(fileAt(i));
+  }
+  beginWalk();
+  beginReading();
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session->list(folderAt(6), &entries, &error));
+  EXPECT_EQ(codeOf(error), kQuarnKitListingNotPermitted);
+  walkFolders(10, 14);
+  readFiles(10, 14);
+}
+
+TEST_F(SFTPAheadTest, WhatIsRemovedOrMovedIsClosedBefore) {
+  beginWalk();
+  beginReading();
+  const size_t handles = server.openHandles();
+  server.before = [&](const PeerRequest& request) {
+    if (request.type == kSFTPRemove || request.type == kSFTPExtended)
+      EXPECT_LT(server.openHandles(), handles);
+  };
+  ASSERT_TRUE(session->remove(fileAt(8), false, &error));
+  ASSERT_TRUE(session->move(folderAt(8), true, "/tree/other", &error));
+  server.before = nullptr;
+}
+
+TEST_F(SFTPAheadTest, AFolderThatOneOfTheSessionsHasReplacedIsOpenedAnew) {
+  beginWalk();
+  ASSERT_TRUE(session->move(folderAt(7), true, "/tree/other", &error));
+  ASSERT_TRUE(session->createFolder(folderAt(7), &error));
+  EXPECT_TRUE(list(folderAt(7)).empty());
+}
+
+TEST_F(SFTPAheadTest, KnowsOfChangesThroughOtherSessions) {
+  const auto walks = std::make_shared<SFTPWalks>();
+  std::vector<RemoteEntry> entries;
+  walks->changed("/a");
+  const uint64_t before = walks->changes();
+  EXPECT_FALSE(walks->isAffected("/a", before));
+  walks->changed("/a/b");
+  EXPECT_TRUE(walks->isAffected("/a/b", before));
+  EXPECT_TRUE(walks->isAffected("/a/b/c/d", before));
+  EXPECT_TRUE(walks->isAffected("/a", before)) << "its listing";
+  EXPECT_FALSE(walks->isAffected("/", before));
+  EXPECT_FALSE(walks->isAffected("/a/c", before));
+  EXPECT_FALSE(walks->isAffected("/a/b", walks->changes()));
+  for (int i = 0; i < 1000; ++i) walks->changed("/elsewhere");
+  EXPECT_TRUE(walks->isAffected("/a/c", before)) << "too long ago to know";
+}
+
+TEST_F(SFTPAheadTest, AnIdleSessionKeepsNothingOpen) {
+  beginWalk();
+  beginReading();
+  EXPECT_TRUE(session->hasOpenedAhead());
+  session->closeOpenedAhead();
+  EXPECT_FALSE(session->hasOpenedAhead());
+  EXPECT_EQ(server.openHandles(), 0u);
+}
+
+TEST_F(SFTPAheadTest, WhatIsNotTakenForSecondsIsClosed) {
+  ManualClock clock;
+  beginWalk();
+  EXPECT_GT(server.openHandles(), 0u);
+  clock.advance(6.0);
+  list("/files");
+  list("/files");
+  EXPECT_EQ(server.openHandles(), 0u);
+}
+
+TEST_F(SFTPAheadTest, AConnectionThatEndsIsTold) {
+  beginWalk();
+  server.before = [&](const PeerRequest&) { peer->hangUp(); };
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session->list(folderAt(6), &entries, &error));
+  EXPECT_EQ(codeOf(error), kQuarnKitConnectionLost);
+  server.before = nullptr;
+}
+
+TEST_F(SFTPAheadTest, ReadsWholeTreesHoweverRepliesAreCut) {
+  TearDown();
+  session.reset();
+  server.batch = 1;
+  logIn(1);
+  list("/tree");
+  walkFolders(0, kCount);
+  list("/files");
+  readFiles(0, kCount);
+}
+
+}  // namespace
+}  // namespace ombra::test
