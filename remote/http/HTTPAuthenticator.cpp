@@ -1,5 +1,4 @@
 #include "remote/http/HTTPAuthenticator.h"
-#include "remote/http/HTTPText.h"
 
 #include <fmt/format.h>
 #include <openssl/crypto.h>
@@ -8,6 +7,9 @@
 
 #include <algorithm>
 #include <array>
+
+#include "remote/http/HTTPText.h"
+#include "remote/tls/DigestText.h"
 
 namespace ombra {
 
@@ -79,17 +81,11 @@ class ChallengeReader {
   std::string_view iText;
 };
 
-std::string hexText(const unsigned char* bytes, size_t length) {
-  std::string text;
-  for (size_t i = 0; i < length; ++i) text += fmt::format("{:02x}", bytes[i]);
-  return text;
-}
-
 std::string hashText(const EVP_MD* hash, std::string_view text) {
   std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
   unsigned int length = 0;
   if (EVP_Digest(text.data(), text.size(), digest.data(), &length, hash, nullptr) != 1) return {};
-  return hexText(digest.data(), length);
+  return hexadecimalText({digest.data(), length});
 }
 
 // Without the "-sess". Null for what is not known.
@@ -98,15 +94,6 @@ const EVP_MD* hashOfAlgorithm(std::string_view algorithm) {
   if (name.ends_with("-sess")) name.resize(name.size() - 5);
   if (name.empty() || name == "md5") return EVP_md5();
   return name == "sha-256" ? EVP_sha256() : nullptr;
-}
-
-std::string base64(std::string_view text) {
-  std::string result(4 * ((text.size() + 2) / 3) + 1, '\0');
-  const int length =
-      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(result.data()),
-                      reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-  result.resize(static_cast<size_t>(std::max(length, 0)));
-  return result;
 }
 
 // A value between quotes.
@@ -145,7 +132,7 @@ std::string randomNonce() {
   std::array<unsigned char, 16> bytes{};
   // Without randomness the nonce protects less, but the login is still good.
   RAND_bytes(bytes.data(), static_cast<int>(bytes.size()));
-  return hexText(bytes.data(), bytes.size());
+  return hexadecimalText(bytes);
 }
 
 // SHA-256 first, then MD5; what cannot be answered last.
@@ -224,7 +211,7 @@ bool HTTPAuthenticator::takeDigest(const HTTPChallenge& challenge) {
 
 std::string HTTPAuthenticator::authorization(std::string_view method, std::string_view target) {
   if (iScheme == Scheme::kNone) return {};
-  if (iScheme == Scheme::kBasic) return "Basic " + base64(iUser + ":" + iPassword);
+  if (iScheme == Scheme::kBasic) return "Basic " + base64Text(iUser + ":" + iPassword);
   return digest(method, target);
 }
 

@@ -264,7 +264,6 @@ bool HTTPExchange::flushPieces() {
 
 size_t HTTPExchange::giveBody(char* bytes, size_t size, size_t count, void* self) {
   auto* exchange = static_cast<HTTPExchange*>(self);
-  exchange->iTouchedBody = true;
   const size_t given = exchange->fillFromSource(reinterpret_cast<std::byte*>(bytes), size * count);
   // The source may have waited for long: that was not the server's silence.
   exchange->iLastMove = SteadyClock::now();

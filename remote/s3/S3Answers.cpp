@@ -1,10 +1,9 @@
 #include "remote/s3/S3Answers.h"
 
-#include <charconv>
-#include <limits>
 #include <pugixml.hpp>
 
 #include "remote/http/HTTPDate.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/http/URLEncoding.h"
 
 namespace ombra {
@@ -52,14 +51,6 @@ std::string wordIn(const pugi::xml_node& node, std::string_view name) {
   return text;
 }
 
-std::optional<uint64_t> sizeOfText(std::string_view text) {
-  uint64_t size = 0;
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), size);
-  const bool isWhole = failure == std::errc() && end == text.data() + text.size() && !text.empty();
-  if (!isWhole || size > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return std::nullopt;
-  return size;
-}
-
 // As forms are encoded: a blank may come as "+", and a plus sign never does.
 std::string decodedName(std::string text, bool isEncoded) {
   if (!isEncoded) return text;
@@ -72,7 +63,7 @@ std::string decodedName(std::string text, bool isEncoded) {
 bool readObject(const pugi::xml_node& node, bool isEncoded, S3ListedObject* object) {
   object->key = decodedName(textIn(node, "Key"), isEncoded);
   object->modificationDate = dateOfISO8601Text(textIn(node, "LastModified"));
-  const std::optional<uint64_t> size = sizeOfText(textIn(node, "Size"));
+  const std::optional<uint64_t> size = httpLength(textIn(node, "Size"));
   if (!size || object->key.empty()) return false;
   object->size = *size;
   return true;

@@ -6,6 +6,7 @@
 
 #include "platform/foundation/NSThread.h"
 #include "remote/QuarnKitError.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/http/URLEncoding.h"
 #include "remote/s3/S3Errors.h"
 #include "remote/s3/S3MultipartUpload.h"
@@ -44,14 +45,6 @@ std::vector<HTTPHeader> ownHeaders(const HTTPResponse& head) {
   return kept;
 }
 
-std::optional<uint64_t> lengthIn(const HTTPResponse& head) {
-  const std::string* text = head.header("Content-Length");
-  if (text == nullptr || text->empty() || text->size() > 18 ||
-      text->find_first_not_of("0123456789") != std::string::npos)
-    return std::nullopt;
-  return std::stoull(*text);
-}
-
 bool copyInParts(S3Client& client, const S3Limits& limits, const S3Copy& copy, NSErrorRef* error) {
   const S3Path from{copy.fromBucket, copy.fromKey};
   S3Request question;
@@ -60,7 +53,7 @@ bool copyInParts(S3Client& client, const S3Limits& limits, const S3Copy& copy, N
   question.key = copy.fromKey;
   const auto head = client.performOrFail(std::move(question), from.text(), error);
   if (!head) return false;
-  const std::optional<uint64_t> length = lengthIn(*head);
+  const std::optional<uint64_t> length = httpContentLength(*head);
   const std::string* tag = head->header("ETag");
   if (!length || *length == 0 || tag == nullptr) {
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, from.text() + " has no length"));

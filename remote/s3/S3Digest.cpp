@@ -7,6 +7,8 @@
 #include <memory>
 #include <vector>
 
+#include "remote/tls/DigestText.h"
+
 namespace ombra {
 namespace {
 
@@ -18,29 +20,16 @@ struct ContextDeleter {
 
 }  // namespace
 
-std::string s3Hexadecimal(std::span<const unsigned char> bytes) {
-  constexpr std::string_view kDigits = "0123456789abcdef";
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (const unsigned char byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
-  }
-  return text;
-}
-
 std::string s3SHA256(std::string_view bytes) {
   std::array<unsigned char, 32> digest{};
   EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_sha256(), nullptr);
-  return s3Hexadecimal(digest);
+  return hexadecimalText(digest);
 }
 
 std::string s3MD5(std::string_view bytes) {
   std::array<unsigned char, 16> digest{};
   EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_md5(), nullptr);
-  std::array<unsigned char, 25> text{};
-  const int length = EVP_EncodeBlock(text.data(), digest.data(), digest.size());
-  return {reinterpret_cast<const char*>(text.data()), static_cast<size_t>(length)};
+  return base64Text(digest);
 }
 
 std::optional<std::string> s3SHA256OfFile(const NSFileHandle& file, FileExtent range) {
@@ -57,7 +46,7 @@ std::optional<std::string> s3SHA256OfFile(const NSFileHandle& file, FileExtent r
   }
   std::array<unsigned char, 32> digest{};
   EVP_DigestFinal_ex(context.get(), digest.data(), nullptr);
-  return s3Hexadecimal(digest);
+  return hexadecimalText(digest);
 }
 
 }  // namespace ombra

@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -11,7 +10,6 @@
 
 namespace ombra {
 
-std::string s3Hexadecimal(std::span<const unsigned char> bytes);
 // Hexadecimal.
 std::string s3SHA256(std::string_view bytes);
 // Base64: the value of "Content-MD5", which some requests must have.

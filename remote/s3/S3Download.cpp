@@ -1,46 +1,16 @@
 #include "remote/s3/S3Download.h"
 
 #include <cerrno>
-#include <charconv>
-#include <limits>
 #include <utility>
 
 #include "remote/QuarnKitError.h"
+#include "remote/http/HTTPLengths.h"
 
 namespace ombra {
 namespace {
 
-std::optional<uint64_t> numberOf(std::string_view text) {
-  uint64_t number = 0;
-  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), number);
-  const bool isWhole = failure == std::errc() && end == text.data() + text.size();
-  if (!isWhole || number > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return std::nullopt;
-  return number;
-}
-
-struct ContentRange {
-  uint64_t begin = 0;
-  uint64_t length = 0;  // of the whole
-};
-
-// "bytes 10-19/100"
-std::optional<ContentRange> contentRange(std::string_view text) {
-  constexpr std::string_view kUnit = "bytes ";
-  if (!text.starts_with(kUnit)) return std::nullopt;
-  text.remove_prefix(kUnit.size());
-  const size_t dash = text.find('-');
-  const size_t slash = text.find('/');
-  if (dash == std::string_view::npos || slash == std::string_view::npos || slash < dash) return std::nullopt;
-  const auto begin = numberOf(text.substr(0, dash));
-  const auto last = numberOf(text.substr(dash + 1, slash - dash - 1));
-  const auto length = numberOf(text.substr(slash + 1));
-  if (!begin || !last || !length || *last < *begin || *last + 1 != *length) return std::nullopt;
-  return ContentRange{*begin, *length};
-}
-
-std::optional<uint64_t> numberIn(const HTTPResponse& head, std::string_view name) {
-  const std::string* text = head.header(name);
-  return text != nullptr ? numberOf(*text) : std::nullopt;
+bool isFromThereToTheEnd(const HTTPContentRange& range, uint64_t offset) {
+  return range.first == offset && range.last && range.total && *range.last + 1 == *range.total;
 }
 
 std::string versionOf(const std::string& tag, uint64_t length) { return tag + " " + std::to_string(length); }
@@ -75,12 +45,12 @@ bool S3Download::begin(const HTTPResponse& head) {
   if (tag == nullptr || tag->empty()) return fail(kQuarnKitProtocolError, "the answer has no tag");
   std::optional<uint64_t> length;
   if (head.status == 206) {
-    const std::string* text = head.header("Content-Range");
-    const std::optional<ContentRange> range = text != nullptr ? contentRange(*text) : std::nullopt;
-    if (!range || range->begin != iOffset) return fail(kQuarnKitProtocolError, "the answer is another part");
-    length = range->length;
+    const std::optional<HTTPContentRange> range = HTTPContentRange::ofResponse(head);
+    if (!range || !isFromThereToTheEnd(*range, iOffset))
+      return fail(kQuarnKitProtocolError, "the answer is another part");
+    length = range->total;
   } else if (iOffset == 0) {
-    length = numberIn(head, "Content-Length");
+    length = httpContentLength(head);
   }
   if (!length) return fail(kQuarnKitProtocolError, "the answer is not the part that was asked for");
   iEnd = *length;
@@ -115,7 +85,7 @@ bool S3Download::finish(const HTTPResponse& head, NSErrorRef* error) {
 bool S3Download::settleEnd(const HTTPResponse& head, const std::string& path, uint64_t offset,
                            std::string* version, NSErrorRef* error) {
   const std::string* tag = head.header("ETag");
-  const std::optional<uint64_t> length = numberIn(head, "Content-Length");
+  const std::optional<uint64_t> length = httpContentLength(head);
   const std::string present = tag != nullptr && length ? versionOf(*tag, *length) : std::string();
   const bool isSame = version == nullptr || version->empty() || *version == present;
   if (isSame && length == offset) {

@@ -11,6 +11,7 @@
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/http/URLEncoding.h"
 #include "remote/s3/S3Digest.h"
+#include "remote/tls/DigestText.h"
 
 namespace ombra {
 namespace {
@@ -92,7 +93,7 @@ SignatureV4Key::SignatureV4Key(std::string_view secret, const SignatureV4Scope& 
 SignatureV4Key::~SignatureV4Key() { OPENSSL_cleanse(iKey.data(), iKey.size()); }
 
 std::string SignatureV4Key::sign(std::string_view text) const {
-  return s3Hexadecimal(hmac(iKey.data(), iKey.size(), text));
+  return hexadecimalText(hmac(iKey.data(), iKey.size(), text));
 }
 
 std::string signatureV4Timestamp(NSDate date) {

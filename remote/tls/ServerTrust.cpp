@@ -12,6 +12,7 @@
 #include "platform/foundation/Mutex.h"
 #include "remote/QuarnKitError.h"
 #include "remote/tls/CertificateCheck.h"
+#include "remote/tls/DigestText.h"
 
 namespace ombra {
 
@@ -27,15 +28,6 @@ std::vector<std::string> splitAtBlanks(std::string_view text) {
   return words;
 }
 
-std::string base64WithoutPadding(const unsigned char* bytes, size_t length) {
-  std::string text(4 * ((length + 2) / 3) + 1, '\0');
-  const int written =
-      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()), bytes, static_cast<int>(length));
-  text.resize(static_cast<size_t>(std::max(written, 0)));
-  while (!text.empty() && text.back() == '=') text.pop_back();
-  return text;
-}
-
 }  // namespace
 
 std::string fingerprintOfCertificate(const x509_st* certificate) {
@@ -43,7 +35,8 @@ std::string fingerprintOfCertificate(const x509_st* certificate) {
   unsigned int length = 0;
   if (certificate == nullptr || X509_digest(certificate, EVP_sha256(), digest.data(), &length) != 1)
     return {};
-  return "SHA256:" + base64WithoutPadding(digest.data(), length);
+  const std::string text = base64Text({digest.data(), length});
+  return "SHA256:" + text.substr(0, text.find('='));
 }
 
 struct ServerTrust::State {
@@ -81,8 +74,8 @@ struct ServerTrust::State {
     return why;
   }
 
-  // Asked once for each certificate: who answers is there for the login alone, and later connections of the same
-  // session meet the same one. An exception must not pass through OpenSSL: it counts as a no.
+  // Asked once for each certificate: who answers is there for the login alone, and later connections of the
+  // same session meet the same one. An exception must not pass through OpenSSL: it counts as a no.
   bool isWorthy(const std::string& fingerprint) {
     {
       MutexLock lock(lastLock);

@@ -10,14 +10,6 @@
 
 namespace ombra {
 
-// "bytes 100-199/200", "bytes */200"; a star is an absent number.
-struct DAVContentRange {
-  std::optional<uint64_t> first;
-  std::optional<uint64_t> last;
-  std::optional<uint64_t> total;
-  static std::optional<DAVContentRange> parse(std::string_view text);
-};
-
 // Which state of a file an answer is about: its tag, its date and its size, each as far as the server tells
 // it.
 struct DAVVersion {

@@ -6,6 +6,7 @@
 #include <cerrno>
 
 #include "remote/QuarnKitError.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/webdav/DAVContent.h"
 #include "remote/webdav/DAVErrors.h"
 
@@ -49,9 +50,7 @@ bool DAVDownload::noteVersion(const HTTPResponse& head) {
 }
 
 bool DAVDownload::beginRange(const HTTPResponse& head) {
-  const std::string* text = head.header("Content-Range");
-  const std::optional<DAVContentRange> range =
-      text != nullptr ? DAVContentRange::parse(*text) : std::optional<DAVContentRange>();
+  const std::optional<HTTPContentRange> range = HTTPContentRange::ofResponse(head);
   if (range && range->first == iOffset) return true;
   return fail(davNonsense(iPath, "the server sent another part of the file than it was asked for"));
 }
@@ -88,9 +87,7 @@ bool DAVDownload::take(const HTTPResponse& head, std::span<const std::byte> piec
 
 // There is nothing from the offset on: right at the file's end that is the rest.
 bool DAVDownload::finishBeyondEnd(const HTTPResponse& response, NSErrorRef* error) {
-  const std::string* text = response.header("Content-Range");
-  const std::optional<DAVContentRange> range =
-      text != nullptr ? DAVContentRange::parse(*text) : std::optional<DAVContentRange>();
+  const std::optional<HTTPContentRange> range = HTTPContentRange::ofResponse(response);
   const bool isResumed = iVersion != nullptr && !iVersion->empty();
   std::optional<uint64_t> known;
   if (isResumed) known = DAVVersion::fromText(*iVersion).size;

@@ -5,6 +5,7 @@
 #include <pugixml.hpp>
 
 #include "remote/http/HTTPDate.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/http/HTTPText.h"
 
 namespace ombra {
@@ -48,15 +49,6 @@ pugi::xml_node childOf(pugi::xml_node parent, std::string_view name) {
 
 std::string_view textOf(pugi::xml_node element) { return httpTrimmed(element.text().get()); }
 
-std::optional<uint64_t> numberOf(std::string_view text) {
-  uint64_t value = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  const bool isWhole = result.ec == std::errc() && result.ptr == text.data() + text.size();
-  // Offsets are signed in the system: what is longer is nonsense.
-  if (!isWhole || value > static_cast<uint64_t>(INT64_MAX)) return std::nullopt;
-  return value;
-}
-
 void readProperty(pugi::xml_node property, DAVProperties* properties) {
   const std::string_view name = localName(property.name());
   if (!isDAV(property, name)) return;
@@ -67,7 +59,7 @@ void readProperty(pugi::xml_node property, DAVProperties* properties) {
     // An older way to tell, of servers that leave the type empty.
     properties->isCollection = properties->isCollection || text == "1" || text == "true";
   } else if (name == "getcontentlength") {
-    properties->contentLength = numberOf(text);
+    properties->contentLength = httpLength(text);
   } else if (name == "getlastmodified") {
     properties->lastModified = dateOfHTTPText(text);
     if (!properties->lastModified) properties->lastModified = dateOfISO8601Text(text);
@@ -75,9 +67,9 @@ void readProperty(pugi::xml_node property, DAVProperties* properties) {
     properties->creationDate = dateOfISO8601Text(text);
     if (!properties->creationDate) properties->creationDate = dateOfHTTPText(text);
   } else if (name == "quota-available-bytes") {
-    properties->quotaAvailable = numberOf(text);
+    properties->quotaAvailable = httpLength(text);
   } else if (name == "quota-used-bytes") {
-    properties->quotaUsed = numberOf(text);
+    properties->quotaUsed = httpLength(text);
   }
 }
 

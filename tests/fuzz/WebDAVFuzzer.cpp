@@ -6,6 +6,7 @@
 
 #include "remote/RemotePaths.h"
 #include "remote/TemporaryNames.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/webdav/DAVContent.h"
 #include "remote/webdav/DAVErrors.h"
 #include "remote/webdav/DAVListing.h"
@@ -27,7 +28,7 @@ void checkListing(std::vector<ombra::DAVResponse> responses, std::string_view pa
 }
 
 void checkContent(std::string_view text) {
-  if (const auto range = ombra::DAVContentRange::parse(text)) {
+  if (const auto range = ombra::HTTPContentRange::parse(text)) {
     require(range->first.has_value() == range->last.has_value());
     require(!range->first || *range->first <= *range->last);
   }

@@ -1,10 +1,11 @@
-// Encodings, dates, URLs and the transcript's text.
+// Encodings, dates, ranges, URLs and the transcript's text.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "remote/QuarnKitError.h"
 #include "remote/http/HTTPDate.h"
 #include "remote/http/HTTPErrors.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/http/HTTPText.h"
 #include "remote/http/HTTPTranscript.h"
 #include "remote/http/HTTPURL.h"
@@ -149,6 +150,20 @@ TEST(HTTPText, TrimsAndComparesWithoutCase) {
   EXPECT_EQ(httpTrimmed("  "), "");
   EXPECT_TRUE(httpEqual("Content-LENGTH", "content-length"));
   EXPECT_FALSE(httpEqual("content", "content-length"));
+}
+
+TEST(HTTPContentRange, IsReadOrRefused) {
+  const auto range = HTTPContentRange::parse("bytes 100-199/200");
+  ASSERT_TRUE(range.has_value());
+  EXPECT_EQ(range->first, 100u);
+  EXPECT_EQ(range->last, 199u);
+  EXPECT_EQ(range->total, 200u);
+  EXPECT_EQ(HTTPContentRange::parse("Bytes  */200")->total, 200u);
+  EXPECT_FALSE(HTTPContentRange::parse("bytes */200")->first.has_value());
+  EXPECT_FALSE(HTTPContentRange::parse("bytes 0-1/*")->total.has_value());
+  for (const char* text : {"", "bytes", "bytes 1-2", "bytes 2-1/3", "bytes 0-3/3", "bytes a-b/c",
+                           "items 0-1/2", "bytes 0-99999999999999999999/*", "bytes -1/2"})
+    EXPECT_FALSE(HTTPContentRange::parse(text).has_value()) << text;
 }
 
 struct FailureCase {

@@ -9,6 +9,7 @@
 
 #include "remote/http/HTTPDate.h"
 #include "remote/s3/S3Digest.h"
+#include "remote/tls/DigestText.h"
 #include "tests/s3/MemoryStore.h"
 #include "tests/support/ConnectionContract.h"
 #include "tests/support/ManualClock.h"
@@ -40,7 +41,7 @@ std::string signingKey(const std::string& secret, const SignatureV4Scope& scope)
 }
 
 std::string hexadecimal(const std::string& bytes) {
-  return s3Hexadecimal({reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()});
+  return hexadecimalText({reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size()});
 }
 
 // Answers the first requests so, and the others as they deserve.
@@ -199,7 +200,8 @@ TEST(S3Login, WrongKeysAreRefusedAndMissingRightsAreNot) {
                                 {s3RefusalReply(403, "SignatureDoesNotMatch"), kQuarnKitLoginFailed},
                                 {s3RefusalReply(400, "ExpiredToken"), kQuarnKitLoginFailed},
                                 {s3RefusalReply(403, "AccessDenied"), std::nullopt},
-                                {s3RefusalReply(404, "NoSuchBucket"), std::nullopt},
+                                {s3RefusalReply(404, "NoSuchBucket"), kQuarnKitNoSuchItem},
+                                {s3RefusalReply(404, "NoSuchKey"), std::nullopt},
                                 {httpReply(404, "<html>not found</html>"), kQuarnKitNoSuchItem},
                                 {httpReply(200, "<html>hello</html>"), kQuarnKitProtocolError},
                                 {httpReply(302, "", "Location: /login\r\n"), kQuarnKitRefused}};
@@ -247,6 +249,14 @@ TEST(S3Login, WithoutAKeyNothingIsSigned) {
   NSErrorRef error;
   EXPECT_TRUE(listTop(server.session(), &error));
   EXPECT_EQ(server.store().server().seen().back().header("authorization"), "");
+}
+
+TEST(S3Login, WithoutAKeyABucketThatIsNotPublicCannotBeUsed) {
+  MemorySession server({}, [](KCCredentials& credentials) { credentials.setUsername(std::nullopt); });
+  server.store().setIntercept([](const HTTPSeen&) { return s3RefusalReply(403, "AccessDenied"); });
+  NSErrorRef error;
+  EXPECT_FALSE(server.makeSession()->logIn(&error));
+  EXPECT_TRUE(hasCode(error, {kQuarnKitPermissionDenied}));
 }
 
 TEST(S3Login, TheListOfBucketsIsAskedForWhenNoBucketIsNamed) {
