@@ -183,7 +183,7 @@ TEST_F(VolumeInfoTest, NameAndIconAreWrittenForFileManagers) {
   LocalFile::write(icon, "image");
   EXPECT_EQ(VolumeInfo::publish(*store, "Ada's files", icon), std::nullopt);
   EXPECT_EQ(contentAt("/.xdg-volume-info"),
-            "[XDG Volume Info]\n# Shown for as long as the volume is mounted; not on the server.\n"
+            "[Volume Info]\n# Shown for as long as the volume is mounted; not on the server.\n"
             "Name=Ada's files\nIcon=folder-remote\nIconFile=.VolumeIcon.png\n");
   EXPECT_EQ(contentAt("/.VolumeIcon.png"), "image");
   EXPECT_NE(contentAt("/.directory").find("Icon=./.VolumeIcon.png\n"), std::string::npos);

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 
@@ -20,7 +21,8 @@ std::optional<std::string> LocalFile::contentOf(const std::string& path, size_t 
   if (file.get() < 0 || fstat(file.get(), &status) != 0) return std::nullopt;
   errno = EINVAL;
   if (!S_ISREG(status.st_mode)) return std::nullopt;
-  std::string content(limit + 1, '\0');
+  // One byte more than there should be tells a file that is longer.
+  std::string content(std::min(limit, static_cast<size_t>(status.st_size)) + 1, '\0');
   size_t got = 0;
   while (got < content.size()) {
     const ssize_t count = read(file.get(), content.data() + got, content.size() - got);

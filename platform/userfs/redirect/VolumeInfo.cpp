@@ -59,7 +59,7 @@ int publishFile(LitterStore& store, std::string_view path, std::string_view cont
 }  // namespace
 
 std::string VolumeInfo::info(std::string_view volumeName, std::string_view iconName) {
-  std::string text = "[XDG Volume Info]\n" + std::string(kOurs);
+  std::string text = "[Volume Info]\n" + std::string(kOurs);
   if (!volumeName.empty()) text += "Name=" + valueOf(volumeName) + "\n";
   text += "Icon=" + std::string(kIconOfServers) + "\n";
   if (!iconName.empty()) text += "IconFile=" + std::string(iconName) + "\n";
