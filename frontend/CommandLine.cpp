@@ -45,6 +45,7 @@ Examples:
   ombra mount ftpes://anna@ftp.example.org
   ombra mount https://anna@cloud.example.org/dav/anna
   ombra mount s3://photos --region eu-central-1
+  ombra mount s3://public-data --anonymous
   ombra mount s3://KEY@photos/2024 --endpoint https://s3.example.org
   ombra mount file:///srv/shared
 
@@ -179,6 +180,8 @@ class CommandLine {
     command->add_option("--region", iMount.s3.region, "The region of the bucket (s3)")->type_name("NAME");
     command->add_option("--profile", iMount.s3.profile, "The profile of ~/.aws to take the key from (s3)")
         ->type_name("NAME");
+    command->add_flag("--anonymous", iMount.s3.anonymous,
+                      "Use no key: for buckets that are open to everybody (s3)");
     command->add_flag("--path-style", iMount.s3.pathStyle,
                       "Send the bucket in the path instead of the host name (s3)");
     command->add_flag("--streaming", iMount.streaming, "Write files as streams instead of in place (file)");

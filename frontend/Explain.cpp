@@ -111,6 +111,8 @@ std::string adviceForMissingFolder(const ErrorContext& context) {
 std::string adviceForClosedFolder(const ErrorContext& context) {
   if (context.protocol == kProtocolS3 && (context.path.empty() || context.path == "/"))
     return "This key may not list the buckets: name one in the URL, as in s3://bucket.";
+  if (context.protocol == kProtocolS3 && context.username.empty())
+    return "It is not open to everybody: give a key, as in s3://KEY@bucket.";
   return "Name a folder that you may read, or log in as another user.";
 }
 

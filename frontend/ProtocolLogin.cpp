@@ -73,11 +73,12 @@ bool checkOptionsForURL(const MountOptions& options, const RemoteURL& url, Failu
   const bool isSFTP = url.protocol == kProtocolSFTP;
   const bool isFTP = url.protocol == kProtocolFTP || url.protocol == kProtocolFTPImplicitTLS ||
                      url.protocol == kProtocolFTPExplicitTLS;
-  const std::array<OptionRule, 8> rules{{
+  const std::array<OptionRule, 9> rules{{
       {"--save", options.login.save, !isFile},
       {"--identity", options.login.identity.has_value(), isSFTP || isFile},
       {"--region", options.s3.region.has_value(), isS3},
       {"--endpoint", options.s3.endpoint.has_value(), isS3},
+      {"--anonymous", options.s3.anonymous, isS3},
       {"--path-style", options.s3.pathStyle, isS3},
       {"--profile", options.s3.profile.has_value(), isS3},
       {"--encoding", options.encoding.has_value(), isFTP || isSFTP},

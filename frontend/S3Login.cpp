@@ -20,6 +20,7 @@ class S3Login final : public ProtocolLogin {
     iSettings = std::move(*settings);
     putIntoCredentials();
     if (!settleTrust(false, failure)) return false;
+    if (isAnonymous()) return true;
     if (iSettings.secret) {
       iTools.credentials.setPassword(*iSettings.secret);
       // What the environment and files keep already is not kept a second time.
@@ -32,12 +33,14 @@ class S3Login final : public ProtocolLogin {
   }
 
  private:
+  bool isAnonymous() const { return iSettings.accessKey.empty(); }
+
   void putIntoCredentials() {
     KCCredentials& credentials = iTools.credentials;
     const RemoteURL& url = iTools.url;
     credentials.setAddress(iSettings.address);
     credentials.setPort(iSettings.port);
-    credentials.setUsername(iSettings.accessKey);
+    credentials.setUsername(isAnonymous() ? std::nullopt : std::optional(iSettings.accessKey));
     credentials.setPassword(std::nullopt);
     const std::string below = url.path && *url.path != "/" ? *url.path : "";
     credentials.setInitialPath("/" + url.host + below);
@@ -62,7 +65,9 @@ class S3Login final : public ProtocolLogin {
     return false;
   }
 
-  bool askAgain() override { return askForPassword(iTools.secretSources(), &iTools.credentials); }
+  bool askAgain() override {
+    return !isAnonymous() && askForPassword(iTools.secretSources(), &iTools.credentials);
+  }
 
   S3Settings iSettings;
 };

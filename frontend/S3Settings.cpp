@@ -92,6 +92,11 @@ class S3Gathering {
   }
 
   bool findKey() {
+    if (iOptions.anonymous) {
+      return !iURL.username ||
+             refuse(kExitUsage, "The URL names an access key, and --anonymous says that there is none.", "",
+                    "Leave one of them out.");
+    }
     if (iURL.username) {
       iResult.accessKey = *iURL.username;
       iResult.secret = iURL.password;
@@ -123,7 +128,7 @@ class S3Gathering {
     const std::string todo =
         "Write the key into the URL, as in s3://KEY@bucket, to be asked for its secret; or set "
         "AWS_ACCESS_KEY_ID "
-        "and AWS_SECRET_ACCESS_KEY; or name a profile with --profile.";
+        "and AWS_SECRET_ACCESS_KEY; or name a profile with --profile. For a public bucket use --anonymous.";
     for (const char* way : kOtherWays) {
       if (!profileValue(way)) continue;
       return refuse(

@@ -16,6 +16,7 @@ struct S3Options {
   std::optional<std::string> region;
   std::optional<std::string> endpoint;
   bool pathStyle = false;
+  bool anonymous = false;  // without a key
 };
 
 // Where settings that the command line does not give come from.
@@ -33,7 +34,7 @@ struct S3Settings {
   S3Settings& operator=(S3Settings&&) = default;
   ~S3Settings();
 
-  std::string accessKey;
+  std::string accessKey;              // empty: nobody's, for what is open to everybody
   std::optional<std::string> secret;  // absent when only the URL's key is known
   std::optional<std::string> sessionToken;
   std::optional<std::string> region;
@@ -46,9 +47,10 @@ struct S3Settings {
   bool isEncrypted = true;
 };
 
-// The key comes from the URL, else from a profile that the options name, else from AWS_ACCESS_KEY_ID, else
-// from the profile AWS_PROFILE or "default"; the other settings from the options, the environment and that
-// profile, in this order. Absent, with the failure filled, when there is no key, or something makes no sense.
+// Without a key where the options say so. Else it comes from the URL, else from a profile that the options
+// name, else from AWS_ACCESS_KEY_ID, else from the profile AWS_PROFILE or "default"; the other settings from
+// the options, the environment and that profile, in this order. Absent, with the failure filled, when there
+// is no key, or something makes no sense.
 std::optional<S3Settings> settleS3(const RemoteURL& url, const S3Options& options,
                                    const S3Surroundings& surroundings, Failure* failure);
 

@@ -69,7 +69,9 @@ bool S3Session::logIn(NSErrorRef* error) {
   return *iIsLoggedIn;
 }
 
-// A cheap question, whose answer tells whether the key is good. That it may not be asked tells the same.
+// A cheap question, whose answer tells whether the key is good. That it may not be asked tells the same,
+// unless nobody is logged in at all. A folder may be missing, and what is above it is taken then; above a
+// bucket there is only the list of all, which nobody has asked for who names one.
 bool S3Session::askForLogin(NSErrorRef* error) {
   if (!iHasEndpoint) {
     storeError(error, QuarnKitError::errorWithCode(
@@ -94,9 +96,12 @@ bool S3Session::askForLogin(NSErrorRef* error) {
     return false;
   }
   const NSErrorRef fault = s3Error(*answer->refusal, start.text());
-  const bool isLoggedIn = QuarnKitError::isCode(fault, kQuarnKitPermissionDenied) ||
-                          (QuarnKitError::isCode(fault, kQuarnKitNoSuchItem) && !start.isRoot() &&
-                           !answer->refusal->code.empty());
+  const std::string& code = answer->refusal->code;
+  const bool isFolderMissing = QuarnKitError::isCode(fault, kQuarnKitNoSuchItem) && !start.isRoot() &&
+                               !code.empty() && code != "NoSuchBucket" && code != "InvalidBucketName";
+  const bool isForbidden = QuarnKitError::isCode(fault, kQuarnKitPermissionDenied) &&
+                           iClient.environment().credentials->username().has_value();
+  const bool isLoggedIn = isForbidden || isFolderMissing;
   if (!isLoggedIn) storeError(error, fault);
   return isLoggedIn;
 }

@@ -164,6 +164,8 @@ TEST_F(ProtocolCommand, AnOptionThatHasNoMeaningForTheURLIsRefused) {
       {{"sftp://nas.test", "--endpoint", "http://x"}, "--endpoint"},
       {{"ftp://nas.test", "--path-style"}, "--path-style"},
       {{"file:///etc", "--profile", "x"}, "--profile"},
+      {{"ftp://nas.test", "--anonymous"}, "--anonymous"},
+      {{"file:///etc", "--save"}, "--save"},
       {{"s3://bucket", "--encoding", "ISO-8859-1"}, "--encoding"},
       {{"davs://nas.test", "--encoding", "ISO-8859-1"}, "--encoding"},
       {{"sftp://nas.test", "--streaming"}, "--streaming"},
@@ -369,6 +371,19 @@ TEST_F(ProtocolCommand, S3WithoutAKeyOrWithoutItsSecretIsRefused) {
   EXPECT_EQ(result.exitCode, 4);
   EXPECT_THAT(result.err, HasSubstr("secret"));
   EXPECT_FALSE(std::filesystem::exists(iFolder / "arguments.txt"));
+}
+
+TEST_F(ProtocolCommand, S3WithoutAKeyOnRequest) {
+  iVariables = {"AWS_ACCESS_KEY_ID=ENVKEY", "AWS_SECRET_ACCESS_KEY=envsecret"};
+  const auto result = mount({"s3://public", "--anonymous"});
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  ASSERT_TRUE(given());
+  EXPECT_EQ(given()->username(), std::nullopt);
+  EXPECT_EQ(given()->password(), std::nullopt);
+  EXPECT_EQ(mount({"s3://KEY@public", "--anonymous"}).exitCode, 2);
+  EXPECT_THAT(mount({"s3://public"}, "plain-failure").err, Not(HasSubstr("anonymous"))) << "there is a key";
+  iVariables.clear();
+  EXPECT_THAT(mount({"s3://public"}).err, HasSubstr("For a public bucket use --anonymous."));
 }
 
 TEST_F(ProtocolCommand, NoSecretStandsInTheArgumentsOfTheHelperOrTheProcessList) {
