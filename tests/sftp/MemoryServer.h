@@ -41,6 +41,11 @@ class MemoryServer {
   std::string content(const std::string& path) const;
   size_t openHandles() const { return iHandles.size(); }
   void forgetHandles() { iHandles.clear(); }
+  // The connection has ended: what was not said yet is not said any more.
+  void hangUp() {
+    iHandles.clear();
+    iHeld.clear();
+  }
 
   // For the transport's handler.
   void handle(const PeerRequest& request, PeerTransport& transport);
