@@ -31,6 +31,14 @@ class HTTPAuthenticator {
   HTTPAuthenticator(const HTTPAuthenticator&) = delete;
   HTTPAuthenticator& operator=(const HTTPAuthenticator&) = delete;
 
+  // Where nothing was asked yet: begins as if the server had asked for basic authentication. For one that is
+  // known to ask for it.
+  void beginWithBasic() {
+    if (iScheme == Scheme::kNone) iScheme = Scheme::kBasic;
+  }
+  bool hasBegun() const { return iScheme != Scheme::kNone; }
+  bool isBasic() const { return iScheme == Scheme::kBasic; }
+
   // Takes the challenges of an answer 401. True when the request has a chance if it is sent again: the server
   // asks for the first time, or only for a newer nonce.
   bool takeChallenges(const std::vector<std::string>& headerValues);

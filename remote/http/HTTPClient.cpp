@@ -14,6 +14,7 @@
 #include "remote/http/HTTPAuthenticator.h"
 #include "remote/http/HTTPErrors.h"
 #include "remote/http/HTTPExchange.h"
+#include "remote/http/HTTPLoginFacts.h"
 #include "remote/http/HTTPText.h"
 #include "remote/http/HTTPURL.h"
 #include "remote/tls/ServerTrust.h"
@@ -70,7 +71,10 @@ std::vector<std::string> HTTPResponse::allHeaders(std::string_view name) const {
 }
 
 struct HTTPClient::State {
-  State(const SessionEnvironment& surroundings, HTTPAuthentication wanted) : environment(surroundings) {
+  State(const SessionEnvironment& surroundings, HTTPAuthentication wanted,
+        std::shared_ptr<HTTPLoginFacts> shared)
+      : environment(surroundings), facts(std::move(shared)) {
+    if (facts == nullptr) facts = std::make_shared<HTTPLoginFacts>();
     prepareLibraryOnce();
     multi.reset(curl_multi_init());
     easy.reset(curl_easy_init());
@@ -93,12 +97,14 @@ struct HTTPClient::State {
   std::optional<HTTPResponse> authenticated(const HTTPRequest& request, const HTTPURL& url,
                                             NSErrorRef* error);
   bool askAhead(const HTTPRequest& request, const HTTPURL& url, NSErrorRef* error);
+  bool takeChallenges(const HTTPResponse& refusal);
   NSErrorRef explain(const HTTPExchange& run, const HTTPURL& url);
   void noteFailure(const NSErrorRef& failure);
 
   const SessionEnvironment environment;
   std::atomic<bool> interrupted{false};
   std::map<std::string, std::unique_ptr<ServerTrust>> trusts;
+  std::shared_ptr<HTTPLoginFacts> facts;             // never null
   std::unique_ptr<HTTPAuthenticator> authenticator;  // null when nobody logs in
   CurlMulti multi;
   CurlEasy easy;  // goes before the multi handle, the trusts after both
@@ -179,8 +185,19 @@ bool HTTPClient::State::askAhead(const HTTPRequest& request, const HTTPURL& url,
   question.control = request.control;
   const std::optional<HTTPResponse> answer = exchange(question, url, error);
   if (!answer) return false;
-  if (answer->status == 401) authenticator->takeChallenges(answer->allHeaders("WWW-Authenticate"));
+  if (answer->status == 401) takeChallenges(*answer);
   return true;
+}
+
+bool HTTPClient::State::takeChallenges(const HTTPResponse& refusal) {
+  const bool wasBasic = authenticator->isBasic();
+  const bool hasAChance = authenticator->takeChallenges(refusal.allHeaders("WWW-Authenticate"));
+  if (!authenticator->isBasic() && authenticator->hasBegun()) {
+    facts->offeredDigest();
+  } else if (wasBasic) {
+    facts->refusedPassword();
+  }
+  return hasAChance;
 }
 
 std::optional<HTTPResponse> HTTPClient::State::authenticated(const HTTPRequest& request, const HTTPURL& url,
@@ -189,15 +206,20 @@ std::optional<HTTPResponse> HTTPClient::State::authenticated(const HTTPRequest& 
   const bool isOnce = hasSource && !request.body->rewind;
   if (isOnce && authenticator && authenticator->mayBeChallengedAgain() && !askAhead(request, url, error))
     return std::nullopt;
+  if (authenticator && !authenticator->hasBegun() && facts->mayBeginWithPassword(url.origin()))
+    authenticator->beginWithBasic();
   std::optional<HTTPResponse> answer = exchange(request, url, error);
   if (!answer || answer->status != 401 || !authenticator) return answer;
-  if (!authenticator->takeChallenges(answer->allHeaders("WWW-Authenticate"))) return answer;
+  if (!takeChallenges(*answer)) return answer;
   if (hasSource && (isOnce || !request.body->rewind())) return answer;
-  return exchange(request, url, error);
+  answer = exchange(request, url, error);
+  if (answer && answer->status != 401 && authenticator->isBasic()) facts->tookPassword(url.origin());
+  return answer;
 }
 
-HTTPClient::HTTPClient(const SessionEnvironment& environment, HTTPAuthentication authentication)
-    : iState(std::make_unique<State>(environment, authentication)) {}
+HTTPClient::HTTPClient(const SessionEnvironment& environment, HTTPAuthentication authentication,
+                       std::shared_ptr<HTTPLoginFacts> facts)
+    : iState(std::make_unique<State>(environment, authentication, std::move(facts))) {}
 
 HTTPClient::~HTTPClient() = default;
 

@@ -17,6 +17,8 @@
 
 namespace ombra {
 
+class HTTPLoginFacts;
+
 struct HTTPHeader {
   std::string name;
   std::string value;
@@ -75,7 +77,9 @@ enum class HTTPAuthentication : uint8_t { none, basicOrDigest };
 // "Cookie", "Set-Cookie", "X-Amz-Security-Token" and of signatures in a query are masked.
 class HTTPClient {
  public:
-  HTTPClient(const SessionEnvironment& environment, HTTPAuthentication authentication);
+  // `facts`, which may be null, are shared by the connections of one login.
+  HTTPClient(const SessionEnvironment& environment, HTTPAuthentication authentication,
+             std::shared_ptr<HTTPLoginFacts> facts = nullptr);
   ~HTTPClient();
   HTTPClient(const HTTPClient&) = delete;
   HTTPClient& operator=(const HTTPClient&) = delete;

@@ -81,7 +81,8 @@ WebDAVSession::WebDAVSession(const SessionEnvironment& environment, std::shared_
     : iEnvironment(environment),
       iFacts(std::move(facts)),
       iServer(serverOf(*environment.credentials)),
-      iClient(environment, HTTPAuthentication::basicOrDigest) {}
+      iClient(environment, HTTPAuthentication::basicOrDigest,
+              std::shared_ptr<HTTPLoginFacts>(iFacts, &iFacts->login)) {}
 
 std::string WebDAVSession::urlOf(std::string_view path, bool isFolder) const {
   std::string url = iServer.origin() + percentEncodedPath(path);

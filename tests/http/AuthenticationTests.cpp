@@ -1,5 +1,6 @@
 // Challenges, and what is answered to them.
 #include "remote/http/HTTPAuthenticator.h"
+#include "remote/http/HTTPURL.h"
 #include "tests/http/ClientFixture.h"
 
 namespace ombra {
@@ -184,6 +185,60 @@ TEST_F(HTTPLoginTest, WhatCanBeSentOnceOnlyIsSentAfterTheServerWasAskedForANonce
   put.body = pieces("content", false, false);
   EXPECT_EQ(statusOf(put), 200);
   EXPECT_THAT(server->lines(), ElementsAre("GET /1", "GET /1", "GET /2", "OPTIONS /3", "PUT /3"));
+}
+
+TEST_F(HTTPLoginTest, AFurtherConnectionNeedNotBeAskedByTheSameServer) {
+  facts = std::make_shared<HTTPLoginFacts>();
+  serveBasic();
+  EXPECT_EQ(statusOf(request("GET", "/1")), 200);
+  renewClient();
+  EXPECT_EQ(statusOf(request("GET", "/2")), 200);
+  EXPECT_THAT(server->lines(), ElementsAre("GET /1", "GET /1", "GET /2"));
+}
+
+TEST_F(HTTPLoginTest, AnotherServerIsNotSentThePasswordUnasked) {
+  facts = std::make_shared<HTTPLoginFacts>();
+  serveBasic();
+  EXPECT_EQ(statusOf(request("GET", "/1")), 200);
+  renewClient();
+  const auto first = std::move(server);  // keeps its port
+  serveBasic();
+  EXPECT_EQ(statusOf(request("GET", "/2")), 200);
+  ASSERT_EQ(server->seen().size(), 2u);
+  EXPECT_EQ(server->seen().front().header("authorization"), "");
+}
+
+TEST_F(HTTPLoginTest, APasswordThatWasRefusedIsNotSentUnasked) {
+  facts = std::make_shared<HTTPLoginFacts>();
+  credentials->setPassword("another");
+  serveBasic();
+  EXPECT_EQ(statusOf(request("GET", "/1")), 401);
+  renewClient();
+  EXPECT_EQ(statusOf(request("GET", "/2")), 401);
+  EXPECT_EQ(server->seen().at(2).header("authorization"), "");
+}
+
+TEST_F(HTTPLoginTest, APasswordThatIsNoLongerTakenIsSentOnceByEachConnection) {
+  facts = std::make_shared<HTTPLoginFacts>();
+  facts->tookPassword(HTTPURL::parse((serveBasic(), request("GET")).url)->origin());
+  credentials->setPassword("another");
+  EXPECT_EQ(statusOf(request("GET", "/1")), 401);
+  EXPECT_EQ(server->seen().size(), 1u);
+  renewClient();
+  EXPECT_EQ(statusOf(request("GET", "/2")), 401);
+  EXPECT_EQ(server->seen().at(1).header("authorization"), "");
+}
+
+TEST_F(HTTPLoginTest, AServerThatOnceOfferedDigestIsNeverSentThePasswordUnasked) {
+  facts = std::make_shared<HTTPLoginFacts>();
+  serveDigest(100);
+  EXPECT_EQ(statusOf(request("GET", "/1")), 200);
+  facts->tookPassword(HTTPURL::parse(request("GET").url)->origin());
+  renewClient();
+  EXPECT_EQ(statusOf(request("GET", "/2")), 200);
+  EXPECT_EQ(server->seen().at(2).header("authorization"), "");
+  for (const HTTPSeen& seen : server->seen())
+    EXPECT_THAT(seen.header("authorization"), Not(HasSubstr("Basic")));
 }
 
 TEST_F(HTTPLoginTest, TheTranscriptNeverHoldsThePasswordInAnyForm) {

@@ -11,7 +11,7 @@ HTTPClient& HTTPClientTest::client() {
     environment.transcript = transcript;
     environment.isWorthyTrust = [](const std::string&) { return true; };
     environment.idleLimit = idleLimit;
-    iClient = std::make_unique<HTTPClient>(environment, authentication);
+    iClient = std::make_unique<HTTPClient>(environment, authentication, facts);
   }
   return *iClient;
 }

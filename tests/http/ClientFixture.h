@@ -9,6 +9,7 @@
 
 #include "remote/QuarnKitError.h"
 #include "remote/http/HTTPClient.h"
+#include "remote/http/HTTPLoginFacts.h"
 #include "tests/support/HTTPServer.h"
 #include "tests/support/SessionDoubles.h"
 
@@ -33,6 +34,7 @@ class HTTPClientTest : public testing::Test {
   std::unique_ptr<HTTPServer> server;
   std::shared_ptr<KeptTranscript> transcript = std::make_shared<KeptTranscript>();
   std::shared_ptr<KCCredentials> credentials = std::make_shared<KCCredentials>();
+  std::shared_ptr<HTTPLoginFacts> facts;  // null: of each client alone
   std::chrono::milliseconds idleLimit{20000};
   HTTPAuthentication authentication = HTTPAuthentication::none;
   KeptControl control;
