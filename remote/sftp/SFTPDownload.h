@@ -26,6 +26,9 @@ class SFTPDownload {
   void begin();
   // The length that the server tells: requests beyond it are few, since they are expected to find the end.
   void setExpectedLength(uint64_t length) { iExpectedLength = length; }
+  // How many requests an earlier download has had in flight in the end, and how many this one has by now.
+  void widen(size_t requests) { iWindow.widen(requests); }
+  size_t width() const { return iWindow.limit(); }
   // Runs to the end of the remote file.
   [[nodiscard]] bool run(TransferControl& control, NSErrorRef* error);
 

@@ -1,6 +1,8 @@
 // Downloads.
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "remote/sftp/SFTPDownload.h"
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
@@ -72,7 +74,12 @@ bool SFTPSession::downloadThrough(const std::string& handle, std::string_view pa
       if (attributes && attributes->size) download.setExpectedLength(*attributes->size);
       if (attributes && attributes->size.value_or(kSmallFile) < kSmallFile)
         iAhead.openNext(path, SFTPWalks::Kind::kFile);
+      // Not before: to ask for megabytes beyond the end of a small file would cost the server something.
+      download.widen(iDownloadWidth);
       succeeded = download.run(control, error);
+      // Only as much as the file was long enough to try.
+      const uint64_t pieces = attributes ? attributes->size.value_or(0) / iChannel.readLength() : 0;
+      iDownloadWidth = std::min(download.width(), std::max(iDownloadWidth, static_cast<size_t>(pieces / 2)));
     }
   }
   iChannel.abandon(iRequests.close(handle));

@@ -163,6 +163,7 @@ class SFTPSession final : public Session {
   const std::shared_ptr<SFTPWalks> iWalks;
   SFTPAhead iAhead;
   std::string iLoginPath;
+  size_t iDownloadWidth = 0;  // requests in flight that the line has taken
   // The folder made last, as the server described it in the same round trip.
   std::optional<std::pair<std::string, SFTPAttributes>> iMadeFolder;
   std::unique_ptr<SFTPUpload> iUpload;  // kept between uploads of one path

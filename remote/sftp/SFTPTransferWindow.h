@@ -1,6 +1,7 @@
 // How much of a transfer may be in flight.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstddef>
 
@@ -13,6 +14,8 @@ class SFTPTransferWindow {
  public:
   explicit SFTPTransferWindow(size_t pieceLength);
   size_t limit() const { return iLimit; }
+  // An earlier transfer over the same line has found that so many do no harm.
+  void widen(size_t limit) { iLimit = std::clamp(limit, iLimit, iMaximum); }
   // A reply came `latency` after its request had been queued.
   void replied(std::chrono::steady_clock::duration latency);
 

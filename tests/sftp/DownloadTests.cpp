@@ -96,6 +96,25 @@ TEST_F(SFTPDownloadTest, SurvivesEveryCutOfTheBytes) {
   }
 }
 
+TEST_F(SFTPDownloadTest, BeginsWithAsManyRequestsAsTheLineHasTakenBefore) {
+  server.addFile("/f", pattern(8 * 1024 * 1024));
+  logIn();
+  server.batch = SIZE_MAX;
+  const size_t before = peer->waits();
+  ASSERT_TRUE(download());
+  const size_t first = peer->waits() - before;
+  local = makeLocalFile(NSFileHandle::Kind::kScratch);
+  ASSERT_TRUE(download());
+  EXPECT_LT(peer->waits() - before - first, first);
+  // A small one is asked for no more than before.
+  server.addFile("/f", "small");
+  const size_t reads = peer->countOf(kSFTPRead);
+  version.clear();
+  local = makeLocalFile(NSFileHandle::Kind::kScratch);
+  ASSERT_TRUE(download());
+  EXPECT_LE(peer->countOf(kSFTPRead) - reads, 1024u * 1024u / 32768u);
+}
+
 TEST_F(SFTPDownloadTest, HasManyRequestsInFlightAndNotOneRoundTripEach) {
   server.readLength = kSFTPMaximumPieceLength;
   server.addFile("/f", pattern(40 * kSFTPMaximumPieceLength));
