@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "remote/QuarnKitError.h"
+#include "remote/ftp/FTPReply.h"
 
 namespace ombra {
 
@@ -26,26 +27,21 @@ bool failUpgrade(NSErrorRef* error, QuarnKitErrorCode code, const std::string& d
   return false;
 }
 
-struct Reply {
-  int code = 0;
-  std::string lastLine;
-};
-
 class ControlConnection {
  public:
   ControlConnection(int socket, SteadyClock::time_point deadline, NSErrorRef* error)
       : iSocket(socket), iDeadline(deadline), iError(error) {}
 
-  // The last line of a reply begins with the code of the first one and a blank.
-  std::optional<Reply> reply() {
-    std::string code;
-    for (size_t length = 0; length <= kLongestReply;) {
-      const auto line = readLine();
-      if (!line) return std::nullopt;
-      if (code.empty() && !beginsWithCode(*line)) break;
-      if (code.empty()) code = line->substr(0, 3);
-      if (*line == code || line->starts_with(code + " ")) return Reply{std::stoi(code), *line};
-      length += line->size() + 1;
+  // Byte by byte: what follows the last line belongs to TLS.
+  std::optional<FTPReply> reply() {
+    FTPReplyParser parser;
+    std::string line;
+    for (size_t length = 0; length <= kLongestReply && !parser.isBroken(); ++length) {
+      const auto byte = readByte(line);
+      if (!byte) return std::nullopt;
+      *byte == '\n' ? line.clear() : line.push_back(*byte);
+      parser.add({&*byte, 1});
+      if (auto reply = parser.next()) return reply;
     }
     failUpgrade(iError, kQuarnKitProtocolError, "this is no FTP server");
     return std::nullopt;
@@ -64,32 +60,15 @@ class ControlConnection {
   }
 
  private:
-  static bool beginsWithCode(std::string_view line) {
-    const auto isDigit = [](char c) { return c >= '0' && c <= '9'; };
-    return line.size() >= 3 && std::all_of(line.begin(), line.begin() + 3, isDigit);
-  }
-
-  // Without its end. Byte by byte: what follows the last line belongs to TLS.
-  std::optional<std::string> readLine() {
-    std::string line;
-    while (line.size() <= kLongestReply) {
-      char c = 0;
-      const ssize_t count = recv(iSocket, &c, 1, 0);
-      if (count == 0) {
-        failUpgrade(iError, kQuarnKitConnectionLost, line);
-        return std::nullopt;
-      }
-      if (count < 0) {
-        if (!mayGoOn(POLLIN)) return std::nullopt;
-      } else if (c == '\n') {
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        return line;
-      } else {
-        line += c;
-      }
+  // `line`: what came before it, for the error.
+  std::optional<char> readByte(const std::string& line) {
+    while (true) {
+      char byte = 0;
+      const ssize_t count = recv(iSocket, &byte, 1, 0);
+      if (count > 0) return byte;
+      if (count == 0) failUpgrade(iError, kQuarnKitConnectionLost, line);
+      if (count == 0 || !mayGoOn(POLLIN)) return std::nullopt;
     }
-    failUpgrade(iError, kQuarnKitProtocolError, "this is no FTP server");
-    return std::nullopt;
   }
 
   // After a call that gave nothing: waits until it is worth another try. Looks at errno.
@@ -109,6 +88,13 @@ class ControlConnection {
   NSErrorRef* const iError;
 };
 
+// The last line as it came.
+std::string lastLineOf(const FTPReply& reply) {
+  std::string line = std::to_string(reply.code);
+  if (!reply.text().empty()) line.append(" ").append(reply.text());
+  return line;
+}
+
 }  // namespace
 
 bool upgradeFTP(int socket, SteadyClock::time_point deadline, NSErrorRef* error) {
@@ -118,12 +104,12 @@ bool upgradeFTP(int socket, SteadyClock::time_point deadline, NSErrorRef* error)
   if (reply && reply->code == 120) reply = connection.reply();
   if (!reply) return false;
   if (reply->code == 421 || reply->code == 530)
-    return failUpgrade(error, kQuarnKitTooManyConnections, reply->lastLine);
-  if (reply->code != 220) return failUpgrade(error, kQuarnKitRefused, reply->lastLine);
+    return failUpgrade(error, kQuarnKitTooManyConnections, lastLineOf(*reply));
+  if (reply->code != 220) return failUpgrade(error, kQuarnKitRefused, lastLineOf(*reply));
   if (!connection.send("AUTH TLS\r\n")) return false;
   reply = connection.reply();
   if (!reply) return false;
-  return reply->code == 234 || failUpgrade(error, kQuarnKitNotSupported, reply->lastLine);
+  return reply->code == 234 || failUpgrade(error, kQuarnKitNotSupported, lastLineOf(*reply));
 }
 
 }  // namespace ombra
