@@ -1,25 +1,16 @@
 #include "tests/frontend/PlainServer.h"
 
-#include <arpa/inet.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include "remote/tls/OpenSSLHandles.h"
+#include "tests/support/Loopback.h"
 
 namespace ombra {
 
-PlainServer::PlainServer(Talk talk)
-    : iTalk(std::move(talk)), iListener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bind(iListener.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address));
-  listen(iListener.get(), 8);
-  socklen_t length = sizeof(address);
-  getsockname(iListener.get(), reinterpret_cast<sockaddr*>(&address), &length);
-  iPort = ntohs(address.sin_port);
+PlainServer::PlainServer(Talk talk) : iTalk(std::move(talk)), iListener(listenOnLoopback(&iPort)) {
   iThread = std::thread([this] { run(); });
 }
 

@@ -27,8 +27,8 @@ class PlainServer {
   void run();
 
   const Talk iTalk;
-  UniqueFd iListener;
   int iPort = 0;
+  UniqueFd iListener;
   std::thread iThread;
 };
 

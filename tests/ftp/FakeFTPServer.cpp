@@ -1,6 +1,5 @@
 #include "tests/ftp/FakeFTPServer.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -13,22 +12,10 @@
 #include <utility>
 
 #include "remote/KCTypes.h"
+#include "tests/support/Loopback.h"
 
 namespace ombra {
 namespace {
-
-int listenOnLoopback(int* port) {
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* plain = reinterpret_cast<sockaddr*>(&address);
-  if (bind(socket, plain, length) != 0 || listen(socket, 64) != 0) return -1;
-  getsockname(socket, plain, &length);
-  *port = ntohs(address.sin_port);
-  return socket;
-}
 
 void sendBytes(int socket, std::string_view bytes) {
   while (!bytes.empty()) {

@@ -1,6 +1,5 @@
 #include "tests/sftp/FaultProxy.h"
 
-#include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -10,28 +9,12 @@
 #include <cstring>
 #include <vector>
 
+#include "tests/support/Loopback.h"
+
 namespace ombra::test {
 
-namespace {
-
-sockaddr_in loopback(int port) {
-  sockaddr_in address = {};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  return address;
-}
-
-}  // namespace
-
 FaultProxy::FaultProxy(int target) : iTarget(target) {
-  iListener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(0);
-  socklen_t length = sizeof(address);
-  if (bind(iListener, reinterpret_cast<sockaddr*>(&address), length) == 0 && listen(iListener, 16) == 0 &&
-      getsockname(iListener, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-    iPort = ntohs(address.sin_port);
-  }
+  iListener = listenOnLoopback(&iPort);
   iThread = std::thread([this] { run(); });
 }
 
@@ -62,7 +45,7 @@ void FaultProxy::serve(int client) {
   const int one = 1;
   setsockopt(client, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
   setsockopt(server, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-  const sockaddr_in address = loopback(iTarget);
+  const sockaddr_in address = loopbackAddress(iTarget);
   bool stands = connect(server, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
   while (stands) {
     const bool stalls = iArrived.load() >= iStallAfter.load();

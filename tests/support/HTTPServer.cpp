@@ -1,6 +1,5 @@
 #include "tests/support/HTTPServer.h"
 
-#include <arpa/inet.h>
 #include <fmt/format.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -10,6 +9,8 @@
 #include <algorithm>
 #include <array>
 #include <stdexcept>
+
+#include "tests/support/Loopback.h"
 
 namespace ombra {
 namespace {
@@ -141,16 +142,8 @@ HTTPReply httpHangUp() {
 }
 
 HTTPServer::HTTPServer(Script script) : iScript(std::move(script)) {
-  iListener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (bind(iListener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-      listen(iListener, 64) != 0 ||
-      getsockname(iListener, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-    throw std::runtime_error("no port of this machine can be listened on");
-  iPort = ntohs(address.sin_port);
+  iListener = listenOnLoopback(&iPort);
+  if (iListener < 0) throw std::runtime_error("no port of this machine can be listened on");
   iAcceptor = std::thread([this] { acceptAll(); });
 }
 

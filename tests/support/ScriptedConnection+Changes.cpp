@@ -1,5 +1,6 @@
 // Operations of the scripted connection that change the tree.
 #include "platform/foundation/KCStringAdditions.h"
+#include "remote/RemotePaths.h"
 #include "tests/support/ScriptedConnection.h"
 
 namespace ombra {
@@ -8,9 +9,7 @@ namespace {
 std::string flag(bool value) { return value ? "1" : "0"; }
 
 bool hasParent(ScriptedTree& tree, std::string_view path) {
-  const std::string normal = ScriptedTree::normalized(path);
-  const size_t slash = normal.rfind('/');
-  const ScriptedItem* parent = tree.findVisible(slash == 0 ? "/" : normal.substr(0, slash));
+  const ScriptedItem* parent = tree.findVisible(parentOfRemotePath(normalRemotePath(path)));
   return parent != nullptr && parent->type == kNodeTypeFolder;
 }
 

@@ -1,5 +1,7 @@
 #include "tests/support/ScriptedConnection.h"
 
+#include "remote/RemotePaths.h"
+
 namespace ombra {
 
 void ScriptedConnection::setDelegate(ConnectionDelegate* delegate) {
@@ -40,9 +42,9 @@ bool ScriptedConnection::connect(NSErrorRef* error) {
 std::string ScriptedConnection::absolute(std::string_view path) const {
   WatchedLock lock(iState->iCondition);
   const std::string home = iState->iLoginPath.value_or("/");
-  if (path.starts_with("~")) return ScriptedTree::normalized(home + "/" + std::string(path.substr(1)));
-  if (path.starts_with("/")) return ScriptedTree::normalized(path);
-  return ScriptedTree::normalized(iFolder.value_or(home) + "/" + std::string(path));
+  if (path.starts_with("~")) return normalRemotePath(home + "/" + std::string(path.substr(1)));
+  if (path.starts_with("/")) return normalRemotePath(path);
+  return normalRemotePath(iFolder.value_or(home) + "/" + std::string(path));
 }
 
 bool ScriptedConnection::changeDir(std::string_view path, NSErrorRef* error) {
@@ -134,7 +136,7 @@ bool ScriptedConnection::contentsAtPath(std::string_view path,
     handler = iState->iContentsHandler;
   }
   if (handler) return handler(path, nodes, error);
-  const std::string folderPath = ScriptedTree::normalized(path);
+  const std::string folderPath = normalRemotePath(path);
   WatchedLock lock(iState->iCondition);
   const ScriptedItem* folder = iState->iTree.findVisible(folderPath);
   if (folder == nullptr) return refuse(kQuarnKitNoSuchItem, path, error);

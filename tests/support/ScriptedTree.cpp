@@ -3,37 +3,22 @@
 #include <algorithm>
 
 #include "platform/foundation/KCStringAdditions.h"
+#include "remote/RemotePaths.h"
 
 namespace ombra {
 namespace {
 
 constexpr int kMaximumLinks = 40;
 
+// Of a path in normal form.
 std::vector<std::string> names(std::string_view path) {
   std::vector<std::string> result;
-  while (!path.empty()) {
-    const size_t end = std::min(path.find('/'), path.size());
-    const std::string_view name = path.substr(0, end);
-    path.remove_prefix(std::min(end + 1, path.size()));
-    if (name.empty() || name == ".") continue;
-    if (name != "..") {
-      result.emplace_back(name);
-    } else if (!result.empty()) {
-      result.pop_back();
-    }
+  while (path.size() > 1) {
+    path.remove_prefix(1);
+    result.emplace_back(path.substr(0, path.find('/')));
+    path.remove_prefix(result.back().size());
   }
   return result;
-}
-
-std::string parentOf(const std::string& path) {
-  const size_t slash = path.rfind('/');
-  return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string nameOf(const std::string& path) { return path.substr(path.rfind('/') + 1); }
-
-std::string child(const std::string& folder, const std::string& name) {
-  return folder == "/" ? folder + name : folder + "/" + name;
 }
 
 uint16_t defaultMode(uint32_t type) {
@@ -45,24 +30,18 @@ uint16_t defaultMode(uint32_t type) {
 
 ScriptedTree::ScriptedTree() { add("/", kNodeTypeFolder); }
 
-std::string ScriptedTree::normalized(std::string_view path) {
-  std::string result;
-  for (const std::string& name : names(path)) result.append("/").append(name);
-  return result.empty() ? "/" : result;
-}
-
 ScriptedItem* ScriptedTree::find(std::string_view path) {
-  const auto found = iItems.find(normalized(path));
+  const auto found = iItems.find(normalRemotePath(path));
   return found != iItems.end() ? &found->second : nullptr;
 }
 
 const ScriptedItem* ScriptedTree::find(std::string_view path) const {
-  const auto found = iItems.find(normalized(path));
+  const auto found = iItems.find(normalRemotePath(path));
   return found != iItems.end() ? &found->second : nullptr;
 }
 
 std::optional<std::string> ScriptedTree::resolve(std::string_view path) const {
-  std::vector<std::string> pending = names(path);
+  std::vector<std::string> pending = names(normalRemotePath(path));
   std::reverse(pending.begin(), pending.end());
   std::string resolved = "/";
   int links = 0;
@@ -70,10 +49,10 @@ std::optional<std::string> ScriptedTree::resolve(std::string_view path) const {
     const std::string name = std::move(pending.back());
     pending.pop_back();
     if (name == "..") {
-      resolved = parentOf(resolved);
+      resolved = parentOfRemotePath(resolved);
       continue;
     }
-    const std::string next = child(resolved, name);
+    const std::string next = remotePathInFolder(resolved, name);
     const ScriptedItem* item = find(next);
     if (item == nullptr || item->type != kNodeTypeAlias) {
       resolved = next;
@@ -81,8 +60,7 @@ std::optional<std::string> ScriptedTree::resolve(std::string_view path) const {
     }
     if (++links > kMaximumLinks) return std::nullopt;
     // A relative target counts from the folder of the link.
-    const std::string target =
-        item->target.starts_with('/') ? normalized(item->target) : normalized(child(resolved, item->target));
+    const std::string target = normalRemotePath(absoluteRemotePath(item->target, resolved));
     std::vector<std::string> inserted = names(target);
     pending.insert(pending.end(), inserted.rbegin(), inserted.rend());
     resolved = "/";
@@ -97,12 +75,12 @@ ScriptedItem* ScriptedTree::findVisible(std::string_view path) {
 }
 
 ScriptedItem& ScriptedTree::add(std::string_view path, uint32_t type) {
-  const std::string normal = normalized(path);
+  const std::string normal = normalRemotePath(path);
   const bool isNew = !iItems.contains(normal);
   if (isNew && normal != "/") {
-    const std::string parent = parentOf(normal);
+    const std::string parent = parentOfRemotePath(normal);
     if (!iItems.contains(parent)) add(parent, kNodeTypeFolder);
-    iItems[parent].children.push_back(nameOf(normal));
+    iItems[parent].children.emplace_back(nameOfRemotePath(normal));
   }
   ScriptedItem& item = iItems[normal];
   if (item.type != type || isNew) item = ScriptedItem{};
@@ -114,34 +92,35 @@ ScriptedItem& ScriptedTree::add(std::string_view path, uint32_t type) {
 }
 
 void ScriptedTree::remove(std::string_view path) {
-  const std::string normal = normalized(path);
+  const std::string normal = normalRemotePath(path);
   if (normal == "/" || !iItems.contains(normal)) return;
   const std::vector<std::string> children = iItems[normal].children;
-  for (const std::string& name : children) remove(child(normal, name));
+  for (const std::string& name : children) remove(remotePathInFolder(normal, name));
   iItems.erase(normal);
-  std::erase(iItems[parentOf(normal)].children, nameOf(normal));
+  std::erase(iItems[parentOfRemotePath(normal)].children, nameOfRemotePath(normal));
 }
 
 void ScriptedTree::move(std::string_view from, std::string_view to) {
-  const std::string source = normalized(from);
-  const std::string destination = normalized(to);
+  const std::string source = normalRemotePath(from);
+  const std::string destination = normalRemotePath(to);
   ScriptedItem item = *find(source);
   const std::vector<std::string> children = std::move(item.children);
   item.children.clear();
   add(destination, item.type) = item;
-  for (const std::string& name : children) move(child(source, name), child(destination, name));
+  for (const std::string& name : children)
+    move(remotePathInFolder(source, name), remotePathInFolder(destination, name));
   remove(source);
 }
 
 void ScriptedTree::setHidden(std::string_view path, bool hidden) {
   if (hidden) {
-    iHidden.insert(normalized(path));
+    iHidden.insert(normalRemotePath(path));
   } else {
-    iHidden.erase(normalized(path));
+    iHidden.erase(normalRemotePath(path));
   }
 }
 
-bool ScriptedTree::isHidden(std::string_view path) const { return iHidden.contains(normalized(path)); }
+bool ScriptedTree::isHidden(std::string_view path) const { return iHidden.contains(normalRemotePath(path)); }
 
 NSFileAttributes ScriptedTree::listedAttributes(const ScriptedItem& item) {
   NSFileAttributes attributes = item.attributes;

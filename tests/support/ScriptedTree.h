@@ -27,7 +27,6 @@ class ScriptedTree {
  public:
   ScriptedTree();
 
-  static std::string normalized(std::string_view path);
   // The item at the path itself; null when there is none.
   ScriptedItem* find(std::string_view path);
   const ScriptedItem* find(std::string_view path) const;

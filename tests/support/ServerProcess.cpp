@@ -1,8 +1,6 @@
 #include "tests/support/ServerProcess.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
@@ -14,20 +12,14 @@
 #include <chrono>
 #include <cstring>
 
+#include "tests/support/Loopback.h"
+
 namespace ombra {
 namespace {
 
 constexpr std::chrono::seconds kServerStartLimit{20};
 // Ends the server when the thread that started it is gone.
 constexpr const char* kDeathSignalLauncher = "/usr/bin/setpriv";
-
-sockaddr_in loopback(int port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(static_cast<uint16_t>(port));
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
 
 int millisecondsUntil(std::chrono::steady_clock::time_point end) {
   const auto left =
@@ -50,14 +42,8 @@ std::string ServerProcess::findProgram(const std::string& name) {
 }
 
 int ServerProcess::freePort() {
-  const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address = loopback(0);
-  socklen_t length = sizeof address;
   int port = 0;
-  if (bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port = ntohs(address.sin_port);
-  close(socket);
+  close(listenOnLoopback(&port));
   return port;
 }
 
@@ -110,7 +96,7 @@ bool ServerProcess::waitForPort(int port) {
   const auto end = std::chrono::steady_clock::now() + kServerStartLimit;
   while (std::chrono::steady_clock::now() < end) {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in address = loopback(port);
+    const sockaddr_in address = loopbackAddress(port);
     const bool listens = connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     close(socket);
     if (listens) return true;
