@@ -1,0 +1,1 @@
+"""What bench/compare is made of: servers, programs, works, and the report."""

@@ -1,0 +1,184 @@
+"""Goes through protocols, works, runs and programs; the programs take turns within one run."""
+import os
+import sys
+import time
+from dataclasses import dataclass
+
+from comparison import content
+from comparison.processes import Failure, start, stop, wait_for_port
+from comparison.raw import Raw
+from comparison.results import Results
+from comparison.works import WORKS
+
+
+@dataclass
+class Site:
+    """What a work needs to know."""
+
+    server: object
+    host: str
+    data: str        # a local twin of what is served
+    folder: str      # for temporary files
+    sizes: content.Sizes
+    timeout: float
+    mount_began: float = 0
+
+    @property
+    def store(self):
+        return self.server.store
+
+
+def say(text):
+    print(text, file=sys.stderr, flush=True)
+
+
+class Proxy:
+    """The way to the servers when it is to take long: the same ports at another address of loopback."""
+
+    address = "127.0.0.2"
+
+    def __init__(self, build, folder, delay, servers):
+        program = f"{build}/bin/delay_proxy"
+        if not os.access(program, os.X_OK):
+            raise Failure(f"{program} is not built (cmake --build --preset release --target delay_proxy)")
+        ports = [str(server.port) for server in servers] + [s.data_ports for s in servers if s.data_ports]
+        log = f"{folder}/proxy.log"
+        self.process = start([program, "--delay", str(delay), "--listen", self.address, "--connect", "127.0.0.1",
+                              *ports], log)
+        wait_for_port(servers[0].port, self.process, log, self.address)
+
+    def stop(self):
+        stop(self.process)
+
+
+class Runner:
+    def __init__(self, options, folder):
+        self.options, self.folder = options, folder
+        self.results = Results()
+        self.servers, self.programs, self.raws, self.proxy = [], [], {}, None
+        self.deadline = time.monotonic() + options.budget if options.budget else None
+
+    def start(self, server_kinds, program_makers):
+        data = f"{self.folder}/data"
+        say(f"making data in {data}")
+        os.makedirs(data)
+        content.make(data, self.options.sizes)
+        open_to_servers(data)
+        for kind in server_kinds:
+            try:
+                server = kind(self.folder, data)
+                self.servers.append(server)
+                if kind.protocol == "ftp" and self.options.delay:
+                    server.start(Proxy.address)
+                else:
+                    server.start()
+                say(f"{kind.title} serves; filling it")
+                server.store.fill(data, self.options.sizes)
+            except Failure as failure:
+                self.results.missing[(kind.protocol, "the server")] = str(failure)
+                say(f"{kind.protocol}: {failure}")
+                server.stop()
+                self.servers.remove(server)
+        if self.options.delay and self.servers:
+            self.proxy = Proxy(self.options.build, self.folder, self.options.delay, self.servers)
+        self.programs = [make() for make in program_makers]
+
+    def site(self, server):
+        host = Proxy.address if self.proxy else server.address
+        return Site(server, host, f"{self.folder}/data", self.folder, self.options.sizes, self.options.timeout)
+
+    def run(self):
+        for number in range(self.options.runs):
+            for server in self.servers:
+                site = self.site(server)
+                for work in (WORKS[name] for name in self.options.works):
+                    if number and self.is_over():
+                        say("the time is up")
+                        return number
+                    self.turn(number, site, work)
+        return self.options.runs
+
+    def is_over(self):
+        return self.deadline is not None and time.monotonic() > self.deadline
+
+    def turn(self, number, site, work):
+        protocol = site.server.protocol
+        here = [p for p in self.programs if protocol in p.protocols]
+        shift = number % max(len(here), 1)  # nobody is always the first
+        for program in here[shift:] + here[:shift]:
+            missing = program.missing()
+            if missing:
+                self.results.missing[(protocol, program.name)] = missing
+            elif not self.results.has_failed(protocol, work.rows, program.name):
+                self.one(number, site, work, program)
+        raw = Raw(site)
+        step = raw.works().get(work.name)
+        if step and self.options.raw and not self.results.has_failed(protocol, work.rows[:1], raw.name):
+            self.one_raw(number, site, work, raw, step)
+
+    def one(self, number, site, work, program):
+        protocol = site.server.protocol
+        self.announce(number, protocol, work, program)
+        series = {row: self.results.of(protocol, row, program.name) for row in work.rows}
+        try:
+            site.server.restarted_if_dead()
+            work.prepare(site)
+            site.mount_began = time.monotonic()
+            path = program.mount(site.server, site.host)
+            before, _ = program.usage() if work.name != "mount" else (0, 0)
+            values = work.act(site, path)
+            memory, cpu = program.usage()
+            program.unmount()
+        except (Failure, OSError, ValueError, KeyError) as failure:
+            text = (str(failure) or type(failure).__name__) + program.last_words()
+            program.kill()
+            for row in series.values():
+                row.failure = text
+            say(f"      FAILED: {text}")
+            return
+        for row, one in series.items():
+            one.values[number] = values[row]
+            one.cpu.append(cpu)
+            if memory > one.memory:
+                one.memory, one.grown = memory, memory - before
+        say("      " + "  ".join(f"{row} {values[row]:.3f} s" for row in work.rows))
+
+    def one_raw(self, number, site, work, raw, step):
+        self.announce(number, site.server.protocol, work, raw)
+        series = self.results.of(site.server.protocol, work.rows[0], raw.name)
+        try:
+            if work.name == "write":
+                work.prepare(site)
+            series.values[number] = step()[work.rows[0]]
+            say(f"      {series.values[number]:.3f} s")
+        except (Failure, OSError) as failure:
+            series.failure = str(failure)
+            say(f"      FAILED: {failure}")
+
+    def announce(self, number, protocol, work, program):
+        say(f"run {number + 1}/{self.options.runs}  {protocol:<7}{work.name:<11}{program.name}")
+
+    def close(self):
+        for program in self.programs:
+            attempt(program.close)
+        if self.proxy:
+            attempt(self.proxy.stop)
+        for server in self.servers:
+            attempt(server.stop)
+
+
+def attempt(step):
+    """One thing that cannot be cleaned up does not leave the others behind."""
+    try:
+        step()
+    except Exception as problem:
+        say(f"while cleaning up: {problem}")
+
+
+def open_to_servers(data):
+    """Servers work under another account than programs that come by SSH: all may change everything."""
+    for folder, _, files in os.walk(data):
+        # Not the topmost one: vsftpd refuses to be locked up in a folder that it may write to.
+        os.chmod(folder, 0o755 if folder == data else 0o777)
+        for name in files:
+            os.chmod(os.path.join(folder, name), 0o666)
