@@ -80,6 +80,17 @@ Examples:
 
 Exit codes: 0 done, 3 nothing was kept, 1 there is no keyring, or it stays locked.)";
 
+constexpr const char* kDoctorFooter =
+    R"(Each line begins with good, note (works without, but good to know) or WRONG (something must be done); the next line says
+what to run. Nothing is changed.
+
+Examples:
+  ombra doctor
+  ombra doctor --endpoint https://s3.example.org
+  ombra doctor --json
+
+Exit codes: 0 nothing is wrong, 1 something must be done.)";
+
 class CommandLine {
  public:
   CommandLine() : iApp("Mounts folders of servers as disks below /Volumes.", "ombra") {
@@ -94,6 +105,7 @@ class CommandLine {
     addRefresh();
     addLogs();
     addForget();
+    addDoctor();
     addDefaults();
   }
   ~CommandLine() {
@@ -258,6 +270,14 @@ class CommandLine {
                          "See: ombra forget --help"});
   }
 
+  void addDoctor() {
+    CLI::App* command = add("doctor", "Look whether this machine has all that mounting and logging in need",
+                            kDoctorFooter, [this] { return runDoctor(iDoctor, iOutput); });
+    command->add_option("--endpoint", iDoctor.endpoint, "Compare the clock with that of this S3 server")
+        ->type_name("URL");
+    addJSON(command);
+  }
+
   void addDefaults() {
     CLI::App* command = iApp.add_subcommand("defaults", "Show and change settings of the helpers");
     command->require_subcommand(0, 1);
@@ -292,6 +312,7 @@ class CommandLine {
   std::vector<std::string> iRefresh;
   LogsOptions iLogs;
   ForgetOptions iForget;
+  DoctorOptions iDoctor;
   bool iForgetAll = false;
   std::optional<std::string> iKey;
   std::optional<std::string> iValue;

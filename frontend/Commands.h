@@ -33,6 +33,10 @@ struct ForgetOptions {
   std::optional<std::string> url;  // absent: all passwords
 };
 
+struct DoctorOptions {
+  std::optional<std::string> endpoint;  // of an S3 server to compare the clock with
+};
+
 struct UnmountOptions {
   std::vector<std::string> targets;
   bool all = false;
@@ -57,6 +61,7 @@ int runStatus(const StatusOptions& options, const Output& output);
 int runUnmount(const UnmountOptions& options, const Output& output);
 int runRefresh(const std::vector<std::string>& paths, const Output& output);
 int runForget(const ForgetOptions& options, const Output& output);
+int runDoctor(const DoctorOptions& options, const Output& output);
 int runLogs(const LogsOptions& options, const Output& output);
 // Without a key all settings.
 int runDefaultsGet(const std::optional<std::string>& key, const Output& output);
