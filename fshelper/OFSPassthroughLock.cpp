@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,6 +36,18 @@ bool writeOwner(int descriptor) {
   return written == sizeof owner;
 }
 
+// Opens the file that is there. -1 with errno set when it cannot be opened, and for what nobody who takes a
+// lock leaves there: a link, and a pipe or a device, which could wait, or answer, for ever.
+int openFound(const char* path) {
+  const int found = ::open(path, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+  struct stat status {};
+  if (found < 0 || ::fstat(found, &status) != 0 || S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))
+    return found;
+  ::close(found);
+  errno = EINVAL;
+  return -1;
+}
+
 // Reads the owner's number, and closes the file. End of file is no end: whoever made the file is about to
 // write its number into it. False when it cannot be read.
 bool readOwner(int descriptor, int32_t* owner) {
@@ -60,7 +73,7 @@ int spc_lock_file(const char* path, unsigned (*pause)(unsigned seconds)) {
       continue;  // the next look finds our own number
     }
     if (errno != EEXIST) return -1;
-    const int found = ::open(path, O_RDONLY | O_CLOEXEC);
+    const int found = openFound(path);
     if (found < 0) return -1;
     int32_t owner = 0;
     if (readOwner(found, &owner)) {

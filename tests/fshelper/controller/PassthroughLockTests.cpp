@@ -177,6 +177,25 @@ TEST_F(PassthroughLock, AFileThatCannotBeOpenedIsAnError) {
   EXPECT_EQ(lock(), -1);
 }
 
+// Whatever the link leads to: a lock that can be elsewhere keeps nobody apart.
+TEST_F(PassthroughLock, ALinkInItsPlaceIsAnErrorAndIsNotFollowed) {
+  for (const std::string& content : {bytesOf(getpid()), bytesOf(INT32_MAX), std::string()}) {
+    writeTestFile(folder.path("elsewhere"), content);
+    ASSERT_EQ(::symlink(folder.path("elsewhere").c_str(), path.c_str()), 0);
+    EXPECT_EQ(lock(), -1);
+    EXPECT_EQ(errno, ELOOP);
+    EXPECT_EQ(readTestFile(folder.path("elsewhere")), content);
+    ASSERT_EQ(::unlink(path.c_str()), 0) << "the link is gone";
+  }
+  EXPECT_EQ(gPauses, 0);
+}
+
+TEST_F(PassthroughLock, APipeInItsPlaceIsAnErrorAndNotWaitedFor) {
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(lock(), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
 // The file that was made stays behind, and keeps every later contender reading.
 TEST_F(PassthroughLock, ANumberThatCannotBeWrittenIsAnError) {
   const pid_t contender = ::fork();
