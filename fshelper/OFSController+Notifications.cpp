@@ -3,6 +3,7 @@
 
 #include "fshelper/OFSController.h"
 #include "fshelper/OFSTracing.h"
+#include "fshelper/SUUpdater.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSKeyedArchiver.h"
@@ -29,6 +30,8 @@ void OFSController::didMount(const NSNotification& notification) {
                                                    {"rootPath", fileSystemObject()->initialPath()},
                                                    {"address", address()},
                                                    {"passthrough", passthrough()}}));
+  // Only now, since it would compete with the start.
+  iEnvironment.lookForUpdates();
   // A request that came while the mount was under way met nothing to unmount.
   if (unmountRequested) fileSystem()->unmount();
 }
@@ -50,6 +53,7 @@ void OFSController::endProcess(const NSNotification& notification) {
     if (!iPassthrough) caches = iRedirectCachesPath;
   }
   if (caches) NSFileManager::removeItemAtPath(*caches, nullptr);
+  SUUpdater::sharedUpdater().interrupt();
   iEnvironment.exit(0);
 }
 

@@ -28,6 +28,10 @@ OFSController::~OFSController() {
     delegate->setController(nullptr);
     delegate->setInvalidation(nullptr);
   }
+  SUUpdater& updater = SUUpdater::sharedUpdater();
+  if (updater.delegate() != this) return;
+  updater.stop();
+  updater.setDelegate(nullptr);
 }
 
 void OFSController::finishLaunching() {
@@ -84,11 +88,15 @@ void OFSController::observeFrontEnd() {
 
 void OFSController::startSoftwareUpdate() {
   constexpr uint32_t kStagingKeys = NSShiftKeyMask | NSAlternateKeyMask | NSCommandKeyMask;
+  NSUserDefaults& defaults = NSUserDefaults::standardUserDefaults();
+  const std::string feed = defaults.stringForKey("SUFeedURL").value_or(iEnvironment.updateFeed);
+  const std::string stagingFeed =
+      defaults.stringForKey("SUStagingFeedURL").value_or(iEnvironment.stagingUpdateFeed);
   // The keys choose between the two feeds and do nothing else: with one feed, the X server need not be asked.
-  const bool choice = iEnvironment.updateFeed != iEnvironment.stagingUpdateFeed;
+  const bool choice = feed != stagingFeed;
   const bool staging = choice && (iEnvironment.modifierFlags() & kStagingKeys) == kStagingKeys;
   SUUpdater& updater = SUUpdater::sharedUpdater();
-  updater.setFeedURL(staging ? iEnvironment.stagingUpdateFeed : iEnvironment.updateFeed);
+  updater.setFeedURL(staging ? stagingFeed : feed);
   updater.setDelegate(this);
   updater.setAutomaticallyDownloadsUpdates(false);
   updater.setAutomaticallyChecksForUpdates(true);

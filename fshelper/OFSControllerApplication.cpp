@@ -2,33 +2,73 @@
 
 #include <dlfcn.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <future>
 #include <memory>
+#include <string>
+
+#include "platform/foundation/NSThread.h"
 
 namespace ombra {
 namespace {
 
-// The few functions of libX11 that are needed. Loaded on demand: a helper on a server must not depend on X.
+// An X server that hangs, behind a dead network for example, must not hold up a mount.
+constexpr std::chrono::seconds kLongestAnswer{2};
+
+// What is needed of libxcb: its types as its headers declare them, and a few functions. Loaded on demand,
+// since a helper on a server must not depend on X; and not libX11, which ends the process when the X server
+// goes away.
 struct XLibrary {
-  using OpenDisplay = void* (*)(const char*);
-  using CloseDisplay = int (*)(void*);
-  using DefaultRootWindow = unsigned long (*)(void*);
-  using QueryPointer = int (*)(void*, unsigned long, unsigned long*, unsigned long*, int*, int*, int*, int*,
-                               unsigned int*);
-  OpenDisplay openDisplay = nullptr;
-  CloseDisplay closeDisplay = nullptr;
-  DefaultRootWindow defaultRootWindow = nullptr;
-  QueryPointer queryPointer = nullptr;
+  struct Cookie {
+    unsigned sequence;
+  };
+  struct Screen {
+    uint32_t root;  // and more
+  };
+  struct ScreenIterator {
+    Screen* data;
+    int rem;
+    int index;
+  };
+  struct PointerReply {
+    uint8_t responseType;
+    uint8_t sameScreen;
+    uint16_t sequence;
+    uint32_t length;
+    uint32_t root;
+    uint32_t child;
+    int16_t position[4];
+    uint16_t mask;
+  };
+  using Connect = void* (*)(const char* display, int* screen);
+  using HasError = int (*)(void* connection);
+  using Disconnect = void (*)(void* connection);
+  using GetSetup = const void* (*)(void* connection);
+  using RootsIterator = ScreenIterator (*)(const void* setup);
+  using QueryPointer = Cookie (*)(void* connection, uint32_t window);
+  using QueryPointerReply = PointerReply* (*)(void* connection, Cookie cookie, void** error);
 
   explicit XLibrary(void* library)
-      : openDisplay(reinterpret_cast<OpenDisplay>(dlsym(library, "XOpenDisplay"))),
-        closeDisplay(reinterpret_cast<CloseDisplay>(dlsym(library, "XCloseDisplay"))),
-        defaultRootWindow(reinterpret_cast<DefaultRootWindow>(dlsym(library, "XDefaultRootWindow"))),
-        queryPointer(reinterpret_cast<QueryPointer>(dlsym(library, "XQueryPointer"))) {}
+      : connect(reinterpret_cast<Connect>(dlsym(library, "xcb_connect"))),
+        hasError(reinterpret_cast<HasError>(dlsym(library, "xcb_connection_has_error"))),
+        disconnect(reinterpret_cast<Disconnect>(dlsym(library, "xcb_disconnect"))),
+        getSetup(reinterpret_cast<GetSetup>(dlsym(library, "xcb_get_setup"))),
+        rootsIterator(reinterpret_cast<RootsIterator>(dlsym(library, "xcb_setup_roots_iterator"))),
+        queryPointer(reinterpret_cast<QueryPointer>(dlsym(library, "xcb_query_pointer"))),
+        queryPointerReply(reinterpret_cast<QueryPointerReply>(dlsym(library, "xcb_query_pointer_reply"))) {}
   bool isComplete() const {
-    return openDisplay != nullptr && closeDisplay != nullptr && defaultRootWindow != nullptr &&
-           queryPointer != nullptr;
+    return connect != nullptr && hasError != nullptr && disconnect != nullptr && getSetup != nullptr &&
+           rootsIterator != nullptr && queryPointer != nullptr && queryPointerReply != nullptr;
   }
+
+  const Connect connect;
+  const HasError hasError;
+  const Disconnect disconnect;
+  const GetSetup getSetup;
+  const RootsIterator rootsIterator;
+  const QueryPointer queryPointer;
+  const QueryPointerReply queryPointerReply;
 };
 
 // Bits of the X protocol's key mask: Mod1 is Alt, Mod4 the logo key on all usual keyboards.
@@ -41,26 +81,35 @@ uint32_t flagsForKeyMask(unsigned mask) {
          ((mask & kXMod4) != 0 ? NSCommandKeyMask : 0U);
 }
 
+// Asks with the pointer's place, which comes with the state of the keys. May take for ever.
+uint32_t flagsOfDisplay(const std::string& name) {
+  void* handle = dlopen("libxcb.so.1", RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr) return 0;
+  const XLibrary x(handle);
+  if (!x.isComplete()) return 0;
+  // Never null, and to be let go also when it stands for a failure.
+  const std::unique_ptr<void, XLibrary::Disconnect> display(x.connect(name.c_str(), nullptr), x.disconnect);
+  if (x.hasError(display.get()) != 0) return 0;
+  const XLibrary::ScreenIterator screens = x.rootsIterator(x.getSetup(display.get()));
+  if (screens.rem == 0) return 0;
+  const XLibrary::Cookie asked = x.queryPointer(display.get(), screens.data->root);
+  const std::unique_ptr<XLibrary::PointerReply, decltype(&std::free)> reply(
+      x.queryPointerReply(display.get(), asked, nullptr), &std::free);
+  return reply == nullptr ? 0 : flagsForKeyMask(reply->mask);
+}
+
 }  // namespace
 
 uint32_t modifierFlagsOfCurrentEvent() {
   const char* name = std::getenv("DISPLAY");
   if (name == nullptr || *name == '\0') return 0;
-  // Kept loaded: the library registers handlers that must not be unmapped.
-  void* handle = dlopen("libX11.so.6", RTLD_NOW | RTLD_LOCAL);
-  if (handle == nullptr) return 0;
-  const XLibrary x(handle);
-  if (!x.isComplete()) return 0;
-  const std::unique_ptr<void, XLibrary::CloseDisplay> display(x.openDisplay(name), x.closeDisplay);
-  if (display == nullptr) return 0;
-  unsigned long root = 0;
-  unsigned long child = 0;
-  int position[4] = {};
-  unsigned mask = 0;
-  // The answer "not on this screen" still fills the mask.
-  x.queryPointer(display.get(), x.defaultRootWindow(display.get()), &root, &child, &position[0], &position[1],
-                 &position[2], &position[3], &mask);
-  return flagsForKeyMask(mask);
+  const auto flags = std::make_shared<std::promise<uint32_t>>();
+  std::future<uint32_t> answer = flags->get_future();
+  // Detached, because nothing ends a call of the library that hangs; it has only what it owns.
+  const bool asked = NSThread::detachNewThread(
+      [flags, display = std::string(name)] { flags->set_value(flagsOfDisplay(display)); });
+  if (!asked || answer.wait_for(kLongestAnswer) != std::future_status::ready) return 0;
+  return answer.get();
 }
 
 }  // namespace ombra

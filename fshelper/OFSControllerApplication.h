@@ -20,7 +20,8 @@ class NSApplication {
 };
 
 // The modifier keys held right now, as NSEventModifierFlags: Shift, Alt (Option) and Super (Command), asked
-// from the X server that DISPLAY names. None without an X server or its client library.
+// from the X server that DISPLAY names. None without an X server or its client library, and when the server
+// does not answer within two seconds.
 uint32_t modifierFlagsOfCurrentEvent();
 
 }  // namespace ombra

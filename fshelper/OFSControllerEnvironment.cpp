@@ -8,6 +8,7 @@
 #include "fshelper/DrelFSInstaller.h"
 #include "fshelper/OFSControllerApplication.h"
 #include "fshelper/OFSPassthroughLock.h"
+#include "fshelper/SUUpdater.h"
 
 namespace ombra {
 namespace {
@@ -25,6 +26,9 @@ OFSControllerEnvironment OFSControllerEnvironment::system() {
   OFSControllerEnvironment environment;
   environment.exit = [](int status) { endProcess(status); };
   environment.modifierFlags = [] { return modifierFlagsOfCurrentEvent(); };
+  environment.updateFeed = OMBRA_UPDATE_FEED;
+  environment.stagingUpdateFeed = OMBRA_STAGING_UPDATE_FEED;
+  environment.lookForUpdates = [] { SUUpdater::sharedUpdater().startUpdater(); };
   environment.shouldFixDrelFSPermissions = [] { return DrelFSInstaller::shouldFixDrelFSPermissions(); };
   environment.fixDrelFSPermissions = [](NSErrorRef* error) {
     return DrelFSInstaller::fixDrelFSPermissions(error);

@@ -17,9 +17,12 @@ struct OFSControllerEnvironment {
   std::function<void(int status)> exit;
   // NSEventModifierFlags of the moment of the launch.
   std::function<uint32_t()> modifierFlags;
-  // Where updates are announced; empty in a self-built copy.
+  // Where updates are announced; empty in a self-built copy. The user's defaults "SUFeedURL" and
+  // "SUStagingFeedURL" take their place.
   std::string updateFeed;
   std::string stagingUpdateFeed;
+  // Begins to look for updates, now that the volume is mounted. Does not wait.
+  std::function<void()> lookForUpdates;
   std::function<bool()> shouldFixDrelFSPermissions;
   std::function<bool(NSErrorRef* error)> fixDrelFSPermissions;
   std::function<std::shared_ptr<KCConnectionPool>(std::shared_ptr<KCCredentials>, NSErrorRef* error)>

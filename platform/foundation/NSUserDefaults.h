@@ -28,7 +28,8 @@ class NSUserDefaults {
   NSDictionary dictionaryRepresentation() EXCLUDES(iLock);
   // Sets a value for this process alone, over all others; null removes it again. For tests.
   void setVolatileObject(PropertyValue value, std::string_view forKey) EXCLUDES(iLock);
-  // Forgets what was read, so that the next question reads the file and the arguments again. For tests.
+  // Forgets what was read, so that the next question reads the file and the arguments again: what other processes
+  // have changed since then shows.
   void reload() EXCLUDES(iLock);
 
  private:

@@ -29,6 +29,8 @@ ControllerTest::ControllerTest() : iStandardError(::fcntl(STDERR_FILENO, F_DUPFD
   };
   environment.updateFeed = "https://updates.example.org/regular.xml";
   environment.stagingUpdateFeed = "https://updates.example.org/staging.xml";
+  // Nothing is fetched.
+  environment.lookForUpdates = [this] { ++looksForUpdates; };
   environment.shouldFixDrelFSPermissions = [this] {
     journal.emplace_back("shouldFix");
     return false;

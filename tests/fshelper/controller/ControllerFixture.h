@@ -63,6 +63,7 @@ class ControllerTest : public ::testing::Test {
   ScriptedServer server;
   const std::shared_ptr<RecordingMount> mount = std::make_shared<RecordingMount>();
   std::vector<std::string> journal;
+  int looksForUpdates = 0;
   OFSControllerEnvironment environment;
   std::string programPath = "/usr/libexec/ombrafs/ombrafs-helper";
   std::unique_ptr<FrontEnd> frontEnd;

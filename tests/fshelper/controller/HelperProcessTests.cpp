@@ -19,7 +19,9 @@
 #include "platform/userfs/GMUserFileSystem.h"
 #include "remote/KCAuthorizationManager.h"
 #include "remote/QuarnKitError.h"
+#include "tests/fshelper/controller/FeedServer.h"
 #include "tests/fshelper/controller/HelperProcess.h"
+#include "tests/fshelper/controller/NotificationService.h"
 #include "tests/fshelper/controller/PrivateBus.h"
 
 namespace ombra {
@@ -333,6 +335,43 @@ TEST_F(Helper, ANameThatIsNoTextStillMountsAndIsTold) {
   EXPECT_EQ(mounted.userInfo.stringForKey("volumeName"), "a\xEF\xBF\xBD");
   helper->signal(SIGTERM);
   EXPECT_EQ(helper->end(), "exit 0");
+}
+
+// A feed of the user's own; this copy has none.
+TEST_F(Helper, TellsTheDesktopOfALaterVersionOnceItHasMounted) {
+  NotificationService desktop(bus, {"body"});
+  writeTestFile(folder.path("feed.xml"),
+                "<rss><channel><item><sparkle:version>999</sparkle:version></item></channel></rss>");
+  const auto first = start(localCredentials(), {"-SUFeedURL", "file://" + folder.path("feed.xml")});
+  EXPECT_EQ(client.next().name, "OFSDidMount");
+  EXPECT_EQ(desktop.shown(1)[0].title, "Ombra 999 is available");
+  first->signal(SIGTERM);
+  EXPECT_EQ(first->end(), "exit 0");
+  EXPECT_THAT(readTestFile(folder.path("config/ombrafs/defaults.plist")), HasSubstr("SULastCheckTime"));
+}
+
+TEST_F(Helper, AFeedThatHangsHoldsUpNeitherTheMountNorTheEnd) {
+  const DeafPort deaf;
+  const auto helper = start(localCredentials(), {"-SUFeedURL", deaf.url()});
+  EXPECT_EQ(client.next().name, "OFSDidMount");
+  EXPECT_EQ(readTestFile(workPath() + "/hello.txt"), "hello from the server\n");
+  const auto begin = std::chrono::steady_clock::now();
+  helper->signal(SIGTERM);
+  EXPECT_EQ(helper->end(), "exit 0");
+  // Far below the quarter of a minute that a connection may take to come about.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+}
+
+TEST_F(Helper, WithoutAFeedSaysOnceThatUpdatesAreOff) {
+  const auto helper = start(localCredentials());
+  client.next();
+  helper->signal(SIGTERM);
+  EXPECT_EQ(helper->end(), "exit 0");
+  // What is said before the log of the volume is open goes to where the helper was started.
+  const std::string said = readTestFile(folder.path("early.log"));
+  const std::string words = "Software updates are off: this copy has no update feed.";
+  ASSERT_THAT(said, HasSubstr(words));
+  EXPECT_EQ(said.find(words), said.rfind(words));
 }
 
 TEST(Loader, TakesNoArguments) {

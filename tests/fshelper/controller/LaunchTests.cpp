@@ -110,20 +110,26 @@ TEST_F(Launch, WithoutFeedsNobodyAsksForKeys) {
   EXPECT_THAT(journal, Not(Contains("modifierFlags")));
 }
 
-TEST(Updater, AnEmptyFeedIsSaidOnce) {
-  LogRecord log;
-  SUUpdater updater;
-  updater.setAutomaticallyChecksForUpdates(true);
-  updater.setAutomaticallyChecksForUpdates(true);
-  EXPECT_THAT(log.lines(), ElementsAre("Software updates are off: this copy has no update feed."));
+TEST_P(LaunchKeys, ChooseBetweenTheUsersOwnFeedsToo) {
+  setDefault("SUFeedURL", "https://updates.example.net/own.xml");
+  setDefault("SUStagingFeedURL", "https://updates.example.net/next.xml");
+  environment.modifierFlags = [] { return GetParam().first; };
+  launch(arguments());
+  EXPECT_EQ(SUUpdater::sharedUpdater().feedURL(), GetParam().second ? "https://updates.example.net/next.xml"
+                                                                    : "https://updates.example.net/own.xml");
 }
 
-TEST(Updater, AFeedThatIsNotFetchedIsSaid) {
-  LogRecord log;
-  SUUpdater updater;
-  updater.setFeedURL("https://updates.example.org/x");
-  updater.setAutomaticallyChecksForUpdates(true);
-  EXPECT_THAT(log.lines(), ElementsAre(HasSubstr("https://updates.example.org/x")));
+TEST_F(Launch, UpdatesAreLookedForWhenTheVolumeIsMounted) {
+  launch(arguments());
+  EXPECT_EQ(looksForUpdates, 0);
+  postDidMount();
+  EXPECT_EQ(looksForUpdates, 1);
+}
+
+TEST_F(Launch, TheControllersEndIsThatOfTheUpdaterToo) {
+  launch(arguments());
+  controller.reset();
+  EXPECT_EQ(SUUpdater::sharedUpdater().delegate(), nullptr);
 }
 
 // --- command line
