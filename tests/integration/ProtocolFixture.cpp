@@ -8,11 +8,10 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <set>
 #include <sstream>
 
 #include "remote/KCTypes.h"
-#include "tests/s3/RawStore.h"
+#include "tests/s3/BucketServer.h"
 #include "tests/support/FTPServerFixture.h"
 #include "tests/support/S3Server.h"
 #include "tests/support/WebDAVServer.h"
@@ -21,54 +20,6 @@ namespace ombra {
 namespace {
 
 namespace fs = std::filesystem;
-
-// Folders are what keys have in common; an object that ends with a slash stands for an empty one.
-class BucketServer final : public ContractServer {
- public:
-  std::string whyNot() const override { return iServer.whyNot(); }
-  std::shared_ptr<KCCredentials> credentials() override {
-    auto credentials = std::make_shared<KCCredentials>();
-    iServer.configure(*credentials);
-    return credentials;
-  }
-  std::string makeTestFolder() override {
-    const std::string path = fmt::format("/{}/test {}", S3Server::kBucket, ++iTests);
-    makeFolder(path);
-    return path;
-  }
-  void putFile(const std::string& path, const std::string& content) override {
-    store().put(key(path), content);
-  }
-  std::optional<std::string> storedContent(const std::string& path) override {
-    return store().get(key(path));
-  }
-  void makeFolder(const std::string& path) override { store().put(key(path) + "/", ""); }
-  bool exists(const std::string& path) override {
-    return store().head(key(path)).has_value() || !store().keys(key(path) + "/").empty();
-  }
-  std::vector<std::string> storedNames(const std::string& path) override {
-    const std::string prefix = key(path) + "/";
-    std::set<std::string> names;
-    for (const std::string& found : store().keys(prefix)) {
-      const std::string rest = found.substr(prefix.size());
-      if (!rest.empty()) names.insert(rest.substr(0, rest.find('/')));
-    }
-    return {names.begin(), names.end()};
-  }
-
- private:
-  static std::string key(const std::string& path) {
-    return path.substr(std::string(S3Server::kBucket).size() + 2);
-  }
-  RawStore& store() {
-    if (iStore == nullptr) iStore = std::make_unique<RawStore>(credentials(), S3Server::kBucket);
-    return *iStore;
-  }
-
-  S3RverServer iServer;
-  std::unique_ptr<RawStore> iStore;
-  int iTests = 0;
-};
 
 std::map<std::string, std::unique_ptr<ContractServer>>& runningServers() {
   static std::map<std::string, std::unique_ptr<ContractServer>> sServers;
@@ -133,7 +84,10 @@ std::unique_ptr<ContractServer> startResumingFTP() {
 std::unique_ptr<ContractServer> startImplicitFTP() {
   return std::make_unique<FTPServerFixture>(FTPServerKind::kProftpdImplicit);
 }
-std::unique_ptr<ContractServer> startS3() { return std::make_unique<BucketServer>(); }
+std::unique_ptr<ContractServer> startS3() {
+  static const S3RverServer sServer;
+  return std::make_unique<BucketServer>(sServer);
+}
 
 void ProtocolTest::SetUp() {
   ASSERT_TRUE(fs::exists("/dev/fuse")) << "These tests mount for real and need /dev/fuse.";
