@@ -5,11 +5,13 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "frontend/UniqueFd.h"
 #include "platform/foundation/KCStringAdditions.h"
@@ -40,6 +42,28 @@ std::vector<HelperLog> logsIn(const std::string& folder) {
     logs.push_back(std::move(*log));
   }
   return logs;
+}
+
+constexpr double kKeptSeconds = 14.0 * 24 * 60 * 60;
+
+// A plain file that nothing was written to for so long. What a link leads to is not ours to judge.
+bool isOld(const HelperLog& log, NSDate now) {
+  struct stat status {};
+  return lstat(log.path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+         now.timeIntervalSinceDate(kc_dateWithTimespec(status.st_mtim)) > kKeptSeconds;
+}
+
+// Whether a helper may have it open: it is the newest of its kind of a mounted volume.
+bool isInUse(const HelperLog& log, const std::vector<HelperLog>& logs,
+             const std::vector<std::string>& mounted) {
+  const auto isItsVolume = [&log](const std::string& name) {
+    return canonicallyEqual(kc_stringByReplacingCharactersInSet(name, "/:,", "-"), log.volumeName);
+  };
+  if (std::none_of(mounted.begin(), mounted.end(), isItsVolume)) return false;
+  return std::none_of(logs.begin(), logs.end(), [&log](const HelperLog& other) {
+    return other.kind == log.kind && other.date > log.date &&
+           canonicallyEqual(other.volumeName, log.volumeName);
+  });
 }
 
 // Reads from the file's place to its present end. False when reading fails or the sink wants no more.
@@ -109,6 +133,19 @@ std::vector<std::string> volumesWithLogs(const std::string& folder) {
   std::sort(names.begin(), names.end());
   names.erase(std::unique(names.begin(), names.end()), names.end());
   return names;
+}
+
+int clearOldLogs(const std::string& folder, NSDate now,
+                 const std::function<std::vector<std::string>()>& mounted) {
+  const std::vector<HelperLog> logs = logsIn(folder);
+  std::vector<HelperLog> old;
+  std::copy_if(logs.begin(), logs.end(), std::back_inserter(old),
+               [now](const HelperLog& log) { return isOld(log, now); });
+  if (old.empty()) return 0;
+  const std::vector<std::string> names = mounted();
+  std::erase_if(old, [&](const HelperLog& log) { return isInUse(log, logs, names); });
+  return static_cast<int>(std::count_if(old.begin(), old.end(),
+                                        [](const HelperLog& log) { return unlink(log.path.c_str()) == 0; }));
 }
 
 bool readLog(const std::string& path, bool follow, const Interruption& interruption,

@@ -9,6 +9,7 @@
 
 #include "frontend/Failure.h"
 #include "frontend/Interruption.h"
+#include "platform/foundation/NSDate.h"
 
 namespace ombra {
 
@@ -33,6 +34,13 @@ std::optional<HelperLog> newestLog(const std::string& folder, std::string_view v
 
 // The names of all volumes that have logs in `folder`, sorted.
 std::vector<std::string> volumesWithLogs(const std::string& folder);
+
+// Removes the logs in `folder` that nothing was written to for two weeks before `now`, but never the newest
+// ones of a volume that is mounted: its helper goes on writing to them. Files of other names stay. `mounted`
+// is asked for the names of those volumes, and only when there is something to remove. Answers how many were
+// removed.
+int clearOldLogs(const std::string& folder, NSDate now,
+                 const std::function<std::vector<std::string>()>& mounted);
 
 // Hands the content of a log to `sink` in pieces and, with `follow`, what is added to it until interrupted.
 // False with the failure filled when it cannot be read.

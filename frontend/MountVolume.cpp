@@ -5,6 +5,7 @@
 #include "frontend/CredentialSocket.h"
 #include "frontend/Deadline.h"
 #include "frontend/Explain.h"
+#include "frontend/HelperLogs.h"
 #include "frontend/Volumes.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSUnarchiver.h"
@@ -39,6 +40,12 @@ void fillFromExistingVolume(const std::string& identifier, MountResult* result) 
   }
 }
 
+std::vector<std::string> namesOfCurrentVolumes() {
+  std::vector<std::string> names;
+  for (Volume& volume : currentVolumes()) names.push_back(std::move(volume.name));
+  return names;
+}
+
 }  // namespace
 
 MountVolume::MountVolume(MountRequest request, const MountLimits& limits, const Interruption& interruption,
@@ -55,6 +62,8 @@ MountVolume::~MountVolume() = default;
 MountResult MountVolume::run() {
   iSpinner.setText("Mounting " + (iRequest.name ? *iRequest.name : iRequest.credentials->address()));
   MountResult result = handOff();
+  // Also after a failure, which leaves logs too.
+  clearOldLogs(helperLogsFolder(), NSDate::date(), namesOfCurrentVolumes);
   iSpinner.clear();
   return result;
 }

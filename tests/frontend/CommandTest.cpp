@@ -469,6 +469,21 @@ TEST_F(Command, LogsPrintsTheNewestOfAVolume) {
   EXPECT_EQ(follower.finish().exitCode, 0);
 }
 
+TEST_F(Command, MountClearsLogsThatNobodyHasWrittenToForTwoWeeks) {
+  const std::string folder = Surroundings::folder() + "/state/ombrafs/OmbraFSHelperLogs";
+  std::filesystem::create_directories(folder);
+  const std::string old = folder + "/Gone_2024-05-14-093000_Console.log";
+  const std::string young = folder + "/Gone_2024-05-15-093000_Console.log";
+  for (const std::string& path : {old, young}) writeFile(path, "said\n");
+  const auto now = std::filesystem::file_time_type::clock::now();
+  std::filesystem::last_write_time(old, now - std::chrono::hours(14 * 24 + 1));
+  std::filesystem::last_write_time(young, now - std::chrono::hours(14 * 24 - 1));
+  const auto result = run({"sample", "--json"});
+  ASSERT_EQ(result.exitCode, 0) << result.err;
+  EXPECT_FALSE(std::filesystem::exists(old));
+  EXPECT_TRUE(std::filesystem::exists(young));
+}
+
 TEST_F(Command, DefaultsKeepWhatIsSet) {
   EXPECT_EQ(run({"defaults", "set", "DebugLogging", "true"}).exitCode, 0);
   EXPECT_EQ(run({"defaults", "set", "Number", "-7"}).exitCode, 0);

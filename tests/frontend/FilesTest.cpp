@@ -2,7 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <unistd.h>
+
+#include <filesystem>
 
 #include "frontend/HelperLogs.h"
 #include "frontend/HelperProcess.h"
@@ -65,6 +68,79 @@ TEST_F(Logs, OfOtherVolumesAreNotTaken) {
   EXPECT_FALSE(newestLog(iFolder.path(), "na", LogKind::kConsole));
   EXPECT_FALSE(newestLog(iFolder / "missing", "nas", LogKind::kConsole));
   EXPECT_THAT(volumesWithLogs(iFolder.path()), ElementsAre("a-b", "nas"));
+}
+
+// --- logs that are cleared
+
+constexpr int kSecondsKept = 14 * 24 * 60 * 60;
+
+// The logs of the fixture, last written at a given number of seconds before now.
+class OldLogs : public Logs {
+ protected:
+  void age(const std::string& name, int seconds) const {
+    const timeval written{1000000000 - seconds, 0};
+    const timeval times[2]{written, written};
+    ASSERT_EQ(lutimes((iFolder / name).c_str(), times), 0);
+  }
+  void ageAll(int seconds) const {
+    for (const std::string& name : names()) age(name, seconds);
+  }
+  std::vector<std::string> names() const {
+    std::vector<std::string> found;
+    for (const auto& entry : std::filesystem::directory_iterator(iFolder.path()))
+      found.push_back(entry.path().filename());
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+  int clear(const std::vector<std::string>& mounted = {}) {
+    return clearOldLogs(iFolder.path(), NSDate::dateWithTimeIntervalSince1970(1000000000), [this, &mounted] {
+      ++iAsked;
+      return mounted;
+    });
+  }
+  int iAsked = 0;
+};
+
+TEST_F(OldLogs, AreRemovedAfterTwoWeeksAndNothingElse) {
+  ageAll(kSecondsKept + 1);
+  EXPECT_EQ(clear(), 5);
+  EXPECT_THAT(names(), ElementsAre("notes.txt"));
+}
+
+TEST_F(OldLogs, StayForTwoWeeks) {
+  ageAll(kSecondsKept);
+  age("nas_2024-05-30-120000_Console.log", kSecondsKept + 1);
+  EXPECT_EQ(clear(), 1);
+  EXPECT_EQ(names().size(), 5u);
+  EXPECT_THAT(names(), testing::Not(testing::Contains("nas_2024-05-30-120000_Console.log")));
+}
+
+TEST_F(OldLogs, StayWhenTheyAreFromTheFuture) {
+  ageAll(-3600);
+  EXPECT_EQ(clear(), 0);
+  EXPECT_EQ(iAsked, 0) << "nobody need be asked what is mounted";
+}
+
+TEST_F(OldLogs, ThatAHelperMayStillWriteToStay) {
+  ageAll(kSecondsKept + 1);
+  EXPECT_EQ(clear({"nas", "a:b"}), 2);
+  EXPECT_EQ(iAsked, 1);
+  EXPECT_THAT(names(), ElementsAre("a-b_2024-05-14-093000_Console.log", "nas_2024-06-01-120000_Console.log",
+                                   "nas_2024-07-01-120000_Transcript.log", "notes.txt"));
+}
+
+TEST_F(OldLogs, LinksAndFoldersOfSuchNamesStay) {
+  ageAll(0);
+  std::filesystem::create_directory(iFolder / "x_2024-05-14-093000_Console.log");
+  std::filesystem::create_symlink(iFolder / "notes.txt", iFolder / "y_2024-05-14-093000_Console.log");
+  age("x_2024-05-14-093000_Console.log", kSecondsKept + 1);
+  age("y_2024-05-14-093000_Console.log", kSecondsKept + 1);
+  EXPECT_EQ(clear(), 0);
+  EXPECT_EQ(names().size(), 8u);
+}
+
+TEST_F(OldLogs, AFolderThatIsMissingHasNone) {
+  EXPECT_EQ(clearOldLogs(iFolder / "missing", NSDate::date(), {}), 0);
 }
 
 TEST_F(Logs, AreReadWhole) {
