@@ -132,7 +132,10 @@ bool processExists(pid_t pid) {
 }
 
 bool isMounted(const std::string& path) {
-  return fileText("/proc/self/mounts").find(" " + path + " ") != std::string::npos;
+  // Names end at a space in there.
+  std::string name;
+  for (const char c : path) name += c == ' ' ? std::string("\\040") : std::string(1, c);
+  return fileText("/proc/self/mounts").find(" " + name + " ") != std::string::npos;
 }
 
 void MountTest::SetUp() {
