@@ -19,7 +19,8 @@ constexpr const char* kFooter = R"(Examples:
   ombra sample                             a folder to try it with; no server needed
   ombra mount sftp://anna@nas.local/photos
   ombra list
-  ombra unmount photos
+  ombra unmount nas.local
+  ombra doctor                             what is missing on this machine
 
 Exit codes: 0 done, 1 failed, 2 wrong usage, 3 not found or not mounted, 4 login refused, 5 server not trusted,
 6 this machine cannot mount, 7 volume in use, 130 stopped by Ctrl-C.)";
@@ -54,7 +55,7 @@ server has taken it. ombra forget removes it. Where there is no keyring the comm
 
 constexpr const char* kStatusFooter =
     R"(Shows what is being fetched and sent, how fast and for how long, which files are not on the server yet, what the local
-copies take, and the last error. See ombra(1) for the lines and the object of --json.
+copies take, and the last error. See ombra-status(1) for the lines and the object of --json.
 
 Examples:
   ombra status
@@ -121,6 +122,10 @@ class CommandLine {
     std::reverse(arguments.begin(), arguments.end());
     try {
       iApp.parse(std::move(arguments));
+    } catch (const CLI::ExtrasError& error) {
+      const std::vector<std::string> extras = iApp.remaining();
+      const bool isCommand = iApp.get_subcommands().empty() && !extras.empty() && !extras[0].starts_with('-');
+      return refuse(isCommand ? "There is no command " + inQuotes(extras[0]) + "." : error.what());
     } catch (const CLI::ParseError& error) {
       // Help and version are no failures; everything else is one of usage.
       return error.get_exit_code() == 0 ? iApp.exit(error) : refuse(error.what());
@@ -150,13 +155,13 @@ class CommandLine {
     command->add_flag("--json", iOutput.json, "Print the result as one JSON object");
   }
 
-  static void addVolumeOptions(CLI::App* command, VolumeOptions* options) {
-    command->add_option("--name", options->name, "The volume's name (default: the server's address)")
+  static void addVolumeOptions(CLI::App* command, const std::string& defaultName, VolumeOptions* options) {
+    command->add_option("--name", options->name, "The volume's name (default: " + defaultName + ")")
         ->type_name("NAME");
     command->add_option("--icon", options->icon, "An icon for the volume")->type_name("PATH");
     command
         ->add_option("--passthrough", options->passthrough,
-                     "An identifier; a second mount with it finds the first one instead of mounting again")
+                     "Mount only once for this identifier; a further mount finds the first one")
         ->type_name("ID");
     command->add_flag("--foreground", options->foreground,
                       "Stay until the volume is unmounted; Ctrl-C unmounts it");
@@ -166,7 +171,7 @@ class CommandLine {
     CLI::App* command = add("mount", "Mount a folder of a server", kMountFooter,
                             [this] { return runMount(iMount, iOutput); });
     command->add_option("URL", iMount.url, "The folder to mount")->required()->type_name("");
-    addVolumeOptions(command, &iMount.volume);
+    addVolumeOptions(command, "the server's address, the bucket or the local folder", &iMount.volume);
     command->add_option("--identity", iMount.login.identity, "The file of the private key to log in with")
         ->type_name("FILE");
     command
@@ -203,7 +208,7 @@ class CommandLine {
     CLI::App* command = add("sample", "Mount a sample folder; needs no server, no password and no network",
                             "Example:\n  ombra sample && ls \"/Volumes/Ombra Sample\"",
                             [this] { return runSample(iSample, iOutput); });
-    addVolumeOptions(command, &iSample);
+    addVolumeOptions(command, "Ombra Sample", &iSample);
     addJSON(command);
   }
 
@@ -224,7 +229,7 @@ class CommandLine {
   void addUnmount() {
     CLI::App* command =
         add("unmount", "Unmount volumes", kUnmountFooter, [this] { return runUnmountChecked(); });
-    command->add_option("VOLUME", iUnmount.targets, "Names or mount paths")->type_name("");
+    command->add_option("VOLUME", iUnmount.targets, "The volumes' names or mount paths")->type_name("");
     command->add_flag("--all", iUnmount.all, "All volumes of this user");
     command->add_flag("--force", iUnmount.force,
                       "Do not wait for the server, nor for programs that use the volume");
@@ -239,7 +244,7 @@ class CommandLine {
   }
 
   void addRefresh() {
-    CLI::App* command = add("refresh", "Look at folders again that changed on the server",
+    CLI::App* command = add("refresh", "Look again at folders that have changed on the server",
                             "Example:\n  ombra refresh /Volumes/Photos/2024",
                             [this] { return runRefresh(iRefresh, iOutput); });
     command->add_option("PATH", iRefresh, "Folders of mounted volumes")->required()->type_name("");

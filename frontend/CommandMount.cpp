@@ -1,5 +1,4 @@
 #include <fmt/format.h>
-#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +7,7 @@
 
 #include "frontend/Commands.h"
 #include "frontend/MountCommon.h"
+#include "frontend/PrivateMemory.h"
 #include "frontend/ProtocolLogin.h"
 #include "frontend/RemoteURL.h"
 #include "platform/foundation/NSUnarchiver.h"
@@ -51,8 +51,7 @@ class MountCommand {
   MountCommand& operator=(const MountCommand&) = delete;
 
   int run() {
-    // Passwords pass through this process: no core file, and no other process of the user may look into it.
-    prctl(PR_SET_DUMPABLE, 0);
+    keepMemoryPrivate();
     Failure failure;
     const auto url = parseRemoteURL(iOptions.url, &failure);
     if (!url || !checkURL(*url, &failure) || !checkOptionsForURL(iOptions, *url, &failure) ||

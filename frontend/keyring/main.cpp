@@ -1,8 +1,6 @@
 // Speaks to the desktop's keyring for the command. A program of its own, so that the command neither loads
 // the desktop's libraries for each listing of volumes nor hangs with a service that does not answer.
 #include <libsecret/secret.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -14,6 +12,7 @@
 #include <memory>
 #include <string>
 
+#include "frontend/PrivateMemory.h"
 #include "frontend/keyring/KeyringProgram.h"
 
 namespace ombra {
@@ -279,13 +278,6 @@ class KeyringProgram {
   Held<SecretService> iService;
   SecretBuffer iSecret;
 };
-
-// What this program holds must not be found in a core file, nor be read by another process of the user.
-void keepMemoryPrivate() {
-  const rlimit none{0, 0};
-  setrlimit(RLIMIT_CORE, &none);
-  prctl(PR_SET_DUMPABLE, 0);
-}
 
 }  // namespace
 
