@@ -207,8 +207,9 @@ Failure explainMountError(const NSErrorRef& error) {
       return {kExitCannotMount, "The mount point is not a plain folder below “/Volumes”.", why,
               "Give another name with --name."};
     default:
-      return {kExitCannotMount, "The system refused the mount.", why,
-              "Check that fusermount3 (package fuse3) is installed and may be used."};
+      return {
+          kExitCannotMount, "The system refused the mount.", why,
+          "Check that fusermount3 (package fuse3) may be used. To see what else is missing: ombra doctor"};
   }
 }
 
