@@ -220,7 +220,15 @@ Failure explainError(const NSErrorRef& error, const ErrorContext& context) {
   if (const NSErrorRef library = libraryError(error)) return explainLibraryError(library, context);
   Failure failure{kExitFailure, "The volume could not be mounted.", error ? reasonOf(error) : "",
                   moreInLog(context)};
-  if (error && error->domain() == NSPOSIXErrorDomain && error->code() == kENODEV) {
+  // Who reports an error of this machine often knows what helps; there may be no log yet.
+  const auto advice =
+      error ? error->userInfo().stringForKey(NSLocalizedRecoverySuggestionErrorKey) : std::nullopt;
+  if (advice) {
+    failure.code = kExitCannotMount;
+    const auto reason = error->userInfo().stringForKey(NSLocalizedFailureReasonErrorKey);
+    if (reason && failure.why.find(*reason) == std::string::npos) failure.why += " " + *reason;
+    failure.todo = *advice;
+  } else if (error && error->domain() == NSPOSIXErrorDomain && error->code() == kENODEV) {
     failure.todo = "Check that the server can be reached. " + moreInLog(context);
   }
   return failure;

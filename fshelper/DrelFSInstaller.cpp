@@ -15,6 +15,16 @@ constexpr std::string_view kOwner = "root";
 constexpr std::string_view kGroup = "wheel";
 constexpr unsigned kSetUserID = 04000;
 
+// What is missing cannot be repaired, and nobody is to be asked for a password for it.
+bool isThere(const std::string& path, NSErrorRef* error) {
+  if (NSFileManager::attributesOfItemAtPath(path, nullptr)) return true;
+  NSDictionary userInfo;
+  userInfo.setObject("A part of the program is missing: " + path, NSLocalizedDescriptionKey);
+  userInfo.setObject("Install the program again.", NSLocalizedRecoverySuggestionErrorKey);
+  storeError(error, NSError::errorWithDomain(NSPOSIXErrorDomain, kENOENT, std::move(userInfo)));
+  return false;
+}
+
 }  // namespace
 
 DrelFSBundle DrelFSBundle::bundleInFolder(const std::string& folder) {
@@ -45,8 +55,10 @@ bool DrelFSInstaller::fixDrelFSPermissions(NSErrorRef* error) {
 bool DrelFSInstaller::fixDrelFSPermissions(const DrelFSBundle& bundle, KCAuthorizationManager& authorization,
                                            NSErrorRef* error) {
   // The loader gets its set-user-ID bit last: a change of the owner would take it away again.
-  return authorization.chownWithPrivilegesItemAtPath(bundle.extension, kOwner, kGroup, true, error) &&
+  return isThere(bundle.extension, error) &&
+         authorization.chownWithPrivilegesItemAtPath(bundle.extension, kOwner, kGroup, true, error) &&
          authorization.chmodWithPrivilegesItemAtPath(bundle.extension, "go-w", true, error) &&
+         isThere(bundle.loader, error) &&
          authorization.chownWithPrivilegesItemAtPath(bundle.loader, kOwner, kGroup, true, error) &&
          authorization.chmodWithPrivilegesItemAtPath(bundle.loader, "u+s", false, error);
 }

@@ -26,7 +26,8 @@ class DrelFSInstaller {
   // set-user-ID bit. The extension's own permissions are not looked at.
   static bool shouldFixDrelFSPermissions(const DrelFSBundle& bundle = DrelFSBundle::mainBundle());
 
-  // Makes it so with administrator rights, in four steps, up to the first that fails.
+  // Makes it so with administrator rights, in four steps, up to the first that fails. An item that is missing
+  // fails its first step, with code 2 of the POSIX domain, before anybody is asked for rights.
   static bool fixDrelFSPermissions(NSErrorRef* error);
   static bool fixDrelFSPermissions(const DrelFSBundle& bundle, KCAuthorizationManager& authorization,
                                    NSErrorRef* error);

@@ -143,6 +143,19 @@ TEST(Explain, AnErrorOfTheSystemShowsItsText) {
               HasSubstr("ermission denied"));
 }
 
+TEST(Explain, AnErrorThatKnowsWhatToDoIsOfThisMachineAndSaysIt) {
+  const auto error = NSError::errorWithDomain(
+      NSPOSIXErrorDomain, 1,
+      {{std::string(NSLocalizedDescriptionKey), "“chown x” could not be run with administrator rights."},
+       {std::string(NSLocalizedFailureReasonErrorKey), "sudo: a password is required"},
+       {std::string(NSLocalizedRecoverySuggestionErrorKey), "Install the package again."}});
+  const Failure failure = explainError(error, {.logName = "nas"});
+  EXPECT_EQ(failure.code, kExitCannotMount);
+  EXPECT_EQ(failure.why,
+            "“chown x” could not be run with administrator rights. sudo: a password is required");
+  EXPECT_EQ(failure.todo, "Install the package again.");
+}
+
 TEST(Explain, WordsOfAServerCannotMoveTheCursor) {
   const auto error = QuarnKitError::errorWithCode(kQuarnKitLoginFailed,
                                                   "\x1b[2Jgone\r\n\xC2\x9b"

@@ -146,6 +146,27 @@ TEST_P(InstallerFailure, EndsTheRepairThereWithTheError) {
 
 INSTANTIATE_TEST_SUITE_P(Steps, InstallerFailure, ::testing::Values(1, 2, 3, 4));
 
+TEST_F(Installer, AMissingExtensionIsToldBeforeAnybodyIsAskedForRights) {
+  std::filesystem::remove_all(bundle.extension);
+  NSErrorRef error;
+  EXPECT_FALSE(DrelFSInstaller::fixDrelFSPermissions(bundle, authorization, &error));
+  EXPECT_THAT(authorization.commands, IsEmpty());
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->code(), kENOENT);
+  EXPECT_EQ(error->localizedDescription(), "A part of the program is missing: " + bundle.extension);
+}
+
+TEST_F(Installer, AMissingLoaderEndsTheRepairAfterTheExtensionsSteps) {
+  std::filesystem::remove(bundle.loader);
+  NSErrorRef error;
+  EXPECT_FALSE(DrelFSInstaller::fixDrelFSPermissions(bundle, authorization, &error));
+  EXPECT_EQ(authorization.commands.size(), 2u);
+  ASSERT_NE(error, nullptr);
+  EXPECT_EQ(error->localizedDescription(), "A part of the program is missing: " + bundle.loader);
+  EXPECT_EQ(error->userInfo().stringForKey(NSLocalizedRecoverySuggestionErrorKey),
+            "Install the program again.");
+}
+
 TEST_F(Installer, TheRepairWorksForReal) {
   ::chown(bundle.extension.c_str(), 65534, 65534);
   ::chmod(bundle.extension.c_str(), 0777);
