@@ -4,6 +4,7 @@
 #include <fmt/format.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -82,11 +83,15 @@ int unmountInForeground(const MountResult& result, Interruption& interruption, c
   return done ? kExitSuccess : output.fail(failure);
 }
 
-// Stays with a volume to its end.
+// Stays with a volume to its end. A service manager that started the command is told what it waits for.
 int stay(MountVolume& mount, const MountResult& result, Interruption& interruption, const Output& output) {
   UndeliveredFiles undelivered;
   int code = kExitSuccess;
-  if (!mount.waitUntilUnmounted()) code = unmountInForeground(result, interruption, output);
+  sd_notifyf(0, "READY=1\nSTATUS=Mounted at %s", printable(result.mountPath).c_str());
+  if (!mount.waitUntilUnmounted()) {
+    sd_notify(0, "STOPPING=1\nSTATUS=Waiting until everything written is on the server");
+    code = unmountInForeground(result, interruption, output);
+  }
   if (code != kExitSuccess) return code;
   const auto files = undelivered.ofHelper(result.registeredName);
   return tellUndelivered(result.volumeName, files, output) ? kExitFailure : kExitSuccess;
