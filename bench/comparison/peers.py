@@ -2,6 +2,7 @@
 import os
 import shutil
 import subprocess
+import tempfile
 import time
 
 from comparison.processes import Failure, detach, is_mounted, last_line, run, usage
@@ -91,8 +92,7 @@ class Davfs2(Peer):
     def mount(self, server, host):
         """It goes to the background by itself, mounted when the command returns."""
         self.daemon = None
-        self.mount_path = f"{self.folder}/mnt"
-        os.makedirs(self.mount_path, exist_ok=True)
+        self.mount_path = tempfile.mkdtemp(prefix="mnt-", dir=self.folder)
         os.makedirs(f"{self.folder}/cache", exist_ok=True)
         # It keeps its cache as an account of its own.
         for path, mode in ((self.folder, 0o755), (f"{self.folder}/cache", 0o775)):
@@ -111,11 +111,20 @@ class Davfs2(Peer):
             raise Failure(f"does not mount: {last_line(self.log())}")
         return self.mount_path
 
+    def pid_file(self):
+        return f"/var/run/mount.davfs/{self.mount_path.strip('/').replace('/', '-')}.pid"
+
     def pid(self):
-        if self.daemon is None:
-            name = self.mount_path.strip("/").replace("/", "-")
-            with open(f"/var/run/mount.davfs/{name}.pid") as f:
-                self.daemon = int(f.read())
+        """Written shortly after the command has returned."""
+        deadline = time.monotonic() + 5
+        while self.daemon is None:
+            try:
+                with open(self.pid_file()) as f:
+                    self.daemon = int(f.read())
+            except (OSError, ValueError):
+                if time.monotonic() > deadline:
+                    raise Failure("its process is gone") from None
+                time.sleep(0.005)
         return self.daemon
 
     def usage(self):
@@ -127,6 +136,7 @@ class Davfs2(Peer):
         deadline = time.monotonic() + 30
         while os.path.exists(f"/proc/{pid}") and time.monotonic() < deadline:
             time.sleep(0.005)
+        os.rmdir(self.mount_path)
         self.mount_path = None
         subprocess.run(["rm", "-rf", f"{self.folder}/cache"], check=False)
 
@@ -134,14 +144,12 @@ class Davfs2(Peer):
         if self.mount_path:
             try:
                 end(self.pid())
-            except (OSError, ValueError):
+            except Failure:
                 pass
             detach(self.mount_path)
-            # It leaves this behind when it is killed, and refuses the next mount.
-            name = self.mount_path.strip("/").replace("/", "-")
-            for path in (f"/var/run/mount.davfs/{name}.pid",):
-                if os.path.exists(path):
-                    os.remove(path)
+            # It leaves this behind when it is killed.
+            if os.path.exists(self.pid_file()):
+                os.remove(self.pid_file())
         self.mount_path = None
         subprocess.run(["rm", "-rf", f"{self.folder}/cache"], check=False)
 

@@ -60,7 +60,7 @@ def run(command, timeout=60, env=None, cwd=None, input_file=None, output=None):
         text = out.read().decode(errors="replace")
         if process.returncode != 0:
             said = (err.read().decode(errors="replace").strip() or text.strip() or f"status {process.returncode}")
-            raise Failure(f"{os.path.basename(command[0])}: {said.splitlines()[-1][:300]}")
+            raise Failure(f"{os.path.basename(command[0])}: {' / '.join(said.splitlines()[-2:])[:300]}")
         return text
 
 
@@ -155,13 +155,39 @@ def detach(path):
 
 def end_all_below(folder):
     """Kills what still has the folder in its environment or command line: helpers, and the bus that they share."""
-    needle = folder.encode()
+    for pid in processes_below(folder):
+        try:
+            os.kill(pid, signal.SIGKILL)
+        except ProcessLookupError:
+            continue
+
+
+def processes_below(folder):
+    """Those that have the folder in their environment or command line, without this one."""
+    needle, found = folder.encode(), []
     for name in os.listdir("/proc"):
         if not name.isdigit() or int(name) == os.getpid():
             continue
         try:
             with open(f"/proc/{name}/environ", "rb") as environment, open(f"/proc/{name}/cmdline", "rb") as line:
                 if needle in environment.read() or needle in line.read():
-                    os.kill(int(name), signal.SIGKILL)
+                    found.append(int(name))
         except OSError:
             continue
+    return found
+
+
+def command_of(pid):
+    try:
+        return os.path.basename(os.readlink(f"/proc/{pid}/exe"))
+    except OSError:
+        return ""
+
+
+def start_time(pid):
+    """In ticks since the machine came up; 0 for one that is gone."""
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            return int(f.read().rpartition(")")[2].split()[19])
+    except OSError:
+        return 0

@@ -23,12 +23,16 @@ class Report:
     def __init__(self, results, setting, titles, targets):
         self.results, self.setting, self.titles, self.targets = results, setting, titles, targets
 
+    def server(self, protocol):
+        why = self.results.missing.get((protocol, "the server"))
+        return f"missing: {why}" if why else self.setting["servers"].get(protocol, "")
+
     def rows(self, protocol):
         for row in self.titles:
             for program in self.results.programs(protocol, row):
                 yield row, program, self.cells(protocol, row, program)
             for (place, program), why in self.results.missing.items():
-                if place == protocol and self.results.programs(protocol, row):
+                if place == protocol and program != "the server" and self.results.programs(protocol, row):
                     yield row, program, [f"missing: {why}"]
 
     def cells(self, protocol, row, program):
@@ -47,7 +51,7 @@ class Report:
     def text(self):
         lines = []
         for protocol in self.setting["protocols"]:
-            lines += ["", f"{protocol} ({self.setting['servers'].get(protocol, '')})",
+            lines += ["", f"{protocol} ({self.server(protocol)})",
                       self.line(("", *HEAD[1:]), HEAD[0])]
             last = None
             for row, program, cells in self.rows(protocol):
@@ -77,7 +81,7 @@ class Report:
                  f"{'loopback' if not setting['delay'] else str(setting['delay']) + ' ms round trip'}; "
                  f"`{setting['command']}`; commit {setting['commit']}.", ""]
         for protocol in setting["protocols"]:
-            lines += [f"### {protocol}: {setting['servers'].get(protocol, '')}", "", self.row(HEAD), self.row(
+            lines += [f"### {protocol}: {self.server(protocol)}", "", self.row(HEAD), self.row(
                 ["---", "---"] + ["---:"] * (len(HEAD) - 2))]
             last = None
             for row, program, cells in self.rows(protocol):

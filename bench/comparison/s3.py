@@ -3,6 +3,7 @@ import datetime
 import hashlib
 import hmac
 import http.client
+import os
 import re
 import threading
 import urllib.parse
@@ -42,7 +43,7 @@ class Bucket:
         return f"/{self.name}" + (f"/{quoted(key, '/')}" if key else "")
 
     def request(self, method, key="", query=None, body=b"", sink=None):
-        """Status, headers and body; with a sink, the body goes there piece by piece."""
+        """Status, headers and body; with a sink, the body goes there piece by piece. What is sent may be an open file."""
         stamp = datetime.datetime.utcnow().strftime("%Y%m%dT%H%M%SZ")
         line = "&".join(f"{quoted(k)}={quoted(v)}" for k, v in sorted((query or {}).items()))
         headers = {"host": f"{self.host}:{self.port}", "x-amz-content-sha256": UNSIGNED, "x-amz-date": stamp}
@@ -50,6 +51,8 @@ class Bucket:
         headers["Authorization"] = (f"AWS4-HMAC-SHA256 Credential={self.key}/{scope}, SignedHeaders={names}, "
                                     f"Signature={signature}")
         target = self.path(key) + (f"?{line}" if line else "")
+        length = len(body) if isinstance(body, bytes) else os.fstat(body.fileno()).st_size
+        headers["Content-Length"] = str(length)  # of a file, or it would be sent in a form that S3 does not take
         for attempt in (1, 2):
             connection = getattr(self.local, "connection", None)
             if connection is None:
