@@ -17,6 +17,7 @@
 #include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSLog.h"
 #include "platform/foundation/NeverDestroyed.h"
+#include "remote/RetryPauses.h"
 
 namespace ombra {
 
@@ -167,6 +168,25 @@ NSErrorRef OmbraFileSystem::obstacleTo(const OFSNodeFileTable::Entry& entry) {
   return isOutdated(entry) ? ofs_supersededError() : nullptr;
 }
 
+// That the server is away is found out once, after all the attempts that a call makes: not by each file anew,
+// which would keep the unmount for minutes in which nothing is saved either.
+class OmbraFileSystem::Outage {
+ public:
+  NSErrorRef reason() const EXCLUDES(iLock) {
+    const MutexLock lock(iLock);
+    return iReason;
+  }
+  void learn(const NSErrorRef& error) EXCLUDES(iLock) {
+    if (error == nullptr || !isOutage(error->underlyingError())) return;
+    const MutexLock lock(iLock);
+    iReason = error;
+  }
+
+ private:
+  mutable Mutex iLock;
+  NSErrorRef iReason GUARDED_BY(iLock);
+};
+
 bool OmbraFileSystem::sendAtTheEnd(const OFSNodeFileTable::Entry& entry, NSErrorRef* error) {
   NSErrorRef obstacle = obstacleTo(entry);
   if (obstacle == nullptr) return entry.file->synchronize(error);
@@ -177,10 +197,14 @@ bool OmbraFileSystem::sendAtTheEnd(const OFSNodeFileTable::Entry& entry, NSError
 }
 
 // Absent when the server has all of the file.
-std::optional<GMUndelivered> OmbraFileSystem::deliver(const OFSNodeFileTable::Entry& entry) {
+std::optional<GMUndelivered> OmbraFileSystem::deliver(const OFSNodeFileTable::Entry& entry, Outage& outage) {
   const std::shared_ptr<OFSRemoteFile>& file = entry.file;
   GMUndelivered undelivered;
-  if (sendAtTheEnd(entry, &undelivered.error)) return std::nullopt;
+  undelivered.error = outage.reason();
+  if (undelivered.error == nullptr) {
+    if (sendAtTheEnd(entry, &undelivered.error)) return std::nullopt;
+    outage.learn(undelivered.error);
+  }
   undelivered.path = pathForRemotePath(file->remotePath());
   undelivered.savedAs = saveAside(*file, undelivered.path);
   const std::string why =
@@ -188,6 +212,8 @@ std::optional<GMUndelivered> OmbraFileSystem::deliver(const OFSNodeFileTable::En
   NSLog("{} could not be stored on the server ({}); {}", undelivered.path, why,
         undelivered.savedAs.empty() ? "no copy could be saved either: free some space below the state folder"
                                     : "a copy is at " + undelivered.savedAs);
+  // The release of a handle that it may still have would only wait for the same failure once more.
+  if (!undelivered.savedAs.empty()) file->abandon();
   return undelivered;
 }
 
@@ -239,9 +265,10 @@ std::vector<GMUndelivered> OmbraFileSystem::drainAll() {
 }
 
 // As `deliver`; whatever goes wrong on the way, the file is named among those that were not stored.
-std::optional<GMUndelivered> OmbraFileSystem::deliverWithoutRaising(const OFSNodeFileTable::Entry& entry) {
+std::optional<GMUndelivered> OmbraFileSystem::deliverWithoutRaising(const OFSNodeFileTable::Entry& entry,
+                                                                    Outage& outage) {
   try {
-    return deliver(entry);
+    return deliver(entry, outage);
   } catch (const std::exception& exception) {
     NSLog("storing {} failed: {}", entry.file->remotePath(), exception.what());
     return GMUndelivered{
@@ -255,9 +282,10 @@ std::optional<GMUndelivered> OmbraFileSystem::deliverWithoutRaising(const OFSNod
 std::vector<GMUndelivered> OmbraFileSystem::deliverAll(const std::vector<OFSNodeFileTable::Entry>& files) {
   std::vector<std::optional<GMUndelivered>> results(files.size());
   std::atomic<size_t> next{0};
-  const auto work = [this, &files, &results, &next] {
+  Outage outage;
+  const auto work = [this, &files, &results, &next, &outage] {
     for (size_t index = next++; index < files.size(); index = next++) {
-      results[index] = deliverWithoutRaising(files[index]);
+      results[index] = deliverWithoutRaising(files[index], outage);
     }
   };
   {

@@ -293,8 +293,9 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void reopenConnections(const std::vector<OFSNodeFileTable::Entry>& unsent) EXCLUDES(iPropertyLock);
   std::shared_ptr<KCConnectionPool> putOnTrial() EXCLUDES(iPropertyLock);
   bool answers(KCConnectionPool& pool);
-  std::optional<GMUndelivered> deliver(const OFSNodeFileTable::Entry& entry);
-  std::optional<GMUndelivered> deliverWithoutRaising(const OFSNodeFileTable::Entry& entry);
+  class Outage;
+  std::optional<GMUndelivered> deliver(const OFSNodeFileTable::Entry& entry, Outage& outage);
+  std::optional<GMUndelivered> deliverWithoutRaising(const OFSNodeFileTable::Entry& entry, Outage& outage);
   std::vector<GMUndelivered> deliverAll(const std::vector<OFSNodeFileTable::Entry>& files);
 
   const NSDate iMountDate;
