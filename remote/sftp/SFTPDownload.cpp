@@ -1,5 +1,6 @@
 #include "remote/sftp/SFTPDownload.h"
 
+#include <algorithm>
 #include <cerrno>
 
 #include "remote/sftp/SFTPErrors.h"
@@ -27,10 +28,18 @@ SFTPDownload::~SFTPDownload() {
   for (const Piece& piece : iPieces) iChannel.abandon(piece.id);
 }
 
-void SFTPDownload::begin() { fill(); }
+// With the one that finds the end.
+void SFTPDownload::begin(std::optional<uint64_t> likelyLength) {
+  size_t most = iWindow.limit();
+  if (likelyLength) {
+    const uint64_t left = *likelyLength - std::min(*likelyLength, iNextOffset);
+    most = static_cast<size_t>(std::min<uint64_t>(most, left / iChannel.readLength() + 1));
+  }
+  fill(most);
+}
 
-void SFTPDownload::fill() {
-  while (iPieces.size() < iWindow.limit()) {
+void SFTPDownload::fill(size_t most) {
+  while (iPieces.size() < most) {
     // One request past the expected end finds it, or shows that the file has grown.
     if (iExpectedLength && iNextOffset > *iExpectedLength && !iPieces.empty()) return;
     Piece piece;
@@ -49,7 +58,7 @@ void SFTPDownload::fill() {
 
 bool SFTPDownload::run(TransferControl& control, NSErrorRef* error) {
   while (!iEnded) {
-    fill();
+    fill(iWindow.limit());
     if (!waitForFirst(control, error)) return false;
     iWindow.replied(iChannel.age(iPieces.front().id));
     auto reply = iChannel.take(iPieces.front().id);

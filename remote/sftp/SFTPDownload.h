@@ -22,8 +22,9 @@ class SFTPDownload {
   SFTPDownload(const SFTPDownload&) = delete;
   SFTPDownload& operator=(const SFTPDownload&) = delete;
 
-  // Queues the first requests without waiting.
-  void begin();
+  // Queues the first requests without waiting: no more than a file of that length needs, where a length is
+  // given. It may be out of date.
+  void begin(std::optional<uint64_t> likelyLength = std::nullopt);
   // The length that the server tells: requests beyond it are few, since they are expected to find the end.
   void setExpectedLength(uint64_t length) { iExpectedLength = length; }
   // How many requests an earlier download has had in flight in the end, and how many this one has by now.
@@ -39,7 +40,7 @@ class SFTPDownload {
     uint32_t id = 0;
   };
 
-  void fill();
+  void fill(size_t most);
   bool waitForFirst(TransferControl& control, NSErrorRef* error);
   bool takeFirst(const SFTPReply& reply, NSErrorRef* error);
   bool write(std::span<const std::byte> data, uint64_t offset, NSErrorRef* error);

@@ -32,21 +32,23 @@ constexpr uint64_t kSmallFile = 1024 * 1024;
 bool SFTPSession::download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
                            TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
-  iWalks->reached(path, SFTPWalks::Kind::kFile);
+  const auto likelyLength = iWalks->reached(path, SFTPWalks::Kind::kFile);
   if (const auto opened = iAhead.take(path, SFTPWalks::Kind::kFile)) {
     bool isOutdated = false;
-    const bool succeeded =
-        downloadThrough(opened->handle, path, to, offset, version, control, &isOutdated, error);
+    const bool succeeded = downloadThrough({opened->handle, likelyLength}, path, to, offset, version, control,
+                                           &isOutdated, error);
     if (!isOutdated) return succeeded;
     storeError(error, nullptr);
   }
   const auto handle = waitHandle(iRequests.open(path, kSFTPOpenRead), SFTPOperation::kOther, path, error);
-  return handle && downloadThrough(*handle, path, to, offset, version, control, nullptr, error);
+  return handle &&
+         downloadThrough({*handle, likelyLength}, path, to, offset, version, control, nullptr, error);
 }
 
-bool SFTPSession::downloadThrough(const std::string& handle, std::string_view path, NSFileHandle& to,
+bool SFTPSession::downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to,
                                   uint64_t offset, std::string* version, TransferControl& control,
                                   bool* isOutdated, NSErrorRef* error) {
+  const std::string& handle = source.handle;
   bool succeeded = false;
   {
     // The attributes and the first data come in one round trip; nothing is written before the version is
@@ -54,7 +56,7 @@ bool SFTPSession::downloadThrough(const std::string& handle, std::string_view pa
     const uint32_t fstatID = iRequests.fstat(handle);
     const uint32_t statID = isOutdated != nullptr ? iRequests.stat(path) : 0;
     SFTPDownload download(iChannel, handle, std::string(path), to, offset);
-    download.begin();
+    download.begin(source.likelyLength);
     const auto attributes = waitAttributes(fstatID, SFTPOperation::kOther, path, nullptr);
     if (isOutdated != nullptr) {
       const auto named = waitAttributes(statID, SFTPOperation::kOther, path, nullptr);

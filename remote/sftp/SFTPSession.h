@@ -130,7 +130,11 @@ class SFTPSession final : public Session {
 
   // Downloads through an open handle, which it closes. One that was opened ahead may stand for another file
   // by now, or for none: then `isOutdated`, when it is not null, is set, and nothing was brought.
-  bool downloadThrough(const std::string& handle, std::string_view path, NSFileHandle& to, uint64_t offset,
+  struct DownloadSource {
+    std::string handle;
+    std::optional<uint64_t> likelyLength;
+  };
+  bool downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to, uint64_t offset,
                        std::string* version, TransferControl& control, bool* isOutdated, NSErrorRef* error);
 
   // Uploads.

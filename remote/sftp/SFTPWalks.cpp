@@ -31,7 +31,7 @@ void SFTPWalks::Listing::add(const SFTPName& name) {
   if (!attributes.times || (!attributes.isDirectory() && !attributes.isFile())) return;
   std::vector<Known>& items = iItems[at(attributes.isDirectory() ? Kind::kFolder : Kind::kFile)];
   if (items.size() >= kMostItems || !isShownName(name.filename)) return;
-  items.push_back({name.filename, attributes.times->modification, false});
+  items.push_back({name.filename, attributes.times->modification, attributes.size});
 }
 
 void SFTPWalks::listed(std::string_view folder, Listing listing) {
@@ -64,14 +64,14 @@ std::optional<size_t> SFTPWalks::indexOf(const Folder& folder, Kind kind, std::s
   return static_cast<size_t>(found - items.begin());
 }
 
-void SFTPWalks::reached(std::string_view path, Kind kind) {
+std::optional<uint64_t> SFTPWalks::reached(std::string_view path, Kind kind) {
   const MutexLock lock(iLock);
   int& run = iRun[at(kind)];
   Folder* folder = folderAt(parentOfRemotePath(path));
   const auto index = folder == nullptr ? std::nullopt : indexOf(*folder, kind, nameOfRemotePath(path));
   if (!index) {
     run = 0;
-    return;
+    return std::nullopt;
   }
   std::optional<size_t>& last = folder->last[at(kind)];
   std::vector<Known>& items = folder->items[at(kind)];
@@ -89,6 +89,7 @@ void SFTPWalks::reached(std::string_view path, Kind kind) {
   }
   items[*index].isAsked = true;
   last = index;
+  return items[*index].size;
 }
 
 std::vector<SFTPWalks::Item> SFTPWalks::next(std::string_view path, Kind kind, size_t count) {

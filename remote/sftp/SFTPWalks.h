@@ -38,13 +38,15 @@ class SFTPWalks {
     struct Known {
       std::string name;
       int64_t modified = 0;
+      std::optional<uint64_t> size;
       bool isAsked = false;
     };
     std::array<std::vector<Known>, 2> iItems;  // by kind
   };
   void listed(std::string_view folder, Listing listing) EXCLUDES(iLock);
-  // `path` is about to be listed, or read.
-  void reached(std::string_view path, Kind kind) EXCLUDES(iLock);
+  // `path` is about to be listed, or read. Answers how long it was when its folder was listed, where that is
+  // known: a hint, nothing more.
+  std::optional<uint64_t> reached(std::string_view path, Kind kind) EXCLUDES(iLock);
   // What a walk that is at `path` will most likely ask for next among its neighbours, nearest first. Nothing
   // unless several neighbours were asked for in succession, and nothing that changed within the last seconds.
   std::vector<Item> next(std::string_view path, Kind kind, size_t count) EXCLUDES(iLock);

@@ -106,6 +106,26 @@ TEST_F(SFTPAheadTest, TheFilesOfTheNextFolderAreExpectedToo) {
       << "one to wait for what was opened, then one for each";
 }
 
+TEST_F(SFTPAheadTest, OfAListedFileNoMoreIsAskedForThanItHolds) {
+  server.addFile("/files/f00", pattern(40000));
+  server.addFile("/files/f01", pattern(65536));
+  list("/files");
+  const std::pair<int, size_t> table[] = {{0, 2}, {1, 3}, {2, 1}};
+  for (const auto& [index, reads] : table) {
+    const size_t before = peer->countOf(kSFTPRead);
+    read(fileAt(index));
+    EXPECT_EQ(peer->countOf(kSFTPRead) - before, reads) << index;
+  }
+}
+
+TEST_F(SFTPAheadTest, AFileThatIsLongerOrShorterThanListedIsReadWhole) {
+  list("/files");
+  for (const size_t length : {0, 1, 32768, 32769, 200000}) {
+    server.addFile(fileAt(0), pattern(length));
+    EXPECT_EQ(read(fileAt(0)), pattern(length)) << length;
+  }
+}
+
 TEST_F(SFTPAheadTest, NothingIsOpenedForSomebodyWhoLooksAround) {
   list("/tree");
   list(folderAt(0));
