@@ -6,6 +6,7 @@
 #include "frontend/Deadline.h"
 #include "frontend/Explain.h"
 #include "frontend/HelperLogs.h"
+#include "frontend/PassthroughOwner.h"
 #include "frontend/Volumes.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSUnarchiver.h"
@@ -28,16 +29,26 @@ struct Archive {
   Archive& operator=(const Archive&) = delete;
 };
 
-// Where the volume of a pass-through identifier is mounted already.
-void fillFromExistingVolume(const std::string& identifier, MountResult* result) {
+// Where the volume of a pass-through identifier is mounted. False while it is not.
+bool fillFromExistingVolume(const std::string& identifier, MountResult* result) {
   for (const Volume& volume : currentVolumes()) {
-    if (volume.identifier != identifier) continue;
+    if (volume.identifier != identifier || volume.mountPath.empty()) continue;
     result->mountPath = volume.mountPath;
     result->volumeName = volume.name;
     result->address = volume.address;
     result->registeredName = volume.registeredName;
     result->pid = volume.pid;
+    return true;
   }
+  return false;
+}
+
+Failure nothingThere(const std::string& identifier, pid_t owner) {
+  const std::string what = fmt::format("There is no volume of the identifier {}.", inQuotes(identifier));
+  if (owner == 0)
+    return {kExitFailure, what, "The helper that was about to mount it has ended.", "Try again."};
+  return {kExitFailure, what, fmt::format("Process {} has taken it, and has not mounted it yet.", owner),
+          fmt::format("Try again later; if nothing changes, end that process: kill {}", owner)};
 }
 
 std::vector<std::string> namesOfCurrentVolumes() {
@@ -122,8 +133,9 @@ MountResult MountVolume::awaitAnnouncement() {
 std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announcement) {
   switch (announcement.kind) {
     case MountAnnouncement::Kind::kDidMount:
-    case MountAnnouncement::Kind::kAlreadyMounted:
       return announced(announcement);
+    case MountAnnouncement::Kind::kAlreadyMounted:
+      return alreadyMounted(announcement);
     case MountAnnouncement::Kind::kDidUnmount:
       return helperEnded();
     case MountAnnouncement::Kind::kMountFailed:
@@ -159,10 +171,21 @@ MountResult MountVolume::announced(const MountAnnouncement& announcement) {
   result.rootPath = announcement.rootPath;
   result.address = announcement.address;
   result.pid = iHelper->pid();
-  if (announcement.kind == MountAnnouncement::Kind::kAlreadyMounted) {
-    result.alreadyMounted = true;
-    result.pid = 0;
-    fillFromExistingVolume(announcement.passthrough.value_or(""), &result);
+  return result;
+}
+
+// The other helper takes the identifier before it logs in, so its volume may still be on its way.
+MountResult MountVolume::alreadyMounted(const MountAnnouncement& announcement) {
+  const std::string identifier = announcement.passthrough.value_or("");
+  MountResult result = announced(announcement);
+  result.alreadyMounted = true;
+  const Deadline deadline(iLimits.otherHelper);
+  while (!fillFromExistingVolume(identifier, &result)) {
+    const pid_t owner = ownerOfPassthrough(identifier);
+    if (iInterruption.requested()) return interrupted();
+    if (owner == 0 || deadline.passed()) return failed(nothingThere(identifier, owner));
+    iAnnouncements.next(kTickMilliseconds);
+    iSpinner.tick();
   }
   return result;
 }

@@ -26,6 +26,8 @@ struct MountLimits {
   std::chrono::milliseconds handOff{30000};  // for the helper to fetch its credentials
   std::chrono::milliseconds mount{
       180000};  // from then until it announces how it went; its own limits are shorter
+  // For the helper that has the same pass-through identifier to mount its volume.
+  std::chrono::milliseconds otherHelper{30000};
   std::chrono::milliseconds end{10000};  // for a helper that failed or was stopped to end
 };
 
@@ -60,6 +62,7 @@ class MountVolume {
   MountResult awaitAnnouncement();
   std::optional<MountResult> resultOf(const MountAnnouncement& announcement);
   MountResult announced(const MountAnnouncement& announcement);
+  MountResult alreadyMounted(const MountAnnouncement& announcement);
   MountResult failed(Failure failure, NSErrorRef error = nullptr);
   MountResult helperEnded();
   MountResult interrupted();

@@ -15,6 +15,7 @@
 #include "frontend/SessionBus.h"
 #include "frontend/UndeliveredFiles.h"
 #include "frontend/UnmountVolume.h"
+#include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSNotificationCenter.h"
 #include "platform/foundation/RunLoop.h"
 #include "remote/KCCredentials.h"
@@ -171,11 +172,41 @@ TEST_F(Command, MountWithANameSaysThatItIsTaken) {
   EXPECT_THAT(result.err, HasSubstr("in use"));
 }
 
-TEST_F(Command, MountOfAnIdentifierThatIsMountedAlreadyIsASuccess) {
+TEST_F(Command, MountOfAnIdentifierThatIsMountedAlreadySaysWhichVolumeItIs) {
+  writeFile(iFolder / "status.json", R"({"passthrough": "team"})");
+  ASSERT_EQ(mountFolder().exitCode, 0);
   const auto result =
       run({"mount", "file://" + iFolder.path(), "--passthrough", "team", "--json"}, "already");
   EXPECT_EQ(result.exitCode, 0) << result.err;
-  EXPECT_EQ(json::parse(result.out)["alreadyMounted"], true);
+  const json object = json::parse(result.out);
+  EXPECT_EQ(object["alreadyMounted"], true);
+  EXPECT_EQ(object["volumeName"], "Disk");
+  EXPECT_EQ(object["mountPath"], volume("Disk"));
+}
+
+TEST_F(Command, MountOfAnIdentifierThatIsBeingMountedWaitsForTheVolume) {
+  writeFile(iFolder / "status.json", R"({"passthrough": "team", "mountPath": ""})");
+  ASSERT_EQ(mountFolder().exitCode, 0);
+  // Whoever has the lock lives.
+  const std::string lock = NSFileManager::kc_confstr(kDarwinUserTempDir) + "/OmbraFS.team.pid";
+  const int32_t owner = getpid();
+  writeFile(lock, std::string_view(reinterpret_cast<const char*>(&owner), sizeof owner));
+  ASSERT_EQ(mkfifo((iFolder / "started").c_str(), 0600), 0);
+  RunningCommand command({"mount", "file://" + iFolder.path(), "--passthrough", "team"},
+                         RunningCommand::Input::kNone, environment("already"));
+  ASSERT_EQ(readFile(iFolder / "started"), "yes");
+  writeFile(iFolder / "status.json", R"({"passthrough": "team"})");
+  EXPECT_TRUE(command.waitForOutput(volume("Disk")));
+  EXPECT_EQ(command.finish().exitCode, 0);
+  std::filesystem::remove(lock);
+}
+
+TEST_F(Command, MountOfAnIdentifierWhoseOwnerHasGoneIsAFailure) {
+  const auto result = run({"mount", "file://" + iFolder.path(), "--passthrough", "team"}, "already");
+  EXPECT_EQ(result.exitCode, 1);
+  EXPECT_EQ(result.out, "");
+  EXPECT_THAT(result.err, HasSubstr("no volume of the identifier “team”"));
+  EXPECT_THAT(result.err, HasSubstr("Try again"));
 }
 
 TEST_F(Command, MountThatIsInterruptedTakesTheHelperAndTheSocketAway) {

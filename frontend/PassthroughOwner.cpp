@@ -1,0 +1,28 @@
+#include "frontend/PassthroughOwner.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+
+#include "frontend/UniqueFd.h"
+#include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSFileManager.h"
+
+namespace ombra {
+
+pid_t ownerOfPassthrough(const std::string& identifier) {
+  const std::string folder = NSFileManager::kc_confstr(kDarwinUserTempDir);
+  const std::string path =
+      stringByAppendingPathComponent(folder, fmt::format("{}.{}.pid", "OmbraFS", identifier));
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  int32_t owner = 0;
+  if (folder.empty() || !file || read(file.get(), &owner, sizeof owner) != sizeof owner || owner <= 0)
+    return 0;
+  return kill(owner, 0) == 0 || errno != ESRCH ? owner : 0;
+}
+
+}  // namespace ombra
