@@ -8,6 +8,10 @@ namespace {
 
 class WritingLarge : public Writing {
  protected:
+  static constexpr const char* kWhenNightly =
+      "Takes minutes: set OMBRA_NIGHTLY=1, or run scripts/test --nightly.";
+  static constexpr long kMostMemory = 64 * 1024;  // KiB
+  static bool isNightly() { return std::getenv("OMBRA_NIGHTLY") != nullptr; }
   // The largest amount of memory that the helper has used, in KiB.
   long peakMemory() {
     const std::string status = "/proc/" + std::to_string(user->helperOf(volume)) + "/status";
@@ -27,13 +31,30 @@ TEST_P(WritingLarge, ALargeFileArrivesWholeAndMemoryStaysSmall) {
   runInBoth("cp ~/big big");
   const long peak = peakMemory();
   EXPECT_GT(peak, 0);
-  EXPECT_LT(peak, 64 * 1024);
+  EXPECT_LT(peak, kMostMemory);
+}
+
+// Written front to back (in place, or as one stream); then patched, which a streaming server gets as a whole
+// file; then lengthened, for which a stream begins again with all that was there.
+TEST_P(WritingLarge, AGibibyteGoesOutInEachWayInLittleMemory) {
+  if (!isNightly()) GTEST_SKIP() << kWhenNightly;
+  ASSERT_EQ(user->run("head -c 1G /dev/urandom > ~/big").status, 0);
+  for (const char* script :
+       {"cp ~/big big", "printf patch | dd of=big bs=1 seek=500000000 conv=notrunc,fsync status=none",
+        "printf more >> big"}) {
+    const ShellResult written = user->run("cd " + shellWord(volume) + " && " + script, 600);
+    EXPECT_EQ(written.status, 0) << script << "\n" << written.errors;
+    EXPECT_EQ(user->run("cd " + shellWord(twin.path()) + " && " + script, 600).status, 0);
+    EXPECT_EQ(shell("cmp " + shellWord(data() + "/big") + " " + shellWord(twin.path() + "/big")).output, "")
+        << script;
+    const long peak = peakMemory();
+    EXPECT_GT(peak, 0);
+    EXPECT_LT(peak, kMostMemory) << script;
+  }
 }
 
 TEST_P(WritingLarge, AFileOfFiveGibibytesArrivesWhole) {
-  if (std::getenv("OMBRA_NIGHTLY") == nullptr) {
-    GTEST_SKIP() << "Takes minutes: set OMBRA_NIGHTLY=1, or run scripts/test --nightly.";
-  }
+  if (!isNightly()) GTEST_SKIP() << kWhenNightly;
   ASSERT_EQ(user->run("truncate -s 5G ~/huge && for i in 0 1000 2047 2048 4095 4096 5119; do head -c 1M"
                       " /dev/urandom | dd of=\"$HOME\"/huge bs=1M seek=$i conv=notrunc status=none; done")
                 .status,
@@ -43,7 +64,7 @@ TEST_P(WritingLarge, AFileOfFiveGibibytesArrivesWhole) {
   const std::string source = shellWord(user->home() + "/huge");
   EXPECT_EQ(shell("cmp " + source + " " + shellWord(data() + "/huge"), {}, {}, 600).output, "");
   EXPECT_EQ(user->run("cmp " + source + " " + shellWord(volume + "/huge"), 600).output, "");
-  EXPECT_LT(peakMemory(), 64 * 1024);
+  EXPECT_LT(peakMemory(), kMostMemory);
   EXPECT_EQ(user->run("rm " + shellWord(volume + "/huge")).status, 0);
 }
 
