@@ -64,6 +64,8 @@ class Sshd(Server):
             run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", path])
         if os.geteuid() == 0:
             os.makedirs("/run/sshd", exist_ok=True)
+        # bash takes itself for a login and reads the user's .bashrc, unless it believes to be inside another shell: the raw
+        # wire is not to wait for that.
         config = self.write("sshd_config", f"""Port {self.port}
 ListenAddress 127.0.0.1
 HostKey {host_key}
@@ -74,6 +76,7 @@ PermitRootLogin yes
 UsePAM no
 UseDNS no
 MaxStartups 100:30:200
+SetEnv SHLVL=1
 Subsystem sftp internal-sftp
 """)
         self.launch([program("sshd", "openssh-server"), "-D", "-f", config, "-e"])
