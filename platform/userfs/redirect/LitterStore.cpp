@@ -89,8 +89,8 @@ std::unique_ptr<LitterStore> LitterStore::open(std::string folder, bool hashesNa
 LitterStore::LitterStore(std::string folder, bool hashesNames)
     : iFolder(std::move(folder)), iHashesNames(hashesNames) {}
 
-// What is not whole, or does not lie where its path says, is what a killed process left half done, or somebody
-// else's: the folder may hold more than the store.
+// What is not whole, or does not lie where its path says, is what a killed process left half done, or
+// somebody else's: the folder may hold more than the store.
 void LitterStore::load() {
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(iFolder.c_str()), &closedir);
   if (folder == nullptr) return;

@@ -38,6 +38,12 @@ std::vector<std::string> namesInLocalFolder(const std::string& path) {
 
 }  // namespace
 
+// The kernel drops the releases that it has not sent when a volume goes.
+RedirectFileSystem::~RedirectFileSystem() {
+  const MutexLock lock(iLock);
+  for (const OpenFolder* folder : iOpenFolders) delete folder;  // NOLINT: the library has held them
+}
+
 int RedirectFileSystem::makeFolder(const char* path, mode_t mode) {
   if (!RedirectRules::isLitter(path)) return fuse_fs_mkdir(iLower, path, mode);
   if (kept(path) || this->below(path)) return -EEXIST;

@@ -33,6 +33,9 @@ class RedirectFileSystem {
   static constexpr uint64_t kLargestCopy = 64 * 1024 * 1024;
 
   RedirectFileSystem(fuse_fs* lower, std::unique_ptr<LitterStore> store);
+  ~RedirectFileSystem();
+  RedirectFileSystem(const RedirectFileSystem&) = delete;
+  RedirectFileSystem& operator=(const RedirectFileSystem&) = delete;
   fuse_fs* lower() const { return iLower; }
 
   // RedirectFileSystem.cpp

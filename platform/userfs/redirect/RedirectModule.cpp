@@ -38,6 +38,7 @@ void* initialize(fuse_conn_info* connection, fuse_config* config) {
   return &self;
 }
 
+// The library keeps no list of what lies below a module: it ends with it, or never.
 void destroy(void* data) {
   const std::unique_ptr<RedirectFileSystem> self(static_cast<RedirectFileSystem*>(data));
   fuse_fs_destroy(self->lower());
