@@ -1,6 +1,7 @@
 // Sessions that hold a file open for further uploads: who gets them, and when they let go.
 #include <gtest/gtest.h>
 
+#include <future>
 #include <thread>
 
 #include "tests/support/FakeEngine.h"
@@ -111,6 +112,33 @@ TEST_F(PoolHolding, AHoldEndsAfterASecondAndNotBefore) {
   file->extents()->waitUntilSent();
   EXPECT_EQ(endsOfHold(), 1);
   EXPECT_EQ(fake.engine->living, 1) << "the session itself stays";
+}
+
+TEST_F(PoolHolding, WhatWasOpenedAheadIsClosedAfterASecondAndNotBefore) {
+  std::promise<NSDate> closed;
+  fake.engine->opensAhead = true;
+  fake.engine->onEndOfOpenedAhead = [&] { closed.set_value(clock.now()); };
+  EXPECT_TRUE(fake.list());
+  const NSDate begun = clock.now();
+  clock.waitForSleepers(1);
+  clock.advance(0.9);
+  clock.waitForSleepers(1);
+  clock.advance(0.2);
+  EXPECT_GE(closed.get_future().get().timeIntervalSinceDate(begun), 1.0);
+  EXPECT_EQ(fake.engine->living, 1) << "the session itself stays";
+}
+
+TEST_F(PoolHolding, WhatWasOpenedAheadStaysAsLongAsTheSessionIsUsed) {
+  std::atomic<int> ends{0};
+  fake.engine->opensAhead = true;
+  fake.engine->onEndOfOpenedAhead = [&] { ++ends; };
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_TRUE(fake.list());
+    clock.waitForSleepers(1);
+    clock.advance(0.9);
+  }
+  EXPECT_EQ(ends, 0);
+  EXPECT_EQ(fake.engine->made, 1);
 }
 
 TEST_F(PoolHolding, AMoveOrARemovalOfThePathOrAboveEndsTheHoldFirst) {

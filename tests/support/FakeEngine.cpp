@@ -94,6 +94,7 @@ std::optional<NSFileAttributes> FakeSession::fileSystemAttributes(std::string_vi
 
 bool FakeSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
   ++iEngine.lists;
+  iHasOpenedAhead = iEngine.opensAhead;
   if (iEngine.onList) return iEngine.onList(*this, std::string(path), entries, error);
   RemoteEntry entry;
   entry.name = "a";
@@ -115,6 +116,10 @@ FakeSession::~FakeSession() {
   if (iHeldExtents != nullptr)
     iHeldExtents->endSending(QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
   iEngine.sessionGone();
+}
+
+void FakeSession::closeOpenedAhead() {
+  if (std::exchange(iHasOpenedAhead, false) && iEngine.onEndOfOpenedAhead) iEngine.onEndOfOpenedAhead();
 }
 
 void FakeSession::becameIdle() {

@@ -66,6 +66,9 @@ class FakeEngine final : public Engine {
   std::atomic<bool> holds{false};
   std::function<NSErrorRef(FakeSession&, const std::string&)> onEndOfHold;
   std::atomic<int> endsOfHold{0};
+  // Listings open something ahead, and `onEndOfOpenedAhead` is told of its end.
+  std::atomic<bool> opensAhead{false};
+  std::function<void()> onEndOfOpenedAhead;
   Gate gate;  // for hooks to use; poked by interrupts
 
   uint32_t protocol() const override { return kProtocolSFTP; }
@@ -101,6 +104,8 @@ class FakeSession final : public Session {
   void interrupt() override;
   void becameIdle() override;
   std::string heldPath() const override { return iHeldPath; }
+  bool hasOpenedAhead() const override { return iHasOpenedAhead; }
+  void closeOpenedAhead() override;
   std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,
                                       NSErrorRef* error) override;
   std::optional<LinkResolution> resolveLink(std::string_view path, NSErrorRef* error) override;
@@ -130,6 +135,7 @@ class FakeSession final : public Session {
   bool change(std::string_view path, NSErrorRef* error);
 
   FakeEngine& iEngine;
+  bool iHasOpenedAhead = false;
   std::string iHeldPath;
   std::shared_ptr<UnconfirmedExtents> iHeldExtents;
   std::atomic<bool> iInterrupted{false};
