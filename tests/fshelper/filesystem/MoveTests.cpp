@@ -124,6 +124,18 @@ TEST_F(Move, ARefusedMoveLeavesTheOldDestinationDeleted) {
   EXPECT_NE(fileSystem._nodeForPath("/a.txt"), nullptr);
 }
 
+// The source is not asked for again: where somebody else has removed it, the destination is gone by the time
+// that the server says so.
+TEST_F(Move, ASourceThatHasVanishedCostsTheDestination) {
+  server.removeItem("/home/u/a.txt");
+  EXPECT_FALSE(move("/a.txt", "/b.txt"));
+  EXPECT_EQ(code(), kEACCES);
+  EXPECT_EQ(underlyingCode(), kQuarnKitNoSuchItem);
+  EXPECT_THAT(serverCalls(), ElementsAre("deleteItemAtPath /home/u/b.txt 0",
+                                         "moveItemFromPath /home/u/a.txt 0 /home/u/b.txt"));
+  EXPECT_FALSE(server.exists("/home/u/b.txt"));
+}
+
 TEST_F(Move, AFolderOntoAFileIsRefusedAndOnlyTheLogSaysWhy) {
   RecordedLog log;
   const TracingOn tracing;
