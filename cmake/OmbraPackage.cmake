@@ -12,7 +12,11 @@ WebDAV and S3.
 Listings are remembered, files are readable as soon as their first bytes have
 arrived, and a program that closes or syncs a file is told whether the server
 has it.")
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# The user unit names the command by its path, so the installation must know the prefix that the package has.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
+# What is packed has been built before; the tests need not have been.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON CACHE INTERNAL "")
 set(CPACK_STRIP_FILES ON)
 
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)

@@ -102,6 +102,7 @@ class Tree(unittest.TestCase):
             "share/fish/vendor_completions.d/ombra.fish",
             "share/man/man1/ombra.1.gz",
             "share/man/man8/mount.ombra.8.gz",
+            "share/man/man8/mount.fuse.ombra.8.gz",
             "share/doc/ombra/changelog.gz",
             "share/doc/ombra/copyright",
         }
@@ -127,7 +128,7 @@ class Tree(unittest.TestCase):
     def test_documents_can_be_read_by_all(self):
         for folder, _, names in os.walk(PREFIX + "/share"):
             for name in names:
-                self.assertEqual(os.lstat(os.path.join(folder, name)).st_mode & 0o777, 0o644, name)
+                self.assertEqual(os.stat(os.path.join(folder, name)).st_mode & 0o777, 0o644, name)
 
     def test_the_other_type_of_mount_is_the_same_program(self):
         self.assertEqual(os.readlink(PREFIX + "/sbin/mount.fuse.ombra"), "mount.ombra")
@@ -152,6 +153,8 @@ class ManPages(unittest.TestCase):
         cls.pages = {}
         for section in ["man1", "man8"]:
             for name in os.listdir(f"{PREFIX}/share/man/{section}"):
+                if os.path.islink(f"{PREFIX}/share/man/{section}/{name}"):
+                    continue
                 path = f"{cls.folder}/{name[:-3]}"
                 with gzip.open(f"{PREFIX}/share/man/{section}/{name}", "rt") as page, open(path, "w") as plain:
                     cls.pages[name[:-3]] = page.read()
@@ -437,8 +440,8 @@ class MountHelper(unittest.TestCase):
         self.assertEqual(self.check("rw", "/Volumes/NAS//").returncode, 0)
 
 
-class Mounting(unittest.TestCase):
-    """The installed command and mount helper with a real mount of a folder of this machine."""
+class MountTest(unittest.TestCase):
+    """What tests share that mount a folder of this machine."""
 
     def setUp(self):
         require_root(self)
@@ -460,16 +463,17 @@ class Mounting(unittest.TestCase):
             os.kill(int(number.read()), signal.SIGTERM)
 
     def unmount(self):
-        self.ombra("unmount", "--all")
-        subprocess.run(["umount", "-l", self.path], stderr=subprocess.DEVNULL)
+        if self.mounts():  # only this one: other tests may be running
+            self.ombra("unmount", self.name)
+            subprocess.run(["umount", "-l", self.path], stderr=subprocess.DEVNULL)
         with contextlib.suppress(FileNotFoundError):
             os.rmdir(self.path)
 
-    def run_program(self, *words):
+    def run_program(self, *words, user=None):
         # Through files: the message bus that the first command starts inherits what it is given.
         with tempfile.TemporaryFile("w+") as out, tempfile.TemporaryFile("w+") as err:
             code = subprocess.run([PREFIX + "/" + words[0], *words[1:]], env=self.environment, stdin=subprocess.DEVNULL,
-                                  stdout=out, stderr=err).returncode
+                                  stdout=out, stderr=err, user=user, group=user).returncode
             out.seek(0)
             err.seek(0)
             return code, out.read(), err.read()
@@ -480,15 +484,22 @@ class Mounting(unittest.TestCase):
     def url(self):
         return f"file://{self.home}/shared"
 
-    def assert_mounted(self, options, below=0):
+    def mounts(self):
         with open("/proc/self/mounts") as table:
             lines = [line.split() for line in table]
-        mine = [line for line in lines if line[1].replace("\\040", " ") == self.path]
+        return [line for line in lines if line[1].replace("\\040", " ") == self.path]
+
+    def assert_mounted(self, options, below=0):
+        mine = self.mounts()
         self.assertEqual(len(mine), 1 + below, mine)
         for option in options:
             self.assertIn(option, mine[-1][3].split(","))
         with open(self.path + "/hello.txt") as file:
             self.assertEqual(file.read(), "hello\n")
+
+
+class Mounting(MountTest):
+    """The installed command and mount helper with a real mount."""
 
     def test_the_command_finds_its_helper_in_the_installed_tree(self):
         self.assertEqual(self.ombra("mount", "--name", self.name, self.url()), (0, self.path + "\n", ""))
@@ -571,6 +582,61 @@ class Mounting(unittest.TestCase):
         self.assertEqual((code, out), (32, ""))
         self.assertIn("/nonexistent/folder", err)
         self.assertFalse(os.path.exists(self.path))
+
+
+class Repair(MountTest):
+    """The helper looks after its bundle before it mounts: in the installed tree, whose parts are put back afterwards."""
+
+    LOADER = property(lambda self: f"{PREFIX}/{COMPONENTS}/load_drelfs")
+    EXTENSION = property(lambda self: f"{PREFIX}/{COMPONENTS}/ombradiskfs.kext")
+
+    def setUp(self):
+        super().setUp()
+        self.addCleanup(self.put_back)
+
+    def put_back(self):
+        if os.path.exists(self.LOADER + ".away"):
+            os.rename(self.LOADER + ".away", self.LOADER)
+        for path in [self.EXTENSION, self.LOADER]:
+            os.chown(path, 0, 0)
+        os.chmod(self.EXTENSION, 0o755)
+        os.chmod(self.LOADER, 0o4755)
+
+    def state(self):
+        return [(os.stat(path).st_uid, os.stat(path).st_gid, stat.S_IMODE(os.stat(path).st_mode))
+                for path in [self.EXTENSION, self.LOADER]]
+
+    def mount(self):
+        return self.ombra("mount", "--name", self.name, self.url())
+
+    def test_a_bundle_that_lost_its_rights_is_repaired(self):
+        os.chown(self.EXTENSION, 65534, 0)
+        os.chmod(self.EXTENSION, 0o777)
+        os.chown(self.LOADER, 0, 65534)  # which takes the set-user-ID bit away
+        self.assertEqual(self.mount(), (0, self.path + "\n", ""))
+        self.assertEqual(self.state(), [(0, 0, 0o755), (0, 0, 0o4755)])
+
+    def test_an_extension_that_others_may_write_is_left_as_it_is(self):
+        os.chmod(self.EXTENSION, 0o777)
+        self.assertEqual(self.mount()[0], 0)
+        self.assertEqual(self.state(), [(0, 0, 0o777), (0, 0, 0o4755)])
+
+    def test_a_missing_part_is_told_with_what_to_do(self):
+        os.rename(self.LOADER, self.LOADER + ".away")
+        code, out, err = self.mount()
+        self.assertEqual((code, out), (6, ""))
+        self.assertIn(f"A part of the program is missing: {self.LOADER}", err)
+        self.assertIn("Install the program again.", err)
+
+    def test_somebody_without_rights_is_told_what_root_has_to_do(self):
+        os.chmod(self.LOADER, 0o755)
+        for folder in [self.home, self.home + "/t"]:
+            os.chown(folder, 65534, 65534)
+        code, out, err = self.run_program("bin/ombra", "mount", "--name", self.name, self.url(), user=65534)
+        self.assertEqual((code, out), (6, ""))
+        self.assertIn("could not be run with administrator rights", err)
+        self.assertIn(f"run as root: /usr/bin/chown -h -R -P -- root:0 {self.EXTENSION}", err)
+        self.assertEqual(self.state()[1], (0, 0, 0o755))
 
 
 def message_of(manager, process):
