@@ -146,18 +146,21 @@ bool makePrivateVolumesFolder(const std::string& folder) {
          0;
 }
 
+// The folder of volumes is everybody's, and the path is what a program of the user says: no link is followed.
 bool setAttributes(const std::string& path, uint64_t attributes) {
   mount_attr change{};
   change.attr_set = attributes;
   if ((attributes & MOUNT_ATTR_NOATIME) != 0) change.attr_clr = MOUNT_ATTR__ATIME;
-  return attributes == 0 || ::mount_setattr(AT_FDCWD, path.c_str(), 0, &change, sizeof change) == 0;
+  return attributes == 0 ||
+         ::mount_setattr(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, &change, sizeof change) == 0;
 }
 
 // The volume at `path` without a place; negative on failure.
 int takeVolume(const std::string& path, uint64_t attributes) {
-  const int tree = setAttributes(path, attributes)
-                       ? ::open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC)
-                       : -1;
+  const int tree =
+      setAttributes(path, attributes)
+          ? ::open_tree(AT_FDCWD, path.c_str(), OPEN_TREE_CLONE | OPEN_TREE_CLOEXEC | AT_SYMLINK_NOFOLLOW)
+          : -1;
   const int saved = errno;
   ::umount2(path.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW);
   errno = saved;
@@ -183,10 +186,14 @@ MountStatus mountInPrivate(const MountHelperOptions& options, const MountUser& u
   std::string path;
   const MountStatus status = runCommand(mountWords(options, command), user, &path);
   if (status != kMountDone) return status;
+  if (path != options.mountPoint) {
+    std::string ignored;
+    runCommand({command, "unmount", "--", path}, user, &ignored);
+    return refuseOtherName(path);
+  }
   const int tree = takeVolume(path, options.attributes);
   if (tree < 0)
     return fail(fmt::format("The volume cannot be moved to “{}”: {}", options.mountPoint, reason()));
-  if (path != options.mountPoint) return refuseOtherName(path);
   char byte = 0;
   if (::write(tell, &tree, sizeof tree) != sizeof tree || ::read(taken, &byte, 1) < 0) return kMountSystem;
   return kMountDone;

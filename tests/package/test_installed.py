@@ -577,6 +577,16 @@ class Mounting(MountTest):
         with open(self.home + "/shared/new.txt") as file:
             self.assertEqual(file.read(), "new\n")
 
+    def test_a_mount_point_that_volumes_write_in_another_way_is_refused(self):
+        # One letter and its dots in one character; volumes have two.
+        composed = self.path + " \u00fc"
+        code, out, err = self.run_program("sbin/mount.ombra", self.url(), composed)
+        self.assertEqual((code, out), (1, ""))
+        self.assertIn("u\u0308", err)
+        self.path += " u\u0308"
+        self.assertEqual(self.mounts(), [])
+        self.assertFalse(os.path.exists(composed))
+
     def test_what_the_command_refuses_is_told_and_nothing_is_mounted(self):
         code, out, err = self.run_program("sbin/mount.ombra", "file:///nonexistent/folder", self.path)
         self.assertEqual((code, out), (32, ""))
