@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <thread>
 
 #include "platform/userfs/FuseModule.h"
 #include "tests/userfs/MountFixture.h"
@@ -297,6 +298,26 @@ TEST_F(RedirectMount, AFolderThatIsNotEmptyOnTheServerKeepsItsLitter) {
   write("/a/.DS_Store", "x");
   EXPECT_EQ(errnoOf([&] { return rmdir(at("/a").c_str()); }), ENOTEMPTY);
   EXPECT_EQ(read("/a/.DS_Store"), "x");
+}
+
+TEST_F(RedirectMount, ReadersThatWaitForTheServerKeepNobodyFromAnything) {
+  constexpr size_t kReaders = 50;
+  iFiles.addFile("/other", "x");
+  for (size_t index = 0; index < kReaders; ++index) iFiles.addFile("/big" + std::to_string(index), "content");
+  mountRedirected();
+  iFiles.hold("open");
+  std::vector<std::thread> readers;
+  for (size_t index = 0; index < kReaders; ++index) {
+    readers.emplace_back([path = at("/big" + std::to_string(index))] { contentOfFile(path); });
+  }
+  iFiles.waitUntilHeld(kReaders);
+  write("/.DS_Store", "litter");
+  EXPECT_EQ(read("/.DS_Store"), "litter");
+  struct stat status {};
+  EXPECT_EQ(stat(at("/other").c_str(), &status), 0);
+  EXPECT_EQ(namesIn(mountPath()).size(), kReaders + 2);
+  iFiles.letGo("open");
+  for (std::thread& reader : readers) reader.join();
 }
 
 TEST_F(RedirectMount, TrashIsNoLitterAndRefusedAsEver) {
