@@ -489,11 +489,14 @@ class MountTest(unittest.TestCase):
             lines = [line.split() for line in table]
         return [line for line in lines if line[1].replace("\\040", " ") == self.path]
 
-    def assert_mounted(self, options, below=0):
+    def assert_mounted(self, options, below=0, kind="fuse.ombrafs"):
         mine = self.mounts()
         self.assertEqual(len(mine), 1 + below, mine)
         for option in options:
             self.assertIn(option, mine[-1][3].split(","))
+        self.assertEqual(mine[-1][2], kind)
+        if kind == "autofs":
+            return  # looking at it would set it off
         with open(self.path + "/hello.txt") as file:
             self.assertEqual(file.read(), "hello\n")
 
@@ -546,18 +549,27 @@ class Mounting(MountTest):
         subprocess.run(["umount", self.path], check=True)
         self.assertTrue(select_readable(process, 20), "the helper did not end")
 
-    def test_the_mount_helper_mounts_over_what_waits_there(self):
-        # As the automount of systemd does, which cannot be removed; a memory file system stands in for it.
+    def test_the_mount_helper_mounts_over_an_automount_that_waits_there(self):
         os.mkdir(self.path)
-        subprocess.run(["mount", "-t", "tmpfs", "none", self.path], check=True)
-        self.assertEqual(self.run_program("sbin/mount.ombra", self.url(), self.path, "-o", "ro"), (0, "", ""))
+        words = [PREFIX + "/sbin/mount.ombra", self.url(), self.path, "-o", "ro"]
+        with open(self.home + "/automounter", "w") as errors:
+            automounter = subprocess.Popen([sys.executable, SOURCE + "/tests/package/automounter.py", self.path, *words],
+                                           env=self.environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                           stderr=errors, text=True)
+        self.addCleanup(automounter.communicate)
+        self.assertEqual(automounter.stdout.readline(), "ready\n")
+        self.assert_mounted(["rw"], 0, "autofs")
+        with open(self.path + "/hello.txt") as file:  # waits until the volume is there
+            self.assertEqual(file.read(), "hello\n")
         self.assert_mounted(["ro"], below=1)
-        helper = [v["pid"] for v in json.loads(self.ombra("list", "--json")[1])["volumes"] if v["mountPath"] == self.path]
-        process = os.pidfd_open(helper[0])
+        volumes = json.loads(self.ombra("list", "--json")[1])["volumes"]
+        process = os.pidfd_open([v["pid"] for v in volumes if v["mountPath"] == self.path][0])
         subprocess.run(["umount", self.path], check=True)
         self.assertTrue(select_readable(process, 20), "the helper did not end")
+        os.close(process)
+        automounter.communicate()
+        self.assertEqual(self.mounts(), [])
         self.assertEqual(os.listdir(self.path), [])
-        subprocess.run(["umount", self.path], check=True)
 
     def test_the_mount_helper_removes_no_folder_that_holds_something(self):
         os.mkdir(self.path)
