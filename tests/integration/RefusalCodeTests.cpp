@@ -48,7 +48,9 @@ class RefusalCode : public VolumeTest {
     ASSERT_EQ(made.status, 0) << made.errors;
   }
   void TearDown() override {
-    if (isServerMounted) EXPECT_EQ(umount2(folder().c_str(), MNT_DETACH), 0) << strerror(errno);
+    if (isServerMounted) {
+      EXPECT_EQ(umount2(folder().c_str(), MNT_DETACH), 0) << strerror(errno);
+    }
     VolumeTest::TearDown();
   }
   std::string folder() const { return data() + "/folder"; }
