@@ -49,7 +49,7 @@ def parse(arguments):
     parser = argparse.ArgumentParser(prog="bench/compare", description=__doc__, epilog=EXAMPLES,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     add = parser.add_argument
-    add("--quick", action="store_true", help="small data, and no run begins after 5 minutes")
+    add("--quick", action="store_true", help="small data, and nothing begins after 5 minutes")
     add("--smoke", action="store_true", help="tiny data and one run: whether everything works, not how fast")
     add("--full", action="store_true", help="S3 on Ceph's gateway instead of s3rver")
     add("--only", metavar="WORK,...", type=names(tuple(WORKS)), help=", ".join(WORKS))
@@ -75,7 +75,7 @@ def settle(parser, options):
     small = options.quick or options.smoke
     options.runs = options.runs or (1 if options.smoke else 3 if options.quick or options.delay else 5)
     options.timeout = options.timeout or (60 if small else 1200 if options.delay else 300)
-    options.budget = 210 if options.quick else None
+    options.budget = 280 if options.quick else None
     options.sizes = content.TINY if options.smoke else content.QUICK if options.quick else content.Sizes()
     if options.delay and not small:
         # What takes a round trip or more for each file would take hours.
