@@ -25,6 +25,8 @@ pid_t start(const std::vector<std::string>& arguments, int outputEnd) {
   posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, outputEnd, 1);
   posix_spawn_file_actions_adddup2(&actions, outputEnd, 2);
+  // Some of them go on by themselves, and must not hold what this process was started with: a lock, a pipe.
+  posix_spawn_file_actions_addclosefrom_np(&actions, 3);
   pid_t child = -1;
   if (posix_spawnp(&child, arguments.front().c_str(), &actions, nullptr, argumentPointers(arguments).data(),
                    environ) != 0) {
