@@ -153,6 +153,34 @@ TEST_F(Helper, LeavesItsLogsAndNoCache) {
   EXPECT_TRUE(std::filesystem::is_empty(folder.path("data/ombrafs/OmbraDiskCache")));
 }
 
+// A line for each request and each reply, of which one moves at least 32 KiB: a hundredth of what is moved.
+TEST_F(Helper, TheTranscriptGrowsWithTheConversationAndHoldsNoContent) {
+  constexpr size_t kMoved = size_t{2} << 20;
+  auto credentials = testCredentials();
+  credentials->setOption("sftpServer", "/usr/lib/openssh/sftp-server");
+  credentials->setInitialPath(folder.path("server"));
+  std::string content;
+  while (content.size() < kMoved) content += "The content of a file, line by line.\n";
+  writeTestFile(folder.path("server/large.txt"), content);
+  const auto helper = start(credentials);
+  ASSERT_EQ(client.next().name, "OFSDidMount");
+  EXPECT_EQ(readTestFile(workPath() + "/large.txt"), content);
+  writeTestFile(workPath() + "/copy.txt", content);
+  helper->signal(SIGTERM);
+  EXPECT_EQ(helper->end(), "exit 0");
+  EXPECT_EQ(readTestFile(folder.path("server/copy.txt")), content);
+  const std::string transcript =
+      readTestFile(folder.path("state/ombrafs/OmbraFSHelperLogs/" + logNames().at(1)));
+  EXPECT_THAT(transcript, HasSubstr("large.txt"));
+  EXPECT_THAT(transcript, HasSubstr("copy.txt"));
+  EXPECT_EQ(transcript.find("The content of a file"), std::string::npos);
+  const size_t allowed = 2 * kMoved / 100 + (size_t{16} << 10);
+  EXPECT_LT(transcript.size(), allowed);
+  const size_t lines = static_cast<size_t>(std::count(transcript.begin(), transcript.end(), '\n'));
+  EXPECT_LT(lines, 2 * 2 * kMoved / (32 << 10) + 200);
+  EXPECT_LT(transcript.size(), lines * 200) << "and no line is long";
+}
+
 TEST_F(Helper, WhatIsWrittenReachesTheServerBeforeTheEnd) {
   const auto helper = start(localCredentials());
   client.next();
