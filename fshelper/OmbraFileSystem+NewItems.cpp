@@ -62,7 +62,7 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::showNewItem(
 std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::showNewFile(
     const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view path) {
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
-  StAbstractConnection connection(pool.get(), nullptr);
+  StAbstractConnection connection(pool.get(), this);
   if (!keepsCase(connection, *parent, path)) return nullptr;
   const auto node = std::make_shared<KCRemoteFileNode>(remotePathForPath(path), credentials());
   node->setType(kNodeTypeFile);

@@ -1,6 +1,7 @@
 // When connections are taken, and what the pool and the threads keep of that.
 #include <functional>
 #include <latch>
+#include <set>
 #include <thread>
 
 #include "fshelper/StAbstractConnection.h"
@@ -35,6 +36,45 @@ TEST_F(ConnectionUse, LookUpsInFreshListingsTakeNoConnection) {
   EXPECT_EQ(fileSystem.nodeForPath("/docs/missing"), nullptr);
   EXPECT_TRUE(fileSystem.attributesOfItemAtPath("/docs/a.txt", nullptr, &error).has_value());
   EXPECT_THAT(server.callTexts(), IsEmpty());
+}
+
+TEST_F(ConnectionUse, OperationsOfTheFileSystemHaveItAsTheirConnectionsDelegate) {
+  server.setKeepsNamesOfNewItems(true);
+  list("/docs");
+  std::set<std::string> asked;
+  server.setObserver([&](const ScriptedCall& call) {
+    const AbstractConnection* const current = StAbstractConnection::currentConnection();
+    if (current == nullptr || call.connection == 0 || call.name == "setDelegate") return;
+    EXPECT_EQ(current->delegate(), &fileSystem) << call.text();
+    asked.insert(call.name);
+  });
+  makeStale("/");
+  list("/");
+  fileSystem.attributesOfFileSystemForPath("/", nullptr);
+  EXPECT_TRUE(fileSystem.createDirectoryAtPath("/docs/new", {}, nullptr));
+  EXPECT_TRUE(fileSystem.setAttributes(withMode(0700), "/docs/new", nullptr, nullptr));
+  EXPECT_TRUE(fileSystem.createSymbolicLinkAtPath("/link", "docs", nullptr));
+  EXPECT_TRUE(fileSystem.moveItemAtPath("/docs/new", "/docs/moved", nullptr));
+  EXPECT_TRUE(fileSystem.removeItemAtPath("/docs/moved", nullptr));
+  EXPECT_THAT(asked,
+              ::testing::IsSupersetOf({"contentsAtPath", "fileSystemAttributesAtPath", "createFolderAtPath",
+                                       "attributesOfItemAtPath", "changeAttributes",
+                                       "createSymbolicLinkAtPath", "moveItemFromPath", "deleteItemAtPath"}));
+}
+
+TEST_F(ConnectionUse, AlsoTheLookAfterANewFileHasTheFileSystemAsDelegate) {
+  server.setKeepsNamesOfNewItems(true);
+  list("/docs");
+  server.clearCalls();
+  const ConnectionDelegate* delegate = nullptr;
+  server.setObserver([&](const ScriptedCall& call) {
+    if (call.text() == "attributesOfItemAtPath /docs/NEW") {
+      delegate = StAbstractConnection::currentConnection()->delegate();
+    }
+  });
+  GMUserData file;
+  ASSERT_TRUE(fileSystem.createFileAtPath("/docs/new", {}, &file, &error));
+  EXPECT_EQ(delegate, &fileSystem);
 }
 
 // Only holders fill it.
