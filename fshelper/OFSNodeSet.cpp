@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <bit>
 
-#include "platform/foundation/KCStringAdditions.h"
-
 namespace ombra {
 
 namespace {
@@ -37,13 +35,6 @@ size_t OFSNodeSet::slotOf(size_t hash, Equal&& equal) const {
     slot = (slot + 1) & mask;
   }
   return slot;
-}
-
-OFSNodeSet::Node OFSNodeSet::member(std::string_view displayName) const {
-  if (iMembers.empty()) return nullptr;
-  const size_t slot = slotOf(canonicalHash(displayName),
-                             [displayName](const KCNode& node) { return node.isNamed(displayName); });
-  return iSlots[slot] == kEmpty ? nullptr : iMembers[iSlots[slot] - 1];
 }
 
 OFSNodeSet::Node OFSNodeSet::member(const KCNode& node) const {

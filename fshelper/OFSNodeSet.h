@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <string_view>
 #include <vector>
 
 #include "remote/KCNode.h"
@@ -25,9 +24,7 @@ class OFSNodeSet {
  public:
   using Node = std::shared_ptr<KCRemoteFileNode>;
 
-  // The member of that display name in any Unicode form; null when there is none.
-  Node member(std::string_view displayName) const;
-  // The member equal to `node`, or null.
+  // The member equal to `node`, or null. Look-ups by a name ask with an OFSComparisonNode.
   Node member(const KCNode& node) const;
   // Adds `node` unless an equal member is there, which then stays.
   void add(Node node);

@@ -22,11 +22,11 @@ std::string_view nextComponent(std::string_view& path) {
   return component;
 }
 
-// The child of that name, under the folder's lock.
-std::shared_ptr<KCRemoteFileNode> childOf(const KCRemoteFileNode& folder, std::string_view name) {
+// The child that is equal to `key`, found under the folder's lock.
+std::shared_ptr<KCRemoteFileNode> childOf(const KCRemoteFileNode& folder, const OFSComparisonNode& key) {
   RecursiveMutexLock lock(folder.objectLock());
   const std::shared_ptr<OFSNodeSet> contents = ofs_contentsSet(folder);
-  return contents == nullptr ? nullptr : contents->member(name);
+  return contents == nullptr ? nullptr : contents->member(key);
 }
 
 }  // namespace
@@ -43,7 +43,7 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::_nodeForPath(std::string_view
   std::string_view rest = path;
   for (std::string_view name = nextComponent(rest); node != nullptr && !name.empty();
        name = nextComponent(rest)) {
-    node = childOf(*node, name);
+    node = childOf(*node, *_comparisonNodeWithDisplayName(name));
   }
   return node;
 }
@@ -54,7 +54,8 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::nodeForPath(std::string_view 
   if (node != nullptr || path == "/" || path.empty()) return node;
   // A parent that is not known itself is listed in turn, up to a folder that is.
   const std::string parent = stringByDeletingLastPathComponent(path);
-  if (contentsOfDirectoryAtPath(parent, nullptr)) node = _nodeForPath(path);
+  // Its names are of no interest: each look-up of what is not there would cost the more the more is in it.
+  if (listFolder(parent, nullptr, NameForm::kNone)) node = _nodeForPath(path);
   if (node == nullptr) OFS_TRACE_MESSAGE("path={}", path);
   return node;
 }

@@ -19,7 +19,7 @@ OFSNodeSet::Node makeNode(std::string_view name) {
 TEST(NodeSet, IsEmptyAtFirst) {
   const auto set = KCCreateNodeByDisplayNameMutableSet();
   EXPECT_TRUE(set->empty());
-  EXPECT_EQ(set->member("a"), nullptr);
+  EXPECT_EQ(set->member(OFSComparisonNode("a")), nullptr);
   EXPECT_EQ(set->remove(*makeNode("a")), nullptr);
 }
 
@@ -27,8 +27,8 @@ TEST(NodeSet, FindsAMemberByName) {
   OFSNodeSet set;
   const auto node = makeNode("a.txt");
   set.add(node);
-  EXPECT_EQ(set.member("a.txt"), node);
-  EXPECT_EQ(set.member("A.txt"), nullptr);
+  EXPECT_EQ(set.member(OFSComparisonNode("a.txt")), node);
+  EXPECT_EQ(set.member(OFSComparisonNode("A.txt")), nullptr);
 }
 
 TEST(NodeSet, FindsAMemberByAComparisonNode) {
@@ -49,10 +49,10 @@ TEST(NodeSet, NodesAreEqualByCanonicalFormAndCase) {
 TEST(NodeSet, FindsEitherUnicodeFormByTheOther) {
   OFSNodeSet composed;
   composed.add(makeNode(kComposed));
-  EXPECT_NE(composed.member(kDecomposed), nullptr);
+  EXPECT_NE(composed.member(OFSComparisonNode(std::string(kDecomposed))), nullptr);
   OFSNodeSet decomposed;
   decomposed.add(makeNode(kDecomposed));
-  EXPECT_NE(decomposed.member(kComposed), nullptr);
+  EXPECT_NE(decomposed.member(OFSComparisonNode(std::string(kComposed))), nullptr);
 }
 
 TEST(NodeSet, KeepsTheFirstOfTwoEqualNodes) {
@@ -61,7 +61,7 @@ TEST(NodeSet, KeepsTheFirstOfTwoEqualNodes) {
   set.add(first);
   set.add(makeNode(kDecomposed));
   EXPECT_EQ(set.count(), 1u);
-  EXPECT_EQ(set.member(kDecomposed), first);
+  EXPECT_EQ(set.member(OFSComparisonNode(std::string(kDecomposed))), first);
 }
 
 TEST(NodeSet, IteratesInTheOrderOfAddition) {
@@ -79,8 +79,8 @@ TEST(NodeSet, RemovesTheEqualMember) {
   set.add(a);
   set.add(b);
   EXPECT_EQ(set.remove(OFSComparisonNode("a")), a);
-  EXPECT_EQ(set.member("a"), nullptr);
-  EXPECT_EQ(set.member("b"), b);
+  EXPECT_EQ(set.member(OFSComparisonNode("a")), nullptr);
+  EXPECT_EQ(set.member(OFSComparisonNode("b")), b);
   EXPECT_EQ(set.count(), 1u);
 }
 
@@ -103,7 +103,7 @@ TEST(NodeSet, AgreesWithAMapUnderManyChanges) {
     }
   }
   ASSERT_EQ(set.count(), expected.size());
-  for (const auto& [name, node] : expected) ASSERT_EQ(set.member(name), node) << name;
+  for (const auto& [name, node] : expected) ASSERT_EQ(set.member(OFSComparisonNode(name)), node) << name;
 }
 
 TEST(ComparisonNode, CarriesNothingButItsDisplayName) {

@@ -159,6 +159,21 @@ TEST_F(NodeTree, ForgettingVisitsTheSubtreeAndChangesNothing) {
   EXPECT_NE(fileSystem._nodeForPath("/a/b/c.txt"), nullptr);
 }
 
+TEST_F(NodeTree, EachStepOfALookUpHasItsComparisonNode) {
+  server.addFile("/a/b.txt", "b");
+  connect();
+  fileSystem.nodeForPath("/a/b.txt");
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    EXPECT_NE(fileSystem._nodeForPath("/a//b.txt"), nullptr);
+    EXPECT_NE(fileSystem._nodeForPath("/"), nullptr);
+  }
+  EXPECT_THAT(log.linesWith("{ -[OmbraFileSystem _comparisonNodeWithDisplayName:]"),
+              ElementsAre(" { -[OmbraFileSystem _comparisonNodeWithDisplayName:] a",
+                          " { -[OmbraFileSystem _comparisonNodeWithDisplayName:] b.txt"));
+}
+
 TEST_F(NodeTree, TheComparisonNodeCarriesTheName) {
   EXPECT_EQ(fileSystem._comparisonNodeWithDisplayName("x")->displayName(), "x");
 }
