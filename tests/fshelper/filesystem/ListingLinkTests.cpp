@@ -1,4 +1,6 @@
 // Links in listings: kept inside the volume, replaced by what they lead to outside.
+#include <set>
+
 #include "fshelper/StAbstractConnection.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
@@ -25,6 +27,12 @@ TEST_F(ListedLinks, AnAbsoluteLinkInsideStaysALinkAndKnowsItsLocalTarget) {
   server.addLink("/home/u/link", "/home/u/docs/a.txt");
   EXPECT_EQ(node("link")->type(), kNodeTypeAlias);
   EXPECT_EQ(resolved(*node("link")), "/docs/a.txt");
+}
+
+TEST_F(ListedLinks, ALinkToTheRootItselfIsInside) {
+  server.addLink("/home/u/link", "/home/u");
+  EXPECT_EQ(node("link")->type(), kNodeTypeAlias);
+  EXPECT_EQ(resolved(*node("link")), "/");
 }
 
 TEST_F(ListedLinks, ARelativeLinkInsideKeepsItsTextOnly) {
@@ -56,6 +64,17 @@ TEST_F(ListedLinks, ALinkThatCannotBeResolvedIsListedAsItIs) {
   EXPECT_THAT(list("/"), ElementsAre("link"));
 }
 
+TEST_F(ListedLinks, WhatFailsOfALinkDoesNotReachTheCaller) {
+  server.addFile("/etc/hosts", "hosts");
+  server.addLink("/home/u/one", "/etc/hosts");
+  server.addLink("/home/u/two", "/etc/hosts");
+  connectAt("/home/u");
+  server.fail("resolvePath", "/home/u/one", refusal());
+  server.failAlways("contentsAtPath", "/etc", refusal());
+  EXPECT_THAT(list("/"), ElementsAre("one", "two"));
+  EXPECT_EQ(error, nullptr);
+}
+
 TEST_F(ListedLinks, ALinkToAFolderOutsideIsAFolderWithTheLinksName) {
   server.addFile("/srv/share/x.txt", "x");
   server.addLink("/home/u/link", "/srv/share");
@@ -63,6 +82,25 @@ TEST_F(ListedLinks, ALinkToAFolderOutsideIsAFolderWithTheLinksName) {
   EXPECT_EQ(node("link")->displayName(), "link");
   EXPECT_EQ(node("link")->path(), "/srv/share");
   EXPECT_THAT(list("/"), ElementsAre("link"));
+}
+
+TEST_F(ListedLinks, AnItemOutsideStandsInTheFolderWithThePoolsCredentials) {
+  server.addFolder("/srv/share");
+  server.addFile("/etc/hosts", "hosts");
+  server.addLink("/home/u/folder", "/srv/share");
+  server.addLink("/home/u/file", "/etc/hosts");
+  for (const char* name : {"folder", "file"}) {
+    EXPECT_EQ(node(name)->parent(), fileSystem.rootNode()) << name;
+    EXPECT_EQ(node(name)->credentials(), server.credentials()) << name;
+  }
+}
+
+TEST_F(ListedLinks, OfAFolderOutsideNothingButTheLinkIsAskedFor) {
+  server.addFolder("/srv/share");
+  server.addLink("/home/u/link", "/srv/share");
+  server.setListedSize("/home/u/link", 4);
+  EXPECT_EQ(node("link")->size(), 4u);
+  EXPECT_EQ(server.count("contentsAtPath"), 1u);
 }
 
 TEST_F(ListedLinks, AFolderOutsideIsListedThroughTheLink) {
@@ -85,7 +123,29 @@ TEST_F(ListedLinks, ALinkToAFileOutsideTakesTheLinksOtherAttributes) {
   server.addFile("/etc/hosts", "hosts");
   server.addLink("/home/u/link", "/etc/hosts");
   server.setPermissions("/home/u/link", 0701);
+  server.setModificationDate("/home/u/link", NSDate::dateWithTimeIntervalSince1970(77));
   EXPECT_EQ(node("link")->permissions(), FilePermissions(0701));
+  EXPECT_EQ(node("link")->modificationDate(), NSDate::dateWithTimeIntervalSince1970(77));
+}
+
+TEST_F(ListedLinks, ATargetsSizeIsFoundByItsNameOnTheServer) {
+  server.credentials()->setEncoding("ISO-8859-1");
+  server.addFile("/etc/caf\xE9", "twelve bytes");
+  server.addLink("/home/u/link", "/etc/caf\xE9");
+  EXPECT_EQ(node("link")->size(), 12u);
+}
+
+TEST_F(ListedLinks, AllQuestionsOfAListingAreAskedOnOneConnection) {
+  server.addFile("/etc/hosts", "twelve bytes");
+  server.addLink("/home/u/link", "/etc/hosts");
+  connectAt("/home/u");
+  list("/");
+  std::set<int> connections;
+  for (const char* name : {"contentsAtPath", "resolvePath", "attributesOfItemAtPath"}) {
+    ASSERT_GT(server.count(name), 0u) << name;
+    for (const ScriptedCall& call : server.calls(name)) connections.insert(call.connection);
+  }
+  EXPECT_EQ(connections.size(), 1u);
 }
 
 TEST_F(ListedLinks, ALinkWhoseTargetsFolderCannotBeListedKeepsItsOwnSize) {
@@ -229,8 +289,26 @@ TEST_F(Resolution, WithoutAQuestionForExistenceTheAttributesAreNotAskedFor) {
 TEST_F(Resolution, AFailureIsAnInputOutputErrorOverTheLibrarysError) {
   server.fail("resolvePath", "/a", refusal(kQuarnKitPermissionDenied));
   EXPECT_EQ(resolve(*link("/a")), std::nullopt);
+  EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
   EXPECT_EQ(code(), kEIO);
   EXPECT_EQ(underlyingCode(), kQuarnKitPermissionDenied);
+}
+
+TEST_F(Resolution, AFailureWithoutALibraryErrorHasNoneBeneath) {
+  server.fail("resolvePath", "/a", nullptr);
+  EXPECT_EQ(resolve(*link("/a")), std::nullopt);
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(error->userInfo().count(), 0u);
+}
+
+TEST_F(Resolution, AFailureIsReported) {
+  server.fail("resolvePath", "/a", refusal());
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    EXPECT_EQ(resolve(*link("/a")), std::nullopt);
+  }
+  EXPECT_EQ(log.linesWith(": " + error->description()).size(), 1u);
 }
 
 TEST_F(Resolution, AnotherKindOfNodeFailsAConditionOnly) {

@@ -51,6 +51,23 @@ TEST_F(ListingRace, TheServerIsAskedOutsideTheFoldersLock) {
   EXPECT_TRUE(isFree);
 }
 
+// Who holds the folder's lock keeps nobody from finding its listing too old, nor from asking for the next.
+TEST_F(ListingRace, AListingIsFoundOldWithoutTheFoldersLock) {
+  connect();
+  list("/");
+  clock.advance(60);
+  server.clearCalls();
+  const std::shared_ptr<KCRemoteFolderNode> root = fileSystem.rootNode();
+  std::future<std::vector<std::string>> listing;
+  {
+    RecursiveMutexLock lock(root->objectLock());
+    listing = std::async(std::launch::async, [&] { return list("/"); });
+    EXPECT_TRUE(server.waitForCalls("contentsAtPath", 1));
+    EXPECT_EQ(ofs_property<NSDate>(*root, kOFSExpirationDate), clock.now());
+  }
+  listing.get();
+}
+
 // A removal holds a session while it waits for the lock; with the lock held, a resolution that has lost its
 // session would wait for that one.
 TEST_F(ListingRace, LinksAreResolvedOutsideTheFoldersLock) {

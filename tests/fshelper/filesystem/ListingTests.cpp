@@ -86,6 +86,19 @@ TEST_F(ListingTest, AFetchDatesTheListing) {
   EXPECT_EQ(ofs_property<NSDate>(*fileSystem.rootNode(), kOFSExpirationDate), clock.now());
 }
 
+TEST_F(ListingTest, AListingIsAsOldAsTheEndOfItsFetch) {
+  connect();
+  for (const bool succeeds : {true, false}) {
+    server.setContentsHandler([&](std::string_view, auto*, NSErrorRef*) {
+      clock.advance(20);
+      return succeeds;
+    });
+    fileSystem.contentsOfDirectoryAtPath("/", nullptr);
+    EXPECT_EQ(ofs_property<NSDate>(*fileSystem.rootNode(), kOFSExpirationDate), clock.now()) << succeeds;
+    makeStale("/");
+  }
+}
+
 // What other readers see while the fetch of one is under way.
 TEST_F(ListingTest, AnOldListingIsDatedAnewBeforeItsFetch) {
   connect();
@@ -124,6 +137,20 @@ TEST_F(ListingTest, AVanishedFileLeavesTheTree) {
   EXPECT_EQ(fileSystem.nodeForPath("/a.txt"), nullptr);
 }
 
+TEST_F(ListingTest, WhatVanishedIsVisitedAndWhatIsListedIsNot) {
+  connect();
+  list("/");
+  server.removeItem("/a.txt");
+  makeStale("/");
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    list("/");
+  }
+  EXPECT_THAT(log.linesWith("{ -[OmbraFileSystem _forgetNode:]"),
+              ElementsAre(::testing::EndsWith("_forgetNode:] /a.txt")));
+}
+
 TEST_F(ListingTest, AKnownFileKeepsItsNodeAndItsOldSize) {
   connect();
   const auto node = fileSystem.nodeForPath("/a.txt");
@@ -154,7 +181,28 @@ TEST_F(ListingTest, AFailureIsNoSuchItemOverTheLibrarysError) {
   EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
   EXPECT_EQ(code(), kENOENT);
   EXPECT_EQ(underlyingCode(), kQuarnKitConnectionLost);
+  EXPECT_NE(dynamic_cast<const QuarnKitError*>(error.get()), nullptr);
   EXPECT_EQ(server.heldConnections(), 0u);
+}
+
+TEST_F(ListingTest, AFailureIsReported) {
+  connect();
+  server.fail("contentsAtPath", "/", refusal());
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    fileSystem.contentsOfDirectoryAtPath("/", &error);
+  }
+  EXPECT_EQ(log.linesWith(": " + error->description()).size(), 1u);
+}
+
+TEST_F(ListingTest, AnExceptionGivesTheConnectionBack) {
+  connect();
+  server.setContentsHandler([](std::string_view, auto*, NSErrorRef*) -> bool { throw KCException("x"); });
+  EXPECT_THROW(fileSystem.contentsOfDirectoryAtPath("/", &error), KCException);
+  EXPECT_EQ(server.heldConnections(), 0u);
+  server.setContentsHandler({});
+  EXPECT_THAT(list("/"), ElementsAre("b.txt", "a.txt"));
 }
 
 TEST_F(ListingTest, AFailureWithoutALibraryErrorHasNoneBeneath) {

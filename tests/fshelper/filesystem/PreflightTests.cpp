@@ -36,6 +36,35 @@ TEST_F(Preflight, ALoggedInConnectionIsNotAskedToConnect) {
   EXPECT_EQ(server.count("connect"), 0u);
 }
 
+TEST_F(Preflight, TheFirstConnectionHasTheFileSystemAsItsDelegate) {
+  const std::shared_ptr<AbstractConnection> connection =
+      ofs_acquireConnectionForFileSystem(*server.pool(), fileSystem, &error);
+  ASSERT_NE(connection, nullptr);
+  EXPECT_EQ(connection->delegate(), &fileSystem);
+  EXPECT_EQ(server.heldConnections(), 1u);
+  server.pool()->releaseConnection(connection);
+}
+
+TEST_F(Preflight, TheRootHasThePoolsCredentials) {
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->credentials(), server.credentials());
+}
+
+TEST_F(Preflight, AnErrorBesideASuccessfulLoginDoesNotReachTheCaller) {
+  server.succeedWithError("connect", kAnyPath, refusal());
+  EXPECT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(error, nullptr);
+}
+
+// Nothing but the root decides whether the file system is connected.
+TEST_F(Preflight, WithARootAFailedLoginStillConnects) {
+  fileSystem.setRootNode(KCRemoteFolderNode::folderNodeWithPath("/kept", server.credentials()));
+  server.fail("connect", kAnyPath, refusal(kQuarnKitLoginFailed));
+  EXPECT_TRUE(fileSystem.preflight(&error));
+  EXPECT_TRUE(fileSystem.isConnected());
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/kept");
+}
+
 TEST_F(Preflight, WithoutAnInitialPathTheLoginFolderIsTheRoot) {
   ASSERT_TRUE(fileSystem.preflight(&error));
   EXPECT_EQ(fileSystem.rootNode()->path(), "/home/u");
@@ -107,6 +136,21 @@ TEST_F(Preflight, OnWebDAVAnInitialPathIsMeantFromTheServersRoot) {
   EXPECT_EQ(fileSystem.rootNode()->path(), "/dav");
 }
 
+TEST_F(Preflight, OnWebDAVATildeIsAnOrdinaryName) {
+  server.setIsWebDAV(true);
+  server.addFolder("/~u");
+  server.credentials()->setInitialPath("~u");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/~u");
+}
+
+TEST_F(Preflight, OnWebDAVAnEmptyInitialPathIsTheServersRoot) {
+  server.setIsWebDAV(true);
+  server.credentials()->setInitialPath("");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/");
+}
+
 TEST_F(Preflight, AnUnreachableInitialPathFailsWithTheLibrarysError) {
   server.credentials()->setInitialPath("/nowhere/at/all");
   EXPECT_FALSE(fileSystem.preflight(&error));
@@ -116,11 +160,23 @@ TEST_F(Preflight, AnUnreachableInitialPathFailsWithTheLibrarysError) {
   EXPECT_EQ(server.heldConnections(), 0u);
 }
 
+TEST_F(Preflight, AnUnreachableInitialPathFailsWithTheErrorOfTheSecondAttempt) {
+  const NSErrorRef first = refusal(kQuarnKitPermissionDenied);
+  const NSErrorRef second = refusal(kQuarnKitProtocolError);
+  server.credentials()->setInitialPath("/home/u/docs");
+  server.fail("changeDir", "/home/u/docs", first);
+  server.fail("changeDir", "/home/u", second);
+  EXPECT_FALSE(fileSystem.preflight(&error));
+  EXPECT_EQ(error, second);
+  EXPECT_EQ(server.count("pwd"), 0u);
+}
+
 TEST_F(Preflight, AFailedQuestionForTheFolderFailsWithTheLibrarysError) {
   server.credentials()->setInitialPath("docs");
   server.fail("pwd", kAnyPath, refusal(kQuarnKitProtocolError));
   EXPECT_FALSE(fileSystem.preflight(&error));
   EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitProtocolError));
+  EXPECT_EQ(fileSystem.rootNode(), nullptr);
   EXPECT_EQ(server.heldConnections(), 0u);
 }
 
@@ -167,12 +223,18 @@ TEST_F(Preflight, TrustsWhateverServerTheFrontEndHasAccepted) {
   server.pool()->releaseConnection(connection);
 }
 
-TEST_F(Preflight, TheObjectBeginsWithAMountDateAndTheUsualInterval) {
-  EXPECT_EQ(fileSystem.mountDate(), clock.now());
-  EXPECT_EQ(fileSystem.refreshInterval(), 60.0);
-  EXPECT_FALSE(fileSystem.isConnected());
-  EXPECT_EQ(fileSystem.mountError(), nullptr);
-  EXPECT_EQ(fileSystem.initialPath(), "");
+TEST_F(Preflight, TheObjectBeginsWithItsMountDateAndTheUsualIntervalAndNothingElse) {
+  const OmbraFileSystem fresh;
+  const NSDate made = clock.now();
+  clock.advance(5);
+  EXPECT_EQ(fresh.mountDate(), made);
+  EXPECT_EQ(fresh.refreshInterval(), 60.0);
+  EXPECT_FALSE(fresh.isConnected());
+  EXPECT_EQ(fresh.controller(), nullptr);
+  EXPECT_EQ(fresh.connectionPool(), nullptr);
+  EXPECT_EQ(fresh.rootNode(), nullptr);
+  EXPECT_EQ(fresh.mountError(), nullptr);
+  EXPECT_EQ(fresh.initialPath(), "");
 }
 
 TEST_F(Preflight, TheFileSystemReceivesThePoolsTranscript) {
@@ -203,6 +265,7 @@ TEST_F(WillMount, MovesTheRootDownToTheFirstFolderThatCanBeListed) {
   server.failAlways("contentsAtPath", "/", refusal(kQuarnKitListingNotPermitted));
   fileSystem.willMount();
   EXPECT_EQ(fileSystem.rootNode()->path(), "/a");
+  EXPECT_EQ(fileSystem.rootNode()->credentials(), server.credentials());
   EXPECT_EQ(fileSystem.initialPath(), "/b");
   EXPECT_THAT(list("/"), ElementsAre("b"));
 }
@@ -233,6 +296,29 @@ TEST_F(WillMount, AnotherFailureEndsTheDescentAtOnce) {
   EXPECT_EQ(fileSystem.rootNode()->path(), "/");
   EXPECT_EQ(fileSystem.initialPath(), "/a/b");
   EXPECT_TRUE(QuarnKitError::isCode(fileSystem.mountError()->underlyingError(), kQuarnKitConnectionLost));
+}
+
+TEST_F(WillMount, TheNumberOfARefusedListingInAnotherDomainIsAnotherFailure) {
+  prepare();
+  server.failAlways("contentsAtPath", "/",
+                    NSError::errorWithDomain(NSPOSIXErrorDomain, kQuarnKitListingNotPermitted));
+  fileSystem.willMount();
+  EXPECT_EQ(server.count("contentsAtPath"), 1u);
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/");
+}
+
+TEST_F(WillMount, AFailureWithoutALibraryErrorEndsTheDescentAndIsNotTracedAsASuccess) {
+  prepare();
+  server.failAlways("contentsAtPath", "/", nullptr);
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    fileSystem.willMount();
+  }
+  EXPECT_EQ(server.count("contentsAtPath"), 1u);
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/");
+  EXPECT_EQ(fileSystem.mountError()->code(), kENOENT);
+  EXPECT_THAT(log.linesWith("rootPath="), ::testing::IsEmpty());
 }
 
 // Its first component is taken for the root all the same.

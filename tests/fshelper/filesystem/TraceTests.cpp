@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "fshelper/OFSRemoteFile.h"
+#include "fshelper/StAbstractConnectionMissing.h"
 #include "platform/foundation/Gestalt.h"
 #include "platform/foundation/NSThread.h"
 #include "remote/KCTypes.h"
@@ -160,6 +161,19 @@ INSTANTIATE_TEST_SUITE_P(
                }},
         Traced{"-[OmbraFileSystem _comparisonNodeWithDisplayName:] a.txt",
                [](OmbraFileSystem& fs, const GMUserData&) { fs._comparisonNodeWithDisplayName("a.txt"); }},
+        Traced{"-[OmbraFileSystem connection:isWorthyTrust:] ",
+               [](OmbraFileSystem& fs, const GMUserData&) { fs.connection(missingConnection(), {}); }},
+        Traced{"-[KCConnectionPool(OFSAdditions) ofs_acquireConnectionForFileSystem:error:] ",
+               [](OmbraFileSystem& fs, const GMUserData&) {
+                 const auto pool = fs.connectionPool();
+                 pool->releaseConnection(ofs_acquireConnectionForFileSystem(*pool, fs, nullptr));
+               }},
+        Traced{"-[AbstractConnection(OFSAdditions) "
+               "ofs_resolvedPathForNode:isDirectory:targetExists:error:] /l",
+               [](OmbraFileSystem&, const GMUserData&) {
+                 const KCRemoteFileNode link("/l", nullptr);
+                 ofs_resolvedPathForNode(missingConnection(), link, nullptr, nullptr, nullptr);
+               }},
         Traced{"-[OmbraFileSystem fileSystemAttributesNeedUpdate:] 1",
                [](OmbraFileSystem& fs, const GMUserData&) { fs.fileSystemAttributesNeedUpdate(true); }},
         Traced{"-[OmbraFileSystem openTranscriptLogAtPath:] /proc/nowhere/x.log",
