@@ -196,14 +196,83 @@ TEST(PoolCalls, NamesWithNULNeverReachTheServer) {
   EXPECT_EQ(fake.engine->made, 0);
 }
 
-TEST(PoolCalls, AFailureAlwaysHasAReason) {
+struct AnyCall {
+  const char* name;
+  bool (*make)(AbstractConnection& connection, NSErrorRef* error);
+  bool isAboutLogin = false;  // fails with the login alone here
+};
+
+class Streaming final : public ConnectionDelegate {
+ public:
+  using ConnectionDelegate::connection;
+  bool connection(AbstractConnection&, const TrustQuestion&) override { return true; }
+};
+
+constexpr AnyCall kCalls[] = {
+    {"list",
+     [](AbstractConnection& c, NSErrorRef* e) {
+       Nodes nodes;
+       return c.contentsAtPath("/", &nodes, e);
+     }},
+    {"resolve",
+     [](AbstractConnection& c, NSErrorRef* e) { return c.resolvePath("/l", nullptr, nullptr, e); }},
+    {"createFolder", [](AbstractConnection& c, NSErrorRef* e) { return c.createFolderAtPath("/a", e); }},
+    {"createLink",
+     [](AbstractConnection& c, NSErrorRef* e) { return c.createSymbolicLinkAtPath("/a", "b", e); }},
+    {"move", [](AbstractConnection& c, NSErrorRef* e) { return c.moveItemFromPath("/a", false, "/b", e); }},
+    {"remove", [](AbstractConnection& c, NSErrorRef* e) { return c.deleteItemAtPath("/a", false, e); }},
+    {"attributes", [](AbstractConnection& c, NSErrorRef* e) { return c.changeAttributes({}, "/a", e); }},
+    {"download", [](AbstractConnection& c,
+                    NSErrorRef* e) { return c.downloadFileAtPath("/a", *temporaryFile(), 0, nullptr, e); }},
+    {"upload", [](AbstractConnection& c,
+                  NSErrorRef* e) { return c.uploadFileHandle(*temporaryFile(), "a", "/a", 0, nullptr, e); }},
+    {"uploadOfAPath", [](AbstractConnection& c,
+                         NSErrorRef* e) { return c.uploadFileAtPath("/dev/null", "/a", 0, nullptr, e); }},
+    {"stream",
+     [](AbstractConnection& c, NSErrorRef* e) {
+       Streaming handler;
+       return c.streamBytesWithFilename("a", "/a", handler, e);
+     }},
+    {"connect", [](AbstractConnection& c, NSErrorRef* e) { return c.connect(e); }, true},
+    {"changeDir", [](AbstractConnection& c, NSErrorRef* e) { return c.changeDir("/", e); }, true},
+    {"pwd", [](AbstractConnection& c, NSErrorRef* e) { return c.pwd(e).has_value(); }, true},
+    {"attributesOf",
+     [](AbstractConnection& c, NSErrorRef* e) {
+       return c.attributesOfItemAtPath("/a", nullptr, e).has_value();
+     },
+     true},
+    {"volume",
+     [](AbstractConnection& c, NSErrorRef* e) { return c.fileSystemAttributesAtPath("/", e).has_value(); },
+     true},
+};
+
+void expectReason(AbstractConnection& connection, const AnyCall& call, QuarnKitErrorCode code) {
+  NSErrorRef error;
+  EXPECT_FALSE(call.make(connection, &error)) << call.name;
+  EXPECT_TRUE(QuarnKitError::isCode(error, code)) << call.name;
+  EXPECT_FALSE(call.make(connection, nullptr)) << call.name;
+}
+
+TEST(PoolCalls, AFailureOfTheServerAlwaysHasAReason) {
   FakePool fake;
-  fake.engine->onChange = [](FakeSession&, const std::string&, NSErrorRef*) { return false; };
+  fake.engine->onList = [](auto&&...) { return false; };
+  fake.engine->onResolve = [](auto&&...) { return std::nullopt; };
+  fake.engine->onChange = [](auto&&...) { return false; };
+  fake.engine->onDownload = [](auto&&...) { return false; };
+  fake.engine->onUpload = [](auto&&...) { return false; };
+  fake.engine->onStream = [](auto&&...) { return false; };
   fake.with([](AbstractConnection& connection) {
-    NSErrorRef error;
-    EXPECT_FALSE(connection.createFolderAtPath("/a", &error));
-    EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitRefused));
-    EXPECT_FALSE(connection.createFolderAtPath("/a", nullptr));
+    for (const AnyCall& call : kCalls) {
+      if (!call.isAboutLogin) expectReason(connection, call, kQuarnKitRefused);
+    }
+  });
+}
+
+TEST(PoolCalls, AFailureOfTheLoginAlwaysHasAReason) {
+  FakePool fake;
+  fake.engine->onLogIn = [](auto&&...) { return false; };
+  fake.with([](AbstractConnection& connection) {
+    for (const AnyCall& call : kCalls) expectReason(connection, call, kQuarnKitLoginFailed);
   });
 }
 

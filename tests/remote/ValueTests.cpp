@@ -4,6 +4,7 @@
 #include <set>
 
 #include "remote/AbstractConnection.h"
+#include "remote/FilePermissions.h"
 #include "remote/KCTypes.h"
 #include "remote/KCUUID.h"
 #include "remote/QuarnKitError.h"
@@ -69,6 +70,15 @@ TEST(LibraryError, EveryCodeHasATextOfItsOwn) {
   }
   EXPECT_EQ(texts.size(), 4u + kQuarnKitReadOnly - kQuarnKitCouldNotResolveHost + 1u);
   EXPECT_FALSE(texts.contains(QuarnKitError::textForCode(QuarnKitErrorCode(4711))));
+}
+
+TEST(LibraryError, OfAnotherDomainIsOneOfTheLibrarysClass) {
+  const NSErrorRef error =
+      QuarnKitError::errorWithDomain(NSPOSIXErrorDomain, 2, {{"key", PropertyValue("value")}});
+  EXPECT_NE(dynamic_cast<const QuarnKitError*>(error.get()), nullptr);
+  EXPECT_EQ(error->domain(), NSPOSIXErrorDomain);
+  EXPECT_EQ(error->code(), 2);
+  EXPECT_EQ(error->userInfo().count(), 1u);
 }
 
 TEST(LibraryError, WrappingKeepsDomainCodeAndUserInfoAndNull) {
@@ -140,6 +150,8 @@ TEST(Protocol, OnlyS3IsAmazonS3) {
     EXPECT_FALSE(AbstractConnection::isS3(protocol));
   }
 }
+
+TEST(Permissions, KeepSixteenBits) { EXPECT_EQ(FilePermissions(0xFFFF).mode(), 0xFFFF); }
 
 TEST(NodeTypes, AreThreeDistinctCodes) {
   EXPECT_EQ((std::set<uint32_t>{kNodeTypeFile, kNodeTypeFolder, kNodeTypeAlias, 0}).size(), 4u);
