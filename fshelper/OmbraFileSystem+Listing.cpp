@@ -52,6 +52,7 @@ std::optional<std::vector<std::string>> OmbraFileSystem::cachedNames(const KCRem
   const std::shared_ptr<OFSNodeSet> contents = ofs_contentsSet(node);
   if (contents == nullptr) return std::nullopt;
   std::vector<std::string> names;
+  if (form == NameForm::kNone) return names;
   names.reserve(contents->count());
   for (const auto& child : *contents) {
     std::string name = child->displayName();

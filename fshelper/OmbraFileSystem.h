@@ -184,7 +184,8 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void connectionUUIDFlushTranscript(const KCUUID& uuid) override;
 
  private:
-  enum class NameForm : uint8_t { kDecomposed, kAsListed };
+  // kNone: the caller wants the tree to be up to date, and of a fresh listing no names.
+  enum class NameForm : uint8_t { kDecomposed, kAsListed, kNone };
   class Merge;
 
   std::shared_ptr<const KCCredentials> credentials() const;
