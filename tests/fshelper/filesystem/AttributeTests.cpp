@@ -88,7 +88,9 @@ TEST_F(ItemAttributes, AFileHasTypeSizeDatesModeAndNumber) {
 
 TEST_F(ItemAttributes, AFolderHasNoSize) {
   server.addFolder("/f");
+  server.setListedSize("/f", 4096);
   connect();
+  ASSERT_EQ(fileSystem.nodeForPath("/f")->size(), 4096u);
   EXPECT_EQ(attributes("/f").fileType, NSFileTypeValue::NSFileTypeDirectory);
   EXPECT_EQ(attributes("/f").fileSize, std::nullopt);
 }
@@ -117,6 +119,16 @@ TEST_F(ItemAttributes, WithoutADateTheMountDateIsShown) {
   EXPECT_EQ(attributes("/a").creationDate, std::nullopt);
 }
 
+TEST_F(ItemAttributes, AreThoseOfTheNodeWhateverTheHandle) {
+  server.addFile("/a", "abc");
+  server.addFile("/b", "longer");
+  connect();
+  const GMUserData other = open("/b");
+  EXPECT_EQ(fileSystem.attributesOfItemAtPath("/a", other, &error), attributes("/a"));
+  EXPECT_EQ(fileSystem.attributesOfItemAtPath("/nowhere", other, &error), std::nullopt);
+  EXPECT_EQ(code(), kENOENT);
+}
+
 TEST_F(ItemAttributes, AFolderIsAlwaysSearchableByItsOwner) {
   server.addFolder("/f");
   server.setPermissions("/f", 0644);
@@ -129,6 +141,23 @@ TEST_F(ItemAttributes, AFilesModeIsShownAsItIs) {
   server.setPermissions("/a", 0644);
   connect();
   EXPECT_EQ(modeOf("/a"), 0644);
+  fileSystem.nodeForPath("/a")->setPermissions(FilePermissions(0xFFFF));
+  EXPECT_EQ(modeOf("/a"), 0xFFFF);
+}
+
+TEST_F(ItemAttributes, ALinksModeIsShownAsItIs) {
+  server.addLink("/l", "a");
+  server.setPermissions("/l", 0644);
+  connect();
+  EXPECT_EQ(modeOf("/l"), 0644);
+}
+
+TEST_F(ItemAttributes, TheRootShowsItsOwnMode) {
+  connect();
+  fileSystem.rootNode()->setPermissions(FilePermissions(0750));
+  EXPECT_EQ(modeOf("/"), 0750);
+  fileSystem.rootNode()->setPermissions(std::nullopt);
+  EXPECT_EQ(modeOf("/"), 0775);
 }
 
 TEST_F(ItemAttributes, WithoutAModeAnItemShows0775) {
@@ -165,6 +194,18 @@ TEST(BucketList, ShowsReadAndSearchWhateverTheNodeSays) {
   fileSystem.rootNode()->setPermissions(FilePermissions(0700));
   EXPECT_EQ(fileSystem.attributesOfItemAtPath("/", nullptr, nullptr)->posixPermissions, 0555);
   EXPECT_EQ(fileSystem.attributesOfItemAtPath("/bucket", nullptr, nullptr)->posixPermissions, 0700);
+}
+
+TEST(BucketList, IsNotTheRootOfAVolumeThatIsOneBucket) {
+  ManualClock clock;
+  ScriptedServer server(kProtocolS3);
+  server.addFolder("/bucket");
+  server.setLoginPath("/bucket");
+  OmbraFileSystem fileSystem;
+  fileSystem.setConnectionPool(server.pool());
+  ASSERT_TRUE(fileSystem.preflight(nullptr));
+  fileSystem.rootNode()->setPermissions(FilePermissions(0700));
+  EXPECT_EQ(fileSystem.attributesOfItemAtPath("/", nullptr, nullptr)->posixPermissions, 0700);
 }
 
 class VolumeAttributes : public FileSystemTest {

@@ -95,7 +95,13 @@ TEST_F(SetAttributes, ARefusedModeOfAFolderIsAnInputOutputError) {
 
 TEST_F(SetAttributes, ASizeOfAClosedFileOpensItAndChangesNothingElse) {
   connect();
-  EXPECT_TRUE(set(withSize(3), "/a.txt"));
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    EXPECT_TRUE(set(withSize(3), "/a.txt"));
+  }
+  EXPECT_THAT(log.linesWith("-[OFSRemoteFile openWithMode:error:] mode=02"), ::testing::SizeIs(2));
+  EXPECT_THAT(log.linesWith("-[OFSRemoteFile setAttributes:error:]"), IsEmpty());
   EXPECT_EQ(server.content("/a.txt"), "con");
   EXPECT_EQ(server.count("changeAttributes"), 0u);
   EXPECT_EQ(fileSystem.nodeForPath("/a.txt")->size(), 3u);
@@ -103,7 +109,12 @@ TEST_F(SetAttributes, ASizeOfAClosedFileOpensItAndChangesNothingElse) {
 
 TEST_F(SetAttributes, AFileThatWasOpenedForItStaysOpen) {
   connect();
-  ASSERT_TRUE(set(withSize(3), "/a.txt"));
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    ASSERT_TRUE(set(withSize(3), "/a.txt"));
+  }
+  EXPECT_THAT(log.linesWith("-[OFSRemoteFile close]"), IsEmpty());
   ASSERT_NE(fileOnNode("/a.txt"), nullptr);
   EXPECT_TRUE(fileOnNode("/a.txt")->isOpen());
   EXPECT_EQ(fileOnNode("/a.txt")->mode(), kO_RDWR);
@@ -125,6 +136,29 @@ TEST_F(SetAttributes, ASizeWithAModeChangesBoth) {
   EXPECT_TRUE(set(attributes, "/a.txt"));
   EXPECT_EQ(server.content("/a.txt"), "cont");
   EXPECT_EQ(server.attributes("/a.txt")->posixPermissions, 0600);
+}
+
+TEST_F(SetAttributes, ASizeWithADateChangesBothOnTheNodeAndTheDateNotOnTheServer) {
+  connect();
+  NSFileAttributes attributes = withSize(4);
+  attributes.modificationDate = NSDate::dateWithTimeIntervalSince1970(1234);
+  EXPECT_TRUE(set(attributes, "/a.txt"));
+  EXPECT_EQ(fileSystem.nodeForPath("/a.txt")->size(), 4u);
+  EXPECT_EQ(fileSystem.nodeForPath("/a.txt")->modificationDate(), attributes.modificationDate);
+  EXPECT_EQ(server.count("changeAttributes"), 0u);
+}
+
+TEST_F(SetAttributes, GoToTheServersPathOfTheItem) {
+  server.addFile("/home/u/a.txt", "content");
+  server.addFolder("/home/u/folder");
+  connectAt("/home/u");
+  NSFileAttributes attributes = withMode(0700);
+  EXPECT_TRUE(set(attributes, "/folder"));
+  attributes.fileSize = 3;
+  EXPECT_TRUE(set(attributes, "/a.txt"));
+  EXPECT_EQ(server.attributes("/home/u/folder")->posixPermissions, 0700);
+  EXPECT_EQ(server.attributes("/home/u/a.txt")->posixPermissions, 0700);
+  EXPECT_EQ(server.content("/home/u/a.txt"), "con");
 }
 
 TEST_F(SetAttributes, AHandleIsUsedAsItIs) {
@@ -169,11 +203,24 @@ TEST_F(SetAttributes, AFailedTruncationAnswersTheFilesErrorAndLeavesTheNode) {
   EXPECT_TRUE(volumeIsCached());
 }
 
-TEST_F(SetAttributes, ARefusedModeOfAFileAnswersTheFilesError) {
+TEST_F(SetAttributes, AFailedTruncationKeepsTheOtherAttributes) {
   connect();
+  const GMUserData file = open("/a.txt");
+  server.fail("uploadFileHandle", "/a.txt", refusal(kQuarnKitOutOfSpace));
+  NSFileAttributes attributes = withMode(0600);
+  attributes.fileSize = 3;
+  EXPECT_FALSE(set(attributes, "/a.txt", file));
+  EXPECT_EQ(server.count("changeAttributes"), 0u);
+}
+
+TEST_F(SetAttributes, ARefusedModeOfAFileAnswersTheFilesErrorAndLeavesTheNode) {
+  connect();
+  cacheVolume();
   server.fail("changeAttributes", "/a.txt", refusal(kQuarnKitPermissionDenied));
   EXPECT_FALSE(set(withMode(0600), "/a.txt"));
   EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(fileSystem.nodeForPath("/a.txt")->permissions(), FilePermissions(0644));
+  EXPECT_TRUE(volumeIsCached());
 }
 
 TEST_F(SetAttributes, ALinkIsChangedThroughItsOpenFile) {
