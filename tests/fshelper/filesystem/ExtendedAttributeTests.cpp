@@ -144,6 +144,29 @@ TEST_F(ExtendedAttributes, AnEmptyNameIsInvalid) {
   EXPECT_EQ(code(), kEINVAL);
 }
 
+TEST_F(ExtendedAttributes, CreateAndReplaceTogetherFitNoName) {
+  EXPECT_FALSE(set("new", 0, kXATTR_CREATE | kXATTR_REPLACE));
+  EXPECT_EQ(code(), kENOATTR);
+  set("abc");
+  EXPECT_FALSE(set("new", 0, kXATTR_CREATE | kXATTR_REPLACE));
+  EXPECT_EQ(code(), kEEXIST);
+}
+
+// The name, then the path's last component, then the item.
+TEST_F(ExtendedAttributes, ChecksComeInTheirOrder) {
+  EXPECT_EQ(get(0, "", "/._nowhere"), std::nullopt);
+  EXPECT_EQ(code(), kEINVAL);
+  EXPECT_FALSE(set("x", 0, 0, "", "/._nowhere"));
+  EXPECT_EQ(code(), kEINVAL);
+  EXPECT_EQ(get(0, "user.x", "/._nowhere"), std::nullopt);
+  EXPECT_EQ(code(), kEPERM);
+  EXPECT_FALSE(set("x", 0, 0, "user.x", "/._nowhere"));
+  EXPECT_EQ(code(), kEPERM);
+  error = nullptr;
+  EXPECT_EQ(names("/._nowhere"), std::nullopt);
+  EXPECT_EQ(code(), kEPERM);
+}
+
 TEST_F(ExtendedAttributes, CompanionFilesRefuseAll) {
   EXPECT_EQ(names("/._a.txt"), std::nullopt);
   EXPECT_EQ(code(), kEPERM);
@@ -181,6 +204,24 @@ TEST_F(ExtendedAttributes, StayOnTheNodeThroughAMoveAndAListing) {
   makeStale("/");
   list("/");
   EXPECT_EQ(get(0, "user.x", "/b.txt"), bytes("abc"));
+}
+
+TEST_F(ExtendedAttributes, GoWithTheirNode) {
+  set("abc");
+  server.removeItem("/a.txt");
+  makeStale("/");
+  list("/");
+  server.addFile("/a.txt", "");
+  makeStale("/");
+  EXPECT_EQ(get(), std::nullopt);
+  EXPECT_EQ(code(), kENOATTR);
+}
+
+TEST_F(ExtendedAttributes, NoNameIsSpecial) {
+  for (const char* name : {"security.capability", "system.posix_acl_access", "._x", "a/b", " "}) {
+    EXPECT_TRUE(set("abc", 0, 0, name)) << name;
+    EXPECT_EQ(get(0, name), bytes("abc")) << name;
+  }
 }
 
 TEST_F(ExtendedAttributes, NamesAreKeptByteForByte) {

@@ -2,6 +2,7 @@
 #include "platform/userfs/Volume.h"
 
 #include <fcntl.h>
+#include <sys/xattr.h>
 
 #include <cerrno>
 
@@ -76,6 +77,43 @@ TEST_F(Creating, AndEmptyingAFileThatAppearedMeanwhileEmptiesIt) {
   ASSERT_EQ(volume->create("/a.txt", 0644, O_CREAT | O_TRUNC | O_RDWR, 0, &handle), 0);
   EXPECT_EQ(server.content("/a.txt"), "");
   EXPECT_EQ(readHandle(handle), "");
+}
+
+// Kept on this side; of what fails the kernel gets this system's numbers.
+class AttributesByName : public OverTheServer {
+ protected:
+  int set(const char* path, const char* name, int flags = 0) {
+    return named->setExtendedAttribute(path, name, "abc", 3, flags);
+  }
+  int get(const char* path, const char* name, char* buffer) {
+    return named->extendedAttribute(path, name, buffer, 3);
+  }
+
+  const std::shared_ptr<Volume> named =
+      std::make_shared<Volume>(&fileSystem, VolumeSettings{"/Volumes/Srv", false, true});
+};
+
+TEST_F(AttributesByName, AreSetReadAndListed) {
+  char value[3] = {};
+  char names[16] = {};
+  EXPECT_EQ(set("/a.txt", "user.x"), 0);
+  EXPECT_EQ(get("/a.txt", "user.x", value), 3);
+  EXPECT_EQ(std::string(value, 3), "abc");
+  EXPECT_EQ(named->extendedAttributes("/a.txt", names, sizeof names), 7);
+  EXPECT_STREQ(names, "user.x");
+}
+
+TEST_F(AttributesByName, FailWithThisSystemsNumbers) {
+  char value[3] = {};
+  server.addFile("/._a.txt", "");
+  makeStale("/");
+  EXPECT_EQ(get("/a.txt", "user.x", value), -ENODATA);
+  EXPECT_EQ(set("/a.txt", "user.x", XATTR_REPLACE), -ENODATA);
+  EXPECT_EQ(set("/a.txt", "user.x", XATTR_CREATE), 0);
+  EXPECT_EQ(set("/a.txt", "user.x", XATTR_CREATE), -EEXIST);
+  EXPECT_EQ(set("/._a.txt", "user.x"), -EPERM);
+  EXPECT_EQ(get("/nowhere", "user.x", value), -ENOENT);
+  EXPECT_EQ(named->removeExtendedAttribute("/a.txt", "user.x"), -EOPNOTSUPP);
 }
 
 class ArrivingFile : public OverTheServer {
