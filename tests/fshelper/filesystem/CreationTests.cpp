@@ -21,6 +21,13 @@ class Creation : public FileSystemTest {
     EXPECT_EQ(node->modificationDate(), clock.now());
     EXPECT_FALSE(fileSystem.rootNode()->userPropertyForKey(kOFSFileSystemAttributes).has_value());
   }
+  void expectNotStale(std::string_view folder) {
+    const auto node = fileSystem._nodeForPath(folder);
+    ASSERT_NE(node, nullptr);
+    EXPECT_FALSE(node->isExpired());
+    EXPECT_EQ(node->modificationDate(), std::nullopt);
+    EXPECT_TRUE(fileSystem.rootNode()->userPropertyForKey(kOFSFileSystemAttributes).has_value());
+  }
   void cacheVolume() { fileSystem.attributesOfFileSystemForPath("/", nullptr); }
 };
 
@@ -59,13 +66,14 @@ TEST_F(CreateDirectory, TheServerChoosesTheMode) {
 }
 
 TEST_F(CreateDirectory, ARefusalIsAPermissionFailureWhateverItsReason) {
+  cacheVolume();
   for (const QuarnKitErrorCode reason : {kQuarnKitItemExists, kQuarnKitNoSuchItem, kQuarnKitConnectionLost}) {
     server.fail("createFolderAtPath", "/home/u/new", refusal(reason));
     EXPECT_FALSE(fileSystem.createDirectoryAtPath("/new", {}, &error));
     EXPECT_EQ(code(), kEACCES);
     EXPECT_EQ(underlyingCode(), reason);
   }
-  EXPECT_FALSE(fileSystem.rootNode()->isExpired());
+  expectNotStale("/");
 }
 
 TEST_F(CreateDirectory, WithoutAConnectionTheRefusalIsTheOperations) {
@@ -125,6 +133,18 @@ TEST_F(CreateFile, AppliesTheAttributes) {
   EXPECT_EQ(fileSystem._nodeForPath("/new.txt")->permissions()->mode() & 07777, 0640);
 }
 
+TEST_F(CreateFile, TheNodeHasTheFilesAttributes) {
+  ASSERT_TRUE(create("/new.txt"));
+  const auto node = fileSystem._nodeForPath("/new.txt");
+  node->setSize(99);
+  ASSERT_TRUE(create("/new.txt"));
+  const NSFileAttributes attributes = fileOnNode("/new.txt")->attributes();
+  EXPECT_EQ(fileSystem._nodeForPath("/new.txt"), node);
+  EXPECT_EQ(node->size(), 0u);
+  EXPECT_EQ(node->modificationDate(), attributes.modificationDate);
+  EXPECT_EQ(node->permissions(), FilePermissions(attributes.posixPermissions.value_or(0)));
+}
+
 TEST_F(CreateFile, NeedsNoHandleSlot) {
   EXPECT_TRUE(fileSystem.createFileAtPath("/new.txt", {}, nullptr, &error));
   EXPECT_NE(fileOnNode("/new.txt"), nullptr);
@@ -139,12 +159,14 @@ TEST_F(CreateFile, ForgetsTheVolumesAttributesAndTouchesTheParent) {
   EXPECT_FALSE(fileSystem.rootNode()->isExpired());
 }
 
-TEST_F(CreateFile, AFailedOpeningAnswersTheFilesError) {
+TEST_F(CreateFile, AFailedOpeningAnswersTheFilesErrorAndMarksNothing) {
+  cacheVolume();
   server.fail("uploadFileHandle", "/home/u/new.txt", refusal(kQuarnKitPermissionDenied));
   EXPECT_FALSE(create("/new.txt"));
   EXPECT_EQ(code(), kEIO);
   EXPECT_EQ(file, nullptr);
   EXPECT_EQ(server.count("contentsAtPath"), 0u);
+  expectNotStale("/");
 }
 
 TEST_F(CreateFile, AFailedListingAnswersTheListingsError) {
@@ -163,6 +185,7 @@ TEST_F(CreateFile, AFileThatTheServerDoesNotListIsAnInputOutputError) {
 
 TEST_F(CreateFile, ARefusedAttributeAnswersTheFilesErrorAndLeavesTheFileOpenOnItsNode) {
   server.fail("changeAttributes", "/home/u/new.txt", refusal(kQuarnKitPermissionDenied));
+  clock.advance(5);
   RecordedLog log;
   const TracingOn tracing;
   EXPECT_FALSE(create("/new.txt", withMode(0600)));
@@ -171,6 +194,7 @@ TEST_F(CreateFile, ARefusedAttributeAnswersTheFilesErrorAndLeavesTheFileOpenOnIt
   ASSERT_NE(fileOnNode("/new.txt"), nullptr);
   EXPECT_TRUE(fileOnNode("/new.txt")->isOpen());
   EXPECT_THAT(log.linesWith("-[OFSRemoteFile close]"), IsEmpty());
+  EXPECT_EQ(fileSystem._nodeForPath("/new.txt")->modificationDate(), clock.now());
 }
 
 TEST_F(CreateFile, AnObjectThatTheNodeHadIsReplaced) {

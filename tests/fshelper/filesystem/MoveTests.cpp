@@ -103,6 +103,10 @@ TEST_F(Move, TheNewNameIsWrittenInTheServersEncoding) {
   server.credentials()->setEncoding("ISO-8859-1");
   ASSERT_TRUE(move("/a.txt", "/caf\xC3\xA9"));
   EXPECT_THAT(serverCalls(), ElementsAre("moveItemFromPath /home/u/a.txt 0 /home/u/caf\xE9"));
+  EXPECT_NE(fileSystem._nodeForPath("/caf\xC3\xA9"), nullptr);
+  ASSERT_TRUE(move("/caf\xC3\xA9", "/full/caf\xC3\xA9"));
+  EXPECT_TRUE(server.exists("/home/u/full/caf\xE9"));
+  EXPECT_NE(fileSystem._nodeForPath("/full/caf\xC3\xA9"), nullptr);
 }
 
 TEST_F(Move, AnExistingFileIsDeletedFirst) {
@@ -122,6 +126,28 @@ TEST_F(Move, ARefusedMoveLeavesTheOldDestinationDeleted) {
   EXPECT_FALSE(server.exists("/home/u/b.txt"));
   EXPECT_EQ(fileSystem._nodeForPath("/b.txt"), nullptr);
   EXPECT_NE(fileSystem._nodeForPath("/a.txt"), nullptr);
+}
+
+TEST_F(Move, ARefusedMoveLeavesTheTree) {
+  const GMUserData file = open("/a.txt");
+  clock.advance(3);
+  server.fail("moveItemFromPath", "/home/u/a.txt", refusal());
+  EXPECT_FALSE(move("/a.txt", "/full/c.txt"));
+  EXPECT_EQ(fileOnNode("/a.txt"), file);
+  EXPECT_EQ(fileOnNode("/a.txt")->remotePath(), "/home/u/a.txt");
+  EXPECT_EQ(fileSystem._nodeForPath("/full/c.txt"), nullptr);
+  EXPECT_NE(fileSystem.rootNode()->modificationDate(), clock.now());
+  EXPECT_NE(fileSystem._nodeForPath("/full")->modificationDate(), clock.now());
+}
+
+TEST_F(Move, TheNodeIsVisitedAsItChangesItsName) {
+  for (const char* destination : {"/c.txt", "/full/c.txt"}) {
+    const std::string source = fileSystem._nodeForPath("/a.txt") != nullptr ? "/a.txt" : "/c.txt";
+    RecordedLog log;
+    const TracingOn tracing;
+    ASSERT_TRUE(move(source, destination));
+    EXPECT_THAT(log.linesWith("{ -[OmbraFileSystem _forgetNode:] /home/u" + source), SizeIs(1));
+  }
 }
 
 // The source is not asked for again: where somebody else has removed it, the destination is gone by the time
@@ -162,7 +188,23 @@ TEST_F(Move, ADestinationThatCannotBeDeletedIsRefusedAndOnlyTheLogSaysWhy) {
   const TracingOn tracing;
   EXPECT_FALSE(move("/a.txt", "/b.txt"));
   expectRefused();
-  EXPECT_THAT(log.linesWith(": NSPOSIXErrorDomain 5 "), SizeIs(1));
+  EXPECT_THAT(log.linesWith(": NSPOSIXErrorDomain 5 "),
+              ElementsAre(::testing::HasSubstr(" <- NSPOSIXErrorDomain 13 ")));
+}
+
+TEST_F(Move, AFolderOntoALinkIsRefusedToo) {
+  server.addLink("/home/u/link", "empty");
+  makeStale("/");
+  EXPECT_FALSE(move("/full", "/link"));
+  expectRefused();
+  EXPECT_TRUE(server.exists("/home/u/link"));
+}
+
+TEST_F(Move, ADestinationThatCannotBeListedCountsAsEmpty) {
+  makeStale("/empty");
+  server.failAlways("contentsAtPath", "/home/u/empty", refusal(kQuarnKitListingNotPermitted));
+  ASSERT_TRUE(move("/a.txt", "/empty"));
+  EXPECT_EQ(server.count("deleteItemAtPath"), 1u);
 }
 
 TEST_F(Move, AFileOntoAnEmptyFolderReplacesIt) {

@@ -83,6 +83,24 @@ TEST_F(Removal, AFolderWithEntriesIsNotEmptyAndNothingIsDeleted) {
   EXPECT_NE(fileSystem._nodeForPath("/full"), nullptr);
 }
 
+TEST_F(Removal, OfAListedFolderWithEntriesAsksNoServer) {
+  list("/full");
+  server.clearCalls();
+  EXPECT_FALSE(remove("/full"));
+  EXPECT_THAT(server.callTexts(), IsEmpty());
+}
+
+TEST_F(Removal, TheNodeIsVisitedAsItLeaves) {
+  list("/empty");
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    EXPECT_TRUE(remove("/empty"));
+  }
+  EXPECT_THAT(log.linesWith("{ -[OmbraFileSystem _forgetNode:]"),
+              ElementsAre(::testing::EndsWith("_forgetNode:] /empty")));
+}
+
 TEST_F(Removal, AFolderThatCannotBeListedCountsAsEmpty) {
   server.fail("contentsAtPath", "/empty", refusal(kQuarnKitListingNotPermitted));
   EXPECT_TRUE(remove("/empty"));
@@ -96,12 +114,17 @@ struct Refused {
 
 class RefusedRemoval : public Removal, public ::testing::WithParamInterface<Refused> {};
 
-TEST_P(RefusedRemoval, IsToldByItsReason) {
+TEST_P(RefusedRemoval, IsToldByItsReasonAndChangesNothing) {
+  fileSystem.attributesOfFileSystemForPath("/", nullptr);
+  const auto date = fileSystem.rootNode()->modificationDate();
+  clock.advance(5);
   server.fail("deleteItemAtPath", "/a.txt", GetParam().reason ? refusal(*GetParam().reason) : nullptr);
   EXPECT_FALSE(remove("/a.txt"));
   EXPECT_EQ(code(), GetParam().code);
   EXPECT_EQ(underlyingCode(), GetParam().reason.value_or(static_cast<QuarnKitErrorCode>(0)));
   EXPECT_NE(fileSystem._nodeForPath("/a.txt"), nullptr);
+  EXPECT_EQ(fileSystem.rootNode()->modificationDate(), date);
+  EXPECT_TRUE(fileSystem.rootNode()->userPropertyForKey(kOFSFileSystemAttributes).has_value());
 }
 
 INSTANTIATE_TEST_SUITE_P(Reasons, RefusedRemoval,

@@ -93,6 +93,17 @@ TEST_F(SymbolicLinks, OnSFTPARefusalIsAnInputOutputError) {
   EXPECT_EQ(underlyingCode(), kQuarnKitItemExists);
 }
 
+TEST_F(SymbolicLinks, ARefusedLinkMarksNothing) {
+  list("/");
+  fileSystem.attributesOfFileSystemForPath("/", nullptr);
+  clock.advance(5);
+  server.fail("createSymbolicLinkAtPath", "/home/u/l", refusal());
+  EXPECT_FALSE(make("/l", "x"));
+  EXPECT_FALSE(fileSystem.rootNode()->isExpired());
+  EXPECT_NE(fileSystem.rootNode()->modificationDate(), clock.now());
+  EXPECT_TRUE(fileSystem.rootNode()->userPropertyForKey(kOFSFileSystemAttributes).has_value());
+}
+
 TEST_F(SymbolicLinks, OnOtherProtocolsARefusalMeansThatThereAreNone) {
   server.setIsSFTP(false);
   server.fail("createSymbolicLinkAtPath", "/home/u/l", refusal(kQuarnKitNotSupported));
@@ -186,6 +197,16 @@ TEST_F(UnresolvedLink, AMissingTargetIsTheServersPathOnceAndTheLinksTextFromThen
   EXPECT_EQ(readLink("/l"), "/home/u/gone");
   EXPECT_EQ(readLink("/l"), "/home/u/docs/../gone");
   EXPECT_EQ(cached("/l"), "/home/u/docs/../gone");
+}
+
+TEST_F(UnresolvedLink, WithoutAConnectionNothingIsAnsweredNorRemembered) {
+  server.addFile("/home/u/docs/a", "a");
+  list("/home/u/docs/a");
+  server.setAcquisitionFails(true);
+  EXPECT_EQ(readLink("/l"), std::nullopt);
+  EXPECT_EQ(error, nullptr);
+  server.setAcquisitionFails(false);
+  EXPECT_EQ(readLink("/l"), "/docs/a");
 }
 
 TEST_F(UnresolvedLink, AFailedResolutionAnswersNothingWithoutAnError) {
