@@ -112,6 +112,14 @@ TEST_F(FileIO, AWriteUpdatesTheNodeAndForgetsTheVolumesAttributes) {
   EXPECT_EQ(server.content("/a.txt"), "longer content");
 }
 
+TEST_F(FileIO, AWriteToAnItemThatIsGoneReachesTheHandlesFile) {
+  const GMUserData file = open("/a.txt");
+  cacheVolume();
+  EXPECT_EQ(write("/nowhere", file, "x"), 1);
+  EXPECT_EQ(server.content("/a.txt"), "xontent");
+  EXPECT_FALSE(volumeIsCached());
+}
+
 TEST_F(FileIO, AWriteShowsTheFilesDateAndModeOnTheNode) {
   const GMUserData file = open("/a.txt");
   node()->setModificationDate(std::nullopt);
@@ -200,12 +208,24 @@ TEST_F(Truncate, OfAClosedFileKeepsTheVolumesAttributes) {
 }
 
 TEST_F(Truncate, AClosedFileIsOpenedReadWriteAndStaysOpen) {
-  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
+  }
+  EXPECT_THAT(log.linesWith("-[OFSRemoteFile close]"), IsEmpty());
   EXPECT_EQ(server.content("/a.txt"), "con");
   EXPECT_EQ(node()->size(), 3u);
   ASSERT_NE(fileOnNode("/a.txt"), nullptr);
   EXPECT_TRUE(fileOnNode("/a.txt")->isOpen());
   EXPECT_EQ(fileOnNode("/a.txt")->mode(), kO_RDWR);
+}
+
+TEST_F(Truncate, AClosedFileIsFoundAtItsPathOnTheServer) {
+  server.addFile("/home/u/a.txt", "content");
+  fileSystem.setRootNode(KCRemoteFolderNode::folderNodeWithPath("/home/u", server.credentials()));
+  EXPECT_TRUE(fileSystem.truncateFileAtPath("/a.txt", nullptr, 3, &error));
+  EXPECT_EQ(server.content("/home/u/a.txt"), "con");
 }
 
 TEST_F(Truncate, AFailureAfterTheOpeningStillReportsSuccess) {
@@ -243,12 +263,15 @@ TEST_F(Release, ClosesTheFileAndNothingElse) {
   read(file);
   cacheVolume();
   node()->setSize(99);
+  const auto date = fileSystem.rootNode()->modificationDate();
+  clock.advance(5);
   server.clearCalls();
   RecordedLog log;
   const TracingOn tracing;
   fileSystem.releaseFileAtPath("/a.txt", file);
   EXPECT_EQ(log.linesWith("{ -[OFSRemoteFile close]").size(), 1u);
   EXPECT_EQ(node()->size(), 99u);
+  EXPECT_EQ(fileSystem.rootNode()->modificationDate(), date);
   EXPECT_TRUE(volumeIsCached());
   EXPECT_THAT(server.callTexts(), IsEmpty());
 }
