@@ -104,7 +104,7 @@ TEST_P(ConnectionContract, UnusualNamesAreListedReadAndRemovedAsTheyAre) {
 }
 
 TEST_P(ConnectionContract, ManyEntriesAreAllListedOnce) {
-  constexpr int kCount = 3000;
+  constexpr int kCount = 1200;  // more than any server tells at a time
   for (int i = 0; i < kCount; ++i) server().putFile(at("file " + std::to_string(i)), "");
   const std::vector<std::string> listed = names(root());
   EXPECT_EQ(listed.size(), static_cast<size_t>(kCount));
