@@ -89,6 +89,7 @@ TEST_F(ListedLinks, AnItemOutsideStandsInTheFolderWithThePoolsCredentials) {
   server.addFile("/etc/hosts", "hosts");
   server.addLink("/home/u/folder", "/srv/share");
   server.addLink("/home/u/file", "/etc/hosts");
+  connectAt("/home/u");
   for (const char* name : {"folder", "file"}) {
     EXPECT_EQ(node(name)->parent(), fileSystem.rootNode()) << name;
     EXPECT_EQ(node(name)->credentials(), server.credentials()) << name;
