@@ -38,6 +38,11 @@ void ManualClock::advance(double seconds) {
   for (NSCondition* condition : waiting) condition->clockMoved();
 }
 
+size_t ManualClock::sleepers() const {
+  MutexLock lock(iLock);
+  return iWaiting.size();
+}
+
 void ManualClock::waitForSleepers(size_t count) {
   while (true) {
     {

@@ -25,6 +25,8 @@ class ManualClock final : public Clock {
   void advance(double seconds) EXCLUDES(iLock);
   // Blocks until at least `count` timed waits are under way: what a test waits for before it moves the time.
   void waitForSleepers(size_t count) EXCLUDES(iLock);
+  // Timed waits that are under way. A wait without a limit is none of them.
+  size_t sleepers() const EXCLUDES(iLock);
 
  private:
   mutable Mutex iLock;

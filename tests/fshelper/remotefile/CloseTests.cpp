@@ -9,6 +9,7 @@ namespace ombra {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
 using Closing = RemoteFileTest;
@@ -75,7 +76,9 @@ TEST_F(Closing, FollowsTheHardLimit) {
 TEST_F(Closing, EndsAnIdleStream) {
   file = createdFile();
   ASSERT_EQ(write(*file, "hello", 0), 5);
+  const TraceRecorder trace;
   file->close();
+  EXPECT_EQ(trace.messagesWith("close state=2").size(), 1u);
   EXPECT_EQ(file->state(), kOFSSettled);
   EXPECT_EQ(onServer(), "hello");
 }
@@ -182,12 +185,39 @@ TEST_F(ClosingUpload, RaisesWhatTheUploadFailedOf) {
   const NSErrorRef full = QuarnKitError::errorWithCode(kQuarnKitOutOfSpace);
   auto closer = inBackground([this] { return closing(*file); });
   waitForWaiters(*file, 1);
+  EXPECT_EQ(clock->sleepers(), 0u) << "for the upload that runs it waits without a limit";
   const auto own = server.hold("uploadFileAtPath");
   hold->releaseFailing(full);
   EXPECT_THAT(finish(closer),
               StartsWith("upload to /docs/a.bin failed: " + full->description() + "\n\nfile:"));
   own->release();
   // The condition was let go on the way out, and the upload that close started goes on.
+  waitForState(*file, kOFSSettled);
+  EXPECT_EQ(onServer(), "0123456789ab");
+}
+
+TEST_F(ClosingUpload, GivesItsOwnUploadFiftyFourSecondsFromItsBeginning) {
+  server.setChunkSize(1);
+  const auto first = server.hold("uploadFileAtPath", kPath, 8);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123456789", 0), 10);
+  ASSERT_TRUE(first->waitUntilHeld());
+  ASSERT_EQ(write(*file, "ab", 10), 2);
+  std::promise<void> go;
+  calls.delayNextThread(go.get_future().share());
+  const TraceRecorder trace;
+  auto closer = inBackground([this] { return closing(*file); });
+  waitForWaiters(*file, 1);
+  clock->advance(100.0);
+  first->releaseFailing(QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
+  clock->waitForSleepers(1);
+  clock->advance(53.9);
+  EXPECT_TRUE(isRunning(closer));
+  EXPECT_THAT(trace.messagesWith("continuing"), IsEmpty());
+  clock->advance(0.2);
+  EXPECT_EQ(finish(closer), "returned");
+  EXPECT_EQ(trace.messagesWith("continuing").size(), 1u);
+  go.set_value();
   waitForState(*file, kOFSSettled);
   EXPECT_EQ(onServer(), "0123456789ab");
 }

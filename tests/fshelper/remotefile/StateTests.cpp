@@ -5,7 +5,17 @@
 namespace ombra {
 namespace {
 
-enum class Operation { kOpen, kRead, kAttributes, kSetAttributes, kWrite, kTruncate, kClose, kSynchronise };
+enum class Operation {
+  kOpen,
+  kRead,
+  kAttributes,
+  kSetAttributes,
+  kWrite,
+  kWriteElsewhere,
+  kTruncate,
+  kClose,
+  kSynchronise
+};
 
 struct Case {
   const char* name;
@@ -70,6 +80,9 @@ class StateTable : public RemoteFileTest, public ::testing::WithParamInterface<C
       case Operation::kWrite:
         EXPECT_EQ(write(*file, "x", 4), 1);
         return;
+      case Operation::kWriteElsewhere:
+        EXPECT_EQ(write(*file, "x", 1), 1);
+        return;
       case Operation::kTruncate:
         EXPECT_TRUE(file->_truncateToOffset(2, nullptr));
         return;
@@ -94,6 +107,8 @@ TEST_P(StateTable, WaitsOrNot) {
   if (GetParam().waits) {
     waitForWaiters(*file, before + 1);
     EXPECT_TRUE(isRunning(operation));
+    const size_t limited = GetParam().operation == Operation::kClose ? 1 : 0;
+    EXPECT_EQ(clock->sleepers(), limited) << "closing alone has a limit here";
     EXPECT_EQ(file->state(), GetParam().state);
   } else {
     finish(operation);
@@ -130,6 +145,7 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{"AttributesWhileStreaming", kOFSStreaming, Operation::kAttributes, false},
                       Case{"SetAttributesWhileStreaming", kOFSStreaming, Operation::kSetAttributes, true},
                       Case{"SequentialWriteWhileStreaming", kOFSStreaming, Operation::kWrite, false},
+                      Case{"WriteElsewhereWhileStreaming", kOFSStreaming, Operation::kWriteElsewhere, true},
                       Case{"TruncateWhileStreaming", kOFSStreaming, Operation::kTruncate, true},
                       Case{"CloseWhileStreaming", kOFSStreaming, Operation::kClose, true},
                       Case{"SynchroniseWhileStreaming", kOFSStreaming, Operation::kSynchronise, true},
