@@ -1,6 +1,10 @@
 // Attributes of the cache file, and their change here and on the server.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cerrno>
+#include <ctime>
 
 #include "tests/fshelper/remotefile/RemoteFileFixture.h"
 
@@ -70,6 +74,18 @@ TEST_F(OpenFileAttributes, WithOnlyADateChangeOnlyTheCacheFile) {
   EXPECT_EQ(file->attributes().modificationDate, NSDate::dateWithNanoseconds(1234567890123456000))
       << "microseconds";
   EXPECT_THAT(server.callTexts(), IsEmpty());
+}
+
+TEST_F(OpenFileAttributes, WithADateCountAsAnAccessNow) {
+  file = downloadedFile("hello");
+  const int descriptor = file->fileHandle()->fileDescriptor();
+  const timespec longAgo[2] = {{1, 0}, {1, 0}};
+  ASSERT_EQ(::futimens(descriptor, longAgo), 0);
+  const time_t before = ::time(nullptr);
+  EXPECT_TRUE(file->setAttributes(modified(kDate), nullptr));
+  struct stat status {};
+  ASSERT_EQ(::fstat(descriptor, &status), 0);
+  EXPECT_GE(status.st_atim.tv_sec, before);
 }
 
 TEST_F(OpenFileAttributes, WithPermissionsChangeBothTheCacheFileAndTheServer) {
@@ -160,6 +176,7 @@ TEST_F(OpenFileAttributes, AreChangedOnlyWhenTheDownloadHasEnded) {
   auto change = inBackground([this] { return file->setAttributes(permissions(0640), nullptr); });
   waitForWaiters(*file, 1);
   EXPECT_EQ(server.count("changeAttributes"), 0u);
+  EXPECT_EQ(server.count("acquireConnection"), 1u) << "the download's: who waits has none";
   hold->release();
   EXPECT_TRUE(finish(change));
   EXPECT_EQ(server.count("changeAttributes"), 1u);

@@ -2,13 +2,26 @@
 
 #include <fmt/format.h>
 
+#include <filesystem>
+#include <fstream>
+
+#include "fshelper/OFSTracing.h"
+#include "platform/foundation/Gestalt.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "tests/fshelper/remotefile/RemoteFileFixture.h"
 
 namespace ombra {
 namespace {
 
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
 using RemoteFile = RemoteFileTest;
+
+// Before any test has set them.
+const double kFirstHardLimit = gHardLimit;
+const bool kFirstStreamingSupported = gStreamingSupported;
+const bool kFirstUploadingSupported = gUploadingSupported;
 
 TEST_F(RemoteFile, IsNewAndEmptyHandedAfterCreation) {
   const auto made = OFSRemoteFile::remoteFileForPath("/x");
@@ -42,6 +55,7 @@ TEST_F(RemoteFile, UsesAFreshNameWithoutExtensionInTheTemporaryFolder) {
 TEST_F(RemoteFile, KeepsItsCachePathFromCreationOn) {
   const auto made = makeFile();
   const std::string path = made->localPath();
+  EXPECT_EQ(stringByDeletingLastPathComponent(path), iFolder);
   made->setRemotePath("/docs/b.bin");
   EXPECT_EQ(made->remotePath(), "/docs/b.bin");
   EXPECT_EQ(made->localPath(), path);
@@ -65,9 +79,9 @@ TEST_F(RemoteFile, AnswersOnlyTheLowSixteenBitsOfItsFlags) {
 }
 
 TEST_F(RemoteFile, HasTheLimitsOfTheProcess) {
-  EXPECT_EQ(gHardLimit, 60.0);
-  EXPECT_TRUE(gStreamingSupported);
-  EXPECT_TRUE(gUploadingSupported);
+  EXPECT_EQ(kFirstHardLimit, 60.0);
+  EXPECT_TRUE(kFirstStreamingSupported);
+  EXPECT_TRUE(kFirstUploadingSupported);
 }
 
 TEST_F(RemoteFile, MayBeLetGoByItsLastHolderWhileAWorkerRuns) {
@@ -93,6 +107,101 @@ TEST_F(RemoteFile, MayBeLetGoByItsLastHolderWhileAWorkerRuns) {
       "the object closing on its worker");
   EXPECT_TRUE(weak.expired());
 }
+
+TEST_F(RemoteFile, TracesNeitherItsMakingNorItsFields) {
+  const TraceRecorder trace;
+  auto made = OFSRemoteFile::remoteFileForPath(kPath);
+  made->setConnectionPool(server.pool());
+  made->setRemotePath("/docs/b.bin");
+  EXPECT_NE(OFSRemoteFile::uniquePath(), made->localPath());
+  EXPECT_EQ(made->connectionPool(), server.pool());
+  EXPECT_EQ(made->state(), 0);
+  EXPECT_EQ(made->mode(), 0);
+  EXPECT_EQ(made->fileHandle(), nullptr);
+  EXPECT_EQ(made->lastError(), nullptr);
+  EXPECT_THAT(trace.lines(), IsEmpty());
+  made.reset();
+  EXPECT_THAT(trace.lines(), ElementsAre("{ -[OFSRemoteFile close] remotePath=/docs/b.bin", "close state=0",
+                                         "} -[OFSRemoteFile close] remotePath=/docs/b.bin"))
+      << "its end is a close and nothing else";
+}
+
+TEST_F(RemoteFile, ClosesItsCacheFileAtItsEndAndRemovesNone) {
+  server.addFolder("/docs");
+  auto made = OFSRemoteFile::remoteFileForPath(kPath);
+  made->setConnectionPool(server.pool());
+  ASSERT_TRUE(made->openWithMode(kO_RDWR | kO_CREAT, nullptr));
+  const std::weak_ptr<NSFileHandle> handle = made->fileHandle();
+  const std::string path = made->localPath();
+  std::ofstream(path) << "of somebody else";
+  made.reset();
+  EXPECT_TRUE(handle.expired());
+  EXPECT_TRUE(std::filesystem::remove(path));
+}
+
+struct Failure {
+  const char* name;
+  int code;
+  std::function<bool(OFSRemoteFile& opened, OFSRemoteFile& fresh, NSErrorRef* error)> fails;
+};
+
+// Every call of this machine fails, and the server permits nothing.
+class RemoteFileFailure : public RemoteFileTest, public ::testing::WithParamInterface<Failure> {
+ protected:
+  RemoteFileFailure() {
+    forgetDebugLogging();
+    NewGestaltValue(kSelector, 1);
+  }
+  ~RemoteFileFailure() override { forgetDebugLogging(); }
+  static void forgetDebugLogging() {
+    DeleteGestaltValue(kSelector);
+    ofs_forgetDebugLogging();
+  }
+  static constexpr uint32_t kSelector = fourCharacterCode("KDbg");
+};
+
+TEST_P(RemoteFileFailure, IsLoggedOnceWithDebugLogging) {
+  file = downloadedFile("0123456789");
+  const auto fresh = makeFile("/docs/b.bin");
+  calls.fail(GetParam().code == kENOENT ? Call::kHandle : Call::kOpen, EMFILE);
+  for (const Call call : {Call::kPread, Call::kPwrite, Call::kFtruncate}) calls.fail(call, EIO);
+  server.failAlways("changeAttributes", kAnyPath, QuarnKitError::errorWithCode(kQuarnKitPermissionDenied));
+  const TraceRecorder log;
+  gTracingEnabled = false;
+  NSErrorRef error;
+  EXPECT_TRUE(GetParam().fails(*file, *fresh, &error));
+  ASSERT_TRUE(isPosixError(error, GetParam().code));
+  EXPECT_THAT(log.lines(), ElementsAre(error->description()));
+}
+
+using File = OFSRemoteFile;
+using Slot = NSErrorRef*;
+
+bool failsToOpen(File&, File& fresh, Slot error) { return !fresh.openWithMode(kO_RDONLY, error); }
+
+bool failsToRead(File& opened, File&, Slot error) {
+  char byte = 0;
+  return opened._readToBuffer(&byte, 1, 0, error) == -1;
+}
+
+bool failsToWrite(File& opened, File&, Slot error) { return opened._writeFromBuffer("x", 1, 0, error) == -1; }
+
+bool failsToTruncate(File& opened, File&, Slot error) { return !opened._truncateToOffset(4, error); }
+
+bool failsToSetAttributes(File& opened, File&, Slot error) {
+  NSFileAttributes change;
+  change.posixPermissions = 0640;
+  return !opened.setAttributes(change, error);
+}
+
+INSTANTIATE_TEST_SUITE_P(Operations, RemoteFileFailure,
+                         ::testing::Values(Failure{"OpenWithoutAHandle", kENOENT, failsToOpen},
+                                           Failure{"Open", kEIO, failsToOpen},
+                                           Failure{"Read", kEIO, failsToRead},
+                                           Failure{"Write", kEIO, failsToWrite},
+                                           Failure{"Truncate", kEIO, failsToTruncate},
+                                           Failure{"SetAttributes", kEIO, failsToSetAttributes}),
+                         [](const auto& parameter) { return parameter.param.name; });
 
 TEST_F(RemoteFile, NamesInTheLogWhatWasNotOnTheServerAtItsEnd) {
   gUploadingSupported = false;

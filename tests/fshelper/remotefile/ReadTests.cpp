@@ -46,9 +46,11 @@ TEST_F(OpenFileReading, PastTheEndWaitsForTheEndOfTheDownloadAndGivesNothing) {
   auto reader = inBackground([this] { return read(*file, 10, 100); });
   waitForWaiters(*file, 1);
   EXPECT_TRUE(isRunning(reader));
+  EXPECT_EQ(file->bytesRequired(), 110u);
   hold->release();
   EXPECT_EQ(finish(reader), "");
   EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_EQ(file->bytesRequired(), 0u);
 }
 
 TEST_F(OpenFileReading, OfTwoRangesServesEachFromItsOwn) {
@@ -107,6 +109,15 @@ TEST_F(OpenFileReading, OfAFileThatNobodyOpenedOpensIt) {
   EXPECT_EQ(read(*file, 5, 0), "hello");
   EXPECT_TRUE(file->isOpen());
   EXPECT_EQ(file->mode(), 0);
+}
+
+TEST_F(OpenFileReading, OfAFileWhoseOpenFailedOpensItWithTheFlagsOfThat) {
+  server.addFile(kPath, "hello");
+  file = makeFile();
+  calls.fail(Call::kOpen, EMFILE);
+  ASSERT_FALSE(file->openWithMode(kO_RDWR, nullptr));
+  EXPECT_EQ(read(*file, 5, 0), "hello");
+  EXPECT_EQ(file->mode(), kO_RDWR);
 }
 
 TEST_F(OpenFileReading, LeavesWhatItRequiredBehind) {
@@ -322,6 +333,20 @@ TEST_F(DownloadWorker, CountsTheCacheFileNotTheReportedBytes) {
   EXPECT_EQ(file->bytesAvailable(), 4u);
   pool->releaseConnection(other);
   hold->release();
+}
+
+TEST_F(DownloadWorker, TakesTheCountOfTheLibraryAtItsEnd) {
+  const auto hold = server.hold("downloadFileAtPath", kPath, kAtEnd);
+  file = arrivingFile("hello", 5);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  ASSERT_EQ(::ftruncate(file->fileHandle()->fileDescriptor(), 9), 0);  // behind the object's back
+  server.reportProgress(kPath);
+  EXPECT_EQ(file->bytesAvailable(), 9u);
+  const TraceRecorder trace;
+  hold->release();
+  waitForState(*file, kOFSSettled);
+  EXPECT_EQ(file->bytesAvailable(), 5u);
+  EXPECT_THAT(trace.messages(), ElementsAre("finished downloading /docs/a.bin, bytesAvailable=9"));
 }
 
 TEST_F(DownloadWorker, LeavesThePositionOfTheCacheFileAlone) {
