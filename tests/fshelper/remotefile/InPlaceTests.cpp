@@ -27,12 +27,25 @@ TEST_F(InPlace, SendsEachWriteAtOnceFromItsOffset) {
   EXPECT_TRUE(file->isCovered());
   EXPECT_EQ(write(*file, "ab", 10), 2);
   EXPECT_EQ(file->state(), kOFSSettled);
+  EXPECT_EQ(file->bytesAvailable(), 12u);
   EXPECT_EQ(onServer(), "0123XY6789ab");
   ASSERT_EQ(uploads().size(), 2u);
   EXPECT_EQ(uploads()[0].byteOffset, 4u);
   EXPECT_EQ(uploads()[0].name, "/docs/a.bin");
   EXPECT_THAT(uploads()[0].extents, ElementsAre(FileExtent{4, 6}));
   EXPECT_THAT(uploads()[1].extents, ElementsAre(FileExtent{10, 12}));
+}
+
+TEST_F(InPlace, NamesTheFileInItsDisplayForm) {
+  server.credentials()->setEncoding("ISO-8859-1");
+  server.addFolder("/docs");
+  const std::string path = "/docs/caf\xe9.bin";
+  file = makeFile(path);
+  ASSERT_TRUE(file->openWithMode(kO_RDWR | kO_CREAT, nullptr));
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  ASSERT_EQ(uploads().size(), 2u) << "the empty file, and its content";
+  for (const ScriptedTransfer& upload : uploads()) EXPECT_EQ(upload.name, "/docs/caf\xc3\xa9.bin");
+  EXPECT_EQ(onServer(path), "hello");
 }
 
 // The connection may answer a write before the server has.
@@ -331,6 +344,8 @@ using Truncating = RemoteFileTest;
 
 TEST_F(Truncating, CutsTheFileHereAndThere) {
   file = downloadedFile("0123456789");
+  ASSERT_EQ(read(*file, 3, 1), "123");
+  ASSERT_EQ(file->bytesRequired(), 4u);
   const TraceRecorder trace;
   EXPECT_TRUE(file->_truncateToOffset(4, nullptr));
   EXPECT_EQ(onServer(), "0123");
@@ -360,6 +375,7 @@ TEST_F(Truncating, WaitsUntilTheRunningUploadHasSettled) {
   auto truncation = inBackground([this] { return file->_truncateToOffset(2, nullptr); });
   waitForWaiters(*file, 1);
   EXPECT_TRUE(isRunning(truncation));
+  EXPECT_EQ(server.count("acquireConnection"), 2u) << "the write's and the upload's: who waits has none";
   hold->release();
   EXPECT_TRUE(finish(truncation));
   EXPECT_EQ(onServer(), "he");
@@ -420,6 +436,7 @@ TEST_F(Truncating, WithoutAFileHandleFailsWithEIO) {
 
 TEST_F(Truncating, ThatTheSystemRefusesFailsWithTheNumber) {
   file = downloadedFile("0123456789");
+  ASSERT_EQ(read(*file, 3, 1), "123");
   calls.fail(Call::kFtruncate, EFBIG);
   const TraceRecorder trace;
   NSErrorRef error;
@@ -428,6 +445,7 @@ TEST_F(Truncating, ThatTheSystemRefusesFailsWithTheNumber) {
   EXPECT_EQ(trace.messagesWith("ftruncate failed, errno = 27 (File too large)\n\nfile:").size(), 1u);
   EXPECT_EQ(file->state(), kOFSSettled);
   EXPECT_EQ(file->bytesAvailable(), 0u);
+  EXPECT_EQ(file->bytesRequired(), 0u);
   EXPECT_EQ(onServer(), "0123456789");
   EXPECT_TRUE(file->isCovered());
 }

@@ -85,6 +85,50 @@ TEST_F(Streaming, LeavesAtMostTwoBuffersQueuedWhenALaterWriteReturns) {
   EXPECT_EQ(onServer(), "0123456789abcdef");
 }
 
+TEST_F(Streaming, KeepsACopyOfWhatIsQueued) {
+  const auto hold = server.hold("streamBytesWithFilename", kPath, 4);
+  server.setStreamCapacity(4);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123", 0), 4);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  std::string buffer = "4567";
+  ASSERT_EQ(write(*file, buffer, 4), 4);
+  buffer.replace(0, 4, "next");  // as a program does that has been told that it is written
+  hold->release();
+  file->close();
+  EXPECT_EQ(onServer(), "01234567");
+}
+
+TEST_F(Streaming, TakesOneConnectionWithTheFileAsDelegate) {
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  file->close();
+  ASSERT_TRUE(server.waitUntilAllReleased());
+  const auto sent = server.calls("streamBytesWithFilename");
+  ASSERT_EQ(sent.size(), 1u);
+  std::vector<std::string> ofTheWorker;
+  for (const ScriptedCall& call : server.calls()) {
+    if (call.connection == sent[0].connection) ofTheWorker.push_back(call.text());
+  }
+  EXPECT_THAT(ofTheWorker,
+              ElementsAre("setDelegate delegate", "streamBytesWithFilename /docs/a.bin /docs/a.bin",
+                          "setDelegate none"));
+  EXPECT_EQ(server.count("acquireConnection"), 2u) << "the writer's and the worker's";
+}
+
+TEST_F(Streaming, NamesTheFileInItsDisplayForm) {
+  server.credentials()->setEncoding("ISO-8859-1");
+  server.addFolder("/docs");
+  const std::string path = "/docs/caf\xe9.bin";
+  file = makeFile(path);
+  ASSERT_TRUE(file->openWithMode(kO_RDWR | kO_CREAT, nullptr));
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  file->close();
+  ASSERT_EQ(streams().size(), 1u);
+  EXPECT_EQ(streams()[0].name, "/docs/caf\xc3\xa9.bin");
+  EXPECT_EQ(onServer(path), "hello");
+}
+
 TEST_F(Streaming, CutsABufferToTheCapacityOfTheLibrary) {
   server.setStreamCapacity(4);
   file = createdFile();
@@ -147,15 +191,19 @@ TEST_F(Streaming, OfAWriteElsewhereCancelsTheRunningStreamAndSendsTheHeadAgain) 
   ASSERT_EQ(streams().size(), 2u);
   EXPECT_TRUE(QuarnKitError::isCode(streams()[0].error, kQuarnKitCancelled));
   eventually([this] { return streams()[1].bytes == "0123XY"; }, "the new stream taking head and bytes");
-  EXPECT_EQ(file->lastError(), nullptr) << "a cancelled stream has not failed";
+  EXPECT_EQ(file->lastError(), nullptr);
+  EXPECT_THAT(trace.messagesWith("error="), IsEmpty()) << "a cancelled stream has not failed";
 }
 
 TEST_F(Streaming, EndsAfterSixSecondsWithoutData) {
   file = createdFile();
+  const TraceRecorder trace;
   ASSERT_EQ(write(*file, "hello", 0), 5);
   clock->waitForSleepers(1);
   clock->advance(5.9);
-  clock->waitForSleepers(1);
+  const std::string waiting = "waiting until 2001-09-09 01:46:46 +0000";
+  eventually([&] { return trace.messagesWith("waiting until").size() == 2; }, "the stream looking again");
+  EXPECT_THAT(trace.messagesWith("waiting until"), ElementsAre(waiting, waiting)) << "one limit for a call";
   EXPECT_EQ(file->state(), kOFSStreaming) << "a pausing program keeps its stream";
   EXPECT_EQ(write(*file, " world", 5), 6);
   eventually([this] { return file->bytesAvailable() == 11; }, "the stream taking the later bytes");
@@ -184,6 +232,18 @@ TEST_F(Streaming, IdleLimitFollowsTheHardLimit) {
   clock->advance(1.0);
   waitForState(*file, kOFSSettled);
   EXPECT_EQ(onServer(), "hello");
+}
+
+TEST_F(Streaming, LimitOfAWriterFollowsTheHardLimit) {
+  gHardLimit = 10.0;
+  const auto hold = server.hold("streamBytesWithFilename");
+  file = createdFile();
+  auto writer = inBackground([this] { return write(*file, "hello", 0); });
+  ASSERT_TRUE(hold->waitUntilHeld());
+  clock->waitForSleepers(1);
+  clock->advance(2.0);
+  EXPECT_EQ(finish(writer), 5);
+  hold->release();
 }
 
 TEST_F(Streaming, ThatFailsBeforeItTookTheFirstWriteFallsBackForTheWholeProcess) {
@@ -401,6 +461,7 @@ TEST_F(Streaming, OfTwoWritersOneAfterTheOtherLosesNothing) {
   hold->release();
   EXPECT_EQ(finish(first), 4);
   EXPECT_EQ(finish(second), 4);
+  EXPECT_EQ(streams()[0].bytes, "0123456789ab") << "what is queued goes out before the mark counts";
   EXPECT_TRUE(file->synchronize(nullptr));
   EXPECT_EQ(onServer(), "0123456789abcdefghij");
 }
@@ -459,6 +520,24 @@ TEST_F(Streaming, ReportsDuringAStreamMeasureTheCacheFile) {
   EXPECT_EQ(file->bytesAvailable(), 9u);
   EXPECT_EQ(file->bytesRequired(), 0u) << "satisfied by the report";
   pool->releaseConnection(other);
+}
+
+TEST_F(Streaming, IsStoppedByAReportThatMeetsTheCancelMark) {
+  const auto hold = server.hold("streamBytesWithFilename", kPath, 10);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123456789", 0), 10);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto elsewhere = inBackground([this] { return write(*file, "XY", 4); });
+  waitForWaiters(*file, 1);
+  ASSERT_EQ(server.count("setShouldCancel"), 0u);
+  const TraceRecorder trace;
+  server.reportProgress(kPath);
+  EXPECT_EQ(finish(elsewhere), 2);
+  EXPECT_EQ(trace.messagesWith("should cancel").size(), 1u);
+  const auto stops = server.calls("setShouldCancel");
+  ASSERT_EQ(stops.size(), 1u);
+  EXPECT_EQ(stops[0].arguments[0], "1");
+  EXPECT_EQ(stops[0].connection, server.calls("streamBytesWithFilename")[0].connection);
 }
 
 TEST_F(Streaming, ThatCannotGetAThreadFailsTheWriteAndSettles) {

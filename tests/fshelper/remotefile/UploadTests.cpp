@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <future>
 
 #include "tests/fshelper/remotefile/RemoteFileFixture.h"
 
@@ -84,6 +85,33 @@ TEST_F(Uploading, CountsReportedBytesNotTheCacheFile) {
   EXPECT_EQ(file->bytesAvailable(), 4u);
   EXPECT_EQ(file->bytesUploading(), 10u);
   hold->release();
+}
+
+TEST_F(Uploading, CountsNothingFromAWriteOnAsConfirmed) {
+  file = downloadedFile("0123456789");
+  std::promise<void> go;
+  calls.delayNextThread(go.get_future().share());
+  ASSERT_EQ(write(*file, "X", 3), 1);
+  EXPECT_EQ(file->state(), kOFSUploading);
+  EXPECT_EQ(file->bytesAvailable(), 3u);
+  go.set_value();
+  waitForState(*file, kOFSSettled);
+}
+
+TEST_F(Uploading, TakesTheCountOfTheLibraryAtItsEnd) {
+  const auto hold = server.hold("uploadFileAtPath", kPath, kAtEnd);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  const auto pool = server.pool();
+  const auto other = pool->acquireConnection();
+  ConnectionDelegate& delegate = *file;
+  delegate.connection(*other, 3, 0.0, false);
+  pool->releaseConnection(other);
+  EXPECT_EQ(file->bytesAvailable(), 3u);
+  hold->release();
+  waitForState(*file, kOFSSettled);
+  EXPECT_EQ(file->bytesAvailable(), 5u);
 }
 
 TEST_F(Uploading, SendsWritesThatArriveMeanwhileByOneMorePass) {
@@ -218,7 +246,8 @@ TEST_F(Uploading, ThatIsTooSlowFailsTheWriterAfterThirtySecondsWithEFBIGBeneath)
   auto writer = inBackground([&] { return write(*file, "ab", 10, &error); });
   clock->waitForSleepers(1);
   clock->advance(29.9);
-  clock->waitForSleepers(1);
+  eventually([&] { return trace.messagesWith("waiting until").size() == 2; }, "the writer looking again");
+  EXPECT_EQ(trace.messagesWith("waiting until 2001-09-09 01:47:10 +0000").size(), 2u) << "one limit for all";
   EXPECT_TRUE(isRunning(writer));
   clock->advance(0.2);
   eventually([this] { return file->bytesRequired() == OFSRemoteFile::kCancelMark; }, "the cancel mark");
@@ -236,6 +265,20 @@ TEST_F(Uploading, ThatIsTooSlowFailsTheWriterAfterThirtySecondsWithEFBIGBeneath)
   EXPECT_EQ(file->state(), kOFSSettled);
   EXPECT_EQ(file->bytesAvailable(), 0u);
   EXPECT_FALSE(file->isCovered());
+}
+
+TEST_F(Uploading, LimitOfAWriterFollowsTheHardLimit) {
+  gHardLimit = 10.0;
+  const auto hold = server.hold("uploadFileAtPath");
+  file = createdFile();
+  ASSERT_EQ(write(*file, "0123456789", 0), 10);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  auto writer = inBackground([this] { return write(*file, "ab", 10); });
+  clock->waitForSleepers(1);
+  clock->advance(5.0);
+  eventually([this] { return file->bytesRequired() == OFSRemoteFile::kCancelMark; }, "the cancel mark");
+  hold->release();
+  EXPECT_EQ(finish(writer), -1);
 }
 
 TEST_F(Uploading, ThatFailedIsKeptAsTheLastError) {
@@ -304,6 +347,21 @@ TEST_F(Uploading, WithoutRoomForASnapshotSendsTheCacheFileItself) {
   EXPECT_TRUE(file->isCovered());
 }
 
+TEST_F(Uploading, WithoutRoomForASnapshotNamesTheFileInItsDisplayForm) {
+  server.credentials()->setEncoding("ISO-8859-1");
+  server.addFolder("/docs");
+  const std::string path = "/docs/caf\xe9.bin";
+  file = makeFile(path);
+  ASSERT_TRUE(file->openWithMode(kO_RDWR | kO_CREAT, nullptr));
+  calls.fail(Call::kOpen, ENOSPC);
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  waitForState(*file, kOFSSettled);
+  const auto sent = server.transfers("uploadFileHandle");
+  ASSERT_EQ(sent.size(), 2u) << "the empty file, and its content";
+  EXPECT_EQ(sent[1].name, "/docs/caf\xc3\xa9.bin");
+  EXPECT_EQ(onServer(path), "hello");
+}
+
 TEST_F(Uploading, NeverSendsASnapshotThatTheDiskHadNoRoomFor) {
   file = createdFile();
   calls.fail(Call::kCopyRange, ENOSPC);
@@ -365,6 +423,7 @@ TEST_F(Uploading, WaitsForTheDownload) {
   auto writer = inBackground([this] { return write(*file, "X", 0); });
   waitForWaiters(*file, 1);
   EXPECT_TRUE(isRunning(writer));
+  EXPECT_EQ(server.count("acquireConnection"), 1u) << "the download's: who waits has none";
   hold->release();
   EXPECT_EQ(finish(writer), 1);
   EXPECT_TRUE(file->synchronize(nullptr));
