@@ -51,24 +51,31 @@ bool S3MultipartUpload::begin(std::vector<HTTPHeader> headers, TransferControl* 
   return true;
 }
 
-bool S3MultipartUpload::addTag(const std::string* tag, NSErrorRef* error) {
-  if (tag == nullptr || tag->empty()) {
-    storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, "a part of an upload has no tag"));
-    return false;
-  }
-  iTags.push_back(*tag);
-  return true;
+bool S3MultipartUpload::hasTag(const std::string* tag, NSErrorRef* error) {
+  if (tag != nullptr && !tag->empty()) return true;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, "a part of an upload has no tag"));
+  return false;
 }
 
 bool S3MultipartUpload::sendPart(HTTPBody body, std::string hash, TransferControl* control,
                                  NSErrorRef* error) {
+  auto tag = sendPart(iClient, parts() + 1, std::move(body), std::move(hash), control, error);
+  if (tag) addPart(std::move(*tag));
+  return tag.has_value();
+}
+
+std::optional<std::string> S3MultipartUpload::sendPart(S3Client& client, uint32_t number, HTTPBody body,
+                                                       std::string hash, TransferControl* control,
+                                                       NSErrorRef* error) const {
   S3Request part = request("PUT");
-  part.query.emplace_back("partNumber", std::to_string(iTags.size() + 1));
+  part.query.emplace_back("partNumber", std::to_string(number));
   part.body = std::move(body);
   part.payloadHash = std::move(hash);
   part.control = control;
-  const auto response = iClient.performOrFail(std::move(part), iPath.text(), error);
-  return response && addTag(response->header("ETag"), error);
+  const auto response = client.performOrFail(std::move(part), iPath.text(), error);
+  const std::string* tag = response ? response->header("ETag") : nullptr;
+  if (!response || !hasTag(tag, error)) return std::nullopt;
+  return *tag;
 }
 
 bool S3MultipartUpload::copyPart(const std::string& source, const std::string& sourceTag, FileExtent range,
@@ -85,7 +92,9 @@ bool S3MultipartUpload::copyPart(const std::string& source, const std::string& s
   const auto response = iClient.performOrFail(std::move(part), iPath.text(), error);
   if (!response) return false;
   const std::optional<std::string> tag = s3CopiedTag(response->body);
-  return addTag(tag ? &*tag : nullptr, error);
+  if (!hasTag(tag ? &*tag : nullptr, error)) return false;
+  addPart(*tag);
+  return true;
 }
 
 bool S3MultipartUpload::complete(TransferControl* control, NSErrorRef* error) {

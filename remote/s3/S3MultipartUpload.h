@@ -24,6 +24,12 @@ class S3MultipartUpload {
   [[nodiscard]] bool begin(std::vector<HTTPHeader> headers, TransferControl* control, NSErrorRef* error);
   // The next part. `hash` may be empty where bodies are not signed.
   [[nodiscard]] bool sendPart(HTTPBody body, std::string hash, TransferControl* control, NSErrorRef* error);
+  // A part of any number from 1 on, which may travel over another client, on another thread than others that
+  // are under way. Answers its tag, with which `addPart` takes it, one after the other.
+  [[nodiscard]] std::optional<std::string> sendPart(S3Client& client, uint32_t number, HTTPBody body,
+                                                    std::string hash, TransferControl* control,
+                                                    NSErrorRef* error) const;
+  void addPart(std::string tag) { iTags.push_back(std::move(tag)); }
   // The next part, from another object on the server: `source` is "/bucket/key", percent-encoded.
   [[nodiscard]] bool copyPart(const std::string& source, const std::string& sourceTag, FileExtent range,
                               NSErrorRef* error);
@@ -33,7 +39,7 @@ class S3MultipartUpload {
 
  private:
   S3Request request(std::string method) const;
-  bool addTag(const std::string* tag, NSErrorRef* error);
+  static bool hasTag(const std::string* tag, NSErrorRef* error);
   bool wasCompleted(TransferControl* control);
   void abandon();
 

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <vector>
 
 #include "platform/foundation/NSFileHandle.h"
 #include "platform/foundation/NSFileManager.h"
@@ -27,42 +26,38 @@ bool failLocally(NSErrorRef* error, int number) {
 
 }  // namespace
 
-bool S3PartBuffer::prepare(uint64_t size, NSErrorRef* error) {
+void S3PartBuffer::clear() {
   iLength = 0;
   iGiven = 0;
   iIsLast = false;
-  if (size <= iMostMemory) {
-    if (iCapacity < size) iMemory = std::make_unique_for_overwrite<std::byte[]>(size);
-    iCapacity = std::max(iCapacity, size);
-    return true;
-  }
-  iMemory.reset();
-  iCapacity = 0;
-  if (iFile != nullptr) return true;
+}
+
+// What is in memory goes to a file, and so does all that follows.
+bool S3PartBuffer::moveToFile(NSErrorRef* error) {
   const std::string folder = NSFileManager::kc_confstr(kDarwinUserTempDir);
   const int descriptor = ::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
   if (descriptor < 0) return failLocally(error, errno);
   iFile = std::make_unique<NSFileHandle>(descriptor);
-  return true;
-}
-
-bool S3PartBuffer::keep(std::byte* piece, size_t count, NSErrorRef* error) {
-  if (iFile != nullptr && !iFile->writeAll(piece, count, iLength)) return failLocally(error, errno);
-  iLength += count;
+  if (iLength > 0 && !iFile->writeAll(iMemory.data(), iLength, 0)) return failLocally(error, errno);
+  iMemory.resize(kPiece);
+  iMemory.shrink_to_fit();
   return true;
 }
 
 bool S3PartBuffer::fill(const Next& next, uint64_t size, const std::function<bool()>& mayGoOn,
                         NSErrorRef* error) {
-  if (!prepare(size, error)) return false;
-  std::vector<std::byte> piece(iFile != nullptr ? kPiece : 0);
+  clear();
   while (iLength < size && mayGoOn()) {
     const auto wanted = static_cast<size_t>(std::min<uint64_t>(size - iLength, kPiece));
-    std::byte* target = iFile != nullptr ? piece.data() : iMemory.get() + iLength;
-    const size_t count = next(target, wanted);
+    if (iFile == nullptr && iLength + wanted > iMostMemory && !moveToFile(error)) return false;
+    const size_t at = iFile != nullptr ? 0 : static_cast<size_t>(iLength);
+    if (iMemory.size() < at + wanted) iMemory.resize(at + wanted);
+    const size_t count = std::min(next(iMemory.data() + at, wanted), wanted);
     iIsLast = count == 0;
     if (iIsLast) break;
-    if (!keep(target, std::min(count, wanted), error)) return false;
+    if (iFile != nullptr && !iFile->writeAll(iMemory.data(), count, iLength))
+      return failLocally(error, errno);
+    iLength += count;
   }
   return true;
 }
@@ -86,7 +81,7 @@ size_t S3PartBuffer::give(std::byte* buffer, size_t capacity) {
     if (got <= 0) return kHTTPSourceFailed;
     count = static_cast<size_t>(got);
   } else if (count > 0) {
-    std::memcpy(buffer, iMemory.get() + iGiven, count);
+    std::memcpy(buffer, iMemory.data() + iGiven, count);
   }
   iGiven += count;
   return count;
@@ -94,7 +89,7 @@ size_t S3PartBuffer::give(std::byte* buffer, size_t capacity) {
 
 std::string S3PartBuffer::hash() const {
   if (iFile != nullptr) return s3SHA256OfFile(*iFile, {0, iLength}).value_or("");
-  return s3SHA256({reinterpret_cast<const char*>(iMemory.get()), static_cast<size_t>(iLength)});
+  return s3SHA256({reinterpret_cast<const char*>(iMemory.data()), static_cast<size_t>(iLength)});
 }
 
 }  // namespace ombra

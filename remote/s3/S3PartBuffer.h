@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/foundation/NSError.h"
 #include "remote/http/HTTPClient.h"
@@ -13,12 +14,13 @@
 namespace ombra {
 
 // A server wants to know the length of a part before its first byte, so that a part is gathered before it is
-// sent: in memory, a long one in an unlinked temporary file. Used again and again for one stream.
+// sent: a short one in memory, a longer one in an unlinked temporary file, so that it does not matter for
+// memory how many are under way. Used again and again for one stream.
 class S3PartBuffer {
  public:
   using Next = std::function<size_t(std::byte*, size_t)>;
   // Parts longer than `memory` bytes go to a file.
-  explicit S3PartBuffer(uint64_t memory = uint64_t{64} << 20) : iMostMemory(memory) {}
+  explicit S3PartBuffer(uint64_t memory = uint64_t{1} << 20) : iMostMemory(memory) {}
   S3PartBuffer(const S3PartBuffer&) = delete;
   S3PartBuffer& operator=(const S3PartBuffer&) = delete;
 
@@ -36,13 +38,12 @@ class S3PartBuffer {
   std::string hash() const;
 
  private:
-  bool prepare(uint64_t size, NSErrorRef* error);
-  bool keep(std::byte* piece, size_t count, NSErrorRef* error);
+  void clear();
+  bool moveToFile(NSErrorRef* error);
   size_t give(std::byte* buffer, size_t capacity);
 
   const uint64_t iMostMemory;
-  std::unique_ptr<std::byte[]> iMemory;
-  uint64_t iCapacity = 0;               // of the memory
+  std::vector<std::byte> iMemory;       // the content, or a piece of it on its way to the file
   std::unique_ptr<NSFileHandle> iFile;  // in use instead, once a part is too long
   uint64_t iLength = 0;
   uint64_t iGiven = 0;

@@ -10,6 +10,7 @@
 #include "remote/s3/S3Errors.h"
 #include "remote/s3/S3MultipartUpload.h"
 #include "remote/s3/S3PartBuffer.h"
+#include "remote/s3/S3PartSenders.h"
 #include "remote/s3/S3PartSizes.h"
 #include "remote/s3/S3Session.h"
 
@@ -20,6 +21,11 @@ const HTTPHeader kAnyContent{"Content-Type", "application/octet-stream"};
 
 bool failCancelled(std::string_view path, NSErrorRef* error) {
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
+  return false;
+}
+
+bool failInterrupted(NSErrorRef* error) {
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the session was interrupted"));
   return false;
 }
 
@@ -141,34 +147,31 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
                        TransferControl& control, NSErrorRef* error) {
   const S3Path object = S3Path::parse(path);
   if (refuseOutsideOfBucket(object, error) || !requireFolder(object.parent(), error)) return false;
-  S3PartBuffer buffer;
   S3MultipartUpload whole(iClient, object, object.key);
+  S3PartSenders senders(iClient, whole, iLimits.streamParts);  // ends before what it sends is thrown away
   const auto mayGoOn = [this, &control] { return !control.shouldCancel() && !iClient.isInterrupted(); };
-  uint64_t sent = 0;
-  while (true) {
-    const uint64_t size = s3StreamPartSize(whole.parts() + 1, iLimits.firstStreamPart);
-    if (!buffer.fill(next, size, mayGoOn, error)) return false;
+  for (uint32_t number = 1; number <= kS3MostParts; ++number) {
+    S3PartBuffer* buffer = senders.buffer(control, error);
+    const uint64_t size = s3StreamPartSize(number, iLimits.firstStreamPart);
+    if (buffer == nullptr || !buffer->fill(next, size, mayGoOn, error)) return false;
     if (control.shouldCancel()) return failCancelled(path, error);
-    const std::string hash = iClient.signsPayloads() ? buffer.hash() : std::string();
-    if (buffer.isLast() && whole.parts() == 0) return putBuffer(buffer, hash, object, control, error);
-    if (whole.parts() == 0 && !whole.begin({kAnyContent}, &control, error)) return false;
-    if (buffer.length() > 0 && !whole.sendPart(buffer.body(), hash, &control, error)) return false;
-    control.progress(sent += buffer.length());
-    if (buffer.isLast()) return whole.complete(&control, error);
-    if (whole.parts() == kS3MostParts) {
-      storeError(error, QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, "no object has so many parts"));
-      return false;
-    }
+    if (iClient.isInterrupted()) return failInterrupted(error);
+    if (buffer->isLast() && number == 1) return putBuffer(*buffer, object, control, error);
+    if (number == 1 && !whole.begin({kAnyContent}, &control, error)) return false;
+    if (buffer->length() > 0) senders.send();
+    if (buffer->isLast()) return senders.finish(control, error) && whole.complete(&control, error);
   }
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, "no object has so many parts"));
+  return false;
 }
 
 // A stream that is shorter than a part needs no parts.
-bool S3Session::putBuffer(S3PartBuffer& buffer, const std::string& hash, const S3Path& path,
-                          TransferControl& control, NSErrorRef* error) {
+bool S3Session::putBuffer(S3PartBuffer& buffer, const S3Path& path, TransferControl& control,
+                          NSErrorRef* error) {
   S3Request request = putRequest(path, control);
   if (buffer.length() > 0) {
     request.body = buffer.body();
-    request.payloadHash = hash;
+    if (iClient.signsPayloads()) request.payloadHash = buffer.hash();
   }
   return iClient.performOrFail(std::move(request), path.text(), error).has_value();
 }

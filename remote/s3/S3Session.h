@@ -118,8 +118,7 @@ class S3Session final : public Session {
                       NSErrorRef* error);
   bool sendWhole(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
                  NSErrorRef* error);
-  bool putBuffer(S3PartBuffer& buffer, const std::string& hash, const S3Path& path, TransferControl& control,
-                 NSErrorRef* error);
+  bool putBuffer(S3PartBuffer& buffer, const S3Path& path, TransferControl& control, NSErrorRef* error);
   bool explainUnsatisfiable(const S3Path& path, uint64_t offset, std::string* version, NSErrorRef* error);
 
   bool refuseOutsideOfBucket(const S3Path& path, NSErrorRef* error) const;

@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <set>
 
 #include "tests/s3/MemoryStore.h"
 #include "tests/support/ConnectionContract.h"
@@ -92,6 +95,48 @@ TEST_F(S3Transfers, StreamsOfEveryLengthArriveWhole) {
     EXPECT_EQ(store().content("file"), content) << size;
     EXPECT_EQ(store().unfinishedUploads(), 0u);
   }
+}
+
+// Each part takes the server a while, in which it takes others.
+TEST_F(S3Transfers, SeveralPartsOfAStreamAreUnderWayAtOnce) {
+  std::mutex lock;
+  std::condition_variable meeting;
+  size_t present = 0;
+  store().setIntercept([&](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    if (seen.target.find("partNumber") == std::string::npos) return std::nullopt;
+    // None is answered before four are there.
+    std::unique_lock held(lock);
+    ++present;
+    meeting.notify_all();
+    if (!meeting.wait_for(held, std::chrono::seconds(20), [&present] { return present >= 4; }))
+      return s3RefusalReply(400, "Alone");
+    return std::nullopt;
+  });
+  KeptControl control;
+  const std::string content = contractContent(3999);
+  ASSERT_TRUE(stream(content, control)) << iError->description();
+  EXPECT_EQ(store().content("file"), content);
+  EXPECT_EQ(store().asked().size(), 10u) << "begin, eight parts, end";
+  EXPECT_EQ(control.reached.back(), 3999u);
+  EXPECT_TRUE(std::is_sorted(control.reached.begin(), control.reached.end()));
+}
+
+// Servers bound how many connections somebody has.
+TEST_F(S3Transfers, PartsWhoseOwnConnectionIsRefusedTravelOnTheSessions) {
+  std::mutex lock;
+  std::set<std::string> lost;
+  store().setIntercept([&](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    // All but the first, fifth, ... part, which have the session's own connection.
+    const std::lock_guard held(lock);
+    const size_t at = seen.target.find("partNumber=");
+    if (at == std::string::npos || (seen.target[at + 11] - '1') % 4 == 0) return std::nullopt;
+    return lost.insert(seen.target).second ? std::optional(httpHangUp()) : std::nullopt;
+  });
+  KeptControl control;
+  const std::string content = contractContent(3999);
+  ASSERT_TRUE(stream(content, control)) << iError->description();
+  EXPECT_EQ(lost.size(), 6u);
+  EXPECT_EQ(store().content("file"), content);
 }
 
 TEST_F(S3Transfers, AFailedPartLeavesTheOldFileAndNoParts) {

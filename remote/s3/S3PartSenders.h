@@ -1,0 +1,55 @@
+// The parts of a stream, several of them under way at once.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "remote/Session.h"
+#include "remote/s3/S3Client.h"
+#include "remote/s3/S3MultipartUpload.h"
+#include "remote/s3/S3PartBuffer.h"
+
+namespace ombra {
+
+// A server needs a while for each part, in which it could take others: so the next part is gathered, and sent
+// on a connection of its own, while those before it are under way. Used by the session's thread alone:
+// buffer → send → buffer → … → finish. The session's client must not be used between the first `send` and the
+// end of `finish`. The destructor ends what is under way.
+class S3PartSenders {
+ public:
+  // At most `most` parts are under way, the first on `client` itself.
+  S3PartSenders(S3Client& client, S3MultipartUpload& whole, size_t most);
+  ~S3PartSenders();
+  S3PartSenders(const S3PartSenders&) = delete;
+  S3PartSenders& operator=(const S3PartSenders&) = delete;
+
+  // The one to fill for the next part; waits for the oldest part when as many are under way as may be. Null
+  // with the error when that part failed, or `control` or the session's end asked for it.
+  [[nodiscard]] S3PartBuffer* buffer(TransferControl& control, NSErrorRef* error);
+  // Sends what is in the buffer that was given last as the next part.
+  void send();
+  // Waits until the server has all parts.
+  [[nodiscard]] bool finish(TransferControl& control, NSErrorRef* error);
+
+ private:
+  class Stop;
+  struct Slot;
+  Slot& slotOf(uint32_t number) { return *iSlots[number % iMost]; }
+  void transfer(S3Client& client, uint32_t number, Slot* slot);
+  [[nodiscard]] bool waitFor(Slot& slot, TransferControl& control, NSErrorRef* error);
+  [[nodiscard]] bool takeOldest(TransferControl& control, NSErrorRef* error);
+  [[nodiscard]] bool tryOnFirst(Slot& slot, uint32_t number, TransferControl& control, NSErrorRef* error);
+
+  S3Client& iClient;
+  S3MultipartUpload& iWhole;
+  const size_t iMost;
+  const std::unique_ptr<Stop> iStop;
+  std::vector<std::unique_ptr<Slot>> iSlots;
+  uint32_t iBegun = 0;  // parts that were sent off
+  uint32_t iTaken = 0;  // parts that the server has
+  uint64_t iStored = 0;
+};
+
+}  // namespace ombra
