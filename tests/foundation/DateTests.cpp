@@ -52,6 +52,27 @@ TEST(Condition, WaitEndsWhenTheManualClockPassesItsLimit) {
   EXPECT_FALSE(inTime);
 }
 
+// The double itself: tests go by what it tells of others.
+TEST(ManualClock, TellsTimedWaitsUnderWayAndThoseThatHaveBegun) {
+  ManualClock clock;
+  NSCondition condition;
+  std::thread waiter([&condition] {
+    ConditionLock lock(condition);
+    const NSDate limit = NSDate::dateWithTimeIntervalSinceNow(10);
+    while (condition.waitUntilDate(limit)) {
+    }
+  });
+  clock.waitForSleepers(1);
+  EXPECT_EQ(clock.sleepers(), 1u);
+  const size_t before = clock.begunWaits();
+  clock.advance(4);
+  while (clock.begunWaits() == before) std::this_thread::yield();
+  EXPECT_EQ(clock.sleepers(), 1u);
+  clock.advance(6);
+  waiter.join();
+  EXPECT_EQ(clock.sleepers(), 0u);
+}
+
 // The tests of formats run in a zone that differs from UTC.
 class DateFormatter : public testing::Test {
  protected:

@@ -17,6 +17,7 @@ NSDate ManualClock::now() const {
 void ManualClock::willWait(NSCondition& condition) {
   MutexLock lock(iLock);
   iWaiting.push_back(&condition);
+  ++iBegunWaits;
 }
 
 void ManualClock::didWait(NSCondition& condition) {
@@ -41,6 +42,11 @@ void ManualClock::advance(double seconds) {
 size_t ManualClock::sleepers() const {
   MutexLock lock(iLock);
   return iWaiting.size();
+}
+
+size_t ManualClock::begunWaits() const {
+  MutexLock lock(iLock);
+  return iBegunWaits;
 }
 
 void ManualClock::waitForSleepers(size_t count) {

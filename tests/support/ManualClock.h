@@ -27,11 +27,14 @@ class ManualClock final : public Clock {
   void waitForSleepers(size_t count) EXCLUDES(iLock);
   // Timed waits that are under way. A wait without a limit is none of them.
   size_t sleepers() const EXCLUDES(iLock);
+  // Timed waits that have begun so far: one more says that a waiter has looked at the time and waits again.
+  size_t begunWaits() const EXCLUDES(iLock);
 
  private:
   mutable Mutex iLock;
   NSDate iNow GUARDED_BY(iLock);
   std::vector<NSCondition*> iWaiting GUARDED_BY(iLock);
+  size_t iBegunWaits GUARDED_BY(iLock) = 0;
 };
 
 }  // namespace ombra

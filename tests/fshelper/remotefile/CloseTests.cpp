@@ -36,9 +36,7 @@ TEST_F(Closing, GivesARunningDownloadFiftyFourSeconds) {
   file = arrivingFile("0123456789", 2);
   const TraceRecorder trace;
   auto closer = inBackground([this] { file->close(); });
-  clock->waitForSleepers(1);
-  clock->advance(53.9);
-  clock->waitForSleepers(1);
+  advanceWithin(53.9);
   EXPECT_TRUE(isRunning(closer));
   clock->advance(0.2);
   finish(closer);
@@ -210,8 +208,7 @@ TEST_F(ClosingUpload, GivesItsOwnUploadFiftyFourSecondsFromItsBeginning) {
   waitForWaiters(*file, 1);
   clock->advance(100.0);
   first->releaseFailing(QuarnKitError::errorWithCode(kQuarnKitConnectionLost));
-  clock->waitForSleepers(1);
-  clock->advance(53.9);
+  advanceWithin(53.9);
   EXPECT_TRUE(isRunning(closer));
   EXPECT_THAT(trace.messagesWith("continuing"), IsEmpty());
   clock->advance(0.2);

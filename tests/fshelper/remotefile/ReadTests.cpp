@@ -28,11 +28,11 @@ TEST_F(OpenFileReading, WaitsForItsRangeAndPublishesIt) {
   const auto first = server.hold("downloadFileAtPath", kPath, 4);
   const auto second = server.hold("downloadFileAtPath", kPath, 8);
   file = arrivingFile("0123456789ab", 4);
-  auto reader = inBackground([this] { return read(*file, 4, 3); });
+  auto reader = inBackground([this] { return read(*file, 5, 3); });
   waitForWaiters(*file, 1);
-  EXPECT_EQ(file->bytesRequired(), 7u);
+  EXPECT_EQ(file->bytesRequired(), 8u);
   first->release();
-  EXPECT_EQ(finish(reader), "3456");
+  EXPECT_EQ(finish(reader), "34567");
   ASSERT_TRUE(second->waitUntilHeld());
   EXPECT_EQ(file->state(), kOFSDownloading);
   EXPECT_EQ(file->bytesRequired(), 0u) << "the report that satisfied it cleared it";

@@ -228,8 +228,8 @@ TEST_F(Streaming, IdleLimitFollowsTheHardLimit) {
   gHardLimit = 10.0;
   file = createdFile();
   ASSERT_EQ(write(*file, "hello", 0), 5);
-  clock->waitForSleepers(1);
-  clock->advance(1.0);
+  advanceWithin(0.9);
+  clock->advance(0.1);
   waitForState(*file, kOFSSettled);
   EXPECT_EQ(onServer(), "hello");
 }
@@ -330,9 +330,7 @@ TEST_F(Streaming, ThatIsTooSlowForALaterWriteFailsItAfterTwelveSeconds) {
   const TraceRecorder trace;
   NSErrorRef error;
   auto writer = inBackground([&] { return write(*file, "cdef", 12, &error); });
-  clock->waitForSleepers(1);
-  clock->advance(11.9);
-  clock->waitForSleepers(1);
+  advanceWithin(11.9);
   EXPECT_TRUE(isRunning(writer));
   clock->advance(0.2);
   EXPECT_EQ(finish(writer), -1);

@@ -134,6 +134,40 @@ TEST_F(Uploading, SendsWritesThatArriveMeanwhileByOneMorePass) {
   EXPECT_TRUE(file->isCovered());
 }
 
+TEST_F(Uploading, CountsAnewWithEachPass) {
+  const auto end = server.hold("uploadFileAtPath", kPath, kAtEnd);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "hello", 0), 5);
+  ASSERT_TRUE(end->waitUntilHeld());
+  ASSERT_EQ(write(*file, "!", 5), 1);
+  EXPECT_TRUE(file->needsFlush());
+  const auto next = server.hold("uploadFileAtPath", kPath);
+  end->release();
+  ASSERT_TRUE(next->waitUntilHeld());
+  EXPECT_FALSE(file->needsFlush());
+  EXPECT_EQ(file->bytesAvailable(), 0u);
+  EXPECT_EQ(file->bytesUploading(), 6u);
+  next->release();
+  waitForState(*file, kOFSSettled);
+  EXPECT_EQ(onServer(), "hello!");
+}
+
+TEST_F(Uploading, RequiresTheEndOfTheLastWriteAlsoWhenThatIsNearer) {
+  server.setChunkSize(1);
+  const auto hold = server.hold("uploadFileAtPath", kPath, 3);
+  file = createdFile();
+  ASSERT_EQ(write(*file, "01234", 0), 5);
+  ASSERT_TRUE(hold->waitUntilHeld());
+  ASSERT_EQ(write(*file, "abc", 5), 3);
+  ASSERT_EQ(file->bytesRequired(), 8u);
+  ASSERT_EQ(write(*file, "X", 6), 1);
+  EXPECT_EQ(file->bytesRequired(), 7u);
+  EXPECT_EQ(server.count("uploadFileAtPath"), 1u) << "and it goes on";
+  hold->release();
+  waitForState(*file, kOFSSettled);
+  EXPECT_EQ(onServer(), "01234aXc");
+}
+
 TEST_F(Uploading, IsCancelledByAWriteBeforeTheSnapshotsEnd) {
   const auto hold = server.hold("uploadFileAtPath");
   file = createdFile();
