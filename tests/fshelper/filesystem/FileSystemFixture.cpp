@@ -3,9 +3,11 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <condition_variable>
 #include <filesystem>
 
 #include "fshelper/OFSRemoteFile.h"
+#include "fshelper/OFSRemoteFileLocalCalls.h"
 #include "platform/foundation/NSLog.h"
 #include "platform/foundation/NeverDestroyed.h"
 
@@ -21,10 +23,47 @@ void recordLine(std::string_view text) {
   gLogLines.emplace_back(text);
 }
 
+// Knows of the workers of all open files.
+class CountedWorkers final : public OFSRemoteFileLocalCalls {
+ public:
+  bool detachNewThread(std::function<void()> body) override {
+    change(1);
+    const bool isStarted = OFSRemoteFileLocalCalls::detachNewThread([this, body = std::move(body)]() mutable {
+      body();
+      // The file that it holds may end with it, and closes then.
+      body = nullptr;
+      change(-1);
+    });
+    if (!isStarted) change(-1);
+    return isStarted;
+  }
+  void waitUntilNone() {
+    std::unique_lock lock(iMutex);
+    EXPECT_TRUE(iEnd.wait_for(lock, std::chrono::seconds(30), [this] { return iCount == 0; }));
+  }
+
+ private:
+  void change(int by) {
+    const std::lock_guard lock(iMutex);
+    iCount += by;
+    iEnd.notify_all();
+  }
+
+  std::mutex iMutex;
+  std::condition_variable iEnd;
+  int iCount = 0;
+};
+
+CountedWorkers& workers() {
+  static NeverDestroyed<CountedWorkers> sWorkers;
+  return *sWorkers;
+}
+
 // Folders of the user that are this test program's own.
 class OwnFolders final : public ::testing::Environment {
  public:
   void SetUp() override {
+    OFSRemoteFileLocalCalls::setCurrent(&workers());
     char pattern[] = "/tmp/ombra-filesystem-XXXXXX";
     ASSERT_NE(mkdtemp(pattern), nullptr);
     iPath = pattern;
@@ -101,8 +140,12 @@ FileSystemTest::FileSystemTest() : clock(newClock()) {
   fileSystem.setConnectionPool(server.pool());
 }
 
-// Workers that still hold a connection would give it back to a server that is gone.
-FileSystemTest::~FileSystemTest() { server.waitUntilAllReleased(); }
+// Workers that still hold a connection would give it back to a server that is gone, and what they log on
+// their way to their end would be taken for the next test's.
+FileSystemTest::~FileSystemTest() {
+  server.waitUntilAllReleased();
+  workers().waitUntilNone();
+}
 
 void FileSystemTest::connect() {
   ASSERT_TRUE(fileSystem.preflight(&error));
