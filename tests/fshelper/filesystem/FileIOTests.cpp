@@ -55,7 +55,13 @@ TEST_F(Open, NeedsNoSlot) {
 }
 
 TEST_F(Open, OnlyTheLowSixteenBitsOfTheFlagsCount) {
-  open("/a.txt", 0x70000 | kO_RDWR);
+  RecordedLog log;
+  {
+    const TracingOn tracing;
+    open("/a.txt", 0x70000 | kO_RDWR);
+  }
+  EXPECT_THAT(log.linesWith("{ -[OFSRemoteFile openWithMode:error:]"),
+              ::testing::ElementsAre(::testing::EndsWith(" mode=02")));
   EXPECT_EQ(fileOnNode("/a.txt")->mode(), kO_RDWR);
   EXPECT_EQ(server.count("downloadFileAtPath"), 1u);
 }
