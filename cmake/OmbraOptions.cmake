@@ -31,6 +31,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   add_compile_options(-Wthread-safety -Wno-unknown-warning-option)
 endif()
 add_compile_definitions(_FILE_OFFSET_BITS=64)
+# The reason of a hard failure names its source file: below the tree, not where the tree happens to be.
+add_compile_options(-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
 find_program(OMBRA_LLD ld.lld)
 if(OMBRA_LLD)
