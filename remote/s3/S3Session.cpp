@@ -90,7 +90,7 @@ bool S3Session::askForLogin(NSErrorRef* error) {
   if (!answer) return false;
   if (answer->isGood()) {
     const std::string& body = answer->response.body;
-    if (start.isRoot() ? s3Buckets(body).has_value() : s3Listing(body).has_value()) return true;
+    if (start.isRoot() ? s3Buckets(body).has_value() : noteStart(start, body)) return true;
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError,
                                                    iClient.endpoint().host() + " is no S3 server"));
     return false;
@@ -106,12 +106,24 @@ bool S3Session::askForLogin(NSErrorRef* error) {
   return isLoggedIn;
 }
 
+// The answer to the login is one about the start folder, too, which is looked at next.
+bool S3Session::noteStart(const S3Path& start, const std::string& body) {
+  const std::optional<S3Listing> listing = s3Listing(body);
+  if (!listing) return false;
+  if (start.isBucket() || !listing->objects.empty()) iClient.knowledge().noteFolder(start, false);
+  return true;
+}
+
 std::optional<std::string> S3Session::realPath(std::string_view path, std::string_view base,
                                                bool* isDirectory, NSErrorRef* error) {
   // There are no homes: all begin at the list of buckets.
   if (path.starts_with('~'))
     path = path.find('/') == std::string_view::npos ? "/" : path.substr(path.find('/'));
   const S3Path target = S3Path::parse(absoluteRemotePath(path, base));
+  if (iClient.knowledge().folder(target) != S3Knowledge::Folder::kUnknown) {
+    if (isDirectory != nullptr) *isDirectory = true;
+    return target.text();
+  }
   const std::optional<Item> item = look(target, error);
   if (!item) return std::nullopt;
   if (item->kind == Kind::kNothing) {

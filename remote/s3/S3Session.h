@@ -73,6 +73,7 @@ class S3Session final : public Session {
   };
 
   bool askForLogin(NSErrorRef* error);
+  bool noteStart(const S3Path& start, const std::string& body);
 
   // Looking.
   std::optional<Item> look(const S3Path& path, NSErrorRef* error);

@@ -258,6 +258,22 @@ TEST_F(S3Folders, ListedFoldersAreKnownToOtherSessionsToo) {
   EXPECT_THAT(store().asked(), ElementsAre("PUT /test/a/b/new"));
 }
 
+// The login has looked at it already.
+TEST_F(S3Folders, FindingTheStartFolderAfterTheLoginCostsNothing) {
+  for (const std::string start : {"/test", "/test/deep"}) {
+    MemorySession other({}, [&start](KCCredentials& credentials) { credentials.setInitialPath(start); });
+    bool isDirectory = false;
+    if (start == "/test/deep") other.store().put("deep/file", "x");
+    const auto session = other.makeSession();
+    ASSERT_TRUE(session->logIn(&iError)) << start;
+    EXPECT_EQ(session->realPath(start, "/", &isDirectory, &iError), start);
+    EXPECT_TRUE(isDirectory);
+    EXPECT_EQ(other.store().asked().size(), 1u) << start;
+  }
+  // A folder without anything in it was not seen.
+  EXPECT_FALSE(session().realPath("/test/nothing", "/", nullptr, &iError));
+}
+
 TEST_F(S3Folders, AStreamOfLessThanAPartIsOneRequest) {
   KeptControl control;
   std::string content = "streamed";
