@@ -123,6 +123,15 @@ TEST_F(Logs, WithAFileInTheirFoldersPlaceTheMountGoesOnWithoutThem) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(Logs, WithoutAPlaceForTheirFolderTheMountGoesOnWithoutThem) {
+  writeTestFile(folder.path("state"), "no folder");
+  const auto before = standardError();
+  EXPECT_EQ(launch(arguments()), std::nullopt);
+  EXPECT_THAT(mount->iCalls, ElementsAre("mountAtPath YES YES"));
+  EXPECT_EQ(standardError(), before);
+  EXPECT_THAT(center.posted(), IsEmpty());
+}
+
 TEST_F(Logs, WithoutAConsoleFileStandardErrorStaysWhereItWas) {
   std::filesystem::create_directories(logFolder() + "/Work_2001-09-09-014640_Console.log");
   const auto before = standardError();
@@ -254,6 +263,16 @@ TEST_F(Passthrough, ALivingOwnerAndAReachableServerEndTheProcessAtOnce) {
   EXPECT_EQ(center.posted("OFSAlreadyMounted").userInfo->stringForKey("rootPath"), "/");
   EXPECT_THAT(mount->iCalls, IsEmpty());
   EXPECT_EQ(server.heldConnections(), 0u);
+}
+
+TEST_F(Passthrough, TheNewsOfTheOtherMountNamesItsStartFolderAndIdentifier) {
+  lockAnswers(0);
+  setDefault("MountAtRemoteRoot", true);
+  server.addFolder("/home/anna");
+  server.setLoginPath("/home/anna");
+  EXPECT_EQ(launch(arguments({"--passthrough=id"})), 0);
+  EXPECT_EQ(center.posted("OFSAlreadyMounted").userInfo,
+            (NSDictionary{{"rootPath", "/home/anna"}, {"passthrough", "id"}}));
 }
 
 TEST_F(Passthrough, ALivingOwnerAndAnUnreachableServerAreAFailedMount) {

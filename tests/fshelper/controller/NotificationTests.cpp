@@ -76,6 +76,33 @@ TEST_F(Announcement, OfAnUnmountEndsTheProcess) {
               ElementsAre("volumeName", "mountPath", "address", "passthrough"));
 }
 
+TEST_F(Announcement, OfMountAndUnmountHaveEachValueUnderItsKey) {
+  launch(arguments({"--name=Work", "--passthrough=id"}));
+  postDidMount();
+  postLocally(kGMUserFileSystemDidUnmount, {{"mountPath", "/elsewhere"}});
+  EXPECT_EQ(center.posted("OFSDidMount").userInfo, (NSDictionary{{"volumeName", "Work"},
+                                                                 {"mountPath", volumes() + "/Work"},
+                                                                 {"rootPath", "/"},
+                                                                 {"address", "files.example.org"},
+                                                                 {"passthrough", "id"}}));
+  EXPECT_EQ(center.posted("OFSDidUnmount").userInfo, (NSDictionary{{"volumeName", "Work"},
+                                                                   {"mountPath", volumes() + "/Work"},
+                                                                   {"address", "files.example.org"},
+                                                                   {"passthrough", "id"}}));
+}
+
+// The path is that of the report, which a mount of another place may have made.
+TEST_F(Announcement, OfAFailureHasEachValueUnderItsKeyAndTheReportsPath) {
+  launch(arguments({"--name=Work", "--passthrough=id"}));
+  postLocally(kGMUserFileSystemMountFailed, {{"mountPath", "/elsewhere"}});
+  EXPECT_EQ(center.posted("OFSMountFailed").object, kName);
+  EXPECT_EQ(center.posted("OFSMountFailed").userInfo, (NSDictionary{{"volumeName", "Work"},
+                                                                    {"mountPath", "/elsewhere"},
+                                                                    {"address", "files.example.org"},
+                                                                    {"passthrough", "id"}}));
+  EXPECT_THAT(keysOf(center.posted("OFSDidUnmount")), ElementsAre("volumeName"));
+}
+
 TEST_F(Announcement, OfAnUnmountWithoutAMountPathHoldsTheNameAlone) {
   launch(arguments({"--name=Work", "--passthrough=id"}));
   EXPECT_EQ(postLocally(kGMUserFileSystemDidUnmount, {}), 0);
@@ -381,6 +408,13 @@ TEST_F(Invalidation, ARestThatBeginsLikeTheRootsPathLosesThatBeginning) {
   invalidate({mount->iPath + "/home"});
   EXPECT_TRUE(fileSystem->rootNode()->isExpired());
   EXPECT_FALSE(isExpired("/home"));
+}
+
+TEST_F(Invalidation, IsHeardWhateverObjectItNames) {
+  mountAndList();
+  const NSArray paths{PropertyValue(mount->iPath + "/docs")};
+  center.deliver({"OFSInvalidateCache", "somebody", NSDictionary{{"paths", paths}}});
+  EXPECT_TRUE(isExpired("/docs"));
 }
 
 TEST_F(Invalidation, NothingIsPostedInReply) {

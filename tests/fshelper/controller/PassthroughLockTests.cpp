@@ -5,11 +5,13 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <thread>
 
@@ -288,7 +290,54 @@ TEST_F(PassthroughLock, AShortFileThatGetsItsLastBytesIsRead) {
   EXPECT_EQ(WEXITSTATUS(status), 1);
 }
 
-TEST_F(PassthroughLock, ThePlainCallSleepsForReal) { EXPECT_EQ(spc_lock_file(path.c_str()), 1); }
+int nextDescriptor() {
+  const int next = ::dup(STDIN_FILENO);
+  ::close(next);
+  return next;
+}
+
+TEST_F(PassthroughLock, TheFileIsClosedWhateverIsInIt) {
+  const Child owner;
+  const int before = nextDescriptor();
+  for (const std::string& content : {bytesOf(getpid()), bytesOf(owner.process())}) {
+    writeTestFile(path, content);
+    lock();
+    EXPECT_EQ(nextDescriptor(), before);
+  }
+  std::filesystem::remove(path);
+  std::filesystem::create_directory(path);  // reading it fails
+  lock();
+  EXPECT_EQ(nextDescriptor(), before);
+}
+
+// The system call that a process waits in; -1 while it runs.
+long waitingIn(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/syscall");
+  long number = -1;
+  return file >> number ? number : -1;
+}
+
+extern "C" void cutThePauseShort(int) {}
+
+TEST_F(PassthroughLock, ThePlainCallSleepsForReal) {
+  Child owner;
+  writeTestFile(path, bytesOf(owner.process()));
+  const pid_t contender = ::fork();
+  if (contender == 0) {
+    ::signal(SIGUSR1, &cutThePauseShort);
+    _exit(spc_lock_file(path.c_str()));
+  }
+  int status = 0;
+  while (waitingIn(contender) != SYS_clock_nanosleep) {
+    ASSERT_EQ(::waitpid(contender, &status, WNOHANG), 0) << "it has ended without a pause";
+    std::this_thread::yield();
+  }
+  owner.end();
+  ::kill(contender, SIGUSR1);
+  ::waitpid(contender, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 1);
+}
 
 }  // namespace
 }  // namespace ombra

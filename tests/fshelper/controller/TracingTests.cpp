@@ -228,6 +228,19 @@ TEST_F(Tracing, DebugLoggingIsTakenFromTheRegistryWhereItIsDecided) {
   EXPECT_THAT(log.lines(), IsEmpty());
 }
 
+TEST_F(Tracing, DebugLoggingThatTheRegistryHasOffIsNotSwitchedOnByTheDefault) {
+  NSUserDefaults::standardUserDefaults().setVolatileObject(true, "DebugLogging");
+  NewGestaltValue(kSelector, 0);
+  EXPECT_FALSE(KCDebugLoggingIsEnabled());
+  EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Tracing, ARegistryThatKnowsNothingAnswersItsOwnNumber) {
+  int32_t registered = 7;
+  EXPECT_EQ(Gestalt(kSelector, &registered), -5551);
+  EXPECT_EQ(registered, 7);
+}
+
 TEST_F(Tracing, DebugLoggingIsTakenFromTheDefaultAndRegisteredOtherwise) {
   NSUserDefaults::standardUserDefaults().setVolatileObject(true, "DebugLogging");
   EXPECT_TRUE(KCDebugLoggingIsEnabled());
