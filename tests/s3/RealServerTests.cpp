@@ -108,6 +108,7 @@ TEST(S3RealServer, WorksOverTLS) {
   S3Limits limits;
   limits.singlePut = kMiB;
   limits.filePart = 5 * kMiB;
+  limits.firstStreamPart = 5 * kMiB;
   const auto session = server.session(server.credentials(), limits);
   NSErrorRef error;
   ASSERT_TRUE(session->logIn(&error)) << error->description();
