@@ -45,6 +45,17 @@ TEST_F(Logs, LieSideBySideUnderVolumeNameAndDate) {
               ElementsAre("Work_2001-09-09-014640_Console.log", "Work_2001-09-09-014640_Transcript.log"));
 }
 
+TEST_F(Logs, BearTheNameAsTheVolumeHasIt) {
+  launch(arguments({"--name=a/b:c"}));
+  EXPECT_TRUE(std::filesystem::exists(logFolder() + "/a-b-c_2001-09-09-014640_Console.log"));
+  EXPECT_TRUE(std::filesystem::exists(logFolder() + "/a-b-c_2001-09-09-014640_Transcript.log"));
+}
+
+TEST_F(Logs, OfAVolumeWithoutANameBearTheServersAddress) {
+  launch(arguments({}));
+  EXPECT_TRUE(std::filesystem::exists(logFolder() + "/files.example.org_2001-09-09-014640_Console.log"));
+}
+
 TEST_F(Logs, BearTheDateOfTheMountNotOfTheirOpening) {
   const auto make = environment.makeConnectionPool;
   environment.makeConnectionPool = [this, make](std::shared_ptr<KCCredentials> credentials,
