@@ -241,6 +241,13 @@ TEST_F(Credentials, TracingSwitchesVerboseLoggingOn) {
   EXPECT_TRUE(fetch(frontEnd)->useVerboseLogging());
 }
 
+TEST_F(Credentials, TracingAndTheUserDefaultTogetherSwitchItOnToo) {
+  gTracingEnabled = true;
+  NSUserDefaults::standardUserDefaults().setVolatileObject(true, "UseVerboseLogging");
+  FrontEnd frontEnd(folder.path("sock"), kName.size(), {archive});
+  EXPECT_TRUE(fetch(frontEnd)->useVerboseLogging());
+}
+
 TEST_F(Credentials, TheUserDefaultSwitchesVerboseLoggingOn) {
   NSUserDefaults::standardUserDefaults().setVolatileObject(true, "UseVerboseLogging");
   FrontEnd frontEnd(folder.path("sock"), kName.size(), {archive});

@@ -98,6 +98,7 @@ INSTANTIATE_TEST_SUITE_P(Held, LaunchKeys,
                                            std::pair(0xFFFFFFFFU, true)));
 
 TEST_F(Launch, TheUpdaterChecksButNeverDownloads) {
+  SUUpdater::sharedUpdater().setAutomaticallyDownloadsUpdates(true);
   launch(arguments());
   EXPECT_EQ(SUUpdater::sharedUpdater().delegate(), controller.get());
   EXPECT_FALSE(SUUpdater::sharedUpdater().automaticallyDownloadsUpdates());
@@ -145,6 +146,17 @@ TEST_F(Launch, EveryOptionIsRead) {
 TEST_F(Launch, ALaterOptionOverridesAnEarlierOne) {
   launch(arguments({"--name=First", "--name=Second"}));
   EXPECT_EQ(controller->volumeName(), "Second");
+}
+
+TEST_F(Launch, ALaterOneOfEveryOptionCounts) {
+  std::vector<std::string> given{"--sock=" + folder.path("nobody"), "--uuid=other", "--icon=/first",
+                                 "--passthrough=first"};
+  for (const std::string& later : arguments({"--icon=/second", "--passthrough=second"}))
+    given.push_back(later);
+  EXPECT_EQ(launch(given), std::nullopt);
+  EXPECT_EQ(controller->registeredName(), kName);
+  EXPECT_EQ(controller->passthrough(), "second");
+  EXPECT_EQ(option("redirect_volicon="), "/second");
 }
 
 TEST_F(Launch, WithoutOptionsNothingIsSet) {

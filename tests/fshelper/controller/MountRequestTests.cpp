@@ -392,8 +392,10 @@ TEST_F(Options, OfAPassthroughMountWithIconAndDebugLogging) {
 
 TEST_F(Options, AnEmptyPassthroughStandsInPlaceOfUserAndAddress) {
   launch(arguments({"--passthrough="}));
-  EXPECT_EQ(option("fsname="), "OmbraFS/sftp#");
-  EXPECT_EQ(option("redirect_folder="), cachesFolder());
+  EXPECT_THAT(mount->iOptions,
+              ElementsAre("fsname=OmbraFS/sftp#", "volname=files.example.org", "native_xattr", "cloudfs",
+                          "native_xattr", "jail_symlinks", "netfs", "allow_root", "modules=redirect",
+                          "redirect_sha1", "redirect_folder=" + cachesFolder()));
 }
 
 TEST_F(Options, WithoutCachesTheIconIsStillNamed) {
