@@ -8,7 +8,8 @@
 namespace ombra {
 
 // Counts requests. Starts small, so that a small file costs little, and doubles with each round trip as long
-// as replies do not take notably longer than the quickest one, up to 16 MiB of data. When replies queue up
+// as replies do not take notably longer than the quickest one, up to what a fast line holds in that time, and
+// at most 16 MiB of data. When replies queue up
 // somewhere on the way it shrinks: what is in flight has to arrive before anything else on this session can.
 class SFTPTransferWindow {
  public:
@@ -20,6 +21,9 @@ class SFTPTransferWindow {
   void replied(std::chrono::steady_clock::duration latency);
 
  private:
+  size_t mostUseful() const;
+
+  const size_t iPieceLength;
   const size_t iMaximum;
   size_t iLimit;
   std::chrono::steady_clock::duration iQuickest = std::chrono::steady_clock::duration::max();

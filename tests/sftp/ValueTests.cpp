@@ -86,6 +86,18 @@ TEST(SFTPTransferWindow, FillsAHundredMillisecondsAtOneGigabitAlsoWithSmallPiece
   EXPECT_GE(window.limit() * kSFTPDefaultPieceLength, 12'500'000u);
 }
 
+TEST(SFTPTransferWindow, OnALineThatAnswersAtOnceHoldsNoMoreThanAMebibyte) {
+  SFTPTransferWindow window(kSFTPDefaultPieceLength);
+  for (int i = 0; i < 1000; ++i) window.replied(std::chrono::microseconds(300));
+  EXPECT_EQ(32u, window.limit());
+}
+
+TEST(SFTPTransferWindow, HoldsWhatTenGigabitsBringInTheTimeOfTheQuickestReply) {
+  SFTPTransferWindow window(kSFTPDefaultPieceLength);
+  for (int i = 0; i < 1000; ++i) window.replied(std::chrono::milliseconds(5));
+  EXPECT_EQ(6'250'000u / kSFTPDefaultPieceLength, window.limit());
+}
+
 TEST(SFTPTransferWindow, StopsGrowingWhenRepliesQueueUpAndShrinksWhenTheyDoSoForLong) {
   SFTPTransferWindow window(kSFTPMaximumPieceLength);
   window.replied(std::chrono::milliseconds(250));
