@@ -71,7 +71,7 @@ function(ombra_test name folder)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} COST ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
 endfunction()
 
-# A target of every program and module of the tree but the unit tests, for a run that leaves those to the sanitizer
+# A target of all that is built by default but the unit tests, for a run that leaves those to the sanitizer
 # builds. To be called when all targets are known.
 function(ombra_all_but_unit_tests name)
   add_custom_target(${name})
@@ -84,7 +84,7 @@ function(ombra_add_programs_below name folder)
     get_target_property(type ${target} TYPE)
     get_target_property(is_left_out ${target} EXCLUDE_FROM_ALL)
     get_target_property(is_unit_test ${target} OMBRA_IS_UNIT_TEST)
-    if(type MATCHES "^(EXECUTABLE|MODULE_LIBRARY|SHARED_LIBRARY)$" AND NOT is_left_out AND NOT is_unit_test)
+    if(type MATCHES "^(EXECUTABLE|MODULE_LIBRARY|SHARED_LIBRARY|UTILITY)$" AND NOT is_left_out AND NOT is_unit_test)
       add_dependencies(${name} ${target})
     endif()
   endforeach()
