@@ -118,7 +118,7 @@ int OFSRemoteFile::_readToBuffer(void* buffer, size_t size, int64_t offset, NSEr
     return locked_read(buffer, size, offset);
   } catch (const KCException& exception) {
     OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
-    storeError(error, ofs_posixError(kEIO));
+    storeError(error, ofs_reportedPosixError(kEIO));
     return -1;
   }
 }

@@ -166,12 +166,12 @@ bool OFSRemoteFile::locked_synchronize(StAbstractConnection& holder, NSErrorRef*
   iUnreportedError.reset();
   iRefusal = !iContentFailed && isRefusal(iLastError) ? iLastError : nullptr;
   iRefusedGeneration = iLocalGeneration;
-  storeError(error, ofs_posixError(kEIO, iLastError));
+  storeError(error, ofs_reportedPosixError(kEIO, iLastError));
   return false;
 }
 
 bool OFSRemoteFile::locked_failSuperseded(NSErrorRef* error) {
-  storeError(error, ofs_posixError(kEIO, ofs_supersededError()));
+  storeError(error, ofs_reportedPosixError(kEIO, ofs_supersededError()));
   return false;
 }
 

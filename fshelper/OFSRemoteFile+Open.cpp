@@ -74,7 +74,7 @@ void OFSRemoteFile::locked_openCacheFile(NSErrorRef* error) {
   if (descriptor < 0) OFS_RAISE(kOpen, "open failed, errno = {} ({})", failure, kc_strerror(failure));
   std::shared_ptr<NSFileHandle> handle = calls.scratchHandle(descriptor);
   if (handle == nullptr) {
-    storeError(error, ofs_posixError(kENOENT));
+    storeError(error, ofs_reportedPosixError(kENOENT));
     OFS_RAISE(kOpen, "no file handle");
   }
   setFileHandle(std::move(handle));
@@ -87,7 +87,7 @@ void OFSRemoteFile::locked_awaitDownload() {
 
 void OFSRemoteFile::locked_failOpen(const KCException& exception, NSErrorRef* error) {
   OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
-  if (error != nullptr && *error == nullptr) *error = ofs_posixError(kEIO);
+  if (error != nullptr && *error == nullptr) *error = ofs_reportedPosixError(kEIO);
   setFileHandle(nullptr);
   // Nothing of the caller's was in the file. What a later open finds here would look like an empty file.
   locked_confirm(iLocalGeneration);
@@ -158,7 +158,7 @@ bool OFSRemoteFile::locked_setRemotePermissions(AbstractConnection& connection, 
   if (held.end(connection.changeAttributes(change, remotePath(), &failure))) return true;
   // A server that has no modes to change keeps no file from being written: intended.
   if (failure != nullptr && failure->code() == kQuarnKitAttributeChangeNotSupported) return true;
-  storeError(error, ofs_posixError(kEIO, failure));
+  storeError(error, ofs_reportedPosixError(kEIO, failure));
   return false;
 }
 

@@ -105,7 +105,7 @@ void OFSRemoteFile::locked_failWrite(const KCException& exception, NSErrorRef* e
   iStreamWork.reset();
   iCondition.broadcast();
   OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
-  storeError(error, ofs_posixError(kEIO, iLastError));
+  storeError(error, ofs_reportedPosixError(kEIO, iLastError));
 }
 
 bool OFSRemoteFile::locked_sendCacheFile(AbstractConnection& connection, uint64_t offset,
@@ -229,7 +229,7 @@ void OFSRemoteFile::locked_failTruncation(const KCException& exception, NSErrorR
   iBytesRequired = 0;
   iCondition.broadcast();
   OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
-  storeError(error, ofs_posixError(kEIO));
+  storeError(error, ofs_reportedPosixError(kEIO));
 }
 
 }  // namespace ombra

@@ -9,11 +9,11 @@
 
 namespace ombra {
 
-NSErrorRef ofs_posixError(int code, const NSErrorRef& underlying) {
+NSErrorRef ofs_reportedPosixError(int code, const NSErrorRef& underlying, const char* file, int line) {
   NSDictionary userInfo;
   if (underlying != nullptr) userInfo.setObject(PropertyValue(underlying), NSUnderlyingErrorKey);
   NSErrorRef error = QuarnKitError::errorWithDomain(NSPOSIXErrorDomain, code, std::move(userInfo));
-  OFS_REPORT_ERROR(error);
+  ofs_reportError(file, line, error);
   return error;
 }
 

@@ -26,8 +26,10 @@ class SCOPED_CAPABILITY ConditionRelease {
   NSCondition& iCondition;
 };
 
-// The error of the interface for an errno value, with what lies beneath (may be null); reported to the log.
-NSErrorRef ofs_posixError(int code, const NSErrorRef& underlying = nullptr);
+// The error of the interface for an errno value, with what lies beneath (may be null); reported to the log
+// with the place of the call.
+NSErrorRef ofs_reportedPosixError(int code, const NSErrorRef& underlying = nullptr,
+                                  const char* file = __builtin_FILE(), int line = __builtin_LINE());
 // Why content of a file must not be sent: another file has taken its place.
 NSErrorRef ofs_supersededError();
 // For trace lines and messages: the error's description, or "(null)".

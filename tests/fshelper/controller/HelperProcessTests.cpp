@@ -321,6 +321,7 @@ TEST_F(Helper, AnIdentifierIsFreeAgainAfterItsOwnersEnd) {
   first->signal(SIGTERM);
   EXPECT_EQ(client.next().name, "OFSDidUnmount");
   EXPECT_EQ(first->end(), "exit 0");
+  EXPECT_EQ(readTestFile(folder.path("tmp/OmbraFS.id.pid")).size(), 4u) << "the lock stays, of a dead owner";
   const auto second = start(localCredentials(), {"--passthrough=id"});
   EXPECT_EQ(client.next().name, "OFSDidMount");
   second->signal(SIGTERM);

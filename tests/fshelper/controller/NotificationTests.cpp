@@ -334,9 +334,11 @@ TEST_F(Invalidation, ATrailingSlashMakesNoDifference) {
 
 TEST_F(Invalidation, AllPathsAreTaken) {
   mountAndList();
+  mount->iInvalidated.clear();
   invalidate({mount->iPath + "/missing", mount->iPath + "/docs", mount->iPath + "/other"});
   EXPECT_TRUE(isExpired("/docs"));
   EXPECT_TRUE(isExpired("/other"));
+  EXPECT_THAT(mount->iInvalidated, ElementsAre("/docs", "/other")) << "in their order";
 }
 
 TEST_F(Invalidation, FilesAndPathsOutsideTheMountAreIgnored) {

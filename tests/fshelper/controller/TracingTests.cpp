@@ -214,10 +214,11 @@ TEST_F(Tracing, TheMacroRaisesFromItsOwnPlace) {
   try {
     OFS_RAISE("-[A b]", "fchmod failed, errno = {} ({})", 1, "x");
   } catch (const KCException& exception) {
-    EXPECT_THAT(exception.reason(),
-                MatchesRegex("fchmod failed, errno = 1 \\(x\\)\n\nfile:.*TracingTests.cpp\n"
-                             "function:-\\[A b\\]\nline:" +
-                             std::to_string(line)));
+    EXPECT_THAT(
+        exception.reason(),
+        MatchesRegex("fchmod failed, errno = 1 \\(x\\)\n\nfile:.*tests/fshelper/controller/TracingTests.cpp\n"
+                     "function:-\\[A b\\]\nline:" +
+                     std::to_string(line)));
   }
 }
 

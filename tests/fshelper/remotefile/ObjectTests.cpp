@@ -13,7 +13,11 @@
 namespace ombra {
 namespace {
 
+using ::testing::AllOf;
+using ::testing::Contains;
+using ::testing::ContainsRegex;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::IsEmpty;
 
 using RemoteFile = RemoteFileTest;
@@ -172,6 +176,20 @@ TEST_P(RemoteFileFailure, IsLoggedOnceWithDebugLogging) {
   EXPECT_TRUE(GetParam().fails(*file, *fresh, &error));
   ASSERT_TRUE(isPosixError(error, GetParam().code));
   EXPECT_THAT(log.lines(), ElementsAre(error->description()));
+}
+
+TEST_P(RemoteFileFailure, IsTracedOnceWithItsPlace) {
+  file = downloadedFile("0123456789");
+  const auto fresh = makeFile("/docs/b.bin");
+  calls.fail(GetParam().code == kENOENT ? Call::kHandle : Call::kOpen, EMFILE);
+  for (const Call call : {Call::kPread, Call::kPwrite, Call::kFtruncate}) calls.fail(call, EIO);
+  server.failAlways("changeAttributes", kAnyPath, QuarnKitError::errorWithCode(kQuarnKitPermissionDenied));
+  const TraceRecorder log;
+  NSErrorRef error;
+  EXPECT_TRUE(GetParam().fails(*file, *fresh, &error));
+  EXPECT_THAT(log.placedLines(), Contains(AllOf(ContainsRegex("^OFSRemoteFile(\\+[A-Za-z]+)?\\.cpp:[0-9]+: "),
+                                                EndsWith(": " + error->description())))
+                                     .Times(1));
 }
 
 using File = OFSRemoteFile;

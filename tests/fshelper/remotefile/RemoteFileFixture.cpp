@@ -172,6 +172,13 @@ std::vector<std::string> TraceRecorder::lines() const {
   return result;
 }
 
+std::vector<std::string> TraceRecorder::placedLines() const {
+  const MutexLock lock(gLinesLock);
+  std::vector<std::string> result;
+  for (const Line& line : gLines) result.push_back(line.text);
+  return result;
+}
+
 std::vector<std::string> TraceRecorder::messages() const {
   return messagesWhere([](const Line&) { return true; });
 }

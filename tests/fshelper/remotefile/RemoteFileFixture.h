@@ -85,6 +85,8 @@ class TraceRecorder {
   ~TraceRecorder();
   // All texts; messages without their "file:line: ".
   std::vector<std::string> lines() const;
+  // The same with the places.
+  std::vector<std::string> placedLines() const;
   // Messages inside of methods alone, in order.
   std::vector<std::string> messages() const;
   // Those of the calling thread, and those of all others.
