@@ -108,9 +108,9 @@ TEST(S3Moves, ManyObjectsAreCopiedSeveralAtATime) {
 }
 
 TEST(S3Moves, AnInterruptedMoveEndsSoonAndLeavesTheSourceWhole) {
+  std::atomic<int> copies{0};  // outlives the server, whose threads count
   MemorySession server;
   for (int i = 0; i < 100; ++i) server.store().put("a/" + std::to_string(i), "x");
-  std::atomic<int> copies{0};
   server.store().setIntercept([&](const HTTPSeen& seen) -> std::optional<HTTPReply> {
     if (seen.method != "PUT") return std::nullopt;
     return ++copies > 10 ? std::optional(httpSilence()) : std::nullopt;

@@ -75,8 +75,8 @@ TEST(S3Recovery, TheBucketsOwnRegionIsAdoptedOnce) {
 }
 
 TEST(S3Recovery, AServerThatSendsUsFromRegionToRegionIsGivenUp) {
+  std::atomic<int> count{0};  // outlives the server, whose threads count
   MemorySession server;
-  std::atomic<int> count{0};
   server.store().setIntercept([&count](const HTTPSeen&) {
     return httpReply(301, "", "x-amz-bucket-region: r-" + std::to_string(++count) + "\r\n");
   });
@@ -151,8 +151,8 @@ TEST(S3Recovery, WaitingForABusyServerEndsWithACancelMark) {
 
 TEST(S3Recovery, AnInterruptedSessionDoesNotWait) {
   ManualClock clock;
+  std::atomic<int> count{0};  // outlives the server, whose threads count
   MemorySession server;
-  std::atomic<int> count{0};
   server.store().setIntercept([&count](const HTTPSeen&) {
     ++count;
     return s3RefusalReply(503, "SlowDown");
