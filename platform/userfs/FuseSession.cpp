@@ -127,6 +127,9 @@ FuseSession::FuseSession(std::shared_ptr<Volume> volume, size_t maximumThreads, 
     iInitialized = true;
     iChanged();
   };
+  iContext.dropPages = [this](uint64_t nodeID, off_t offset, size_t length) {
+    dropPages(nodeID, offset, length);
+  };
 }
 
 // The last thread, or the mount, lets go: nobody uses the library's objects any more. The kernel drops the
@@ -323,6 +326,10 @@ void FuseSession::invalidatePath(const std::string& path) {
 void FuseSession::invalidateAttributes(uint64_t nodeID) {
   // A negative offset leaves the pages alone.
   if (!iEnded) fuse_lowlevel_notify_inval_inode(iSession, nodeID, -1, 0);
+}
+
+void FuseSession::dropPages(uint64_t nodeID, off_t offset, size_t length) {
+  if (!iEnded) fuse_lowlevel_notify_inval_inode(iSession, nodeID, offset, static_cast<off_t>(length));
 }
 
 void FuseSession::expireEntry(uint64_t parent, const std::string& parentPath, const std::string& name) {

@@ -78,6 +78,9 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   bool receive(fuse_buf* buffer, int* result, bool* counts) EXCLUDES(iCondition);
   void process(const fuse_buf& buffer);
   void end();
+  // Pages and attributes. Also on a thread that answers a write which holds no pages itself: those of others
+  // are held by reads, which do not wait for this one.
+  void dropPages(uint64_t nodeID, off_t offset, size_t length);
   // Makes every thread that waits for the kernel come back, and returns when none waits any more.
   void callWaitingThreads() EXCLUDES(iCondition);
 

@@ -60,23 +60,30 @@ void OpenItem::noteAttributes(const NSFileAttributes& attributes) {
   if (attributes.modificationDate) iAttributes.modificationDate = attributes.modificationDate;
 }
 
+std::shared_ptr<OpenItem> HandleTable::findItem(std::string_view path, const GMUserData& userData) const {
+  const auto [first, last] = iItems.all().equal_range(path);
+  for (auto entry = first; entry != last; ++entry) {
+    auto item = entry->second.lock();
+    if (item != nullptr && item->userData() == userData) return item;
+  }
+  return nullptr;
+}
+
 std::shared_ptr<OpenHandle> HandleTable::add(const std::string& path, const GMUserData& userData,
-                                             bool forWriting, pid_t opener, uint64_t nodeID) {
+                                             FileAccess access, pid_t opener, uint64_t nodeID) {
   MutexLock lock(iLock);
   auto handle = std::make_shared<OpenHandle>();
-  const auto [first, last] = iItems.all().equal_range(path);
-  for (auto entry = first; entry != last && handle->item == nullptr; ++entry) {
-    const auto item = entry->second.lock();
-    if (item != nullptr && item->userData() == userData) handle->item = item;
-  }
+  handle->item = findItem(path, userData);
   if (handle->item == nullptr) {
     handle->item = std::make_shared<OpenItem>(path, userData);
     iItems.insert(path, handle->item);
   }
+  handle->bypassesPages = access == FileAccess::kWrites && !handle->item->mayHavePages();
+  if (handle->bypassesPages) ++handle->item->iBypassing;
   ++handle->item->iHandleCount;
   if (nodeID != 0) handle->item->setNodeID(nodeID);
   handle->identifier = ++iLastIdentifier;
-  handle->forWriting = forWriting;
+  handle->forWriting = access != FileAccess::kReads;
   handle->opener = opener;
   iHandles.emplace(handle->identifier, handle);
   return handle;
@@ -92,8 +99,13 @@ std::shared_ptr<OpenHandle> HandleTable::handle(uint64_t identifier) const {
 // still keeps it alive.
 void HandleTable::dropItem(const std::shared_ptr<OpenHandle>& handle) {
   const auto& item = handle->item;
-  if (--item->iHandleCount != 0) return;
   const auto path = item->path();
+  if (handle->bypassesPages) {
+    --item->iBypassing;
+    // What an open in the meantime has read may be from before the last of these writes.
+    if (path) dropLastOpen(*path);
+  }
+  if (--item->iHandleCount != 0) return;
   if (!path) {
     --iRemovedItems;
     return;
@@ -179,6 +191,11 @@ bool HandleTable::isContentOfLastOpen(std::string_view path, const GMUserData& u
   if (userData == nullptr) return false;
   MutexLock lock(iLock);
   pruneLastOpens();
+  const auto item = findItem(path, userData);
+  if (item != nullptr && item->iBypassing != 0) {
+    dropLastOpen(path);
+    return false;
+  }
   std::weak_ptr<GMOpenFile>& last = iLastOpens[path];
   const bool same = last.lock() == userData;
   last = userData;
@@ -187,6 +204,10 @@ bool HandleTable::isContentOfLastOpen(std::string_view path, const GMUserData& u
 
 void HandleTable::forgetLastOpen(std::string_view path) {
   MutexLock lock(iLock);
+  dropLastOpen(path);
+}
+
+void HandleTable::dropLastOpen(std::string_view path) {
   const auto [first, last] = iLastOpens.all().equal_range(path);
   iLastOpens.all().erase(first, last);
 }

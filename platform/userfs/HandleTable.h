@@ -48,6 +48,9 @@ class OpenItem {
   bool mayHavePrivileges() const { return iMayHavePrivileges; }
   void setMayHavePrivileges(bool may) { iMayHavePrivileges = may; }
 
+  // Whether the kernel may keep pages of the file: somebody has it open who does not go past them.
+  bool mayHavePages() const { return iHandleCount != iBypassing; }
+
   // The kernel's number of the file, 0 until it is known.
   uint64_t nodeID() const { return iNodeID; }
   void setNodeID(uint64_t nodeID) { iNodeID = nodeID; }
@@ -56,7 +59,8 @@ class OpenItem {
   friend class HandleTable;
 
   const GMUserData iUserData;
-  std::atomic<size_t> iHandleCount{0};  // changed under the table's lock
+  std::atomic<size_t> iHandleCount{0};  // both are changed under the table's lock
+  std::atomic<size_t> iBypassing{0};
   std::atomic<uint64_t> iNodeID{0};
   std::atomic<bool> iMayHavePrivileges{true};
   mutable Mutex iLock;
@@ -65,11 +69,16 @@ class OpenItem {
   NSFileAttributes iAttributes GUARDED_BY(iLock);
 };
 
+enum class FileAccess { kReads, kWrites, kBoth };
+
 // One open of a file, from open to release.
 struct OpenHandle {
   uint64_t identifier = 0;
   std::shared_ptr<OpenItem> item;
   bool forWriting = false;
+  // Whether the kernel hands its writes on as they are, without a copy in pages of its own. Only a handle
+  // that never reads does, and only where no other had pages when it was opened.
+  bool bypassesPages = false;
   pid_t opener = 0;  // the process, 0 when unknown
 
   // Whether something was written that no synchronisation begun after it has stored. A write that is under
@@ -96,7 +105,7 @@ class HandleChange {
 class HandleTable {
  public:
   // A new handle. It shares the item of a live file at that path with the same user data.
-  std::shared_ptr<OpenHandle> add(const std::string& path, const GMUserData& userData, bool forWriting,
+  std::shared_ptr<OpenHandle> add(const std::string& path, const GMUserData& userData, FileAccess access,
                                   pid_t opener, uint64_t nodeID) EXCLUDES(iLock);
   // Null when there is none.
   std::shared_ptr<OpenHandle> handle(uint64_t identifier) const EXCLUDES(iLock);
@@ -117,14 +126,18 @@ class HandleTable {
   // removed file is open.
   uint64_t handleOfRemovedNode(uint64_t nodeID) const EXCLUDES(iLock);
 
-  // Whether the pages that the kernel keeps of the file at `path` came from this open-file object: true when
-  // the last open of the path gave the same one. Remembers this one.
+  // Whether the pages that the kernel keeps of the file at `path` came from this open-file object and are
+  // still right: true when the last open of the path gave the same one, and nobody has written past them
+  // since. Remembers this one. The handle that is asked for must be in the table: whoever goes past the pages
+  // from now on sees it and sees to them.
   bool isContentOfLastOpen(std::string_view path, const GMUserData& userData) EXCLUDES(iLock);
   // The next open of `path` does not keep the kernel's pages.
   void forgetLastOpen(std::string_view path) EXCLUDES(iLock);
 
  private:
+  std::shared_ptr<OpenItem> findItem(std::string_view path, const GMUserData& userData) const REQUIRES(iLock);
   void dropItem(const std::shared_ptr<OpenHandle>& handle) REQUIRES(iLock);
+  void dropLastOpen(std::string_view path) REQUIRES(iLock);
   void pruneLastOpens() REQUIRES(iLock);
 
   std::atomic<size_t> iRemovedItems{0};

@@ -161,18 +161,28 @@ int rename(const char* from, const char* to, unsigned flags) {
   return answer("rename", [&](Volume& volume) { return volume.move(from, to, flags); });
 }
 
+void tell(const OpenedFile& opened, fuse_file_info* file) {
+  file->fh = opened.handle;
+  file->keep_cache = opened.keepsPages ? 1 : 0;
+  file->direct_io = opened.bypassesPages ? 1 : 0;
+}
+
 int open(const char* path, fuse_file_info* file) {
   return answer("open", [&](Volume& volume) {
-    bool keepPages = false;
-    const int result = volume.open(path, file->flags, process(), &file->fh, &keepPages);
-    file->keep_cache = keepPages ? 1 : 0;
+    OpenedFile opened;
+    const int result = volume.open(path, file->flags, process(), &opened);
+    tell(opened, file);
     return result;
   });
 }
 
 int create(const char* path, mode_t mode, fuse_file_info* file) {
-  return answer("create",
-                [&](Volume& volume) { return volume.create(path, mode, file->flags, process(), &file->fh); });
+  return answer("create", [&](Volume& volume) {
+    OpenedFile opened;
+    const int result = volume.create(path, mode, file->flags, process(), &opened);
+    tell(opened, file);
+    return result;
+  });
 }
 
 int read(const char* /*path*/, char* buffer, size_t size, off_t offset, fuse_file_info* file) {
@@ -180,7 +190,9 @@ int read(const char* /*path*/, char* buffer, size_t size, off_t offset, fuse_fil
 }
 
 int write(const char* /*path*/, const char* buffer, size_t size, off_t offset, fuse_file_info* file) {
-  return answer("write", [&](Volume& volume) { return volume.write(file->fh, buffer, size, offset); });
+  return answer("write", [&](Volume& volume) {
+    return volume.write(file->fh, buffer, size, offset, context().dropPages);
+  });
 }
 
 // Flush and fsync answer always: once "not implemented", the kernel would take every further one for a

@@ -14,6 +14,7 @@ struct OperationsContext {
   Volume* volume = nullptr;
   // Called once the kernel has agreed on the terms of the connection.
   std::function<void()> initialized;
+  Volume::PageDropper dropPages;
   // Whether the kernel can let an entry expire without taking it away.
   std::atomic<bool> canExpireEntries{false};
 };

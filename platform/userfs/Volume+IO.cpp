@@ -8,6 +8,35 @@
 
 namespace ombra {
 
+namespace {
+
+// The pages that others have of what is written past them. What a mapping has changed there is written
+// before, so that it does not come after and take the new bytes with it; what is read meanwhile goes
+// afterwards. Costs nothing where nobody else has the file open.
+class PagesOfOthers {
+ public:
+  PagesOfOthers(const OpenHandle& handle, off_t offset, size_t length, const Volume::PageDropper& drop)
+      : iHandle(handle), iOffset(offset), iLength(length), iDrop(drop) {
+    dropNow();
+  }
+  ~PagesOfOthers() { dropNow(); }
+  PagesOfOthers(const PagesOfOthers&) = delete;
+  PagesOfOthers& operator=(const PagesOfOthers&) = delete;
+
+ private:
+  void dropNow() const {
+    if (!iHandle.bypassesPages || !iHandle.item->mayHavePages() || iLength == 0) return;
+    if (iHandle.item->nodeID() != 0) iDrop(iHandle.item->nodeID(), iOffset, iLength);
+  }
+
+  const OpenHandle& iHandle;
+  const off_t iOffset;
+  const size_t iLength;
+  const Volume::PageDropper& iDrop;
+};
+
+}  // namespace
+
 std::optional<uint64_t> Volume::promisedSize(const OpenItem& item) const {
   const auto path = item.path();
   if (!path) return attributesOfRemoved(item).fileSize;
@@ -64,7 +93,8 @@ int Volume::read(uint64_t identifier, char* buffer, size_t size, off_t offset) {
   }
 }
 
-int Volume::write(uint64_t identifier, const char* buffer, size_t size, off_t offset) {
+int Volume::write(uint64_t identifier, const char* buffer, size_t size, off_t offset,
+                  const PageDropper& dropPages) {
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
   OpenItem& item = *handle->item;
@@ -75,6 +105,7 @@ int Volume::write(uint64_t identifier, const char* buffer, size_t size, off_t of
   if (const auto path = item.path()) {
     if (const int result = takePrivileges(*path, handle->item); result != 0) return result;
   }
+  const PagesOfOthers pages(*handle, offset, size, dropPages);
   while (done < size) {
     const int64_t at = offset + static_cast<int64_t>(done);
     const auto path = item.path();
@@ -107,7 +138,7 @@ int Volume::truncateClosed(const std::string& path, off_t size) {
   GMUserData userData;
   const int flags = size == 0 ? O_WRONLY | O_TRUNC : O_RDWR;
   if (const int result = openFile(path, flags, &userData); result != 0) return result;
-  const auto handle = iHandles.add(path, userData, true, 0, 0);
+  const auto handle = iHandles.add(path, userData, FileAccess::kBoth, 0, 0);
   int result = size == 0 ? 0 : truncateFile(path, userData, size);
   if (result == 0) result = synchronizeItem(*handle->item);
   release(handle->identifier);

@@ -13,7 +13,16 @@ namespace ombra {
 
 namespace {
 
-bool isForWriting(int flags) { return (flags & O_ACCMODE) != O_RDONLY; }
+FileAccess accessOf(int flags) {
+  switch (flags & O_ACCMODE) {
+    case O_RDONLY:
+      return FileAccess::kReads;
+    case O_WRONLY:
+      return FileAccess::kWrites;
+    default:
+      return FileAccess::kBoth;
+  }
+}
 
 }  // namespace
 
@@ -56,17 +65,19 @@ void Volume::giveBack(const std::string& path, const GMUserData& userData) {
   }
 }
 
-uint64_t Volume::addHandle(const std::string& path, const GMUserData& userData, int flags, pid_t process,
-                           uint64_t node) {
+std::shared_ptr<OpenHandle> Volume::addHandle(const std::string& path, const GMUserData& userData, int flags,
+                                              pid_t process, uint64_t node) {
+  const FileAccess access = accessOf(flags);
   // Only the close of a written file asks who opened it.
-  const pid_t opener = isForWriting(flags) && process != 0 ? processOfThread(process) : 0;
-  const auto handle = iHandles.add(path, userData, isForWriting(flags), opener, node);
-  if ((flags & O_TRUNC) != 0 && isForWriting(flags)) handle->noteChange();
+  const bool writes = access != FileAccess::kReads;
+  const pid_t opener = writes && process != 0 ? processOfThread(process) : 0;
+  auto handle = iHandles.add(path, userData, access, opener, node);
+  if ((flags & O_TRUNC) != 0 && writes) handle->noteChange();
   if (node == 0) RequestContext::current().created = handle;
-  return handle->identifier;
+  return handle;
 }
 
-int Volume::open(const char* path, int flags, pid_t process, uint64_t* handle, bool* keepPages) {
+int Volume::open(const char* path, int flags, pid_t process, OpenedFile* opened) {
   const std::string listed = listedPath(path);
   GMUserData userData;
   {
@@ -74,12 +85,14 @@ int Volume::open(const char* path, int flags, pid_t process, uint64_t* handle, b
     const OpenGate::Pass turn(iOpenGate, listed);
     if (const int result = openFile(listed, flags, &userData); result != 0) return result;
   }
-  *keepPages = iHandles.isContentOfLastOpen(listed, userData);
-  *handle = addHandle(listed, userData, flags, process, RequestContext::current().nodeIDOfFile());
+  const auto handle = addHandle(listed, userData, flags, process, RequestContext::current().nodeIDOfFile());
+  opened->handle = handle->identifier;
+  opened->keepsPages = iHandles.isContentOfLastOpen(listed, userData);
+  opened->bypassesPages = handle->bypassesPages;
   return 0;
 }
 
-int Volume::create(const char* path, mode_t mode, int flags, pid_t process, uint64_t* handle) {
+int Volume::create(const char* path, mode_t mode, int flags, pid_t process, OpenedFile* opened) {
   const std::string listed = listedPath(path);
   if (const int refusal = refusalToCreate(listed); refusal != 0) return refusal;
   const OpenGate::Pass turn(iOpenGate, listed);
@@ -94,19 +107,23 @@ int Volume::create(const char* path, mode_t mode, int flags, pid_t process, uint
     NSErrorRef error;
     if (!delegate().createFileAtPath(listed, attributes, &userData, &error)) return failure(error);
   }
+  // A new file is stored when it is closed, also by those who only read.
+  const int access = (flags & O_ACCMODE) == O_RDONLY ? O_RDWR : 0;
+  const auto handle = addHandle(listed, userData, flags | access, process, 0);
+  opened->handle = handle->identifier;
+  opened->bypassesPages = handle->bypassesPages;
   iHandles.isContentOfLastOpen(listed, userData);
-  *handle = addHandle(listed, userData, flags | O_WRONLY, process, 0);
   iFolders.noteEntry(listed, RequestContext::current().nodeID);
   return 0;
 }
 
 int Volume::makeNode(const char* path, mode_t mode) {
   if (!S_ISREG(mode)) return -EPERM;
-  uint64_t handle = 0;
-  if (const int result = create(path, mode, O_CREAT | O_EXCL | O_WRONLY, 0, &handle); result != 0)
+  OpenedFile opened;
+  if (const int result = create(path, mode, O_CREAT | O_EXCL | O_WRONLY, 0, &opened); result != 0)
     return result;
   RequestContext::current().created = nullptr;
-  release(handle);
+  release(opened.handle);
   return 0;
 }
 

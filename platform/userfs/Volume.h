@@ -28,6 +28,13 @@ struct VolumeSettings {
   bool nativeXattr = false;
 };
 
+// What the kernel is told of a file that it has opened.
+struct OpenedFile {
+  uint64_t handle = 0;
+  bool keepsPages = false;     // the pages that it has of the file are still right
+  bool bypassesPages = false;  // it is to hand on what is written without a copy in pages
+};
+
 // Each operation answers 0 (or a count) or a negative errno of the system, once the delegate has answered.
 // Paths are the kernel's; a handle of 0 stands for none. Thread-safe, no lock is held while the delegate is
 // called. A raised exception passes through: whoever is between the kernel and here turns it into EIO. Always
@@ -75,8 +82,8 @@ class Volume : public std::enable_shared_from_this<Volume> {
 
   // Volume+Open.cpp
   // `process` is the number of the thread that asks, 0 when unknown.
-  int open(const char* path, int flags, pid_t process, uint64_t* handle, bool* keepPages);
-  int create(const char* path, mode_t mode, int flags, pid_t process, uint64_t* handle);
+  int open(const char* path, int flags, pid_t process, OpenedFile* opened);
+  int create(const char* path, mode_t mode, int flags, pid_t process, OpenedFile* opened);
   int makeNode(const char* path, mode_t mode);
   int flush(uint64_t handle, pid_t process);
   int synchronize(uint64_t handle);
@@ -87,7 +94,10 @@ class Volume : public std::enable_shared_from_this<Volume> {
 
   // Volume+IO.cpp
   int read(uint64_t handle, char* buffer, size_t size, off_t offset);
-  int write(uint64_t handle, const char* buffer, size_t size, off_t offset);
+  // Makes the kernel forget the pages of a file, given by its number there, from an offset on for a length;
+  // those that a mapping has changed are written first.
+  using PageDropper = std::function<void(uint64_t nodeID, off_t offset, size_t length)>;
+  int write(uint64_t handle, const char* buffer, size_t size, off_t offset, const PageDropper& dropPages);
   int truncate(const char* path, uint64_t handle, off_t size);
 
   // Volume+ExtendedAttributes.cpp
@@ -128,8 +138,8 @@ class Volume : public std::enable_shared_from_this<Volume> {
   void giveBack(const std::string& path, const GMUserData& userData);
   int truncateFile(const std::string& path, const GMUserData& userData, off_t size);
   int truncateClosed(const std::string& path, off_t size);
-  uint64_t addHandle(const std::string& path, const GMUserData& userData, int flags, pid_t process,
-                     uint64_t node);
+  std::shared_ptr<OpenHandle> addHandle(const std::string& path, const GMUserData& userData, int flags,
+                                        pid_t process, uint64_t node);
   int synchronizeItem(const OpenItem& item);
   int synchronizeHandle(OpenHandle& handle);
   int storeDate(const OpenItem& item, NSDate date);

@@ -47,8 +47,10 @@ TEST_F(MountFilesTest, ALargeFileIsReadInLargePieces) {
 TEST_F(MountFilesTest, WritesArriveInLargePieces) {
   mount();
   const std::string content = pattern(4 * 1024 * 1024);
+  alignas(4096) static char sBuffer[4 * 1024 * 1024];
+  std::copy(content.begin(), content.end(), sBuffer);
   const File file(at("/a"), O_CREAT | O_WRONLY);
-  ASSERT_EQ(write(file.get(), content.data(), content.size()), static_cast<ssize_t>(content.size()));
+  ASSERT_EQ(write(file.get(), sBuffer, sizeof sBuffer), static_cast<ssize_t>(sizeof sBuffer));
   EXPECT_EQ(iFiles.contentOf("/a"), content);
   EXPECT_EQ(iFiles.countOf("write /a 1048576"), 4u);
 }

@@ -40,8 +40,8 @@ TEST(PathMap, AMoveTakesTheSubtreeAlong) {
 TEST(HandleTable, HandlesOfOneFileShareItsItem) {
   HandleTable table;
   const auto file = newFile();
-  const auto first = table.add("/a", file, false, 0, 5);
-  const auto second = table.add("/a", file, true, 0, 5);
+  const auto first = table.add("/a", file, FileAccess::kReads, 0, 5);
+  const auto second = table.add("/a", file, FileAccess::kBoth, 0, 5);
   EXPECT_NE(first->identifier, second->identifier);
   EXPECT_EQ(first->item, second->item);
   EXPECT_EQ(table.itemAtPath("/a"), first->item);
@@ -49,8 +49,8 @@ TEST(HandleTable, HandlesOfOneFileShareItsItem) {
 
 TEST(HandleTable, AnotherOpenFileAtThePathIsAnItemOfItsOwn) {
   HandleTable table;
-  const auto first = table.add("/a", newFile(), false, 0, 5);
-  const auto second = table.add("/a", newFile(), false, 0, 5);
+  const auto first = table.add("/a", newFile(), FileAccess::kReads, 0, 5);
+  const auto second = table.add("/a", newFile(), FileAccess::kReads, 0, 5);
   EXPECT_NE(first->item, second->item);
   EXPECT_EQ(table.itemAtPath("/a"), second->item);
 }
@@ -58,8 +58,8 @@ TEST(HandleTable, AnotherOpenFileAtThePathIsAnItemOfItsOwn) {
 TEST(HandleTable, TheLastReleaseForgetsTheItem) {
   HandleTable table;
   const auto file = newFile();
-  const auto first = table.add("/a", file, false, 0, 5);
-  const auto second = table.add("/a", file, false, 0, 5);
+  const auto first = table.add("/a", file, FileAccess::kReads, 0, 5);
+  const auto second = table.add("/a", file, FileAccess::kReads, 0, 5);
   EXPECT_EQ(table.remove(first->identifier), first);
   EXPECT_NE(table.itemAtPath("/a"), nullptr);
   EXPECT_EQ(table.remove(second->identifier), second);
@@ -69,8 +69,8 @@ TEST(HandleTable, TheLastReleaseForgetsTheItem) {
 
 TEST(HandleTable, OpenFilesFollowTheMoveOfAFolderAboveThem) {
   HandleTable table;
-  const auto below = table.add("/folder/sub/a", newFile(), false, 0, 5);
-  const auto beside = table.add("/folder2/a", newFile(), false, 0, 6);
+  const auto below = table.add("/folder/sub/a", newFile(), FileAccess::kReads, 0, 5);
+  const auto beside = table.add("/folder2/a", newFile(), FileAccess::kReads, 0, 6);
   table.move("/folder", "/other/place");
   EXPECT_EQ(below->item->path(), "/other/place/sub/a");
   EXPECT_EQ(beside->item->path(), "/folder2/a");
@@ -79,7 +79,7 @@ TEST(HandleTable, OpenFilesFollowTheMoveOfAFolderAboveThem) {
 
 TEST(HandleTable, ARemovedFileHasNoPathAndKeepsItsAttributes) {
   HandleTable table;
-  const auto handle = table.add("/a", newFile(), true, 0, 5);
+  const auto handle = table.add("/a", newFile(), FileAccess::kBoth, 0, 5);
   NSFileAttributes attributes;
   attributes.fileSize = 10;
   attributes.posixPermissions = 0600;
@@ -93,7 +93,7 @@ TEST(HandleTable, ARemovedFileHasNoPathAndKeepsItsAttributes) {
 
 TEST(HandleTable, ARemovedFileIsFoundByItsNumberUntilItIsReleased) {
   HandleTable table;
-  const auto handle = table.add("/a", newFile(), true, 0, 5);
+  const auto handle = table.add("/a", newFile(), FileAccess::kBoth, 0, 5);
   EXPECT_EQ(table.handleOfRemovedNode(5), 0u);
   table.markRemoved("/a", {});
   EXPECT_EQ(table.handleOfRemovedNode(5), handle->identifier);
@@ -104,9 +104,9 @@ TEST(HandleTable, ARemovedFileIsFoundByItsNumberUntilItIsReleased) {
 
 TEST(HandleTable, ANewFileAtThePathOfARemovedOneIsAnother) {
   HandleTable table;
-  const auto removed = table.add("/a", newFile(), true, 0, 5);
+  const auto removed = table.add("/a", newFile(), FileAccess::kBoth, 0, 5);
   table.markRemoved("/a", {});
-  const auto fresh = table.add("/a", newFile(), true, 0, 6);
+  const auto fresh = table.add("/a", newFile(), FileAccess::kBoth, 0, 6);
   EXPECT_NE(removed->item, fresh->item);
   table.move("/a", "/b");
   EXPECT_EQ(removed->item->path(), std::nullopt);
@@ -138,6 +138,42 @@ TEST(HandleTable, PagesAreNotKeptAfterTheyWereForgottenOrReplaced) {
   EXPECT_FALSE(table.isContentOfLastOpen("/a", file));
 }
 
+TEST(HandleTable, OnlyAHandleThatOnlyWritesGoesPastThePages) {
+  HandleTable table;
+  EXPECT_TRUE(table.add("/a", newFile(), FileAccess::kWrites, 0, 5)->bypassesPages);
+  EXPECT_FALSE(table.add("/b", newFile(), FileAccess::kReads, 0, 6)->bypassesPages);
+  EXPECT_FALSE(table.add("/c", newFile(), FileAccess::kBoth, 0, 7)->bypassesPages);
+}
+
+TEST(HandleTable, NobodyGoesPastThePagesThatAnotherMayHave) {
+  HandleTable table;
+  const auto file = newFile();
+  const auto reader = table.add("/a", file, FileAccess::kReads, 0, 5);
+  EXPECT_TRUE(reader->item->mayHavePages());
+  EXPECT_FALSE(table.add("/a", file, FileAccess::kWrites, 0, 5)->bypassesPages);
+}
+
+TEST(HandleTable, SeveralThatOnlyWriteMayGoPastThePages) {
+  HandleTable table;
+  const auto file = newFile();
+  const auto first = table.add("/a", file, FileAccess::kWrites, 0, 5);
+  EXPECT_TRUE(table.add("/a", file, FileAccess::kWrites, 0, 5)->bypassesPages);
+  EXPECT_FALSE(first->item->mayHavePages());
+  table.add("/a", file, FileAccess::kReads, 0, 5);
+  EXPECT_TRUE(first->item->mayHavePages());
+}
+
+TEST(HandleTable, PagesAreNotKeptWhileSomebodyWritesPastThemNorRightAfter) {
+  HandleTable table;
+  const auto file = newFile();
+  table.isContentOfLastOpen("/a", file);
+  const auto writer = table.add("/a", file, FileAccess::kWrites, 0, 5);
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(table.isContentOfLastOpen("/a", file));
+  table.remove(writer->identifier);
+  EXPECT_FALSE(table.isContentOfLastOpen("/a", file));
+  EXPECT_TRUE(table.isContentOfLastOpen("/a", file));
+}
+
 TEST(HandleTable, PathsOfClosedFilesDoNotPileUp) {
   HandleTable table;
   for (int i = 0; i < 5000; ++i) EXPECT_FALSE(table.isContentOfLastOpen("/" + std::to_string(i), newFile()));
@@ -148,8 +184,8 @@ TEST(HandleTable, PathsOfClosedFilesDoNotPileUp) {
 
 TEST(HandleTable, WhatIsStillOpenAtTheEndCanBeTakenOut) {
   HandleTable table;
-  table.add("/a", newFile(), true, 0, 5);
-  table.add("/b", newFile(), true, 0, 6);
+  table.add("/a", newFile(), FileAccess::kBoth, 0, 5);
+  table.add("/b", newFile(), FileAccess::kBoth, 0, 6);
   EXPECT_EQ(table.removeAll().size(), 2u);
   EXPECT_TRUE(table.removeAll().empty());
 }

@@ -27,11 +27,10 @@ TEST_P(ReadOfUnknownSize, EndsAsTheStateOfTheContentSays) {
   files.addFile("/a", "0123456789");
   files.setContentState("/a", GetParam().first, 4);
   const auto volume = std::make_shared<Volume>(&files, VolumeSettings{"/Volumes/Test", false, true});
-  uint64_t handle = 0;
-  bool keepsPages = false;
-  ASSERT_EQ(volume->open("/a", O_RDONLY, 0, &handle, &keepsPages), 0);
+  OpenedFile opened;
+  ASSERT_EQ(volume->open("/a", O_RDONLY, 0, &opened), 0);
   char buffer[16];
-  EXPECT_EQ(volume->read(handle, buffer, sizeof buffer, 0), GetParam().second);
+  EXPECT_EQ(volume->read(opened.handle, buffer, sizeof buffer, 0), GetParam().second);
 }
 
 INSTANTIATE_TEST_SUITE_P(States, ReadOfUnknownSize,

@@ -1,5 +1,8 @@
-// Who is told that what was written is stored: closes, truncations, refused removals.
+// Writes past the kernel's pages, and who is told that what was written is stored: closes, truncations,
+// refused removals.
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>  // NOLINT: kill
 #include <sys/wait.h>
@@ -15,28 +18,61 @@
 namespace ombra {
 namespace {
 
+using ::testing::ElementsAre;
+
 class VolumeStoring : public ::testing::Test {
  protected:
   void TearDown() override { iVolume->closers().waitUntilIdle(); }
 
   uint64_t create(const char* path, pid_t process = 0) {
-    uint64_t handle = 0;
-    EXPECT_EQ(iVolume->create(path, 0644, O_WRONLY, process, &handle), 0);
+    OpenedFile opened;
+    EXPECT_EQ(iVolume->create(path, 0644, O_WRONLY, process, &opened), 0);
     RequestContext::current() = RequestContext();
-    return handle;
+    return opened.handle;
   }
   uint64_t open(const char* path, int flags) {
-    uint64_t handle = 0;
-    bool keepsPages = false;
-    EXPECT_EQ(iVolume->open(path, flags, 0, &handle, &keepsPages), 0);
-    return handle;
+    OpenedFile opened;
+    EXPECT_EQ(iVolume->open(path, flags, 0, &opened), 0);
+    return opened.handle;
   }
-  int write(uint64_t handle) { return iVolume->write(handle, "x", 1, 0); }
+  int write(uint64_t handle) { return iVolume->write(handle, "x", 1, 0, nullptr); }
 
   DurableMemoryFileSystem iFiles;
   std::shared_ptr<Volume> iVolume =
       std::make_shared<Volume>(&iFiles, VolumeSettings{"/Volumes/Test", false, true});
 };
+
+// Kernels differ in what they do about the pages of others on their own, so that a mount tells little of it.
+TEST_F(VolumeStoring, PagesThatOthersHaveAreDroppedBeforeAndAfterAWritePastThem) {
+  iFiles.addFile("/a", "content");
+  RequestContext::current().nodeID = 7;
+  const uint64_t writer = open("/a", O_WRONLY);
+  open("/a", O_RDONLY);
+  RequestContext::current() = RequestContext();
+  std::vector<std::string> events;
+  const auto drop = [&](uint64_t node, off_t offset, size_t length) {
+    events.push_back(fmt::format("drop {} from {} on {}: {}", length, offset, node, *iFiles.contentOf("/a")));
+  };
+  EXPECT_EQ(iVolume->write(writer, "XY", 2, 3, drop), 2);
+  EXPECT_THAT(events, ElementsAre("drop 2 from 3 on 7: content", "drop 2 from 3 on 7: conXYnt"));
+}
+
+TEST_F(VolumeStoring, NothingIsDroppedWhereNobodyElseHasTheFileOpen) {
+  iFiles.addFile("/a", "content");
+  RequestContext::current().nodeID = 7;
+  const uint64_t writer = open("/a", O_WRONLY);
+  RequestContext::current() = RequestContext();
+  EXPECT_EQ(iVolume->write(writer, "XY", 2, 3, [](uint64_t, off_t, size_t) { FAIL(); }), 2);
+}
+
+TEST_F(VolumeStoring, NothingIsDroppedWhereTheWriterUsesThePagesItself) {
+  iFiles.addFile("/a", "content");
+  RequestContext::current().nodeID = 7;
+  const uint64_t writer = open("/a", O_RDWR);
+  open("/a", O_RDONLY);
+  RequestContext::current() = RequestContext();
+  EXPECT_EQ(iVolume->write(writer, "XY", 2, 3, [](uint64_t, off_t, size_t) { FAIL(); }), 2);
+}
 
 TEST_F(VolumeStoring, AWriteThatACloseOfADuplicateOvertakesCountsForTheNextClose) {
   const uint64_t file = create("/a");

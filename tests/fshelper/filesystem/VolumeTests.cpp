@@ -24,15 +24,13 @@ class OverTheServer : public FileSystemTest {
 
   void waitForReleases() { volume->closers().waitUntilIdle(); }
   uint64_t openHandle(const char* path, int flags) {
-    uint64_t handle = 0;
-    bool keepPages = false;
-    EXPECT_EQ(volume->open(path, flags, 0, &handle, &keepPages), 0) << path;
-    return handle;
+    OpenedFile opened;
+    EXPECT_EQ(volume->open(path, flags, 0, &opened), 0) << path;
+    return opened.handle;
   }
   int openFailing(const char* path, int flags) {
-    uint64_t handle = 0;
-    bool keepPages = false;
-    return volume->open(path, flags, 0, &handle, &keepPages);
+    OpenedFile opened;
+    return volume->open(path, flags, 0, &opened);
   }
   // What one read gives; "<errno>" for a failed one.
   std::string readHandle(uint64_t handle, size_t size = 100, off_t offset = 0) {
@@ -66,17 +64,17 @@ class OverTheServer : public FileSystemTest {
 using Creating = OverTheServer;
 
 TEST_F(Creating, OverAFileThatAppearedMeanwhileLeavesWhatIsInIt) {
-  uint64_t handle = 0;
-  ASSERT_EQ(volume->create("/a.txt", 0644, O_CREAT | O_RDWR, 0, &handle), 0);
+  OpenedFile opened;
+  ASSERT_EQ(volume->create("/a.txt", 0644, O_CREAT | O_RDWR, 0, &opened), 0);
   EXPECT_EQ(server.content("/a.txt"), "content");
-  EXPECT_EQ(readHandle(handle), "content");
+  EXPECT_EQ(readHandle(opened.handle), "content");
 }
 
 TEST_F(Creating, AndEmptyingAFileThatAppearedMeanwhileEmptiesIt) {
-  uint64_t handle = 0;
-  ASSERT_EQ(volume->create("/a.txt", 0644, O_CREAT | O_TRUNC | O_RDWR, 0, &handle), 0);
+  OpenedFile opened;
+  ASSERT_EQ(volume->create("/a.txt", 0644, O_CREAT | O_TRUNC | O_RDWR, 0, &opened), 0);
   EXPECT_EQ(server.content("/a.txt"), "");
-  EXPECT_EQ(readHandle(handle), "");
+  EXPECT_EQ(readHandle(opened.handle), "");
 }
 
 // Kept on this side; of what fails the kernel gets this system's numbers.
@@ -154,7 +152,7 @@ TEST_F(ArrivingFile, ThatIsRemovedAndWrittenHasTheSizeOfItsCopy) {
   ASSERT_EQ(volume->removeFile("/a.txt"), 0);
   ASSERT_EQ(volume->truncate(nullptr, writer, 2), 0);
   EXPECT_EQ(sizeOf(handle), 2);
-  ASSERT_EQ(volume->write(writer, "longer content", 14, 0), 14);
+  ASSERT_EQ(volume->write(writer, "longer content", 14, 0, nullptr), 14);
   EXPECT_EQ(sizeOf(handle), 14);
 }
 
