@@ -36,8 +36,13 @@ TranscriptSink::~TranscriptSink() {
 }
 
 void TranscriptSink::append(const KCUUID& uuid, std::string_view text, bool isOutgoing) {
-  if (TranscriptDelegate* delegate = iDelegate.load())
-    delegate->connectionUUID(uuid, masked(text), isOutgoing);
+  TranscriptDelegate* delegate = iDelegate.load();
+  if (delegate == nullptr) return;
+  const std::string shown = masked(text);
+  for (size_t from = 0, end = 0; from < shown.size(); from = end) {
+    end = std::min(shown.find('\n', from), shown.size() - 1) + 1;
+    delegate->connectionUUID(uuid, std::string_view(shown).substr(from, end - from), isOutgoing);
+  }
 }
 
 void TranscriptSink::flush(const KCUUID& uuid) {

@@ -23,7 +23,7 @@ class TranscriptSink {
   void setDelegate(TranscriptDelegate* delegate) { iDelegate.store(delegate); }
   bool isEnabled() const { return iDelegate.load() != nullptr; }
   // Engines mask what they send; a secret that comes back in a server's reply, or slips through, is masked
-  // here.
+  // here. The delegate gets one line at a time, so that each of them tells its connection and direction.
   void append(const KCUUID& uuid, std::string_view text, bool isOutgoing);
   void flush(const KCUUID& uuid);
 

@@ -55,7 +55,8 @@ class TransferControl {
   virtual bool mayReturnEarly() const { return false; }
 };
 
-// One line or more of the conversation for the transcript; secrets masked, no file contents. Thread-safe.
+// One line or more of the conversation for the transcript; secrets masked, no file contents, no marks of
+// direction. Thread-safe.
 class SessionTranscript {
  public:
   virtual ~SessionTranscript() = default;

@@ -31,8 +31,8 @@ void acknowledge(int socket) {
 }
 
 // A line for the transcript: no control characters, which could forge further lines.
-std::string transcriptLine(std::string_view direction, std::string_view text) {
-  std::string line(direction);
+std::string transcriptLine(std::string_view text) {
+  std::string line;
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte < 0x20 || byte == 0x7f) {
@@ -109,7 +109,7 @@ void FTPControl::queue(std::string_view command, std::string_view shown) {
   iOutgoing.append(command).append("\r\n");
   ++iOutstanding;
   if (!iEnvironment.transcript->isEnabled()) return;
-  iEnvironment.transcript->append(transcriptLine("> ", masked(shown.empty() ? command : shown)), true);
+  iEnvironment.transcript->append(transcriptLine(masked(shown.empty() ? command : shown)), true);
 }
 
 void FTPControl::tell(const FTPReply& reply) {
@@ -117,7 +117,7 @@ void FTPControl::tell(const FTPReply& reply) {
   std::string text;
   for (size_t i = 0; i < reply.lines.size(); ++i) {
     const bool isLast = i + 1 == reply.lines.size();
-    text += transcriptLine("< ", std::to_string(reply.code) + (isLast ? " " : "-") + masked(reply.lines[i]));
+    text += transcriptLine(std::to_string(reply.code) + (isLast ? " " : "-") + masked(reply.lines[i]));
   }
   iEnvironment.transcript->append(text, false);
 }

@@ -299,7 +299,7 @@ int HTTPExchange::trace(CURL*, curl_infotype kind, char* bytes, size_t length, v
   const bool isOutgoing = kind == CURLINFO_HEADER_OUT;
   // A small body leaves with its head, and is no part of what is shown.
   if (isOutgoing) head = head.substr(0, std::min(head.find("\r\n\r\n"), head.size()));
-  const std::string text = httpTranscriptText(head, isOutgoing);
+  const std::string text = httpTranscriptText(head);
   if (!text.empty()) exchange->iSurroundings.transcript.append(text, isOutgoing);
   return 0;
 }

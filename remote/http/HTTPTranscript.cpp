@@ -51,7 +51,7 @@ std::string printable(std::string_view line) {
 
 }  // namespace
 
-std::string httpTranscriptText(std::string_view head, bool isOutgoing) {
+std::string httpTranscriptText(std::string_view head) {
   std::string text;
   while (!head.empty()) {
     const size_t end = std::min(head.find('\n'), head.size());
@@ -59,7 +59,6 @@ std::string httpTranscriptText(std::string_view head, bool isOutgoing) {
     head.remove_prefix(std::min(end + 1, head.size()));
     if (line.ends_with('\r')) line.remove_suffix(1);
     if (line.empty()) continue;
-    text += isOutgoing ? "> " : "< ";
     if (isSecretHeader(line)) {
       text.append(printable(line.substr(0, line.find(':')))).append(": ").append(kMask);
     } else {

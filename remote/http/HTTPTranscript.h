@@ -6,10 +6,10 @@
 
 namespace ombra {
 
-// The lines of a request's or an answer's head as they went over the wire, one "> " or "< " before each,
-// without the empty line at the end. Values that give access are masked: of the headers "Authorization",
+// The lines of a request's or an answer's head as they went over the wire, without the empty line at the end.
+// Values that give access are masked: of the headers "Authorization",
 // "Proxy-Authorization", "Authentication-Info", "Cookie", "Set-Cookie" and "X-Amz-Security-Token", and
 // signatures, credentials and tokens in a query wherever one stands.
-std::string httpTranscriptText(std::string_view head, bool isOutgoing);
+std::string httpTranscriptText(std::string_view head);
 
 }  // namespace ombra

@@ -60,7 +60,7 @@ bool SFTPChannel::exchangeVersions(NSErrorRef* error) {
   SFTPPacketWriter init(kSFTPInit);
   init.u32(kSFTPProtocolVersion);
   iOutgoing.append(init.finish());
-  if (iTranscript->isEnabled()) iTranscript->append("> init version=3\n", true);
+  if (iTranscript->isEnabled()) iTranscript->append("init version=3\n", true);
   while (!iServerVersion) {
     if (!pump(iIdleLimit, error)) return false;
   }

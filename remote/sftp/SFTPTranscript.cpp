@@ -70,32 +70,32 @@ std::string sftpOpenFlagsText(uint32_t flags) {
 std::string sftpRequestText(uint32_t id, std::string_view text) {
   const size_t space = text.find(' ');
   const std::string_view rest = space == std::string_view::npos ? std::string_view() : text.substr(space);
-  return fmt::format("> {} id={}{}\n", text.substr(0, space), id, rest);
+  return fmt::format("{} id={}{}\n", text.substr(0, space), id, rest);
 }
 
 std::string sftpReplyText(const SFTPReply& reply) {
   switch (reply.type) {
     case kSFTPStatus:
-      return fmt::format("< status id={} {}\n", reply.id, statusText(reply));
+      return fmt::format("status id={} {}\n", reply.id, statusText(reply));
     case kSFTPHandle:
-      return fmt::format("< handle id={}\n", reply.id);
+      return fmt::format("handle id={}\n", reply.id);
     case kSFTPData: {
       const auto data = parseSFTPData(reply);
-      return fmt::format("< data id={} length={}\n", reply.id, data ? data->size() : 0);
+      return fmt::format("data id={} length={}\n", reply.id, data ? data->size() : 0);
     }
     case kSFTPName:
-      return fmt::format("< name id={} {}\n", reply.id, namesText(reply));
+      return fmt::format("name id={} {}\n", reply.id, namesText(reply));
     case kSFTPAttrs:
-      return fmt::format("< attrs id={}\n", reply.id);
+      return fmt::format("attrs id={}\n", reply.id);
     case kSFTPExtendedReply:
-      return fmt::format("< extended-reply id={}\n", reply.id);
+      return fmt::format("extended-reply id={}\n", reply.id);
     default:
-      return fmt::format("< unknown type={} id={}\n", reply.type, reply.id);
+      return fmt::format("unknown type={} id={}\n", reply.type, reply.id);
   }
 }
 
 std::string sftpVersionText(uint32_t version, const SFTPExtensions& extensions) {
-  std::string text = fmt::format("< version version={}", version);
+  std::string text = fmt::format("version version={}", version);
   for (const auto& [name, data] : extensions) {
     text += fmt::format(" {}={}", sftpQuoted(name), sftpQuoted(data.substr(0, 64)));
   }

@@ -1,4 +1,5 @@
-// Requests and replies as lines for the transcript. Never the content of files.
+// Requests and replies as lines for the transcript, which marks their direction itself. Never the content of
+// files.
 #pragma once
 
 #include <string>
@@ -8,9 +9,9 @@
 
 namespace ombra {
 
-// "> open id=3 "/a" flags=read": the first word of `text` is the request's name.
+// "open id=3 "/a" flags=read": the first word of `text` is the request's name.
 std::string sftpRequestText(uint32_t id, std::string_view text);
-// "< status id=3 ok"
+// "status id=3 ok"
 std::string sftpReplyText(const SFTPReply& reply);
 std::string sftpVersionText(uint32_t version, const SFTPExtensions& extensions);
 // A path or name in quotes, with what would break the line written as escapes.

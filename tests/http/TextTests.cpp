@@ -133,16 +133,14 @@ TEST(HTTPURL, ResolvesWhatStandsInALocation) {
 }
 
 TEST(HTTPTranscript, MasksWhatGivesAccessAndNothingElse) {
-  EXPECT_EQ(
-      httpTranscriptText("GET /?a=1&X-Amz-Credential=c&X-Amz-Signature=s HTTP/1.1\r\n"
-                         "AUTHORIZATION: Basic abc\r\ncookie: c\r\nHost: h\r\n\r\n",
-                         true),
-      "> GET /?a=1&X-Amz-Credential=***&X-Amz-Signature=*** HTTP/1.1\n> AUTHORIZATION: ***\n> cookie: ***\n"
-      "> Host: h\n");
-  EXPECT_EQ(httpTranscriptText("Location: http://h/?x-amz-security-token=t\r\n", false),
-            "< Location: http://h/?x-amz-security-token=***\n");
-  EXPECT_EQ(httpTranscriptText("Server: a\x1b[2J\tb\r\n", false), "< Server: a?[2J?b\n");
-  EXPECT_EQ(httpTranscriptText("\r\n", false), "");
+  EXPECT_EQ(httpTranscriptText("GET /?a=1&X-Amz-Credential=c&X-Amz-Signature=s HTTP/1.1\r\n"
+                               "AUTHORIZATION: Basic abc\r\ncookie: c\r\nHost: h\r\n\r\n"),
+            "GET /?a=1&X-Amz-Credential=***&X-Amz-Signature=*** HTTP/1.1\nAUTHORIZATION: ***\ncookie: ***\n"
+            "Host: h\n");
+  EXPECT_EQ(httpTranscriptText("Location: http://h/?x-amz-security-token=t\r\n"),
+            "Location: http://h/?x-amz-security-token=***\n");
+  EXPECT_EQ(httpTranscriptText("Server: a\x1b[2J\tb\r\n"), "Server: a?[2J?b\n");
+  EXPECT_EQ(httpTranscriptText("\r\n"), "");
 }
 
 TEST(HTTPText, TrimsAndComparesWithoutCase) {

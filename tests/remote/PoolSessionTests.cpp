@@ -504,6 +504,16 @@ TEST(PoolTranscript, CarriesTheIdentifierOfTheConnectionThatUsesTheSession) {
   EXPECT_NE(uuids[0], uuids[1]);
 }
 
+TEST(PoolTranscript, TellsConnectionAndDirectionOfEachLine) {
+  FakePool fake;
+  Recorder recorder;
+  fake.pool->setTranscriptDelegate(&recorder);
+  sayOnList(*fake.engine, "GET /\nHost: h\n\nno end");
+  EXPECT_TRUE(fake.list());
+  fake.pool->setTranscriptDelegate(nullptr);
+  EXPECT_THAT(recorder.lines, ElementsAre("> GET /\n", "> Host: h\n", "> \n", "> no end"));
+}
+
 TEST(PoolTranscript, IsOffWithoutADelegate) {
   FakePool fake;
   bool enabled = true;

@@ -321,12 +321,12 @@ TEST_F(SFTPChannelTest, TheTranscriptHasALineForEachRequestAndReplyAndNoContent)
   ASSERT_TRUE(channel->wait(requests->open("/a", kSFTPOpenRead), &error));
   ASSERT_TRUE(channel->wait(requests->read("h", 5, 9), &error));
   const std::vector<std::pair<std::string, bool>> expected = {
-      {"> init version=3\n", true},
-      {"< version version=3\n", false},
-      {"> open id=1 \"/a\" flags=read\n", true},
-      {"< status id=1 permission-denied \"No \\\"way\\\"\"\n", false},
-      {"> read id=2 handle=68 offset=5 length=9\n", true},
-      {"< data id=2 length=9\n", false},
+      {"init version=3\n", true},
+      {"version version=3\n", false},
+      {"open id=1 \"/a\" flags=read\n", true},
+      {"status id=1 permission-denied \"No \\\"way\\\"\"\n", false},
+      {"read id=2 handle=68 offset=5 length=9\n", true},
+      {"data id=2 length=9\n", false},
   };
   EXPECT_EQ(expected, transcript->lines);
 }

@@ -130,8 +130,8 @@ TEST(FileExtents, LeaveThePositionWhereItWas) {
 
 TEST(SFTPTranscript, QuotesWhatWouldBreakALine) {
   EXPECT_EQ("\"a\\\"b\\\\c\\x0a\\x1b\xc3\xa4\"", sftpQuoted("a\"b\\c\n\x1b\xc3\xa4"));
-  EXPECT_EQ("> open id=3 \"/a\" flags=read\n", sftpRequestText(3, "open \"/a\" flags=read"));
-  EXPECT_EQ("> limits id=1\n", sftpRequestText(1, "limits"));
+  EXPECT_EQ("open id=3 \"/a\" flags=read\n", sftpRequestText(3, "open \"/a\" flags=read"));
+  EXPECT_EQ("limits id=1\n", sftpRequestText(1, "limits"));
   EXPECT_EQ("write+create+truncate", sftpOpenFlagsText(kSFTPOpenWrite | kSFTPOpenCreate | kSFTPOpenTruncate));
 }
 

@@ -13,14 +13,17 @@
 
 namespace ombra {
 
-// Keeps the transcript's text. Thread-safe.
+// Keeps the transcript's text, "> " before each line that was sent and "< " before each that came.
+// Thread-safe.
 class KeptTranscript final : public SessionTranscript {
  public:
   bool isEnabled() const override { return true; }
   void append(std::string_view text, bool isOutgoing) override {
     MutexLock lock(iLock);
-    iText += text;
-    (void)isOutgoing;
+    for (const char c : text) {
+      if (iText.empty() || iText.back() == '\n') iText += isOutgoing ? "> " : "< ";
+      iText += c;
+    }
   }
   std::string text() const {
     MutexLock lock(iLock);
