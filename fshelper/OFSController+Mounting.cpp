@@ -114,6 +114,7 @@ void OFSController::addRedirectOptions() {
   iOptions.emplace_back("modules=redirect");
   iOptions.emplace_back("redirect_sha1");
   iOptions.push_back(fmt::format("redirect_folder={}", path));
+  if (!identifier) iRedirectCache = std::make_unique<OFSRedirectCache>(path);
   const MutexLock lock(iLock);
   iRedirectCachesPath = path;
 }

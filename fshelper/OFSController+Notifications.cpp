@@ -32,6 +32,7 @@ void OFSController::didMount(const NSNotification& notification) {
                                                    {"passthrough", passthrough()}}));
   // Only now, since it would compete with the start.
   iEnvironment.lookForUpdates();
+  iEnvironment.removeAbandonedLitter();
   // A request that came while the mount was under way met nothing to unmount.
   if (unmountRequested) fileSystem()->unmount();
 }

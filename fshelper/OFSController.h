@@ -10,6 +10,7 @@
 
 #include "fshelper/OFSControllerApplication.h"
 #include "fshelper/OFSControllerEnvironment.h"
+#include "fshelper/OFSRedirectCache.h"
 #include "fshelper/OmbraFileSystem.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/NSNotificationCenter.h"
@@ -121,6 +122,7 @@ class OFSController final : public NSApplication, public OFSMountPathSource {
   const OFSControllerEnvironment iEnvironment;
 
   // Of the start, on the main thread alone.
+  std::unique_ptr<OFSRedirectCache> iRedirectCache;  // absent in a pass-through mount
   std::optional<std::string> iSocketPath;
   std::optional<std::string> iIconPath;
   std::string iMountPoint;

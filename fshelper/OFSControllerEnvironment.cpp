@@ -8,6 +8,7 @@
 #include "fshelper/DrelFSInstaller.h"
 #include "fshelper/OFSControllerApplication.h"
 #include "fshelper/OFSPassthroughLock.h"
+#include "fshelper/OFSRedirectCache.h"
 #include "fshelper/SUUpdater.h"
 
 namespace ombra {
@@ -29,6 +30,7 @@ OFSControllerEnvironment OFSControllerEnvironment::system() {
   environment.updateFeed = OMBRA_UPDATE_FEED;
   environment.stagingUpdateFeed = OMBRA_STAGING_UPDATE_FEED;
   environment.lookForUpdates = [] { SUUpdater::sharedUpdater().startUpdater(); };
+  environment.removeAbandonedLitter = [] { OFSRedirectCache::removeAbandoned(); };
   environment.shouldFixDrelFSPermissions = [] { return DrelFSInstaller::shouldFixDrelFSPermissions(); };
   environment.fixDrelFSPermissions = [](NSErrorRef* error) {
     return DrelFSInstaller::fixDrelFSPermissions(error);

@@ -23,6 +23,8 @@ struct OFSControllerEnvironment {
   std::string stagingUpdateFeed;
   // Begins to look for updates, now that the volume is mounted. Does not wait.
   std::function<void()> lookForUpdates;
+  // Begins to remove the litter of volumes whose helpers were killed. Does not wait.
+  std::function<void()> removeAbandonedLitter;
   std::function<bool()> shouldFixDrelFSPermissions;
   std::function<bool(NSErrorRef* error)> fixDrelFSPermissions;
   std::function<std::shared_ptr<KCConnectionPool>(std::shared_ptr<KCCredentials>, NSErrorRef* error)>

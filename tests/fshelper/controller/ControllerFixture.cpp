@@ -31,6 +31,7 @@ ControllerTest::ControllerTest() : iStandardError(::fcntl(STDERR_FILENO, F_DUPFD
   environment.stagingUpdateFeed = "https://updates.example.org/staging.xml";
   // Nothing is fetched.
   environment.lookForUpdates = [this] { ++looksForUpdates; };
+  environment.removeAbandonedLitter = [this] { ++removesAbandonedLitter; };
   environment.shouldFixDrelFSPermissions = [this] {
     journal.emplace_back("shouldFix");
     return false;

@@ -64,6 +64,7 @@ class ControllerTest : public ::testing::Test {
   const std::shared_ptr<RecordingMount> mount = std::make_shared<RecordingMount>();
   std::vector<std::string> journal;
   int looksForUpdates = 0;
+  int removesAbandonedLitter = 0;
   OFSControllerEnvironment environment;
   std::string programPath = "/usr/libexec/ombrafs/ombrafs-helper";
   std::unique_ptr<FrontEnd> frontEnd;

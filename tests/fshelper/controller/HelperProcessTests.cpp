@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/inotify.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -50,6 +51,28 @@ bool waitUntilMounted(const std::string& path) {
   ::close(table);
   return mounted;
 }
+
+// Waits for what goes from a folder.
+class FolderWatch {
+ public:
+  explicit FolderWatch(const std::string& folder) : iDescriptor(::inotify_init1(IN_CLOEXEC)) {
+    ::inotify_add_watch(iDescriptor, folder.c_str(), IN_DELETE);
+  }
+  ~FolderWatch() { ::close(iDescriptor); }
+  FolderWatch(const FolderWatch&) = delete;
+  FolderWatch& operator=(const FolderWatch&) = delete;
+  bool waitUntilRemoved(const std::string& path) {
+    char events[4096];
+    while (std::filesystem::exists(path)) {
+      pollfd change{iDescriptor, POLLIN, 0};
+      if (::poll(&change, 1, 30000) <= 0 || ::read(iDescriptor, events, sizeof events) <= 0) return false;
+    }
+    return true;
+  }
+
+ private:
+  const int iDescriptor;
+};
 
 class Helper : public ::testing::Test {
  protected:
@@ -151,6 +174,30 @@ TEST_F(Helper, LeavesItsLogsAndNoCache) {
                 Not(HasSubstr("secret")));
   }
   EXPECT_TRUE(std::filesystem::is_empty(folder.path("data/ombrafs/OmbraDiskCache")));
+}
+
+TEST_F(Helper, ThatWasKilledLeavesLitterThatTheNextOneRemoves) {
+  const std::string caches = folder.path("data/ombrafs/OmbraDiskCache");
+  const auto only = [&caches] { return std::filesystem::directory_iterator(caches)->path().string(); };
+  const auto killed = start(localCredentials());
+  client.next();
+  writeTestFile(workPath() + "/.DS_Store", "litter");
+  const std::string left = only();
+  killed->signal(SIGKILL);
+  killed->end();
+  // The folder of a pass-through mount may be named like that too.
+  const std::string kept = caches + "/8A2E4C1B-0E4B-4B52-9A55-0F5AE1D3C111";
+  std::filesystem::create_directories(kept + "/room");
+  FolderWatch watch(caches);
+  const auto next = start(localCredentials());
+  EXPECT_EQ(client.next().name, "OFSDidMount");
+  EXPECT_TRUE(watch.waitUntilRemoved(left));
+  EXPECT_TRUE(std::filesystem::exists(kept + "/room"));
+  std::filesystem::remove_all(kept);
+  EXPECT_TRUE(std::filesystem::exists(only() + "/owner")) << "its own";
+  next->signal(SIGTERM);
+  EXPECT_EQ(next->end(), "exit 0");
+  EXPECT_TRUE(std::filesystem::is_empty(caches));
 }
 
 // A line for each request and each reply, of which one moves at least 32 KiB: a hundredth of what is moved.

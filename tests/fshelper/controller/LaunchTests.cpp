@@ -127,6 +127,13 @@ TEST_F(Launch, UpdatesAreLookedForWhenTheVolumeIsMounted) {
   EXPECT_EQ(looksForUpdates, 1);
 }
 
+TEST_F(Launch, OldLitterIsRemovedWhenTheVolumeIsMounted) {
+  launch(arguments());
+  EXPECT_EQ(removesAbandonedLitter, 0);
+  postDidMount();
+  EXPECT_EQ(removesAbandonedLitter, 1);
+}
+
 TEST_F(Launch, TheControllersEndIsThatOfTheUpdaterToo) {
   launch(arguments());
   controller.reset();

@@ -378,6 +378,7 @@ TEST_F(Options, OfAPlainMount) {
                           "modules=redirect", "redirect_sha1", "redirect_folder=" + cache));
   EXPECT_THAT(cache, StartsWith(cachesFolder() + "/"));
   EXPECT_TRUE(KCUUID::uuidWithString(lastPathComponent(cache)).has_value()) << cache;
+  EXPECT_TRUE(std::filesystem::exists(cache + "/owner")) << "marked as this process's";
 }
 
 TEST_F(Options, OfAPassthroughMountWithIconAndDebugLogging) {
