@@ -11,6 +11,7 @@
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSLog.h"
 #include "platform/foundation/RunLoop.h"
+#include "remote/QuarnKitError.h"
 
 namespace ombra {
 namespace {
@@ -34,6 +35,13 @@ const char* textForState(OFSController::State state) {
 
 nlohmann::json textOrNull(const std::optional<std::string>& text) {
   return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
+}
+
+nlohmann::json errorOrNull(const NSErrorRef& error) {
+  constexpr size_t kLongestText = 2000;  // bytes: a server may say a lot
+  if (error == nullptr) return nullptr;
+  return {{"code", error->domain() == kQuarnKitErrorDomain ? error->code() : 0},
+          {"text", error->localizedDescription().substr(0, kLongestText)}};
 }
 
 int answerStatus(sd_bus_message* message, void* status, sd_bus_error*) {
@@ -107,6 +115,7 @@ std::string OFSStatus::statusText() const {
   }
   status["pid"] = getpid();
   status["state"] = textForState(iController.state());
+  status["startFolderError"] = errorOrNull(iController.startFolderError());
   addTransferReport(iController.transferReport(), &status);
   // Names are bytes; what is no UTF-8 would make the bus refuse the answer.
   return status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
