@@ -22,14 +22,11 @@ std::string fileText(const std::string& path) {
   return text.str();
 }
 
-// Whether a process runs this build's helper, by its executable.
-bool aHelperRuns() {
-  const std::string program = std::string(OMBRA_BUILD_DIR) + "/libexec/ombrafs/ombrafs-helper";
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    std::error_code gone;
-    if (std::filesystem::read_symlink(entry.path() / "exe", gone) == program) return true;
-  }
-  return false;
+// A loopback address of this process alone.
+std::string ownAddress() {
+  const int process = getpid();
+  return "127." + std::to_string(1 + (process >> 16 & 0x7f)) + "." + std::to_string(process >> 8 & 0xff) +
+         "." + std::to_string(process & 0xff);
 }
 
 }  // namespace
@@ -51,14 +48,14 @@ OmbraUser::OmbraUser() {
 }
 
 OmbraUser::~OmbraUser() {
-  for (const std::string& path : mountPaths()) {
+  for (const auto& [path, pid] : volumes()) {
     const ShellResult result = ombra("unmount --force " + shellWord(path));
     // One that was about to end anyway may have done so meanwhile.
     EXPECT_TRUE(result.status == 0 || !isMounted(path)) << result.errors;
   }
   // The bus that the command started for this user lives in the user's temporary folder.
   run("pkill -f " + shellWord("dbus-daemon.*" + iHome.path()));
-  EXPECT_TRUE(eventually([] { return !aHelperRuns(); })) << "a helper was left behind";
+  EXPECT_TRUE(eventually([this] { return !aHelperRuns(); })) << "a helper was left behind";
 }
 
 ShellResult OmbraUser::ombra(const std::string& arguments, const std::string& input, double limitSeconds) {
@@ -90,16 +87,27 @@ std::map<std::string, pid_t> OmbraUser::helpers() {
 
 pid_t OmbraUser::helperOf(const std::string& mountPath) { return helpers()[mountPath]; }
 
-// Not "--all": to the system each of these users is the one who runs the tests, and tests of another build
-// may run at the same time.
-std::set<std::string> OmbraUser::mountPaths() {
-  std::set<std::string> paths;
-  for (const auto& [path, pid] : helpers()) {
-    const std::string environment = '\0' + fileText("/proc/" + std::to_string(pid) + "/environ");
-    const bool isOwn = environment.find('\0' + ("HOME=" + iHome.path()) + '\0') != std::string::npos;
-    if (isOwn || iMountPaths.contains(path)) paths.insert(path);
+std::map<std::string, pid_t> OmbraUser::volumes() {
+  std::map<std::string, pid_t> volumes = helpers();
+  std::erase_if(volumes, [this](const auto& volume) {
+    return !started(volume.second) && !iMountPaths.contains(volume.first);
+  });
+  return volumes;
+}
+
+bool OmbraUser::started(pid_t process) const {
+  const std::string environment = '\0' + fileText("/proc/" + std::to_string(process) + "/environ");
+  return environment.find('\0' + ("HOME=" + iHome.path()) + '\0') != std::string::npos;
+}
+
+bool OmbraUser::aHelperRuns() const {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    std::error_code gone;
+    const auto program = std::filesystem::read_symlink(entry.path() / "exe", gone);
+    if (program.filename() == "ombrafs-helper" && started(std::atoi(entry.path().filename().c_str())))
+      return true;
   }
-  return paths;
+  return false;
 }
 
 void OmbraUser::trust(const SshdFixture& server) {
@@ -138,11 +146,13 @@ bool isMounted(const std::string& path) {
   return fileText("/proc/self/mounts").find(" " + name + " ") != std::string::npos;
 }
 
+std::string ownName(const std::string& text) { return text + "-" + std::to_string(getpid()); }
+
 void MountTest::SetUp() {
   ASSERT_TRUE(std::filesystem::exists("/dev/fuse")) << "These tests mount for real and need /dev/fuse.";
   ASSERT_TRUE(std::filesystem::is_directory("/Volumes"))
       << "These tests mount below /Volumes: mkdir -m 1777 /Volumes";
-  server = std::make_unique<SshdFixture>();
+  server = std::make_unique<SshdFixture>(std::vector<std::string>{}, ownAddress());
   ASSERT_TRUE(server->isRunning()) << server->whyNot();
   iData = std::make_unique<TemporaryFolder>();
   user = std::make_unique<OmbraUser>();
@@ -150,7 +160,7 @@ void MountTest::SetUp() {
 }
 
 std::string MountTest::url(const std::string& path) const {
-  return "sftp://" + server->user() + "@127.0.0.1:" + std::to_string(server->port()) + path;
+  return "sftp://" + server->user() + "@" + server->address() + ":" + std::to_string(server->port()) + path;
 }
 
 std::string MountTest::mountArguments(const std::string& path) const {

@@ -34,6 +34,10 @@ class OmbraUser {
   // The process number of the helper that serves a mount point; 0 when there is none.
   pid_t helperOf(const std::string& mountPath);
 
+  // What the command lists and this user mounted, by mount point. Volumes of others may be there too: to the
+  // system each of these users is the one who runs the tests.
+  std::map<std::string, pid_t> volumes();
+
   const std::string& home() const { return iHome.path(); }
   std::map<std::string, std::string>& environment() { return iEnvironment; }
   // Puts the server's key into this user's known_hosts.
@@ -42,8 +46,10 @@ class OmbraUser {
  private:
   // What the command lists, by mount point.
   std::map<std::string, pid_t> helpers();
-  // Where this user's volumes are mounted.
-  std::set<std::string> mountPaths();
+  // Whether the process was started in this user's environment.
+  bool started(pid_t process) const;
+  // Whether a helper that this user started runs.
+  bool aHelperRuns() const;
 
   TemporaryFolder iHome;
   std::map<std::string, std::string> iEnvironment;
@@ -57,8 +63,11 @@ bool eventually(const std::string& script, double seconds = 15);
 bool processExists(pid_t pid);
 // True when the mount table has that path.
 bool isMounted(const std::string& path);
+// A name for a volume that no other process of the tests uses.
+std::string ownName(const std::string& text);
 
-// A user, a server with a folder, and key login set up between them.
+// A user, a server with a folder, and key login set up between them. The server has an address that no other
+// process of the tests uses, so that volumes named after it do not meet either.
 class MountTest : public ::testing::Test {
  protected:
   void SetUp() override;

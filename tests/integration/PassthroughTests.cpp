@@ -26,7 +26,7 @@ class PassthroughMount : public MountTest {
   }
   // What a failing test leaves out of the user's list is unmounted by the user's end.
   std::string arguments() const {
-    return "--json --name Passing --passthrough team " + mountArguments(data());
+    return "--json --name " + name + " --passthrough team " + mountArguments(data());
   }
   ShellResult mount() { return user->ombra("mount " + arguments()); }
   std::string lockPath() const { return user->home() + "/tmp/OmbraFS.team.pid"; }
@@ -38,11 +38,12 @@ class PassthroughMount : public MountTest {
   size_t mounts() const {
     const std::string table = shell("cat /proc/self/mounts").output;
     size_t count = 0;
-    for (size_t at = table.find(" /Volumes/Passing"); at != std::string::npos;
-         at = table.find(" /Volumes/Passing", at + 1))
-      ++count;
+    const std::string path = " /Volumes/" + name;
+    for (size_t at = table.find(path); at != std::string::npos; at = table.find(path, at + 1)) ++count;
     return count;
   }
+
+  const std::string name = ownName("Passing");
 };
 
 // The helper that finds the identifier taken looks three times, with a second in between.
@@ -57,15 +58,15 @@ TEST_F(PassthroughMount, OfTwoStartedTogetherOneMountsAndTheOtherSaysWhich) {
   EXPECT_FALSE(results[0]["alreadyMounted"]);
   EXPECT_TRUE(results[1]["alreadyMounted"]);
   for (const json& result : results) {
-    EXPECT_EQ(result["mountPath"], "/Volumes/Passing");
+    EXPECT_EQ(result["mountPath"], "/Volumes/" + name);
     EXPECT_EQ(result["pid"], lockOwner());
   }
   EXPECT_EQ(mounts(), 1u);
-  EXPECT_EQ(user->run("cat /Volumes/Passing/file").output, "text");
+  EXPECT_EQ(user->run("cat /Volumes/" + name + "/file").output, "text");
   // The second helper has ended by itself.
   size_t volumes = 0;
   const json listed = json::parse(user->ombra("list --json").output);
-  for (const json& volume : listed["volumes"]) volumes += volume["volumeName"] == "Passing" ? 1 : 0;
+  for (const json& volume : listed["volumes"]) volumes += volume["volumeName"] == name ? 1 : 0;
   EXPECT_EQ(volumes, 1u);
 }
 
@@ -82,13 +83,13 @@ TEST_F(PassthroughMount, TheLockOfAKilledHelperIsTakenOver) {
   EXPECT_FALSE(result["alreadyMounted"]);
   EXPECT_NE(lockOwner(), first);
   EXPECT_EQ(result["pid"], lockOwner());
-  EXPECT_EQ(user->run("cat /Volumes/Passing/file").output, "text");
+  EXPECT_EQ(user->run("cat /Volumes/" + name + "/file").output, "text");
 }
 
 TEST_F(PassthroughMount, AnotherIdentifierIsAnotherVolume) {
   ASSERT_EQ(mount().status, 0);
   const ShellResult other =
-      user->ombra("mount --json --name Passing --passthrough other " + mountArguments(data()));
+      user->ombra("mount --json --name " + name + " --passthrough other " + mountArguments(data()));
   ASSERT_EQ(other.status, 0) << other.errors;
   EXPECT_FALSE(json::parse(other.output)["alreadyMounted"]);
   EXPECT_EQ(mounts(), 2u);

@@ -108,12 +108,13 @@ TEST_F(Litter, GoesToTheServerWhereTheModuleIsMissingAndTheLogSaysSo) {
                 .status,
             0);
   const std::string ombra = programs / "bin/ombra ";
-  const ShellResult mounted = user->run(ombra + "mount --name bare " + shellWord("file://" + data()));
+  const std::string name = ownName("bare");
+  const ShellResult mounted = user->run(ombra + "mount --name " + name + " " + shellWord("file://" + data()));
   ASSERT_EQ(mounted.status, 0) << mounted.errors;
-  EXPECT_EQ(user->run("echo x > /Volumes/bare/.DS_Store").status, 0);
+  EXPECT_EQ(user->run("echo x > /Volumes/" + name + "/.DS_Store").status, 0);
   EXPECT_EQ(onServer("cat .DS_Store"), "x\n");
-  EXPECT_NE(user->run(ombra + "logs bare").output.find("libfusemod_redirect.so"), std::string::npos);
-  EXPECT_EQ(user->run(ombra + "unmount bare").status, 0);
+  EXPECT_NE(user->run(ombra + "logs " + name).output.find("libfusemod_redirect.so"), std::string::npos);
+  EXPECT_EQ(user->run(ombra + "unmount " + name).status, 0);
 }
 
 }  // namespace

@@ -167,9 +167,9 @@ class PermissionCode : public RefusalCode {
     const ShellResult made = shell("chmod 755 " + shellWord(data()) + " " + shellWord(server->folder()) +
                                    " && chmod 644 " + shellWord(server->folder() + "/authorized_keys"));
     ASSERT_EQ(made.status, 0) << made.errors;
-    volume = user->mount(
-        "--identity " + shellWord(server->identityFile()) + " " +
-        shellWord("sftp://" + account.name() + "@127.0.0.1:" + std::to_string(server->port()) + data()));
+    volume = user->mount("--identity " + shellWord(server->identityFile()) + " " +
+                         shellWord("sftp://" + account.name() + "@" + server->address() + ":" +
+                                   std::to_string(server->port()) + data()));
   }
   TemporaryUser account;
 };

@@ -33,8 +33,8 @@ void killTree(pid_t process) {
 
 }  // namespace
 
-SshdFixture::SshdFixture(std::vector<std::string> extraConfiguration)
-    : iExtraConfiguration(std::move(extraConfiguration)) {
+SshdFixture::SshdFixture(std::vector<std::string> extraConfiguration, std::string address)
+    : iExtraConfiguration(std::move(extraConfiguration)), iAddress(std::move(address)) {
   if (!prepare()) return;
   // Somebody may take the port between the probe and the start.
   for (int attempt = 0; attempt < 5 && !isRunning(); ++attempt) {
@@ -82,7 +82,8 @@ bool SshdFixture::prepare() {
 bool SshdFixture::start() {
   std::ofstream configuration(iFolder + "/sshd_config");
   for (const std::string& line : iExtraConfiguration) configuration << line << "\n";
-  configuration << "Port " << iPort << "\nListenAddress 127.0.0.1\nHostKey " << iFolder << "/host_key\n"
+  configuration << "Port " << iPort << "\nListenAddress " << iAddress << "\nHostKey " << iFolder
+                << "/host_key\n"
                 << "AuthorizedKeysFile " << authorizedKeysFile() << "\n"
                 << "PidFile none\nUsePAM no\nStrictModes no\nPermitRootLogin yes\nPasswordAuthentication no\n"
                 << "KbdInteractiveAuthentication no\nMaxStartups 100\nMaxSessions 100\nUseDNS no\n"
@@ -104,7 +105,7 @@ void SshdFixture::dropConnections() {
 
 void SshdFixture::configure(KCCredentials& credentials) const {
   credentials.setProtocol(kProtocolSFTP);
-  credentials.setAddress("127.0.0.1");
+  credentials.setAddress(iAddress);
   credentials.setPort(iPort);
   credentials.setUsername(iUser);
   credentials.setOption("identityFile", identityFile());
@@ -116,7 +117,7 @@ std::string SshdFixture::knownHostsLine() const {
   std::string type;
   std::string key;
   file >> type >> key;
-  return "[127.0.0.1]:" + std::to_string(iPort) + " " + type + " " + key;
+  return "[" + iAddress + "]:" + std::to_string(iPort) + " " + type + " " + key;
 }
 
 }  // namespace ombra

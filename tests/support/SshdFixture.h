@@ -19,8 +19,9 @@ namespace ombra {
 // which must live as long: the system ends the server with it.
 class SshdFixture {
  public:
-  // `extraConfiguration`: further lines for sshd_config. They come first, so that they win.
-  explicit SshdFixture(std::vector<std::string> extraConfiguration = {});
+  // `extraConfiguration`: further lines for sshd_config. They come first, so that they win. `address`:
+  // another one of this machine's own, 127.x.y.z.
+  explicit SshdFixture(std::vector<std::string> extraConfiguration = {}, std::string address = "127.0.0.1");
   ~SshdFixture();
   SshdFixture(const SshdFixture&) = delete;
   SshdFixture& operator=(const SshdFixture&) = delete;
@@ -29,6 +30,7 @@ class SshdFixture {
   bool isRunning() const { return iServer.isRunning(); }
   const std::string& whyNot() const { return iWhyNot; }
 
+  const std::string& address() const { return iAddress; }
   int port() const { return iPort; }
   const std::string& user() const { return iUser; }
   std::string identityFile() const { return iFolder + "/client_key"; }
@@ -56,6 +58,7 @@ class SshdFixture {
   bool fail(const std::string& reason);
 
   const std::vector<std::string> iExtraConfiguration;
+  const std::string iAddress;
   std::string iFolder;
   std::string iUser;
   std::string iFingerprint;
