@@ -4,9 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -37,6 +40,23 @@ class StalledServer {
   std::string iProcesses;
 };
 
+// What an answer may take at its best, and what no load explains: the server is given up after 30 s.
+constexpr double kPleasant = 0.2;
+constexpr double kUnbearable = 25;
+
+// Takes a list, attributes, and names that are not there, which the kernel does not know of: another `round`,
+// other names.
+double secondsToLookInto(const std::string& folder, int round) {
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder), {}), 100);
+  struct stat info {};
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_EQ(stat((folder + "/f" + std::to_string(i)).c_str(), &info), 0);
+    EXPECT_NE(stat((folder + "/none" + std::to_string(100 * round + i)).c_str(), &info), 0);
+  }
+  return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
 TEST_F(Outage, AListedFolderAnswersWhileTwoHundredReadersWaitForAStalledServer) {
   std::filesystem::create_directory(data() + "/listed");
   for (int i = 0; i < 100; ++i) std::ofstream(data() + "/listed/f" + std::to_string(i)) << i;
@@ -61,15 +81,17 @@ TEST_F(Outage, AListedFolderAnswersWhileTwoHundredReadersWaitForAStalledServer) 
         close(descriptor);
       });
     }
-    ASSERT_TRUE(
+    EXPECT_TRUE(
         eventually("test $(ls /proc/" + std::to_string(user->helperOf(volume)) + "/task | wc -l) -gt 150"));
-    const auto start = std::chrono::steady_clock::now();
-    struct stat info {};
-    for (int i = 0; i < 100; ++i)
-      EXPECT_EQ(stat((volume + "/listed/f" + std::to_string(i)).c_str(), &info), 0);
-    EXPECT_EQ(user->run("ls " + shellWord(volume + "/listed") + " > /dev/null").status, 0);
-    const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_LT(seconds, 0.25) << "100 attributes and one ls, starting its shell included";
+    // A busy machine makes any look slow, but not each of them; one that waits for the server lasts until
+    // that is given up.
+    double fastest = kUnbearable;
+    for (int round = 0; round < 20 && fastest >= kPleasant; ++round) {
+      const double seconds = secondsToLookInto(volume + "/listed", round);
+      EXPECT_LT(seconds, kUnbearable);
+      fastest = std::min(fastest, seconds);
+    }
+    EXPECT_LT(fastest, kPleasant);
   }
   for (std::thread& reader : readers) reader.join();
 }
