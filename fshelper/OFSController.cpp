@@ -251,6 +251,11 @@ OFSTransferReport OFSController::transferReport() const {
   return object == nullptr ? OFSTransferReport() : object->transferReport();
 }
 
+NSErrorRef OFSController::startFolderError() const {
+  const std::shared_ptr<OmbraFileSystem> object = fileSystemObject();
+  return object == nullptr ? nullptr : object->startFolderError();
+}
+
 std::shared_ptr<const KCCredentials> OFSController::credentials() const {
   const std::shared_ptr<OmbraFileSystem> object = fileSystemObject();
   const auto pool = object == nullptr ? nullptr : object->connectionPool();

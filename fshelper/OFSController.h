@@ -83,6 +83,8 @@ class OFSController final : public NSApplication, public OFSMountPathSource {
   std::shared_ptr<const KCCredentials> credentials() const EXCLUDES(iLock);
   // Empty before there is a file system. Never waits for a transfer.
   OFSTransferReport transferReport() const EXCLUDES(iLock);
+  // Why the volume does not show the folder that was asked for; null where it does, and before that is known.
+  NSErrorRef startFolderError() const EXCLUDES(iLock);
 
  private:
   // The steps of the start, in their order. Those that answer false have ended it.

@@ -17,8 +17,9 @@ class RunLoop;
 //
 //   Status() -> s          a JSON object of less than 64 KiB (docs/status.md): volumeName, mountPath,
 //                          registeredName, address, username, protocol (texts, or null while unknown), pid,
-//                          state ("starting", "mounting", "mounted", "unmounting"), and what
-//                          `addTransferReport` adds
+//                          state ("starting", "mounting", "mounted", "unmounting"), startFolderError (null,
+//                          or {code, text}: why the volume does not show the folder that was asked for), and
+//                          what `addTransferReport` adds
 //   Unmount(b force)       asks for an unmount and answers at once; with force without waiting for the server
 //
 // Answers on the event loop, so not before it runs. Used on the loop's thread alone.

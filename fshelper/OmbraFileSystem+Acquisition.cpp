@@ -32,12 +32,16 @@ std::string absoluteInitialPath(const AbstractConnection& connection, std::strin
   return pathWithComponents(components);
 }
 
-// Enters the folder, or the one above it, since the initial path may name a file. Absent when neither can be.
+// Enters the folder, or the one above it, since the initial path may name a file; why, is kept for those who
+// want that folder and no other. Absent when neither can be entered.
 std::optional<std::string> enterFolder(AbstractConnection& connection, const std::string& path,
-                                       NSErrorRef* error) {
-  if (!connection.changeDir(path, error) &&
-      !connection.changeDir(stringByDeletingLastPathComponent(path), error)) {
-    return std::nullopt;
+                                       OmbraFileSystem& fileSystem, NSErrorRef* error) {
+  NSErrorRef refusal;
+  const bool isEntered = connection.changeDir(path, &refusal);
+  if (refusal != nullptr) storeError(error, refusal);
+  if (!isEntered) {
+    if (!connection.changeDir(stringByDeletingLastPathComponent(path), error)) return std::nullopt;
+    fileSystem.setStartFolderError(std::move(refusal));
   }
   return connection.pwd(error);
 }
@@ -51,7 +55,7 @@ void settleRoot(AbstractConnection& connection, KCConnectionPool& pool, OmbraFil
       credentials == nullptr ? std::nullopt : credentials->initialPath();
   const bool mountAtRemoteRoot = NSUserDefaults::standardUserDefaults().boolForKey("MountAtRemoteRoot");
   if (initialPath) {
-    start = enterFolder(connection, absoluteInitialPath(connection, *initialPath, *start), error);
+    start = enterFolder(connection, absoluteInitialPath(connection, *initialPath, *start), fileSystem, error);
     if (!start) return;
   }
   fileSystem.setRootNode(

@@ -46,6 +46,16 @@ NSErrorRef OmbraFileSystem::mountError() const {
   return iMountError;
 }
 
+NSErrorRef OmbraFileSystem::startFolderError() const {
+  MutexLock lock(iPropertyLock);
+  return iStartFolderError;
+}
+
+void OmbraFileSystem::setStartFolderError(NSErrorRef error) {
+  MutexLock lock(iPropertyLock);
+  iStartFolderError = std::move(error);
+}
+
 std::string OmbraFileSystem::initialPath() const {
   MutexLock lock(iPropertyLock);
   return iInitialPath;
@@ -108,6 +118,9 @@ void OmbraFileSystem::willMount() {
     isListed = contentsOfDirectoryAtPath("/", &error).has_value();
   }
   if (isListed) OFS_TRACE_MESSAGE("rootPath={}, initialPath={}", rootPath(), initialPath());
+  const NSErrorRef refusal = isListed || error == nullptr ? nullptr : error->underlyingError();
+  if (QuarnKitError::isCode(refusal, kQuarnKitListingNotPermitted) && startFolderError() == nullptr)
+    setStartFolderError(refusal);
   // Also the error of a listing that failed before another one succeeded: intended.
   MutexLock lock(iPropertyLock);
   iMountError = std::move(error);

@@ -65,6 +65,10 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   void setPoolMaker(PoolMaker maker) EXCLUDES(iPropertyLock);
   // What the last failed listing of `willMount` failed of, also when a later one succeeded.
   NSErrorRef mountError() const EXCLUDES(iPropertyLock);
+  // Why the volume does not show the folder that its credentials name: it could not be entered, so that the one
+  // above it is shown, or may not be listed. Null where all is well.
+  NSErrorRef startFolderError() const EXCLUDES(iPropertyLock);
+  void setStartFolderError(NSErrorRef error) EXCLUDES(iPropertyLock);
   NSDate mountDate() const { return iMountDate; }
   // Seconds that a listing stays fresh.
   double refreshInterval() const { return iRefreshInterval.load(); }
@@ -312,6 +316,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
 
   mutable Mutex iPropertyLock;
   NSErrorRef iMountError GUARDED_BY(iPropertyLock);
+  NSErrorRef iStartFolderError GUARDED_BY(iPropertyLock);
   std::string iInitialPath GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCConnectionPool> iConnectionPool GUARDED_BY(iPropertyLock);
   PoolMaker iPoolMaker GUARDED_BY(iPropertyLock);

@@ -43,6 +43,7 @@ class Status : public ControllerTest {
                      {"bytesReceived", 0},
                      {"bytesSent", 0},
                      {"cache", {{"used", 0}, {"budget", budget}}},
+                     {"startFolderError", nullptr},
                      {"lastError", nullptr}});
     return identity;
   }
@@ -83,6 +84,14 @@ TEST_F(Status, OfAMountedVolume) {
                             {"pid", getpid()},
                             {"state", "mounted"}},
                            4096));
+}
+
+TEST_F(Status, TellsWhyTheVolumeDoesNotShowTheFolderOfItsURL) {
+  launch(arguments());
+  fileSystem->setStartFolderError(QuarnKitError::errorWithCode(kQuarnKitNoSuchItem));
+  const nlohmann::json status = nlohmann::json::parse(OFSStatus(*controller).statusText());
+  EXPECT_EQ(status["startFolderError"]["code"], kQuarnKitNoSuchItem);
+  EXPECT_EQ(status["startFolderError"]["text"], QuarnKitError::textForCode(kQuarnKitNoSuchItem));
 }
 
 TEST_F(Status, GoesThroughItsStates) {

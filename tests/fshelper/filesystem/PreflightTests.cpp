@@ -112,6 +112,21 @@ TEST_F(Preflight, AnInitialPathThatNamesAFileLeavesTheErrorOfTheFirstAttempt) {
   EXPECT_EQ(error, refused);
 }
 
+TEST_F(Preflight, WhyTheStartFolderCouldNotBeEnteredIsKept) {
+  server.credentials()->setInitialPath("/home/u/gone");
+  const NSErrorRef refused = refusal(kQuarnKitNoSuchItem);
+  server.fail("changeDir", "/home/u/gone", refused);
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.rootNode()->path(), "/home/u");
+  EXPECT_EQ(fileSystem.startFolderError(), refused);
+}
+
+TEST_F(Preflight, AStartFolderThatCanBeEnteredLeavesNoErrorOfIts) {
+  server.credentials()->setInitialPath("/home/u/docs");
+  ASSERT_TRUE(fileSystem.preflight(&error));
+  EXPECT_EQ(fileSystem.startFolderError(), nullptr);
+}
+
 TEST_F(Preflight, AnEmptyInitialPathIsTheLoginFolder) {
   server.credentials()->setInitialPath("");
   ASSERT_TRUE(fileSystem.preflight(&error));
@@ -267,6 +282,7 @@ TEST_F(WillMount, MovesTheRootDownToTheFirstFolderThatCanBeListed) {
   EXPECT_EQ(fileSystem.rootNode()->path(), "/a");
   EXPECT_EQ(fileSystem.rootNode()->credentials(), server.credentials());
   EXPECT_EQ(fileSystem.initialPath(), "/b");
+  EXPECT_EQ(fileSystem.startFolderError(), nullptr);
   EXPECT_THAT(list("/"), ElementsAre("b"));
 }
 
@@ -287,6 +303,7 @@ TEST_F(WillMount, StopsAtTheStartFolder) {
   EXPECT_EQ(fileSystem.rootNode()->path(), "/a/b");
   EXPECT_EQ(fileSystem.initialPath(), "/");
   EXPECT_EQ(server.count("contentsAtPath"), 3u);
+  EXPECT_TRUE(QuarnKitError::isCode(fileSystem.startFolderError(), kQuarnKitListingNotPermitted));
 }
 
 TEST_F(WillMount, AnotherFailureEndsTheDescentAtOnce) {
