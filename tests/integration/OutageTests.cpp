@@ -1,6 +1,5 @@
 // A server that stops answering: what needs it waits or fails, what does not goes on.
 #include <fcntl.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,31 +13,12 @@
 #include <vector>
 
 #include "tests/integration/MountFixture.h"
+#include "tests/integration/StalledServer.h"
 
 namespace ombra {
 namespace {
 
 class Outage : public MountTest {};
-
-// Stops, and at its end continues, the server and the processes that serve its connections.
-class StalledServer {
- public:
-  explicit StalledServer(const SshdFixture& server) {
-    const std::string daemon = "$(pgrep -f " + shellWord("sshd.*" + server.folder()) + ")";
-    iProcesses =
-        shell(
-            "all=" + daemon +
-            "; for round in 1 2 3 4; do for p in $all; do all=\"$all $(pgrep -P $p)\"; done; done; echo $all")
-            .output;
-    shell("kill -STOP $(echo " + shellWord(iProcesses) + ")");
-  }
-  ~StalledServer() { shell("kill -CONT $(echo " + shellWord(iProcesses) + ")"); }
-  StalledServer(const StalledServer&) = delete;
-  StalledServer& operator=(const StalledServer&) = delete;
-
- private:
-  std::string iProcesses;
-};
 
 // What an answer may take at its best, and what no load explains: the server is given up after 30 s.
 constexpr double kPleasant = 0.2;
