@@ -78,15 +78,23 @@ std::shared_ptr<OpenHandle> HandleTable::add(const std::string& path, const GMUs
     handle->item = std::make_shared<OpenItem>(path, userData);
     iItems.insert(path, handle->item);
   }
+  handle->forWriting = access != FileAccess::kReads;
   handle->bypassesPages = access == FileAccess::kWrites && !handle->item->mayHavePages();
-  if (handle->bypassesPages) ++handle->item->iBypassing;
-  ++handle->item->iHandleCount;
+  count(*handle);
   if (nodeID != 0) handle->item->setNodeID(nodeID);
   handle->identifier = ++iLastIdentifier;
-  handle->forWriting = access != FileAccess::kReads;
   handle->opener = opener;
   iHandles.emplace(handle->identifier, handle);
   return handle;
+}
+
+void HandleTable::count(OpenHandle& handle) {
+  ++handle.item->iHandleCount;
+  if (handle.bypassesPages) {
+    ++handle.item->iBypassing;
+  } else if (handle.forWriting) {
+    ++handle.item->iWritersOfPages;
+  }
 }
 
 std::shared_ptr<OpenHandle> HandleTable::handle(uint64_t identifier) const {
@@ -104,6 +112,8 @@ void HandleTable::dropItem(const std::shared_ptr<OpenHandle>& handle) {
     --item->iBypassing;
     // What an open in the meantime has read may be from before the last of these writes.
     if (path) dropLastOpen(*path);
+  } else if (handle->forWriting) {
+    --item->iWritersOfPages;
   }
   if (--item->iHandleCount != 0) return;
   if (!path) {

@@ -50,6 +50,8 @@ class OpenItem {
 
   // Whether the kernel may keep pages of the file: somebody has it open who does not go past them.
   bool mayHavePages() const { return iHandleCount != iBypassing; }
+  // Whether a mapping may have changed some of them.
+  bool mayHaveChangedPages() const { return iWritersOfPages != 0; }
 
   // The kernel's number of the file, 0 until it is known.
   uint64_t nodeID() const { return iNodeID; }
@@ -59,8 +61,9 @@ class OpenItem {
   friend class HandleTable;
 
   const GMUserData iUserData;
-  std::atomic<size_t> iHandleCount{0};  // both are changed under the table's lock
+  std::atomic<size_t> iHandleCount{0};  // these three are changed under the table's lock
   std::atomic<size_t> iBypassing{0};
+  std::atomic<size_t> iWritersOfPages{0};
   std::atomic<uint64_t> iNodeID{0};
   std::atomic<bool> iMayHavePrivileges{true};
   mutable Mutex iLock;
@@ -136,6 +139,7 @@ class HandleTable {
 
  private:
   std::shared_ptr<OpenItem> findItem(std::string_view path, const GMUserData& userData) const REQUIRES(iLock);
+  static void count(OpenHandle& handle);
   void dropItem(const std::shared_ptr<OpenHandle>& handle) REQUIRES(iLock);
   void dropLastOpen(std::string_view path) REQUIRES(iLock);
   void pruneLastOpens() REQUIRES(iLock);

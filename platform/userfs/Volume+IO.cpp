@@ -10,23 +10,26 @@ namespace ombra {
 
 namespace {
 
-// The pages that others have of what is written past them. What a mapping has changed there is written
-// before, so that it does not come after and take the new bytes with it; what is read meanwhile goes
-// afterwards. Costs nothing where nobody else has the file open.
+// The pages that others have of what is written past them: dropped afterwards, and where a mapping may have
+// changed some, before as well, since they are written then and would take the new bytes with them if they
+// came later. Dropping waits, deaf to every signal, for reads of these pages that are under way; after a
+// write these have all that they need.
 class PagesOfOthers {
  public:
-  PagesOfOthers(const OpenHandle& handle, off_t offset, size_t length, const Volume::PageDropper& drop)
-      : iHandle(handle), iOffset(offset), iLength(length), iDrop(drop) {
-    dropNow();
+  PagesOfOthers(const OpenHandle& handle, off_t offset, size_t length, const Volume::PageDropper& dropPages)
+      : iHandle(handle), iOffset(offset), iLength(length), iDrop(dropPages) {
+    if (iHandle.bypassesPages && iHandle.item->mayHaveChangedPages()) drop();
   }
-  ~PagesOfOthers() { dropNow(); }
+  ~PagesOfOthers() {
+    if (iHandle.bypassesPages && iHandle.item->mayHavePages()) drop();
+  }
   PagesOfOthers(const PagesOfOthers&) = delete;
   PagesOfOthers& operator=(const PagesOfOthers&) = delete;
 
  private:
-  void dropNow() const {
-    if (!iHandle.bypassesPages || !iHandle.item->mayHavePages() || iLength == 0) return;
-    if (iHandle.item->nodeID() != 0) iDrop(iHandle.item->nodeID(), iOffset, iLength);
+  void drop() const {
+    const uint64_t nodeID = iHandle.item->nodeID();
+    if (nodeID != 0 && iLength != 0) iDrop(nodeID, iOffset, iLength);
   }
 
   const OpenHandle& iHandle;

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/foundation/NSLog.h"
+#include "platform/foundation/NSThread.h"
 
 namespace ombra {
 
@@ -12,7 +13,6 @@ struct WorkQueue::Shared {
 
   const char* const name;
   const size_t maximum;
-  ThreadGroup threads;
   NSCondition condition;
   std::deque<std::function<void()>> waiting GUARDED_BY(condition);
   size_t running GUARDED_BY(condition) = 0;  // threads, each with work in hand or about to take some
@@ -30,7 +30,11 @@ void WorkQueue::add(std::function<void()> work) {
     if (iShared->running >= iShared->maximum) return;
     ++iShared->running;
   }
-  if (iShared->threads.start(iShared->name, [shared = iShared] { run(shared); })) return;
+  const bool isStarted = NSThread::detachNewThread([shared = iShared] {
+    NSThread::setName(shared->name);
+    run(shared);
+  });
+  if (isStarted) return;
   // No thread to be had: where others run they take the work; where none does it is done here and now.
   bool alone = false;
   {

@@ -8,13 +8,12 @@
 
 #include "platform/foundation/NSCondition.h"
 #include "platform/foundation/NSDate.h"
-#include "platform/userfs/ThreadGroup.h"
 
 namespace ombra {
 
-// Threads are started when work waits and none is idle, up to a maximum, and end when there is nothing left.
-// Releases run here, since each may take a minute; and notices to the kernel, since each may wait for a page
-// that a read holds. Work is called with no lock held; its exceptions are logged. Thread-safe.
+// Threads are taken when work waits and fewer than the maximum run, and given back when there is nothing
+// left. Releases run here, since each may take a minute; and notices to the kernel, since each may wait for a
+// page that a read holds. Work is called with no lock held; its exceptions are logged. Thread-safe.
 class WorkQueue {
  public:
   // `name` outlives the queue. With one thread the order of the work is kept.

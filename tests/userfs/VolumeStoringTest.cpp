@@ -35,6 +35,21 @@ class VolumeStoring : public ::testing::Test {
     EXPECT_EQ(iVolume->open(path, flags, 0, &opened), 0);
     return opened.handle;
   }
+  // What is dropped, and when, while a handle that only writes does and another one is open.
+  std::vector<std::string> dropsOfAWriteBeside(int flagsOfOther) {
+    iFiles.addFile("/a", "content");
+    RequestContext::current().nodeID = 7;
+    const uint64_t writer = open("/a", O_WRONLY);
+    open("/a", flagsOfOther);
+    RequestContext::current() = RequestContext();
+    std::vector<std::string> drops;
+    const auto drop = [&](uint64_t node, off_t offset, size_t length) {
+      drops.push_back(
+          fmt::format("drop {} from {} of {}: {}", length, offset, node, *iFiles.contentOf("/a")));
+    };
+    EXPECT_EQ(iVolume->write(writer, "XY", 2, 3, drop), 2);
+    return drops;
+  }
   int write(uint64_t handle) { return iVolume->write(handle, "x", 1, 0, nullptr); }
 
   DurableMemoryFileSystem iFiles;
@@ -43,18 +58,13 @@ class VolumeStoring : public ::testing::Test {
 };
 
 // Kernels differ in what they do about the pages of others on their own, so that a mount tells little of it.
-TEST_F(VolumeStoring, PagesThatOthersHaveAreDroppedBeforeAndAfterAWritePastThem) {
-  iFiles.addFile("/a", "content");
-  RequestContext::current().nodeID = 7;
-  const uint64_t writer = open("/a", O_WRONLY);
-  open("/a", O_RDONLY);
-  RequestContext::current() = RequestContext();
-  std::vector<std::string> events;
-  const auto drop = [&](uint64_t node, off_t offset, size_t length) {
-    events.push_back(fmt::format("drop {} from {} on {}: {}", length, offset, node, *iFiles.contentOf("/a")));
-  };
-  EXPECT_EQ(iVolume->write(writer, "XY", 2, 3, drop), 2);
-  EXPECT_THAT(events, ElementsAre("drop 2 from 3 on 7: content", "drop 2 from 3 on 7: conXYnt"));
+TEST_F(VolumeStoring, PagesThatAReaderHasAreDroppedAfterAWritePastThem) {
+  EXPECT_THAT(dropsOfAWriteBeside(O_RDONLY), ElementsAre("drop 2 from 3 of 7: conXYnt"));
+}
+
+TEST_F(VolumeStoring, PagesThatAMappingMayHaveChangedAreDroppedBeforeAndAfterAWritePastThem) {
+  EXPECT_THAT(dropsOfAWriteBeside(O_RDWR),
+              ElementsAre("drop 2 from 3 of 7: content", "drop 2 from 3 of 7: conXYnt"));
 }
 
 TEST_F(VolumeStoring, NothingIsDroppedWhereNobodyElseHasTheFileOpen) {
