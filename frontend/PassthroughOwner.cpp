@@ -2,12 +2,13 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <signal.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
 
+#include "frontend/ProcessDescriptor.h"
 #include "frontend/UniqueFd.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
@@ -22,7 +23,11 @@ pid_t ownerOfPassthrough(const std::string& identifier) {
   int32_t owner = 0;
   if (folder.empty() || !file || read(file.get(), &owner, sizeof owner) != sizeof owner || owner <= 0)
     return 0;
-  return kill(owner, 0) == 0 || errno != ESRCH ? owner : 0;
+  // Not by a signal: that also reaches one which has ended and was not collected yet.
+  const UniqueFd process = openProcess(owner);
+  if (!process) return errno == ESRCH || errno == EINVAL || errno == ENOENT ? 0 : owner;
+  pollfd end{process.get(), POLLIN, 0};
+  return poll(&end, 1, 0) == 0 ? owner : 0;
 }
 
 }  // namespace ombra

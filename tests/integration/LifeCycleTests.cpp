@@ -22,8 +22,7 @@ class LifeCycle : public MountTest {
     ASSERT_GT(helper, 0);
   }
   void expectEverythingGone() {
-    EXPECT_TRUE(eventually("! kill -0 " + std::to_string(helper) + " 2>/dev/null", 20))
-        << "the helper lives on";
+    EXPECT_TRUE(eventually([this] { return !processExists(helper); }, 20)) << "the helper lives on";
     EXPECT_FALSE(isMounted(volume));
     EXPECT_FALSE(std::filesystem::exists(volume)) << "the mount point was left";
   }
@@ -70,7 +69,7 @@ TEST_F(LifeCycle, UnmountWorksWhenTheServerIsDead) {
 
 TEST_F(LifeCycle, AMountPointOfAKilledHelperIsCleared) {
   kill(helper, SIGKILL);
-  EXPECT_TRUE(eventually("! kill -0 " + std::to_string(helper) + " 2>/dev/null"));
+  EXPECT_TRUE(eventually([this] { return !processExists(helper); }));
   const std::string again = user->mount(mountArguments(data()));
   EXPECT_EQ(again, volume);
   EXPECT_EQ(user->run("cat " + shellWord(again + "/file")).output, "text");
