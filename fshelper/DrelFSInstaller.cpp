@@ -1,5 +1,6 @@
 #include "fshelper/DrelFSInstaller.h"
 
+#include "fshelper/DrelFSInstallerBundle/BundlePaths.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSLog.h"
@@ -9,11 +10,10 @@
 namespace ombra {
 namespace {
 
-constexpr std::string_view kComponentsFolder =
-    "ombradiskfs.fs/Contents/Resources/org.ombrafs.filesystems.ombradiskfs.components";
 constexpr std::string_view kOwner = "root";
 constexpr std::string_view kGroup = "wheel";
 constexpr unsigned kSetUserID = 04000;
+constexpr unsigned kWritableByOthers = 022;
 
 // What is missing cannot be repaired, and nobody is to be asked for a password for it.
 bool isThere(const std::string& path, NSErrorRef* error) {
@@ -25,12 +25,19 @@ bool isThere(const std::string& path, NSErrorRef* error) {
   return false;
 }
 
+// Rights are not to be granted to what others than root may have written.
+bool isRootsOwn(const std::string& program) {
+  const auto attributes = NSFileManager::attributesOfItemAtPath(program, nullptr);
+  return attributes && attributes->ownerAccountName == kOwner &&
+         (attributes->posixPermissions & kWritableByOthers) == 0;
+}
+
 }  // namespace
 
 DrelFSBundle DrelFSBundle::bundleInFolder(const std::string& folder) {
-  const std::string components = stringByAppendingPathComponent(folder, kComponentsFolder);
-  return {stringByAppendingPathComponent(components, "ombradiskfs.kext"),
-          stringByAppendingPathComponent(components, "load_drelfs")};
+  return {stringByAppendingPathComponent(folder, kDrelFSExtension),
+          stringByAppendingPathComponent(folder, kDrelFSLoader),
+          stringByAppendingPathComponent(folder, kDrelFSRepair)};
 }
 
 DrelFSBundle DrelFSBundle::mainBundle() {
@@ -54,6 +61,7 @@ bool DrelFSInstaller::fixDrelFSPermissions(NSErrorRef* error) {
 
 bool DrelFSInstaller::fixDrelFSPermissions(const DrelFSBundle& bundle, KCAuthorizationManager& authorization,
                                            NSErrorRef* error) {
+  if (isRootsOwn(bundle.repair)) authorization.setStepProgram(bundle.repair);
   // The loader gets its set-user-ID bit last: a change of the owner would take it away again.
   return isThere(bundle.extension, error) &&
          authorization.chownWithPrivilegesItemAtPath(bundle.extension, kOwner, kGroup, true, error) &&

@@ -13,6 +13,7 @@ class KCAuthorizationManager;
 struct DrelFSBundle {
   std::string extension;  // the kernel module's configuration, a folder
   std::string loader;     // the tool that loads the module
+  std::string repair;     // what runs the steps of the repair, beside the helper
 
   // Of the bundle "ombradiskfs.fs" in `folder`.
   static DrelFSBundle bundleInFolder(const std::string& folder);
@@ -27,7 +28,9 @@ class DrelFSInstaller {
   static bool shouldFixDrelFSPermissions(const DrelFSBundle& bundle = DrelFSBundle::mainBundle());
 
   // Makes it so with administrator rights, in four steps, up to the first that fails. An item that is missing
-  // fails its first step, with code 2 of the POSIX domain, before anybody is asked for rights.
+  // fails its first step, with code 2 of the POSIX domain, before anybody is asked for rights. The question
+  // names this program where the bundle's `repair` is root's, as in an installed copy: then one answer does
+  // for all steps.
   static bool fixDrelFSPermissions(NSErrorRef* error);
   static bool fixDrelFSPermissions(const DrelFSBundle& bundle, KCAuthorizationManager& authorization,
                                    NSErrorRef* error);

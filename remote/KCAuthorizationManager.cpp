@@ -153,7 +153,10 @@ bool KCAuthorizationManager::runWithPrivileges(std::vector<std::string> command,
     ways.push_back({});
   } else {
     // Without its own agent pkexec would ask on the helper's terminal, where nobody sits.
-    if (isExecutable(kPkexec)) ways.push_back({kPkexec, "--disable-internal-agent"});
+    if (isExecutable(kPkexec)) {
+      ways.push_back({kPkexec, "--disable-internal-agent"});
+      if (!iStepProgram.empty()) ways.back().push_back(iStepProgram);
+    }
     if (isExecutable(kSudo)) ways.push_back({kSudo, "-n", "--"});
   }
   std::string words = "Neither pkexec nor sudo is installed.";

@@ -3,6 +3,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/foundation/NSError.h"
@@ -26,6 +27,10 @@ class KCAuthorizationManager {
   bool chmodWithPrivilegesItemAtPath(const std::string& path, std::string_view withPermissions,
                                      bool recursive, NSErrorRef* error);
 
+  // A program that runs the command that follows it, for pkexec to start in the command's place: the question
+  // to the person is then the one that the system has for this program. Nothing of it is checked here.
+  void setStepProgram(std::string path) { iStepProgram = std::move(path); }
+
   // Runs a program by its full path, without input. The exit status (128 + number for a signal, 127 when it
   // could not be started) and up to 4 KiB of what it wrote, trimmed.
   static int runCommand(const std::vector<std::string>& arguments, std::string* output);
@@ -38,6 +43,8 @@ class KCAuthorizationManager {
 
  private:
   bool runWithPrivileges(std::vector<std::string> command, NSErrorRef* error);
+
+  std::string iStepProgram;
 };
 
 }  // namespace ombra

@@ -93,10 +93,12 @@ class Tree(unittest.TestCase):
             "sbin/mount.ombra",
             "sbin/mount.fuse.ombra",
             "libexec/ombrafs/ombrafs-helper",
+            "libexec/ombrafs/repair_drelfs",
             COMPONENTS + "/load_drelfs",
             COMPONENTS + "/ombradiskfs.kext/Contents/modules-load.conf",
             "lib/tmpfiles.d/ombra.conf",
             "lib/systemd/user/ombra@.service",
+            "share/polkit-1/actions/org.ombrafs.policy",
             "share/bash-completion/completions/ombra",
             "share/zsh/vendor-completions/_ombra",
             "share/fish/vendor_completions.d/ombra.fish",
@@ -659,6 +661,90 @@ class Repair(MountTest):
         self.assertIn("could not be run with administrator rights", err)
         self.assertIn(f"run as root: /usr/bin/chown -h -R -P -- root:0 {self.EXTENSION}", err)
         self.assertEqual(self.state()[1], (0, 0, 0o755))
+
+    def mount_and_unmount_as_nobody(self, rights):
+        """By a user without rights of their own, in a mount namespace whose files in /etc, /run and /dev are its own. `rights` are
+        the lines of a script that make those; what is written there is gone afterwards."""
+        for folder in [self.home, self.home + "/t"]:
+            os.chown(folder, 65534, 65534)
+        script = f"""
+            set -e
+            mount -t tmpfs none /run
+            mount -t tmpfs -o mode=755 none /dev
+            mknod -m 666 /dev/null c 1 3
+            mknod -m 666 /dev/urandom c 1 9
+            mknod -m 666 /dev/fuse c 10 229
+            {rights}
+            as_nobody() {{ /usr/bin/setpriv --reuid 65534 --regid 65534 --clear-groups -- "$@"; }}
+            as_nobody "$0" mount --name "{self.name}" "{self.url()}"
+            as_nobody cat "{self.path}/hello.txt"
+            as_nobody "$0" unmount "{self.name}"
+        """
+        with tempfile.TemporaryFile("w+") as out:
+            code = subprocess.run(["unshare", "--mount", "--propagation", "private", "sh", "-c", script, PREFIX + "/bin/ombra"],
+                                  env=self.environment, stdin=subprocess.DEVNULL, stdout=out, stderr=out).returncode
+            out.seek(0)
+            return code, out.read()
+
+    def damage(self):
+        os.chown(self.EXTENSION, 65534, 65534)
+        os.chmod(self.EXTENSION, 0o777)
+        os.chown(self.LOADER, 65534, 65534)
+
+    def test_sudo_repairs_for_somebody_with_the_right_rule(self):
+        require_tool(self, "sudo")
+        self.damage()
+        code, text = self.mount_and_unmount_as_nobody("""
+            mount -t tmpfs -o mode=755 none /etc/sudoers.d
+            echo 'nobody ALL=(root) NOPASSWD: /usr/bin/chown, /usr/bin/chmod' >/etc/sudoers.d/test
+            chmod 440 /etc/sudoers.d/test
+        """)
+        self.assertEqual((code, text.splitlines()[:2]), (0, [self.path, "hello"]), text)
+        self.assertEqual(self.state(), [(0, 0, 0o755), (0, 0, 0o4755)])
+
+    def test_pkexec_repairs_for_somebody_who_may_do_that_and_nothing_else(self):
+        for tool in ["pkexec", "pkaction", "dbus-daemon"]:
+            require_tool(self, tool)
+        self.damage()
+        with open(PREFIX + "/share/polkit-1/actions/org.ombrafs.policy") as action, \
+                open(self.home + "/action", "w") as here:
+            here.write(action.read().replace("/usr/libexec/", PREFIX + "/libexec/"))
+        # On a system bus of its own, which starts the authority, and takes it along when it ends.
+        code, text = self.mount_and_unmount_as_nobody(f"""
+            mkdir /run/dbus
+            mount -t tmpfs -o mode=755 none /usr/share/polkit-1/actions
+            install -m 644 {self.home}/action /usr/share/polkit-1/actions/org.ombrafs.policy
+            mount -t tmpfs -o mode=755 none /etc/polkit-1
+            mkdir -m 755 /etc/polkit-1/rules.d
+            cat >/etc/polkit-1/rules.d/10.rules <<'END'
+polkit.addRule(function(action, subject) {{
+  return action.id == "org.ombrafs.repair" && subject.user == "nobody" ? polkit.Result.YES : polkit.Result.NO;
+}});
+END
+            bus=$(dbus-daemon --system --fork --print-pid --nopidfile 2>/dev/null)
+            trap 'kill $bus' EXIT
+            pkaction --verbose --action-id org.ombrafs.repair
+        """)
+        self.assertEqual((code, text.split("\n")[-3:-1]), (0, [self.path, "hello"]), text)
+        self.assertIn("Authentication is required to repair the components of Ombra", text)
+        self.assertIn("implicit active:   auth_admin_keep", text)
+        self.assertEqual(self.state(), [(0, 0, 0o755), (0, 0, 0o4755)])
+
+    def test_the_program_that_pkexec_runs_takes_the_four_steps_alone(self):
+        program = PREFIX + "/libexec/ombrafs/repair_drelfs"
+        chown, chmod = ["/usr/bin/chown", "-h", "-R", "-P", "--", "root:0"], ["/usr/bin/chmod"]
+        self.damage()
+        for words in [[], ["/bin/sh"], ["/usr/bin/chown", "root:0", self.LOADER], chown + [WORK], chown,
+                      chown + [self.LOADER, WORK], chmod + ["-R", "--", "u+s", self.LOADER],
+                      chmod + ["--", "u+s", self.EXTENSION], chown + [self.LOADER + "/"],
+                      chown + [PREFIX + "/libexec/ombrafs/../ombrafs" + self.LOADER[len(PREFIX + "/libexec/ombrafs"):]]]:
+            result = subprocess.run([program, *words], capture_output=True, text=True)
+            self.assertEqual((result.returncode, result.stdout), (2, ""), words)
+            self.assertIn("only the steps that repair", result.stderr)
+        for words in [chown + [self.EXTENSION], chmod + ["-R", "--", "go-w", self.EXTENSION], chown + [self.LOADER],
+                      chmod + ["--", "u+s", self.LOADER]]:
+            self.assertEqual(output(program, *words), "")
+        self.assertEqual(self.state(), [(0, 0, 0o755), (0, 0, 0o4755)])
 
 
 def message_of(manager, process):

@@ -71,6 +71,7 @@ TEST_F(Installer, TheComponentsLieInTheBundle) {
       folder.path("ombradiskfs.fs/Contents/Resources/org.ombrafs.filesystems.ombradiskfs.components");
   EXPECT_EQ(bundle.extension, components + "/ombradiskfs.kext");
   EXPECT_EQ(bundle.loader, components + "/load_drelfs");
+  EXPECT_EQ(bundle.repair, folder.path("repair_drelfs"));
 }
 
 TEST_F(Installer, ARightBundleNeedsNoRepair) {
@@ -130,6 +131,24 @@ TEST_F(Installer, TheRepairTakesFourStepsInOrder) {
                                                   "/usr/bin/chmod -R -- go-w " + bundle.extension,
                                                   "/usr/bin/chown -h -R -P -- root:0 " + bundle.loader,
                                                   "/usr/bin/chmod -- u+s " + bundle.loader));
+}
+
+TEST_F(Installer, TheQuestionNamesOnlyAProgramThatIsRootsOwn) {
+  authorization.root = false;
+  const auto firstStep = [this] {
+    authorization.commands.clear();
+    EXPECT_TRUE(DrelFSInstaller::fixDrelFSPermissions(bundle, authorization, nullptr));
+    return authorization.commands.front();
+  };
+  const std::string step = "/usr/bin/chown -h -R -P -- root:0 " + bundle.extension;
+  writeTestFile(bundle.repair, "#!/bin/sh\n");
+  ::chmod(bundle.repair.c_str(), 0775);
+  EXPECT_EQ(firstStep(), "/usr/bin/pkexec --disable-internal-agent " + step);
+  ::chmod(bundle.repair.c_str(), 0755);
+  ::chown(bundle.repair.c_str(), 65534, 0);
+  EXPECT_EQ(firstStep(), "/usr/bin/pkexec --disable-internal-agent " + step);
+  ::chown(bundle.repair.c_str(), 0, 0);
+  EXPECT_EQ(firstStep(), "/usr/bin/pkexec --disable-internal-agent " + bundle.repair + " " + step);
 }
 
 class InstallerFailure : public Installer, public ::testing::WithParamInterface<int> {};
@@ -212,6 +231,16 @@ TEST_F(Authorization, OthersGoThroughPkexec) {
   EXPECT_TRUE(change());
   EXPECT_THAT(authorization.commands,
               ElementsAre("/usr/bin/pkexec --disable-internal-agent /usr/bin/chmod -- u+s /x y;z"));
+}
+
+TEST_F(Authorization, PkexecStartsTheProgramOfTheStepsAndSudoTheCommandItself) {
+  authorization.root = false;
+  authorization.setStepProgram("/opt/repair");
+  authorization.statusOfProgram["/usr/bin/pkexec"] = 127;
+  EXPECT_TRUE(change());
+  EXPECT_THAT(authorization.commands,
+              ElementsAre("/usr/bin/pkexec --disable-internal-agent /opt/repair /usr/bin/chmod -- u+s /x y;z",
+                          "/usr/bin/sudo -n -- /usr/bin/chmod -- u+s /x y;z"));
 }
 
 TEST_F(Authorization, WithoutPkexecSudoIsUsedAndNeverAsks) {
