@@ -2,8 +2,6 @@
 
 namespace ombra {
 
-OFSComparisonNode::OFSComparisonNode(std::string displayName) : KCNode(std::string()) {
-  setDisplayName(std::move(displayName));
-}
+OFSComparisonNode::OFSComparisonNode(std::string displayName) : KCNode(OnlyName{std::move(displayName)}) {}
 
 }  // namespace ombra

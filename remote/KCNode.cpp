@@ -6,97 +6,138 @@
 
 namespace ombra {
 
-KCNode::KCNode(std::string path) : iPath(std::move(path)), iDisplayName(lastPathComponent(iPath)) {}
+KCNode::KCNode(std::string path) { KCNode::setPath(std::move(path)); }
 
 KCNode::~KCNode() = default;
 
+void KCNode::locked_setFlag(Flag flag, bool value) {
+  iFlags = static_cast<uint8_t>(value ? iFlags | flag : iFlags & ~flag);
+}
+
+KCNode::Rare& KCNode::rare() const {
+  if (iRare == nullptr) iRare = std::make_unique<Rare>();
+  return *iRare;
+}
+
+RecursiveMutex& KCNode::objectLock() const {
+  SmallMutexLock lock(iFieldLock);
+  return rare().objectLock;
+}
+
 std::string KCNode::path() const {
-  MutexLock lock(iFieldLock);
-  return iPath;
+  SmallMutexLock lock(iFieldLock);
+  return locked_path();
+}
+
+std::string KCNode::locked_path() const {
+  std::string path = iPath == nullptr ? std::string() : *iPath;
+  if (locked_has(kPathEndsInName)) path += iDisplayName;
+  return path;
 }
 
 void KCNode::setPath(std::string path) {
   std::string filename = lastPathComponent(path);
   std::string displayName = displayNameForFilename(filename);
-  MutexLock lock(iFieldLock);
-  iPath = std::move(path);
-  iHashValid = false;
-  iFilename.reset();
-  if (filename != displayName) iFilename = std::move(filename);
+  const bool endsInName = std::string_view(path).substr(path.rfind('/') + 1) == displayName;
+  if (endsInName) path.resize(path.size() - displayName.size());
+  FolderPath shared =
+      endsInName ? sharedFolderPath(path) : std::make_shared<const std::string>(std::move(path));
+  SmallMutexLock lock(iFieldLock);
+  iPath.swap(shared);
+  locked_setFlag(kPathEndsInName, endsInName);
   iDisplayName = std::move(displayName);
+  iHash = 0;
+  locked_setFilename(std::move(filename));
 }
 
 std::string KCNode::displayName() const {
-  MutexLock lock(iFieldLock);
+  SmallMutexLock lock(iFieldLock);
   return iDisplayName;
 }
 
 void KCNode::setDisplayName(std::string name) {
-  MutexLock lock(iFieldLock);
-  if (!iFilename) iFilename = std::move(iDisplayName);
-  if (*iFilename == name) iFilename.reset();
+  SmallMutexLock lock(iFieldLock);
+  if (name == iDisplayName) return;
+  if (locked_has(kPathEndsInName)) iPath = std::make_shared<const std::string>(locked_path());
+  locked_setFlag(kPathEndsInName, false);
+  std::string filename = locked_filename();
   iDisplayName = std::move(name);
-  iHashValid = false;
+  iHash = 0;
+  locked_setFilename(std::move(filename));
+}
+
+const std::string& KCNode::locked_filename() const {
+  return iRare != nullptr && iRare->filename ? *iRare->filename : iDisplayName;
 }
 
 std::string KCNode::filename() const {
-  MutexLock lock(iFieldLock);
-  return iFilename ? *iFilename : iDisplayName;
+  SmallMutexLock lock(iFieldLock);
+  return locked_filename();
 }
 
 void KCNode::setFilename(std::string name) {
-  MutexLock lock(iFieldLock);
-  iFilename.reset();
-  if (name != iDisplayName) iFilename = std::move(name);
+  SmallMutexLock lock(iFieldLock);
+  locked_setFilename(std::move(name));
+}
+
+void KCNode::locked_setFilename(std::string name) {
+  if (name != iDisplayName) {
+    rare().filename = std::move(name);
+  } else if (iRare != nullptr) {
+    iRare->filename.reset();
+  }
 }
 
 std::shared_ptr<KCNode> KCNode::parent() const {
-  MutexLock lock(iFieldLock);
+  SmallMutexLock lock(iFieldLock);
   return iParent.lock();
 }
 
 void KCNode::setParent(const std::shared_ptr<KCNode>& parent) {
-  MutexLock lock(iFieldLock);
+  SmallMutexLock lock(iFieldLock);
   iParent = parent;
 }
 
 bool KCNode::isExpired() const {
-  MutexLock lock(iFieldLock);
-  return iExpired;
+  SmallMutexLock lock(iFieldLock);
+  return locked_has(kExpired);
 }
 
 void KCNode::setExpired(bool expired) {
-  MutexLock lock(iFieldLock);
-  iExpired = expired;
+  SmallMutexLock lock(iFieldLock);
+  locked_setFlag(kExpired, expired);
 }
 
 std::any KCNode::userPropertyForKey(std::string_view key) const {
-  MutexLock lock(iFieldLock);
-  for (const auto& [name, value] : iUserProperties) {
+  SmallMutexLock lock(iFieldLock);
+  if (iRare == nullptr) return {};
+  for (const auto& [name, value] : iRare->userProperties) {
     if (name == key) return value;
   }
   return {};
 }
 
 void KCNode::setUserProperty(std::any value, std::string_view forKey) {
-  MutexLock lock(iFieldLock);
-  const auto found = std::find_if(iUserProperties.begin(), iUserProperties.end(),
+  SmallMutexLock lock(iFieldLock);
+  if (iRare == nullptr && !value.has_value()) return;
+  auto& properties = rare().userProperties;
+  const auto found = std::find_if(properties.begin(), properties.end(),
                                   [forKey](const auto& entry) { return entry.first == forKey; });
   // The old value is let go after the lock is: its destructor may be the program's (an open file that
   // closes).
-  if (found != iUserProperties.end()) {
+  if (found != properties.end()) {
     found->second.swap(value);
-    if (!found->second.has_value()) iUserProperties.erase(found);
+    if (!found->second.has_value()) properties.erase(found);
   } else if (value.has_value()) {
-    iUserProperties.emplace_back(forKey, std::move(value));
+    properties.emplace_back(forKey, std::move(value));
   }
 }
 
 size_t KCNode::displayNameHash() const {
-  MutexLock lock(iFieldLock);
-  if (!iHashValid) {
-    iHash = canonicalHash(iDisplayName);
-    iHashValid = true;
+  SmallMutexLock lock(iFieldLock);
+  if (iHash == 0) {
+    const size_t hash = canonicalHash(iDisplayName);
+    iHash = std::max<uint32_t>(1, static_cast<uint32_t>(hash ^ (hash >> 32)));
   }
   return iHash;
 }

@@ -13,7 +13,9 @@
 #include "platform/foundation/FileAttributes.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/Mutex.h"
+#include "platform/foundation/SmallMutex.h"
 #include "remote/FilePermissions.h"
+#include "remote/FolderPaths.h"
 #include "remote/KCTypes.h"
 
 namespace ombra {
@@ -25,7 +27,10 @@ class KCRemoteFolderNode;
 // under a string key) on which the program hangs its own data. Each single accessor may be called from any
 // thread: a leaf lock of the node guards its fields. What must hold together over several calls is guarded by
 // the program with `objectLock()`, which the library itself never takes.
-class KCNode : public std::enable_shared_from_this<KCNode> {
+//
+// A volume may have a million of them, each with an allocation: what siblings have in common is shared, and
+// what few nodes have is allocated by those that have it.
+class KCNode {
  public:
   // The display name is the last component of `path`.
   explicit KCNode(std::string path);
@@ -41,7 +46,7 @@ class KCNode : public std::enable_shared_from_this<KCNode> {
   void setDisplayName(std::string name);
   // Whether the display name is canonically equal to `name`. Copies nothing.
   bool isNamed(std::string_view name) const {
-    MutexLock lock(iFieldLock);
+    SmallMutexLock lock(iFieldLock);
     return canonicallyEqual(iDisplayName, name);
   }
   // The entry's name as the server lists it, in the server's bytes.
@@ -59,26 +64,57 @@ class KCNode : public std::enable_shared_from_this<KCNode> {
   // An empty any removes the property.
   void setUserProperty(std::any value, std::string_view forKey);
 
-  // The object's own lock (recursive), for the program.
-  RecursiveMutex& objectLock() const RETURN_CAPABILITY(iObjectLock) { return iObjectLock; }
-  // The canonical hash of the display name, computed once per name.
+  // The object's own lock (recursive), for the program. Made when it is first asked for.
+  RecursiveMutex& objectLock() const;
+  // A hash of the display name's canonical form, of 32 bits, computed once per name.
   size_t displayNameHash() const;
 
  protected:
-  mutable Mutex iFieldLock;
+  // What folders, open files and links have, and nodes whose names do not follow from their paths.
+  struct Rare {
+    RecursiveMutex objectLock;
+    std::vector<std::pair<std::string_view, std::any>> userProperties;
+    std::optional<std::string> filename;  // where it is not the display name
+    std::optional<std::string> targetPath;
+  };
+
+  // Of the empty path, with `displayName` as both names.
+  struct OnlyName {
+    std::string displayName;
+  };
+  explicit KCNode(OnlyName name) : iDisplayName(std::move(name.displayName)) {}
+
+  // All yes-or-no in one byte: which attributes are known, and what is said of the path and the listing.
+  enum Flag : uint8_t {
+    kExpired = 1,
+    kPathEndsInName = 2,
+    kSize = 4,
+    kCreationDate = 8,
+    kModificationDate = 16,
+    kPermissions = 32
+  };
+
+  bool locked_has(Flag flag) const REQUIRES(iFieldLock) { return (iFlags & flag) != 0; }
+  void locked_setFlag(Flag flag, bool value) REQUIRES(iFieldLock);
+  // Made when there is none; it stays for the node's life.
+  Rare& rare() const REQUIRES(iFieldLock);
+  const Rare* rareIfAny() const REQUIRES(iFieldLock) { return iRare.get(); }
   virtual std::string displayNameForFilename(std::string_view filename) const;
 
+  mutable SmallMutex iFieldLock;
+
  private:
-  mutable RecursiveMutex iObjectLock;
-  std::string iPath GUARDED_BY(iFieldLock);
+  std::string locked_path() const REQUIRES(iFieldLock);
+  const std::string& locked_filename() const REQUIRES(iFieldLock);
+  void locked_setFilename(std::string name) REQUIRES(iFieldLock);
+
+  mutable uint32_t iHash GUARDED_BY(iFieldLock) = 0;  // 0: to be computed
+  // The path; with kPathEndsInName without its last component, which is the display name. Null: empty.
+  FolderPath iPath GUARDED_BY(iFieldLock);
   std::string iDisplayName GUARDED_BY(iFieldLock);
-  // Only where it differs from the display name, which is the rule's exception.
-  std::optional<std::string> iFilename GUARDED_BY(iFieldLock);
+  mutable std::unique_ptr<Rare> iRare GUARDED_BY(iFieldLock);
   std::weak_ptr<KCNode> iParent GUARDED_BY(iFieldLock);
-  std::vector<std::pair<std::string_view, std::any>> iUserProperties GUARDED_BY(iFieldLock);
-  mutable size_t iHash GUARDED_BY(iFieldLock) = 0;
-  mutable bool iHashValid GUARDED_BY(iFieldLock) = false;
-  bool iExpired GUARDED_BY(iFieldLock) = false;
+  uint8_t iFlags GUARDED_BY(iFieldLock) = 0;
 };
 
 // A remote file or symbolic link.
@@ -109,13 +145,17 @@ class KCRemoteFileNode : public KCNode {
   std::string displayNameForFilename(std::string_view filename) const override;
 
  private:
-  const std::shared_ptr<const KCCredentials> iCredentials;
+  void locked_setSize(std::optional<uint64_t> size) REQUIRES(iFieldLock);
+  void locked_setModificationDate(std::optional<NSDate> date) REQUIRES(iFieldLock);
+  void locked_setPermissions(std::optional<uint16_t> mode) REQUIRES(iFieldLock);
+
+  // In an order that leaves no gaps.
+  uint16_t iPermissions GUARDED_BY(iFieldLock) = 0;
   uint32_t iType GUARDED_BY(iFieldLock) = kNodeTypeFile;
-  std::optional<uint64_t> iSize GUARDED_BY(iFieldLock);
-  std::optional<NSDate> iCreationDate GUARDED_BY(iFieldLock);
-  std::optional<NSDate> iModificationDate GUARDED_BY(iFieldLock);
-  std::optional<FilePermissions> iPermissions GUARDED_BY(iFieldLock);
-  std::unique_ptr<std::string> iTargetPath GUARDED_BY(iFieldLock);
+  const std::shared_ptr<const KCCredentials> iCredentials;
+  uint64_t iSize GUARDED_BY(iFieldLock) = 0;
+  NSDate iCreationDate GUARDED_BY(iFieldLock);
+  NSDate iModificationDate GUARDED_BY(iFieldLock);
 };
 
 // A remote folder.

@@ -16,78 +16,93 @@ std::string KCRemoteFileNode::displayNameForFilename(std::string_view filename) 
 }
 
 uint32_t KCRemoteFileNode::type() const {
-  MutexLock lock(iFieldLock);
+  SmallMutexLock lock(iFieldLock);
   return iType;
 }
 
 void KCRemoteFileNode::setType(uint32_t type) {
-  MutexLock lock(iFieldLock);
+  SmallMutexLock lock(iFieldLock);
   iType = type;
 }
 
+void KCRemoteFileNode::locked_setSize(std::optional<uint64_t> size) {
+  locked_setFlag(kSize, size.has_value());
+  iSize = size.value_or(0);
+}
+
+void KCRemoteFileNode::locked_setModificationDate(std::optional<NSDate> date) {
+  locked_setFlag(kModificationDate, date.has_value());
+  iModificationDate = date.value_or(NSDate());
+}
+
+void KCRemoteFileNode::locked_setPermissions(std::optional<uint16_t> mode) {
+  locked_setFlag(kPermissions, mode.has_value());
+  iPermissions = mode.value_or(0);
+}
+
 NSFileAttributes KCRemoteFileNode::attributes() const {
-  MutexLock lock(iFieldLock);
+  SmallMutexLock lock(iFieldLock);
   NSFileAttributes attributes;
-  attributes.fileSize = iSize;
-  attributes.creationDate = iCreationDate;
-  attributes.modificationDate = iModificationDate;
-  if (iPermissions) attributes.posixPermissions = iPermissions->mode();
+  if (locked_has(kSize)) attributes.fileSize = iSize;
+  if (locked_has(kCreationDate)) attributes.creationDate = iCreationDate;
+  if (locked_has(kModificationDate)) attributes.modificationDate = iModificationDate;
+  if (locked_has(kPermissions)) attributes.posixPermissions = iPermissions;
   return attributes;
 }
 
 void KCRemoteFileNode::setAttributes(const NSFileAttributes& attributes) {
-  MutexLock lock(iFieldLock);
-  iSize = attributes.fileSize;
-  iCreationDate = attributes.creationDate;
-  iModificationDate = attributes.modificationDate;
-  iPermissions.reset();
-  if (attributes.posixPermissions) iPermissions = FilePermissions(*attributes.posixPermissions);
+  SmallMutexLock lock(iFieldLock);
+  locked_setSize(attributes.fileSize);
+  locked_setModificationDate(attributes.modificationDate);
+  locked_setPermissions(attributes.posixPermissions);
+  locked_setFlag(kCreationDate, attributes.creationDate.has_value());
+  iCreationDate = attributes.creationDate.value_or(NSDate());
 }
 
 std::optional<uint64_t> KCRemoteFileNode::size() const {
-  MutexLock lock(iFieldLock);
-  return iSize;
+  SmallMutexLock lock(iFieldLock);
+  return locked_has(kSize) ? std::optional(iSize) : std::nullopt;
 }
 
 void KCRemoteFileNode::setSize(std::optional<uint64_t> size) {
-  MutexLock lock(iFieldLock);
-  iSize = size;
+  SmallMutexLock lock(iFieldLock);
+  locked_setSize(size);
 }
 
 std::optional<NSDate> KCRemoteFileNode::creationDate() const {
-  MutexLock lock(iFieldLock);
-  return iCreationDate;
+  SmallMutexLock lock(iFieldLock);
+  return locked_has(kCreationDate) ? std::optional(iCreationDate) : std::nullopt;
 }
 
 std::optional<NSDate> KCRemoteFileNode::modificationDate() const {
-  MutexLock lock(iFieldLock);
-  return iModificationDate;
+  SmallMutexLock lock(iFieldLock);
+  return locked_has(kModificationDate) ? std::optional(iModificationDate) : std::nullopt;
 }
 
 void KCRemoteFileNode::setModificationDate(std::optional<NSDate> date) {
-  MutexLock lock(iFieldLock);
-  iModificationDate = date;
+  SmallMutexLock lock(iFieldLock);
+  locked_setModificationDate(date);
 }
 
 std::optional<FilePermissions> KCRemoteFileNode::permissions() const {
-  MutexLock lock(iFieldLock);
-  return iPermissions;
+  SmallMutexLock lock(iFieldLock);
+  return locked_has(kPermissions) ? std::optional(FilePermissions(iPermissions)) : std::nullopt;
 }
 
 void KCRemoteFileNode::setPermissions(std::optional<FilePermissions> permissions) {
-  MutexLock lock(iFieldLock);
-  iPermissions = permissions;
+  SmallMutexLock lock(iFieldLock);
+  locked_setPermissions(permissions ? std::optional(permissions->mode()) : std::nullopt);
 }
 
 std::optional<std::string> KCRemoteFileNode::targetPath() const {
-  MutexLock lock(iFieldLock);
-  if (iTargetPath == nullptr) return std::nullopt;
-  return *iTargetPath;
+  SmallMutexLock lock(iFieldLock);
+  const Rare* rare = rareIfAny();
+  return rare == nullptr ? std::nullopt : rare->targetPath;
 }
 
 void KCRemoteFileNode::setTargetPath(std::optional<std::string> target) {
-  MutexLock lock(iFieldLock);
-  iTargetPath = target ? std::make_unique<std::string>(std::move(*target)) : nullptr;
+  SmallMutexLock lock(iFieldLock);
+  if (target || rareIfAny() != nullptr) rare().targetPath = std::move(target);
 }
 
 std::shared_ptr<KCRemoteFolderNode> KCRemoteFolderNode::folderNodeWithPath(

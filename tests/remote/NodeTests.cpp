@@ -45,6 +45,37 @@ TEST(Node, ASetFileNameLeavesTheDisplayName) {
   EXPECT_EQ(node.displayName(), "a");
 }
 
+TEST(Node, AnyPathIsAnsweredAsItWasGiven) {
+  for (const char* path : {"", "/", "a", "a/b", "/a", "/a/", "/a//b", "//", "/a/b/c.txt", "/d/caf\xC3\xA9"}) {
+    EXPECT_EQ(KCNode(path).path(), path);
+    KCNode node("/other");
+    node.setPath(path);
+    EXPECT_EQ(node.path(), path);
+    node.setDisplayName("link");
+    EXPECT_EQ(node.path(), path);
+    EXPECT_EQ(node.filename(), KCNode(path).displayName());
+  }
+}
+
+TEST(Node, APathStaysAsItIsWhenTheDisplayNameBecomesThatOfItsEndAgain) {
+  KCNode node("/d/a");
+  node.setDisplayName("b");
+  node.setDisplayName("a");
+  EXPECT_EQ(node.path(), "/d/a");
+  EXPECT_EQ(node.displayName(), "a");
+  EXPECT_EQ(node.filename(), "a");
+}
+
+TEST(Node, ASetFileNameOutlastsADisplayName) {
+  KCNode node("/d/a");
+  node.setFilename("A~1");
+  node.setDisplayName("b");
+  EXPECT_EQ(node.filename(), "A~1");
+  node.setDisplayName("A~1");
+  EXPECT_EQ(node.filename(), "A~1");
+  EXPECT_EQ(node.path(), "/d/a");
+}
+
 TEST(Node, NamesAreConvertedByTheCredentials) {
   KCRemoteFileNode node("/d/caf\xE9", latin1());
   EXPECT_EQ(node.displayName(), "café");
@@ -144,6 +175,34 @@ TEST(Node, SingleAttributesAreSetOneByOne) {
   EXPECT_EQ(node.targetPath(), "../x");
   node.setTargetPath(std::nullopt);
   EXPECT_FALSE(node.targetPath().has_value());
+}
+
+TEST(Node, AttributesComeAndGoOneByOne) {
+  KCRemoteFileNode node("/f", nullptr);
+  node.setExpired(true);
+  node.setSize(0);
+  node.setModificationDate(NSDate());
+  node.setPermissions(FilePermissions(0));
+  EXPECT_EQ(node.size(), 0u);
+  EXPECT_EQ(node.modificationDate(), NSDate());
+  EXPECT_EQ(node.permissions(), FilePermissions(0));
+  EXPECT_FALSE(node.creationDate().has_value());
+  node.setModificationDate(std::nullopt);
+  EXPECT_EQ(node.attributes().count(), 2u);
+  node.setSize(std::nullopt);
+  node.setPermissions(std::nullopt);
+  EXPECT_EQ(node.attributes().count(), 0u);
+  EXPECT_TRUE(node.isExpired());
+  EXPECT_EQ(node.path(), "/f");
+}
+
+TEST(Node, TheObjectLockIsAlwaysTheSame) {
+  KCNode node("/a");
+  const RecursiveMutex* lock = &node.objectLock();
+  node.setUserProperty(1, "OFSContents");
+  node.setDisplayName("b");
+  node.setUserProperty({}, "OFSContents");
+  EXPECT_EQ(&node.objectLock(), lock);
 }
 
 TEST(Node, TheObjectLockMayBeTakenAgainByItsOwner) {
