@@ -3,10 +3,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -18,7 +21,11 @@
 namespace ombra {
 
 // Holds every open-file object from its making until it is settled and dropped, so that nothing unsent can
-// vanish with a node that leaves the tree. Thread-safe; below its lock only a file's path is asked for.
+// vanish with a node that leaves the tree. Thread-safe; below its lock only a file's path is asked for or
+// set.
+//
+// There may be ten thousand of them, and each open, close, removal and move of one file asks: what these need
+// is found without a look at the others.
 class OFSNodeFileTable {
  public:
   struct Entry {
@@ -37,7 +44,7 @@ class OFSNodeFileTable {
     NSErrorRef refusal;
   };
 
-  // A new object on `node`.
+  // A new object on `node`. From now on its path is set through the table.
   void add(const std::shared_ptr<OFSRemoteFile>& file, const std::shared_ptr<KCRemoteFileNode>& node)
       EXCLUDES(iLock);
   // One use begins and ends. Objects that are not in the table are ignored. When the last use of a detached
@@ -53,6 +60,12 @@ class OFSNodeFileTable {
   std::optional<uint64_t> lastUse(const OFSRemoteFile& file) const EXCLUDES(iLock);
   // The item was removed: whatever is unsent has nowhere to go. Its handles keep the object.
   void forget(const OFSRemoteFile& file) EXCLUDES(iLock);
+  // Gives the object, whether it is in the table or not, its new path.
+  void setRemotePath(OFSRemoteFile& file, std::string remotePath) EXCLUDES(iLock);
+  // The objects below a folder that has moved follow it.
+  void moveBelow(const std::string& from, const std::string& to) EXCLUDES(iLock);
+  // A copy of the entries at a remote path, and below it.
+  std::vector<Entry> atAndBelowPath(const std::string& remotePath) const EXCLUDES(iLock);
   // The detached objects of a remote path; and those of them that the server has refused.
   std::vector<std::shared_ptr<OFSRemoteFile>> detachedAtPath(std::string_view remotePath) const
       EXCLUDES(iLock);
@@ -64,6 +77,9 @@ class OFSNodeFileTable {
   // Lets go of an object that is out of use and was not used since `lastUse`. False when it was.
   bool removeIfUnused(const OFSRemoteFile& file, uint64_t lastUse) EXCLUDES(iLock);
 
+  // A copy of the entry that was out of use the longest, of those last used after `lastUse`; 0: of all.
+  std::optional<Entry> firstUnusedAfter(uint64_t lastUse) const EXCLUDES(iLock);
+
   // A copy of all entries, least recently used first.
   std::vector<Entry> entries() const EXCLUDES(iLock);
   size_t count() const EXCLUDES(iLock);
@@ -71,21 +87,39 @@ class OFSNodeFileTable {
   uint64_t bytes() const EXCLUDES(iLock);
 
  private:
-  // Marks the detached objects of a path that have a younger one beside them.
-  void markOutdatedAtPath(std::string_view remotePath) REQUIRES(iLock);
+  struct Record;
+  using ByPath = std::multimap<std::string, Record*, std::less<>>;
+  struct Record {
+    Entry entry;
+    ByPath::iterator place;  // in iByPath
+  };
   struct Measure {
     bool isMoving;
     uint64_t bytes;
   };
+
+  Record* find(const OFSRemoteFile& file) REQUIRES(iLock);
+  // The object, if it is out of use and was not used since.
+  Record* findUnused(const OFSRemoteFile& file, uint64_t lastUse) REQUIRES(iLock);
+  // Gives it that number of uses, as of now.
+  void setUses(Record& record, size_t uses) REQUIRES(iLock);
+  void setPath(Record& record, std::string remotePath) REQUIRES(iLock);
+  // Those whose paths begin so.
+  std::vector<Record*> withPrefix(std::string prefix) const REQUIRES(iLock);
+  // Marks the detached objects of a path that have a younger one beside them.
+  void markOutdatedAtPath(std::string_view remotePath) REQUIRES(iLock);
   // Marks it as detached; what becomes of it is the caller's.
-  void detachEntry(Entry& entry) REQUIRES(iLock);
+  void detachRecord(Record& record) REQUIRES(iLock);
   static Measure measure(OFSRemoteFile& file);
-  void note(Entry& entry, Measure measure) REQUIRES(iLock);
+  void note(Record& record, Measure measure) REQUIRES(iLock);
   void letGoIfSettled(OFSRemoteFile& file) EXCLUDES(iLock);
   std::shared_ptr<OFSRemoteFile> erase(const OFSRemoteFile& file) REQUIRES(iLock);
 
   mutable Mutex iLock;
-  std::unordered_map<const OFSRemoteFile*, Entry> iEntries GUARDED_BY(iLock);
+  std::unordered_map<const OFSRemoteFile*, Record> iRecords GUARDED_BY(iLock);
+  ByPath iByPath GUARDED_BY(iLock);
+  std::map<uint64_t, Record*> iUnused GUARDED_BY(iLock);  // those without a use, by their last one
+  std::unordered_set<Record*> iMoving GUARDED_BY(iLock);  // those whose transfer ran when they were measured
   uint64_t iLastUse GUARDED_BY(iLock) = 0;
   uint64_t iLastNumber GUARDED_BY(iLock) = 0;
   size_t iDetached GUARDED_BY(iLock) = 0;

@@ -172,9 +172,7 @@ bool OmbraFileSystem::settleBeforeMoveAtPath(OptionalPath path, NSErrorRef* erro
   if (!path) return true;
   const std::string remotePath = remotePathForPath(*path);
   std::vector<std::shared_ptr<OFSRemoteFile>> files;
-  for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) {
-    const std::string filePath = entry.file->remotePath();
-    if (filePath != remotePath && !movedPath(filePath, remotePath, {})) continue;
+  for (const OFSNodeFileTable::Entry& entry : iFiles.atAndBelowPath(remotePath)) {
     // What was left behind would be sent over the file that is to be moved; what was refused is not sent.
     if (entry.refusal != nullptr) continue;
     if (!entry.isDetached || !isOutdated(entry)) files.push_back(entry.file);
@@ -220,10 +218,7 @@ void OmbraFileSystem::movedItemAtPath(OptionalPath path, OptionalPath toPath) {
   if (!path || !toPath) return;
   const std::string from = remotePathForPath(*path);
   const std::string to = remotePathForPath(*toPath);
-  for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) {
-    const std::optional<std::string> moved = movedPath(entry.file->remotePath(), from, to);
-    if (moved) entry.file->setRemotePath(*moved);
-  }
+  iFiles.moveBelow(from, to);
   const std::shared_ptr<KCRemoteFileNode> node = _nodeForPath(*toPath);
   if (node != nullptr) moveNodesBelow(*node, from, to);
   letWritesGo(from);

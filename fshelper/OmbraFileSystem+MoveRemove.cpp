@@ -167,11 +167,11 @@ std::shared_ptr<KCRemoteFileNode> OmbraFileSystem::takeMovedNode(KCNode& parent,
 namespace {
 
 // The node, and its open file, learn where they are now.
-void setMovedPath(KCRemoteFileNode& node, const std::string& remotePath) {
+void setMovedPath(KCRemoteFileNode& node, OFSNodeFileTable& files, const std::string& remotePath) {
   RecursiveMutexLock lock(node.objectLock());
   const std::shared_ptr<OFSRemoteFile> file = ofs_remoteFile(node);
   node.setPath(remotePath);
-  if (file != nullptr) file->setRemotePath(remotePath);
+  if (file != nullptr) files.setRemotePath(*file, remotePath);
 }
 
 }  // namespace
@@ -183,7 +183,7 @@ void OmbraFileSystem::repairTreeAfterRename(KCNode& parent, std::string_view nam
   RecursiveMutexLock lock(parent.objectLock());
   const std::shared_ptr<KCRemoteFileNode> node = takeMovedNode(parent, name);
   if (node != nullptr) {
-    setMovedPath(*node, remotePath);
+    setMovedPath(*node, iFiles, remotePath);
     ofs_contentsSet(parent)->add(node);
     iChanges.note(parent, node->displayName(), OFSNodeChanges::Kind::kMade);
   }
@@ -198,7 +198,7 @@ void OmbraFileSystem::repairTreeBetweenFolders(KCNode& oldParent, std::string_vi
   const std::shared_ptr<KCRemoteFileNode> node = takeMovedNode(oldParent, name);
   if (node != nullptr) {
     node->setParent(newParent);
-    setMovedPath(*node, remotePath);
+    setMovedPath(*node, iFiles, remotePath);
     // A folder that was never listed has no set; its first listing brings the node.
     const std::shared_ptr<OFSNodeSet> contents = ofs_contentsSet(*newParent);
     if (contents != nullptr) {
