@@ -18,6 +18,7 @@ bool toldItsEnd(const HTTPResponse& response) {
 
 bool WebDAVSession::download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
                              TransferControl& control, NSErrorRef* error) {
+  iFoundStart.reset();
   DAVDownload download(path, to, offset, version, control);
   HTTPRequest request;
   request.method = "GET";

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <chrono>
+#include <utility>
 
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
@@ -91,6 +92,7 @@ std::string WebDAVSession::urlOf(std::string_view path, bool isFolder) const {
 }
 
 std::optional<HTTPResponse> WebDAVSession::sendPatiently(const HTTPRequest& request, NSErrorRef* error) {
+  iFoundStart.reset();
   for (int pauses = 0;; ++pauses) {
     std::optional<HTTPResponse> response = iClient.perform(request, error);
     // During a login it is the pool that waits, and asks for fewer sessions.
@@ -184,7 +186,10 @@ bool WebDAVSession::findStart(NSErrorRef* error) {
   const std::optional<std::string>& initial = iEnvironment.credentials->initialPath();
   const std::string start = normalPath(initial.value_or("/"), "/");
   NSErrorRef reason;
-  if (properties(DAVRequestKind::kLogin, start, true, 0, &reason)) return true;
+  if (const auto found = properties(DAVRequestKind::kLogin, start, true, 0, &reason)) {
+    if (found->self.properties.isCollection) iFoundStart = start;
+    return true;
+  }
   // It may be a file, whose name with a slash behind it servers refuse in various ways.
   const bool isRefused = QuarnKitError::isCode(reason, kQuarnKitRefused);
   const bool isBadName =
@@ -201,6 +206,10 @@ bool WebDAVSession::findStart(NSErrorRef* error) {
 std::optional<std::string> WebDAVSession::realPath(std::string_view path, std::string_view base,
                                                    bool* isDirectory, NSErrorRef* error) {
   std::string normal = normalPath(path, base);
+  if (std::exchange(iFoundStart, std::nullopt) == normal) {
+    if (isDirectory != nullptr) *isDirectory = true;
+    return normal;
+  }
   const std::optional<DAVListing> found =
       properties(DAVRequestKind::kAttributes, normal, normal == "/", 0, error);
   if (!found) return std::nullopt;

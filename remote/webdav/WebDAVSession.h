@@ -13,7 +13,8 @@
 
 namespace ombra {
 
-// Round trips, once the login is known: one for a listing, attributes, a quota, a new folder, a download, a
+// Round trips: one for the login, another one where the server wants a password, and none to look at the
+// start folder after it. Then one for a listing, attributes, a quota, a new folder, a download, a
 // stream, the removal of a file, a move to where nothing is, a new file of up to kSmallUpload bytes and the
 // emptying of a file; two for the removal of a folder (the server would take away a full one) and for a new
 // large file; four to replace a file.
@@ -98,6 +99,8 @@ class WebDAVSession final : public Session {
   const HTTPURL iServer;  // without a path
   HTTPClient iClient;
   bool iLogsIn = false;
+  // The folder that the login has just found, for whoever asks about it next. Gone with the next request.
+  std::optional<std::string> iFoundStart;
 };
 
 }  // namespace ombra

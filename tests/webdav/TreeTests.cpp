@@ -19,6 +19,38 @@ TEST_F(WebDAVSessionTest, LogsInAtTheFolderThatIsToBeMounted) {
   EXPECT_THAT(server->seen().at(0).header("content-type"), HasSubstr("application/xml"));
 }
 
+TEST_F(WebDAVSessionTest, TheStartFolderIsNotAskedForAgainAfterTheLogin) {
+  serve([](const HTTPSeen& seen) { return davAnswer({davItem(seen.target)}); });
+  credentials->setInitialPath("/dav/");
+  EXPECT_TRUE(session->logIn(&error));
+  bool isDirectory = false;
+  EXPECT_EQ(session->realPath("dav", "/", &isDirectory, &error), "/dav");
+  EXPECT_TRUE(isDirectory);
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /dav/"));
+  EXPECT_EQ(session->realPath("dav", "/", &isDirectory, &error), "/dav") << "later it may be another one";
+  EXPECT_FALSE(isDirectory);
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /dav/", "PROPFIND /dav"));
+}
+
+TEST_F(WebDAVSessionTest, WhatALoginHasFoundIsForgottenWithTheNextRequest) {
+  serve([](const HTTPSeen& seen) { return davAnswer({davItem(seen.target)}); });
+  credentials->setInitialPath("/dav");
+  EXPECT_TRUE(session->logIn(&error));
+  EXPECT_TRUE(session->attributes("/x", nullptr, &error));
+  EXPECT_EQ(session->realPath("/dav", "/", nullptr, &error), "/dav");
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /dav/", "PROPFIND /x", "PROPFIND /dav"));
+}
+
+TEST_F(WebDAVSessionTest, AStartThatIsNoFolderIsAskedForAgain) {
+  serve([](const HTTPSeen& seen) { return davAnswer({davItem(seen.target.substr(0, 5))}); });
+  credentials->setInitialPath("/file");
+  EXPECT_TRUE(session->logIn(&error));
+  bool isDirectory = true;
+  EXPECT_EQ(session->realPath("/file", "/", &isDirectory, &error), "/file");
+  EXPECT_FALSE(isDirectory);
+  EXPECT_THAT(lines(), ElementsAre("PROPFIND /file/", "PROPFIND /file"));
+}
+
 struct LoginCase {
   std::string name;
   int status;
