@@ -5,6 +5,8 @@
 #include <charconv>
 #include <nlohmann/json.hpp>
 
+#include "remote/QuarnKitError.h"
+
 namespace ombra {
 
 namespace {
@@ -34,6 +36,15 @@ std::string textMember(const nlohmann::json& object, const char* key) {
   return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
 }
 
+NSErrorRef errorMember(const nlohmann::json& object, const char* key) {
+  const auto found = object.find(key);
+  if (found == object.end() || !found->is_object()) return nullptr;
+  const auto code = found->find("code");
+  if (code == found->end() || !code->is_number_integer()) return nullptr;
+  return NSError::errorWithDomain(kQuarnKitErrorDomain, code->get<int64_t>(),
+                                  {{std::string(NSLocalizedDescriptionKey), textMember(*found, "text")}});
+}
+
 // The number in "org.ombrafs.helper.pid123"; 0 when the name is another.
 pid_t pidInName(std::string_view name) {
   if (!name.starts_with(kNamePrefix)) return 0;
@@ -58,9 +69,12 @@ std::optional<HelperStatus> parseHelperStatus(std::string_view json) {
   status.protocol = textMember(object, "protocol");
   status.passthrough = textMember(object, "passthrough");
   status.state = textMember(object, "state");
+  status.startFolderError = errorMember(object, "startFolderError");
   status.json = object.dump();
   return status;
 }
+
+std::string HelperBus::nameOf(pid_t pid) { return std::string(kNamePrefix) + std::to_string(pid); }
 
 void HelperBus::Closer::operator()(sd_bus* bus) const { sd_bus_flush_close_unref(bus); }
 

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/foundation/NSError.h"
+
 struct sd_bus;
 
 namespace ombra {
@@ -26,7 +28,9 @@ struct HelperStatus {
   std::string protocol;
   std::string passthrough;
   std::string state;
-  std::string json;  // the whole answer, a checked object
+  NSErrorRef
+      startFolderError;  // why the volume does not show the folder that was asked for; null where it does
+  std::string json;      // the whole answer, a checked object
 };
 
 // Reads a helper's answer: a JSON object of at most 64 KiB. Members of the wrong type count as absent; absent
@@ -45,6 +49,8 @@ class HelperBus {
   // All helpers of this user that answer. One that owns a name but does not answer in time is told with its
   // process number and the state "not answering".
   std::vector<HelperStatus> helpers();
+  // The name of the helper that is that process.
+  static std::string nameOf(pid_t pid);
   // What one helper tells; its state is "not answering" when it does not in time.
   HelperStatus statusOf(const std::string& busName, pid_t pid);
   // Asks a helper to unmount. False, with `why` filled, when it refuses or does not answer.

@@ -2,9 +2,12 @@
 
 #include <fmt/format.h>
 
+#include <cstdlib>
+
 #include "frontend/CredentialSocket.h"
 #include "frontend/Deadline.h"
 #include "frontend/Explain.h"
+#include "frontend/HelperBus.h"
 #include "frontend/HelperLogs.h"
 #include "frontend/PassthroughOwner.h"
 #include "frontend/Volumes.h"
@@ -49,6 +52,13 @@ Failure nothingThere(const std::string& identifier, pid_t owner) {
     return {kExitFailure, what, "The helper that was about to mount it has ended.", "Try again."};
   return {kExitFailure, what, fmt::format("Process {} has taken it, and has not mounted it yet.", owner),
           fmt::format("Try again later; if nothing changes, end that process: kill {}", owner)};
+}
+
+// Why the helper's volume shows another folder than the one that was asked for; null where it does not.
+NSErrorRef startFolderError(pid_t helper) {
+  const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS");
+  const auto bus = address == nullptr ? nullptr : HelperBus::connect(address);
+  return bus == nullptr ? nullptr : bus->statusOf(HelperBus::nameOf(helper), helper).startFolderError;
 }
 
 std::vector<std::string> namesOfCurrentVolumes() {
@@ -133,7 +143,7 @@ MountResult MountVolume::awaitAnnouncement() {
 std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announcement) {
   switch (announcement.kind) {
     case MountAnnouncement::Kind::kDidMount:
-      return announced(announcement);
+      return mounted(announcement);
     case MountAnnouncement::Kind::kAlreadyMounted:
       return alreadyMounted(announcement);
     case MountAnnouncement::Kind::kDidUnmount:
@@ -143,15 +153,28 @@ std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announ
   }
   // Its helper announces the unmount and ends; a second attempt must not meet it.
   iHelper->waitForEnd(static_cast<int>(iLimits.end.count()));
+  return failed(explain(announcement.error), announcement.error);
+}
+
+// A helper mounts the folder above one that it cannot enter. Nobody who named that folder wants to write
+// there.
+MountResult MountVolume::mounted(const MountAnnouncement& announcement) {
+  if (const NSErrorRef error = startFolderError(iHelper->pid())) {
+    stopHelper();
+    return failed(explain(error), error);
+  }
+  return announced(announcement);
+}
+
+Failure MountVolume::explain(const NSErrorRef& error) const {
   const KCCredentials& credentials = *iRequest.credentials;
-  return failed(explainError(announcement.error, {.address = credentials.address(),
-                                                  .port = credentials.port(),
-                                                  .username = credentials.username().value_or(""),
-                                                  .path = credentials.initialPath().value_or(""),
-                                                  .passthrough = iRequest.passthrough.value_or(""),
-                                                  .logName = logName(),
-                                                  .protocol = credentials.protocol()}),
-                announcement.error);
+  return explainError(error, {.address = credentials.address(),
+                              .port = credentials.port(),
+                              .username = credentials.username().value_or(""),
+                              .path = credentials.initialPath().value_or(""),
+                              .passthrough = iRequest.passthrough.value_or(""),
+                              .logName = logName(),
+                              .protocol = credentials.protocol()});
 }
 
 std::string MountVolume::logName() const {

@@ -62,11 +62,13 @@ class MountVolume {
   MountResult awaitAnnouncement();
   std::optional<MountResult> resultOf(const MountAnnouncement& announcement);
   MountResult announced(const MountAnnouncement& announcement);
+  MountResult mounted(const MountAnnouncement& announcement);
   MountResult alreadyMounted(const MountAnnouncement& announcement);
   MountResult failed(Failure failure, NSErrorRef error = nullptr);
   MountResult helperEnded();
   MountResult interrupted();
   void stopHelper();
+  Failure explain(const NSErrorRef& error) const;
   // The name that the volume's logs go by.
   std::string logName() const;
   std::string moreInLog() const;

@@ -156,6 +156,17 @@ INSTANTIATE_TEST_SUITE_P(Table, FailingMount,
                                          FailureCase{"plain-failure", 1, "ombra logs Disk"},
                                          FailureCase{"dies", 1, "out of luck today"}));
 
+// Its helper shows the folder above one that it cannot enter.
+TEST_F(Command, MountOfAFolderThatTheServerLacksFailsAndLeavesNoVolume) {
+  writeFile(iFolder / "status.json",
+            json{{"startFolderError", {{"code", kQuarnKitNoSuchItem}, {"text", "gone: status 2"}}}}.dump());
+  const auto result = mountFolder();
+  EXPECT_EQ(result.exitCode, 3) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("does not exist"));
+  EXPECT_THAT(result.err, HasSubstr("status 2"));
+  EXPECT_THAT(json::parse(run({"list", "--json"}).out)["volumes"], testing::IsEmpty());
+}
+
 // Two helpers that start together may choose the same name.
 TEST_F(Command, MountWithoutANameTriesAgainWhenAnotherVolumeTookTheName) {
   knowServer();
