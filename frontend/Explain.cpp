@@ -2,6 +2,10 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/userfs/GMUserFileSystem.h"
 #include "remote/QuarnKitError.h"
@@ -42,14 +46,22 @@ std::string ownWords(const NSError& error) {
   return std::string(rest.substr(std::min(rest.find_first_not_of(": "), rest.size())));
 }
 
+// `more` behind `text`, what the one ends in and the other begins with once.
+std::string joined(const std::string& text, const std::string& more) {
+  constexpr size_t kShortestOverlap = 8;
+  for (size_t length = std::min(text.size(), more.size()); length >= kShortestOverlap; --length) {
+    if (text.ends_with(std::string_view(more).substr(0, length))) return text + more.substr(length);
+  }
+  return text.empty() ? more : text + ": " + more;
+}
+
 // The words of the error and of what lies beneath it, each once.
 std::string reasonOf(const NSErrorRef& error) {
   std::string result;
   NSErrorRef current = error;
   for (int depth = 0; current && depth < kMaximumChain; ++depth) {
     const std::string text = ownWords(*current);
-    if (!text.empty() && result.find(text) == std::string::npos)
-      result += (result.empty() ? "" : ": ") + text;
+    if (!text.empty() && result.find(text) == std::string::npos) result = joined(result, text);
     current = current->underlyingError();
   }
   return result;
@@ -59,6 +71,21 @@ std::string moreInLog(const ErrorContext& context) {
   return context.logName.empty()
              ? ""
              : fmt::format("The log has more: ombra logs {}", shellQuoted(context.logName));
+}
+
+std::string inOneLine(const std::string& first, const std::string& second) {
+  return second.empty() ? first : first + " " + second;
+}
+
+// `why` without the item that it begins with, which the sentence before has named: "/a (server: gone)" tells
+// "server: gone".
+std::string withoutName(const std::string& why, const std::string& name) {
+  if (name.empty() || !why.starts_with(name)) return why;
+  std::string_view rest = std::string_view(why).substr(name.size());
+  if (!rest.empty() && rest.front() != ' ' && rest.front() != ':') return why;
+  rest.remove_prefix(std::min(rest.find_first_not_of(": "), rest.size()));
+  if (rest.starts_with('(') && rest.ends_with(')')) rest = rest.substr(1, rest.size() - 2);
+  return std::string(rest);
 }
 
 std::string serverOf(const ErrorContext& context) {
@@ -125,7 +152,7 @@ std::string withMeaning(QuarnKitErrorCode code, const std::string& why) {
 Failure explainProtocolError(const std::string& why, const ErrorContext& context) {
   return {kExitFailure, fmt::format("{} does not answer as such a server should.", serverOf(context)),
           withMeaning(kQuarnKitProtocolError, why),
-          "Check the scheme and the port in the URL. " + moreInLog(context)};
+          inOneLine("Check the scheme and the port in the URL.", moreInLog(context))};
 }
 
 Failure explainNotSupported(const std::string& why, const ErrorContext& context) {
@@ -140,7 +167,7 @@ Failure explainNotSupported(const std::string& why, const ErrorContext& context)
 }
 
 Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context) {
-  const std::string why = reasonOf(error);
+  const std::string why = withoutName(withoutName(reasonOf(error), context.path), context.address);
   const std::string server = serverOf(context);
   const std::string folder =
       context.path.empty() ? "The start folder" : "The folder " + inQuotes(context.path);
@@ -166,15 +193,18 @@ Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context
       return {kExitNotFound, fmt::format("{} does not exist on {}.", folder, server), why,
               adviceForMissingFolder(context)};
     case kQuarnKitNotAFolder:
-      return {kExitNotFound, fmt::format("{} on {} is not a folder.", folder, server), why,
+      return {kExitNotFound, fmt::format("{} on {} is not a folder.", inQuotes(context.path), server), why,
               "Check the path in the URL."};
     case kQuarnKitListingNotPermitted:
     case kQuarnKitPermissionDenied:
       return {kExitFailure, fmt::format("{} on {} may not be read by this user.", folder, server), why,
               adviceForClosedFolder(context)};
     case kQuarnKitTimedOut:
+      return {kExitFailure, fmt::format("No answer from {} within the time allowed.", server), why,
+              "Check the scheme and the port in the URL, and try again."};
     case kQuarnKitConnectionLost:
-      return {kExitFailure, fmt::format("The connection to {} broke off.", server), why, "Try again."};
+      return {kExitFailure, fmt::format("The connection to {} broke off.", server), why,
+              "Check the scheme and the port in the URL, and try again."};
     case kQuarnKitTooManyConnections:
       return {kExitFailure, fmt::format("{} takes no further connections now.", server), why,
               "Try again in a minute."};
@@ -190,14 +220,24 @@ Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context
   }
 }
 
+Failure explainFuseDevice(const std::string& why) {
+  if (why.find(kc_strerror(EACCES)) != std::string::npos) {
+    return {kExitCannotMount, "This machine cannot mount: the device /dev/fuse may not be opened.", why,
+            "Run: sudo chmod 666 /dev/fuse"};
+  }
+  return {kExitCannotMount,
+          "This machine cannot mount: the device /dev/fuse is missing or may not be opened.", why,
+          "As root: apt install fuse3 && modprobe fuse. In a container, pass --device /dev/fuse "
+          "--cap-add SYS_ADMIN."};
+}
+
 Failure explainMountError(const NSErrorRef& error) {
-  const std::string why = reasonOf(error);
+  // Its description is a text for logs, which holds the reason and advice as well.
+  const std::string why =
+      error->userInfo().stringForKey(NSLocalizedFailureReasonErrorKey).value_or(reasonOf(error));
   switch (error->code()) {
     case kGMNoFuseDevice:
-      return {kExitCannotMount,
-              "This machine cannot mount: the device /dev/fuse is missing or may not be opened.", why,
-              "As root: apt install fuse3 && modprobe fuse. In a container, pass --device /dev/fuse "
-              "--cap-add SYS_ADMIN."};
+      return explainFuseDevice(why);
     case kGMMountPointMissing:
       return {kExitCannotMount, "The folder “/Volumes” is missing or may not be written.", why,
               "Run: sudo install -d -m 1777 /Volumes"};
@@ -207,6 +247,8 @@ Failure explainMountError(const NSErrorRef& error) {
       return {kExitCannotMount, "The mount point is not a plain folder below “/Volumes”.", why,
               "Give another name with --name."};
     default:
+      // The words of fusermount3, which opens the device for users.
+      if (why.find("/dev/fuse") != std::string::npos) return explainFuseDevice(why);
       return {
           kExitCannotMount, "The system refused the mount.", why,
           "Check that fusermount3 (package fuse3) may be used. To see what else is missing: ombra doctor"};
@@ -229,7 +271,7 @@ Failure explainError(const NSErrorRef& error, const ErrorContext& context) {
     if (reason && failure.why.find(*reason) == std::string::npos) failure.why += " " + *reason;
     failure.todo = *advice;
   } else if (error && error->domain() == NSPOSIXErrorDomain && error->code() == kENODEV) {
-    failure.todo = "Check that the server can be reached. " + moreInLog(context);
+    failure.todo = inOneLine("Check that the server can be reached.", moreInLog(context));
   }
   return failure;
 }

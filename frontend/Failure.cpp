@@ -1,5 +1,7 @@
 #include "frontend/Failure.h"
 
+#include <algorithm>
+
 #include "platform/foundation/KCStringAdditions.h"
 
 namespace ombra {
@@ -19,6 +21,13 @@ bool isControl(std::string_view sequence) {
   const auto first = static_cast<unsigned char>(sequence.front());
   if (sequence.size() == 1) return first < 0x20 || first == 0x7F;
   return sequence.size() == 2 && first == 0xC2 && static_cast<unsigned char>(sequence[1]) < 0xA0;
+}
+
+// "nas.local: …", "fusermount3: …", "ssh-ed25519 …": what must not be changed.
+bool beginsWithName(std::string_view text) {
+  const std::string_view word = text.substr(0, text.find(' '));
+  return word.find_first_of(":_/@0123456789") != std::string_view::npos ||
+         word.find('.') < std::max<size_t>(word.size(), 1) - 1;
 }
 
 }  // namespace
@@ -65,7 +74,7 @@ std::string sentence(std::string_view text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == ' ')) text.remove_suffix(1);
   std::string result(text);
   // Often a server's or the system's words, which begin as they like.
-  if (!result.empty() && result.front() >= 'a' && result.front() <= 'z') {
+  if (!beginsWithName(result) && !result.empty() && result.front() >= 'a' && result.front() <= 'z') {
     result.front() = static_cast<char>(result.front() - 'a' + 'A');
   }
   if (!result.empty() && std::string_view(".!?:").find(result.back()) == std::string_view::npos)

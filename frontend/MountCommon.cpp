@@ -60,7 +60,8 @@ void tellMounted(const MountResult& result, const Output& output) {
   output.remark(fmt::format("{} {} at {}", result.alreadyMounted ? "Already mounted:" : "Mounted",
                             printable(result.volumeName), printable(result.mountPath)));
   if (openPath(result) != result.mountPath) output.remark("The folder is at " + printable(openPath(result)));
-  output.remark("To unmount: ombra unmount " + shellQuoted(result.volumeName));
+  // The folder's name and not the volume's: where that was taken, two volumes have it.
+  output.remark("To unmount: ombra unmount " + shellQuoted(lastPathComponent(result.mountPath)));
 }
 
 // Helpers that start at the same time for one server choose the same name for their volumes, where the user

@@ -39,6 +39,9 @@ constexpr std::array<Scheme, 10> kSchemes{{
 
 constexpr std::string_view kForm = "A URL looks like sftp://user@host:port/folder or file:///folder.";
 
+constexpr std::string_view kSchemesKnown =
+    "Known are sftp, ftpes, ftps, ftp, davs (or https), dav (or http), s3 and file. See: ombra mount --help";
+
 bool refuse(Failure* failure, std::string why, std::string_view todo = kForm) {
   *failure = {kExitUsage, "This is not a URL that can be mounted.", std::move(why), std::string(todo)};
   return false;
@@ -87,7 +90,7 @@ bool parseScheme(std::string_view* rest, RemoteURL* url, Failure* failure) {
   const auto* found = std::find_if(kSchemes.begin(), kSchemes.end(),
                                    [&url](const Scheme& scheme) { return scheme.name == url->scheme; });
   if (found == kSchemes.end())
-    return refuse(failure, fmt::format("The scheme {} is not known.", inQuotes(url->scheme)));
+    return refuse(failure, fmt::format("The scheme {} is not known.", inQuotes(url->scheme)), kSchemesKnown);
   url->protocol = found->protocol;
   rest->remove_prefix(end + 3);
   return true;

@@ -159,8 +159,9 @@ class S3Gathering {
     const std::string form = "An endpoint looks like https://s3.example or http://localhost:9000.";
     Failure reason;
     const auto url = parseRemoteURL(text, &reason);
-    if (!url) return refuse(kExitUsage, what, reason.why, form);
-    if (url->scheme != "http" && url->scheme != "https")
+    const bool hasScheme = text.find("://") != std::string::npos;
+    if (!url && hasScheme) return refuse(kExitUsage, what, reason.why, form);
+    if (!url || (url->scheme != "http" && url->scheme != "https"))
       return refuse(kExitUsage, what, "It begins with neither https:// nor http://.", form);
     if (url->username || (url->path && *url->path != "/"))
       return refuse(kExitUsage, what, "It holds more than a host and a port.", form);

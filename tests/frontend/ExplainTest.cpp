@@ -50,7 +50,7 @@ INSTANTIATE_TEST_SUITE_P(
                     LibraryCase{kQuarnKitNotAFolder, kExitNotFound, "not a folder"},
                     LibraryCase{kQuarnKitListingNotPermitted, kExitFailure, "may not be read"},
                     LibraryCase{kQuarnKitPermissionDenied, kExitFailure, "may not be read"},
-                    LibraryCase{kQuarnKitTimedOut, kExitFailure, "broke off"},
+                    LibraryCase{kQuarnKitTimedOut, kExitFailure, "No answer"},
                     LibraryCase{kQuarnKitConnectionLost, kExitFailure, "broke off"},
                     LibraryCase{kQuarnKitTooManyConnections, kExitFailure, "no further connections"},
                     LibraryCase{kQuarnKitLockFailed, kExitFailure, "OmbraFS.team.pid"},
@@ -114,6 +114,55 @@ INSTANTIATE_TEST_SUITE_P(Table, MountErrors,
                                          MountCase{kGMMountPointInUse, "in use"},
                                          MountCase{kGMMountPointInvalid, "--name"},
                                          MountCase{kGMMountRefused, "fusermount3"}));
+
+TEST(Explain, TheItemThatASentenceNamesIsNotNamedAgain) {
+  const auto why = [](std::string_view words) {
+    return explainError(QuarnKitError::errorWithCode(kQuarnKitNoSuchItem, words), kContext).why;
+  };
+  EXPECT_EQ(why("/photos (server: gone)"), "server: gone");
+  EXPECT_EQ(why("/photos: the server answered 404"), "the server answered 404");
+  EXPECT_EQ(why("/photos"), "");
+  EXPECT_EQ(why("/photos2 is gone"), "/photos2 is gone");
+  EXPECT_EQ(why("nas: no answer"), "no answer");
+}
+
+TEST(Explain, WordsThatTheErrorBeneathRepeatsAreToldOnce) {
+  const auto beneath = QuarnKitError::errorWithDomain(
+      "HTTP", 405, {{std::string(NSLocalizedDescriptionKey), "the server answered 405 (not here)"}});
+  const auto error =
+      QuarnKitError::errorWithCode(kQuarnKitLoginFailed, "/a: the server answered 405", beneath);
+  EXPECT_EQ(explainError(error, kContext).why, "/a: the server answered 405 (not here)");
+}
+
+Failure refusedMount(std::string_view reason) {
+  return explainError(
+      NSError::errorWithDomain(kGMUserFileSystemErrorDomain, kGMMountRefused,
+                               {{std::string(NSLocalizedDescriptionKey), "All of it, for logs."},
+                                {std::string(NSLocalizedFailureReasonErrorKey), std::string(reason)}}),
+      kContext);
+}
+
+TEST(Explain, ARefusedMountIsToldWithItsReasonAlone) {
+  EXPECT_EQ(refusedMount("too many volumes").why, "too many volumes");
+}
+
+TEST(Explain, AFuseDeviceThatIsClosedToTheUserIsToBeOpened) {
+  const Failure failure = refusedMount("fusermount3: failed to open /dev/fuse: Permission denied");
+  EXPECT_EQ(failure.code, kExitCannotMount);
+  EXPECT_EQ(failure.text(),
+            "This machine cannot mount: the device /dev/fuse may not be opened. "
+            "fusermount3: failed to open /dev/fuse: Permission denied.\nRun: sudo chmod 666 /dev/fuse");
+}
+
+TEST(Sentence, BeginsWithACapitalUnlessItIsAName) {
+  EXPECT_EQ(sentence("keys refused"), "Keys refused.");
+  EXPECT_EQ(sentence("self-signed certificate\n"), "Self-signed certificate.");
+  EXPECT_EQ(sentence("nohost.example: unknown"), "nohost.example: unknown.");
+  EXPECT_EQ(sentence("nas: unknown"), "nas: unknown.");
+  EXPECT_EQ(sentence("ssh-ed25519 is refused"), "ssh-ed25519 is refused.");
+  EXPECT_EQ(sentence("failed."), "Failed.");
+  EXPECT_EQ(sentence(""), "");
+}
 
 TEST(Explain, TheErrorOfTheMountDecidesOverWhatLiesBeneath) {
   const auto beneath = QuarnKitError::errorWithCode(kQuarnKitLoginFailed);

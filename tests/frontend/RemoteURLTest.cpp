@@ -102,9 +102,10 @@ TEST_P(BadURLs, AreRefusedWithTheReason) {
 INSTANTIATE_TEST_SUITE_P(
     Table, BadURLs,
     testing::Values(
-        BadURL{"", "scheme"}, BadURL{"nas:/srv", "scheme"}, BadURL{"://nas", "scheme"},
-        BadURL{"gopher://nas", "“gopher” is not known"}, BadURL{"sftp://", "host is missing"},
-        BadURL{"sftp:///srv", "host is missing"}, BadURL{"sftp://@nas", "user name before the “@” is empty"},
+        BadURL{"", "scheme"}, BadURL{"smb://nas", "Known are sftp"}, BadURL{"nas:/srv", "scheme"},
+        BadURL{"://nas", "scheme"}, BadURL{"gopher://nas", "“gopher” is not known"},
+        BadURL{"sftp://", "host is missing"}, BadURL{"sftp:///srv", "host is missing"},
+        BadURL{"sftp://@nas", "user name before the “@” is empty"},
         BadURL{"sftp://:pw@nas", "user name before the “@” is empty"},
         BadURL{"sftp://anna@", "host is missing"}, BadURL{"sftp://a@b@nas", "more than one “@”"},
         BadURL{"sftp://-oProxyCommand=x@nas", "cannot begin"}, BadURL{"sftp://-nas", "cannot begin"},
