@@ -8,6 +8,9 @@ namespace ombra {
 
 namespace {
 
+// No address is so long, though a head has room for it.
+constexpr size_t kLongestReference = 64 * 1024;
+
 int portOfScheme(std::string_view scheme) { return scheme == "https" ? 443 : 80; }
 
 bool hasControlOrBlank(std::string_view text) {
@@ -87,7 +90,8 @@ std::optional<HTTPURL> HTTPURL::parse(std::string_view text) {
 }
 
 std::optional<HTTPURL> HTTPURL::resolve(std::string_view reference) const {
-  if (reference.empty() || hasControlOrBlank(reference)) return std::nullopt;
+  if (reference.empty() || reference.size() > kLongestReference || hasControlOrBlank(reference))
+    return std::nullopt;
   if (startsWithScheme(reference)) return parse(reference);
   if (reference.starts_with("//")) return parse(scheme + ":" + std::string(reference));
   HTTPURL result = *this;

@@ -127,6 +127,8 @@ TEST(HTTPURL, ResolvesWhatStandsInALocation) {
   }
   for (const char* reference : {"", "mailto:x", "ftp://h/", "/a b"})
     EXPECT_FALSE(base.resolve(reference).has_value()) << reference;
+  EXPECT_TRUE(base.resolve("/" + std::string(65535, 'x')).has_value());
+  EXPECT_FALSE(base.resolve("/" + std::string(65536, 'x')).has_value()) << "too long";
   EXPECT_TRUE(base.hasOriginOf(*HTTPURL::parse("http://H:81/")));
   EXPECT_FALSE(base.hasOriginOf(*HTTPURL::parse("https://h:81/")));
   EXPECT_FALSE(base.hasOriginOf(*HTTPURL::parse("http://h/")));
