@@ -107,9 +107,28 @@ std::string FTPControl::masked(std::string_view text) const {
 
 void FTPControl::queue(std::string_view command, std::string_view shown) {
   iOutgoing.append(command).append("\r\n");
-  ++iOutstanding;
+  iExpected.push_back(Fate::kWanted);
   if (!iEnvironment.transcript->isEnabled()) return;
   iEnvironment.transcript->append(transcriptLine(masked(shown.empty() ? command : shown)), true);
+}
+
+void FTPControl::abandon() {
+  std::replace(iExpected.begin(), iExpected.end(), Fate::kWanted, Fate::kAbandoned);
+}
+
+void FTPControl::queueAhead(std::string_view command) {
+  queue(command);
+  iExpected.back() = Fate::kPutAside;
+}
+
+bool FTPControl::isAskedAhead() const {
+  return iAhead || std::find(iExpected.begin(), iExpected.end(), Fate::kPutAside) != iExpected.end();
+}
+
+std::optional<FTPReply> FTPControl::takeAhead() { return std::exchange(iAhead, std::nullopt); }
+
+void FTPControl::callForAhead() {
+  std::replace(iExpected.begin(), iExpected.end(), Fate::kPutAside, Fate::kWanted);
 }
 
 void FTPControl::tell(const FTPReply& reply) {
@@ -212,13 +231,13 @@ std::optional<FTPReply> FTPControl::tryNext() {
       return std::nullopt;
     }
     // Nobody asked. Servers announce things so, which are of no use here.
-    if (iOutstanding == 0) continue;
-    const bool isAbandoned = iAbandoned > 0;
+    if (iExpected.empty()) continue;
+    const Fate fate = iExpected.front();
     if (!reply->isPreliminary()) {
-      --iOutstanding;
-      if (isAbandoned) --iAbandoned;
+      iExpected.pop_front();
+      if (fate == Fate::kPutAside) iAhead = std::move(reply);
     }
-    if (!isAbandoned) return reply;
+    if (fate == Fate::kWanted) return reply;
   }
   return std::nullopt;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,8 +25,9 @@ struct FTPPatience {
 };
 
 // Commands may be sent ahead: replies come in the order of the commands. What nobody wants to hear any more
-// is abandoned, and its replies are passed over whenever they come. Of one thread, but for what the wake-up
-// does.
+// is abandoned, and its replies are passed over whenever they come. One question may be asked ahead of its
+// need: its reply is put aside when it comes, whatever is asked and abandoned meanwhile. Of one thread, but
+// for what the wake-up does.
 class FTPControl {
  public:
   FTPControl(const SessionEnvironment& environment, const WakeUp& wakeUp);
@@ -50,9 +52,18 @@ class FTPControl {
   // One command and its final reply.
   std::optional<FTPReply> ask(std::string_view command, NSErrorRef* error, const FTPPatience& patience = {});
   // The first reply of a server, which no command asked for.
-  void expectGreeting() { ++iOutstanding; }
-  // Nobody waits for what is still to come in answer to what was sent.
-  void abandon() { iAbandoned = iOutstanding; }
+  void expectGreeting() { iExpected.push_back(Fate::kWanted); }
+  // Nobody waits for what is still to come in answer to what was sent, but for what was asked ahead.
+  void abandon();
+
+  // As `queue`. Not while something is asked ahead already.
+  void queueAhead(std::string_view command);
+  // Whether something was asked ahead that was neither taken nor called for.
+  bool isAskedAhead() const;
+  // The reply to it, if it has come.
+  std::optional<FTPReply> takeAhead();
+  // From here on it is a reply among the others, in its place.
+  void callForAhead();
 
   // Takes in what has arrived, without waiting. False when the connection cannot be used any more.
   bool pump();
@@ -86,8 +97,9 @@ class FTPControl {
   std::unique_ptr<FTPStream> iStream;
   FTPReplyParser iParser;
   std::string iOutgoing;
-  size_t iOutstanding = 0;  // commands whose final reply has not been read
-  size_t iAbandoned = 0;    // of those, the first so many are of no interest
+  enum class Fate { kWanted, kAbandoned, kPutAside };
+  std::deque<Fate> iExpected;  // of the commands whose final reply has not been read
+  std::optional<FTPReply> iAhead;
   bool iIsLoggingIn = true;
   bool iHasUnread = false;
   std::string iSecret;

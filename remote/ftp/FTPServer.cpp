@@ -7,6 +7,8 @@ namespace ombra {
 namespace {
 // More of them than a session that comes back would want to clear away first.
 constexpr size_t kMostLeftovers = 64;
+// Transfers closer to each other than this are one walk through files.
+constexpr std::chrono::seconds kPauseOfWalk{10};
 }  // namespace
 
 std::optional<FTPFeatures> FTPServer::features() const {
@@ -17,6 +19,11 @@ std::optional<FTPFeatures> FTPServer::features() const {
 void FTPServer::setFeatures(const FTPFeatures& features) {
   MutexLock lock(iLock);
   iFeatures = features;
+}
+
+bool FTPServer::noteTransfer(std::chrono::steady_clock::time_point now) {
+  const auto last = iLastTransfer.exchange(now);
+  return last != std::chrono::steady_clock::time_point() && now - last < kPauseOfWalk;
 }
 
 void FTPServer::addLeftover(std::string path) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -29,6 +30,16 @@ class FTPServer {
   // one.
   bool mayPipeline() const { return iMayPipeline; }
   void stopPipelining() { iMayPipeline = false; }
+  // Whether a port for data may be asked for before there is a transfer that needs it. Most servers keep it
+  // for the next one; a server that was seen to forget it is not asked ahead.
+  bool keepsPorts() const { return iKeepsPorts; }
+  void stopAskingAhead() { iKeepsPorts = false; }
+  // Whether the server looks at its control connection between transfers only, so that what is asked for
+  // behind one may travel with its command. Others would refuse it meanwhile, or give up the transfer for it.
+  bool readsBetweenTransfers() const { return iReadsBetweenTransfers; }
+  void setReadsBetweenTransfers() { iReadsBetweenTransfers = true; }
+  // A transfer begins. Whether another one began on any session not long before: then more will follow.
+  bool noteTransfer(std::chrono::steady_clock::time_point now);
   // Whether LIST takes "-a", without which some servers keep names with a dot to themselves.
   Answer listsAll() const { return iListsAll; }
   void setListsAll(Answer answer) { iListsAll = answer; }
@@ -58,6 +69,9 @@ class FTPServer {
  private:
   std::atomic<Passive> iPassive = Passive::kUnknown;
   std::atomic<bool> iMayPipeline = true;
+  std::atomic<bool> iKeepsPorts = true;
+  std::atomic<bool> iReadsBetweenTransfers = false;
+  std::atomic<std::chrono::steady_clock::time_point> iLastTransfer{};
   std::atomic<Answer> iListsAll = Answer::kUnknown;
   std::atomic<Answer> iStats = Answer::kUnknown;
   std::atomic<Answer> iChangesModes = Answer::kUnknown;

@@ -79,8 +79,13 @@ bool FTPSession::download(std::string_view path, NSFileHandle& to, uint64_t offs
     const auto present = identity(begun->before, &size);
     if (version != nullptr) *version = present.value_or("");
   }
-  if (begun && receiveFile(*begun->transfer, to, offset, size, control, &reason)) return true;
+  if (begun && receiveFile(*begun->transfer, to, offset, size, control, &reason)) {
+    askForPort();
+    return true;
+  }
+  const bool mustRepeat = hasLostPort(begun);
   begun.reset();
+  if (mustRepeat) return download(path, to, offset, version, control, error);
   storeError(error, explain(std::move(reason), FTPOperation::kRead, path));
   return false;
 }
@@ -101,7 +106,7 @@ bool FTPSession::receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t o
     reached += count;
     control.progress(reached);
   }
-  if (!transfer.finish(error)) return false;
+  if (!finish(transfer, error)) return false;
   // Under TLS an end that the server did not tell may be somebody else's work; the length says whether.
   if (transfer.endIsCertain() || !size || reached >= *size) return true;
   iControl.fail(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the data were cut short"));

@@ -74,7 +74,8 @@ bool FTPSession::receiveList(FTPTransfer& transfer, bool areFacts, std::vector<F
     }
     if (count == 0) break;
   }
-  if (!transfer.finish(error)) return false;
+  if (!finish(transfer, error)) return false;
+  askForPort();
   // Better no listing than an empty one in the place of what could not be read.
   if (!items->empty() || strange == 0) return true;
   storeError(error, ftpProtocolError("a listing in a form that is not known"));
@@ -86,8 +87,14 @@ bool FTPSession::listFacts(std::string_view path, std::vector<FTPItem>* items, N
   request.command = "MLSD " + std::string(path);
   request.operation = FTPOperation::kList;
   request.path = path;
-  auto begun = begin(request, error);
-  return begun && receiveList(*begun->transfer, true, items, error);
+  NSErrorRef reason;
+  auto begun = begin(request, &reason);
+  if (begun && receiveList(*begun->transfer, true, items, &reason)) return true;
+  const bool mustRepeat = hasLostPort(begun);
+  begun.reset();
+  if (mustRepeat) return listFacts(path, items, error);
+  storeError(error, std::move(reason));
+  return false;
 }
 
 bool FTPSession::runList(std::string_view path, bool showsAll, std::vector<FTPItem>* items,
@@ -106,7 +113,13 @@ bool FTPSession::runList(std::string_view path, bool showsAll, std::vector<FTPIt
     if (begun->transfer != nullptr) (void)begun->transfer->connect(nullptr);
     return false;
   }
-  if (!receiveList(*begun->transfer, false, items, error)) {
+  NSErrorRef reason;
+  if (!receiveList(*begun->transfer, false, items, &reason)) {
+    if (hasLostPort(begun)) {
+      begun.reset();
+      return runList(path, showsAll, items, error);
+    }
+    storeError(error, std::move(reason));
     const auto& reply = begun->transfer->reply();
     // Some servers refuse to list a folder in which nothing is.
     return reply && reply->isRefusal() && ftpContains(reply->text(), "no files");

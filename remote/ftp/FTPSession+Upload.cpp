@@ -80,7 +80,7 @@ bool FTPSession::sendFile(FTPTransfer& transfer, const NSFileHandle& from, uint6
     at += static_cast<uint64_t>(count);
     control.progress(at);
   }
-  return transfer.finish(error);
+  return finish(transfer, error);
 }
 
 bool FTPSession::storeInPlace(const NSFileHandle& from, uint64_t length, std::string_view path,
@@ -90,8 +90,17 @@ bool FTPSession::storeInPlace(const NSFileHandle& from, uint64_t length, std::st
   request.operation = FTPOperation::kStore;
   request.path = path;
   request.control = &control;
-  auto begun = begin(request, error);
-  return begun && sendFile(*begun->transfer, from, length, control, error);
+  NSErrorRef reason;
+  auto begun = begin(request, &reason);
+  if (begun && sendFile(*begun->transfer, from, length, control, &reason)) {
+    askForPort();
+    return true;
+  }
+  const bool mustRepeat = hasLostPort(begun);
+  begun.reset();
+  if (mustRepeat) return storeInPlace(from, length, path, control, error);
+  storeError(error, std::move(reason));
+  return false;
 }
 
 std::vector<std::string> FTPSession::questionsAboutExisting(std::string_view path) const {
@@ -174,7 +183,14 @@ FTPSession::Stored FTPSession::storeBeside(const NSFileHandle& from, uint64_t le
   NSErrorRef reason;
   if (sendFile(*begun->transfer, from, length, control, &reason)) {
     begun.reset();
-    return replace(temporary, path, present, error);
+    const Stored stored = replace(temporary, path, present, error);
+    askForPort();
+    return stored;
+  }
+  if (hasLostPort(begun)) {
+    begun.reset();
+    dropTemporary(temporary);
+    return storeBeside(from, length, path, control, error);
   }
   const auto& reply = begun->transfer->reply();
   // Some servers take no names with a dot, or no new names at all in that folder.
@@ -263,8 +279,14 @@ bool FTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, s
   request.control = &control;
   NSErrorRef reason;
   auto begun = begin(request, &reason);
-  if (begun && sendStream(next, *begun->transfer, path, control, &reason)) return true;
+  if (begun && sendStream(next, *begun->transfer, path, control, &reason)) {
+    askForPort();
+    return true;
+  }
+  // Nothing was taken from the writer before the server had agreed.
+  const bool mustRepeat = hasLostPort(begun) && !begun->transfer->hasStarted();
   begun.reset();
+  if (mustRepeat) return stream(next, path, control, error);
   storeError(error, explain(std::move(reason), FTPOperation::kStore, path));
   return false;
 }
@@ -281,7 +303,7 @@ bool FTPSession::sendStream(const std::function<size_t(std::byte*, size_t)>& nex
       storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled, path));
       return false;
     }
-    if (count == 0) return transfer.finish(error);
+    if (count == 0) return finish(transfer, error);
     if (!transfer.send(buffer.get(), count, error)) return false;
     at += count;
     control.progress(at);

@@ -5,6 +5,7 @@
 
 #include "remote/NameEncoding.h"
 #include "remote/RemotePaths.h"
+#include "remote/ftp/FTPText.h"
 
 namespace ombra {
 
@@ -73,6 +74,10 @@ bool FTPSession::greet(NSErrorRef* error) {
                                : std::move(reason));
     return false;
   }
+  const auto& lines = greeting->lines;
+  const bool isVsftpd = std::any_of(lines.begin(), lines.end(),
+                                    [](const std::string& line) { return ftpContains(line, "vsftpd"); });
+  if (isVsftpd) iServer->setReadsBetweenTransfers();
   return greeting->isPositive() || refuseLogin(*greeting, kQuarnKitCouldNotConnect, error);
 }
 
@@ -200,6 +205,7 @@ bool FTPSession::askAll(const std::vector<std::string>& commands, std::vector<FT
     return true;
   }
   for (const std::string& command : commands) iControl.queue(command);
+  if (std::exchange(iPortIsDue, false) && mayAskForPort()) iControl.queueAhead(passiveCommand());
   if (!iControl.flush(error)) return false;
   const bool done = readReplies(commands.size(), {}, replies, error);
   // It took the first and never saw the others: from now on one by one.

@@ -1,6 +1,7 @@
 // A session with an FTP server.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,6 +24,8 @@ namespace ombra {
 // One control connection, and a data connection per listing and per file. Paths are sent absolute, but for
 // one that begins with "~", which goes as it is. Commands whose replies do not depend on each other are sent
 // together, so that most operations cost one round trip, and a transfer one more for its data connection.
+// While transfer follows transfer the next port for data is asked for behind the last one, so that nobody
+// waits for it.
 //
 // Whole files arrive under a temporary name beside their own, which is never listed, and are renamed when
 // they are complete: what was there before stays until then. In place, where the old content is gone as soon
@@ -76,13 +79,29 @@ class FTPSession final : public Session {
   struct Begun {
     std::unique_ptr<FTPTransfer> transfer{};
     std::vector<FTPReply> before{};
+    bool portIsAhead = false;  // that it uses was asked for before it
   };
   // A transfer that has been asked for; absent when it cannot begin. That the server refuses it may turn out
   // later.
   std::optional<Begun> begin(const Request& request, NSErrorRef* error);
-  // The same once the data connection is agreed upon. `isAhead`: the command was sent already.
-  bool askForData(const Request& request, bool isAhead, Begun* begun, NSErrorRef* error);
+  // The command and what goes with it are sent at once, on a server whose way to hand out ports is known.
+  std::optional<Begun> beginAhead(const Request& request, Begun begun, NSErrorRef* error);
+  // One after the other.
+  std::optional<Begun> beginInSteps(const Request& request, Begun begun, NSErrorRef* error);
+  // Whether the transfer makes use of a port that was asked for ahead: it is connecting, or the reply with
+  // the port comes before all others.
+  bool usePortAhead(FTPTransfer& transfer);
+  void sendAhead(const Request& request, bool asksForPort);
+  bool openPort(const Request& request, bool isAhead, FTPTransfer& transfer, NSErrorRef* error);
   std::optional<int> portOfData(const Request& request, bool isAhead, NSErrorRef* error);
+  bool restartAccepted(const Request& request, FTPTransfer& transfer, NSErrorRef* error);
+  const char* passiveCommand() const;
+  bool mayAskForPort() const;
+  // Its port was asked for ahead, and the server knows nothing of it any more: all is to begin anew.
+  bool hasLostPort(const std::optional<Begun>& begun);
+  // The last word of a transfer. The next port is due then, and goes with the next commands or alone.
+  bool finish(FTPTransfer& transfer, NSErrorRef* error);
+  void askForPort();
   static FTPPatience patienceFor(const Request& request);
   bool readReplies(size_t count, const FTPPatience& patience, std::vector<FTPReply>* replies,
                    NSErrorRef* error);
@@ -169,6 +188,9 @@ class FTPSession final : public Session {
   std::unique_ptr<FTPEncryption> iEncryption;
   FTPControl iControl;
   std::string iLoginPath = "/";
+  bool iIsInWalk = false;                           // transfers follow each other closely
+  bool iPortIsDue = false;                          // the next one may be asked for
+  std::chrono::steady_clock::time_point iPortDate;  // not later than the server made it
 };
 
 }  // namespace ombra

@@ -77,14 +77,16 @@ bool FTPTransfer::failControl(QuarnKitErrorCode code, const std::string& why, NS
   return false;
 }
 
-bool FTPTransfer::open(int port, NSErrorRef* error) {
+bool FTPTransfer::tryOpen(int port) {
   const int socket = connectToPeer(iSurroundings.control.descriptor(), port);
-  if (socket < 0) {
-    return failControl(kQuarnKitConnectionLost, std::string("no data connection: ") + std::strerror(errno),
-                       error);
-  }
+  if (socket < 0) return false;
   iStream = std::make_unique<FTPStream>(socket);
   return true;
+}
+
+bool FTPTransfer::open(int port, NSErrorRef* error) {
+  return tryOpen(port) || failControl(kQuarnKitConnectionLost,
+                                      std::string("no data connection: ") + std::strerror(errno), error);
 }
 
 bool FTPTransfer::isCancelled(NSErrorRef* error) {

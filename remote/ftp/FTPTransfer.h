@@ -45,8 +45,12 @@ class FTPTransfer {
   FTPTransfer(const FTPTransfer&) = delete;
   FTPTransfer& operator=(const FTPTransfer&) = delete;
 
-  // Begins to connect to that port of the server.
+  // Begins to connect to that port of the server. False with the number of a system error set; nothing has
+  // happened then.
+  [[nodiscard]] bool tryOpen(int port);
+  // The same, but that the control connection has failed then too.
   [[nodiscard]] bool open(int port, NSErrorRef* error);
+  bool isOpening() const { return iStream != nullptr; }
   // Waits until the connection is there, for nothing more than to break it off again: a server that waits for
   // one would not go on before.
   [[nodiscard]] bool connect(NSErrorRef* error);

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -145,19 +146,40 @@ void FakeFTPServer::serve(int socket) {
       const std::string command = line.unread.substr(0, end);
       line.unread.erase(0, iKeepsOnlyFirst ? std::string::npos : end + 2);
       goesOn = obey(line, command);
+      note(command);
       continue;
     }
-    std::array<pollfd, 2> waiting{{{socket, POLLIN, 0}, {iStop, POLLIN, 0}}};
-    if (poll(waiting.data(), waiting.size(), -1) <= 0 || waiting[1].revents != 0) break;
-    std::array<char, 4096> buffer{};
-    const ssize_t count = recv(socket, buffer.data(), buffer.size(), 0);
-    if (count <= 0) break;
-    line.unread.append(buffer.data(), static_cast<size_t>(count));
-    MutexLock lock(iLock);
-    ++iRoundTrips;
+    if (iPorts == Ports::kForgotten && line.listener >= 0) close(std::exchange(line.listener, -1));
+    goesOn = receive(line);
   }
   if (line.listener >= 0) close(line.listener);
   close(socket);
+}
+
+bool FakeFTPServer::receive(Line& line) {
+  std::array<pollfd, 2> waiting{{{line.socket, POLLIN, 0}, {iStop, POLLIN, 0}}};
+  if (poll(waiting.data(), waiting.size(), -1) <= 0 || waiting[1].revents != 0) return false;
+  std::array<char, 4096> buffer{};
+  const ssize_t count = recv(line.socket, buffer.data(), buffer.size(), 0);
+  if (count <= 0) return false;
+  const std::string_view piece(buffer.data(), static_cast<size_t>(count));
+  line.unread.append(piece);
+  MutexLock lock(iLock);
+  if (piece != "EPSV\r\n" && piece != "PASV\r\n") ++iRoundTrips;
+  return true;
+}
+
+void FakeFTPServer::note(const std::string& answered) {
+  const WatchedLock lock(iAnswering);
+  iAnswered.push_back(answered);
+  iAnswering.broadcast();
+}
+
+void FakeFTPServer::waitForAnswers(const std::string& command, size_t count) {
+  const WatchedLock lock(iAnswering);
+  while (static_cast<size_t>(std::count(iAnswered.begin(), iAnswered.end(), command)) < count) {
+    if (!iAnswering.waitFor(command)) return;
+  }
 }
 
 std::optional<std::string> FakeFTPServer::scripted(const std::string& command) {
@@ -199,9 +221,30 @@ bool FakeFTPServer::obey(Line& line, const std::string& command) {
     if (!reply->starts_with("1")) return !reply->starts_with("421");
   }
   if (isTransfer(command)) return transfer(line, command);
+  if (command == "EPSV" || command == "PASV") return openPort(line, command);
   const std::string reply = replyFor(line, command);
   sendBytes(line.socket, reply + "\r\n");
   return command != "QUIT";
+}
+
+bool FakeFTPServer::openPort(Line& line, const std::string& command) {
+  const bool isAhead = line.unread.empty();
+  const bool isLate = iPorts == Ports::kLate || iPorts == Ports::kRefusedLate;
+  if (isAhead && isLate) {
+    note("late " + command);
+    if (!receive(line)) return false;
+  }
+  if (isAhead && (iPorts == Ports::kRefused || iPorts == Ports::kRefusedLate)) {
+    sendBytes(line.socket, "450 there is nothing to transfer\r\n");
+    return true;
+  }
+  if (line.listener >= 0) close(line.listener);
+  int port = 0;
+  line.listener = listenOnLoopback(&port);
+  sendBytes(line.socket, command == "EPSV"
+                             ? fmt::format("229 Extended (|||{}|)\r\n", port)
+                             : fmt::format("227 Passive (192,0,2,1,{},{})\r\n", port / 256, port % 256));
+  return true;
 }
 
 std::string FakeFTPServer::replyFor(Line& line, const std::string& command) {
@@ -209,13 +252,6 @@ std::string FakeFTPServer::replyFor(Line& line, const std::string& command) {
   if (command.starts_with("USER ")) return "331 password, please";
   if (command.starts_with("PASS ")) return "230 welcome";
   if (command == "PWD") return "257 \"/home\" is current";
-  if (command == "EPSV" || command == "PASV") {
-    if (line.listener >= 0) close(line.listener);
-    int port = 0;
-    line.listener = listenOnLoopback(&port);
-    if (command == "EPSV") return fmt::format("229 Extended (|||{}|)", port);
-    return fmt::format("227 Passive (192,0,2,1,{},{})", port / 256, port % 256);
-  }
   if (command.starts_with("REST ")) {
     line.restart = std::stoull(argument);
     return "350 there then";
@@ -291,6 +327,7 @@ bool FakeFTPServer::transfer(Line& line, const std::string& command) {
     isBroken = isBroken || count < 0;
     putFile(path, std::move(content));
   } else {
+    if (iEndsBeforeData) sendBytes(line.socket, "226 all of it\r\n");
     sendBytes(socket, data.bytes);
     if (data.end == End::kSilent) {
       std::array<pollfd, 2> parting{{{socket, POLLIN, 0}, {iStop, POLLIN, 0}}};
@@ -303,6 +340,7 @@ bool FakeFTPServer::transfer(Line& line, const std::string& command) {
     setsockopt(socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
   }
   close(socket);
+  if (iEndsBeforeData && command.starts_with("RETR ")) return true;
   const auto last = scripted("end of " + command);
   if (last && last->empty()) return false;
   sendBytes(line.socket, last.value_or(isBroken ? "426 broken off\r\n" : "226 all of it\r\n"));

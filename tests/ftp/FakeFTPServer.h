@@ -10,6 +10,7 @@
 
 #include "platform/foundation/Mutex.h"
 #include "remote/KCCredentials.h"
+#include "tests/support/WatchedCondition.h"
 
 namespace ombra {
 
@@ -22,6 +23,15 @@ class FakeFTPServer {
     kClosed,
     kReset,
     kSilent,  // stays open and nothing more comes, until the client closes it
+  };
+
+  // What becomes of a port that is asked for with no command behind it yet.
+  enum class Ports {
+    kKept,
+    kForgotten,  // closed as soon as nothing more is there to do
+    kLate,       // told only when the next command has come
+    kRefused,
+    kRefusedLate,
   };
 
   FakeFTPServer();
@@ -43,12 +53,18 @@ class FakeFTPServer {
   void send(const std::string& start, std::string data, End end = End::kClosed);
   // Forgets the commands behind the first one of a piece, as servers do that read no further.
   void setKeepsOnlyFirst(bool keepsOnlyFirst) { iKeepsOnlyFirst = keepsOnlyFirst; }
+  void setPorts(Ports ports) { iPorts = ports; }
+  // Says that a transfer has ended before it has sent anything.
+  void setEndsBeforeData(bool endsBeforeData) { iEndsBeforeData = endsBeforeData; }
   void putFile(const std::string& path, std::string content);
   std::optional<std::string> file(const std::string& path) const;
 
   // All commands of all sessions so far, without the login's.
   std::vector<std::string> commands() const;
-  // How often a session had to wait for the client before it could go on, since the last call.
+  // Waits until so many of these commands have been answered. "late EPSV": is to be, when the next one comes.
+  void waitForAnswers(const std::string& command, size_t count);
+  // How often a session had to wait for the client before it could go on, since the last call. A port that
+  // the client asked for ahead, which it does not wait for, does not count.
   int takeRoundTrips();
   int sessions() const { return iSessions.load(); }
 
@@ -61,6 +77,9 @@ class FakeFTPServer {
   void acceptSessions();
   void serve(int socket);
   bool obey(Line& line, const std::string& command);
+  bool receive(Line& line);
+  void note(const std::string& answered);
+  bool openPort(Line& line, const std::string& command);
   std::string replyFor(Line& line, const std::string& command);
   bool transfer(Line& line, const std::string& command);
   std::optional<std::string> scripted(const std::string& command);
@@ -72,6 +91,10 @@ class FakeFTPServer {
   int iStop = -1;  // readable when the server is to end
   std::atomic<int> iSessions{0};
   std::atomic<bool> iKeepsOnlyFirst{false};
+  std::atomic<bool> iEndsBeforeData{false};
+  std::atomic<Ports> iPorts{Ports::kKept};
+  WatchedCondition iAnswering;
+  std::vector<std::string> iAnswered GUARDED_BY(iAnswering);
   mutable Mutex iLock;
   std::vector<std::string> iGreetings GUARDED_BY(iLock){"220 ready"};
   std::vector<std::string> iFeatures GUARDED_BY(iLock);

@@ -222,6 +222,15 @@ TEST_F(FTPTransfers, AResetDataConnectionIsALostConnection) {
   EXPECT_TRUE(failedWith(kQuarnKitConnectionLost));
 }
 
+TEST_F(FTPTransfers, AnEndThatIsToldBeforeTheDataCutsNothingOff) {
+  logIn();
+  server.setEndsBeforeData(true);
+  const std::string content(3 << 20, 'x');
+  server.putFile("/file", content);
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(download("/file") == content);
+  EXPECT_EQ(download("/learnt"), "x");
+}
+
 TEST_F(FTPTransfers, SilenceIsFoundOut) {
   environment.idleLimit = std::chrono::milliseconds(1);
   logIn();
@@ -308,7 +317,8 @@ TEST_F(FTPTransfers, PlainPassiveModeIsTakenWhereTheExtendedOneIsUnknown) {
   EXPECT_EQ(download("/learnt"), "x");
   ASSERT_TRUE(upload("/file", "new"));
   EXPECT_EQ(sent("EPSV").size(), 1u);
-  EXPECT_EQ(sent("PASV").size(), 3u);
+  server.waitForAnswers("PASV", 4);
+  EXPECT_EQ(sent("PASV").size(), 4u) << "the last one for what may follow";
 }
 
 // The server names another host in its reply, as one behind an address translation does, or a hostile one.
