@@ -51,6 +51,17 @@ void FolderTable::noteEntry(std::string_view path, uint64_t parentNodeID) {
   folder.names.insert(lastPathComponent(path));
 }
 
+void FolderTable::forgetEntry(std::string_view path) {
+  MutexLock lock(iLock);
+  dropEntry(path);
+}
+
+// A folder in which names come and go for months would otherwise keep all of them.
+void FolderTable::dropEntry(std::string_view path) {
+  Folder* folder = iFolders.find(stringByDeletingLastPathComponent(path));
+  if (folder != nullptr) folder->names.erase(lastPathComponent(path));
+}
+
 bool FolderTable::wasListedWithin(std::string_view path, double seconds) const {
   MutexLock lock(iLock);
   const Folder* folder = iFolders.find(path);
@@ -73,6 +84,7 @@ void FolderTable::move(std::string_view from, std::string_view to) {
   iFolders.extractSubtree(to);
   iFolders.moveSubtree(from, to);
   // The kernel takes its entry along.
+  dropEntry(from);
   if (Folder* folder = iFolders.find(stringByDeletingLastPathComponent(to)); folder != nullptr) {
     folder->names.insert(lastPathComponent(to));
   }
@@ -84,6 +96,7 @@ void FolderTable::move(std::string_view from, std::string_view to) {
 void FolderTable::remove(std::string_view path) {
   MutexLock lock(iLock);
   iFolders.extractSubtree(path);
+  dropEntry(path);
   for (auto& [identifier, handle] : iHandles) {
     if (handle.path && isAtOrBelow(*handle.path, path)) handle.path.reset();
   }

@@ -39,6 +39,8 @@ class FolderTable {
 
   // The kernel looked `path` up in the folder that it knows by that number.
   void noteEntry(std::string_view path, uint64_t parentNodeID) EXCLUDES(iLock);
+  // The item was removed here, and the kernel's entry with it: there is nothing to be taken back.
+  void forgetEntry(std::string_view path) EXCLUDES(iLock);
   // True when the folder has been listed within the last `seconds` and nothing was invalidated since: what
   // the kernel keeps of that listing is still good.
   bool wasListedWithin(std::string_view path, double seconds) const EXCLUDES(iLock);
@@ -46,6 +48,7 @@ class FolderTable {
   // Forgets what the kernel knows of the folder and returns it; absent when it knows nothing.
   std::optional<Known> invalidate(std::string_view path) EXCLUDES(iLock);
   void move(std::string_view from, std::string_view to) EXCLUDES(iLock);
+  // Of a folder.
   void remove(std::string_view path) EXCLUDES(iLock);
 
  private:
@@ -59,6 +62,8 @@ class FolderTable {
     uint64_t nodeID = 0;
     FolderListing listing;
   };
+
+  void dropEntry(std::string_view path) REQUIRES(iLock);
 
   mutable Mutex iLock;
   uint64_t iLastIdentifier GUARDED_BY(iLock) = 0;

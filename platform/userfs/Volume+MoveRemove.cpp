@@ -72,6 +72,7 @@ int Volume::removeFile(const char* path) {
     return failure(error);
   }
   iHandles.markRemoved(listed, attributes.value_or(NSFileAttributes()));
+  iFolders.forgetEntry(listed);
   return 0;
 }
 

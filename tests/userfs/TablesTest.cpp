@@ -222,6 +222,27 @@ TEST(FolderTable, InvalidatingTellsTheNamesThatWereListedOrLookedUp) {
   EXPECT_EQ(table.invalidate("/unknown"), std::nullopt);
 }
 
+TEST(FolderTable, ANameThatIsGoneIsNoLongerTold) {
+  FolderTable table;
+  for (const char* name : {"/a/file", "/a/folder", "/a/moved", "/a/kept"}) table.noteEntry(name, 7);
+  table.noteEntry("/b/other", 8);
+  table.forgetEntry("/a/file");
+  table.remove("/a/folder");
+  table.move("/a/moved", "/b/moved");
+  table.forgetEntry("/unknown/file");
+  EXPECT_EQ(table.invalidate("/a")->names, std::vector<std::string>{"kept"});
+  auto names = table.invalidate("/b")->names;
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{"moved", "other"}));
+}
+
+TEST(FolderTable, AMoveWithinAFolderLeavesTheNewNameAlone) {
+  FolderTable table;
+  table.noteEntry("/a/old", 7);
+  table.move("/a/old", "/a/new");
+  EXPECT_EQ(table.invalidate("/a")->names, std::vector<std::string>{"new"});
+}
+
 TEST(FolderTable, AnOpenFolderFollowsItsMoveAndEndsWithItsRemoval) {
   FolderTable table;
   const auto handle = table.open("/a/b", 7);
