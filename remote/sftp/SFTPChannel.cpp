@@ -99,7 +99,7 @@ uint32_t SFTPChannel::submit(SFTPPacketWriter& writer) {
 uint32_t SFTPChannel::enter(uint32_t id) {
   // Time that passed while nobody listened is not silence of the server.
   touch();
-  iPending[id].queued = Clock::now();
+  iPending[id].queued = iTransport->now();
   return id;
 }
 
@@ -168,7 +168,7 @@ void SFTPChannel::abandon(uint32_t id) {
 SFTPChannel::Clock::duration SFTPChannel::age(uint32_t id) {
   own();
   const auto found = iPending.find(id);
-  return found == iPending.end() ? Clock::duration::zero() : Clock::now() - found->second.queued;
+  return found == iPending.end() ? Clock::duration::zero() : iTransport->now() - found->second.queued;
 }
 
 std::chrono::milliseconds SFTPChannel::patience(Clock::time_point now) const {

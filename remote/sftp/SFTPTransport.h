@@ -36,6 +36,8 @@ class SFTPTransport {
   virtual std::optional<Exchanged> exchange(std::span<const std::byte> outgoing,
                                             std::chrono::milliseconds limit, Receiver& receiver,
                                             NSErrorRef* error) = 0;
+  // What the time is by the clock that tells how long replies take. Any thread.
+  virtual std::chrono::steady_clock::time_point now() const { return std::chrono::steady_clock::now(); }
   // Whether `exchange` may be called on another thread as long as the calls do not overlap.
   virtual bool canChangeThreads() const { return false; }
   // Ends a running `open` or `exchange` soon, and every later one. Any thread.

@@ -10,6 +10,10 @@
 
 namespace ombra::test {
 
+namespace {
+constexpr std::chrono::milliseconds kRoundTrip{100};
+}  // namespace
+
 size_t PeerTransport::countOf(uint8_t type) const {
   return static_cast<size_t>(
       std::count_if(iRequests.begin(), iRequests.end(),
@@ -31,6 +35,7 @@ std::optional<SFTPTransport::Exchanged> PeerTransport::exchange(std::span<const 
   takePackets();
   if (iToClient.empty() && exchanged.sent == 0 && limit.count() > 0) {
     ++iWaits;
+    iNow += kRoundTrip;
     if (iWhenIdle) {
       iWhenIdle(*this);
     } else {

@@ -1,6 +1,7 @@
 // The other end of the file protocol, without a socket.
 #pragma once
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <string>
@@ -20,7 +21,8 @@ struct PeerRequest {
 };
 
 // A transport whose far side is a function of the test: called for each whole packet of the client, it may
-// answer with any bytes. Both directions can be cut into pieces of `cut` bytes. No threads, no time.
+// answer with any bytes. Both directions can be cut into pieces of `cut` bytes. No threads; by its clock
+// replies take as many round trips of a long line as the client waits for them.
 class PeerTransport final : public SFTPTransport {
  public:
   using Handler = std::function<void(const PeerRequest&, PeerTransport&)>;
@@ -45,6 +47,7 @@ class PeerTransport final : public SFTPTransport {
   [[nodiscard]] bool open(NSErrorRef* error) override;
   std::optional<Exchanged> exchange(std::span<const std::byte> outgoing, std::chrono::milliseconds limit,
                                     Receiver& receiver, NSErrorRef* error) override;
+  std::chrono::steady_clock::time_point now() const override { return iNow; }
   void interrupt() override { iHungUp = true; }
 
   // What `open` answers with, null for success.
@@ -60,6 +63,7 @@ class PeerTransport final : public SFTPTransport {
   std::vector<PeerRequest> iRequests;
   size_t iCut = SIZE_MAX;
   size_t iWaits = 0;
+  std::chrono::steady_clock::time_point iNow;
   bool iHungUp = false;
 };
 
