@@ -12,7 +12,7 @@
 namespace ombra {
 namespace {
 
-constexpr size_t kHashedPiece = 256 * 1024;
+constexpr size_t kHashedPiece = 64 * 1024;
 
 struct ContextDeleter {
   void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }

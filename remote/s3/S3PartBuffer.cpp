@@ -15,7 +15,7 @@
 namespace ombra {
 namespace {
 
-constexpr size_t kPiece = 256 * 1024;
+constexpr size_t kPiece = 64 * 1024;
 
 bool failLocally(NSErrorRef* error, int number) {
   storeError(error,

@@ -19,8 +19,9 @@ namespace ombra {
 class S3PartBuffer {
  public:
   using Next = std::function<size_t(std::byte*, size_t)>;
+  static constexpr uint64_t kMemory = uint64_t{512} << 10;
   // Parts longer than `memory` bytes go to a file.
-  explicit S3PartBuffer(uint64_t memory = uint64_t{1} << 20) : iMostMemory(memory) {}
+  explicit S3PartBuffer(uint64_t memory = kMemory) : iMostMemory(memory) {}
   S3PartBuffer(const S3PartBuffer&) = delete;
   S3PartBuffer& operator=(const S3PartBuffer&) = delete;
 

@@ -33,6 +33,8 @@ class S3PartSenders::Stop final : public TransferControl {
 };
 
 struct S3PartSenders::Slot {
+  // The first part may be the whole stream, and short; those behind it are not.
+  explicit Slot(bool isFirst) : buffer(isFirst ? S3PartBuffer::kMemory : 0) {}
   S3PartBuffer buffer;
   std::unique_ptr<S3Client> own;  // null in the first slot, which has the session's
   std::string tag;                // of the part, once it was sent; empty when that failed
@@ -57,7 +59,7 @@ S3PartSenders::~S3PartSenders() {
 S3PartBuffer* S3PartSenders::buffer(TransferControl& control, NSErrorRef* error) {
   if (iBegun - iTaken == iMost && !takeOldest(control, error)) return nullptr;
   if (iSlots.size() == iBegun % iMost && iSlots.size() < iMost) {
-    iSlots.push_back(std::make_unique<Slot>());
+    iSlots.push_back(std::make_unique<Slot>(iSlots.empty()));
     if (iSlots.size() > 1)
       iSlots.back()->own =
           std::make_unique<S3Client>(iClient.environment(), iClient.endpoint(), iClient.sharedKnowledge());

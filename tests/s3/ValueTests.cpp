@@ -139,7 +139,7 @@ TEST(S3PartSizes, PartsOfKnownLengthAreNeverTooMany) {
 }
 
 TEST(S3PartBuffer, GivesWhatItTookFromMemoryAndFromAFile) {
-  for (const uint64_t memory : {uint64_t{1} << 20, uint64_t{10}}) {
+  for (const uint64_t memory : {uint64_t{1} << 20, uint64_t{10}, uint64_t{0}}) {
     S3PartBuffer buffer(memory);
     std::string content(100000, 'x');
     size_t taken = 0;
