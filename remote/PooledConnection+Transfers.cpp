@@ -69,50 +69,51 @@ void PooledConnection::endTransfer() {
   sessions().endTransfer();
 }
 
-bool PooledConnection::runTransfer(Run& run,
-                                   const std::function<bool(Session&, TransferControl&, NSErrorRef*)>& work,
-                                   NSErrorRef* error) {
+PooledConnection::Attempt PooledConnection::attemptTransfer(Run& run, const TransferWork& work,
+                                                            NSErrorRef* fault) {
+  if (!attachForTransfer(fault)) return isOutage(*fault) ? Attempt::kMayBeRepeated : Attempt::kFailed;
+  Control control(*this, run);
+  run.givesWay = false;
+  // What a session holds for others must not wait for the end of a transfer.
+  sessions().claim(*iSession, run.heldPath, run.heldFile);
+  if (work(*iSession->session, control, fault)) {
+    sessions().obey(*iSession);
+    return Attempt::kDone;
+  }
+  const bool lost = loseSession(*fault);
+  if (run.givesWay && !iShouldCancel && QuarnKitError::isCode(*fault, kQuarnKitCancelled)) {
+    run.reporter.flush();
+    dropSession(true);
+    return Attempt::kGaveWay;
+  }
+  const bool untouched = run.kind == Run::Kind::kStream ? run.spool->isUntouched() : !run.moved;
+  return lost && (run.kind == Run::Kind::kDownload || untouched) ? Attempt::kMayBeRepeated : Attempt::kFailed;
+}
+
+bool PooledConnection::runTransfer(Run& run, const TransferWork& work, NSErrorRef* error) {
   iShouldCancel = false;
   iInTransfer = true;
   iRun = &run;
   iKnownLinks.clear();
   RetryPauses pauses;
   NSErrorRef fault;
-  bool done = false;
+  Attempt attempt = Attempt::kFailed;
   while (true) {
     fault = nullptr;
     const uint64_t before = run.reporter.bytes();
-    bool again = false;
-    if (!attachForTransfer(&fault)) {
-      again = isOutage(fault);
-    } else {
-      Control control(*this, run);
-      run.givesWay = false;
-      // What a session holds for others must not wait for the end of a transfer.
-      sessions().claim(*iSession, run.heldPath, run.heldFile);
-      done = work(*iSession->session, control, &fault);
-      if (done) {
-        sessions().obey(*iSession);
-        break;
-      }
-      const bool lost = loseSession(fault);
-      const bool untouched = run.kind == Run::Kind::kStream ? run.spool->isUntouched() : !run.moved;
-      again = lost && (run.kind == Run::Kind::kDownload || untouched);
-      if (run.givesWay && !iShouldCancel && QuarnKitError::isCode(fault, kQuarnKitCancelled)) {
-        run.reporter.flush();
-        dropSession(true);
-        continue;
-      }
-    }
+    attempt = attemptTransfer(run, work, &fault);
+    if (attempt == Attempt::kDone) break;
+    if (attempt == Attempt::kGaveWay) continue;
     if (run.reporter.bytes() > before) pauses.reset();
-    const std::optional<double> seconds = again && !iShouldCancel ? pauses.next() : std::nullopt;
+    const bool again = attempt == Attempt::kMayBeRepeated && !iShouldCancel;
+    const std::optional<double> seconds = again ? pauses.next() : std::nullopt;
     if (!seconds || !sessions().pause(*seconds, *this)) break;
   }
   if (run.kind != Run::Kind::kStream) run.reporter.flush();
   endTransfer();
   iRun = nullptr;
   iInTransfer = false;
-  if (done) return true;
+  if (attempt == Attempt::kDone) return true;
   // A pause that was cut short by a cancel mark is a cancelled transfer, whatever led to the pause.
   if (iShouldCancel) fault = QuarnKitError::errorWithCode(kQuarnKitCancelled);
   if (fault == nullptr) fault = QuarnKitError::errorWithCode(kQuarnKitRefused);

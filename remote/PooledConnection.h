@@ -104,6 +104,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   };
   class Control;
   using Work = std::function<bool(Session& session, NSErrorRef* error)>;
+  using TransferWork = std::function<bool(Session&, TransferControl&, NSErrorRef*)>;
   enum class Repeat { kSafe, kNever };
 
   const Engine& engine() const { return iCore->sessions.engine(); }
@@ -117,8 +118,10 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   // The same, of which no session holds any of `places` (in normal form) open.
   bool performWithoutHolders(std::initializer_list<std::string_view> places, std::string_view path,
                              std::string_view otherPath, const Work& work, NSErrorRef* error);
-  bool runTransfer(Run& run, const std::function<bool(Session&, TransferControl&, NSErrorRef*)>& work,
-                   NSErrorRef* error);
+  bool runTransfer(Run& run, const TransferWork& work, NSErrorRef* error);
+  // On one session. A transfer that gave way to one that is waited for goes on at once, in its turn.
+  enum class Attempt { kDone, kGaveWay, kMayBeRepeated, kFailed };
+  Attempt attemptTransfer(Run& run, const TransferWork& work, NSErrorRef* fault);
   bool upload(NSFileHandle& handle, std::string_view path, uint64_t offset, uint64_t* bytesTransferred,
               NSErrorRef* error);
   bool attachForRequest(NSErrorRef* error);
