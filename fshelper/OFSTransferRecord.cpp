@@ -1,5 +1,7 @@
 #include "fshelper/OFSTransferRecord.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 #include "remote/QuarnKitError.h"
@@ -17,7 +19,12 @@ std::string reasonOf(const NSErrorRef& failure) {
   NSErrorRef reason = failure;
   while (reason->domain() == NSPOSIXErrorDomain && reason->underlyingError() != nullptr)
     reason = reason->underlyingError();
-  return reason->localizedDescription();
+  const NSErrorRef beneath = reason->underlyingError();
+  if (!QuarnKitError::isCode(reason, kQuarnKitLocalFailure) || beneath == nullptr)
+    return reason->localizedDescription();
+  // Of its copy on this machine: the server's path would mislead.
+  return fmt::format("{}: {}", QuarnKitError::textForCode(kQuarnKitLocalFailure),
+                     beneath->localizedDescription());
 }
 
 }  // namespace

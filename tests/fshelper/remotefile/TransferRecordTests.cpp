@@ -184,6 +184,14 @@ TEST_F(TransferRecord, NamesWhatLiesBeneathAnInputOutputError) {
   EXPECT_EQ(record.snapshot().failure, "") << "what could not be fetched is not waiting to be sent";
 }
 
+TEST_F(TransferRecord, SaysWhatTheSystemSaidOfTheCopyOnThisMachine) {
+  record.begin(Direction::kDownload);
+  record.end("/a", QuarnKitError::errorWithCode(kQuarnKitLocalFailure, "/srv/a",
+                                                NSError::errorWithDomain(NSPOSIXErrorDomain, ENOSPC)));
+  EXPECT_EQ(totals->lastFailure()->text,
+            "A local file could not be read or written: No space left on device");
+}
+
 TEST_F(TransferRecord, OfACancelledTransferKeepsNoFailure) {
   record.begin(Direction::kUpload);
   record.end("/a", QuarnKitError::errorWithCode(kQuarnKitCancelled));
