@@ -1,5 +1,7 @@
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <nlohmann/json.hpp>
 
@@ -10,6 +12,11 @@
 namespace ombra {
 
 namespace {
+
+// What helpers look at.
+constexpr std::array<std::string_view, 9> kSettings{
+    "TracingEnabled", "DebugLogging",     "UseVerboseLogging", "MountAtRemoteRoot", "SUEnableAutomaticChecks",
+    "SUFeedURL",      "SUStagingFeedURL", "SUSkippedVersion",  "VolumesFolder"};
 
 // A word as the type that it looks like: true/false/yes/no, a whole number, else a text.
 PropertyValue valueOfWord(const std::string& word) {
@@ -55,12 +62,14 @@ int runDefaultsGet(const std::optional<std::string>& key, const Output& output) 
     } else {
       for (const auto& [name, value] : all)
         output.result(fmt::format("{} = {}", printable(name), textOf(value)));
+      if (all.empty()) output.remark("Nothing is set. See: ombra defaults --help");
     }
     return kExitSuccess;
   }
   const auto value = defaults.objectForKey(*key);
   if (!value) {
-    return output.fail({kExitNotFound, fmt::format("{} is not set.", inQuotes(*key)), "", ""});
+    return output.fail(
+        {kExitNotFound, fmt::format("{} is not set.", inQuotes(*key)), "", "See: ombra defaults --help"});
   }
   output.result(output.json ? nlohmann::json{{*key, jsonOf(*value)}}.dump() : textOf(*value));
   return kExitSuccess;
@@ -74,6 +83,9 @@ int runDefaultsSet(const std::string& key, const std::optional<std::string>& val
   NSErrorRef error;
   if (NSUserDefaults::standardUserDefaults().setObject(value ? valueOfWord(*value) : PropertyValue(), key,
                                                        &error)) {
+    if (value && std::find(kSettings.begin(), kSettings.end(), key) == kSettings.end())
+      output.warning(
+          fmt::format("No helper knows the setting {}. See: ombra defaults --help", inQuotes(key)));
     return kExitSuccess;
   }
   return output.fail({kExitFailure, "The setting could not be stored.",

@@ -31,7 +31,9 @@ class LogWriter {
   LogWriter(const LogWriter&) = delete;
   LogWriter& operator=(const LogWriter&) = delete;
 
+  bool hasWritten() const { return iHasWritten; }
   bool write(std::string_view text) {
+    iHasWritten = iHasWritten || !text.empty();
     if (!iClean) {
       fwrite(text.data(), 1, text.size(), iOut);
     } else {
@@ -53,6 +55,7 @@ class LogWriter {
 
   FILE* iOut;
   bool iClean;
+  bool iHasWritten = false;
   std::string iRest;
 };
 
@@ -72,7 +75,10 @@ int runLogs(const LogsOptions& options, const Output& output) {
   const bool done = readLog(
       log->path, options.follow, interruption,
       [&writer](std::string_view text) { return writer.write(text); }, &failure);
-  return done ? kExitSuccess : output.fail(failure);
+  if (!done) return output.fail(failure);
+  if (!writer.hasWritten() && kind == LogKind::kConsole)
+    output.remark("The log is empty. To have more written: ombra defaults set DebugLogging true");
+  return kExitSuccess;
 }
 
 }  // namespace ombra

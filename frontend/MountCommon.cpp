@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "frontend/SessionBus.h"
@@ -119,10 +121,11 @@ bool checkVolumeOptions(VolumeOptions* options, Failure* failure) {
   if (options->icon) {
     options->icon = absolutePath(*options->icon, currentFolder());
     struct stat status {};
-    if (stat(options->icon->c_str(), &status) != 0 || !S_ISREG(status.st_mode) ||
-        access(options->icon->c_str(), R_OK) != 0) {
-      return refuseOption(fmt::format("The icon {} cannot be read.", inQuotes(*options->icon)), "", failure);
-    }
+    const bool isReadable =
+        stat(options->icon->c_str(), &status) == 0 && access(options->icon->c_str(), R_OK) == 0;
+    const std::string why = isReadable ? "It is no plain file." : std::strerror(errno);
+    if (!isReadable || !S_ISREG(status.st_mode))
+      return refuseOption(fmt::format("The icon {} cannot be read.", inQuotes(*options->icon)), why, failure);
   }
   return true;
 }

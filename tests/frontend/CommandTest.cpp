@@ -370,7 +370,8 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"mount", "file:///etc", "--name", ""}, 2, "name"},
         UsageCase{{"mount", "file:///etc", "--name", ".."}, 2, "name"},
         UsageCase{{"mount", "file:///etc", "--passthrough", "a/b"}, 2, "identifier"},
-        UsageCase{{"mount", "file:///etc", "--icon", "/no/icon"}, 2, "icon"},
+        UsageCase{{"mount", "file:///etc", "--icon", "/no/icon"}, 2, "No such file"},
+        UsageCase{{"mount", "file:///etc", "--icon", "/etc"}, 2, "no plain file"},
         UsageCase{{"mount", "sftp://anna@nas.test", "--password-file", "/no/file"}, 2, "/no/file"},
         UsageCase{{"mount", "sftp://anna@nas.test", "--identity", "/etc/passwd"}, 2, "private key"},
         UsageCase{{"unmount"}, 2, "No volume was named"}, UsageCase{{"unmount", "--all", "x"}, 2, "Either"},
@@ -527,7 +528,9 @@ TEST_F(Command, MountClearsLogsThatNobodyHasWrittenToForTwoWeeks) {
 }
 
 TEST_F(Command, DefaultsKeepWhatIsSet) {
-  EXPECT_EQ(run({"defaults", "set", "DebugLogging", "true"}).exitCode, 0);
+  EXPECT_EQ(run({"defaults", "set", "DebugLogging", "true"}).err, "");
+  EXPECT_THAT(run({"defaults", "set", "DebugLoging", "true"}).err, HasSubstr("No helper knows"));
+  EXPECT_EQ(run({"defaults", "set", "DebugLoging"}).err, "");
   EXPECT_EQ(run({"defaults", "set", "Number", "-7"}).exitCode, 0);
   EXPECT_EQ(run({"defaults", "set", "Text", "a b"}).exitCode, 0);
   EXPECT_EQ(run({"defaults", "get", "DebugLogging"}).out, "true\n");
