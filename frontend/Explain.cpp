@@ -166,48 +166,68 @@ Failure explainNotSupported(const std::string& why, const ErrorContext& context)
           moreInLog(context)};
 }
 
-Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context) {
-  const std::string why = withoutName(withoutName(reasonOf(error), context.path), context.address);
+// The way to the server, up to the login.
+std::optional<Failure> explainConnection(int64_t code, const std::string& why, const ErrorContext& context) {
   const std::string server = serverOf(context);
-  const std::string folder =
-      context.path.empty() ? "The start folder" : "The folder " + inQuotes(context.path);
-  switch (error->code()) {
+  switch (code) {
     case kQuarnKitCouldNotResolveHost:
-      return {
+      return Failure{
           kExitFailure,
           fmt::format("{} was not found.", server == "the server" ? "The server" : "The server " + server),
           why, "Check the host name in the URL and the network connection."};
     case kQuarnKitCouldNotConnect:
-      return {kExitFailure, fmt::format("Could not connect to {}.", server), why,
-              "Check that the server runs, that the port is right, and that no firewall is in the way."};
+      return Failure{
+          kExitFailure, fmt::format("Could not connect to {}.", server), why,
+          "Check that the server runs, that the port is right, and that no firewall is in the way."};
     case kQuarnKitLoginFailed:
-      return {kExitLoginRefused, fmt::format("The login at {} was refused.", loginOf(context)), why,
-              adviceForRefusedLogin(context)};
+      return Failure{kExitLoginRefused, fmt::format("The login at {} was refused.", loginOf(context)), why,
+                     adviceForRefusedLogin(context)};
     case kQuarnKitUntrusted:
       return explainUntrusted(why, context);
+    case kQuarnKitTimedOut:
+      return Failure{kExitFailure, fmt::format("No answer from {} within the time allowed.", server), why,
+                     "Check the scheme and the port in the URL, and try again."};
+    case kQuarnKitConnectionLost:
+      return Failure{kExitFailure, fmt::format("The connection to {} broke off.", server), why,
+                     "Check the scheme and the port in the URL, and try again."};
+    case kQuarnKitTooManyConnections:
+      return Failure{kExitFailure, fmt::format("{} takes no further connections now.", server), why,
+                     "Try again in a minute."};
+    default:
+      return std::nullopt;
+  }
+}
+
+// The folder that is to be mounted.
+std::optional<Failure> explainFolder(int64_t code, const std::string& why, const ErrorContext& context) {
+  const std::string server = serverOf(context);
+  const std::string folder =
+      context.path.empty() ? "The start folder" : "The folder " + inQuotes(context.path);
+  switch (code) {
+    case kQuarnKitNoSuchItem:
+      return Failure{kExitNotFound, fmt::format("{} does not exist on {}.", folder, server), why,
+                     adviceForMissingFolder(context)};
+    case kQuarnKitNotAFolder:
+      return Failure{kExitNotFound, fmt::format("{} on {} is not a folder.", inQuotes(context.path), server),
+                     why, "Check the path in the URL."};
+    case kQuarnKitListingNotPermitted:
+    case kQuarnKitPermissionDenied:
+      return Failure{kExitFailure, fmt::format("{} on {} may not be read by this user.", folder, server), why,
+                     adviceForClosedFolder(context)};
+    default:
+      return std::nullopt;
+  }
+}
+
+Failure explainLibraryError(const NSErrorRef& error, const ErrorContext& context) {
+  const std::string why = withoutName(withoutName(reasonOf(error), context.path), context.address);
+  if (auto failure = explainConnection(error->code(), why, context)) return *failure;
+  if (auto failure = explainFolder(error->code(), why, context)) return *failure;
+  switch (error->code()) {
     case kQuarnKitProtocolError:
       return explainProtocolError(why, context);
     case kQuarnKitNotSupported:
       return explainNotSupported(why, context);
-    case kQuarnKitNoSuchItem:
-      return {kExitNotFound, fmt::format("{} does not exist on {}.", folder, server), why,
-              adviceForMissingFolder(context)};
-    case kQuarnKitNotAFolder:
-      return {kExitNotFound, fmt::format("{} on {} is not a folder.", inQuotes(context.path), server), why,
-              "Check the path in the URL."};
-    case kQuarnKitListingNotPermitted:
-    case kQuarnKitPermissionDenied:
-      return {kExitFailure, fmt::format("{} on {} may not be read by this user.", folder, server), why,
-              adviceForClosedFolder(context)};
-    case kQuarnKitTimedOut:
-      return {kExitFailure, fmt::format("No answer from {} within the time allowed.", server), why,
-              "Check the scheme and the port in the URL, and try again."};
-    case kQuarnKitConnectionLost:
-      return {kExitFailure, fmt::format("The connection to {} broke off.", server), why,
-              "Check the scheme and the port in the URL, and try again."};
-    case kQuarnKitTooManyConnections:
-      return {kExitFailure, fmt::format("{} takes no further connections now.", server), why,
-              "Try again in a minute."};
     case kQuarnKitLockFailed:
       return {kExitFailure,
               fmt::format("The lock of the identifier {} could not be taken.", inQuotes(context.passthrough)),
