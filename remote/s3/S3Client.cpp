@@ -175,6 +175,7 @@ bool S3Client::pause(double seconds, const TransferControl* control) {
 }
 
 std::optional<S3Answer> S3Client::perform(S3Request request, NSErrorRef* error) {
+  ++iRequests;
   HTTPRequest http;
   http.method = request.method;
   http.body = std::move(request.body);

@@ -67,6 +67,9 @@ class S3Client {
   // Whether bodies are to be signed: they are when nothing else protects them.
   bool signsPayloads() const { return !iEndpoint.isEncrypted() && iEnvironment.credentials->username(); }
 
+  // How many requests were performed so far.
+  uint64_t requests() const { return iRequests; }
+
   bool isAlive() EXCLUDES(iWake);
   bool isInterrupted() const { return iIsInterrupted.load(); }
   void interrupt() EXCLUDES(iWake);
@@ -91,6 +94,7 @@ class S3Client {
   const std::shared_ptr<S3Knowledge> iKnowledge;
   std::unique_ptr<SignatureV4Key> iKey;
   bool iHasAnswered = false;
+  uint64_t iRequests = 0;
   std::atomic<bool> iIsInterrupted{false};
   NSCondition iWake;
   std::shared_ptr<HTTPClient> iHTTP GUARDED_BY(iWake);

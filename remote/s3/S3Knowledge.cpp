@@ -1,5 +1,6 @@
 #include "remote/s3/S3Knowledge.h"
 
+#include <functional>
 #include <utility>
 
 #include "remote/RemotePaths.h"
@@ -11,10 +12,16 @@ namespace {
 constexpr double kSightSeconds = 60.0;
 constexpr size_t kMostFolders = 20000;
 constexpr size_t kMostRegions = 10000;
+constexpr size_t kObjectPlaces = 8192;
 
 bool isFresh(NSDate date, NSDate now) {
   const double age = now.timeIntervalSinceDate(date);
   return age >= 0.0 && age < kSightSeconds;
+}
+
+uint64_t hashOf(const S3Path& path) {
+  const std::hash<std::string> hash;
+  return hash(path.key) * 31 + hash(path.bucket);
 }
 
 }  // namespace
@@ -60,6 +67,31 @@ void S3Knowledge::noteFolder(const S3Path& path, bool isMarked) {
   Sight& sight = iFolders[path.text()];
   sight.there = now;
   if (isMarked) sight.marked = now;
+}
+
+void S3Knowledge::noteObject(const S3Path& path) {
+  const uint64_t hash = hashOf(path);
+  const NSDate now = NSDate::date();
+  MutexLock lock(iLock);
+  if (iObjects.empty()) iObjects.resize(kObjectPlaces);
+  iObjects[hash % kObjectPlaces] = {hash, now};
+}
+
+void S3Knowledge::forgetObject(const S3Path& path) {
+  const uint64_t hash = hashOf(path);
+  MutexLock lock(iLock);
+  if (iObjects.empty()) return;
+  SeenObject& place = iObjects[hash % kObjectPlaces];
+  if (place.hash == hash) place = {};
+}
+
+bool S3Knowledge::hasSeenObject(const S3Path& path) const {
+  const uint64_t hash = hashOf(path);
+  const NSDate now = NSDate::date();
+  MutexLock lock(iLock);
+  if (iObjects.empty()) return false;
+  const SeenObject& place = iObjects[hash % kObjectPlaces];
+  return place.hash == hash && isFresh(place.when, now);
 }
 
 void S3Knowledge::forgetFolders(const S3Path& path) {

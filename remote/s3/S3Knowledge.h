@@ -1,10 +1,12 @@
 // What the sessions to one server tell each other.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/foundation/Mutex.h"
 #include "platform/foundation/NSDate.h"
@@ -12,8 +14,9 @@
 
 namespace ombra {
 
-// In which region a bucket lies, how far the server's clock is off, and which folders were there a moment
-// ago, so that not every new file costs a question after its folder. Thread-safe; a leaf lock.
+// In which region a bucket lies, how far the server's clock is off, and which folders and objects were there
+// a moment ago, so that not every new file costs a question after its folder, nor every removal one after the
+// object. Thread-safe; a leaf lock.
 class S3Knowledge {
  public:
   // Of the bucket; of the list of buckets where that is empty.
@@ -32,16 +35,31 @@ class S3Knowledge {
   // It, and everything below it, has changed its place or is gone.
   void forgetFolders(const S3Path& path) EXCLUDES(iLock);
 
+  // The object was seen, or stored. Only the latest few thousand are remembered.
+  void noteObject(const S3Path& path) EXCLUDES(iLock);
+  // It is gone.
+  void forgetObject(const S3Path& path) EXCLUDES(iLock);
+  // Whether it is known to have been there within the last minute.
+  bool hasSeenObject(const S3Path& path) const EXCLUDES(iLock);
+
  private:
   struct Sight {
     NSDate there;
     std::optional<NSDate> marked;
   };
 
+  // Stands for the path by its hash; that of another one of 64 bits is not met.
+  struct SeenObject {
+    uint64_t hash = 0;
+    NSDate when;
+  };
+
   mutable Mutex iLock;
   std::map<std::string, std::string, std::less<>> iRegions GUARDED_BY(iLock);
   double iClockOffset GUARDED_BY(iLock) = 0.0;                           // seconds to add to our time
   std::map<std::string, Sight, std::less<>> iFolders GUARDED_BY(iLock);  // by path
+  // Each has one place, by its hash, which it takes from whoever was there; empty until there is one.
+  std::vector<SeenObject> iObjects GUARDED_BY(iLock);
 };
 
 }  // namespace ombra

@@ -64,7 +64,10 @@ bool S3Session::createFolder(std::string_view path, NSErrorRef* error) {
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemExists, path));
     return false;
   }
-  return putMarker(folder, error);
+  if (!putMarker(folder, error)) return false;
+  iMadeFolder = folder;
+  iRequestsWhenMade = iClient.requests();
+  return true;
 }
 
 bool S3Session::createSymbolicLink(std::string_view path, std::string_view /*target*/, NSErrorRef* error) {
@@ -83,6 +86,7 @@ bool S3Session::deleteKey(const std::string& bucket, const std::string& key, NSE
   request.method = "DELETE";
   request.bucket = bucket;
   request.key = key;
+  iClient.knowledge().forgetObject({bucket, key});
   const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
   if (!answer) return false;
   if (answer->isGood() || answer->refusal->code == "NoSuchKey") return true;
@@ -102,6 +106,7 @@ bool S3Session::deleteBatch(const std::string& bucket, const std::vector<std::st
   request.headers = {{"Content-Type", "application/xml"}, {"Content-MD5", s3MD5(request.body->bytes)}};
   request.patience = kPatience;
   request.mayFailLate = true;
+  for (const std::string& key : keys) iClient.knowledge().forgetObject({bucket, key});
   const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
   if (!answer) return false;
   const std::optional<S3DeleteResult> result =
@@ -167,12 +172,15 @@ bool S3Session::remove(std::string_view path, bool isDirectory, NSErrorRef* erro
 }
 
 bool S3Session::removeObject(const S3Path& path, NSErrorRef* error) {
-  // The removal itself does not tell whether there was anything to remove.
-  const std::optional<S3Answer> answer = askForObject(path, error);
-  if (!answer) return false;
-  if (!answer->isGood()) {
-    storeError(error, s3Error(*answer->refusal, path.text()));
-    return false;
+  // The removal itself does not tell whether there was anything to remove. What was there a moment ago may be
+  // gone by now: so it is then, too.
+  if (!iClient.knowledge().hasSeenObject(path)) {
+    const std::optional<S3Answer> answer = askForObject(path, error);
+    if (!answer) return false;
+    if (!answer->isGood()) {
+      storeError(error, s3Error(*answer->refusal, path.text()));
+      return false;
+    }
   }
   return keepParent(path, error) && deleteKey(path.bucket, path.key, error);
 }

@@ -108,7 +108,12 @@ bool S3Session::sendWhole(NSFileHandle& from, uint64_t length, const S3Path& pat
   const bool isSent = length <= iLimits.singlePut ? putFile(from, length, path, control, error)
                                                   : putFileInParts(from, length, path, control, error);
   if (isSent) control.progress(length);
-  return isSent;
+  return noteStored(path, isSent);
+}
+
+bool S3Session::noteStored(const S3Path& path, bool isStored) {
+  if (isStored) iClient.knowledge().noteObject(path);
+  return isStored;
 }
 
 bool S3Session::putFile(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
@@ -156,10 +161,12 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
     if (buffer == nullptr || !buffer->fill(next, size, mayGoOn, error)) return false;
     if (control.shouldCancel()) return failCancelled(path, error);
     if (iClient.isInterrupted()) return failInterrupted(error);
-    if (buffer->isLast() && number == 1) return putBuffer(*buffer, object, control, error);
+    if (buffer->isLast() && number == 1)
+      return noteStored(object, putBuffer(*buffer, object, control, error));
     if (number == 1 && !whole.begin({kAnyContent}, &control, error)) return false;
     if (buffer->length() > 0) senders.send();
-    if (buffer->isLast()) return senders.finish(control, error) && whole.complete(&control, error);
+    if (buffer->isLast())
+      return noteStored(object, senders.finish(control, error) && whole.complete(&control, error));
   }
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, "no object has so many parts"));
   return false;

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <unordered_set>
+#include <utility>
 
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
@@ -168,7 +169,12 @@ std::optional<S3Answer> S3Session::askForObject(const S3Path& path, NSErrorRef* 
   request.method = "HEAD";
   request.bucket = path.bucket;
   request.key = path.key;
-  return iClient.perform(std::move(request), error);
+  std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
+  if (answer && path.isItem()) {
+    if (answer->isGood()) iClient.knowledge().noteObject(path);
+    if (!answer->isGood() && s3IsMissing(*answer->refusal)) iClient.knowledge().forgetObject(path);
+  }
+  return answer;
 }
 
 std::optional<S3Session::Item> S3Session::lookAtBucket(const S3Path& path, NSErrorRef* error) {
@@ -184,6 +190,8 @@ std::optional<S3Session::Item> S3Session::lookAtBucket(const S3Path& path, NSErr
 std::optional<S3Session::Item> S3Session::look(const S3Path& path, NSErrorRef* error) {
   if (path.isRoot()) return Item{Kind::kFolder, folderAttributes()};
   if (path.isBucket()) return lookAtBucket(path, error);
+  const bool wasJustMade = std::exchange(iMadeFolder, std::nullopt) == path;
+  if (wasJustMade && iClient.requests() == iRequestsWhenMade) return Item{Kind::kFolder, folderAttributes()};
   std::optional<S3Refusal> refusal;
   // What was a folder a moment ago is asked for as one first.
   const bool wasFolder = iClient.knowledge().folder(path) != S3Knowledge::Folder::kUnknown;
@@ -324,6 +332,7 @@ bool S3Session::listFolder(const S3Path& folder, std::vector<RemoteEntry>* entri
       isMarked = isMarked || object.key == prefix;
       std::string name = object.key.substr(prefix.size());
       if (!isShownName(name)) continue;
+      iClient.knowledge().noteObject({folder.bucket, object.key});
       entries->push_back(
           {std::move(name), kNodeTypeFile, objectAttributes(object.size, object.modificationDate), {}, {}});
     }

@@ -119,6 +119,8 @@ class S3Session final : public Session {
                       NSErrorRef* error);
   bool sendWhole(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
                  NSErrorRef* error);
+  // Remembers an object that was stored, and hands on whether it was.
+  bool noteStored(const S3Path& path, bool isStored);
   bool putBuffer(S3PartBuffer& buffer, const S3Path& path, TransferControl& control, NSErrorRef* error);
   bool explainUnsatisfiable(const S3Path& path, uint64_t offset, std::string* version, NSErrorRef* error);
 
@@ -128,6 +130,9 @@ class S3Session final : public Session {
   const S3Limits iLimits;
   const std::shared_ptr<std::atomic<bool>> iIsLoggedIn = std::make_shared<std::atomic<bool>>(false);
   S3Client iClient;
+  // The folder that was made with the latest request, which whoever makes one looks at next.
+  std::optional<S3Path> iMadeFolder;
+  uint64_t iRequestsWhenMade = 0;
   Mutex iCopierLock;
   S3Copier* iCopier GUARDED_BY(iCopierLock) = nullptr;  // while a folder moves
 };

@@ -229,6 +229,8 @@ TEST_F(S3Folders, WhatTheProtocolLacksIsToldWithoutAQuestion) {
 TEST_F(S3Folders, OperationsCostAsFewRoundTripsAsTheyCan) {
   ASSERT_TRUE(session().createFolder("/test/f", &iError));
   EXPECT_EQ(store().asked().size(), 2u) << "is there anything of that name; the marker";
+  EXPECT_TRUE(isFolder("/test/f"));
+  EXPECT_THAT(store().asked(), IsEmpty()) << "it has just been made";
   ASSERT_TRUE(upload("/test/f/file", "content"));
   EXPECT_THAT(store().asked(), ElementsAre("PUT /test/f/file"));
   EXPECT_EQ(download("/test/f/file"), "content");
@@ -243,6 +245,10 @@ TEST_F(S3Folders, OperationsCostAsFewRoundTripsAsTheyCan) {
   EXPECT_THAT(store().asked(), ElementsAre("PUT /test/f/new", "DELETE /test/f/file"));
   ASSERT_TRUE(session().remove("/test/f/new", false, &iError));
   EXPECT_THAT(store().asked(), ElementsAre("HEAD /test/f/new", "DELETE /test/f/new"));
+  ASSERT_TRUE(upload("/test/f/again", "content"));
+  EXPECT_THAT(store().asked(), ElementsAre("PUT /test/f/again"));
+  ASSERT_TRUE(session().remove("/test/f/again", false, &iError));
+  EXPECT_THAT(store().asked(), ElementsAre("DELETE /test/f/again")) << "it was there a moment ago";
   ASSERT_TRUE(session().remove("/test/f", true, &iError));
   EXPECT_EQ(store().asked().size(), 2u) << "is it empty; the marker";
 }
@@ -256,6 +262,38 @@ TEST_F(S3Folders, ListedFoldersAreKnownToOtherSessionsToo) {
   KeptControl control;
   ASSERT_TRUE(other->upload(*file, "/test/a/b/new", 0, control, &iError));
   EXPECT_THAT(store().asked(), ElementsAre("PUT /test/a/b/new"));
+}
+
+TEST_F(S3Folders, WhatWasListedIsRemovedWithoutAQuestionOnce) {
+  store().put("file", "x");
+  store().put("other", "x");
+  (void)names("/test");
+  (void)store().asked();
+  ASSERT_TRUE(session().remove("/test/file", false, &iError));
+  EXPECT_THAT(store().asked(), ElementsAre("DELETE /test/file"));
+  EXPECT_FALSE(session().remove("/test/file", false, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNoSuchItem}));
+}
+
+TEST_F(S3Folders, WhatIsFoundToBeMissingCannotBeRemoved) {
+  store().put("file", "x");
+  store().put("other", "x");
+  (void)names("/test");
+  store().remove("file");
+  EXPECT_FALSE(session().attributes("/test/file", nullptr, &iError));
+  EXPECT_FALSE(session().remove("/test/file", false, &iError));
+  EXPECT_TRUE(hasCode(iError, {kQuarnKitNoSuchItem}));
+}
+
+TEST_F(S3Folders, AFolderThatWasMadeIsLookedAtAfterAnyOtherRequest) {
+  ASSERT_TRUE(session().createFolder("/test/f", &iError));
+  store().remove("f/");
+  EXPECT_FALSE(session().attributes("/test/x", nullptr, &iError));
+  EXPECT_FALSE(session().attributes("/test/f", nullptr, &iError));
+  ASSERT_TRUE(session().createFolder("/test/g", &iError));
+  (void)names("/test");
+  store().remove("g/");
+  EXPECT_FALSE(session().attributes("/test/g", nullptr, &iError));
 }
 
 // The login has looked at it already.

@@ -185,6 +185,23 @@ TEST(S3Knowledge, ForgetsFoldersAfterAMinute) {
   EXPECT_EQ(knowledge.folder(folder), S3Knowledge::Folder::kUnknown);
 }
 
+TEST(S3Knowledge, RemembersObjectsForAMinute) {
+  ManualClock clock;
+  S3Knowledge knowledge;
+  const S3Path seen = S3Path::parse("/b/f/x");
+  EXPECT_FALSE(knowledge.hasSeenObject(seen));
+  knowledge.forgetObject(seen);
+  knowledge.noteObject(seen);
+  EXPECT_TRUE(knowledge.hasSeenObject(seen));
+  for (const char* other : {"/b/f/y", "/b2/f/x", "/b/f"})
+    EXPECT_FALSE(knowledge.hasSeenObject(S3Path::parse(other))) << other;
+  knowledge.forgetObject(seen);
+  EXPECT_FALSE(knowledge.hasSeenObject(seen));
+  knowledge.noteObject(seen);
+  clock.advance(61);
+  EXPECT_FALSE(knowledge.hasSeenObject(seen)) << "it may be gone by now";
+}
+
 TEST(S3Knowledge, ForgetsWhatLiesBelowButNotWhatIsNamedAlike) {
   S3Knowledge knowledge;
   for (const char* path : {"/b/f", "/b/f/g", "/b/f/g/h", "/b/f2", "/b/f-x", "/b2/f"})
