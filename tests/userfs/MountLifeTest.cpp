@@ -9,7 +9,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <memory>
 #include <thread>
+#include <vector>
 
 #include "platform/userfs/MountPoint.h"
 #include "tests/userfs/MountFixture.h"
@@ -24,6 +26,13 @@ const std::string kMountFailed(kGMUserFileSystemMountFailed);
 
 NSErrorRef errorOf(const NSNotification& notification) {
   return notification.userInfo->objectForKey(kGMUserFileSystemErrorKey)->asError();
+}
+
+// Requests that are left behind are still in their delegate when the test ends, so it outlives everything.
+template <typename Files>
+Files& immortal() {
+  static auto& sAll = *new std::vector<std::unique_ptr<Files>>;  // NOLINT: immortal on purpose
+  return *sAll.emplace_back(std::make_unique<Files>());
 }
 
 TEST_F(MountTest, TheDelegateIsAskedToPrepareBeforeAnythingElse) {
@@ -220,25 +229,24 @@ TEST_F(MountTest, UnmountWaitsForARequestInFlight) {
 }
 
 TEST_F(MountTest, ADeadServerCannotHoldTheUnmountForEver) {
-  // A request is left behind in it, so it outlives everything.
-  static auto* sFiles = new DurableMemoryFileSystem;  // NOLINT: immortal on purpose
+  auto& files = immortal<DurableMemoryFileSystem>();
   GMUserFileSystem::setUnmountPatience(0.05, 0.05);
-  sFiles->addFile("/a", "content");
-  sFiles->hold("read", "/a");
-  mountDelegate(sFiles);
+  files.addFile("/a", "content");
+  files.hold("read", "/a");
+  mountDelegate(&files);
   std::thread reader([&] { contentOfFile(at("/a")); });
-  sFiles->waitUntilHeld(1);
+  files.waitUntilHeld(1);
   unmount();
-  EXPECT_EQ(sFiles->countOf("giveUp"), 1u);
-  EXPECT_EQ(sFiles->countOf("release /a"), 1u);
+  EXPECT_EQ(files.countOf("giveUp"), 1u);
+  EXPECT_EQ(files.countOf("release /a"), 1u);
   // The kernel has failed the read, although the delegate still holds it.
   reader.join();
   EXPECT_FALSE(std::filesystem::exists(mountPath()));
   // What comes back late finds no delegate any more.
-  sFiles->forgetCalls();
-  sFiles->letGo("read", "/a");
+  files.forgetCalls();
+  files.letGo("read", "/a");
   iFileSystem.reset();
-  EXPECT_TRUE(sFiles->calls().empty());
+  EXPECT_TRUE(files.calls().empty());
 }
 
 TEST_F(MountTest, UnmountGivesNothingUpWhileBytesMove) {
@@ -282,9 +290,7 @@ TEST_F(MountTest, UnmountDoesNotWaitForAProgramThatGoesOn) {
    private:
     uint64_t iMoved = 0;
   };
-  // Its late request is still in the delegate when the test ends.
-  static auto* sFiles = new Moving;  // NOLINT: immortal on purpose
-  Moving& files = *sFiles;
+  auto& files = immortal<Moving>();
   GMUserFileSystem::setUnmountPatience(0.05, 60);
   for (const char* path : {"/a", "/b"}) {
     files.addFile(path, "content");
