@@ -17,6 +17,7 @@
 #include "frontend/LoginSecrets.h"
 #include "frontend/MountTable.h"
 #include "frontend/SavedSecrets.h"
+#include "frontend/StatusText.h"
 #include "frontend/UniqueFd.h"
 #include "frontend/Volumes.h"
 #include "platform/foundation/KCStringAdditions.h"
@@ -198,7 +199,7 @@ Finding checkCacheFolder(const CheckupPlaces& places) {
   }
   const uint64_t free = static_cast<uint64_t>(space.f_bavail) * space.f_frsize;
   const std::string text =
-      fmt::format("{} has {} MB left for local copies.", inQuotes(places.cacheFolder), free / kMegabyte);
+      fmt::format("{} has {} left for local copies.", inQuotes(places.cacheFolder), bytesText(free));
   if (free >= kLittleSpace) return {kSubject, State::kGood, text, ""};
   return {kSubject, free < kTooLittleSpace ? State::kWrong : State::kNote, text,
           "Make room on that disk, or set OMBRAFS_TMPDIR to a folder on a larger one."};

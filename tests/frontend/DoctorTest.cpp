@@ -112,7 +112,7 @@ TEST_F(DoctorTest, EmptyFoldersOfFormerVolumesAreTold) {
 }
 
 TEST_F(DoctorTest, TheFolderOfTheCacheMustBeUsable) {
-  EXPECT_THAT(checkCacheFolder(iPlaces).text, HasSubstr("MB left"));
+  EXPECT_THAT(checkCacheFolder(iPlaces).text, HasSubstr("B left"));
   iPlaces.cacheFolder = "";
   EXPECT_THAT(checkCacheFolder(iPlaces), isFound(State::kWrong, "OMBRAFS_TMPDIR"));
 }
