@@ -290,7 +290,7 @@ class CommandLine {
         "Settings, each true or false:\n"
         "  TracingEnabled       log each operation with its arguments\n"
         "  DebugLogging         log errors and the mount's own messages\n"
-        "  UseVerboseLogging    a fuller transcript\n"
+        "  UseVerboseLogging    tell in the transcript of logins and connections too\n"
         "  MountAtRemoteRoot    show the whole server and open the folder of the URL in it\n\n"
         "Examples:\n  ombra defaults get\n  ombra defaults set DebugLogging true\n  ombra defaults set "
         "DebugLogging");

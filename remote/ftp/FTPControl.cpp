@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "remote/VerboseTranscript.h"
 #include "remote/ftp/FTPErrors.h"
 #include "remote/net/TCPConnector.h"
 
@@ -91,6 +92,10 @@ bool FTPControl::startTLS(FTPEncryption& encryption, NSErrorRef* error) {
     return report(error);
   }
   encryption.noteControl(iStream->tls());
+  if (isTranscriptVerbose(iEnvironment)) {
+    appendRemark(*iEnvironment.transcript, std::string("encrypted with ") + SSL_get_version(iStream->tls()) +
+                                               ", " + SSL_get_cipher_name(iStream->tls()));
+  }
   return true;
 }
 

@@ -11,6 +11,7 @@
 #include <mutex>
 
 #include "remote/QuarnKitError.h"
+#include "remote/VerboseTranscript.h"
 #include "remote/http/HTTPAuthenticator.h"
 #include "remote/http/HTTPErrors.h"
 #include "remote/http/HTTPExchange.h"
@@ -165,7 +166,7 @@ std::optional<HTTPResponse> HTTPClient::State::exchange(const HTTPRequest& reque
   pieces.clear();
   setOptions(url);
   HTTPExchange run(request, {easy.get(), multi.get(), interrupted, *environment.transcript,
-                             environment.idleLimit, pieces});
+                             isTranscriptVerbose(environment), environment.idleLimit, pieces});
   run.prepare(authenticator ? authenticator->authorization(request.method, url.path + url.query) : "");
   if (run.run()) {
     hasAnswered = true;

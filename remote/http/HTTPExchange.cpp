@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "remote/QuarnKitError.h"
+#include "remote/VerboseTranscript.h"
 #include "remote/http/HTTPText.h"
 #include "remote/http/HTTPTranscript.h"
 
@@ -293,8 +294,10 @@ int HTTPExchange::seekBody(void* self, curl_off_t offset, int origin) {
 }
 
 int HTTPExchange::trace(CURL*, curl_infotype kind, char* bytes, size_t length, void* self) {
-  if (kind != CURLINFO_HEADER_OUT && kind != CURLINFO_HEADER_IN) return 0;
   auto* exchange = static_cast<HTTPExchange*>(self);
+  if (kind == CURLINFO_TEXT && exchange->iSurroundings.isVerbose)
+    appendRemark(exchange->iSurroundings.transcript, std::string_view(bytes, length));
+  if (kind != CURLINFO_HEADER_OUT && kind != CURLINFO_HEADER_IN) return 0;
   std::string_view head(bytes, length);
   const bool isOutgoing = kind == CURLINFO_HEADER_OUT;
   // A small body leaves with its head, and is no part of what is shown.

@@ -37,6 +37,7 @@ class HTTPExchange {
     CURLM* multi;
     const std::atomic<bool>& interrupted;
     SessionTranscript& transcript;
+    bool isVerbose;  // the transcript tells of connections, certificates and the like too
     std::chrono::milliseconds idleLimit;
     std::vector<std::byte>& pieces;  // the buffer between libcurl and the taker, kept from request to request
   };

@@ -12,6 +12,7 @@
 #include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SSHAuthentication.h"
 #include "remote/sftp/SSHClient.h"
+#include "remote/sftp/SSHLog.h"
 
 namespace ombra {
 
@@ -107,7 +108,10 @@ bool SSHTransport::Connection::open(NSErrorRef* error) {
   const KCCredentials& credentials = *iEnvironment.credentials;
   const SSHServerAddress server{credentials.address(), credentials.port(),
                                 credentials.username().value_or("")};
-  if (!iClient.configure(server, error) || !iClient.connect(deadline, error)) return false;
+  if (!iClient.configure(server, error)) return false;
+  // The user's files may have a level of their own.
+  const SSHLog log(iEnvironment);
+  if (!iClient.connect(deadline, error)) return false;
   if (!checkTrust(error)) return false;
   if (!authenticateSSH(iClient, credentials, deadline, error)) return false;
   return openChannel(deadline, error);

@@ -179,6 +179,16 @@ TEST_P(FTPServers, ThePasswordIsInNoTranscript) {
   EXPECT_THAT(transcript->text(), Not(HasSubstr(server->password())));
 }
 
+TEST_P(FTPServers, AVerboseTranscriptTellsHowItIsEncrypted) {
+  if (environment.credentials->protocol() == kProtocolFTP) return;
+  EXPECT_THAT(transcript->text(), Not(HasSubstr("encrypted with")));
+  const auto verbose = server->credentials();
+  verbose->setUseVerboseLogging(true);
+  environment.credentials = verbose;
+  EXPECT_TRUE(engine->makeSession(environment)->logIn(&error)) << error->description();
+  EXPECT_THAT(transcript->text(), HasSubstr("* encrypted with TLSv1."));
+}
+
 TEST_P(FTPServers, ACertificateThatWasNotAcceptedEndsTheLogin) {
   if (environment.credentials->protocol() == kProtocolFTP) return;
   const auto other = server->credentials();

@@ -242,15 +242,19 @@ TEST_F(HTTPLoginTest, AServerThatOnceOfferedDigestIsNeverSentThePasswordUnasked)
 }
 
 TEST_F(HTTPLoginTest, TheTranscriptNeverHoldsThePasswordInAnyForm) {
-  serveBasic();
-  EXPECT_EQ(statusOf(request("GET", "/1")), 200);
-  renewClient();
-  serveDigest(100);
-  EXPECT_EQ(statusOf(request("GET", "/2")), 200);
-  const std::string text = transcript->text();
-  EXPECT_THAT(text, HasSubstr("> Authorization: ***\n"));
-  for (const char* secret : {kPassword, "dXNlcjp0aGUtcGFzc3dvcmQ", "response="})
-    EXPECT_THAT(text, Not(HasSubstr(secret)));
+  for (const bool isVerbose : {false, true}) {
+    credentials->setUseVerboseLogging(isVerbose);
+    renewClient();
+    serveBasic();
+    EXPECT_EQ(statusOf(request("GET", "/1")), 200);
+    renewClient();
+    serveDigest(100);
+    EXPECT_EQ(statusOf(request("GET", "/2")), 200);
+    const std::string text = transcript->text();
+    EXPECT_THAT(text, HasSubstr("> Authorization: ***\n"));
+    for (const char* secret : {kPassword, "dXNlcjp0aGUtcGFzc3dvcmQ", "response="})
+      EXPECT_THAT(text, Not(HasSubstr(secret)));
+  }
 }
 
 }  // namespace

@@ -157,6 +157,17 @@ TEST_F(HTTPClientTest, TheTranscriptShowsHeadsWithoutBodiesAndSecrets) {
   EXPECT_THAT(text, HasSubstr("< HTTP/1.1 200 Whatever\n"));
   EXPECT_THAT(text, HasSubstr("< X-Shown: shown\n"));
   EXPECT_THAT(text, Not(HasSubstr("secret")));
+  EXPECT_THAT(text, Not(HasSubstr("* "))) << "remarks are for those who ask for them";
+}
+
+TEST_F(HTTPClientTest, AVerboseTranscriptTellsOfTheConnectionToo) {
+  serve([](const HTTPSeen&) { return httpReply(200, "content"); });
+  credentials->setUseVerboseLogging(true);
+  EXPECT_EQ(statusOf(request("GET", "/path")), 200);
+  const std::string text = transcript->text();
+  EXPECT_THAT(text, HasSubstr("> GET /path HTTP/1.1\n"));
+  EXPECT_THAT(text, HasSubstr("< * Connected to 127.0.0.1"));
+  EXPECT_THAT(text, Not(HasSubstr("content\n")));
 }
 
 }  // namespace

@@ -57,6 +57,33 @@ TEST_F(SshLogin, WithAPasswordTakesTheRightOneOnly) {
   }
 }
 
+TEST_F(SshLogin, IsToldInAVerboseTranscriptWithoutItsSecrets) {
+  start({"PasswordAuthentication yes"});
+  TemporaryUser user;
+  ASSERT_EQ("", user.problem());
+  auto credentials = bareCredentials();
+  credentials->setUsername(user.name());
+  credentials->setPassword(user.password());
+  transcript->enabled = true;
+  const auto remarks = [&] {
+    std::string text;
+    for (const auto& [line, isOutgoing] : transcript->lines) {
+      if (line.starts_with("* ")) text += line;
+    }
+    return text;
+  };
+  EXPECT_EQ(0, logIn(credentials)) << error->description();
+  EXPECT_EQ("", remarks()) << "nobody has asked for it";
+  credentials->setUseVerboseLogging(true);
+  EXPECT_EQ(0, logIn(credentials)) << error->description();
+  EXPECT_NE(std::string::npos, remarks().find("OpenSSH")) << remarks();
+  EXPECT_EQ(std::string::npos, remarks().find(user.password())) << remarks();
+  credentials->setUseVerboseLogging(false);
+  transcript->lines.clear();
+  EXPECT_EQ(0, logIn(credentials)) << error->description();
+  EXPECT_EQ("", remarks()) << "the next one is as before";
+}
+
 TEST_F(SshLogin, AnswersTheServersQuestionsWithThePassword) {
   start({"UsePAM yes", "KbdInteractiveAuthentication yes"});
   TemporaryUser user;
