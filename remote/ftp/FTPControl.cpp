@@ -230,6 +230,8 @@ std::optional<FTPReply> FTPControl::tryNext() {
       if (iEnd) fail(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, *iEnd));
       return std::nullopt;
     }
+    // Nothing behind it that would have to be looked at before the next wait.
+    if (iParser.isEmpty()) iHasUnread = false;
     tell(*reply);
     if (reply->code == 421 && !iIsLoggingIn) {
       fail(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, reply->description()));

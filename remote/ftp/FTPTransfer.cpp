@@ -122,7 +122,15 @@ bool FTPTransfer::takeReplies(NSErrorRef* error) {
   return false;
 }
 
+bool FTPTransfer::waitForData(NSErrorRef* error) {
+  do {
+    if (!wait(iStream->events(), error)) return false;
+  } while (!iIsReady);
+  return true;
+}
+
 bool FTPTransfer::wait(short events, NSErrorRef* error) {
+  iIsReady = false;
   if (isCancelled(error)) return false;
   if (iSurroundings.wakeUp.isRaised()) {
     return failControl(kQuarnKitConnectionLost, "the session was given up", error);
@@ -143,7 +151,8 @@ bool FTPTransfer::wait(short events, NSErrorRef* error) {
   const bool isUnread = isWaitingForReply && iSurroundings.control.hasUnread();
   const int ready = poll(fds, 3, isUnread ? 0 : static_cast<int>(left.count()));
   // Data first: what came before a bad end is worth having.
-  if (ready > 0 && fds[0].revents != 0) return true;
+  iIsReady = ready > 0 && fds[0].revents != 0;
+  if (iIsReady) return true;
   if (fds[2].revents != 0) (void)iSurroundings.control.pump();
   return !isWaitingForReply || takeReplies(error);
 }
@@ -174,7 +183,7 @@ bool FTPTransfer::connect(NSErrorRef* error) {
 }
 
 bool FTPTransfer::goOn(Outcome outcome, NSErrorRef* error) {
-  if (outcome == Outcome::kWait) return wait(iStream->events(), error);
+  if (outcome == Outcome::kWait) return waitForData(error);
   if (outcome != Outcome::kDone) return explainBreak(iStream->problem(), error);
   touch();
   return true;
@@ -236,7 +245,7 @@ bool FTPTransfer::receive(void* buffer, size_t capacity, size_t* count, NSErrorR
           touch();
           return true;
         }
-        if (!wait(iStream->events(), error)) return false;
+        if (!waitForData(error)) return false;
         break;
       case Outcome::kFailed:
         // What arrived is told first; the next call meets the failure again.

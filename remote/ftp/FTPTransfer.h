@@ -79,8 +79,10 @@ class FTPTransfer {
   // Comes to kOpen.
   bool establish(NSErrorRef* error);
   bool checkConnect(NSErrorRef* error);
-  // Waits for the data connection, `events` of it, or for a reply that ends the transfer.
+  // Waits for the data connection, `events` of it, or for a reply.
   bool wait(short events, NSErrorRef* error);
+  // The same until it is the data connection, if no reply ends the transfer.
+  bool waitForData(NSErrorRef* error);
   // After a step of the data connection: waits where it asks for that. False when it broke.
   bool goOn(Outcome outcome, NSErrorRef* error);
   bool takeReplies(NSErrorRef* error);
@@ -98,6 +100,7 @@ class FTPTransfer {
   std::unique_ptr<FTPStream> iStream;
   State iState = State::kConnecting;
   bool iHasStarted = false;
+  bool iIsReady = false;  // the last wait was ended by the data connection
   bool iEndWasSeen = false;
   std::optional<FTPReply> iFinal;
   std::chrono::steady_clock::time_point iBegin = std::chrono::steady_clock::now();
