@@ -49,6 +49,11 @@ class FTPServer {
   // Whether SITE CHMOD works.
   Answer changesModes() const { return iChangesModes; }
   void setChangesModes(Answer answer) { iChangesModes = answer; }
+  // Whether that command is switched off altogether. A server says so in words that it has for single items
+  // too: it is taken for true when it says nothing else.
+  bool refusesAllModes() const { return iModeRefusals >= kRefusalsThatTell; }
+  void noteModeRefusal() { ++iModeRefusals; }
+  void noteModeChange() { iModeRefusals = kNeverAgain; }
   // Whether a rename replaces what has that name.
   Answer renamesOver() const { return iRenamesOver; }
   void setRenamesOver(Answer answer) { iRenamesOver = answer; }
@@ -67,6 +72,8 @@ class FTPServer {
   std::vector<std::string> takeLeftovers() EXCLUDES(iLock);
 
  private:
+  static constexpr int kRefusalsThatTell = 3;
+  static constexpr int kNeverAgain = -1'000'000'000;
   std::atomic<Passive> iPassive = Passive::kUnknown;
   std::atomic<bool> iMayPipeline = true;
   std::atomic<bool> iKeepsPorts = true;
@@ -75,6 +82,7 @@ class FTPServer {
   std::atomic<Answer> iListsAll = Answer::kUnknown;
   std::atomic<Answer> iStats = Answer::kUnknown;
   std::atomic<Answer> iChangesModes = Answer::kUnknown;
+  std::atomic<int> iModeRefusals = 0;
   std::atomic<Answer> iRenamesOver = Answer::kUnknown;
   std::atomic<Answer> iUsesTemporaries = Answer::kUnknown;
   std::atomic<int> iModeOfNewFiles = -1;  // unknown

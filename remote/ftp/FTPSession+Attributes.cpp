@@ -34,6 +34,13 @@ std::optional<std::string> FTPSession::realPath(std::string_view path, std::stri
                                                 bool* isDirectory, NSErrorRef* error) {
   const std::string whole = path.starts_with('~') ? std::string(path) : absoluteRemotePath(path, base);
   if (!isUsablePath(whole, error)) return std::nullopt;
+  // The login has just landed there.
+  constexpr std::chrono::seconds kMoment{5};
+  const bool isFresh = std::chrono::steady_clock::now() - iLoginDate < kMoment;
+  if (iLoginPathIsTold && isFresh && normalRemotePath(whole) == iLoginPath) {
+    *isDirectory = true;
+    return iLoginPath;
+  }
   std::vector<FTPReply> replies;
   if (!askAll({"CWD " + whole, "PWD"}, &replies, error)) return std::nullopt;
   if (replies[0].isPositive()) {

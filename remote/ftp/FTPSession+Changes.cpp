@@ -65,10 +65,16 @@ bool FTPSession::remove(std::string_view path, bool isDirectory, NSErrorRef* err
 }
 
 bool FTPSession::changeMode(uint16_t mode, std::string_view path, NSErrorRef* error) {
+  if (iServer->refusesAllModes()) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitAttributeChangeNotSupported, path));
+    return false;
+  }
   const auto reply = iControl.ask(fmt::format("SITE CHMOD {:o} {}", mode, path), error);
   if (!reply) return false;
+  if (reply->isPositive()) iServer->noteModeChange();
   // A server that has the command switched off says so of no item in particular.
   if (reply->isRefusal() && reply->text() == "Permission denied.") {
+    iServer->noteModeRefusal();
     storeError(error, ftpError(kQuarnKitAttributeChangeNotSupported, path, *reply));
     return false;
   }

@@ -50,14 +50,23 @@ std::optional<FTPSession::Begun> FTPSession::begin(const Request& request, NSErr
 
 std::optional<FTPSession::Begun> FTPSession::beginInSteps(const Request& request, Begun begun,
                                                           NSErrorRef* error) {
-  if (!request.before.empty() && !askAll(request.before, &begun.before, error)) return std::nullopt;
+  // Only the command itself must not come ahead.
+  const bool isTogether = iServer->mayPipeline();
+  if (isTogether) {
+    for (const std::string& command : request.before) iControl.queue(command);
+    iControl.queue(passiveCommand());
+    if (!iControl.flush(error)) return std::nullopt;
+    if (!readReplies(request.before.size(), patienceFor(request), &begun.before, error)) return std::nullopt;
+  } else if (!askAll(request.before, &begun.before, error)) {
+    return std::nullopt;
+  }
   for (const FTPReply& reply : begun.before) {
     if (!request.needsBefore || reply.isPositive()) continue;
-    // Not even asked for then.
+    iControl.abandon();
     begun.transfer.reset();
     return begun;
   }
-  iControl.queue(passiveCommand());
+  if (!isTogether) iControl.queue(passiveCommand());
   if (!iControl.flush(error) || !openPort(request, false, *begun.transfer, error)) return std::nullopt;
   if (request.restart > 0) iControl.queue("REST " + std::to_string(request.restart));
   iControl.queue(request.command);
@@ -87,10 +96,16 @@ std::optional<FTPSession::Begun> FTPSession::beginAhead(const Request& request, 
 
 bool FTPSession::usePortAhead(FTPTransfer& transfer) {
   if (!iControl.isAskedAhead()) return false;
-  (void)iControl.pump();
-  // Nothing but abandoned replies can come before it, nor behind it.
+  // Nothing but abandoned replies can come before it, nor behind it. Mostly it came with the end of the last
+  // transfer.
   (void)iControl.tryNext();
-  if (const auto reply = iControl.takeAhead()) {
+  auto reply = iControl.takeAhead();
+  if (!reply) {
+    (void)iControl.pump();
+    (void)iControl.tryNext();
+    reply = iControl.takeAhead();
+  }
+  if (reply) {
     if (std::chrono::steady_clock::now() - iPortDate > kPortKeeps) return false;
     const bool isExtended = iServer->passive() == FTPServer::Passive::kExtended;
     const auto port = isExtended ? portOfExtendedPassive(reply->text()) : portOfPassive(reply->text());

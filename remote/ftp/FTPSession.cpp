@@ -54,6 +54,7 @@ bool FTPSession::logIn(NSErrorRef* error) {
   if (credentials.protocol() == kProtocolFTPExplicitTLS && !agreeOnTLS(error)) return false;
   if (!authenticate(error) || !settle(error)) return false;
   iControl.endLogin();
+  iLoginDate = std::chrono::steady_clock::now();
   clearLeftovers();
   return true;
 }
@@ -141,7 +142,9 @@ bool FTPSession::settle(NSErrorRef* error) {
     return refuseLogin(type, kQuarnKitProtocolError, error);
   }
   if (replies[at].isPositive()) {
-    iLoginPath = normalRemotePath(quotedFTPPath(replies[at].text()).value_or("/"));
+    const auto landed = quotedFTPPath(replies[at].text());
+    iLoginPath = normalRemotePath(landed.value_or("/"));
+    iLoginPathIsTold = landed.has_value();
   }
   if (!isFirst) return true;
   askForUTF8();

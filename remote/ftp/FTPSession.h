@@ -188,6 +188,8 @@ class FTPSession final : public Session {
   std::unique_ptr<FTPEncryption> iEncryption;
   FTPControl iControl;
   std::string iLoginPath = "/";
+  bool iLoginPathIsTold = false;
+  std::chrono::steady_clock::time_point iLoginDate;
   bool iIsInWalk = false;                           // transfers follow each other closely
   bool iPortIsDue = false;                          // the next one may be asked for
   std::chrono::steady_clock::time_point iPortDate;  // not later than the server made it

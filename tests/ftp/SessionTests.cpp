@@ -301,6 +301,29 @@ TEST_F(FTPSessions, AttributesThatTheProtocolCannotChange) {
   }
 }
 
+TEST_F(FTPSessions, ModesAreAskedForNoMoreWhenTheServerNeverSaidAnythingElse) {
+  logIn();
+  server.answer("SITE CHMOD", {"550 Permission denied.\r\n"});
+  NSFileAttributes mode;
+  mode.posixPermissions = 0600;
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_FALSE(session->changeAttributes(mode, "/learnt", &error));
+    EXPECT_TRUE(failedWith(kQuarnKitAttributeChangeNotSupported));
+  }
+  EXPECT_EQ(sent("SITE").size(), 3u);
+}
+
+TEST_F(FTPSessions, ModesAreAskedForAgainWhenTheServerHasChangedOne) {
+  logIn();
+  server.answer("SITE CHMOD /other", {"200 fine\r\n"});
+  NSFileAttributes mode;
+  mode.posixPermissions = 0600;
+  EXPECT_TRUE(session->changeAttributes(mode, "/other", &error));
+  server.answer("SITE CHMOD", {"550 Permission denied.\r\n"});
+  for (int i = 0; i < 5; ++i) EXPECT_FALSE(session->changeAttributes(mode, "/learnt", &error));
+  EXPECT_EQ(sent("SITE").size(), 6u);
+}
+
 TEST_F(FTPSessions, LinksAndVolumesAreUnknownToTheProtocol) {
   logIn();
   EXPECT_FALSE(session->createSymbolicLink("/link", "target", &error));
@@ -383,6 +406,28 @@ TEST_F(FTPSessions, RoundTripsAreFew) {
   EXPECT_EQ(server.takeRoundTrips(), 2) << "moving";
   EXPECT_TRUE(session->remove("/moved", false, &error));
   EXPECT_EQ(server.takeRoundTrips(), 1) << "removing";
+}
+
+// From the login to the first listing of the folder that it landed in.
+TEST_F(FTPSessions, MountingTheStartFolderCostsFewRoundTrips) {
+  server.send("LIST -a", "-rw-r--r-- 1 a b 1 Jan  1  2020 x\r\n");
+  session = newSession();
+  ASSERT_NE(session, nullptr);
+  bool isDirectory = false;
+  EXPECT_EQ(session->realPath(session->loginPath(), "/", &isDirectory, &error), "/home");
+  EXPECT_TRUE(isDirectory);
+  EXPECT_THAT(list("/home"), ElementsAre("x"));
+  EXPECT_EQ(server.takeRoundTrips(), 5) << "name, password, what it can do; a port, the listing";
+  EXPECT_THAT(server.commands(), ElementsAre("FEAT", "TYPE I", "PWD", "CWD /home", "EPSV", "LIST -a"));
+}
+
+TEST_F(FTPSessions, AStartFolderThatWasNotToldIsLookedAt) {
+  server.answer("PWD", {"502 what?\r\n"});
+  session = newSession();
+  ASSERT_NE(session, nullptr);
+  server.answer("CWD /", {"550 no\r\n"});
+  bool isDirectory = false;
+  EXPECT_FALSE(session->realPath(session->loginPath(), "/", &isDirectory, &error).has_value());
 }
 
 TEST_F(FTPSessions, ALaterSessionAsksForWhatIsKnownNoMore) {
