@@ -6,10 +6,13 @@
 #include <algorithm>
 #include <map>
 #include <memory>
-#include <thread>
+#include <system_error>
+#include <utility>
 
 #include "platform/foundation/NSError.h"
 #include "platform/foundation/NSLog.h"
+#include "platform/foundation/NeverDestroyed.h"
+#include "platform/foundation/ThreadPark.h"
 #include "platform/foundation/Unicode.h"
 
 namespace ombra {
@@ -69,11 +72,36 @@ std::string shortName(std::string_view name) {
   return std::string(name.substr(0, length));
 }
 
+// What the thread's next body must not find: its name, also the one that the system shows, and its
+// dictionary.
+void becomeNew() {
+  if (tData == nullptr) return;
+  const bool hasName = !tData->name.empty();
+  pthread_setspecific(threadDataKey(), nullptr);
+  freeThreadData(tData);
+  if (hasName) pthread_setname_np(pthread_self(), "parked");
+}
+
+void carryOut(std::function<void()> body) {
+  runBody(body);
+  // What it captured goes while the thread still has the body's name.
+  body = nullptr;
+  becomeNew();
+}
+
+// As many as work at once while small files follow one another: their transfers and what closes them.
+constexpr size_t kParkedThreads = 4;
+
+ThreadPark& park() {
+  static NeverDestroyed<ThreadPark> sPark(kParkedThreads, &carryOut);
+  return *sPark;
+}
+
 }  // namespace
 
 bool NSThread::detachNewThread(std::function<void()> body) {
   try {
-    std::thread([body = std::move(body)] { runBody(body); }).detach();
+    park().run(std::move(body));
     return true;
   } catch (const std::system_error& error) {
     NSLog("cannot start a thread: {}", error.what());
