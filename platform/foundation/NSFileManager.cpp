@@ -43,12 +43,16 @@ std::string groupName(gid_t number) {
   return found != nullptr ? std::string(found->gr_name) : fmt::format("{}", number);
 }
 
+bool isFolder(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
 // Makes one folder; one that is there already will do.
 bool makeFolder(const std::string& path, unsigned mode, NSErrorRef* error) {
   if (::mkdir(path.c_str(), mode) == 0) return true;
   const int reason = errno;
-  struct stat status {};
-  if (reason == EEXIST && ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return true;
+  if (reason == EEXIST && isFolder(path)) return true;
   storeErrno(error, reason, path);
   return false;
 }
@@ -81,6 +85,7 @@ std::optional<std::vector<std::string>> NSFileManager::contentsOfDirectoryAtPath
 bool NSFileManager::createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories,
                                           unsigned mode, NSErrorRef* error) {
   if (!withIntermediateDirectories) return makeFolder(path, mode, error);
+  if (isFolder(path)) return true;
   std::string made;
   for (const std::string& component : pathComponents(path)) {
     made = stringByAppendingPathComponent(made, component);
