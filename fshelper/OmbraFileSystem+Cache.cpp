@@ -1,7 +1,4 @@
 // Cache files: how much of them is kept, and what becomes of them at the end.
-#include <sys/resource.h>
-#include <sys/statvfs.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -16,65 +13,40 @@
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
 #include "platform/foundation/NSLog.h"
-#include "platform/foundation/NeverDestroyed.h"
 #include "remote/RetryPauses.h"
 
 namespace ombra {
 
 namespace {
 
-constexpr uint64_t kDefaultBudget = uint64_t{10} << 30;  // bytes
-constexpr size_t kDefaultFiles = 8192;                   // each costs an open descriptor
 constexpr size_t kDrainThreads = 4;
 constexpr size_t kNamesForACopy = 1000;  // tried at most
 constexpr double kSecondsOnTrial = 20;   // a login that answers at all
 constexpr unsigned kRecoveredFolderMode = 0700;
 
-// The default, or half of what the temporary folder's disk could hold for us if that is less.
-uint64_t defaultBudget(uint64_t held) {
-  static NeverDestroyed<std::string> sFolder(NSFileManager::kc_confstr(kDarwinUserTempDir));
-  struct statvfs disk {};
-  if (sFolder->empty() || statvfs(sFolder->c_str(), &disk) != 0) return kDefaultBudget;
-  const uint64_t free = static_cast<uint64_t>(disk.f_bavail) * disk.f_frsize;
-  return std::min(kDefaultBudget, (free + held) / 2);
-}
-
-// A quarter of the descriptors: the rest is for sessions, and for files in use.
-size_t defaultFiles() {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kDefaultFiles;
-  return std::min<size_t>(kDefaultFiles, limit.rlim_cur / 4);
-}
-
 }  // namespace
 
 void OmbraFileSystem::setCacheBudget(std::optional<uint64_t> bytes, std::optional<size_t> files) {
-  MutexLock lock(iPropertyLock);
-  iBudgetBytes = bytes;
-  iBudgetFiles = files;
+  iBudget.set(bytes, files);
 }
 
-OmbraFileSystem::CacheBudget OmbraFileSystem::cacheBudget() const {
-  MutexLock lock(iPropertyLock);
-  return {iBudgetBytes ? *iBudgetBytes : defaultBudget(iFiles.bytes()),
-          iBudgetFiles ? *iBudgetFiles : defaultFiles()};
-}
+OFSCacheBudget::Limits OmbraFileSystem::cacheBudget() const { return iBudget.limits(iFiles.bytes()); }
 
-bool OmbraFileSystem::isWithin(const CacheBudget& budget) const {
+bool OmbraFileSystem::isWithin(const OFSCacheBudget::Limits& budget) const {
   return iFiles.bytes() <= budget.bytes && iFiles.count() <= budget.files;
 }
 
 void OmbraFileSystem::trimCache() {
   OFS_TRACE("-[OmbraFileSystem trimCache]", "");
   iFiles.lookAgain();
-  const CacheBudget budget = cacheBudget();
+  const OFSCacheBudget::Limits budget = cacheBudget();
   if (isWithin(budget)) return;
   // Somewhat further down than needed, so that not every release has to look at all files.
-  const CacheBudget target{budget.bytes - budget.bytes / 8, budget.files - budget.files / 8};
-  for (const OFSNodeFileTable::Entry& entry : iFiles.entries()) {
+  const OFSCacheBudget::Limits target{budget.bytes - budget.bytes / 8, budget.files - budget.files / 8};
+  for (auto entry = iFiles.firstUnusedAfter(0); entry; entry = iFiles.firstUnusedAfter(entry->lastUse)) {
     // Asked without a lock; a use in between shows in the entry's last use.
-    if (entry.uses != 0 || !entry.file->isCovered()) continue;
-    dropFromNode(entry);
+    if (!entry->file->isCovered()) continue;
+    dropFromNode(*entry);
     if (isWithin(target)) return;
   }
 }

@@ -17,6 +17,7 @@
 #include "fshelper/OFSNodeFileTable.h"
 #include "fshelper/OFSRemoteFile.h"
 #include "fshelper/OFSTransferReport.h"
+#include "fshelper/OmbraFileSystem+CacheBudget.h"
 #include "platform/foundation/Mutex.h"
 #include "platform/userfs/GMUserFileSystemDelegate.h"
 #include "remote/AbstractConnection.h"
@@ -283,12 +284,8 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   OFSNodeFilePin hangOnNode(const std::shared_ptr<OFSRemoteFile>& file,
                             const std::shared_ptr<KCRemoteFileNode>& node);
   void letWritesGo(const std::string& remotePath) EXCLUDES(iPropertyLock);
-  struct CacheBudget {
-    uint64_t bytes;
-    size_t files;
-  };
-  CacheBudget cacheBudget() const EXCLUDES(iPropertyLock);
-  bool isWithin(const CacheBudget& budget) const;
+  OFSCacheBudget::Limits cacheBudget() const;
+  bool isWithin(const OFSCacheBudget::Limits& budget) const;
   bool dropFromNode(const OFSNodeFileTable::Entry& entry);
   std::string recoveredFolderForPath(std::string_view path) const;
   std::string saveAside(OFSRemoteFile& file, std::string_view path) const;
@@ -311,6 +308,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::atomic<std::FILE*> iTranscriptLog{nullptr};
   std::atomic<GMUserFileSystemInvalidation*> iInvalidation{nullptr};
   OFSNodeFileTable iFiles;
+  OFSCacheBudget iBudget;
   const std::shared_ptr<OFSTransferTotals> iTotals = std::make_shared<OFSTransferTotals>();
   OFSNodeChanges iChanges;
 
@@ -326,8 +324,6 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::multimap<std::string, std::vector<std::shared_ptr<OFSRemoteFile>>> iMoves GUARDED_BY(iPropertyLock);
   std::shared_ptr<KCRemoteFolderNode> iRootNode GUARDED_BY(iPropertyLock);
   std::vector<std::FILE*> iTranscriptLogs GUARDED_BY(iPropertyLock);
-  std::optional<uint64_t> iBudgetBytes GUARDED_BY(iPropertyLock);
-  std::optional<size_t> iBudgetFiles GUARDED_BY(iPropertyLock);
 
   // Held while the tree is repaired: a repair holds two folders at once, and two repairs in opposite
   // directions would otherwise wait for each other.
