@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <utility>
 
 #include "fshelper/OFSRemoteFile.h"
 #include "fshelper/OFSRemoteFileLocalCalls.h"
@@ -50,11 +51,12 @@ void OFSRemoteFile::downloadOnThread(const std::shared_ptr<OFSRemoteFile>& file,
   handle->synchronizeFile();
   file->iTransfer.end(file->remotePath(), succeeded ? nullptr : error);
 
-  const ConditionLock lock(file->iCondition);
+  WakingLock lock(file->iCondition);
   OFS_TRACE_MESSAGE("finished {}, bytesAvailable={}", NSThread::name(), file->iBytesAvailable);
   if (!succeeded) OFS_TRACE_MESSAGE("error={}", ofs_describeError(error));
   file->locked_finishDownload(succeeded, transferred);
-  file->locked_endWorker(epoch);
+  file->locked_forgetWorker(epoch);
+  lock.wakeAll();
 }
 
 void OFSRemoteFile::locked_finishDownload(bool succeeded, uint64_t transferredBytes) {
@@ -63,14 +65,14 @@ void OFSRemoteFile::locked_finishDownload(bool succeeded, uint64_t transferredBy
   locked_setState(kOFSSettled);
   iBytesAvailable = transferredBytes;
   iBytesRequired = 0;
-  iCondition.broadcast();
 }
 
 void OFSRemoteFile::connection(AbstractConnection& connection, uint64_t transferredBytes,
                                double /*throughput*/, bool stalled) {
   if (!stalled) ++iMovements;
   iTransfer.moved(transferredBytes);
-  const ConditionLock lock(iCondition);
+  // The worker, whose thread this is, keeps the file until after the broadcast.
+  WakingLock lock(iCondition);
   if (locked_isGivenUp(connection)) {
     connection.setShouldCancel(true);
     return;
@@ -80,10 +82,10 @@ void OFSRemoteFile::connection(AbstractConnection& connection, uint64_t transfer
     connection.setShouldCancel(true);
   }
   if (iState != kOFSUploading) {
-    locked_measureCacheFile();
+    if (locked_measureCacheFile()) lock.wakeAll();
   } else {
     iBytesAvailable = transferredBytes;
-    iCondition.broadcast();
+    lock.wakeAll();
   }
 }
 
@@ -93,21 +95,16 @@ bool OFSRemoteFile::connectionIsAwaited(AbstractConnection& /*connection*/) {
   return iState == kOFSNew || iWaiters > iClosers;
 }
 
-void OFSRemoteFile::locked_measureCacheFile() {
+bool OFSRemoteFile::locked_measureCacheFile() {
   // fstat instead of seeking to the end and back: the position is nobody's, but need not move.
   const uint64_t length = iFileHandle != nullptr ? iFileHandle->fileLength() : 0;
-  const bool moved = length != iBytesAvailable;
-  iBytesAvailable = length;
-  if (iState == kOFSNew) {
-    locked_setState(kOFSDownloading);
-    iCondition.broadcast();
-  }
-  if (iBytesRequired != 0 && iBytesRequired <= iBytesAvailable) {
-    iBytesRequired = 0;
-    iCondition.broadcast();
-  }
+  const bool isFirst = iState == kOFSNew;
+  if (isFirst) locked_setState(kOFSDownloading);
+  const bool isEnough = iBytesRequired != 0 && iBytesRequired <= length;
+  if (isEnough) iBytesRequired = 0;
   // Also short of what is required: several readers share that field, and each waits for a range of its own.
-  if (moved) iCondition.broadcast();
+  const bool hasMoved = length != std::exchange(iBytesAvailable, length);
+  return isFirst || isEnough || hasMoved;
 }
 
 int OFSRemoteFile::_readToBuffer(void* buffer, size_t size, int64_t offset, NSErrorRef* error) {

@@ -54,8 +54,12 @@ bool OFSRemoteFile::locked_beginWorker(Epoch epoch) {
 }
 
 void OFSRemoteFile::locked_endWorker(Epoch epoch) {
-  std::erase_if(iWorkers, [epoch](const Worker& worker) { return worker.epoch == epoch; });
+  locked_forgetWorker(epoch);
   iCondition.broadcast();
+}
+
+void OFSRemoteFile::locked_forgetWorker(Epoch epoch) {
+  std::erase_if(iWorkers, [epoch](const Worker& worker) { return worker.epoch == epoch; });
 }
 
 bool OFSRemoteFile::lendConnection(Epoch epoch, AbstractConnection& connection) {

@@ -245,6 +245,8 @@ class OFSRemoteFile final : public GMOpenFile,
   // forgotten).
   bool locked_beginWorker(Epoch epoch) REQUIRES(iCondition);
   void locked_endWorker(Epoch epoch) REQUIRES(iCondition);
+  // The same where the caller wakes who waits for it.
+  void locked_forgetWorker(Epoch epoch) REQUIRES(iCondition);
   // In a worker: names the connection of its transfer, so that it can be stopped. False when it was given up
   // already.
   [[nodiscard]] bool lendConnection(Epoch epoch, AbstractConnection& connection) EXCLUDES(iCondition);
@@ -258,8 +260,10 @@ class OFSRemoteFile final : public GMOpenFile,
 
   // --- download and reads
   static void downloadOnThread(const std::shared_ptr<OFSRemoteFile>& file, Epoch epoch);
+  // The caller wakes who waits for it.
   void locked_finishDownload(bool succeeded, uint64_t transferredBytes) REQUIRES(iCondition);
-  void locked_measureCacheFile() REQUIRES(iCondition);
+  // Whether that may be what somebody waits for: who waits has to be woken then.
+  bool locked_measureCacheFile() REQUIRES(iCondition);
   void locked_awaitRange(uint64_t end, NSErrorRef* error) REQUIRES(iCondition);
   int locked_read(void* buffer, size_t size, int64_t offset) REQUIRES(iCondition);
 

@@ -26,6 +26,26 @@ class SCOPED_CAPABILITY ConditionRelease {
   NSCondition& iCondition;
 };
 
+// Holds a condition for a scope, and wakes who waits on it after it has let go: woken before, they would only
+// wait for the lock, which costs each of them another turn. The condition must outlive the broadcast.
+class SCOPED_CAPABILITY WakingLock {
+ public:
+  explicit WakingLock(NSCondition& condition) ACQUIRE(condition) : iCondition(condition) {
+    iCondition.lock();
+  }
+  ~WakingLock() RELEASE() {
+    iCondition.unlock();
+    if (iWakes) iCondition.broadcast();
+  }
+  WakingLock(const WakingLock&) = delete;
+  WakingLock& operator=(const WakingLock&) = delete;
+  void wakeAll() { iWakes = true; }
+
+ private:
+  NSCondition& iCondition;
+  bool iWakes = false;
+};
+
 // The error of the interface for an errno value, with what lies beneath (may be null); reported to the log
 // with the place of the call.
 NSErrorRef ofs_reportedPosixError(int code, const NSErrorRef& underlying = nullptr,
