@@ -116,6 +116,14 @@ class Package(unittest.TestCase):
         with open("/proc/self/mountinfo") as table:
             return [line.split() for line in table if f" {ROOT}/Volumes/" in line]
 
+    LOGS = "/home/anna/.local/state/ombrafs/OmbraFSHelperLogs"
+
+    def leave_logs(self, days_old):
+        """As if volumes had been mounted before."""
+        chroot("mkdir", "-p", "-m", "700", self.LOGS, user="anna")
+        for name, days in days_old.items():
+            chroot("touch", "-d", f"{days} days ago", f"{self.LOGS}/{name}", user="anna")
+
     def unmount_and_wait(self, name, user=None):
         """As umount(8) does it: at once. Then the helper is waited for, which removes the folder of the mount."""
         volumes = json.loads(chroot("ombra", "list", "--json", user="anna"))["volumes"]
@@ -163,7 +171,16 @@ class Package(unittest.TestCase):
         with open(ROOT + "/home/anna/shared/hello.txt", "w") as file:
             file.write("hello\n")
         chroot("chown", "-R", "anna:anna", "/home/anna")
+        self.leave_logs({"Gone_2020-01-01-000000_Console.log": 15, "Gone_2020-01-01-000000_Transcript.log": 15,
+                         "Kept_2020-01-03-000000_Console.log": 13})
         self.assertEqual(chroot("ombra", "sample", user="anna"), "/Volumes/Ombra Sample\n")
+        self.assertEqual({name.split("_")[0] for name in os.listdir(ROOT + self.LOGS)}, {"Kept", "Ombra Sample"})
+        self.assertIn("> ", chroot("ombra", "logs", "Ombra Sample", "--transcript", user="anna"))
+        # A machine without a desktop, agent and service manager mounts all the same, and has nothing to repair.
+        lines = chroot("ombra", "doctor", user="anna").splitlines()
+        self.assertEqual([line for line in lines if line.startswith("WRONG")], [])
+        for subject in ["fuse device", "fusermount3", "mount points", "helper", "fuse loader"]:
+            self.assertTrue([line for line in lines if line.startswith(f"good   {subject} ")], subject)
         self.assertGreater(len(chroot("ls", "/Volumes/Ombra Sample", user="anna").splitlines()), 0)
         volumes = json.loads(chroot("ombra", "list", "--json", user="anna"))["volumes"]
         self.assertEqual([(v["volumeName"], v["protocol"], v["state"]) for v in volumes],
