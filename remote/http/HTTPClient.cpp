@@ -24,9 +24,9 @@ namespace ombra {
 
 namespace {
 
-// The largest that libcurl takes for downloads.
-constexpr long kReceiveBuffer = 512 * 1024;
-constexpr long kSendBuffer = 512 * 1024;
+// Larger ones are no faster, and each connection has both.
+constexpr long kReceiveBuffer = 256 * 1024;
+constexpr long kSendBuffer = 128 * 1024;
 // As for the other engines' sockets: a network that is gone is noticed within half a minute.
 constexpr long kKeepAliveIdleSeconds = 10;
 constexpr long kKeepAliveIntervalSeconds = 5;
