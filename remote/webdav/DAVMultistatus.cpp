@@ -16,28 +16,47 @@ constexpr std::string_view kDAVNamespace = "DAV:";
 // Each element costs memory many times its shortest text.
 constexpr size_t kMostMarks = 16'000'000;
 
-std::string_view localName(std::string_view name) {
-  const size_t colon = name.find(':');
-  return colon == std::string_view::npos ? name : name.substr(colon + 1);
+// An element's name: "D:href" is "href" with the prefix "D".
+struct Name {
+  explicit Name(pugi::xml_node element) : local(element.name()) {
+    const size_t colon = local.find(':');
+    if (colon == std::string_view::npos) return;
+    prefix = local.substr(0, colon);
+    local.remove_prefix(colon + 1);
+  }
+  std::string_view prefix;
+  std::string_view local;
+};
+
+// "xmlns:D", or "xmlns" for the empty prefix.
+bool declares(std::string_view attribute, std::string_view prefix) {
+  constexpr std::string_view kDeclaration = "xmlns";
+  if (!attribute.starts_with(kDeclaration)) return false;
+  attribute.remove_prefix(kDeclaration.size());
+  if (prefix.empty()) return attribute.empty();
+  return attribute.starts_with(':') && attribute.substr(1) == prefix;
 }
 
-// The namespace that the element's prefix stands for. Empty when nothing declares it.
-std::string_view namespaceOf(pugi::xml_node element) {
-  const std::string_view name = element.name();
-  const size_t colon = name.find(':');
-  std::string attribute = "xmlns";
-  if (colon != std::string_view::npos) attribute.append(":").append(name.substr(0, colon));
+// The namespace that a prefix stands for at an element. Empty when nothing declares it.
+std::string_view namespaceAt(pugi::xml_node element, std::string_view prefix) {
   for (pugi::xml_node at = element; at; at = at.parent()) {
-    if (const pugi::xml_attribute declared = at.attribute(attribute.c_str())) return declared.value();
+    for (auto attribute = at.first_attribute(); attribute; attribute = attribute.next_attribute()) {
+      if (declares(attribute.name(), prefix)) return attribute.value();
+    }
   }
   return {};
 }
 
 // A prefix that nobody declared is a server's mistake that hides nothing.
-bool isDAV(pugi::xml_node element, std::string_view name) {
-  if (element.type() != pugi::node_element || localName(element.name()) != name) return false;
-  const std::string_view space = namespaceOf(element);
+bool isInDAV(pugi::xml_node element, std::string_view prefix) {
+  const std::string_view space = namespaceAt(element, prefix);
   return space.empty() || space == kDAVNamespace;
+}
+
+bool isDAV(pugi::xml_node element, std::string_view wanted) {
+  if (element.type() != pugi::node_element) return false;
+  const Name name(element);
+  return name.local == wanted && isInDAV(element, name.prefix);
 }
 
 pugi::xml_node childOf(pugi::xml_node parent, std::string_view name) {
@@ -50,8 +69,9 @@ pugi::xml_node childOf(pugi::xml_node parent, std::string_view name) {
 std::string_view textOf(pugi::xml_node element) { return httpTrimmed(element.text().get()); }
 
 void readProperty(pugi::xml_node property, DAVProperties* properties) {
-  const std::string_view name = localName(property.name());
-  if (!isDAV(property, name)) return;
+  if (property.type() != pugi::node_element) return;
+  const auto [prefix, name] = Name(property);
+  if (!isInDAV(property, prefix)) return;
   const std::string_view text = textOf(property);
   if (name == "resourcetype") {
     properties->isCollection = properties->isCollection || childOf(property, "collection");
@@ -112,13 +132,14 @@ int statusOfDAVText(std::string_view text) {
   return result.ec == std::errc() && status >= 100 ? status : 0;
 }
 
-std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string_view document, std::string* reason) {
-  if (document.find("<!DOCTYPE") != std::string_view::npos) return refuse(reason, "it has a document type");
+std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string document, std::string* reason) {
+  if (document.find("<!DOCTYPE") != std::string::npos) return refuse(reason, "it has a document type");
   if (static_cast<size_t>(std::count(document.begin(), document.end(), '<')) > kMostMarks)
     return refuse(reason, "it has too many elements");
   pugi::xml_document parsed;
   constexpr unsigned kOptions = pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol;
-  const pugi::xml_parse_result result = parsed.load_buffer(document.data(), document.size(), kOptions);
+  const pugi::xml_parse_result result =
+      parsed.load_buffer_inplace(document.data(), document.size(), kOptions);
   if (!result) return refuse(reason, result.description());
   const pugi::xml_node root = parsed.document_element();
   if (!isDAV(root, "multistatus")) return refuse(reason, "it is no answer of a WebDAV server");

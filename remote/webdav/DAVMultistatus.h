@@ -31,8 +31,9 @@ struct DAVResponse {
 
 // The responses in their order. Absent, with the reason in words, for what is no such document: not
 // well-formed, another root, a document type (no server has a use for one, and entities are not expanded), or
-// more elements than any folder has.
-std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string_view document, std::string* reason);
+// more elements than any folder has. The document is taken apart where it lies: that of a large folder is
+// long, and should be moved here.
+std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string document, std::string* reason);
 
 // The status of "HTTP/1.1 404 Not Found"; 0 when it is none.
 int statusOfDAVText(std::string_view text);

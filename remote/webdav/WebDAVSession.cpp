@@ -128,7 +128,7 @@ std::optional<DAVListing> WebDAVSession::properties(DAVRequestKind kind, std::st
   request.headers = {{"Depth", depth == 0 ? "0" : "1"}, {"Content-Type", "application/xml; charset=utf-8"}};
   request.body = HTTPBody{std::string(davPropertyRequest(kind)), {}, {}, {}};
   if (kind == DAVRequestKind::kLogin) request.patience = iEnvironment.connectLimit;
-  const std::optional<HTTPResponse> response = send(std::move(request), error);
+  std::optional<HTTPResponse> response = send(std::move(request), error);
   if (!response) return std::nullopt;
   if (response->status != 207) {
     // A success of another kind comes from a server that does not know the question.
@@ -138,7 +138,7 @@ std::optional<DAVListing> WebDAVSession::properties(DAVRequestKind kind, std::st
     return std::nullopt;
   }
   std::string reason;
-  std::optional<std::vector<DAVResponse>> responses = parseDAVMultistatus(response->body, &reason);
+  std::optional<std::vector<DAVResponse>> responses = parseDAVMultistatus(std::move(response->body), &reason);
   if (!responses) {
     storeError(error, davNonsense(path, reason));
     return std::nullopt;
