@@ -285,7 +285,9 @@ bool SFTPChannel::replyArrived(SFTPReply reply) {
   if (iTranscript->isEnabled()) appendReply(reply);
   if (found->second.isAbandoned) {
     iPending.erase(found);
-    recycle(std::move(reply));
+    // Not `recycle`: replies also come to the sender's thread, which would wait for itself to give the
+    // channel back.
+    iPool.giveBack(std::move(reply.packet));
     return true;
   }
   found->second.reply = std::move(reply);

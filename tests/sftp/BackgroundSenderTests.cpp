@@ -140,5 +140,19 @@ TEST(SFTPChannelLending, WhatIsQueuedLeavesWithoutACallAndItsReplyIsThereAfterwa
   EXPECT_EQ(0u, channel.outgoingSize());
 }
 
+TEST(SFTPChannelLending, AReplyThatNobodyWaitsForMayComeInTheBackground) {
+  auto arrived = std::make_shared<Events>();
+  SFTPChannel channel(std::make_unique<LendableTransport>(arrived), std::make_shared<LineTranscript>(),
+                      std::chrono::seconds(10), std::chrono::seconds(10));
+  NSErrorRef error;
+  ASSERT_TRUE(channel.open(&error));
+  SFTPRequests requests(channel);
+  channel.abandon(requests.remove("/a"));
+  const uint32_t id = requests.remove("/b");
+  channel.lend();
+  EXPECT_EQ((std::vector<int>{kSFTPRemove, kSFTPRemove}), arrived->waitFor(2));
+  EXPECT_TRUE(channel.wait(id, &error).has_value());
+}
+
 }  // namespace
 }  // namespace ombra::test
