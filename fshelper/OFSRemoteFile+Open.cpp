@@ -2,10 +2,12 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 
 #include "fshelper/OFSRemoteFile.h"
@@ -15,6 +17,7 @@
 #include "fshelper/OFSTracing.h"
 #include "fshelper/StAbstractConnection.h"
 #include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/NSLog.h"
 #include "remote/QuarnKitError.h"
 
 namespace ombra {
@@ -30,6 +33,19 @@ constexpr size_t kDataPiece = 65536;
 
 int descriptorOf(const std::shared_ptr<NSFileHandle>& handle) {
   return handle ? handle->fileDescriptor() : -1;
+}
+
+// The programs that ask get no more than EIO. Once is enough: what follows fails for the same reason.
+void sayThatDescriptorsAreUsedUp(const std::string& path) {
+  static std::atomic<bool> sIsSaid{false};
+  if (sIsSaid.exchange(true)) return;
+  rlimit limit{};
+  ::getrlimit(RLIMIT_NOFILE, &limit);
+  NSLog(
+      "{} could not be opened, nor can others: each open file takes a descriptor, and this process may have "
+      "no more than {}. Close some, or raise the limit (ulimit -Hn, or LimitNOFILE= of a unit) and mount "
+      "again.",
+      path, limit.rlim_cur);
 }
 
 }  // namespace
@@ -71,6 +87,7 @@ void OFSRemoteFile::locked_openCacheFile(NSErrorRef* error) {
   // At once, not when the open has succeeded: a process that is killed while a slow server keeps it waiting
   // leaves nothing behind either.
   ::unlink(iLocalPath.c_str());
+  if (failure == EMFILE && descriptor < 0) sayThatDescriptorsAreUsedUp(remotePath());
   if (descriptor < 0) OFS_RAISE(kOpen, "open failed, errno = {} ({})", failure, kc_strerror(failure));
   std::shared_ptr<NSFileHandle> handle = calls.scratchHandle(descriptor);
   if (handle == nullptr) {

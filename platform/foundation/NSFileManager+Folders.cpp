@@ -51,14 +51,18 @@ bool makePrivateFolder(const std::string& path) {
 }
 
 // True when `path` is a folder of this user, not a link to one, that nobody else can look into afterwards.
+// Takes no descriptor as long as all is well: it is asked for each file, also when there are none left.
 bool ensureOwnPrivateFolder(const std::string& path) {
+  struct stat status {};
+  if (::lstat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode) || status.st_uid != geteuid())
+    return false;
+  if ((status.st_mode & 07777U) == kPrivateMode) return true;
   const int descriptor = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (descriptor < 0) return false;
-  struct stat status {};
-  bool own = ::fstat(descriptor, &status) == 0 && status.st_uid == geteuid();
-  if (own && (status.st_mode & 07777U) != kPrivateMode) own = ::fchmod(descriptor, kPrivateMode) == 0;
+  const bool isClosed = ::fstat(descriptor, &status) == 0 && status.st_uid == geteuid() &&
+                        ::fchmod(descriptor, kPrivateMode) == 0;
   ::close(descriptor);
-  return own;
+  return isClosed;
 }
 
 std::string userTemporaryFolder() {
