@@ -14,6 +14,7 @@
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/KCUUID.h"
+#include "remote/QuarnKitError.h"
 
 namespace ombra {
 
@@ -156,10 +157,11 @@ std::optional<MountResult> MountVolume::resultOf(const MountAnnouncement& announ
   return failed(explain(announcement.error), announcement.error);
 }
 
-// A helper mounts the folder above one that it cannot enter. Nobody who named that folder wants to write
-// there.
+// A helper mounts the folder above one that it cannot enter. That is meant where the path names a file;
+// nobody who named a folder wants to write above it.
 MountResult MountVolume::mounted(const MountAnnouncement& announcement) {
-  if (const NSErrorRef error = startFolderError(iHelper->pid())) {
+  const NSErrorRef error = startFolderError(iHelper->pid());
+  if (error != nullptr && !QuarnKitError::isCode(error, kQuarnKitNotAFolder)) {
     stopHelper();
     return failed(explain(error), error);
   }

@@ -167,6 +167,12 @@ TEST_F(Command, MountOfAFolderThatTheServerLacksFailsAndLeavesNoVolume) {
   EXPECT_THAT(json::parse(run({"list", "--json"}).out)["volumes"], testing::IsEmpty());
 }
 
+TEST_F(Command, MountOfAFileShowsItsFolder) {
+  writeFile(iFolder / "status.json",
+            json{{"startFolderError", {{"code", kQuarnKitNotAFolder}, {"text", "a file"}}}}.dump());
+  EXPECT_EQ(mountFolder().exitCode, 0);
+}
+
 // Two helpers that start together may choose the same name.
 TEST_F(Command, MountWithoutANameTriesAgainWhenAnotherVolumeTookTheName) {
   knowServer();

@@ -27,6 +27,12 @@ TEST_P(ProtocolLogins, AFolderThatDoesNotExistIsSaid) {
   EXPECT_NE(refused.errors.find("at all"), std::string::npos) << refused.errors;
 }
 
+TEST_P(ProtocolLogins, AFolderThatDoesNotExistIsNotReplacedByTheOneAboveIt) {
+  const ShellResult refused = user->ombra("mount " + arguments(folder + "/not there"));
+  EXPECT_EQ(refused.status, 3) << refused.errors;
+  EXPECT_NE(refused.errors.find("not there"), std::string::npos) << refused.errors;
+}
+
 TEST_P(ProtocolLogins, AFileInTheURLMountsItsFolder) {
   unmount();
   server().putFile(folder + "/a file", "content");
@@ -49,7 +55,8 @@ TEST_P(ProtocolLogins, TheTranscriptShowsTheConversationWithoutSecrets) {
   EXPECT_EQ(text.find(secret), std::string::npos);
   EXPECT_EQ(text.find(encoded), std::string::npos);
   // Nor what could be played back, or tried against a list of passwords.
-  for (const char* pattern : {"Authorization: [^*]", "Signature=[0-9a-f]", "PASS [^*]", "response=\"[0-9a-f]"})
+  for (const char* pattern :
+       {"Authorization: [^*]", "Signature=[0-9a-f]", "PASS [^*]", "response=\"[0-9a-f]"})
     EXPECT_FALSE(std::regex_search(text, std::regex(pattern))) << pattern;
 }
 
