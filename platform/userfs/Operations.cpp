@@ -165,6 +165,7 @@ void tell(const OpenedFile& opened, fuse_file_info* file) {
   file->fh = opened.handle;
   file->keep_cache = opened.keepsPages ? 1 : 0;
   file->direct_io = opened.bypassesPages ? 1 : 0;
+  file->noflush = opened.onlyReads ? 1 : 0;
 }
 
 int open(const char* path, fuse_file_info* file) {

@@ -89,6 +89,7 @@ int Volume::open(const char* path, int flags, pid_t process, OpenedFile* opened)
   opened->handle = handle->identifier;
   opened->keepsPages = iHandles.isContentOfLastOpen(listed, userData);
   opened->bypassesPages = handle->bypassesPages;
+  opened->onlyReads = !handle->forWriting;
   return 0;
 }
 

@@ -33,6 +33,7 @@ struct OpenedFile {
   uint64_t handle = 0;
   bool keepsPages = false;     // the pages that it has of the file are still right
   bool bypassesPages = false;  // it is to hand on what is written without a copy in pages
+  bool onlyReads = false;      // a close has nothing to wait for and need not be asked about
 };
 
 // Each operation answers 0 (or a count) or a negative errno of the system, once the delegate has answered.

@@ -57,6 +57,19 @@ class VolumeStoring : public ::testing::Test {
       std::make_shared<Volume>(&iFiles, VolumeSettings{"/Volumes/Test", false, true});
 };
 
+TEST_F(VolumeStoring, OnlyTheCloseOfAHandleThatCannotWriteNeedNotBeAskedAbout) {
+  iFiles.addFile("/a", "content");
+  for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR}) {
+    OpenedFile opened;
+    ASSERT_EQ(iVolume->open("/a", flags, 0, &opened), 0);
+    EXPECT_EQ(opened.onlyReads, flags == O_RDONLY) << flags;
+  }
+  OpenedFile created;
+  ASSERT_EQ(iVolume->create("/b", 0644, O_RDONLY, 0, &created), 0);
+  RequestContext::current() = RequestContext();
+  EXPECT_FALSE(created.onlyReads) << "a new file is stored when it is closed";
+}
+
 // Kernels differ in what they do about the pages of others on their own, so that a mount tells little of it.
 TEST_F(VolumeStoring, PagesThatAReaderHasAreDroppedAfterAWritePastThem) {
   EXPECT_THAT(dropsOfAWriteBeside(O_RDONLY), ElementsAre("drop 2 from 3 of 7: conXYnt"));
