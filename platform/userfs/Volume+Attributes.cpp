@@ -12,6 +12,9 @@ namespace ombra {
 namespace {
 
 constexpr uint64_t kBlockSize = 4096;
+// What programs are advised to read and write at a time: cp takes a piece of this size where it would take
+// 128 KiB otherwise, and each piece is a request that it waits for.
+constexpr blksize_t kGoodPiece = 512 * 1024;
 constexpr mode_t kPermissionBits = 07777;
 
 mode_t typeBits(NSFileTypeValue type) {
@@ -46,7 +49,7 @@ void Volume::fill(struct stat* target, const NSFileAttributes& attributes, std::
                         ? lengthOfLink(path)
                         : static_cast<off_t>(attributes.fileSize.value_or(0));
   target->st_blocks = (target->st_size + 511) / 512;
-  target->st_blksize = kBlockSize;
+  target->st_blksize = type == NSFileTypeValue::NSFileTypeRegular ? kGoodPiece : kBlockSize;
   target->st_mtim = kc_timespec(attributes.modificationDate.value_or(NSDate()));
   target->st_ctim = target->st_mtim;
   target->st_atim = target->st_mtim;

@@ -45,6 +45,13 @@ TEST_F(MountAttributesTest, AttributesAreTheDelegates) {
   EXPECT_EQ(attributes.st_gid, getgid());
 }
 
+TEST_F(MountAttributesTest, ProgramsAreAdvisedToCopyInLargePieces) {
+  iFiles.addFile("/a", "12345");
+  mount();
+  EXPECT_EQ(attributesOf("/a").st_blksize, 512 * 1024);
+  EXPECT_EQ(attributesOf("/").st_blksize, 4096);
+}
+
 TEST_F(MountAttributesTest, AFailureWithoutAnErrorIsAnInputOutputError) {
   iFiles.addFile("/a", "");
   iFiles.failWith("attributes", 0);
