@@ -2,16 +2,14 @@
 
 #include <fcntl.h>
 #include <fmt/format.h>
-#include <poll.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdint>
 
-#include "frontend/ProcessDescriptor.h"
 #include "frontend/UniqueFd.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileManager.h"
+#include "platform/foundation/ProcessEnd.h"
 
 namespace ombra {
 
@@ -23,11 +21,7 @@ pid_t ownerOfPassthrough(const std::string& identifier) {
   int32_t owner = 0;
   if (folder.empty() || !file || read(file.get(), &owner, sizeof owner) != sizeof owner || owner <= 0)
     return 0;
-  // Not by a signal: that also reaches one which has ended and was not collected yet.
-  const UniqueFd process = openProcess(owner);
-  if (!process) return errno == ESRCH || errno == EINVAL || errno == ENOENT ? 0 : owner;
-  pollfd end{process.get(), POLLIN, 0};
-  return poll(&end, 1, 0) == 0 ? owner : 0;
+  return processHasEnded(owner) ? 0 : owner;
 }
 
 }  // namespace ombra

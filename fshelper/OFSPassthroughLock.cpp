@@ -1,15 +1,15 @@
 #include "fshelper/OFSPassthroughLock.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+
+#include "platform/foundation/ProcessEnd.h"
 
 namespace ombra {
 namespace {
@@ -64,18 +64,6 @@ bool readOwner(int descriptor, int32_t* owner) {
   return got == sizeof *owner;
 }
 
-// `kill` also finds a process that has ended and was not collected yet, for which the first process of a
-// container may take its time, and a thread of another one that has got the number since.
-bool hasEnded(int32_t process) {
-  if (process <= 0) return false;
-  const int descriptor = static_cast<int>(::syscall(SYS_pidfd_open, process, 0));
-  if (descriptor < 0) return errno == ESRCH || errno == EINVAL || errno == ENOENT;
-  pollfd end{descriptor, POLLIN, 0};
-  const bool ended = ::poll(&end, 1, 0) == 1;
-  ::close(descriptor);
-  return ended;
-}
-
 }  // namespace
 
 int spc_lock_file(const char* path, unsigned (*pause)(unsigned seconds)) {
@@ -94,7 +82,7 @@ int spc_lock_file(const char* path, unsigned (*pause)(unsigned seconds)) {
       if (owner == static_cast<int32_t>(getpid())) return 1;
       const bool isThere = ::kill(owner, 0) == 0;
       if (!isThere && errno != ESRCH) return -1;
-      if (!isThere || hasEnded(owner)) {
+      if (!isThere || processHasEnded(owner)) {
         ::unlink(path);  // stale; whoever wins the exclusive create above is the new owner
         continue;
       }
