@@ -94,26 +94,23 @@ void OFSNodeFileTable::markOutdatedAtPath(std::string_view remotePath) {
 
 std::vector<std::shared_ptr<OFSRemoteFile>> OFSNodeFileTable::detachedAtPath(
     std::string_view remotePath) const {
-  std::vector<std::shared_ptr<OFSRemoteFile>> files;
-  MutexLock lock(iLock);
-  if (iDetached == 0) return files;
-  const auto [first, last] = iByPath.equal_range(remotePath);
-  for (auto at = first; at != last; ++at) {
-    const Entry& entry = at->second->entry;
-    if (entry.isDetached) files.push_back(entry.file);
-  }
-  return files;
+  return detachedFiles(remotePath, [](const Entry& /*entry*/) { return true; });
 }
 
 std::vector<std::shared_ptr<OFSRemoteFile>> OFSNodeFileTable::refusedAtPath(
     std::string_view remotePath) const {
+  return detachedFiles(remotePath, [](const Entry& entry) { return entry.refusal != nullptr; });
+}
+
+std::vector<std::shared_ptr<OFSRemoteFile>> OFSNodeFileTable::detachedFiles(
+    std::string_view remotePath, bool (*isWanted)(const Entry&)) const {
   std::vector<std::shared_ptr<OFSRemoteFile>> files;
   MutexLock lock(iLock);
   if (iDetached == 0) return files;
   const auto [first, last] = iByPath.equal_range(remotePath);
   for (auto at = first; at != last; ++at) {
     const Entry& entry = at->second->entry;
-    if (entry.refusal != nullptr) files.push_back(entry.file);
+    if (entry.isDetached && isWanted(entry)) files.push_back(entry.file);
   }
   return files;
 }
@@ -133,7 +130,6 @@ OFSNodeFileTable::Measure OFSNodeFileTable::measure(OFSRemoteFile& file) {
 void OFSNodeFileTable::note(Record& record, Measure measure) {
   iBytes += measure.bytes - record.entry.bytes;
   record.entry.bytes = measure.bytes;
-  record.entry.isMoving = measure.isMoving;
   if (measure.isMoving) {
     iMoving.insert(&record);
   } else {

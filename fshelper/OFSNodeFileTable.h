@@ -34,7 +34,6 @@ class OFSNodeFileTable {
     size_t uses = 0;          // handles of the framework, and operations under way
     uint64_t lastUse = 0;     // grows with each use
     uint64_t bytes = 0;       // of the cache file when it was last looked at
-    bool isMoving = false;    // a transfer ran at that time: the file may have grown since
     uint64_t number = 0;      // in order of making
     bool isDetached = false;  // no node leads to it any more
     // Detached, and another object of its remote path was made after it: what is unsent of it must not be
@@ -106,6 +105,10 @@ class OFSNodeFileTable {
   void setPath(Record& record, std::string remotePath) REQUIRES(iLock);
   // Those whose paths begin so.
   std::vector<Record*> withPrefix(std::string prefix) const REQUIRES(iLock);
+  // The detached objects of a path that are wanted.
+  std::vector<std::shared_ptr<OFSRemoteFile>> detachedFiles(std::string_view remotePath,
+                                                            bool (*isWanted)(const Entry&)) const
+      EXCLUDES(iLock);
   // Marks the detached objects of a path that have a younger one beside them.
   void markOutdatedAtPath(std::string_view remotePath) REQUIRES(iLock);
   // Marks it as detached; what becomes of it is the caller's.
@@ -119,7 +122,8 @@ class OFSNodeFileTable {
   std::unordered_map<const OFSRemoteFile*, Record> iRecords GUARDED_BY(iLock);
   ByPath iByPath GUARDED_BY(iLock);
   std::map<uint64_t, Record*> iUnused GUARDED_BY(iLock);  // those without a use, by their last one
-  std::unordered_set<Record*> iMoving GUARDED_BY(iLock);  // those whose transfer ran when they were measured
+  // Those whose transfer ran when they were measured: the file may have grown since.
+  std::unordered_set<Record*> iMoving GUARDED_BY(iLock);
   uint64_t iLastUse GUARDED_BY(iLock) = 0;
   uint64_t iLastNumber GUARDED_BY(iLock) = 0;
   size_t iDetached GUARDED_BY(iLock) = 0;

@@ -41,7 +41,7 @@ void OmbraFileSystem::trimCache() {
   iFiles.lookAgain();
   const OFSCacheBudget::Limits budget = cacheBudget();
   if (isWithin(budget)) return;
-  // Somewhat further down than needed, so that not every release has to look at all files.
+  // Somewhat further down than needed, so that not every release has files to let go of.
   const OFSCacheBudget::Limits target{budget.bytes - budget.bytes / 8, budget.files - budget.files / 8};
   for (auto entry = iFiles.firstUnusedAfter(0); entry; entry = iFiles.firstUnusedAfter(entry->lastUse)) {
     // Asked without a lock; a use in between shows in the entry's last use.
