@@ -5,19 +5,13 @@
 
 #include "platform/foundation/NSThread.h"
 #include "remote/QuarnKitError.h"
+#include "remote/RetryPauses.h"
 
 namespace ombra {
 namespace {
 
 // Cancellation is looked at so often.
 constexpr std::chrono::milliseconds kLook{100};
-
-// The connection is to blame, not what was sent over it.
-bool isOfConnection(const NSErrorRef& fault) {
-  return QuarnKitError::isCode(fault, kQuarnKitConnectionLost) ||
-         QuarnKitError::isCode(fault, kQuarnKitCouldNotConnect) ||
-         QuarnKitError::isCode(fault, kQuarnKitTimedOut);
-}
 
 }  // namespace
 
@@ -116,7 +110,7 @@ bool S3PartSenders::tryOnFirst(Slot& slot, uint32_t number, TransferControl& con
 bool S3PartSenders::takeOldest(TransferControl& control, NSErrorRef* error) {
   Slot& slot = slotOf(iTaken);
   if (!waitFor(slot, control, error)) return false;
-  if (slot.tag.empty() && slot.own != nullptr && isOfConnection(slot.fault) &&
+  if (slot.tag.empty() && slot.own != nullptr && isOutage(slot.fault) &&
       !tryOnFirst(slot, iTaken, control, error))
     return false;
   if (slot.tag.empty()) {
