@@ -191,6 +191,24 @@ bool FTPSession::hasLostPort(const std::optional<Begun>& begun) {
   return isRefused && iControl.failure() == nullptr;
 }
 
+bool FTPSession::carryOut(const Request& request, const Work& work, NSErrorRef* error) {
+  while (true) {
+    NSErrorRef reason;
+    std::optional<Begun> begun = begin(request, &reason);
+    if (begun && work(*begun, &reason)) return true;
+    // It happens once: from here on the port is asked for when it is needed.
+    const bool isLost = hasLostPort(begun);
+    const bool mayRepeat = isLost && (request.startsAgain || !begun->transfer->hasStarted());
+    // Calls off what it has left in the conversation, before anything else is said.
+    begun.reset();
+    if (!mayRepeat) {
+      storeError(error, std::move(reason));
+      return false;
+    }
+    if (!request.makes.empty()) dropTemporary(request.makes);
+  }
+}
+
 bool FTPSession::finish(FTPTransfer& transfer, NSErrorRef* error) {
   if (!transfer.finish(error)) return false;
   // What was asked for with the transfer is answered by now.

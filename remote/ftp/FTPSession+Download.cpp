@@ -48,44 +48,45 @@ std::optional<std::string> FTPSession::identity(const std::vector<FTPReply>& rep
   return identityText(*size, date);
 }
 
+// Before anything is added to what was there: it must still be the same file, and have more to give.
+bool FTPSession::mayGoOn(std::string_view path, uint64_t offset, std::string* version,
+                         std::optional<uint64_t>* size, NSErrorRef* error) {
+  std::vector<FTPReply> replies;
+  if (!askAll(questionsAbout(path), &replies, error)) return false;
+  const auto present = identity(replies, size);
+  const bool isOther = version != nullptr && !version->empty() && present && *present != *version;
+  if (isOther || (*size && **size < offset)) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, path));
+    return false;
+  }
+  if (version != nullptr && present) *version = *present;
+  return true;
+}
+
 bool FTPSession::download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
                           TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
+  std::optional<uint64_t> size;
+  if (offset > 0) {
+    if (!mayGoOn(path, offset, version, &size, error)) return false;
+    if (size == offset) return true;
+  }
   Request request;
+  if (offset == 0) request.before = questionsAbout(path);
   request.restart = offset;
   request.command = "RETR " + std::string(path);
   request.operation = FTPOperation::kRead;
   request.path = path;
   request.control = &control;
-  std::optional<uint64_t> size;
-  std::vector<FTPReply> told;
-  if (offset > 0) {
-    // Before anything is added to what was there: it must still be the same file, and have more to give.
-    if (!askAll(questionsAbout(path), &told, error)) return false;
-    const auto present = identity(told, &size);
-    const bool isOther = version != nullptr && !version->empty() && present && *present != *version;
-    if (isOther || (size && *size < offset)) {
-      storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, path));
-      return false;
+  const auto receive = [&](Begun& begun, NSErrorRef* reason) {
+    if (offset == 0) {
+      const auto present = identity(begun.before, &size);
+      if (version != nullptr) *version = present.value_or("");
     }
-    if (version != nullptr && present) *version = *present;
-    if (size == offset) return true;
-  } else {
-    request.before = questionsAbout(path);
-  }
+    return receiveFile(*begun.transfer, to, offset, size, control, reason);
+  };
   NSErrorRef reason;
-  auto begun = begin(request, &reason);
-  if (begun && offset == 0) {
-    const auto present = identity(begun->before, &size);
-    if (version != nullptr) *version = present.value_or("");
-  }
-  if (begun && receiveFile(*begun->transfer, to, offset, size, control, &reason)) {
-    askForPort();
-    return true;
-  }
-  const bool mustRepeat = hasLostPort(begun);
-  begun.reset();
-  if (mustRepeat) return download(path, to, offset, version, control, error);
+  if (carryOut(request, receive, &reason)) return true;
   storeError(error, explain(std::move(reason), FTPOperation::kRead, path));
   return false;
 }
@@ -108,7 +109,10 @@ bool FTPSession::receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t o
   }
   if (!finish(transfer, error)) return false;
   // Under TLS an end that the server did not tell may be somebody else's work; the length says whether.
-  if (transfer.endIsCertain() || !size || reached >= *size) return true;
+  if (transfer.endIsCertain() || !size || reached >= *size) {
+    askForPort();
+    return true;
+  }
   iControl.fail(QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the data were cut short"));
   storeError(error, iControl.failure());
   return false;

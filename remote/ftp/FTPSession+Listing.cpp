@@ -87,14 +87,10 @@ bool FTPSession::listFacts(std::string_view path, std::vector<FTPItem>* items, N
   request.command = "MLSD " + std::string(path);
   request.operation = FTPOperation::kList;
   request.path = path;
-  NSErrorRef reason;
-  auto begun = begin(request, &reason);
-  if (begun && receiveList(*begun->transfer, true, items, &reason)) return true;
-  const bool mustRepeat = hasLostPort(begun);
-  begun.reset();
-  if (mustRepeat) return listFacts(path, items, error);
-  storeError(error, std::move(reason));
-  return false;
+  const auto receive = [&](Begun& begun, NSErrorRef* reason) {
+    return receiveList(*begun.transfer, true, items, reason);
+  };
+  return carryOut(request, receive, error);
 }
 
 bool FTPSession::runList(std::string_view path, bool showsAll, std::vector<FTPItem>* items,
@@ -106,27 +102,21 @@ bool FTPSession::runList(std::string_view path, bool showsAll, std::vector<FTPIt
   request.command = showsAll ? "LIST -a" : "LIST";
   request.operation = FTPOperation::kList;
   request.path = path;
-  auto begun = begin(request, error);
-  if (!begun) return false;
-  if (const FTPReply& entered = begun->before.front(); !entered.isPositive()) {
-    storeError(error, errorForFTPReply(entered, FTPOperation::kList, path));
-    if (begun->transfer != nullptr) (void)begun->transfer->connect(nullptr);
-    return false;
-  }
-  NSErrorRef reason;
-  if (!receiveList(*begun->transfer, false, items, &reason)) {
-    if (hasLostPort(begun)) {
-      begun.reset();
-      return runList(path, showsAll, items, error);
+  const auto receive = [&](Begun& begun, NSErrorRef* reason) {
+    if (const FTPReply& entered = begun.before.front(); !entered.isPositive()) {
+      storeError(reason, errorForFTPReply(entered, FTPOperation::kList, path));
+      if (begun.transfer != nullptr) (void)begun.transfer->connect(nullptr);
+      return false;
     }
-    storeError(error, std::move(reason));
-    const auto& reply = begun->transfer->reply();
+    const bool isReceived = receiveList(*begun.transfer, false, items, reason);
+    const auto& reply = begun.transfer->reply();
     // Some servers refuse to list a folder in which nothing is.
-    return reply && reply->isRefusal() && ftpContains(reply->text(), "no files");
-  }
-  if (!ftpContains(begun->transfer->reply()->text(), "failed to open directory")) return true;
-  storeError(error, ftpError(kQuarnKitListingNotPermitted, path, *begun->transfer->reply()));
-  return false;
+    if (!isReceived) return reply && reply->isRefusal() && ftpContains(reply->text(), "no files");
+    if (!ftpContains(reply->text(), "failed to open directory")) return true;
+    storeError(reason, ftpError(kQuarnKitListingNotPermitted, path, *reply));
+    return false;
+  };
+  return carryOut(request, receive, error);
 }
 
 bool FTPSession::listLines(std::string_view path, std::vector<FTPItem>* items, NSErrorRef* error) {

@@ -83,24 +83,24 @@ bool FTPSession::sendFile(FTPTransfer& transfer, const NSFileHandle& from, uint6
   return finish(transfer, error);
 }
 
-bool FTPSession::storeInPlace(const NSFileHandle& from, uint64_t length, std::string_view path,
-                              TransferControl& control, NSErrorRef* error) {
+FTPSession::Request FTPSession::requestToStore(std::string_view at, std::string_view path,
+                                               TransferControl& control) {
   Request request;
-  request.command = "STOR " + std::string(path);
+  request.command = "STOR " + std::string(at);
   request.operation = FTPOperation::kStore;
   request.path = path;
   request.control = &control;
-  NSErrorRef reason;
-  auto begun = begin(request, &reason);
-  if (begun && sendFile(*begun->transfer, from, length, control, &reason)) {
-    askForPort();
-    return true;
-  }
-  const bool mustRepeat = hasLostPort(begun);
-  begun.reset();
-  if (mustRepeat) return storeInPlace(from, length, path, control, error);
-  storeError(error, std::move(reason));
-  return false;
+  return request;
+}
+
+bool FTPSession::storeInPlace(const NSFileHandle& from, uint64_t length, std::string_view path,
+                              TransferControl& control, NSErrorRef* error) {
+  const auto send = [&](Begun& begun, NSErrorRef* reason) {
+    return sendFile(*begun.transfer, from, length, control, reason);
+  };
+  if (!carryOut(requestToStore(path, path, control), send, error)) return false;
+  askForPort();
+  return true;
 }
 
 std::vector<std::string> FTPSession::questionsAboutExisting(std::string_view path) const {
@@ -157,47 +157,35 @@ bool FTPSession::mustGoInPlace(const Existing& existing) const {
 FTPSession::Stored FTPSession::storeBeside(const NSFileHandle& from, uint64_t length, std::string_view path,
                                            TransferControl& control, NSErrorRef* error) {
   const std::string temporary = temporaryPathBeside(path);
-  Request request;
+  Request request = requestToStore(temporary, path, control);
   request.before = questionsAboutExisting(path);
-  request.command = "STOR " + temporary;
-  request.operation = FTPOperation::kStore;
-  request.path = path;
-  request.control = &control;
-  auto begun = begin(request, error);
-  if (!begun) {
-    if (iControl.failure() != nullptr) iServer->addLeftover(temporary);
-    return Stored::kNo;
-  }
-  const Existing present = readExisting(path, begun->before);
-  if (mustGoInPlace(present)) {
-    NSErrorRef reason;
-    if (!begun->transfer->connect(&reason)) {
-      const bool mayGoOn = refusesName(reason);
-      if (!mayGoOn) storeError(error, std::move(reason));
-      return mayGoOn ? Stored::kInPlace : Stored::kNo;
+  request.makes = temporary;
+  Existing present;
+  bool goesInPlace = false;
+  bool mayBeThere = false;  // the temporary file
+  const auto send = [&](Begun& begun, NSErrorRef* reason) {
+    FTPTransfer& transfer = *begun.transfer;
+    present = readExisting(path, begun.before);
+    if (mustGoInPlace(present)) {
+      mayBeThere = transfer.connect(reason);
+      goesInPlace = mayBeThere || refusesName(*reason);
+      return mayBeThere;
     }
-    begun.reset();
-    dropTemporary(temporary);
-    return Stored::kInPlace;
-  }
+    if (sendFile(transfer, from, length, control, reason)) return true;
+    // Some servers take no names with a dot, or no new names at all in that folder.
+    const auto& reply = transfer.reply();
+    goesInPlace = !transfer.hasStarted() && reply && reply->code >= 500 && refusesName(*reason);
+    mayBeThere = !goesInPlace;
+    return false;
+  };
   NSErrorRef reason;
-  if (sendFile(*begun->transfer, from, length, control, &reason)) {
-    begun.reset();
+  if (carryOut(request, send, &reason) && !goesInPlace) {
     const Stored stored = replace(temporary, path, present, error);
     askForPort();
     return stored;
   }
-  if (hasLostPort(begun)) {
-    begun.reset();
-    dropTemporary(temporary);
-    return storeBeside(from, length, path, control, error);
-  }
-  const auto& reply = begun->transfer->reply();
-  // Some servers take no names with a dot, or no new names at all in that folder.
-  const bool isName = !begun->transfer->hasStarted() && reply && reply->code >= 500 && refusesName(reason);
-  begun.reset();
-  if (isName && iControl.failure() == nullptr) return Stored::kInPlace;
-  dropTemporary(temporary);
+  if (mayBeThere || iControl.failure() != nullptr) dropTemporary(temporary);
+  if (goesInPlace) return Stored::kInPlace;
   storeError(error, std::move(reason));
   return Stored::kNo;
 }
@@ -272,21 +260,17 @@ FTPSession::Stored FTPSession::replace(const std::string& temporary, std::string
 bool FTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
                         TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
-  Request request;
-  request.command = "STOR " + std::string(path);
-  request.operation = FTPOperation::kStore;
-  request.path = path;
-  request.control = &control;
+  Request request = requestToStore(path, path, control);
+  // What was taken from the writer, which is not before the server has agreed, cannot be had again.
+  request.startsAgain = false;
+  const auto send = [&](Begun& begun, NSErrorRef* reason) {
+    return sendStream(next, *begun.transfer, path, control, reason);
+  };
   NSErrorRef reason;
-  auto begun = begin(request, &reason);
-  if (begun && sendStream(next, *begun->transfer, path, control, &reason)) {
+  if (carryOut(request, send, &reason)) {
     askForPort();
     return true;
   }
-  // Nothing was taken from the writer before the server had agreed.
-  const bool mustRepeat = hasLostPort(begun) && !begun->transfer->hasStarted();
-  begun.reset();
-  if (mustRepeat) return stream(next, path, control, error);
   storeError(error, explain(std::move(reason), FTPOperation::kStore, path));
   return false;
 }

@@ -73,7 +73,9 @@ class FTPSession final : public Session {
     uint64_t restart = 0;
     std::string command{};
     FTPOperation operation = FTPOperation::kOther;
-    std::string path{};  // for errors
+    std::string path{};       // for errors
+    std::string makes{};      // a temporary file that a transfer which is begun once more may find there
+    bool startsAgain = true;  // what is sent can be had from its beginning again
     TransferControl* control = nullptr;
   };
   struct Begun {
@@ -99,6 +101,11 @@ class FTPSession final : public Session {
   bool mayAskForPort() const;
   // Its port was asked for ahead, and the server knows nothing of it any more: all is to begin anew.
   bool hasLostPort(const std::optional<Begun>& begun);
+  // What moves the data of a transfer that has begun. False with the error filled when that fails.
+  using Work = std::function<bool(Begun& begun, NSErrorRef* error)>;
+  // Begins the transfer and has the work done; all of it once more where the server has lost the port that
+  // was asked for ahead. When it returns, no transfer is under way any more.
+  bool carryOut(const Request& request, const Work& work, NSErrorRef* error);
   // The last word of a transfer. The next port is due then, and goes with the next commands or alone.
   bool finish(FTPTransfer& transfer, NSErrorRef* error);
   void askForPort();
@@ -154,12 +161,16 @@ class FTPSession final : public Session {
   std::vector<std::string> questionsAbout(std::string_view path) const;
   static std::optional<std::string> identity(const std::vector<FTPReply>& replies,
                                              std::optional<uint64_t>* size);
+  bool mayGoOn(std::string_view path, uint64_t offset, std::string* version, std::optional<uint64_t>* size,
+               NSErrorRef* error);
   bool receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t offset, std::optional<uint64_t> size,
                    TransferControl& control, NSErrorRef* error);
   bool sendFile(FTPTransfer& transfer, const NSFileHandle& from, uint64_t length, TransferControl& control,
                 NSErrorRef* error);
   bool sendStream(const std::function<size_t(std::byte*, size_t)>& next, FTPTransfer& transfer,
                   std::string_view path, TransferControl& control, NSErrorRef* error);
+  // To be stored `at`; `path` is for the errors.
+  static Request requestToStore(std::string_view at, std::string_view path, TransferControl& control);
   bool storeInPlace(const NSFileHandle& from, uint64_t length, std::string_view path,
                     TransferControl& control, NSErrorRef* error);
   Stored storeBeside(const NSFileHandle& from, uint64_t length, std::string_view path,

@@ -103,6 +103,13 @@ std::optional<std::string> FakeFTPServer::file(const std::string& path) const {
   return found != iFiles.end() ? std::optional(found->second) : std::nullopt;
 }
 
+std::vector<std::string> FakeFTPServer::files() const {
+  MutexLock lock(iLock);
+  std::vector<std::string> paths;
+  for (const auto& [path, content] : iFiles) paths.push_back(path);
+  return paths;
+}
+
 std::vector<std::string> FakeFTPServer::commands() const {
   MutexLock lock(iLock);
   return iCommands;

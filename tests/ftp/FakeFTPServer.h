@@ -58,6 +58,8 @@ class FakeFTPServer {
   void setEndsBeforeData(bool endsBeforeData) { iEndsBeforeData = endsBeforeData; }
   void putFile(const std::string& path, std::string content);
   std::optional<std::string> file(const std::string& path) const;
+  // The paths of all files, in order.
+  std::vector<std::string> files() const;
 
   // All commands of all sessions so far, without the login's.
   std::vector<std::string> commands() const;

@@ -155,6 +155,15 @@ TEST_P(FTPPortHabits, AFileIsReplaced) {
   expectLearnt();
 }
 
+TEST_P(FTPPortHabits, AFileThatMustNotBeReplacedIsWrittenInPlace) {
+  server.answer("MLST /a", {"250-Begin\r\n type=file;perm=adfr; /a\r\n250 End\r\n"});
+  walk(GetParam().ports);
+  ASSERT_TRUE(upload("/a", "new")) << error->description();
+  EXPECT_EQ(server.file("/a"), "new");
+  expectLearnt();
+  EXPECT_THAT(server.files(), ElementsAre("/a", "/b", "/learnt")) << "nothing stays beside it";
+}
+
 TEST_P(FTPPortHabits, AFileIsEmptied) {
   walk(GetParam().ports);
   ASSERT_TRUE(upload("/a", "")) << error->description();
