@@ -102,9 +102,12 @@ bool OFSRemoteFile::locked_measureCacheFile() {
   if (isFirst) locked_setState(kOFSDownloading);
   const bool isEnough = iBytesRequired != 0 && iBytesRequired <= length;
   if (isEnough) iBytesRequired = 0;
+  iBytesAvailable = length;
   // Also short of what is required: several readers share that field, and each waits for a range of its own.
-  const bool hasMoved = length != std::exchange(iBytesAvailable, length);
-  return isFirst || isEnough || hasMoved;
+  // Those that it is not enough for say so again.
+  const bool isAwaited = iAwaitedEnd <= length;
+  if (isAwaited) iAwaitedEnd = kCancelMark;
+  return isFirst || isEnough || isAwaited;
 }
 
 int OFSRemoteFile::_readToBuffer(void* buffer, size_t size, int64_t offset, NSErrorRef* error) {
@@ -134,7 +137,7 @@ void OFSRemoteFile::locked_awaitRange(uint64_t end, NSErrorRef* error) {
   while ((iBytesAvailable < end && locked_downloadRuns()) || iState == kOFSStreaming ||
          iState == kOFSUploading) {
     if (locked_downloadRuns() && iBytesRequired == 0) iBytesRequired = end;
-    locked_wait();
+    locked_waitForBytes(end);
   }
 }
 

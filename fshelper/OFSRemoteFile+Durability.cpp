@@ -183,7 +183,7 @@ GMContentState OFSRemoteFile::contentState() {
 
 void OFSRemoteFile::waitForContent(uint64_t seen) {
   const ConditionLock lock(iCondition);
-  while (locked_downloadRuns() && iBytesAvailable <= seen) locked_wait();
+  while (locked_downloadRuns() && iBytesAvailable <= seen) locked_waitForBytes(seen + 1);
 }
 
 void OFSRemoteFile::seedCacheAttributes(const NSFileAttributes& attributes) {

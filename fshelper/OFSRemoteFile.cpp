@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cassert>
 #include <utility>
 
@@ -180,6 +181,11 @@ bool OFSRemoteFile::locked_waitUntilDate(NSDate limit) {
   const bool woken = iCondition.waitUntilDate(limit);
   --iWaiters;
   return woken;
+}
+
+void OFSRemoteFile::locked_waitForBytes(uint64_t end) {
+  iAwaitedEnd = std::min(iAwaitedEnd, end);
+  locked_wait();
 }
 
 void OFSRemoteFile::locked_waitForState(OFSTransferState state) {

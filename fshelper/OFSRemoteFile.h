@@ -221,6 +221,8 @@ class OFSRemoteFile final : public GMOpenFile,
   // Waits on the condition, counted.
   void locked_wait() REQUIRES(iCondition);
   bool locked_waitUntilDate(NSDate limit) REQUIRES(iCondition);
+  // The same, of what arrives woken only by what makes the cache file at least `end` bytes long.
+  void locked_waitForBytes(uint64_t end) REQUIRES(iCondition);
   void locked_waitForState(OFSTransferState state) REQUIRES(iCondition);
   // Until no transfer runs and no given-up worker is left either.
   void locked_waitUntilIdle() REQUIRES(iCondition);
@@ -403,6 +405,8 @@ class OFSRemoteFile final : public GMOpenFile,
   size_t iMoves GUARDED_BY(iCondition) = 0;
   size_t iClosers GUARDED_BY(iCondition) = 0;
   size_t iWaiters GUARDED_BY(iCondition) = 0;
+  // The nearest end of a range that a reader waits for.
+  uint64_t iAwaitedEnd GUARDED_BY(iCondition) = kCancelMark;
 };
 
 }  // namespace ombra

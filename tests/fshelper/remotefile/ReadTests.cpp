@@ -1,5 +1,7 @@
 // The download worker, its progress, and reads.
 
+#include <sys/resource.h>
+
 #include <cerrno>
 
 #include "tests/fshelper/remotefile/RemoteFileFixture.h"
@@ -11,6 +13,13 @@ using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::StartsWith;
+
+// How often this thread has waited for something.
+long timesAsleep() {
+  rusage usage{};
+  ::getrusage(RUSAGE_THREAD, &usage);
+  return usage.ru_nvcsw;
+}
 
 using OpenFileReading = RemoteFileTest;
 
@@ -82,10 +91,29 @@ TEST_F(OpenFileReading, OfTheFartherRangeSecondLeavesTheNearerOneServed) {
   waitForWaiters(*file, 2);
   EXPECT_EQ(file->bytesRequired(), 9u);
   hold->release();
-  EXPECT_EQ(finish(near), "0123") << "each report that brings bytes wakes everybody";
+  EXPECT_EQ(finish(near), "0123") << "though more is required";
   ASSERT_TRUE(middle->waitUntilHeld());
   middle->release();
   EXPECT_EQ(finish(far), "012345678");
+}
+
+TEST_F(OpenFileReading, SleepsUntilItsWholeRangeIsThere) {
+  constexpr int kPieces = 60;
+  server.setChunkSize(1);
+  std::vector<std::shared_ptr<ScriptedHold>> holds;
+  for (int i = 1; i < kPieces; ++i) holds.push_back(server.hold("downloadFileAtPath", kPath, i));
+  file = arrivingFile(std::string(kPieces, 'x'), 1);
+  auto reader = inBackground([this] {
+    const long before = timesAsleep();
+    EXPECT_EQ(read(*file, kPieces, 0).size(), static_cast<size_t>(kPieces));
+    return timesAsleep() - before;
+  });
+  waitForWaiters(*file, 1);
+  for (const auto& hold : holds) {
+    ASSERT_TRUE(hold->waitUntilHeld());
+    hold->release();
+  }
+  EXPECT_LT(finish(reader), kPieces / 4) << "and does not look at each piece";
 }
 
 TEST_F(OpenFileReading, ByASecondOpenerBeforeTheFirstByteWaits) {
