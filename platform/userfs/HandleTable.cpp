@@ -5,6 +5,17 @@
 
 namespace ombra {
 
+namespace {
+
+template <typename Map>
+void eraseEntry(Map& map, typename Map::key_type key, const OpenItem* item) {
+  const auto [first, last] = map.equal_range(key);
+  const auto found = std::find_if(first, last, [item](const auto& entry) { return entry.second == item; });
+  if (found != last) map.erase(found);
+}
+
+}  // namespace
+
 OpenItem::OpenItem(std::string path, GMUserData userData)
     : iUserData(std::move(userData)), iPath(std::move(path)) {}
 
@@ -74,18 +85,23 @@ std::shared_ptr<OpenHandle> HandleTable::add(const std::string& path, const GMUs
   MutexLock lock(iLock);
   auto handle = std::make_shared<OpenHandle>();
   handle->item = findItem(path, userData);
-  if (handle->item == nullptr) {
-    handle->item = std::make_shared<OpenItem>(path, userData);
-    iItems.insert(path, handle->item);
-  }
+  if (handle->item == nullptr) handle->item = addItem(path, userData);
   handle->forWriting = access != FileAccess::kReads;
   handle->bypassesPages = access == FileAccess::kWrites && !handle->item->mayHavePages();
   count(*handle);
   if (nodeID != 0) handle->item->setNodeID(nodeID);
   handle->identifier = ++iLastIdentifier;
   handle->opener = opener;
+  handle->item->iHandles.insert(handle->identifier);
   iHandles.emplace(handle->identifier, handle);
   return handle;
+}
+
+std::shared_ptr<OpenItem> HandleTable::addItem(const std::string& path, const GMUserData& userData) {
+  auto item = std::make_shared<OpenItem>(path, userData);
+  iItems.insert(path, item);
+  if (userData != nullptr) iItemsOfFiles.emplace(userData.get(), item.get());
+  return item;
 }
 
 void HandleTable::count(OpenHandle& handle) {
@@ -103,20 +119,25 @@ std::shared_ptr<OpenHandle> HandleTable::handle(uint64_t identifier) const {
   return found == iHandles.end() ? nullptr : found->second;
 }
 
-// The items table holds weak references: an item whose last handle goes is taken out here, while the handle
-// still keeps it alive.
-void HandleTable::dropItem(const std::shared_ptr<OpenHandle>& handle) {
-  const auto& item = handle->item;
-  const auto path = item->path();
-  if (handle->bypassesPages) {
-    --item->iBypassing;
+void HandleTable::dropHandle(const OpenHandle& handle) {
+  OpenItem& item = *handle.item;
+  item.iHandles.erase(handle.identifier);
+  if (handle.bypassesPages) {
+    --item.iBypassing;
     // What an open in the meantime has read may be from before the last of these writes.
-    if (path) dropLastOpen(*path);
-  } else if (handle->forWriting) {
-    --item->iWritersOfPages;
+    if (const auto path = item.path()) dropLastOpen(*path);
+  } else if (handle.forWriting) {
+    --item.iWritersOfPages;
   }
-  if (--item->iHandleCount != 0) return;
+  if (--item.iHandleCount == 0) dropItem(handle.item);
+}
+
+// The tables of items keep none alive: each is taken out here, while its last handle still does.
+void HandleTable::dropItem(const std::shared_ptr<OpenItem>& item) {
+  eraseEntry(iItemsOfFiles, item->userData().get(), item.get());
+  const auto path = item->path();
   if (!path) {
+    eraseEntry(iRemoved, item->iRemovedNodeID, item.get());
     --iRemovedItems;
     return;
   }
@@ -134,7 +155,7 @@ std::shared_ptr<OpenHandle> HandleTable::remove(uint64_t identifier) {
   if (found == iHandles.end()) return nullptr;
   const auto handle = found->second;
   iHandles.erase(found);
-  dropItem(handle);
+  dropHandle(*handle);
   return handle;
 }
 
@@ -145,6 +166,8 @@ std::vector<std::shared_ptr<OpenHandle>> HandleTable::removeAll() {
   for (const auto& [identifier, handle] : iHandles) handles.push_back(handle);
   iHandles.clear();
   iItems.all().clear();
+  iItemsOfFiles.clear();
+  iRemoved.clear();
   iRemovedItems = 0;
   return handles;
 }
@@ -175,6 +198,8 @@ void HandleTable::markRemoved(std::string_view path, const NSFileAttributes& att
     const auto item = entry->second.lock();
     if (item == nullptr) continue;
     item->markRemoved(attributes);
+    item->iRemovedNodeID = item->nodeID();
+    iRemoved.emplace(item->iRemovedNodeID, item.get());
     ++iRemovedItems;
   }
   iItems.all().erase(first, last);
@@ -183,18 +208,20 @@ void HandleTable::markRemoved(std::string_view path, const NSFileAttributes& att
 
 void HandleTable::noteChange(const GMUserData& userData) {
   MutexLock lock(iLock);
-  for (const auto& [identifier, handle] : iHandles) {
-    if (handle->forWriting && handle->item->userData() == userData) handle->noteChange();
+  const auto [first, last] = iItemsOfFiles.equal_range(userData.get());
+  for (auto entry = first; entry != last; ++entry) {
+    for (const uint64_t identifier : entry->second->iHandles) {
+      OpenHandle& handle = *iHandles.at(identifier);
+      if (handle.forWriting) handle.noteChange();
+    }
   }
 }
 
 uint64_t HandleTable::handleOfRemovedNode(uint64_t nodeID) const {
   if (iRemovedItems == 0) return 0;
   MutexLock lock(iLock);
-  for (const auto& [identifier, handle] : iHandles) {
-    if (handle->item->nodeID() == nodeID && handle->item->isRemoved()) return identifier;
-  }
-  return 0;
+  const auto found = iRemoved.find(nodeID);
+  return found == iRemoved.end() ? 0 : *found->second->iHandles.begin();
 }
 
 bool HandleTable::isContentOfLastOpen(std::string_view path, const GMUserData& userData) {

@@ -8,8 +8,10 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/foundation/FileAttributes.h"
@@ -61,6 +63,8 @@ class OpenItem {
   friend class HandleTable;
 
   const GMUserData iUserData;
+  std::set<uint64_t> iHandles;          // this and the next are guarded by the table's lock
+  uint64_t iRemovedNodeID = 0;          // `iNodeID` at the removal
   std::atomic<size_t> iHandleCount{0};  // these three are changed under the table's lock
   std::atomic<size_t> iBypassing{0};
   std::atomic<size_t> iWritersOfPages{0};
@@ -105,6 +109,8 @@ class HandleChange {
 };
 
 // Thread-safe. Lock order: the table, then an item.
+//
+// There may be ten thousand handles: what concerns one file is found without a look at the others.
 class HandleTable {
  public:
   // A new handle. It shares the item of a live file at that path with the same user data.
@@ -123,10 +129,11 @@ class HandleTable {
   void move(std::string_view from, std::string_view to) EXCLUDES(iLock);
   // The open files at a path have been removed from the volume.
   void markRemoved(std::string_view path, const NSFileAttributes& attributes) EXCLUDES(iLock);
-  // Something of that file is not stored after all: the next close of each writing handle has to see to it.
+  // Something of that file, which is not null, is not stored after all: the next close of each writing handle
+  // has to see to it.
   void noteChange(const GMUserData& userData) EXCLUDES(iLock);
-  // A handle of the removed file that the kernel knows by that number; 0 when there is none. Cheap when no
-  // removed file is open.
+  // A handle of the removed file that the kernel knew by that number when it was removed; 0 when there is
+  // none. Takes no lock when no removed file is open.
   uint64_t handleOfRemovedNode(uint64_t nodeID) const EXCLUDES(iLock);
 
   // Whether the pages that the kernel keeps of the file at `path` came from this open-file object and are
@@ -139,8 +146,11 @@ class HandleTable {
 
  private:
   std::shared_ptr<OpenItem> findItem(std::string_view path, const GMUserData& userData) const REQUIRES(iLock);
+  std::shared_ptr<OpenItem> addItem(const std::string& path, const GMUserData& userData) REQUIRES(iLock);
   static void count(OpenHandle& handle);
-  void dropItem(const std::shared_ptr<OpenHandle>& handle) REQUIRES(iLock);
+  // Takes the share of a handle that goes out of its item, and the item out with its last one.
+  void dropHandle(const OpenHandle& handle) REQUIRES(iLock);
+  void dropItem(const std::shared_ptr<OpenItem>& item) REQUIRES(iLock);
   void dropLastOpen(std::string_view path) REQUIRES(iLock);
   void pruneLastOpens() REQUIRES(iLock);
 
@@ -149,6 +159,9 @@ class HandleTable {
   uint64_t iLastIdentifier GUARDED_BY(iLock) = 0;
   std::map<uint64_t, std::shared_ptr<OpenHandle>> iHandles GUARDED_BY(iLock);
   mutable PathMap<std::weak_ptr<OpenItem>> iItems GUARDED_BY(iLock);
+  // The items with a handle in the table: all, and those of removed files by the kernel's numbers of them.
+  std::unordered_multimap<const GMOpenFile*, const OpenItem*> iItemsOfFiles GUARDED_BY(iLock);
+  std::unordered_multimap<uint64_t, const OpenItem*> iRemoved GUARDED_BY(iLock);
   PathMap<std::weak_ptr<GMOpenFile>> iLastOpens GUARDED_BY(iLock);
   size_t iPruneAt GUARDED_BY(iLock) = 1024;
 };

@@ -1,7 +1,9 @@
 // The tables of open files and of folders.
 #include <gtest/gtest.h>
+#include <time.h>  // NOLINT: clock_gettime
 
 #include <algorithm>
+#include <functional>
 
 #include "platform/userfs/FolderTable.h"
 #include "platform/userfs/HandleTable.h"
@@ -11,6 +13,21 @@ namespace ombra {
 namespace {
 
 GMUserData newFile() { return std::make_shared<GMOpenFile>(); }
+
+// The processor time of some work. The least of a few measurements: what disturbs makes it only longer.
+double secondsOfThread(const std::function<void()>& work) {
+  double least = 1e9;
+  for (int round = 0; round < 5; ++round) {
+    timespec before{};
+    timespec after{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &before);
+    work();
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &after);
+    least = std::min(least, static_cast<double>(after.tv_sec - before.tv_sec) +
+                                static_cast<double>(after.tv_nsec - before.tv_nsec) * 1e-9);
+  }
+  return least;
+}
 
 TEST(PathMap, ASubtreeIsWhatBeginsWithThePathAndASlash) {
   PathMap<int> map;
@@ -100,6 +117,88 @@ TEST(HandleTable, ARemovedFileIsFoundByItsNumberUntilItIsReleased) {
   EXPECT_EQ(table.handleOfRemovedNode(6), 0u);
   table.remove(handle->identifier);
   EXPECT_EQ(table.handleOfRemovedNode(5), 0u);
+}
+
+TEST(HandleTable, ARemovedFileIsFoundByAnyOfItsHandlesThatIsLeft) {
+  HandleTable table;
+  const auto file = newFile();
+  const auto first = table.add("/a", file, FileAccess::kBoth, 0, 5);
+  const auto second = table.add("/a", file, FileAccess::kReads, 0, 5);
+  table.markRemoved("/a", {});
+  table.remove(first->identifier);
+  EXPECT_EQ(table.handleOfRemovedNode(5), second->identifier);
+  table.remove(second->identifier);
+  EXPECT_EQ(table.handleOfRemovedNode(5), 0u);
+}
+
+TEST(HandleTable, OfTwoRemovedFilesOfOneNumberTheOneThatIsStillOpenIsFound) {
+  HandleTable table;
+  const auto first = table.add("/a", newFile(), FileAccess::kBoth, 0, 5);
+  const auto second = table.add("/a", newFile(), FileAccess::kBoth, 0, 5);
+  table.markRemoved("/a", {});
+  table.remove(first->identifier);
+  EXPECT_EQ(table.handleOfRemovedNode(5), second->identifier);
+}
+
+TEST(HandleTable, ANumberThatIsLearnedAfterTheRemovalLeavesNothingBehind) {
+  HandleTable table;
+  const auto handle = table.add("/a", newFile(), FileAccess::kBoth, 0, 0);
+  const auto other = table.add("/b", newFile(), FileAccess::kBoth, 0, 6);
+  table.markRemoved("/a", {});
+  table.markRemoved("/b", {});
+  handle->item->setNodeID(5);
+  table.remove(handle->identifier);
+  EXPECT_EQ(table.handleOfRemovedNode(5), 0u);
+  EXPECT_EQ(table.handleOfRemovedNode(0), 0u);
+  EXPECT_EQ(table.handleOfRemovedNode(6), other->identifier);
+}
+
+TEST(HandleTable, AChangeOfAFileIsNotedForEachOfItsHandlesThatWrites) {
+  HandleTable table;
+  const auto file = newFile();
+  const auto writer = table.add("/a", file, FileAccess::kWrites, 0, 5);
+  const auto both = table.add("/a", file, FileAccess::kBoth, 0, 5);
+  const auto reader = table.add("/a", file, FileAccess::kReads, 0, 5);
+  const auto closed = table.add("/a", file, FileAccess::kBoth, 0, 5);
+  const auto other = table.add("/b", newFile(), FileAccess::kBoth, 0, 6);
+  table.remove(closed->identifier);
+  table.noteChange(file);
+  EXPECT_TRUE(writer->hasUnstored());
+  EXPECT_TRUE(both->hasUnstored());
+  for (const auto& handle : {reader, closed, other}) EXPECT_FALSE(handle->hasUnstored());
+}
+
+TEST(HandleTable, AChangeIsAlsoNotedWhereAFileIsOpenAtTwoPathsOrRemoved) {
+  HandleTable table;
+  const auto file = newFile();
+  const auto removed = table.add("/a", file, FileAccess::kBoth, 0, 5);
+  table.markRemoved("/a", {});
+  const auto beside = table.add("/b", file, FileAccess::kBoth, 0, 6);
+  table.noteChange(file);
+  EXPECT_TRUE(removed->hasUnstored());
+  EXPECT_TRUE(beside->hasUnstored());
+}
+
+TEST(HandleTable, WhatConcernsOneFileCostsNoMoreWhereTenThousandAreOpen) {
+  const auto secondsAmong = [](int files) {
+    HandleTable table;
+    const auto file = newFile();
+    const auto removed = table.add("/removed", newFile(), FileAccess::kBoth, 0, 1);
+    for (int i = 0; i < files; ++i) {
+      table.add("/" + std::to_string(i), newFile(), FileAccess::kBoth, 0, 10u + static_cast<unsigned>(i));
+    }
+    table.add("/last", file, FileAccess::kBoth, 0, 2);
+    table.markRemoved("/removed", {});
+    return secondsOfThread([&] {
+      for (int i = 0; i < 200; ++i) {
+        table.noteChange(file);
+        ASSERT_EQ(table.handleOfRemovedNode(1), removed->identifier);
+        ASSERT_EQ(table.handleOfRemovedNode(3), 0u);
+      }
+    });
+  };
+  const double few = secondsAmong(10);
+  EXPECT_LT(secondsAmong(10000), 20 * few) << "a walk over all takes about a thousand times as long";
 }
 
 TEST(HandleTable, ANewFileAtThePathOfARemovedOneIsAnother) {
