@@ -1,7 +1,7 @@
 #include "platform/userfs/ProcessOfThread.h"
 
 #include <fcntl.h>
-#include <signal.h>  // NOLINT: kill
+#include <signal.h>  // NOLINT: tgkill
 #include <unistd.h>
 
 #include <array>
@@ -12,7 +12,18 @@
 
 namespace ombra {
 
+namespace {
+
+// Signal 0 asks only. A thread that may not be sent one is there as well.
+bool hasThread(pid_t process, pid_t thread) { return ::tgkill(process, thread, 0) == 0 || errno == EPERM; }
+
+}  // namespace
+
+bool isThreadOf(pid_t thread, pid_t process) { return thread == process || hasThread(process, thread); }
+
 pid_t processOfThread(pid_t thread) {
+  // The first thread of a process has its number.
+  if (hasThread(thread, thread)) return thread;
   const int file = ::open(("/proc/" + std::to_string(thread) + "/status").c_str(), O_RDONLY | O_CLOEXEC);
   if (file < 0) return thread;
   std::array<char, 1024> buffer{};
@@ -27,8 +38,5 @@ pid_t processOfThread(pid_t thread) {
   std::from_chars(text.data() + at + kKey.size(), text.data() + text.size(), process);
   return process;
 }
-
-// Signal 0 asks only; a process of another user is there as well.
-bool processLives(pid_t process) { return ::kill(process, 0) == 0 || errno != ESRCH; }
 
 }  // namespace ombra

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/foundation/NSLog.h"
+#include "platform/foundation/ProcessEnd.h"
 #include "platform/userfs/NumberTranslation.h"
 #include "platform/userfs/ProcessOfThread.h"
 #include "platform/userfs/RequestContext.h"
@@ -142,9 +143,9 @@ int Volume::flush(uint64_t identifier, pid_t process) {
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
   if (!handle->hasUnstored()) return 0;
-  const bool isOther = handle->opener != 0 && process != 0 && processOfThread(process) != handle->opener;
+  const bool isOther = handle->opener != 0 && process != 0 && !isThreadOf(process, handle->opener);
   // Where the opener is gone there is nobody else to tell.
-  if (isOther && processLives(handle->opener)) return 0;
+  if (isOther && !processHasEnded(handle->opener)) return 0;
   return synchronizeHandle(*handle);
 }
 

@@ -159,9 +159,20 @@ TEST_F(VolumeStoring, WhoClosesIsToldWhenTheProcessThatOpenedIsGone) {
   iFiles.failWith("synchronize", kEIO);
   EXPECT_EQ(iVolume->flush(file, getpid()), 0) << "the opener lives and will close its own";
   kill(opener, SIGKILL);
+  siginfo_t end{};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(opener), &end, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(iVolume->flush(file, getpid()), -EIO) << "not collected yet";
   int status = 0;
   ASSERT_EQ(waitpid(opener, &status, 0), opener);
   EXPECT_EQ(iVolume->flush(file, getpid()), -EIO);
+}
+
+TEST_F(VolumeStoring, AnotherThreadOfTheProcessThatOpenedIsTold) {
+  const uint64_t file = create("/a", getpid());
+  ASSERT_EQ(write(file), 1);
+  iFiles.failWith("synchronize", kEIO);
+  const auto flush = [&] { return iVolume->flush(file, gettid()); };
+  EXPECT_EQ(std::async(std::launch::async, flush).get(), -EIO);
 }
 
 TEST_F(VolumeStoring, ARemovalThatIsRefusedSendsWhatItHeldUp) {
