@@ -82,21 +82,8 @@ MountOptions MountOptions::parse(const std::vector<std::string>& options, Permis
   RedirectOptions redirect;
   std::vector<std::string> ofRedirect;
   for (const std::string& option : options) {
-    if (const auto fsname = valueOf(option, "fsname")) {
-      parsed.fsname = cleanedOptionValue(*fsname);
-    } else if (const auto volname = valueOf(option, "volname")) {
-      parsed.volumeName = std::string(*volname);
-    } else if (option == "debug") {
-      parsed.debug = true;
-    } else if (option == "allow_root") {
-      parsed.allowRoot = true;
-    } else if (option == "jail_symlinks") {
-      parsed.jailSymlinks = true;
-    } else if (option == "native_xattr") {
-      parsed.nativeXattr = true;
-    } else if (option == "modules=redirect") {
-      parsed.redirect.emplace();
-    } else if (takeRedirectOption(option, &redirect)) {
+    if (parsed.take(option)) continue;
+    if (takeRedirectOption(option, &redirect)) {
       ofRedirect.push_back(option);
     } else if (isIgnored(option)) {
       parsed.ignored.push_back(option);
@@ -121,6 +108,27 @@ MountOptions MountOptions::parse(const std::vector<std::string>& options, Permis
   }
   if (parsed.fsname.empty()) parsed.fsname = MountOptions().fsname;
   return parsed;
+}
+
+bool MountOptions::take(std::string_view option) {
+  if (const auto name = valueOf(option, "fsname")) {
+    fsname = cleanedOptionValue(*name);
+  } else if (const auto shown = valueOf(option, "volname")) {
+    volumeName = std::string(*shown);
+  } else if (option == "debug") {
+    debug = true;
+  } else if (option == "allow_root") {
+    allowRoot = true;
+  } else if (option == "jail_symlinks") {
+    jailSymlinks = true;
+  } else if (option == "native_xattr") {
+    nativeXattr = true;
+  } else if (option == "modules=redirect") {
+    redirect.emplace();
+  } else {
+    return false;
+  }
+  return true;
 }
 
 }  // namespace ombra

@@ -31,9 +31,14 @@ struct MountOptions {
     bool isRoot = false;
     bool userAllowOther = false;
   };
+  // Never fails: what is not known, not permitted or not complete is left out, and the log says so.
   static MountOptions parse(const std::vector<std::string>& options, Permission permission);
   // What is true of this process; reads `fuseConf`.
   static Permission permission(const char* fuseConf = "/etc/fuse.conf");
+
+ private:
+  // False for an option that is not one of the volume's own.
+  bool take(std::string_view option);
 };
 
 // Whether the text of a fuse.conf has the line "user_allow_other".
