@@ -51,9 +51,15 @@ std::optional<std::string> FTPSession::identity(const std::vector<FTPReply>& rep
 // Before anything is added to what was there: it must still be the same file, and have more to give.
 bool FTPSession::mayGoOn(std::string_view path, uint64_t offset, std::string* version,
                          std::optional<uint64_t>* size, NSErrorRef* error) {
+  std::vector<std::string> questions = questionsAbout(path);
+  // MLST may have told of a link itself.
+  if (features().mlst) questions.push_back("SIZE " + std::string(path));
   std::vector<FTPReply> replies;
-  if (!askAll(questionsAbout(path), &replies, error)) return false;
+  if (!askAll(questions, &replies, error)) return false;
+  const std::optional<uint64_t> followed = features().mlst ? sizeOfReply(replies.back()) : std::nullopt;
+  if (features().mlst) replies.pop_back();
   const auto present = identity(replies, size);
+  if (followed) *size = followed;
   const bool isOther = version != nullptr && !version->empty() && present && *present != *version;
   if (isOther || (*size && **size < offset)) {
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, path));
@@ -83,7 +89,8 @@ bool FTPSession::download(std::string_view path, NSFileHandle& to, uint64_t offs
       const auto present = identity(begun.before, &size);
       if (version != nullptr) *version = present.value_or("");
     }
-    return receiveFile(*begun.transfer, to, offset, size, control, reason);
+    uint64_t reached = offset;
+    return receiveFile(*begun.transfer, to, &reached, control, reason) && isAll(path, reached, size, reason);
   };
   NSErrorRef reason;
   if (carryOut(request, receive, &reason)) return true;
@@ -91,25 +98,33 @@ bool FTPSession::download(std::string_view path, NSFileHandle& to, uint64_t offs
   return false;
 }
 
-bool FTPSession::receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t offset,
-                             std::optional<uint64_t> size, TransferControl& control, NSErrorRef* error) {
+bool FTPSession::receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t* reached,
+                             TransferControl& control, NSErrorRef* error) {
   const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kDownloadPiece);
-  uint64_t reached = offset;
   while (true) {
     size_t count = 0;
     if (!transfer.receive(buffer.get(), kDownloadPiece, &count, error)) return false;
-    if (count == 0) break;
-    if (!to.writeAll(buffer.get(), count, reached)) {
+    if (count == 0) return finish(transfer, error);
+    if (!to.writeAll(buffer.get(), count, *reached)) {
       storeError(error, QuarnKitError::errorWithCode(kQuarnKitLocalFailure, {},
                                                      NSError::errorWithDomain(NSPOSIXErrorDomain, errno)));
       return false;
     }
-    reached += count;
-    control.progress(reached);
+    *reached += count;
+    control.progress(*reached);
   }
-  if (!finish(transfer, error)) return false;
-  // Under TLS an end that the server did not tell may be somebody else's work; the length says whether.
-  if (transfer.endIsCertain() || !size || reached >= *size) {
+}
+
+// An end that comes early may be the work of somebody on the way, or the file has been cut off meanwhile.
+bool FTPSession::isAll(std::string_view path, uint64_t reached, std::optional<uint64_t> told,
+                       NSErrorRef* error) {
+  if (told && reached < *told && features().mlst) {
+    // MLST may have told of a link itself.
+    const auto reply = iControl.ask("SIZE " + std::string(path), error);
+    if (!reply) return false;
+    told = sizeOfReply(*reply).value_or(*told);
+  }
+  if (!told || reached >= *told) {
     askForPort();
     return true;
   }

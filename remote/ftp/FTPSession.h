@@ -163,8 +163,12 @@ class FTPSession final : public Session {
                                              std::optional<uint64_t>* size);
   bool mayGoOn(std::string_view path, uint64_t offset, std::string* version, std::optional<uint64_t>* size,
                NSErrorRef* error);
-  bool receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t offset, std::optional<uint64_t> size,
-                   TransferControl& control, NSErrorRef* error);
+  // Adds what comes to the handle, from `reached` on.
+  bool receiveFile(FTPTransfer& transfer, NSFileHandle& to, uint64_t* reached, TransferControl& control,
+                   NSErrorRef* error);
+  // Whether the file that was received up to there is as long as was told before; the session is lost where
+  // it is not.
+  bool isAll(std::string_view path, uint64_t reached, std::optional<uint64_t> told, NSErrorRef* error);
   bool sendFile(FTPTransfer& transfer, const NSFileHandle& from, uint64_t length, TransferControl& control,
                 NSErrorRef* error);
   bool sendStream(const std::function<size_t(std::byte*, size_t)>& next, FTPTransfer& transfer,

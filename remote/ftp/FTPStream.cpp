@@ -38,7 +38,6 @@ FTPStream::Outcome FTPStream::outcomeOfTLS(int result) {
       iEvents = POLLOUT;
       return Outcome::kWait;
     case SSL_ERROR_ZERO_RETURN:
-      iEndWasTold = true;
       return Outcome::kEnd;
     case SSL_ERROR_SYSCALL:
       iIsBroken = true;

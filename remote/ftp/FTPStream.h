@@ -28,10 +28,7 @@ class FTPStream {
   int descriptor() const { return iSocket; }
   short events() const { return iEvents; }
   const std::string& problem() const { return iProblem; }
-  bool isEncrypted() const { return iTLS != nullptr; }
   SSL* tls() const { return iTLS.get(); }
-  // Under TLS: the other side said that this is the end, so that nobody has cut it short.
-  bool endWasTold() const { return iEndWasTold; }
 
   // From here on under TLS; `handshake` is called until it is done.
   void encrypt(SSLHandle tls);
@@ -52,7 +49,6 @@ class FTPStream {
   const int iSocket;
   SSLHandle iTLS;
   short iEvents = 0;
-  bool iEndWasTold = false;
   bool iIsBroken = false;
   std::string iProblem;
 };

@@ -67,8 +67,6 @@ class FTPTransfer {
   const std::optional<FTPReply>& reply() const { return iFinal; }
   // The server has taken the data connection into use.
   bool hasStarted() const { return iHasStarted; }
-  // What was received ended where the server meant it to end.
-  bool endIsCertain() const { return iStream == nullptr || !iStream->isEncrypted() || iStream->endWasTold(); }
   // Whoever gives the bytes took its time: the server is not to blame for the silence.
   void touch() { iLastTraffic = std::chrono::steady_clock::now(); }
 

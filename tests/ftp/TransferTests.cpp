@@ -214,6 +214,39 @@ TEST_F(FTPTransfers, DataThatAreCutOffAreALostConnectionAndWhatArrivedIsKept) {
   EXPECT_EQ(control.reached.back(), 3u);
 }
 
+// It says that this was all, but has told of more before.
+TEST_F(FTPTransfers, AnEndBeforeTheLengthThatWasToldIsALostConnection) {
+  logIn();
+  server.putFile("/file", "whole");
+  server.send("RETR /file", "who", FakeFTPServer::End::kClosed);
+  EXPECT_FALSE(download("/file").has_value());
+  EXPECT_TRUE(failedWith(kQuarnKitConnectionLost));
+  session = newSession();
+  ASSERT_NE(session, nullptr);
+  server.send("RETR /file", "le", FakeFTPServer::End::kClosed);
+  EXPECT_EQ(download("/file", 3), "le");
+}
+
+// As some servers do: the length and the date that MLST tells are those of the link.
+TEST_F(FTPTransfers, ALinkWhoseOwnLengthIsToldArrivesAndGoesOn) {
+  logIn();
+  server.putFile("/short", "whole");
+  server.answer("MLST /short", {"250-Begin\r\n type=file;size=11; /short\r\n250 End\r\n"});
+  EXPECT_EQ(download("/short"), "whole");
+  server.putFile("/long", "0123456789");
+  server.answer("MLST /long", {"250-Begin\r\n type=file;size=3; /long\r\n250 End\r\n"});
+  version.clear();
+  EXPECT_EQ(download("/long"), "0123456789");
+  EXPECT_EQ(download("/long", 4), "456789");
+}
+
+TEST_F(FTPTransfers, AFileThatHasGrownSinceItsLengthWasToldArrivesWhole) {
+  logIn();
+  server.putFile("/file", "whole");
+  server.send("RETR /file", "whole and more", FakeFTPServer::End::kClosed);
+  EXPECT_EQ(download("/file"), "whole and more");
+}
+
 TEST_F(FTPTransfers, AResetDataConnectionIsALostConnection) {
   logIn();
   server.putFile("/file", "whole");
