@@ -17,6 +17,35 @@ LinkResolution resolutionTo(std::string path, const std::optional<SFTPAttributes
   return resolution;
 }
 
+// The names of a way that are still to come.
+class NamesToCome {
+ public:
+  // Those of `path` come first.
+  void prepend(std::string_view path) {
+    std::vector<std::string> names;
+    while (!path.empty()) {
+      const size_t end = path.find('/');
+      if (end != 0) names.emplace_back(path.substr(0, end));
+      path = end == std::string_view::npos ? std::string_view() : path.substr(end + 1);
+    }
+    for (const std::string& name : names) iLength += 1 + name.size();
+    iNames.insert(iNames.end(), names.rbegin(), names.rend());
+  }
+  std::string takeNext() {
+    std::string name = std::move(iNames.back());
+    iNames.pop_back();
+    iLength -= 1 + name.size();
+    return name;
+  }
+  bool empty() const { return iNames.empty(); }
+  // As a path.
+  size_t length() const { return iLength; }
+
+ private:
+  std::vector<std::string> iNames;  // the next one last
+  size_t iLength = 0;
+};
+
 }  // namespace
 
 SFTPSession::LinkQuestion SFTPSession::askLink(std::string path, size_t entry) {
@@ -92,33 +121,18 @@ std::optional<LinkResolution> SFTPSession::resolveLink(std::string_view path, NS
   return walkLink(path, error);
 }
 
-// Follows component by component, as the kernel would. The names that are still to come stand in `rest`, next
-// one last.
+// Follows name by name, as the kernel would.
 std::optional<LinkResolution> SFTPSession::walkLink(std::string_view path, NSErrorRef* error) {
-  std::vector<std::string> rest;
-  size_t restLength = 0;
-  const auto push = [&rest, &restLength](std::string_view text) {
-    std::vector<std::string> components;
-    while (!text.empty()) {
-      const size_t end = text.find('/');
-      if (end != 0) components.emplace_back(text.substr(0, end));
-      text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
-    }
-    for (const std::string& component : components) restLength += 1 + component.size();
-    rest.insert(rest.end(), components.rbegin(), components.rend());
-  };
-  push(path);
+  NamesToCome rest;
+  rest.prepend(path);
   std::string reached;
   for (int links = 0; !rest.empty();) {
-    if (reached.size() + restLength > kMaximumPathLength) return LinkResolution{};
-    const std::string component = std::move(rest.back());
-    rest.pop_back();
-    restLength -= 1 + component.size();
-    const std::string next = normalRemotePath(reached + "/" + component);
+    if (reached.size() + rest.length() > kMaximumPathLength) return LinkResolution{};
+    const std::string name = rest.takeNext();
+    const std::string next = normalRemotePath(reached + "/" + name);
     NSErrorRef reason;
-    const auto target = component == ".." || component == "."
-                            ? std::optional<std::string>()
-                            : waitName(iRequests.readlink(next), next, &reason);
+    const auto target = name == ".." || name == "." ? std::optional<std::string>()
+                                                    : waitName(iRequests.readlink(next), next, &reason);
     if (iChannel.failure()) {
       storeError(error, iChannel.failure());
       return std::nullopt;
@@ -129,7 +143,7 @@ std::optional<LinkResolution> SFTPSession::walkLink(std::string_view path, NSErr
     }
     if (++links > kMostLinksOnTheWay) return LinkResolution{};
     if (target->starts_with('/')) reached.clear();
-    push(*target);
+    rest.prepend(*target);
   }
   const std::string final = reached.empty() ? "/" : reached;
   const auto present = lookAt(final);
