@@ -13,6 +13,7 @@ class LocalEngine final : public Engine {
   explicit LocalEngine(bool inPlace) : iInPlace(inPlace) {}
   uint32_t protocol() const override { return kProtocolFile; }
   bool supportsUploadByteOffset() const override { return iInPlace; }
+  bool keepsNamesOfNewItems() const override { return true; }
   int sessionCap() const override { return kSessionCap; }
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override {
     return std::make_unique<LocalSession>(environment);
