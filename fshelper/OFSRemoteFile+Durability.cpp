@@ -127,41 +127,50 @@ bool OFSRemoteFile::locked_synchronize(StAbstractConnection& holder, NSErrorRef*
   // Asked once the running transfer has ended: until then it may still put in doubt what was confirmed.
   locked_waitUntilIdle();
   uint64_t wanted = iLocalGeneration;
-  while (true) {
+  Attempt attempt = Attempt::kUndecided;
+  while (attempt == Attempt::kUndecided) {
     locked_waitUntilIdle();
     if (iAbandoned) return true;
-    if (iConfirmedGeneration >= wanted) {
-      if (locked_finishInPlace(holder, nullptr)) return true;
-      if (iSuperseded) return locked_failSuperseded(error);
+    const bool isConfirmed = iConfirmedGeneration >= wanted;
+    if (isConfirmed && locked_finishInPlace(holder, nullptr)) return true;
+    if (iSuperseded) return locked_failSuperseded(error);
+    if (isConfirmed) {
       // The server has refused what it had been sent. One more way is left: the whole file anew.
       locked_doubtServer();
       wanted = iLocalGeneration;
     }
-    if (iSuperseded) return locked_failSuperseded(error);
-    if (iFileHandle == nullptr || iContentFailed) break;
-    iBytesAvailable = 0;
-    iBytesRequired = iFileHandle->fileLength();
-    iNeedsFlush = true;
-    Epoch epoch = 0;
-    try {
-      epoch = locked_startUpload();
-    } catch (const KCException& exception) {
-      OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
-      break;
-    }
-    locked_waitForEpoch(epoch);
-    if (iConfirmedGeneration >= wanted) {
-      if (locked_isSettledInPlace()) return true;
-      // Sent from the cache file itself, for want of room for a copy: the server has yet to close it. Not
-      // tried once more when that fails, which would have no end where every close is refused.
-      NSErrorRef failure;
-      if (locked_finishInPlace(holder, &failure)) return true;
-      locked_doubtServer();
-      iLastError = std::move(failure);
-      break;
-    }
-    if (iEpoch == epoch && iLastError != nullptr) break;
+    attempt = locked_storeWholeFile(holder, wanted);
   }
+  return attempt == Attempt::kStored || locked_failSynchronization(error);
+}
+
+OFSRemoteFile::Attempt OFSRemoteFile::locked_storeWholeFile(StAbstractConnection& holder, uint64_t wanted) {
+  if (iFileHandle == nullptr || iContentFailed) return Attempt::kFailed;
+  iBytesAvailable = 0;
+  iBytesRequired = iFileHandle->fileLength();
+  iNeedsFlush = true;
+  Epoch epoch = 0;
+  try {
+    epoch = locked_startUpload();
+  } catch (const KCException& exception) {
+    OFS_TRACE_MESSAGE("{} {}", exception.reason(), remotePath());
+    return Attempt::kFailed;
+  }
+  locked_waitForEpoch(epoch);
+  if (iConfirmedGeneration < wanted) {
+    return iEpoch == epoch && iLastError != nullptr ? Attempt::kFailed : Attempt::kUndecided;
+  }
+  if (locked_isSettledInPlace()) return Attempt::kStored;
+  // Sent from the cache file itself, for want of room for a copy: the server has yet to close it. Not tried
+  // once more when that fails, which would have no end where every close is refused.
+  NSErrorRef failure;
+  if (locked_finishInPlace(holder, &failure)) return Attempt::kStored;
+  locked_doubtServer();
+  iLastError = std::move(failure);
+  return Attempt::kFailed;
+}
+
+bool OFSRemoteFile::locked_failSynchronization(NSErrorRef* error) {
   // Told here; no later write need be told again.
   iUnreportedError.reset();
   iRefusal = !iContentFailed && isRefusal(iLastError) ? iLastError : nullptr;

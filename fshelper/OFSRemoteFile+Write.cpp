@@ -61,12 +61,7 @@ int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buff
     const SettleWaiter waiter(*this);
     locked_waitUntilIdle();
   }
-  const ssize_t count = OFSRemoteFileLocalCalls::current().pwrite(iFileHandle->fileDescriptor(), buffer,
-                                                                  std::min<size_t>(size, INT_MAX), offset);
-  if (count == -1 && errno != EINTR) {
-    const int failure = errno;
-    OFS_RAISE(kWrite, "pwrite failed, errno = {} ({})", failure, kc_strerror(failure));
-  }
+  const ssize_t count = locked_writeCacheFile(buffer, size, offset);
   // Nothing was written (an interrupted call is told without an error: intended), so there is nothing to
   // send. A stream of nothing would even empty the file on the server.
   if (count <= 0) return static_cast<int>(count);
@@ -77,21 +72,33 @@ int OFSRemoteFile::locked_write(AbstractConnection& connection, const void* buff
   locked_noteLocalChange(begin);
   if (locked_sendsNothing()) return static_cast<int>(count);
   if (inPlace) {
-    iFileHandle->synchronizeFile();
-    // The lock is held until this piece is on its way.
-    const NSFileHandle::RecentWrite recent(*iFileHandle, buffer, {begin, begin + length});
-    iTransfer.beginPiece();
-    locked_uploadWithConnection(connection, begin);
-    iTransfer.endPiece(length);
-    locked_setState(kOFSSettled);
-    iCondition.broadcast();
-    return static_cast<int>(count);
+    locked_sendInPlace(connection, buffer, {begin, begin + length});
+  } else if (!gStreamingSupported || !locked_streamBytes(buffer, length, begin, iLocalGeneration)) {
+    if (gUploadingSupported) locked_uploadPendingLength(length, begin);
   }
-  if (gStreamingSupported && locked_streamBytes(buffer, length, begin, iLocalGeneration)) {
-    return static_cast<int>(count);
-  }
-  if (gUploadingSupported) locked_uploadPendingLength(length, begin);
   return static_cast<int>(count);
+}
+
+ssize_t OFSRemoteFile::locked_writeCacheFile(const void* buffer, size_t size, int64_t offset) {
+  const ssize_t count = OFSRemoteFileLocalCalls::current().pwrite(iFileHandle->fileDescriptor(), buffer,
+                                                                  std::min<size_t>(size, INT_MAX), offset);
+  if (count == -1 && errno != EINTR) {
+    const int failure = errno;
+    OFS_RAISE(kWrite, "pwrite failed, errno = {} ({})", failure, kc_strerror(failure));
+  }
+  return count;
+}
+
+void OFSRemoteFile::locked_sendInPlace(AbstractConnection& connection, const void* buffer,
+                                       FileExtent extent) {
+  iFileHandle->synchronizeFile();
+  // The lock is held until this piece is on its way.
+  const NSFileHandle::RecentWrite recent(*iFileHandle, buffer, extent);
+  iTransfer.beginPiece();
+  locked_uploadWithConnection(connection, extent.begin);
+  iTransfer.endPiece(extent.end - extent.begin);
+  locked_setState(kOFSSettled);
+  iCondition.broadcast();
 }
 
 void OFSRemoteFile::locked_failWrite(const KCException& exception, NSErrorRef* error) {

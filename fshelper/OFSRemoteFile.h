@@ -271,8 +271,7 @@ class OFSRemoteFile final : public GMOpenFile,
 
   // --- streaming
   // `generation` is that of the write. True when the stream took the bytes; false when it could not be
-  // started
-  // ("stream fallback").
+  // started ("stream fallback").
   bool locked_streamBytes(const void* bytes, uint64_t length, uint64_t offset, uint64_t generation)
       REQUIRES(iCondition);
   uint64_t locked_streamWorkLength() const REQUIRES(iCondition);
@@ -294,6 +293,11 @@ class OFSRemoteFile final : public GMOpenFile,
 
   // --- writes and uploads
   int locked_write(AbstractConnection& connection, const void* buffer, size_t size, int64_t offset)
+      REQUIRES(iCondition);
+  // The count of bytes that the cache file took; raises when the system refuses.
+  ssize_t locked_writeCacheFile(const void* buffer, size_t size, int64_t offset) REQUIRES(iCondition);
+  // Hands bytes that the cache file has taken to the server, at their place in the file there.
+  void locked_sendInPlace(AbstractConnection& connection, const void* buffer, FileExtent extent)
       REQUIRES(iCondition);
   void locked_awaitTurnToWrite() REQUIRES(iCondition);
   void locked_awaitTurnToTruncate(int64_t offset) REQUIRES(iCondition);
@@ -337,6 +341,13 @@ class OFSRemoteFile final : public GMOpenFile,
   // After each change of the ledger: shows it on the record.
   void locked_publishLedger() REQUIRES(iCondition);
   bool locked_synchronize(StAbstractConnection& holder, NSErrorRef* error) REQUIRES(iCondition);
+  // What came of one upload of the whole file. Undecided when a writer has ended it, or another one has sent
+  // the file meanwhile.
+  enum class Attempt { kStored, kUndecided, kFailed };
+  // Uploads the whole file once; stored when that, or what came meanwhile, has covered `wanted`.
+  Attempt locked_storeWholeFile(StAbstractConnection& holder, uint64_t wanted) REQUIRES(iCondition);
+  // Reports the last error. Always false.
+  bool locked_failSynchronization(NSErrorRef* error) REQUIRES(iCondition);
   bool locked_sendsNothing() const REQUIRES(iCondition) { return iAbandoned || iSuperseded; }
   void locked_stopSending() REQUIRES(iCondition);
   bool locked_failSuperseded(NSErrorRef* error) REQUIRES(iCondition);
