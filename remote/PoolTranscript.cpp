@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "platform/foundation/NSUnarchiver.h"
+#include "remote/TranscriptText.h"
 
 namespace ombra {
 namespace {
@@ -28,7 +29,15 @@ TranscriptSink::TranscriptSink(const KCCredentials& credentials) {
 }
 
 void TranscriptSink::addSecret(std::string_view secret) {
-  if (secret.size() >= kShortestMaskedSecret) iSecrets.emplace_back(secret);
+  if (secret.size() < kShortestMaskedSecret) return;
+  iSecrets.emplace_back(secret);
+  // What it looks like on a line, made in its place.
+  std::string& visible = iSecrets.emplace_back();
+  visible.reserve(4 * secret.size());
+  for (const char character : secret) appendVisibly(character, &visible);
+  if (visible != secret) return;
+  wipe(visible);
+  iSecrets.pop_back();
 }
 
 TranscriptSink::~TranscriptSink() {

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "remote/TranscriptText.h"
+
 namespace ombra {
 
 bool isTranscriptVerbose(const SessionEnvironment& environment) {
@@ -10,13 +12,8 @@ bool isTranscriptVerbose(const SessionEnvironment& environment) {
 
 void appendRemark(SessionTranscript& transcript, std::string_view text) {
   while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
-  std::string line = "* ";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    line += byte < 0x20 || byte == 0x7f ? '?' : c;
-  }
   // Nobody has sent it: it is told with what came.
-  transcript.append(line + "\n", false);
+  transcript.append("* " + visibleText(text) + "\n", false);
 }
 
 }  // namespace ombra

@@ -9,8 +9,8 @@ namespace ombra {
 
 // Whether the user wants it, and somebody keeps the transcript.
 bool isTranscriptVerbose(const SessionEnvironment& environment);
-// Appends a remark: a line that begins with "* ". Control characters, which could forge further lines, are
-// replaced.
+// Appends a remark: a line that begins with "* ", without the line end that `text` may have. Control
+// characters are made visible.
 void appendRemark(SessionTranscript& transcript, std::string_view text);
 
 }  // namespace ombra

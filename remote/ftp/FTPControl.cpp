@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "remote/TranscriptText.h"
 #include "remote/VerboseTranscript.h"
 #include "remote/ftp/FTPErrors.h"
 #include "remote/net/TCPConnector.h"
@@ -29,21 +30,6 @@ constexpr size_t kReceiveSize = 16 * 1024;
 void acknowledge(int socket) {
   const int one = 1;
   setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &one, sizeof(one));
-}
-
-// A line for the transcript: no control characters, which could forge further lines.
-std::string transcriptLine(std::string_view text) {
-  std::string line;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      constexpr std::string_view kDigits = "0123456789abcdef";
-      line.append("\\x").append({kDigits[byte >> 4], kDigits[byte & 15]});
-    } else {
-      line += c;
-    }
-  }
-  return line + "\n";
 }
 
 }  // namespace
@@ -114,7 +100,7 @@ void FTPControl::queue(std::string_view command, std::string_view shown) {
   iOutgoing.append(command).append("\r\n");
   iExpected.push_back(Fate::kWanted);
   if (!iEnvironment.transcript->isEnabled()) return;
-  iEnvironment.transcript->append(transcriptLine(masked(shown.empty() ? command : shown)), true);
+  iEnvironment.transcript->append(visibleText(masked(shown.empty() ? command : shown)) + "\n", true);
 }
 
 void FTPControl::abandon() {
@@ -141,7 +127,7 @@ void FTPControl::tell(const FTPReply& reply) {
   std::string text;
   for (size_t i = 0; i < reply.lines.size(); ++i) {
     const bool isLast = i + 1 == reply.lines.size();
-    text += transcriptLine(std::to_string(reply.code) + (isLast ? " " : "-") + masked(reply.lines[i]));
+    text += std::to_string(reply.code) + (isLast ? " " : "-") + visibleText(masked(reply.lines[i])) + "\n";
   }
   iEnvironment.transcript->append(text, false);
 }

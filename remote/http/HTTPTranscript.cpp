@@ -1,8 +1,10 @@
 #include "remote/http/HTTPTranscript.h"
-#include "remote/http/HTTPText.h"
 
 #include <algorithm>
 #include <array>
+
+#include "remote/TranscriptText.h"
+#include "remote/http/HTTPText.h"
 
 namespace ombra {
 
@@ -40,15 +42,6 @@ std::string withMaskedParameters(std::string_view line) {
   return text;
 }
 
-// Control characters would let a server write lines of its own.
-std::string printable(std::string_view line) {
-  std::string text(line);
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '?';
-  }
-  return text;
-}
-
 }  // namespace
 
 std::string httpTranscriptText(std::string_view head) {
@@ -60,10 +53,10 @@ std::string httpTranscriptText(std::string_view head) {
     if (line.ends_with('\r')) line.remove_suffix(1);
     if (line.empty()) continue;
     if (isSecretHeader(line)) {
-      text.append(printable(line.substr(0, line.find(':')))).append(": ").append(kMask);
+      text.append(visibleText(line.substr(0, line.find(':')))).append(": ").append(kMask);
     } else {
-      text += printable(line.find('=') == std::string_view::npos ? std::string(line)
-                                                                 : withMaskedParameters(line));
+      text += visibleText(line.find('=') == std::string_view::npos ? std::string(line)
+                                                                   : withMaskedParameters(line));
     }
     text += '\n';
   }

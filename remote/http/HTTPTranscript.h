@@ -7,9 +7,9 @@
 namespace ombra {
 
 // The lines of a request's or an answer's head as they went over the wire, without the empty line at the end.
-// Values that give access are masked: of the headers "Authorization",
-// "Proxy-Authorization", "Authentication-Info", "Cookie", "Set-Cookie" and "X-Amz-Security-Token", and
-// signatures, credentials and tokens in a query wherever one stands.
+// Values that give access are masked: of the headers "Authorization", "Proxy-Authorization",
+// "Authentication-Info", "Proxy-Authentication-Info", "Cookie", "Set-Cookie" and "X-Amz-Security-Token", and
+// signatures, credentials and tokens in a query wherever one stands. Control characters are made visible.
 std::string httpTranscriptText(std::string_view head);
 
 }  // namespace ombra

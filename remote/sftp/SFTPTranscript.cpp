@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "remote/TranscriptText.h"
 #include "remote/sftp/SFTPProtocol.h"
 
 namespace ombra {
@@ -44,10 +45,8 @@ std::string sftpQuoted(std::string_view text) {
   for (const char c : text) {
     if (c == '"' || c == '\\') {
       result.append({'\\', c});
-    } else if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
-      result += fmt::format("\\x{:02x}", static_cast<unsigned char>(c));
     } else {
-      result += c;
+      appendVisibly(c, &result);
     }
   }
   return result + '"';

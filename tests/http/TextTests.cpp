@@ -141,7 +141,7 @@ TEST(HTTPTranscript, MasksWhatGivesAccessAndNothingElse) {
             "Host: h\n");
   EXPECT_EQ(httpTranscriptText("Location: http://h/?x-amz-security-token=t\r\n"),
             "Location: http://h/?x-amz-security-token=***\n");
-  EXPECT_EQ(httpTranscriptText("Server: a\x1b[2J\tb\r\n"), "Server: a?[2J?b\n");
+  EXPECT_EQ(httpTranscriptText("Server: a\x1b[2J\tb\r\n"), "Server: a\\x1b[2J\\x09b\n");
   EXPECT_EQ(httpTranscriptText("\r\n"), "");
 }
 

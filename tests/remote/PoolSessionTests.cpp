@@ -4,6 +4,7 @@
 
 #include <thread>
 
+#include "remote/TranscriptText.h"
 #include "tests/support/FakeEngine.h"
 #include "tests/support/ManualClock.h"
 
@@ -539,6 +540,18 @@ TEST(PoolTranscript, SecretsThatSlipThroughAreMasked) {
   EXPECT_TRUE(fake.list());
   fake.pool->setTranscriptDelegate(nullptr);
   EXPECT_THAT(recorder.lines, ElementsAre("> PASS ******** ******** / ******** / ******** / ********"));
+}
+
+TEST(PoolTranscript, ASecretIsMaskedAsLinesShowItToo) {
+  FakePool fake;
+  fake.credentials->setPassword("tab\there");
+  fake.pool = std::make_shared<ConnectionPool>(fake.credentials, fake.engine);
+  Recorder recorder;
+  fake.pool->setTranscriptDelegate(&recorder);
+  sayOnList(*fake.engine, "tab\there, " + visibleText("tab\there"));
+  EXPECT_TRUE(fake.list());
+  fake.pool->setTranscriptDelegate(nullptr);
+  EXPECT_THAT(recorder.lines, ElementsAre("> ********, ********"));
 }
 
 }  // namespace

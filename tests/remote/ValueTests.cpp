@@ -10,9 +10,27 @@
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
 #include "remote/TemporaryNames.h"
+#include "remote/TranscriptText.h"
+#include "remote/VerboseTranscript.h"
+#include "tests/support/SessionDoubles.h"
 
 namespace ombra {
 namespace {
+
+TEST(TranscriptText, ControlCharactersAreMadeVisibleAndNothingElseIsChanged) {
+  EXPECT_EQ(visibleText("a\r\nb\t\x1b[2J\x7f"), "a\\x0d\\x0ab\\x09\\x1b[2J\\x7f");
+  EXPECT_EQ(visibleText(std::string_view("\0", 1)), "\\x00");
+  EXPECT_EQ(visibleText("Gr\xc3\xbc\xc3\x9f"
+                        "e \\ \"\xff"),
+            "Gr\xc3\xbc\xc3\x9f"
+            "e \\ \"\xff");
+}
+
+TEST(TranscriptText, ARemarkIsOneLineOfItsOwn) {
+  KeptTranscript transcript;
+  appendRemark(transcript, "connected\r\n> PASS forged\r\n");
+  EXPECT_EQ(transcript.text(), "< * connected\\x0d\\x0a> PASS forged\n");
+}
 
 TEST(UUID, StringFormIsReadBackAsTheSameIdentifier) {
   const KCUUID uuid = KCUUID::UUID();
