@@ -23,6 +23,7 @@ class OFSNodeChanges {
  public:
   enum class Kind : uint8_t { kMade, kRemoved };
 
+  // The server has made the change: it is younger than every fetch that is under way.
   void note(const KCNode& folder, std::string_view name, Kind kind) EXCLUDES(iLock);
 
   // A change that the server is being asked for: younger than every fetch until it is over. A move says so of

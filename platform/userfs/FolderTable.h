@@ -29,10 +29,13 @@ class FolderTable {
     bool operator==(const Known&) const = default;
   };
 
+  // The handle of a folder that is opened now. `nodeID`: the kernel's number of it, 0 when unknown.
   uint64_t open(const std::string& path, uint64_t nodeID) EXCLUDES(iLock);
+  // Unknown handles are ignored, here and below.
   void close(uint64_t identifier) EXCLUDES(iLock);
   // The path of an open folder, wherever it has been moved; absent when it was removed or is not open.
   std::optional<std::string> pathOfHandle(uint64_t identifier) const EXCLUDES(iLock);
+  // The snapshot of an open folder; null before its first read, and when it is not open.
   FolderListing listingOfHandle(uint64_t identifier) const EXCLUDES(iLock);
   // The names just read for an open folder; the kernel is about to be told of them.
   void setListing(uint64_t identifier, FolderListing listing) EXCLUDES(iLock);
@@ -47,8 +50,9 @@ class FolderTable {
 
   // Forgets what the kernel knows of the folder and returns it; absent when it knows nothing.
   std::optional<Known> invalidate(std::string_view path) EXCLUDES(iLock);
+  // An item was moved here: open folders at and below it follow.
   void move(std::string_view from, std::string_view to) EXCLUDES(iLock);
-  // Of a folder.
+  // A folder was removed here: who has it open, or one below it, has no path any more.
   void remove(std::string_view path) EXCLUDES(iLock);
 
  private:

@@ -35,34 +35,47 @@ class GMUserFileSystemDelegate {
   // Just before the volume is mounted; cannot refuse.
   virtual void willMount() = 0;
 
-  // The names of a folder's entries in canonical decomposed form.
+  // The names of a folder's entries in canonical decomposed form, without "." and "..".
   virtual std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(OptionalPath path,
                                                                             NSErrorRef* error) = 0;
+  // What is known of an item; `userData` of an open file, null otherwise. What is absent, the framework
+  // fills.
   virtual std::optional<NSFileAttributes> attributesOfItemAtPath(OptionalPath path,
                                                                  const GMUserData& userData,
                                                                  NSErrorRef* error) = 0;
+  // The volume's size and what is free of it, in bytes.
   virtual std::optional<NSFileAttributes> attributesOfFileSystemForPath(OptionalPath path,
                                                                         NSErrorRef* error) = 0;
+  // Changes those that are present: size, mode, date of modification. `userData` as above.
   virtual bool setAttributes(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,
                              const GMUserData& userData, NSErrorRef* error) = 0;
 
   virtual bool createDirectoryAtPath(OptionalPath path, const NSFileAttributes& attributes,
                                      NSErrorRef* error) = 0;
+  // Makes an empty file, or empties the one that is there, and opens it for reading and writing, as
+  // `openFileAtPath` does.
   virtual bool createFileAtPath(OptionalPath path, const NSFileAttributes& attributes, GMUserData* userData,
                                 NSErrorRef* error) = 0;
   virtual bool createSymbolicLinkAtPath(OptionalPath path, OptionalPath withDestinationPath,
                                         NSErrorRef* error) = 0;
+  // The text of the link, as the caller of readlink(2) is to have it.
   virtual std::optional<std::string> destinationOfSymbolicLinkAtPath(OptionalPath path,
                                                                      NSErrorRef* error) = 0;
+  // Replaces what is at the destination, unless that is a folder with entries, or a file in a folder's way.
   virtual bool moveItemAtPath(OptionalPath path, OptionalPath toPath, NSErrorRef* error) = 0;
+  // A file, a link or an empty folder.
   virtual bool removeItemAtPath(OptionalPath path, NSErrorRef* error) = 0;
 
-  // `mode` holds InterfaceOpenFlags.
+  // `mode` holds InterfaceOpenFlags. Each success is followed by one `releaseFileAtPath` with what is in
+  // `userData` then, which is null for a file system that keeps nothing for an open file.
   virtual bool openFileAtPath(OptionalPath path, int mode, GMUserData* userData, NSErrorRef* error) = 0;
+  // The count of bytes: fewer than `size` where the file, or what has arrived of it, ends.
   virtual int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size,
                              int64_t offset, NSErrorRef* error) = 0;
+  // The count of bytes that were taken; the framework asks again for the rest.
   virtual int writeFileAtPath(OptionalPath path, const GMUserData& userData, const void* buffer, size_t size,
                               int64_t offset, NSErrorRef* error) = 0;
+  // To a size in bytes. True with an error in the slot: it may have failed, and the size tells.
   virtual bool truncateFileAtPath(OptionalPath path, const GMUserData& userData, int64_t offset,
                                   NSErrorRef* error) = 0;
   // May raise KCException: what the last upload failed of.
@@ -70,6 +83,7 @@ class GMUserFileSystemDelegate {
 
   virtual std::optional<std::vector<std::string>> extendedAttributesOfItemAtPath(OptionalPath path,
                                                                                  NSErrorRef* error) = 0;
+  // The value from the byte at `position` on; ENOATTR for a name that is not there.
   virtual std::optional<NSData> valueOfExtendedAttribute(std::string_view name, OptionalPath ofItemAtPath,
                                                          int64_t position, NSErrorRef* error) = 0;
   // `options` holds InterfaceXattrOptions. There is no removal: the framework answers it as not supported.

@@ -41,8 +41,10 @@ class OpenItem {
   NSFileAttributes lastAttributes() const EXCLUDES(iLock);
   // What the item was last seen with. Nothing to a removed one.
   void noteSeen(const NSFileAttributes& attributes) EXCLUDES(iLock);
+  // Of a removed file: it was written up to `end`; it was given a size. Nothing to others.
   void noteWrite(uint64_t end) EXCLUDES(iLock);
   void noteSize(uint64_t size) EXCLUDES(iLock);
+  // Mode and date, as far as they are present.
   void noteAttributes(const NSFileAttributes& attributes) EXCLUDES(iLock);
 
   // Whether the file may have a set-user-id or set-group-id bit, or a write has to look. Forgotten when the

@@ -21,7 +21,9 @@ struct RequestContext {
   bool offersPrivileges = false;  // see KernelWire.h
   bool takesPrivileges = false;
 
+  // The calling thread's.
   static RequestContext& current();
+  // Whether the kernel looks a name up.
   bool isLookup() const;
   // 0 where `nodeID` is that of a folder: a module may open a file to answer a move.
   uint64_t nodeIDOfFile() const;

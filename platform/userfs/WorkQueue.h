@@ -19,6 +19,8 @@ class WorkQueue {
   // `name` outlives the queue. With one thread the order of the work is kept.
   WorkQueue(const char* name, size_t maximumThreads);
 
+  // Dropped once the queue is closed. Where the system gives no thread and none runs, it is done here and
+  // now.
   void add(std::function<void()> work);
   // Waits until everything added has been done, until `limit` at the latest. True when all is done.
   bool waitUntilIdle(std::optional<NSDate> limit = std::nullopt);

@@ -40,15 +40,18 @@ class LitterStore {
   int make(std::string_view path, const std::function<int(const std::string&)>& create) EXCLUDES(iLock);
   // A file with that content in place of whatever is there; not listed until it is made anew or `list`ed.
   int makeHiddenFile(std::string_view path, std::string_view content) EXCLUDES(iLock);
+  // Has a hidden file listed from now on; nothing to what is not kept.
   void list(std::string_view path) EXCLUDES(iLock);
   // Removes a file, a link or an empty folder.
   int remove(std::string_view path) EXCLUDES(iLock);
   // From litter to litter, as rename(2).
   int move(std::string_view from, std::string_view to) EXCLUDES(iLock);
 
-  // Litter at and below a folder of the volume that is gone, or has been moved.
+  // Litter at and below a folder of the volume that is gone, or has been moved. What cannot be moved on
+  // this machine is not kept any more.
   void dropFolder(std::string_view folder) EXCLUDES(iLock);
   void moveFolder(std::string_view from, std::string_view to) EXCLUDES(iLock);
+  // Whether any litter is kept at that folder's path or below it.
   bool holdsAtOrBelow(std::string_view folder) const EXCLUDES(iLock);
 
  private:
