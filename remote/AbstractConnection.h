@@ -132,6 +132,10 @@ class AbstractConnection {
   // without the caller's help. What the server says to it later is told by a later upload from the handle,
   // and by finishUploads. Off at first.
   virtual void setWritesBehind(bool /*writesBehind*/) {}
+  // Whether the upload of an empty scratch handle makes a new file, which mostly has its content at once: it
+  // may then answer before the server has been told. To all connections of the pool the file is there all the
+  // same, and to everybody else after a second. A failure is told as above. Off at first.
+  virtual void setPutsOffNewFiles(bool /*putsOffNewFiles*/) {}
   // Waits until the server has acknowledged everything that was uploaded from a scratch handle, and has
   // closed the file. False when any of it failed and no upload has told so; what is not stored is unconfirmed
   // again.

@@ -20,7 +20,7 @@ class ConnectionPool final : public KCConnectionPool {
   void releaseConnection(std::shared_ptr<AbstractConnection> connection) override;
   void setTranscriptDelegate(TranscriptDelegate* delegate) override;
   bool keepsNamesOfNewItems() const override { return iCore->sessions.engine().keepsNamesOfNewItems(); }
-  void shutDown() override { iCore->sessions.shutDown(); }
+  void shutDown() override { iCore->shutDown(); }
 
   // For tests: the sessions behind the connections.
   SessionPool& sessions() { return iCore->sessions; }

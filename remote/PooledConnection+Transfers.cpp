@@ -30,6 +30,15 @@ class PooledConnection::Control final : public TransferControl {
 
   bool mayReturnEarly() const override { return iConnection.iWritesBehind; }
 
+  bool takesOverNewFile() override {
+    if (iRun.path.empty() || iRun.newFile) return iRun.newFile.has_value();
+    std::optional<PutOffFiles::Turn> turn = iConnection.iCore->newFiles.take(
+        [this](const std::string& path, const UnconfirmedExtents*) { return path == iRun.path; });
+    if (turn) iRun.newFile.emplace(std::move(*turn));
+    return iRun.newFile.has_value();
+  }
+  void newFileIsMade() override { endOfNewFile(iRun, true); }
+
  private:
   // Only after a piece of its own, so that each turn brings the download forward.
   bool mustGiveWay() const {
@@ -125,7 +134,7 @@ bool PooledConnection::downloadFileAtPath(std::string_view path, NSFileHandle& t
                                           uint64_t byteOffset, uint64_t* bytesTransferred,
                                           NSErrorRef* error) {
   if (bytesTransferred != nullptr) *bytesTransferred = byteOffset;
-  if (!isAllowed(path, error)) return false;
+  if (!isAllowed(path, error) || !makeFilesAtOrBelow(path, error)) return false;
   const std::string whole = absolute(path);
   std::string version;
   Run run{Run::Kind::kDownload, ProgressReporter(byteOffset, progressReport())};
@@ -146,6 +155,11 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
     return false;
   }
   const std::string whole = absolute(path);
+  if (iPutsOffNewFiles && offset == 0) {
+    bool isPutOff = false;
+    if (!putOffNewFile(handle, whole, &isPutOff, error)) return false;
+    if (isPutOff) return true;
+  }
   // Also where no delegate listens it must be possible to see that bytes move.
   const auto report = [report = progressReport(), extents = handle.extents()](
                           uint64_t bytes, double throughput, bool stalled) {
@@ -154,6 +168,7 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   };
   Run run{Run::Kind::kUpload, ProgressReporter(offset, report)};
   const uint64_t length = handle.fileLength();
+  run.path = whole;
   run.heldPath = whole;
   run.heldFile = handle.extents();
   if (handle.isScratch()) {
@@ -166,7 +181,7 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
     // What the file has under way on another session must not arrive after what is sent now; and whoever
     // wrote to the path must be done before it is written to in another way.
     if (session.heldPath() != whole) sessions().finishUploads(whole, run.heldFile);
-    return session.upload(handle, whole, offset, control, fault);
+    return endOfNewFile(run, session.upload(handle, whole, offset, control, fault));
   };
   const bool done = runTransfer(run, work, error);
   iUploadPath = nullptr;
@@ -176,12 +191,18 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
 }
 
 bool PooledConnection::finishUploads(NSFileHandle& fileHandle, std::string_view toPath, NSErrorRef* error) {
-  if (fileHandle.extents()->isSending()) sessions().finishUploads(absolute(toPath), fileHandle.extents());
+  const std::shared_ptr<UnconfirmedExtents> file = fileHandle.extents();
+  const std::string whole = absolute(toPath);
+  const auto isThis = [&](const std::string& path, const UnconfirmedExtents* other) {
+    return other == file.get() || path == whole;
+  };
+  if (!makePutOffFiles(isThis, error)) return false;
+  if (file->isSending()) sessions().finishUploads(whole, file);
   return AbstractConnection::finishUploads(fileHandle, toPath, error);
 }
 
 bool PooledConnection::flushFileAtPath(std::string_view path, NSErrorRef* error) {
-  if (!isAllowed(path, error)) return false;
+  if (!isAllowed(path, error) || !makeFilesAtOrBelow(path, error)) return false;
   const std::string whole = absolute(path);
   const Work work = [&](Session& session, NSErrorRef* fault) { return session.flushFile(whole, fault); };
   return perform(Repeat::kSafe, work, error);
@@ -218,10 +239,11 @@ bool PooledConnection::streamBytesWithFilename(std::string_view /*filename*/, st
   sessions().letGoOf(whole);
   // No report: progress is never told during a stream.
   Run run{Run::Kind::kStream, ProgressReporter(0, nullptr), &spool};
+  run.path = whole;
   const auto next = [&spool](std::byte* buffer, size_t capacity) { return spool.next(buffer, capacity); };
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
     sessions().finishUploads(whole, nullptr);
-    const bool sent = session.stream(next, whole, control, fault);
+    const bool sent = endOfNewFile(run, session.stream(next, whole, control, fault));
     if (!sent || !iShouldCancel) return sent;
     // The cancel mark came with the end of the data: what was sent is not the whole.
     *fault = QuarnKitError::errorWithCode(kQuarnKitCancelled);

@@ -27,7 +27,7 @@ bool PooledConnection::contentsAtPath(std::string_view path,
                                       std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                       NSErrorRef* error) {
   nodes->clear();
-  if (!isAllowed(path, error)) return false;
+  if (!isAllowed(path, error) || !makeFilesAtOrBelow(path, error)) return false;
   const std::string folder = absolute(path);
   std::vector<RemoteEntry> entries;
   const Work work = [&](Session& session, NSErrorRef* fault) {
@@ -96,10 +96,13 @@ bool PooledConnection::deleteItemAtPath(std::string_view path, bool isDirectory,
 bool PooledConnection::changeAttributes(const NSFileAttributes& attributes, std::string_view atPath,
                                         NSErrorRef* error) {
   const std::string whole = absolute(atPath);
-  return performChange(
-      atPath, {},
-      [&](Session& session, NSErrorRef* fault) { return session.changeAttributes(attributes, whole, fault); },
-      error);
+  iKnownLinks.clear();
+  // Nothing need be there for that: where new files are put off no attributes can be changed.
+  if (!isAllowed(atPath, error)) return false;
+  const Work work = [&](Session& session, NSErrorRef* fault) {
+    return session.changeAttributes(attributes, whole, fault);
+  };
+  return perform(Repeat::kNever, work, error);
 }
 
 }  // namespace ombra

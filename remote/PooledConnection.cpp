@@ -82,6 +82,8 @@ bool PooledConnection::performChange(std::string_view path, std::string_view oth
                                      NSErrorRef* error) {
   iKnownLinks.clear();
   if (!isAllowed(path, error) || !isAllowed(otherPath, error)) return false;
+  if (!makeFilesAtOrBelow(path, error)) return false;
+  if (!otherPath.empty() && !makeFilesAtOrBelow(otherPath, error)) return false;
   return perform(Repeat::kNever, work, error);
 }
 
@@ -104,7 +106,7 @@ bool PooledConnection::connect(NSErrorRef* error) {
 }
 
 bool PooledConnection::changeDir(std::string_view path, NSErrorRef* error) {
-  if (!isAllowed(path, error)) return false;
+  if (!isAllowed(path, error) || !makeFileToBeLookedAt(path, error)) return false;
   std::optional<std::string> resolved;
   bool isDirectory = false;
   const Work work = [&](Session& session, NSErrorRef* fault) {
@@ -129,7 +131,7 @@ std::optional<std::string> PooledConnection::pwd(NSErrorRef* error) {
 
 bool PooledConnection::resolvePath(std::string_view path, std::string* resolvedPath, bool* isDirectory,
                                    NSErrorRef* error) {
-  if (!isAllowed(path, error)) return false;
+  if (!isAllowed(path, error) || !makeFileToBeLookedAt(path, error)) return false;
   const std::string whole = absolute(path);
   std::optional<LinkResolution> resolution = iKnownLinks.resolution(whole);
   const Work work = [&](Session& session, NSErrorRef* fault) {
@@ -149,7 +151,7 @@ bool PooledConnection::resolvePath(std::string_view path, std::string* resolvedP
 std::optional<NSFileAttributes> PooledConnection::attributesOfItemAtPath(std::string_view path,
                                                                          bool* isDirectory,
                                                                          NSErrorRef* error) {
-  if (!isAllowed(path, error)) return std::nullopt;
+  if (!isAllowed(path, error) || !makeFileToBeLookedAt(path, error)) return std::nullopt;
   const std::string whole = absolute(path);
   if (const std::optional<KnownLinks::Target> known = iKnownLinks.target(whole)) {
     if (!known->attributes) storeError(error, QuarnKitError::errorWithCode(kQuarnKitNoSuchItem, whole));

@@ -13,6 +13,7 @@
 #include "remote/AbstractConnection.h"
 #include "remote/KnownLinks.h"
 #include "remote/ProgressReporter.h"
+#include "remote/PutOffFiles.h"
 #include "remote/SessionPool.h"
 #include "remote/StreamSpool.h"
 #include "remote/TrustMemory.h"
@@ -24,9 +25,21 @@ class PooledConnection;
 // What all connections of a pool share.
 struct PoolCore {
   PoolCore(std::shared_ptr<Engine> engine, std::shared_ptr<const KCCredentials> credentials)
-      : sessions(std::move(engine), credentials), trust(credentials->option("fingerprint")) {}
+      : sessions(std::move(engine), credentials),
+        trust(credentials->option("fingerprint")),
+        newFiles([this](const std::string& path) { makeFile(path); }) {}
+  ~PoolCore() { shutDown(); }
+  PoolCore(const PoolCore&) = delete;
+  PoolCore& operator=(const PoolCore&) = delete;
+  void shutDown();
+
   SessionPool sessions;
   TrustMemory trust;
+  PutOffFiles newFiles;  // the last: its thread uses the others
+
+ private:
+  // One that was put off, and whose time is over.
+  void makeFile(const std::string& path);
 };
 
 // Costs nothing until its first remote call, which attaches a session; `release` gives the session back.
@@ -85,10 +98,15 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
                                ConnectionDelegate& handler, NSErrorRef* error) override;
   void setWritesBehind(bool writesBehind) override { iWritesBehind = writesBehind; }
+  void setPutsOffNewFiles(bool putsOffNewFiles) override { iPutsOffNewFiles = putsOffNewFiles; }
   bool finishUploads(NSFileHandle& fileHandle, std::string_view toPath, NSErrorRef* error) override;
   bool flushFileAtPath(std::string_view path, NSErrorRef* error) override;
   void setShouldCancel(bool shouldCancel) override;
   std::string displayStringForRemoteString(std::string_view bytes) const override;
+
+  // Sees to it that those new files are on the server which were put off, or that it is known why not. False
+  // when the server cannot be reached.
+  bool makePutOffFiles(const PutOffFiles::IsMeant& isMeant, NSErrorRef* error);
 
  private:
   // One transfer, while it runs.
@@ -101,6 +119,8 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
     bool givesWay = false;
     std::string heldPath{};  // of an upload, which may go on later
     std::shared_ptr<UnconfirmedExtents> heldFile{};
+    std::string path{};  // of what is being sent
+    std::optional<PutOffFiles::Turn> newFile{};
   };
   class Control;
   using Work = std::function<bool(Session& session, NSErrorRef* error)>;
@@ -124,6 +144,13 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   Attempt attemptTransfer(Run& run, const TransferWork& work, NSErrorRef* fault);
   bool upload(NSFileHandle& handle, std::string_view path, uint64_t offset, uint64_t* bytesTransferred,
               NSErrorRef* error);
+  // What is at the path or below it is on the server, as far as this pool has made it.
+  bool makeFilesAtOrBelow(std::string_view path, NSErrorRef* error);
+  // The same for a look at one item, which on some servers has other names too.
+  bool makeFileToBeLookedAt(std::string_view path, NSErrorRef* error);
+  // Whether the making of that file waits from now on; false in `isPutOff` when it is to be made now.
+  bool putOffNewFile(const NSFileHandle& handle, const std::string& path, bool* isPutOff, NSErrorRef* error);
+  static bool endOfNewFile(Run& run, bool isStored);
   bool attachForRequest(NSErrorRef* error);
   bool attachForTransfer(NSErrorRef* error);
   void endTransfer();
@@ -157,6 +184,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   const std::string* iUploadPath = nullptr;
   bool iHasOneAttempt = false;
   bool iWritesBehind = false;
+  bool iPutsOffNewFiles = false;
   std::optional<std::string> iFolder;
   KnownLinks iKnownLinks;
 };

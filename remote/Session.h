@@ -53,6 +53,12 @@ class TransferControl {
   // Whether an upload of a scratch file may answer once all has been sent. What becomes of it is then told to
   // the file's UnconfirmedExtents, at the latest when the session becomes idle.
   virtual bool mayReturnEarly() const { return false; }
+  // Where an engine puts off making files: whether that of the upload's path has not been made yet, and so
+  // falls to the upload. From then on whoever would see the difference waits until the upload ends or
+  // `newFileIsMade`. Asked before anything is sent that replaces the file; waits while it is being made.
+  virtual bool takesOverNewFile() { return false; }
+  // The upload has made it by itself, empty, ahead of the content.
+  virtual void newFileIsMade() {}
 };
 
 // One line or more of the conversation for the transcript; secrets masked, no file contents, no marks of
@@ -134,6 +140,14 @@ class Session {
   // turns out to lack; an ordinary one replaces the file from offset 0.
   [[nodiscard]] virtual bool upload(NSFileHandle& from, std::string_view path, uint64_t offset,
                                     TransferControl& control, NSErrorRef* error) = 0;
+  // Where the engine puts off making files: whether one may be made at the path at all, as far as that is
+  // known, or can be found out, without making it. `mayWait`: nothing but the making itself is to tell more.
+  [[nodiscard]] virtual bool checkNewFile(std::string_view /*path*/, bool* /*mayWait*/,
+                                          NSErrorRef* /*error*/) {
+    return true;
+  }
+  // Makes an empty file, or empties the one that is there, after `checkNewFile`.
+  [[nodiscard]] virtual bool makeFile(std::string_view /*path*/, NSErrorRef* /*error*/) { return false; }
   // Has the server bring the content of a file that was uploaded to its disk. Nothing to do, where the
   // protocol has no word for it, is success.
   [[nodiscard]] virtual bool flushFile(std::string_view /*path*/, NSErrorRef* /*error*/) { return true; }
@@ -153,6 +167,9 @@ class Engine {
   // Whether what was made is there under the very name that it was given, so that its folder need not be
   // listed to know.
   virtual bool keepsNamesOfNewItems() const { return false; }
+  // Whether making an empty file may wait a moment for its content, since a whole file comes with its content
+  // in one request. Only where attributes of files cannot be changed.
+  virtual bool putsOffNewFiles() const { return false; }
   // The library's own cap on sessions to one server.
   virtual int sessionCap() const = 0;
   // Makes a session; no traffic before logIn.

@@ -98,6 +98,27 @@ void UnconfirmedExtents::waitUntilSent() {
   while (iSenders > 0) iCondition.wait();
 }
 
+void UnconfirmedExtents::putOff() {
+  const ConditionLock lock(iCondition);
+  ++iMakers;
+}
+
+void UnconfirmedExtents::endPutOff(NSErrorRef failure) {
+  const ConditionLock lock(iCondition);
+  --iMakers;
+  if (iFailure == nullptr) iFailure = std::move(failure);
+}
+
+bool UnconfirmedExtents::isPutOff() const {
+  const ConditionLock lock(iCondition);
+  return iMakers > 0;
+}
+
+bool UnconfirmedExtents::isInDoubt() const {
+  const ConditionLock lock(iCondition);
+  return iMakers > 0 || iFailure != nullptr;
+}
+
 void UnconfirmedExtents::giveBack(FileExtent extent) {
   const ConditionLock lock(iCondition);
   locked_add(extent);
@@ -121,7 +142,7 @@ NSErrorRef UnconfirmedExtents::takeFailure() {
 
 bool UnconfirmedExtents::isSettled() const {
   const ConditionLock lock(iCondition);
-  return iSenders == 0 && iFailure == nullptr;
+  return iSenders == 0 && iMakers == 0 && iFailure == nullptr;
 }
 
 void UnconfirmedExtents::clearSent() {

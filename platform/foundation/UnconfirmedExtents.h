@@ -44,6 +44,13 @@ class UnconfirmedExtents {
   void endSending(NSErrorRef failure) EXCLUDES(iCondition);
   bool isSending() const EXCLUDES(iCondition);
   void waitUntilSent() EXCLUDES(iCondition);
+  // The file itself is not on the server yet: somebody makes it there, with its content or without, until
+  // `endPutOff`. A failure is kept as above.
+  void putOff() EXCLUDES(iCondition);
+  void endPutOff(NSErrorRef failure) EXCLUDES(iCondition);
+  bool isPutOff() const EXCLUDES(iCondition);
+  // Whether the server may turn out not to have what it was sent although nothing is being sent.
+  bool isInDoubt() const EXCLUDES(iCondition);
   // Was sent and is not stored.
   void giveBack(FileExtent extent) EXCLUDES(iCondition);
   // Where what was given back begins: it has to be sent again wherever the next upload begins.
@@ -53,7 +60,7 @@ class UnconfirmedExtents {
   // The server has taken some more of what is being sent; and how often it has. Never waits.
   void noteProgress() { ++iProgress; }
   uint64_t progress() const { return iProgress.load(); }
-  // Nothing is under way, and no failure waits to be told.
+  // Nothing is under way or put off, and no failure waits to be told.
   bool isSettled() const EXCLUDES(iCondition);
   // The server has the file as a whole, by another way.
   void clear() EXCLUDES(iCondition);
@@ -71,6 +78,7 @@ class UnconfirmedExtents {
   std::optional<uint64_t> iGivenBack GUARDED_BY(iCondition);
   NSErrorRef iFailure GUARDED_BY(iCondition);
   int iSenders GUARDED_BY(iCondition) = 0;
+  int iMakers GUARDED_BY(iCondition) = 0;
 };
 
 }  // namespace ombra

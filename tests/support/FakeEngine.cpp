@@ -138,11 +138,22 @@ bool FakeSession::upload(NSFileHandle& from, std::string_view path, uint64_t off
     iHeldExtents = from.extents();
     iHeldExtents->beginSending();
   }
+  if (iEngine.putsOff) control.takesOverNewFile();
   return !iEngine.onUpload || iEngine.onUpload(*this, from, offset, control, error);
+}
+
+bool FakeSession::checkNewFile(std::string_view path, bool* mayWait, NSErrorRef* error) {
+  *mayWait = true;
+  return !iEngine.onCheckNewFile || iEngine.onCheckNewFile(*this, std::string(path), mayWait, error);
+}
+
+bool FakeSession::makeFile(std::string_view path, NSErrorRef* error) {
+  return !iEngine.onMake || iEngine.onMake(*this, std::string(path), error);
 }
 
 bool FakeSession::stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view,
                          TransferControl& control, NSErrorRef* error) {
+  if (iEngine.putsOff) control.takesOverNewFile();
   return !iEngine.onStream || iEngine.onStream(*this, next, control, error);
 }
 

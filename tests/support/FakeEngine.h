@@ -69,12 +69,18 @@ class FakeEngine final : public Engine {
   // Listings open something ahead, and `onEndOfOpenedAhead` is told of its end.
   std::atomic<bool> opensAhead{false};
   std::function<void()> onEndOfOpenedAhead;
+  // New files are put off; uploads and streams take them over. `onMake` is what becomes of one that is made
+  // by itself, `onCheckNewFile` tells whether it may wait.
+  std::atomic<bool> putsOff{false};
+  std::function<bool(FakeSession&, const std::string&, NSErrorRef*)> onMake;
+  std::function<bool(FakeSession&, const std::string&, bool*, NSErrorRef*)> onCheckNewFile;
   Gate gate;  // for hooks to use; poked by interrupts
 
   uint32_t protocol() const override { return kProtocolSFTP; }
   bool isSFTP() const override { return true; }
   bool supportsUploadByteOffset() const override { return inPlace; }
   int sessionCap() const override { return cap; }
+  bool putsOffNewFiles() const override { return putsOff; }
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override;
 
   // Blocks until every session is destroyed but `count`.
@@ -128,6 +134,8 @@ class FakeSession final : public Session {
                 TransferControl& control, NSErrorRef* error) override;
   bool upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
               NSErrorRef* error) override;
+  bool checkNewFile(std::string_view path, bool* mayWait, NSErrorRef* error) override;
+  bool makeFile(std::string_view path, NSErrorRef* error) override;
   bool stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
               TransferControl& control, NSErrorRef* error) override;
 
