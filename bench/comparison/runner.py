@@ -55,7 +55,7 @@ class Runner:
     def __init__(self, options, folder):
         self.options, self.folder = options, folder
         self.results = Results()
-        self.servers, self.programs, self.raws, self.proxy = [], [], {}, None
+        self.servers, self.programs, self.proxy = [], [], None
         self.began = time.monotonic()
 
     def start(self, server_kinds, program_makers):
