@@ -34,9 +34,15 @@ void removeIfAbandoned(const std::string& folder, const std::string& name) {
   const int mark = openLocked(stringByAppendingPathComponent(path, kMark), 0);
   if (mark < 0) return;
   // With the mark in hand, so that no other process removes it as well.
-  NSFileManager::removeItemAtPath(path, nullptr);
+  NSErrorRef error;
+  const bool isRemoved = NSFileManager::removeItemAtPath(path, &error);
   ::close(mark);
-  NSLog("Removed what a volume that ended without an unmount left: {}", path);
+  if (isRemoved) {
+    NSLog("Removed what a volume that ended without an unmount left: {}", path);
+  } else {
+    NSLog("{}, left by a volume that ended without an unmount, cannot be removed: {}", path,
+          error == nullptr ? "no reason was given" : error->localizedDescription());
+  }
 }
 
 }  // namespace
