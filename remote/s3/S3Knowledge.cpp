@@ -60,19 +60,33 @@ S3Knowledge::Folder S3Knowledge::folder(const S3Path& path) const {
 }
 
 void S3Knowledge::noteFolder(const S3Path& path, bool isMarked) {
-  if (!path.isItem()) return;
   const NSDate now = NSDate::date();
   MutexLock lock(iLock);
+  locked_noteBucket(path.bucket, now);
+  if (!path.isItem()) return;
   if (iFolders.size() >= kMostFolders) iFolders.clear();
   Sight& sight = iFolders[path.text()];
   sight.there = now;
   if (isMarked) sight.marked = now;
 }
 
+void S3Knowledge::locked_noteBucket(const std::string& bucket, NSDate now) {
+  if (iBuckets.size() >= kMostRegions) iBuckets.clear();
+  iBuckets[bucket] = now;
+}
+
+bool S3Knowledge::hasSeenBucket(std::string_view bucket) const {
+  const NSDate now = NSDate::date();
+  MutexLock lock(iLock);
+  const auto found = iBuckets.find(bucket);
+  return found != iBuckets.end() && isFresh(found->second, now);
+}
+
 void S3Knowledge::noteObject(const S3Path& path) {
   const uint64_t hash = hashOf(path);
   const NSDate now = NSDate::date();
   MutexLock lock(iLock);
+  locked_noteBucket(path.bucket, now);
   if (iObjects.empty()) iObjects.resize(kObjectPlaces);
   iObjects[hash % kObjectPlaces] = {hash, now};
 }

@@ -30,12 +30,14 @@ class S3Knowledge {
   enum class Folder { kUnknown, kThere, kMarked };
   // What was seen of it within the last minute.
   Folder folder(const S3Path& path) const EXCLUDES(iLock);
-  // It is there; `isMarked`: an object of its own keeps it there when it is empty.
+  // It is there, or a bucket is; `isMarked`: an object of its own keeps it there when it is empty.
   void noteFolder(const S3Path& path, bool isMarked) EXCLUDES(iLock);
+  // Whether the bucket is known to have been there within the last minute.
+  bool hasSeenBucket(std::string_view bucket) const EXCLUDES(iLock);
   // It, and everything below it, has changed its place or is gone.
   void forgetFolders(const S3Path& path) EXCLUDES(iLock);
 
-  // The object was seen, or stored. Only the latest few thousand are remembered.
+  // The object was seen, or stored, and so was its bucket. Only the latest few thousand are remembered.
   void noteObject(const S3Path& path) EXCLUDES(iLock);
   // It is gone.
   void forgetObject(const S3Path& path) EXCLUDES(iLock);
@@ -54,10 +56,13 @@ class S3Knowledge {
     NSDate when;
   };
 
+  void locked_noteBucket(const std::string& bucket, NSDate now) REQUIRES(iLock);
+
   mutable Mutex iLock;
   std::map<std::string, std::string, std::less<>> iRegions GUARDED_BY(iLock);
-  double iClockOffset GUARDED_BY(iLock) = 0.0;                           // seconds to add to our time
-  std::map<std::string, Sight, std::less<>> iFolders GUARDED_BY(iLock);  // by path
+  double iClockOffset GUARDED_BY(iLock) = 0.0;                            // seconds to add to our time
+  std::map<std::string, Sight, std::less<>> iFolders GUARDED_BY(iLock);   // by path
+  std::map<std::string, NSDate, std::less<>> iBuckets GUARDED_BY(iLock);  // when they were seen
   // Each has one place, by its hash, which it takes from whoever was there; empty until there is one.
   std::vector<SeenObject> iObjects GUARDED_BY(iLock);
 };

@@ -17,6 +17,9 @@
 namespace ombra {
 namespace {
 
+// Is stored before anybody would want to see the file without it.
+constexpr uint64_t kMostContentAtOnce = uint64_t{1} << 20;
+
 const HTTPHeader kAnyContent{"Content-Type", "application/octet-stream"};
 
 bool failCancelled(std::string_view path, NSErrorRef* error) {
@@ -30,14 +33,14 @@ bool failInterrupted(NSErrorRef* error) {
 }
 
 // For an object without content yet.
-S3Request putRequest(const S3Path& path, TransferControl& control) {
+S3Request putRequest(const S3Path& path, TransferControl* control) {
   S3Request request;
   request.method = "PUT";
   request.bucket = path.bucket;
   request.key = path.key;
   request.headers = {kAnyContent};
   request.body.emplace();
-  request.control = &control;
+  request.control = control;
   return request;
 }
 
@@ -103,8 +106,32 @@ bool S3Session::upload(NSFileHandle& from, std::string_view path, uint64_t offse
   return confirmed.stored(sendWhole(from, length, object, control, error));
 }
 
+// What the server says of the folder and the bucket, it says to a listing as well. Who has not seen the
+// bucket lately asks by making the file.
+bool S3Session::checkNewFile(std::string_view path, bool* mayWait, NSErrorRef* error) {
+  const S3Path object = S3Path::parse(path);
+  if (refuseOutsideOfBucket(object, error) || !requireFolder(object.parent(), error)) return false;
+  *mayWait = iClient.knowledge().hasSeenBucket(object.bucket);
+  return true;
+}
+
+bool S3Session::makeFile(std::string_view path, NSErrorRef* error) {
+  const S3Path object = S3Path::parse(path);
+  return noteStored(object,
+                    iClient.performOrFail(putRequest(object, nullptr), object.text(), error).has_value());
+}
+
+bool S3Session::takeOverNewFile(const S3Path& path, uint64_t length, TransferControl& control,
+                                NSErrorRef* error) {
+  if (!control.takesOverNewFile() || length <= kMostContentAtOnce) return true;
+  if (!makeFile(path.text(), error)) return false;
+  control.newFileIsMade();
+  return true;
+}
+
 bool S3Session::sendWhole(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
                           NSErrorRef* error) {
+  if (!takeOverNewFile(path, length, control, error)) return false;
   const bool isSent = length <= iLimits.singlePut ? putFile(from, length, path, control, error)
                                                   : putFileInParts(from, length, path, control, error);
   if (isSent) control.progress(length);
@@ -119,7 +146,7 @@ bool S3Session::noteStored(const S3Path& path, bool isStored) {
 bool S3Session::putFile(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
                         NSErrorRef* error) {
   S3FileBody body(from, {0, length}, control);
-  S3Request request = putRequest(path, control);
+  S3Request request = putRequest(path, &control);
   if (length > 0) {
     request.body = body.body();
     if (iClient.signsPayloads()) request.payloadHash = s3SHA256OfFile(from, {0, length}).value_or("");
@@ -161,8 +188,10 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
     if (buffer == nullptr || !buffer->fill(next, size, mayGoOn, error)) return false;
     if (control.shouldCancel()) return failCancelled(path, error);
     if (iClient.isInterrupted()) return failInterrupted(error);
-    if (buffer->isLast() && number == 1)
-      return noteStored(object, putBuffer(*buffer, object, control, error));
+    const bool isWhole = buffer->isLast() && number == 1;
+    const uint64_t length = isWhole ? buffer->length() : kS3LongestObject;
+    if (number == 1 && !takeOverNewFile(object, length, control, error)) return false;
+    if (isWhole) return noteStored(object, putBuffer(*buffer, object, control, error));
     if (number == 1 && !whole.begin({kAnyContent}, &control, error)) return false;
     if (buffer->length() > 0) senders.send();
     if (buffer->isLast())
@@ -175,7 +204,7 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
 // A stream that is shorter than a part needs no parts.
 bool S3Session::putBuffer(S3PartBuffer& buffer, const S3Path& path, TransferControl& control,
                           NSErrorRef* error) {
-  S3Request request = putRequest(path, control);
+  S3Request request = putRequest(path, &control);
   if (buffer.length() > 0) {
     request.body = buffer.body();
     if (iClient.signsPayloads()) request.payloadHash = buffer.hash();

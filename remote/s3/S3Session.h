@@ -56,6 +56,8 @@ class S3Session final : public Session {
                 TransferControl& control, NSErrorRef* error) override;
   bool upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
               NSErrorRef* error) override;
+  bool checkNewFile(std::string_view path, bool* mayWait, NSErrorRef* error) override;
+  bool makeFile(std::string_view path, NSErrorRef* error) override;
   bool stream(const std::function<size_t(std::byte*, size_t)>& next, std::string_view path,
               TransferControl& control, NSErrorRef* error) override;
 
@@ -113,6 +115,8 @@ class S3Session final : public Session {
   void setCopier(S3Copier* copier) EXCLUDES(iCopierLock);
 
   // Transferring.
+  // Before content of that length is sent: who wants to see the new file does not wait long for it.
+  bool takeOverNewFile(const S3Path& path, uint64_t length, TransferControl& control, NSErrorRef* error);
   bool putFile(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
                NSErrorRef* error);
   bool putFileInParts(NSFileHandle& from, uint64_t length, const S3Path& path, TransferControl& control,
