@@ -18,47 +18,27 @@ std::string_view pathOfHref(std::string_view href) {
   return slash == std::string_view::npos ? "/" : href.substr(slash);
 }
 
-// An item's place, split before it is decoded: an encoded slash is part of a name. The root's is empty.
-struct Place {
-  explicit Place(std::string_view href) {
-    std::string_view path = pathOfHref(href);
-    isRelative = !path.starts_with('/');
-    while (path.ends_with('/')) path.remove_suffix(1);
-    whole = percentDecoded(path);
-    const size_t slash = path.rfind('/');
-    if (slash != std::string_view::npos) parent = percentDecoded(path.substr(0, slash));
-    name = percentDecoded(path.substr(slash == std::string_view::npos ? 0 : slash + 1));
-  }
-  std::string whole;
-  std::string parent;
-  std::string name;
-  bool isRelative = false;  // a bare name: in the folder that was asked for
-};
-
 std::string withoutSlashes(std::string_view path) {
   while (path.ends_with('/')) path.remove_suffix(1);
   return std::string(path);
 }
 
-// The index of the item itself: the one of the path that was asked for, else the one that all others lie
-// directly in.
-std::optional<size_t> indexOfSelf(const std::vector<Place>& places, const std::string& path) {
-  for (size_t i = 0; i < places.size(); ++i) {
-    if (!places[i].isRelative && places[i].whole == path) return i;
-  }
-  const auto shortest = std::min_element(places.begin(), places.end(), [](const Place& a, const Place& b) {
-    return a.whole.size() < b.whole.size();
-  });
-  if (shortest == places.end() || shortest->isRelative) return std::nullopt;
-  for (auto place = places.begin(); place != places.end(); ++place) {
-    if (place != shortest && place->parent != shortest->whole) return std::nullopt;
-  }
-  // One item alone, of another path, may as well be the only child.
-  const bool isChild = places.size() == 1 && shortest->parent == path;
-  return isChild ? std::nullopt : std::optional<size_t>(shortest - places.begin());
-}
+bool isThere(const DAVResponse& response) { return response.status == 0 || response.status / 100 == 2; }
 
 }  // namespace
+
+// Split before it is decoded: an encoded slash is part of a name. The root's is empty.
+DAVListingBuilder::Place::Place(std::string_view href) {
+  std::string_view path = pathOfHref(href);
+  isRelative = !path.starts_with('/');
+  while (path.ends_with('/')) path.remove_suffix(1);
+  const size_t slash = path.rfind('/');
+  hasParent = slash != std::string_view::npos;
+  if (hasParent) parent = percentDecoded(path.substr(0, slash));
+  name = percentDecoded(path.substr(hasParent ? slash + 1 : 0));
+}
+
+std::string DAVListingBuilder::Place::path() const { return hasParent ? parent + '/' + name : name; }
 
 NSFileAttributes attributesOfDAVProperties(const DAVProperties& properties) {
   NSFileAttributes attributes;
@@ -71,30 +51,98 @@ NSFileAttributes attributesOfDAVProperties(const DAVProperties& properties) {
   return attributes;
 }
 
-DAVListing listingOfDAVResponses(std::vector<DAVResponse> responses, std::string_view path) {
-  const std::string asked = withoutSlashes(path);
-  std::vector<Place> places;
-  places.reserve(responses.size());
-  for (const DAVResponse& response : responses) places.emplace_back(response.href);
-  const std::optional<size_t> self = indexOfSelf(places, asked);
-  DAVListing listing;
-  listing.hasSelf = self.has_value();
-  const std::string folder = self ? places[*self].whole : asked;
-  if (self) listing.self = std::move(responses[*self]);
-  for (size_t i = 0; i < places.size(); ++i) {
-    Place& place = places[i];
-    if (i == self || isTemporaryName(place.name)) continue;
-    listing.holdsItems = true;
-    const bool isInFolder = place.isRelative ? place.parent.empty() : place.parent == folder;
-    const bool isThere = responses[i].status == 0 || responses[i].status / 100 == 2;
-    if (!isInFolder || !isThere || !isShownName(place.name)) continue;
-    RemoteEntry entry;
-    entry.name = std::move(place.name);
-    entry.type = responses[i].properties.isCollection ? kNodeTypeFolder : kNodeTypeFile;
-    entry.attributes = attributesOfDAVProperties(responses[i].properties);
-    listing.children.push_back(std::move(entry));
+DAVListingBuilder::DAVListingBuilder(std::string_view path) : iAsked(withoutSlashes(path)) {}
+
+void DAVListingBuilder::add(DAVResponse response) {
+  Place place(response.href);
+  if (iListing.hasSelf) {
+    addChild(place, response);
+  } else if (!place.isRelative && place.length() == iAsked.size() && place.path() == iAsked) {
+    iListing.hasSelf = true;
+    iListing.self = std::move(response);
+  } else {
+    // The name goes to the child.
+    Shortest candidate{place, std::nullopt, {}};
+    candidate.child = addChild(place, response);
+    candidate.response = std::move(response);
+    compare(std::move(candidate));
   }
-  return listing;
+}
+
+// The index of the child, when it may be one.
+std::optional<size_t> DAVListingBuilder::addChild(Place& place, const DAVResponse& response) {
+  if (isTemporaryName(place.name)) return std::nullopt;
+  ++iItems;
+  const bool isInAsked = place.isRelative ? place.parent.empty() : place.parent == iAsked;
+  // Another folder may turn out to be the one, as long as that which was asked for has not come.
+  if (iListing.hasSelf && !isInAsked) return std::nullopt;
+  if (!isThere(response) || !isShownName(place.name)) return std::nullopt;
+  RemoteEntry& entry = iListing.children.emplace_back();
+  entry.name = std::move(place.name);
+  entry.type = response.properties.isCollection ? kNodeTypeFolder : kNodeTypeFile;
+  entry.attributes = attributesOfDAVProperties(response.properties);
+  iAreInAsked.push_back(isInAsked);
+  return iListing.children.size() - 1;
+}
+
+void DAVListingBuilder::compare(Shortest candidate) {
+  if (iShortest && candidate.place.length() >= iShortest->place.length()) {
+    noteParent(candidate.place.parent);
+    return;
+  }
+  if (iShortest) noteParent(iShortest->place.parent);
+  iShortest = std::move(candidate);
+}
+
+void DAVListingBuilder::noteParent(const std::string& parent) {
+  if (!iParent) iParent = parent;
+  iHaveOneParent = iHaveOneParent && parent == *iParent;
+}
+
+// Whether the shortest path is that of the item that all others lie directly in.
+bool DAVListingBuilder::isShortestTheFolder() const {
+  if (!iShortest || iShortest->place.isRelative || !iHaveOneParent) return false;
+  if (iParent) return *iParent == iShortest->place.path();
+  // One item alone, of another path, may as well be the only child.
+  return iShortest->place.parent != iAsked;
+}
+
+DAVListing DAVListingBuilder::finish() {
+  std::vector<RemoteEntry>& children = iListing.children;
+  if (!iListing.hasSelf && isShortestTheFolder()) {
+    iListing.hasSelf = true;
+    if (!isTemporaryName(iShortest->place.name)) --iItems;
+    if (iShortest->child) children.erase(children.begin() + static_cast<ptrdiff_t>(*iShortest->child));
+    iListing.self = std::move(iShortest->response);
+  } else {
+    size_t index = 0;
+    std::erase_if(children, [this, &index](const RemoteEntry&) { return !iAreInAsked[index++]; });
+  }
+  iListing.holdsItems = iItems > 0;
+  return std::move(iListing);
+}
+
+DAVListingReader::DAVListingReader(std::string_view path, uint64_t longest)
+    : iLongest(longest),
+      iBuilder(path),
+      iReader([this](DAVResponse response) { iBuilder.add(std::move(response)); }) {}
+
+bool DAVListingReader::add(std::string_view bytes) {
+  iLength += bytes.size();
+  if (iLength > iLongest) return false;
+  iReader.add(bytes);
+  return true;
+}
+
+std::optional<DAVListing> DAVListingReader::finish(std::string* reason) {
+  if (iLength > iLongest) {
+    *reason = "the answer is too long";
+  } else if (iReader.finish()) {
+    return iBuilder.finish();
+  } else {
+    *reason = iReader.reason();
+  }
+  return std::nullopt;
 }
 
 }  // namespace ombra

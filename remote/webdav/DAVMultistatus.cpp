@@ -13,8 +13,8 @@ namespace ombra {
 namespace {
 
 constexpr std::string_view kDAVNamespace = "DAV:";
-// Each element costs memory many times its shortest text.
-constexpr size_t kMostMarks = 16'000'000;
+// So much is looked at, and then read, at a time: the elements of a document take many times its length.
+constexpr size_t kSlice = 16 * 1024;
 
 // An element's name: "D:href" is "href" with the prefix "D".
 struct Name {
@@ -101,9 +101,10 @@ void readPropertySet(pugi::xml_node propertySet, DAVProperties* properties) {
     readProperty(property, properties);
 }
 
-// One "response" may name several items that share its status.
-void readResponse(pugi::xml_node element, std::vector<DAVResponse>* responses) {
+// One "response" may name several items that share its status. Answers how many.
+size_t readResponse(pugi::xml_node element, const DAVMultistatusReader::Take& take) {
   DAVResponse response;
+  size_t count = 0;
   response.status = statusOfDAVText(textOf(childOf(element, "status")));
   for (const pugi::xml_node child : element.children()) {
     if (isDAV(child, "propstat")) readPropertySet(child, &response.properties);
@@ -111,13 +112,10 @@ void readResponse(pugi::xml_node element, std::vector<DAVResponse>* responses) {
   for (const pugi::xml_node child : element.children()) {
     if (!isDAV(child, "href")) continue;
     response.href = textOf(child);
-    responses->push_back(response);
+    take(response);
+    ++count;
   }
-}
-
-std::nullopt_t refuse(std::string* reason, std::string_view words) {
-  if (reason != nullptr) *reason = words;
-  return std::nullopt;
+  return count;
 }
 
 }  // namespace
@@ -132,22 +130,58 @@ int statusOfDAVText(std::string_view text) {
   return result.ec == std::errc() && status >= 100 ? status : 0;
 }
 
-std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string document, std::string* reason) {
-  if (document.find("<!DOCTYPE") != std::string::npos) return refuse(reason, "it has a document type");
-  if (static_cast<size_t>(std::count(document.begin(), document.end(), '<')) > kMostMarks)
-    return refuse(reason, "it has too many elements");
+DAVMultistatusReader::DAVMultistatusReader(Take take, size_t mostItems)
+    : iTake(std::move(take)), iMostItems(mostItems) {}
+
+bool DAVMultistatusReader::add(std::string_view bytes) {
+  while (!bytes.empty() && iReason.empty()) {
+    const std::string_view slice = bytes.substr(0, kSlice);
+    bytes.remove_prefix(slice.size());
+    if (!iCutter.add(slice)) return refuse(iCutter.reason());
+    const bool isFirst = iCutter.isOpened() && !iHasReadRoot;
+    if ((isFirst || iCutter.hasElements()) && !read()) return false;
+  }
+  return iReason.empty();
+}
+
+bool DAVMultistatusReader::finish() {
+  if (!iReason.empty()) return false;
+  if (!iCutter.finish()) return refuse(iCutter.reason());
+  return !iCutter.isWhole() || read();
+}
+
+// What has come, as a document of its own: with the root's tag, which declares the names, around it.
+bool DAVMultistatusReader::read() {
+  iDocument.assign(iCutter.opening());
+  iCutter.takeElements(&iDocument);
+  iDocument += iCutter.closing();
+  iHasReadRoot = true;
   pugi::xml_document parsed;
   constexpr unsigned kOptions = pugi::parse_cdata | pugi::parse_escapes | pugi::parse_eol;
   const pugi::xml_parse_result result =
-      parsed.load_buffer_inplace(document.data(), document.size(), kOptions);
-  if (!result) return refuse(reason, result.description());
+      parsed.load_buffer_inplace(iDocument.data(), iDocument.size(), kOptions);
+  if (!result) return refuse(result.description());
   const pugi::xml_node root = parsed.document_element();
-  if (!isDAV(root, "multistatus")) return refuse(reason, "it is no answer of a WebDAV server");
-  std::vector<DAVResponse> responses;
+  if (!isDAV(root, "multistatus")) return refuse("it is no answer of a WebDAV server");
   for (const pugi::xml_node child : root.children()) {
-    if (isDAV(child, "response")) readResponse(child, &responses);
+    if (isDAV(child, "response")) iItems += readResponse(child, iTake);
   }
-  return responses;
+  return iItems <= iMostItems || refuse("it has too many items");
+}
+
+bool DAVMultistatusReader::refuse(std::string_view reason) {
+  iReason = reason;
+  return false;
+}
+
+std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string_view document, std::string* reason) {
+  std::vector<DAVResponse> responses;
+  DAVMultistatusReader reader(
+      [&responses](DAVResponse response) { responses.push_back(std::move(response)); });
+  reader.add(document);
+  if (reader.finish()) return responses;
+  if (reason != nullptr) *reason = reader.reason();
+  return std::nullopt;
 }
 
 }  // namespace ombra

@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/foundation/NSDate.h"
+#include "remote/webdav/XMLCutter.h"
 
 namespace ombra {
 
@@ -29,11 +31,41 @@ struct DAVResponse {
   DAVProperties properties;
 };
 
-// The responses in their order. Absent, with the reason in words, for what is no such document: not
-// well-formed, another root, a document type (no server has a use for one, and entities are not expanded), or
-// more elements than any folder has. The document is taken apart where it lies: that of a large folder is
-// long, and should be moved here.
-std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string document, std::string* reason);
+// Reads such a document while it arrives, in pieces of any length: no more of it is in memory than some
+// responses, or one that is long. Refused, with the reason in words, is what is no such document: not
+// well-formed, another root, a document type (no server has a use for one, and entities are not expanded),
+// longer than an answer may be, or with more items than any folder has. What was read before that has been
+// given out by then, and counts for nothing.
+class DAVMultistatusReader {
+ public:
+  static constexpr size_t kMostItems = 4'000'000;
+  using Take = std::function<void(DAVResponse response)>;
+
+  // `take` gets the responses in their order.
+  explicit DAVMultistatusReader(Take take, size_t mostItems = kMostItems);
+
+  // False once the document is refused; what comes after that is ignored.
+  bool add(std::string_view bytes);
+  // Nothing more comes. Whether it was such a document.
+  [[nodiscard]] bool finish();
+  // Not empty once it is refused.
+  const std::string& reason() const { return iReason; }
+
+ private:
+  bool read();
+  bool refuse(std::string_view reason);
+
+  const Take iTake;
+  const size_t iMostItems;
+  size_t iItems = 0;
+  bool iHasReadRoot = false;
+  XMLCutter iCutter;
+  std::string iDocument;  // what is being read; kept for its memory
+  std::string iReason;
+};
+
+// All of a short answer. Absent, with the reason in words, when it is refused.
+std::optional<std::vector<DAVResponse>> parseDAVMultistatus(std::string_view document, std::string* reason);
 
 // The status of "HTTP/1.1 404 Not Found"; 0 when it is none.
 int statusOfDAVText(std::string_view text);

@@ -11,7 +11,6 @@
 #include "remote/RemotePaths.h"
 #include "remote/http/HTTPText.h"
 #include "remote/http/URLEncoding.h"
-#include "remote/webdav/DAVPropertyNames.h"
 
 namespace ombra {
 
@@ -120,38 +119,6 @@ std::optional<HTTPResponse> WebDAVSession::send(HTTPRequest request, NSErrorRef*
   }
 }
 
-std::optional<DAVListing> WebDAVSession::properties(DAVRequestKind kind, std::string_view path, bool isFolder,
-                                                    int depth, NSErrorRef* error) {
-  HTTPRequest request;
-  request.method = "PROPFIND";
-  request.url = urlOf(path, isFolder);
-  request.headers = {{"Depth", depth == 0 ? "0" : "1"}, {"Content-Type", "application/xml; charset=utf-8"}};
-  request.body = HTTPBody{std::string(davPropertyRequest(kind)), {}, {}, {}};
-  if (kind == DAVRequestKind::kLogin) request.patience = iEnvironment.connectLimit;
-  std::optional<HTTPResponse> response = send(std::move(request), error);
-  if (!response) return std::nullopt;
-  if (response->status != 207) {
-    // A success of another kind comes from a server that does not know the question.
-    const bool isSuccess = response->status / 100 == 2;
-    storeError(error, isSuccess ? davNonsense(path, "there is no WebDAV at this address")
-                                : davError(kind, *response, path));
-    return std::nullopt;
-  }
-  std::string reason;
-  std::optional<std::vector<DAVResponse>> responses = parseDAVMultistatus(std::move(response->body), &reason);
-  if (!responses) {
-    storeError(error, davNonsense(path, reason));
-    return std::nullopt;
-  }
-  DAVListing listing = listingOfDAVResponses(*std::move(responses), path);
-  const bool isRefused = listing.hasSelf && listing.self.status / 100 > 2;
-  if (listing.hasSelf && !isRefused) return listing;
-  storeError(error, isRefused
-                        ? davError(kind, listing.self.status, path)
-                        : davNonsense(path, "the answer does not tell about the item that was asked for"));
-  return std::nullopt;
-}
-
 bool WebDAVSession::succeeded(DAVRequestKind kind, const std::optional<HTTPResponse>& response,
                               std::string_view path, NSErrorRef* error) {
   if (!response) return false;
@@ -251,32 +218,6 @@ std::optional<NSFileAttributes> WebDAVSession::fileSystemAttributes(std::string_
   volume.systemFreeSize = *told.quotaAvailable;
   volume.systemSize = *told.quotaAvailable + told.quotaUsed.value_or(0);
   return volume;
-}
-
-std::optional<DAVListing> WebDAVSession::folderListing(DAVRequestKind kind, std::string_view path,
-                                                       NSErrorRef* error) {
-  NSErrorRef reason;
-  std::optional<DAVListing> found = properties(kind, path, true, 1, &reason);
-  if (found && found->self.properties.isCollection) return found;
-  if (found) {
-    reason = QuarnKitError::errorWithCode(kQuarnKitNotAFolder, path);
-  } else if (QuarnKitError::isCode(reason, kQuarnKitRefused) ||
-             QuarnKitError::isCode(reason, kQuarnKitListingNotPermitted) ||
-             QuarnKitError::isCode(reason, kQuarnKitPermissionDenied)) {
-    // Servers refuse a file's name with a slash behind it in various ways.
-    bool isDirectory = true;
-    if (attributes(path, &isDirectory, nullptr) && !isDirectory)
-      reason = QuarnKitError::errorWithCode(kQuarnKitNotAFolder, path);
-  }
-  storeError(error, reason);
-  return std::nullopt;
-}
-
-bool WebDAVSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  std::optional<DAVListing> found = folderListing(DAVRequestKind::kList, path, error);
-  if (!found) return false;
-  *entries = std::move(found->children);
-  return true;
 }
 
 }  // namespace ombra

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <cstdlib>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "remote/RemotePaths.h"
 #include "remote/TemporaryNames.h"
@@ -18,13 +20,32 @@ void require(bool holds) {
   if (!holds) std::abort();
 }
 
-void checkListing(std::vector<ombra::DAVResponse> responses, std::string_view path) {
-  const size_t count = responses.size();
-  const ombra::DAVListing listing = ombra::listingOfDAVResponses(std::move(responses), path);
-  require(listing.children.size() + (listing.hasSelf ? 1 : 0) <= count);
+ombra::DAVListing listingIn(const std::vector<ombra::DAVResponse>& responses, std::string_view path) {
+  ombra::DAVListingBuilder builder(path);
+  for (const ombra::DAVResponse& response : responses) builder.add(response);
+  return builder.finish();
+}
+
+void checkListing(const std::vector<ombra::DAVResponse>& responses, std::string_view path) {
+  const ombra::DAVListing listing = listingIn(responses, path);
+  require(listing.children.size() + (listing.hasSelf ? 1 : 0) <= responses.size());
   require(listing.children.empty() || listing.holdsItems);
   for (const ombra::RemoteEntry& entry : listing.children)
     require(ombra::isShownName(entry.name) && !ombra::isTemporaryName(entry.name));
+}
+
+// A document is the same however it is cut.
+void checkPieces(std::string_view document, size_t length, const std::vector<ombra::DAVResponse>* responses) {
+  size_t count = 0;
+  bool isSame = true;
+  ombra::DAVMultistatusReader reader([&](const ombra::DAVResponse& response) {
+    isSame = isSame && (responses == nullptr ||
+                        (count < responses->size() && (*responses)[count].href == response.href));
+    ++count;
+  });
+  for (size_t at = 0; at < document.size(); at += length) reader.add(document.substr(at, length));
+  require(reader.finish() == (responses != nullptr));
+  require(responses == nullptr || (isSame && count == responses->size()));
 }
 
 void checkContent(std::string_view text) {
@@ -48,11 +69,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::string reason;
   for (const std::string& document :
        {text, "<D:multistatus xmlns:D=\"DAV:\"><D:response>" + text + "</D:response></D:multistatus>"}) {
-    auto responses = ombra::parseDAVMultistatus(document, &reason);
+    const auto responses = ombra::parseDAVMultistatus(document, &reason);
     require(responses.has_value() || !reason.empty());
+    checkPieces(document, 1 + size % 40, responses ? &*responses : nullptr);
     if (!responses) continue;
     checkListing(*responses, "/dav");
-    checkListing(*std::move(responses), "/");
+    checkListing(*responses, "/");
   }
   return 0;
 }

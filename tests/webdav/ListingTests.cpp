@@ -39,8 +39,14 @@ std::string responsesOf(const std::vector<std::string>& hrefs) {
   return documentOf(text);
 }
 
+DAVListing listingIn(const std::string& document, const std::string& path) {
+  DAVListingBuilder builder(path);
+  for (DAVResponse& response : parsed(document)) builder.add(std::move(response));
+  return builder.finish();
+}
+
 DAVListing listingOf(const std::vector<std::string>& hrefs, const std::string& path = "/dav") {
-  return listingOfDAVResponses(parsed(responsesOf(hrefs)), path);
+  return listingIn(responsesOf(hrefs), path);
 }
 
 std::vector<std::string> namesIn(const DAVListing& listing) {
@@ -53,7 +59,7 @@ class DAVDialects : public testing::TestWithParam<DAVDialect> {};
 
 TEST_P(DAVDialects, TellTheSameFolder) {
   const DAVDialect& dialect = GetParam();
-  const DAVListing listing = listingOfDAVResponses(parsed(dialect.document), dialect.path);
+  const DAVListing listing = listingIn(dialect.document, dialect.path);
   ASSERT_TRUE(listing.hasSelf);
   EXPECT_TRUE(listing.self.properties.isCollection);
   ASSERT_THAT(namesIn(listing), ElementsAre(dialect.fileName, "sub"));
@@ -71,73 +77,6 @@ TEST_P(DAVDialects, TellTheSameFolder) {
 
 INSTANTIATE_TEST_SUITE_P(Servers, DAVDialects, testing::ValuesIn(davDialects()),
                          [](const auto& test) { return test.param.name; });
-
-TEST(DAVMultistatus, RefusesWhatIsNoSuchDocument) {
-  std::string bomb =
-      R"(<?xml version="1.0"?><!DOCTYPE lolz [<!ENTITY a "aaaaaaaaaa"><!ENTITY b "&a;&a;&a;&a;">]>)"
-      R"(<D:multistatus xmlns:D="DAV:"><D:response><D:href>&b;</D:href></D:response>)"
-      R"(</D:multistatus>)";
-  const std::pair<std::string, std::string> table[] = {
-      {"", "No document element"},
-      {"<html><body>Welcome</body></html>", "no answer of a WebDAV server"},
-      {R"(<D:multistatus xmlns:D="OTHER:"/>)", "no answer of a WebDAV server"},
-      {R"(<D:multistatus xmlns:D="DAV:"><D:response>)", "tags mismatch"},
-      {"plain text", "document element"},
-      {bomb, "document type"},
-      {std::string("\0\0\0\0", 4), "document element"},
-      {documentOf(std::string(17'000'000, '<')), "too many elements"},
-  };
-  for (const auto& [document, why] : table) {
-    std::string reason;
-    EXPECT_FALSE(parseDAVMultistatus(document, &reason).has_value()) << document.substr(0, 80);
-    EXPECT_THAT(reason, HasSubstr(why)) << document.substr(0, 80);
-  }
-}
-
-TEST(DAVMultistatus, ExpandsNoEntitiesButThoseOfTheLanguage) {
-  const auto responses =
-      parsed(documentOf("<D:response><D:href>/a&amp;&lt;&#x41;&unknown;</D:href></D:response>"));
-  ASSERT_EQ(responses.size(), 1u);
-  EXPECT_EQ(responses[0].href, "/a&<A&unknown;");
-}
-
-TEST(DAVMultistatus, DeepNestingIsHarmless) {
-  std::string deep;
-  for (int i = 0; i < 200'000; ++i) deep += "<D:prop>";
-  for (int i = 0; i < 200'000; ++i) deep += "</D:prop>";
-  EXPECT_TRUE(parsed(documentOf("<D:response>" + deep + "</D:response>")).empty());
-}
-
-TEST(DAVMultistatus, NumbersAndDatesThatMakeNoSenseAreNotThere) {
-  for (const char* length : {"-1", "5x", "0x5", "", "99999999999999999999", "9223372036854775808", "1e3"}) {
-    const auto responses = parsed(documentOf(
-        std::string("<D:response><D:href>/a</D:href><D:propstat><D:prop><D:getcontentlength>") + length +
-        "</D:getcontentlength><D:getlastmodified>soon</D:getlastmodified><D:creationdate>soon</"
-        "D:creationdate>"
-        "<D:quota-available-bytes>-3</D:quota-available-bytes></D:prop></D:propstat></D:response>"));
-    ASSERT_EQ(responses.size(), 1u) << length;
-    EXPECT_FALSE(responses[0].properties.contentLength.has_value()) << length;
-    EXPECT_FALSE(responses[0].properties.lastModified.has_value());
-    EXPECT_FALSE(responses[0].properties.creationDate.has_value());
-    EXPECT_FALSE(responses[0].properties.quotaAvailable.has_value());
-  }
-}
-
-TEST(DAVMultistatus, OneResponseMayNameSeveralItems) {
-  const auto responses =
-      parsed(documentOf("<D:response><D:href>/a</D:href><D:href>/b</D:href>"
-                        "<D:status>HTTP/1.1 423 Locked</D:status></D:response>"));
-  ASSERT_EQ(responses.size(), 2u);
-  EXPECT_EQ(responses[0].href, "/a");
-  EXPECT_EQ(responses[1].status, 423);
-}
-
-TEST(DAVMultistatus, ReadsStatusLines) {
-  EXPECT_EQ(statusOfDAVText("HTTP/1.1 404 Not Found"), 404);
-  EXPECT_EQ(statusOfDAVText("HTTP/1.1  200"), 200);
-  for (const char* text : {"", "404", "HTTP/1.1", "HTTP/1.1 x", "HTTP/1.1 99"})
-    EXPECT_EQ(statusOfDAVText(text), 0);
-}
 
 TEST(DAVListing, LeavesOutWhatLiesElsewhereAndWhatCannotBeShown) {
   const DAVListing listing =
@@ -171,7 +110,7 @@ TEST(DAVListing, ItemsThatVanishedMeanwhileAreNotListed) {
       "<D:response><D:href>/dav/gone</D:href><D:status>HTTP/1.1 404 Not Found</D:status></D:response>";
   std::string document = responsesOf({"/dav/", "/dav/there"});
   document.insert(document.rfind("</D:multistatus>"), gone);
-  EXPECT_THAT(namesIn(listingOfDAVResponses(parsed(document), "/dav")), ElementsAre("there"));
+  EXPECT_THAT(namesIn(listingIn(document, "/dav")), ElementsAre("there"));
 }
 
 TEST(DAVListing, TheRootHasNoName) {
@@ -189,6 +128,46 @@ TEST(DAVListing, AnItemAloneIsTheItemUnlessItLiesInTheFolder) {
   const DAVListing child = listingOf({"/dav/a"});
   EXPECT_FALSE(child.hasSelf);
   EXPECT_FALSE(listingOf({}).hasSelf);
+}
+
+TEST(DAVListing, TheFolderMayComeAfterItsItems) {
+  const DAVListing asked = listingOf({"/dav/a", "/", "/other/x", "/dav/", "/other/y", "/dav/b"});
+  EXPECT_TRUE(asked.hasSelf);
+  EXPECT_EQ(asked.self.href, "/dav/");
+  EXPECT_THAT(namesIn(asked), ElementsAre("a", "b"));
+  const DAVListing proxied = listingOf({"/inside/a", "/inside/", "/inside/b"});
+  EXPECT_TRUE(proxied.hasSelf);
+  EXPECT_EQ(proxied.self.href, "/inside/");
+  EXPECT_THAT(namesIn(proxied), ElementsAre("a", "b"));
+  EXPECT_TRUE(proxied.holdsItems);
+}
+
+TEST(DAVListing, AnotherFolderIsTheOneOnlyIfAllElseLiesInIt) {
+  for (const std::vector<std::string>& hrefs :
+       std::vector<std::vector<std::string>>{{"/inside/", "/inside/a", "/else/b"},
+                                             {"/inside/a", "/inside/b"},
+                                             {"/inside/", "/inside/a/b"},
+                                             {"a", "b"}}) {
+    const DAVListing listing = listingOf(hrefs);
+    EXPECT_FALSE(listing.hasSelf) << hrefs[0];
+    EXPECT_TRUE(listing.holdsItems) << hrefs[0];
+  }
+  const DAVListing empty = listingOf({"/inside/", "/inside/" + makeTemporaryName()});
+  EXPECT_TRUE(empty.hasSelf);
+  EXPECT_FALSE(empty.holdsItems);
+}
+
+TEST(DAVListing, AnAnswerThatDoesNotEndIsRefused) {
+  const std::string document = responsesOf({"/dav/", "/dav/a"});
+  std::string reason;
+  DAVListingReader whole("/dav", document.size());
+  EXPECT_TRUE(whole.add(document));
+  EXPECT_TRUE(whole.finish(&reason).has_value()) << reason;
+  DAVListingReader cut("/dav", document.size() - 1);
+  EXPECT_TRUE(cut.add(document.substr(0, 100)));
+  EXPECT_FALSE(cut.add(document.substr(100)));
+  EXPECT_FALSE(cut.finish(&reason).has_value());
+  EXPECT_EQ(reason, "the answer is too long");
 }
 
 TEST(DAVListing, BareNamesLieInTheFolder) {

@@ -130,6 +130,36 @@ TEST_F(WebDAVSessionTest, AListingThatMakesNoSenseIsAProtocolError) {
   }
 }
 
+TEST_F(WebDAVSessionTest, AfterAListingThatMakesNoSenseTheConnectionIsStillOfUse) {
+  serve([](const HTTPSeen& seen) {
+    const std::string nonsense = "<html><p></html>" + std::string(600'000, ' ');
+    return seen.header("depth") == "1" ? httpReply(207, nonsense) : davAnswer({davItem(seen.target)});
+  });
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(session->list("/a", &entries, &error));
+  EXPECT_EQ(code(), kQuarnKitProtocolError);
+  EXPECT_TRUE(session->attributes("/a", nullptr, &error));
+  EXPECT_EQ(server->connections(), 1);
+}
+
+TEST_F(WebDAVSessionTest, AListingThatBreaksOffIsALostConnectionWhateverHasCome) {
+  const std::string items = davItem("/a/") + davItem("/a/b");
+  for (const std::string& begin :
+       {"<D:multistatus xmlns:D='DAV:'>" + items, "<html>" + items, std::string("</x>")}) {
+    serve([&](const HTTPSeen&) {
+      HTTPReply reply = httpReply(207, begin + "</D:multistatus>");
+      reply.bytes.pop_back();
+      reply.closes = true;
+      return reply;
+    });
+    std::vector<RemoteEntry> entries;
+    EXPECT_FALSE(session->list("/a", &entries, &error));
+    EXPECT_EQ(code(), kQuarnKitConnectionLost) << begin.substr(0, 40);
+    EXPECT_TRUE(entries.empty());
+    EXPECT_FALSE(session->isAlive());
+  }
+}
+
 TEST_F(WebDAVSessionTest, AFolderThatMayNotBeListedIsToldFromAFile) {
   serve([](const HTTPSeen& seen) {
     return seen.header("depth") == "1" ? httpReply(403) : davAnswer({davItem("/folder/")});
