@@ -17,13 +17,13 @@ _ombra_lines() {
 
 _ombra_words() {
   local IFS=$' \t\n'
-  COMPREPLY=($(compgen -W "$1" -- "$cur"))
+  mapfile -t COMPREPLY < <(compgen -W "$1" -- "$cur")
 }
 
 _ombra_files() {
-  local IFS=$'\n'
   compopt -o filenames 2>/dev/null
-  COMPREPLY=($(compgen "$1" -- "$cur"))
+  # Each line as it is: names may hold what the shell takes for a pattern.
+  mapfile -t COMPREPLY < <(compgen "$1" -- "$cur")
 }
 
 _ombra_urls() {
@@ -85,7 +85,7 @@ _ombra_arguments() {
 }
 
 _ombra() {
-  local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command= i
+  local cur=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]} command='' i
   COMPREPLY=()
   for ((i = 1; i < COMP_CWORD; ++i)); do
     [[ ${COMP_WORDS[i]} == -* ]] && continue

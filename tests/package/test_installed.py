@@ -252,6 +252,14 @@ class Completion(unittest.TestCase):
         for words in [["--identity", WORK + "/ke"], ["--identity", "=", WORK + "/ke"]]:
             self.assertEqual(self.bash("ombra", "mount", *words), [WORK + "/key file"])
 
+    def test_bash_takes_no_name_of_a_file_for_a_pattern(self):
+        folder = WORK + "/patterns"
+        os.mkdir(folder)
+        for name in ["id*", "id_one"]:
+            open(f"{folder}/{name}", "w").close()
+        self.assertEqual(sorted(self.bash("ombra", "mount", "--identity", folder + "/id")),
+                         [folder + "/id*", folder + "/id_one"])
+
     def test_bash_offers_nothing_for_a_server(self):
         self.assertEqual(self.bash("ombra", "mount", "sftp", ":", "//na"), [])
         self.assertEqual(self.bash("ombra", "mount", "--name", "Pho"), [])
