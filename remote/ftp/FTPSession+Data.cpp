@@ -173,7 +173,7 @@ bool FTPSession::restartAccepted(const Request& request, FTPTransfer& transfer, 
   if (!reply->isRefusal()) return true;
   storeError(error, errorForFTPReply(*reply, FTPOperation::kOther, request.path));
   // What follows would come from the beginning: it is called off.
-  (void)transfer.connect(nullptr);
+  (void)transfer.establish(nullptr);
   return false;
 }
 

@@ -49,18 +49,17 @@ struct LinkNeighbours {
 
 }  // namespace
 
-bool FTPSession::receiveList(FTPTransfer& transfer, bool areFacts, std::vector<FTPItem>* items,
-                             NSErrorRef* error) {
+bool FTPSession::receiveList(FTPTransfer& transfer, bool areFacts, Items& items, NSErrorRef* error) {
   const NSDate now = NSDate::date();
   size_t strange = 0;
-  const auto take = [items, areFacts, now, &strange](std::string_view line) {
+  const auto take = [&items, areFacts, now, &strange](std::string_view line) {
     std::optional<FTPItem> item = areFacts ? itemOfFacts(line) : itemOfListLine(line, now);
     if (!item) {
       if (!isListHeading(line)) ++strange;
       return true;
     }
-    items->push_back(std::move(*item));
-    return items->size() <= kMostItems;
+    items.take(std::move(*item));
+    return ++items.count <= kMostItems;
   };
   FTPLines lines;
   const auto buffer = std::make_unique<std::array<char, kListBuffer>>();
@@ -77,12 +76,12 @@ bool FTPSession::receiveList(FTPTransfer& transfer, bool areFacts, std::vector<F
   if (!finish(transfer, error)) return false;
   askForPort();
   // Better no listing than an empty one in the place of what could not be read.
-  if (!items->empty() || strange == 0) return true;
+  if (items.count > 0 || strange == 0) return true;
   storeError(error, ftpProtocolError("a listing in a form that is not known"));
   return false;
 }
 
-bool FTPSession::listFacts(std::string_view path, std::vector<FTPItem>* items, NSErrorRef* error) {
+bool FTPSession::listFacts(std::string_view path, Items& items, NSErrorRef* error) {
   Request request;
   request.command = "MLSD " + std::string(path);
   request.operation = FTPOperation::kList;
@@ -93,8 +92,7 @@ bool FTPSession::listFacts(std::string_view path, std::vector<FTPItem>* items, N
   return carryOut(request, receive, error);
 }
 
-bool FTPSession::runList(std::string_view path, bool showsAll, std::vector<FTPItem>* items,
-                         NSErrorRef* error) {
+bool FTPSession::runList(std::string_view path, bool showsAll, Items& items, NSErrorRef* error) {
   // LIST takes options and patterns where others take a path: the folder is entered instead.
   Request request;
   request.before = {"CWD " + std::string(path)};
@@ -105,7 +103,7 @@ bool FTPSession::runList(std::string_view path, bool showsAll, std::vector<FTPIt
   const auto receive = [&](Begun& begun, NSErrorRef* reason) {
     if (const FTPReply& entered = begun.before.front(); !entered.isPositive()) {
       storeError(reason, errorForFTPReply(entered, FTPOperation::kList, path));
-      if (begun.transfer != nullptr) (void)begun.transfer->connect(nullptr);
+      if (begun.transfer != nullptr) (void)begun.transfer->establish(nullptr);
       return false;
     }
     const bool isReceived = receiveList(*begun.transfer, false, items, reason);
@@ -119,13 +117,13 @@ bool FTPSession::runList(std::string_view path, bool showsAll, std::vector<FTPIt
   return carryOut(request, receive, error);
 }
 
-bool FTPSession::listLines(std::string_view path, std::vector<FTPItem>* items, NSErrorRef* error) {
+bool FTPSession::listLines(std::string_view path, Items& items, NSErrorRef* error) {
   const FTPServer::Answer listsAll = iServer->listsAll();
   if (listsAll == FTPServer::Answer::kNo) return runList(path, false, items, error);
   NSErrorRef reason;
   const bool done = runList(path, true, items, &reason);
-  if (!items->empty()) iServer->setListsAll(FTPServer::Answer::kYes);
-  const bool isAnswered = !items->empty() || listsAll == FTPServer::Answer::kYes || iControl.failure() ||
+  if (items.count > 0) iServer->setListsAll(FTPServer::Answer::kYes);
+  const bool isAnswered = items.count > 0 || listsAll == FTPServer::Answer::kYes || iControl.failure() ||
                           QuarnKitError::isCode(reason, kQuarnKitListingNotPermitted);
   if (isAnswered) {
     if (!done) storeError(error, std::move(reason));
@@ -133,26 +131,25 @@ bool FTPSession::listLines(std::string_view path, std::vector<FTPItem>* items, N
   }
   // With "-a" a folder holds itself at least: nothing at all means that it was taken for a name.
   if (!runList(path, false, items, error)) return false;
-  if (!items->empty()) iServer->setListsAll(FTPServer::Answer::kNo);
+  if (items.count > 0) iServer->setListsAll(FTPServer::Answer::kNo);
   return true;
 }
 
-bool FTPSession::listItems(std::string_view path, std::vector<FTPItem>* items, NSErrorRef* error) {
+bool FTPSession::listItems(std::string_view path, Items& items, NSErrorRef* error) {
   return features().mlst ? listFacts(path, items, error) : listLines(path, items, error);
 }
 
 bool FTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
-  std::vector<FTPItem> items;
-  NSErrorRef reason;
-  if (!listItems(path, &items, &reason)) {
-    storeError(error, explain(std::move(reason), FTPOperation::kList, path));
-    return false;
-  }
-  for (FTPItem& item : items) {
+  Items items{[entries](FTPItem item) {
     const bool isShown = item.kind == FTPItem::Kind::kItem && isShownName(item.entry.name) &&
                          !isTemporaryName(item.entry.name);
     if (isShown) entries->push_back(std::move(item.entry));
+  }};
+  NSErrorRef reason;
+  if (!listItems(path, items, &reason)) {
+    storeError(error, explain(std::move(reason), FTPOperation::kList, path));
+    return false;
   }
   resolveLinks(path, entries);
   return iControl.failure() == nullptr || (storeError(error, iControl.failure()), false);
@@ -205,18 +202,18 @@ void FTPSession::resolveElsewhere(const Unresolved& links) {
 // program or another: too old to be still on its way, it is nobody's.
 bool FTPSession::clearStaleTemporaries(std::string_view path) {
   constexpr double kStaleSeconds = 60.0 * 60;
-  std::vector<FTPItem> items;
-  if (!listItems(path, &items, nullptr)) return false;
   std::vector<std::string> commands;
+  bool areAllStale = true;
   const NSDate now = NSDate::date();
-  for (const FTPItem& item : items) {
-    if (item.kind == FTPItem::Kind::kSelf) continue;
+  Items items{[&](const FTPItem& item) {
+    if (item.kind == FTPItem::Kind::kSelf) return;
     const auto& date = item.entry.attributes.modificationDate;
     const bool isStale =
         isTemporaryName(item.entry.name) && date && now.timeIntervalSinceDate(*date) > kStaleSeconds;
-    if (!isStale) return false;
-    commands.push_back("DELE " + remotePathInFolder(path, item.entry.name));
-  }
+    areAllStale = areAllStale && isStale;
+    if (areAllStale) commands.push_back("DELE " + remotePathInFolder(path, item.entry.name));
+  }};
+  if (!listItems(path, items, nullptr) || !areAllStale) return false;
   std::vector<FTPReply> replies;
   return !commands.empty() && askAll(commands, &replies, nullptr);
 }

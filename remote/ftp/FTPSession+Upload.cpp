@@ -167,7 +167,7 @@ FTPSession::Stored FTPSession::storeBeside(const NSFileHandle& from, uint64_t le
     FTPTransfer& transfer = *begun.transfer;
     present = readExisting(path, begun.before);
     if (mustGoInPlace(present)) {
-      mayBeThere = transfer.connect(reason);
+      mayBeThere = transfer.establish(reason);
       goesInPlace = mayBeThere || refusesName(*reason);
       return mayBeThere;
     }

@@ -58,7 +58,9 @@ FTPTransfer::~FTPTransfer() {
   FTPControl& control = iSurroundings.control;
   if (iStream != nullptr && iState != State::kFinished) iStream->breakOff();
   if (control.failure() != nullptr) return;
-  if (iState == State::kConnecting && iStream != nullptr && !iFinal) {
+  // One that is cut short while it agrees on encryption ends the whole session of some servers.
+  const bool isWaitedFor = iState == State::kConnecting || iState == State::kHandshake;
+  if (isWaitedFor && iStream != nullptr && !iFinal) {
     control.fail(
         QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the server waits for a data connection"));
     return;
@@ -175,13 +177,6 @@ bool FTPTransfer::checkConnect(NSErrorRef* error) {
   return true;
 }
 
-bool FTPTransfer::connect(NSErrorRef* error) {
-  while (iState == State::kConnecting) {
-    if (!checkConnect(error)) return false;
-  }
-  return true;
-}
-
 bool FTPTransfer::goOn(Outcome outcome, NSErrorRef* error) {
   if (outcome == Outcome::kWait) return waitForData(error);
   if (outcome != Outcome::kDone) return explainBreak(iStream->problem(), error);
@@ -190,7 +185,9 @@ bool FTPTransfer::goOn(Outcome outcome, NSErrorRef* error) {
 }
 
 bool FTPTransfer::establish(NSErrorRef* error) {
-  if (!connect(error)) return false;
+  while (iState == State::kConnecting) {
+    if (!checkConnect(error)) return false;
+  }
   while (iState == State::kHandshake) {
     const Outcome outcome = iStream->handshake();
     if (!goOn(outcome, error)) return false;

@@ -51,9 +51,9 @@ class FTPTransfer {
   // The same, but that the control connection has failed then too.
   [[nodiscard]] bool open(int port, NSErrorRef* error);
   bool isOpening() const { return iStream != nullptr; }
-  // Waits until the connection is there, for nothing more than to break it off again: a server that waits for
-  // one would not go on before.
-  [[nodiscard]] bool connect(NSErrorRef* error);
+  // Waits until the connection is there and encrypted, if it is to be. To break it off again needs no more: a
+  // server that waits for one would not go on before, and some end the session over half a handshake.
+  [[nodiscard]] bool establish(NSErrorRef* error);
   // Waits until the server has agreed to the transfer.
   [[nodiscard]] bool start(NSErrorRef* error);
   // Waits for some bytes, and takes as many as are there. 0 of them at the end.
@@ -74,8 +74,6 @@ class FTPTransfer {
   enum class State { kConnecting, kHandshake, kOpen, kEnded, kFinished };
   using Outcome = FTPStream::Outcome;
 
-  // Comes to kOpen.
-  bool establish(NSErrorRef* error);
   bool checkConnect(NSErrorRef* error);
   // Waits for the data connection, `events` of it, or for a reply.
   bool wait(short events, NSErrorRef* error);

@@ -96,7 +96,8 @@ bool FTPServerFixture::prepareVsftpd(const std::vector<std::string>& extra) {
   std::string text = fmt::format(
       "listen=YES\nbackground=NO\nlisten_address=127.0.0.1\nlisten_port={}\nanonymous_enable=NO\n"
       "local_enable=YES\nwrite_enable=YES\nlocal_umask=022\nlocal_root={}\npam_service_name=vsftpd\n"
-      "secure_chroot_dir={}\nseccomp_sandbox=NO\nxferlog_enable=NO\nutf8_filesystem=YES\nmdtm_write=YES\n",
+      "secure_chroot_dir={}\nseccomp_sandbox=NO\nxferlog_enable=NO\nutf8_filesystem=YES\nmdtm_write=YES\n"
+      "delay_failed_login=0\n",
       iPort, folder(), empty);
   if (isEncrypted()) {
     const TestCertificate certificate = makeLocalhostCertificate();
