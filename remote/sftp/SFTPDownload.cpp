@@ -38,6 +38,11 @@ void SFTPDownload::begin(std::optional<uint64_t> likelyLength) {
   fill(most);
 }
 
+void SFTPDownload::beginWith(uint32_t readID, size_t length) {
+  iPieces.push_back({iNextOffset, length, readID});
+  iNextOffset += length;
+}
+
 void SFTPDownload::fill(size_t most) {
   while (iPieces.size() < most) {
     // One request past the expected end finds it, or shows that the file has grown.
@@ -65,7 +70,7 @@ bool SFTPDownload::run(TransferControl& control, NSErrorRef* error) {
     const bool taken = takeFirst(*reply, error);
     iChannel.recycle(std::move(*reply));
     if (!taken) return false;
-    control.progress(iReached);
+    if (!iEnded) control.progress(iReached);
   }
   return true;
 }

@@ -25,13 +25,17 @@ class SFTPDownload {
   // Queues the first requests without waiting: no more than a file of that length needs, where a length is
   // given. It may be out of date.
   void begin(std::optional<uint64_t> likelyLength = std::nullopt);
+  // The same with a request that was queued before, for so many bytes from the offset on.
+  void beginWith(uint32_t readID, size_t length);
   // The length that the server tells: requests beyond it are few, since they are expected to find the end.
   void setExpectedLength(uint64_t length) { iExpectedLength = length; }
   // How many requests an earlier download has had in flight in the end, and how many this one has by now.
   void widen(size_t requests) { iWindow.widen(requests); }
   size_t width() const { return iWindow.limit(); }
-  // Runs to the end of the remote file.
+  // Runs to the end of the remote file. Reports progress except for the last piece, which is left to the
+  // caller: `reached` then tells how long the local file is.
   [[nodiscard]] bool run(TransferControl& control, NSErrorRef* error);
+  uint64_t reached() const { return iReached; }
 
  private:
   struct Piece {

@@ -24,6 +24,12 @@ bool isSameFile(const SFTPAttributes& one, const SFTPAttributes& other) {
          one.times->modification == other.times->modification;
 }
 
+// Whether the item is still the one that was listed, as far as that can be told.
+bool isAsListed(const SFTPAttributes& present, const SFTPAhead::Opened& listed) {
+  return present.isFile() && present.size == listed.size && present.times &&
+         int64_t{present.times->modification} == listed.modified;
+}
+
 // Reading more than that takes so long that what was opened ahead would be closed before its turn.
 constexpr uint64_t kSmallFile = 1024 * 1024;
 
@@ -35,8 +41,8 @@ bool SFTPSession::download(std::string_view path, NSFileHandle& to, uint64_t off
   const auto likelyLength = iWalks->reached(path, SFTPWalks::Kind::kFile);
   if (const auto opened = iAhead.take(path, SFTPWalks::Kind::kFile)) {
     bool isOutdated = false;
-    const bool succeeded = downloadThrough({opened->handle, likelyLength}, path, to, offset, version, control,
-                                           &isOutdated, error);
+    const DownloadSource source{opened->handle, likelyLength, &*opened};
+    const bool succeeded = downloadThrough(source, path, to, offset, version, control, &isOutdated, error);
     if (!isOutdated) return succeeded;
     storeError(error, nullptr);
   }
@@ -45,23 +51,43 @@ bool SFTPSession::download(std::string_view path, NSFileHandle& to, uint64_t off
          downloadThrough({*handle, likelyLength}, path, to, offset, version, control, nullptr, error);
 }
 
+// The attributes and the first data come in one round trip; nothing is written before they were looked at.
+std::optional<SFTPAttributes> SFTPSession::beginDownload(const DownloadSource& source, std::string_view path,
+                                                         uint64_t offset, SFTPDownload& download,
+                                                         bool* isOutdated) {
+  const SFTPAhead::Opened* ahead = source.ahead;
+  if (ahead != nullptr && ahead->asked && offset == 0) {
+    download.beginWith(ahead->asked->readID, ahead->asked->length);
+    const auto named = waitAttributes(ahead->asked->statID, SFTPOperation::kOther, path, nullptr);
+    *isOutdated = !iChannel.failure() && (!named || !isAsListed(*named, *ahead));
+    if (*isOutdated) iAhead.disappoint();
+    return named;
+  }
+  if (ahead != nullptr && ahead->asked) {
+    iChannel.abandon(ahead->asked->statID);
+    iChannel.abandon(ahead->asked->readID);
+  }
+  const uint32_t fstatID = iRequests.fstat(source.handle);
+  const uint32_t statID = ahead != nullptr ? iRequests.stat(path) : 0;
+  download.begin(source.likelyLength);
+  const auto attributes = waitAttributes(fstatID, SFTPOperation::kOther, path, nullptr);
+  if (ahead != nullptr) {
+    const auto named = waitAttributes(statID, SFTPOperation::kOther, path, nullptr);
+    *isOutdated = !iChannel.failure() && (!attributes || !named || !isSameFile(*attributes, *named));
+  }
+  return attributes;
+}
+
 bool SFTPSession::downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to,
                                   uint64_t offset, std::string* version, TransferControl& control,
                                   bool* isOutdated, NSErrorRef* error) {
-  const std::string& handle = source.handle;
+  const SFTPAhead::Opened* ahead = source.ahead;
   bool succeeded = false;
+  uint64_t reached = offset;
+  bool mustSend = true;
   {
-    // The attributes and the first data come in one round trip; nothing is written before the version is
-    // checked.
-    const uint32_t fstatID = iRequests.fstat(handle);
-    const uint32_t statID = isOutdated != nullptr ? iRequests.stat(path) : 0;
-    SFTPDownload download(iChannel, handle, std::string(path), to, offset);
-    download.begin(source.likelyLength);
-    const auto attributes = waitAttributes(fstatID, SFTPOperation::kOther, path, nullptr);
-    if (isOutdated != nullptr) {
-      const auto named = waitAttributes(statID, SFTPOperation::kOther, path, nullptr);
-      *isOutdated = !iChannel.failure() && (!attributes || !named || !isSameFile(*attributes, *named));
-    }
+    SFTPDownload download(iChannel, source.handle, std::string(path), to, offset);
+    const auto attributes = beginDownload(source, path, offset, download, isOutdated);
     if (iChannel.failure()) {
       storeError(error, iChannel.failure());
       return false;
@@ -74,19 +100,31 @@ bool SFTPSession::downloadThrough(const DownloadSource& source, std::string_view
     } else {
       if (version != nullptr) *version = present;
       if (attributes && attributes->size) download.setExpectedLength(*attributes->size);
-      if (attributes && attributes->size.value_or(kSmallFile) < kSmallFile)
+      if (attributes && attributes->size.value_or(kSmallFile) < kSmallFile) {
+        mustSend = !iAhead.isWellAhead();
         iAhead.openNext(path, SFTPWalks::Kind::kFile);
+      }
       // Not before: to ask for megabytes beyond the end of a small file would cost the server something.
       download.widen(iDownloadWidth);
-      succeeded = download.run(control, error);
+      NSErrorRef reason;
+      succeeded = download.run(control, &reason);
+      reached = download.reached();
+      // A server that has let go of the handle refuses to read what is still there.
+      if (!succeeded && ahead != nullptr && reached == offset &&
+          QuarnKitError::isCode(reason, kQuarnKitRefused))
+        *isOutdated = true;
+      if (!succeeded) storeError(error, std::move(reason));
       // Only as much as the file was long enough to try.
       const uint64_t pieces = attributes ? attributes->size.value_or(0) / iChannel.readLength() : 0;
       iDownloadWidth = std::min(download.width(), std::max(iDownloadWidth, static_cast<size_t>(pieces / 2)));
     }
   }
-  iChannel.abandon(iRequests.close(handle));
-  // The close must not stay behind until this session is used again.
-  iChannel.flushBriefly();
+  iChannel.abandon(iRequests.close(source.handle));
+  // The close must not stay behind until this session is used again. On a walk it leaves with what is asked
+  // for next, or when the session is found idle.
+  if (mustSend) iChannel.flushBriefly();
+  // Last: a program that has got its bytes asks for the next file at once, and this session has that ahead.
+  if (succeeded) control.progress(reached);
   return succeeded;
 }
 

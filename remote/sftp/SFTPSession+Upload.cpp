@@ -39,6 +39,7 @@ bool isAllUnconfirmed(const NSFileHandle& from, uint64_t length) {
 bool SFTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
                          NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
+  const SFTPWalks::Change change(*iWalks, path);
   NSErrorRef reason;
   const bool succeeded = from.isScratch() ? uploadChanges(from, path, offset, control, &reason)
                                           : uploadCopy(from, path, offset, control, &reason);
@@ -66,7 +67,6 @@ bool SFTPSession::isUploadOf(const NSFileHandle& from, std::string_view path) co
 bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
                              std::shared_ptr<UnconfirmedExtents> extents, NSErrorRef* error) {
   finishUpload();
-  const SFTPWalks::Change change(*iWalks, path);
   const uint32_t openID = iRequests.open(path, flags);
   // Whoever makes a file sets its mode next, mostly to what it is already: asked for in the same round trip.
   const bool asksForMode = extents != nullptr && (flags & kSFTPOpenTruncate) != 0;
@@ -137,6 +137,8 @@ bool SFTPSession::openForChanges(NSFileHandle& from, std::string_view path, NSEr
 bool SFTPSession::endUpload(NSErrorRef* failure) {
   NoControl control;
   const std::string path = iUpload->path();
+  // Of what was written behind, the last has arrived only now.
+  const SFTPWalks::Change change(*iWalks, path);
   const uint32_t id = iRequests.close(iUpload->handle());
   NSErrorRef reason;
   const bool isStored = iUpload->finish(control, &reason);

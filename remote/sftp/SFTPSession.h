@@ -20,6 +20,8 @@
 
 namespace ombra {
 
+class SFTPDownload;
+
 // Session (see there) over one transport. The operations are in one file per concern: SFTPSession+Names.cpp,
 // +Attributes.cpp, +Listing.cpp, +Links.cpp, +Download.cpp, +Upload.cpp.
 class SFTPSession final : public Session {
@@ -133,7 +135,10 @@ class SFTPSession final : public Session {
   struct DownloadSource {
     std::string handle;
     std::optional<uint64_t> likelyLength;
+    const SFTPAhead::Opened* ahead = nullptr;  // null when it was opened just now
   };
+  std::optional<SFTPAttributes> beginDownload(const DownloadSource& source, std::string_view path,
+                                              uint64_t offset, SFTPDownload& download, bool* isOutdated);
   bool downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to, uint64_t offset,
                        std::string* version, TransferControl& control, bool* isOutdated, NSErrorRef* error);
 

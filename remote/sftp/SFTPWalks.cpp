@@ -16,6 +16,7 @@ constexpr size_t kMostChanges = 256;
 constexpr size_t kStride = 16;
 // One or two folders in succession are opened by anybody who looks around.
 constexpr int kSureAfter = 3;
+constexpr int kMostTrend = 8;
 // Dates are whole seconds: a change right after another one does not show in them. Somewhat more, for clocks
 // that differ.
 constexpr int64_t kUnsettledSeconds = 5;
@@ -56,10 +57,12 @@ SFTPWalks::Folder* SFTPWalks::folderAt(std::string_view path) {
 std::optional<size_t> SFTPWalks::indexOf(const Folder& folder, Kind kind, std::string_view name) {
   const std::vector<Known>& items = folder.items[at(kind)];
   const auto isIt = [name](const Known& item) { return item.name == name; };
-  // Mostly the one behind the last.
-  const size_t begin = std::min(folder.last[at(kind)].value_or(0), items.size());
-  auto found = std::find_if(items.begin() + static_cast<ptrdiff_t>(begin), items.end(), isIt);
-  if (found == items.end()) found = std::find_if(items.begin(), items.end(), isIt);
+  // Mostly one near the last.
+  const size_t last = std::min(folder.last[at(kind)].value_or(0), items.size());
+  const auto begin = items.begin() + static_cast<ptrdiff_t>(last > kStride ? last - kStride : 0);
+  const auto end = items.begin() + static_cast<ptrdiff_t>(std::min(last + kStride + 1, items.size()));
+  auto found = std::find_if(begin, end, isIt);
+  if (found == end) found = std::find_if(items.begin(), items.end(), isIt);
   if (found == items.end()) return std::nullopt;
   return static_cast<size_t>(found - items.begin());
 }
@@ -80,6 +83,8 @@ std::optional<uint64_t> SFTPWalks::reached(std::string_view path, Kind kind) {
   // The first one of a folder says nothing, for or against.
   if (isNear) {
     ++run;
+    int& trend = iTrend[at(kind)];
+    trend = std::clamp(trend + (*index > *last ? 1 : -1), -kMostTrend, kMostTrend);
   } else if (!isFirst || run < kSureAfter) {
     run = 1;
   }
@@ -97,8 +102,7 @@ std::vector<SFTPWalks::Item> SFTPWalks::next(std::string_view path, Kind kind, s
   if (iRun[at(kind)] < kSureAfter) return {};
   const Folder* folder = folderAt(parentOfRemotePath(path));
   if (folder == nullptr || !folder->last[at(kind)]) return {};
-  const size_t last = *folder->last[at(kind)];
-  return guess(*folder, kind, last > kStride ? last - kStride : 0, count);
+  return guess(*folder, kind, folder->last[at(kind)], count);
 }
 
 std::vector<SFTPWalks::Item> SFTPWalks::firstIn(std::string_view path, Kind kind, size_t count) {
@@ -106,24 +110,33 @@ std::vector<SFTPWalks::Item> SFTPWalks::firstIn(std::string_view path, Kind kind
   if (iRun[at(kind)] < kSureAfter) return {};
   const Folder* folder = folderAt(path);
   if (folder == nullptr) return {};
-  return guess(*folder, kind, 0, count);
+  return guess(*folder, kind, std::nullopt, count);
 }
 
-std::vector<SFTPWalks::Item> SFTPWalks::guess(const Folder& folder, Kind kind, size_t from,
+std::vector<SFTPWalks::Item> SFTPWalks::guess(const Folder& folder, Kind kind, std::optional<size_t> last,
                                               size_t count) const {
   const std::vector<Known>& items = folder.items[at(kind)];
   const int64_t settled = secondsOf(NSDate::date()) - kUnsettledSeconds;
+  const ptrdiff_t step = iTrend[at(kind)] < 0 ? -1 : 1;
+  const auto end = static_cast<ptrdiff_t>(items.size());
+  // What was passed over so far comes first: the order is followed only roughly.
+  ptrdiff_t index = step > 0 ? 0 : end - 1;
+  if (last)
+    index = std::clamp<ptrdiff_t>(static_cast<ptrdiff_t>(*last) - step * ptrdiff_t{kStride}, 0, end - 1);
   std::vector<Item> guessed;
-  for (size_t index = from; index < items.size() && guessed.size() < count; ++index) {
-    const Known& item = items[index];
+  for (; index >= 0 && index < end && guessed.size() < count; index += step) {
+    const Known& item = items[static_cast<size_t>(index)];
     if (item.isAsked || item.modified > settled) continue;
-    guessed.push_back({remotePathInFolder(folder.path, item.name), item.modified});
+    guessed.push_back({remotePathInFolder(folder.path, item.name), item.modified, item.size});
   }
   return guessed;
 }
 
 void SFTPWalks::changed(std::string_view path) {
   const MutexLock lock(iLock);
+  // A file is written in many pieces; they are one change to whoever did not look in between.
+  if (!iIsCounted && !iChanged.empty() && iChanged.back() == path) return;
+  iIsCounted = false;
   iChanged.emplace_back(path);
   ++iChanges;
   if (iChanged.size() > kMostChanges) iChanged.pop_front();
@@ -131,6 +144,7 @@ void SFTPWalks::changed(std::string_view path) {
 
 uint64_t SFTPWalks::changes() const {
   const MutexLock lock(iLock);
+  iIsCounted = true;
   return iChanges;
 }
 

@@ -25,6 +25,7 @@ class SFTPWalks {
   struct Item {
     std::string path;
     int64_t modified = 0;  // as listed, in seconds
+    std::optional<uint64_t> size;
   };
 
   // What is worth remembering of a listing, in the server's order. Links and whatever else is no plain file
@@ -47,8 +48,9 @@ class SFTPWalks {
   // `path` is about to be listed, or read. Answers how long it was when its folder was listed, where that is
   // known: a hint, nothing more.
   std::optional<uint64_t> reached(std::string_view path, Kind kind) EXCLUDES(iLock);
-  // What a walk that is at `path` will most likely ask for next among its neighbours, nearest first. Nothing
-  // unless several neighbours were asked for in succession, and nothing that changed within the last seconds.
+  // What a walk that is at `path` will most likely ask for next among its neighbours, nearest first, in the
+  // direction in which it goes through the listing. Nothing unless several neighbours were asked for in
+  // succession, and nothing that changed within the last seconds.
   std::vector<Item> next(std::string_view path, Kind kind, size_t count) EXCLUDES(iLock);
   // The same for what lies in a folder that the walk has just come to.
   std::vector<Item> firstIn(std::string_view folder, Kind kind, size_t count) EXCLUDES(iLock);
@@ -83,13 +85,20 @@ class SFTPWalks {
 
   Folder* folderAt(std::string_view path) REQUIRES(iLock);
   static std::optional<size_t> indexOf(const Folder& folder, Kind kind, std::string_view name);
-  std::vector<Item> guess(const Folder& folder, Kind kind, size_t from, size_t count) const REQUIRES(iLock);
+  // `last` is where the walk is, absent when it has not come there yet.
+  std::vector<Item> guess(const Folder& folder, Kind kind, std::optional<size_t> last, size_t count) const
+      REQUIRES(iLock);
 
   mutable Mutex iLock;
   std::list<Folder> iFolders GUARDED_BY(iLock);        // the one used last is the first
   std::array<int, 2> iRun GUARDED_BY(iLock) = {0, 0};  // neighbours in succession, by kind
+  // Above 0 when programs go through listings forwards, below when backwards; by kind. Some file systems list
+  // what is newest first, and programs sort by name.
+  std::array<int, 2> iTrend GUARDED_BY(iLock) = {0, 0};
   std::deque<std::string> iChanged GUARDED_BY(iLock);  // the latest changes
   uint64_t iChanges GUARDED_BY(iLock) = 0;             // all of them
+  // Whether anybody has counted since the last one.
+  mutable bool iIsCounted GUARDED_BY(iLock) = false;
 };
 
 }  // namespace ombra

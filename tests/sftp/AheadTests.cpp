@@ -64,7 +64,12 @@ class SFTPAheadTest : public SessionFixture {
     work();
     return peer->waits() - before;
   }
+  size_t reads() const { return peer->countOf(kSFTPRead); }
   size_t opens() const { return peer->countOf(kSFTPOpendir) + peer->countOf(kSFTPOpen); }
+  // So long that what was read ahead is too old to be taken, and what was opened is not.
+  void letContentGrowOld() { clock.advance(2 * SFTPAhead::kMostSecondsOfContent); }
+
+  ManualClock clock;
 };
 
 TEST_F(SFTPAheadTest, AFolderOnTheWayOfAWalkTakesOneRoundTrip) {
@@ -72,9 +77,30 @@ TEST_F(SFTPAheadTest, AFolderOnTheWayOfAWalkTakesOneRoundTrip) {
   EXPECT_EQ(roundTrips([&] { walkFolders(6, 30); }), 24u);
 }
 
-TEST_F(SFTPAheadTest, AFileThatIsReadInItsTurnTakesOneRoundTrip) {
+TEST_F(SFTPAheadTest, SmallFilesThatAreReadInTheirTurnWaitForNoRoundTripOfTheirOwn) {
   beginReading();
-  EXPECT_EQ(roundTrips([&] { readFiles(6, 30); }), 24u);
+  EXPECT_EQ(roundTrips([&] { readFiles(6, 30); }), 3u);
+}
+
+TEST_F(SFTPAheadTest, ALargerFileThatIsReadInItsTurnTakesOneRoundTrip) {
+  for (int i = 0; i < kCount; ++i) server.addFile(fileAt(i), pattern(SFTPAhead::kMostBytesOfOne + 1));
+  list("/files");
+  for (int i = 0; i < 6; ++i) read(fileAt(i));
+  const size_t before = reads();
+  EXPECT_EQ(roundTrips([&] {
+              for (int i = 6; i < 30; ++i) read(fileAt(i));
+            }),
+            24u);
+  EXPECT_EQ(reads() - before, 2u * 24) << "none of them ahead";
+}
+
+TEST_F(SFTPAheadTest, FilesThatAreReadInTheReverseOrderAreExpectedToo) {
+  list("/files");
+  const auto readDown = [&](int from, int to) {
+    for (int i = from; i > to; --i) EXPECT_EQ(read(fileAt(i)), contentOf(i));
+  };
+  readDown(39, 33);
+  EXPECT_EQ(roundTrips([&] { readDown(33, 9); }), 3u);
 }
 
 TEST_F(SFTPAheadTest, AWalkGoesOnInTheFoldersBelow) {
@@ -102,8 +128,8 @@ TEST_F(SFTPAheadTest, TheFilesOfTheNextFolderAreExpectedToo) {
   EXPECT_EQ(roundTrips([&] {
               for (int i = 0; i < 4; ++i) EXPECT_EQ(read(fmt::format("/more/g{}", i)), "x");
             }),
-            5u)
-      << "one to wait for what was opened, then one for each";
+            3u)
+      << "one to wait for what was opened, one for the first, one for the others";
 }
 
 TEST_F(SFTPAheadTest, OfAListedFileNoMoreIsAskedForThanItHolds) {
@@ -124,6 +150,117 @@ TEST_F(SFTPAheadTest, AFileThatIsLongerOrShorterThanListedIsReadWhole) {
     server.addFile(fileAt(0), pattern(length));
     EXPECT_EQ(read(fileAt(0)), pattern(length)) << length;
   }
+}
+
+TEST_F(SFTPAheadTest, FilesThatHaveChangedSinceTheyWereListedAreReadWholeInTheirTurn) {
+  list("/files");
+  std::map<int, std::string> changed = {{10, ""}, {15, "x"}, {20, pattern(501)}, {25, pattern(200000)}};
+  for (const auto& [index, content] : changed) server.addFile(fileAt(index), content);
+  for (int i = 0; i < kCount; ++i) {
+    EXPECT_EQ(read(fileAt(i)), changed.contains(i) ? changed[i] : contentOf(i)) << i;
+  }
+}
+
+TEST_F(SFTPAheadTest, EmptyFilesAreReadInTheirTurn) {
+  for (int i = 0; i < kCount; ++i) server.addFile(fileAt(i), "");
+  list("/files");
+  for (int i = 0; i < kCount; ++i) EXPECT_EQ(read(fileAt(i)), "");
+}
+
+TEST_F(SFTPAheadTest, AFileThatIsLongerThanItsAttributesTellIsReadToItsEnd) {
+  server.addFile(fileAt(20), "");
+  list("/files");
+  server.before = [&](const PeerRequest& request) {
+    // As below /proc: after the attributes, which told of no content.
+    if (request.type == kSFTPRead && request.body.ends_with(u32(1))) {
+      server.addFile(fileAt(20), pattern(70000));
+    }
+  };
+  readFiles(0, 20);
+  EXPECT_EQ(read(fileAt(20)), pattern(70000));
+  server.before = nullptr;
+}
+
+TEST_F(SFTPAheadTest, ShortRepliesToWhatIsReadAheadAreCompleted) {
+  server.mostPerRead = 100;
+  list("/files");
+  readFiles(0, kCount);
+}
+
+TEST_F(SFTPAheadTest, AnInterruptedDownloadGoesOnWhereItWasInTheMiddleOfAWalk) {
+  beginReading();
+  const auto local = makeLocalFile(NSFileHandle::Kind::kScratch, contentOf(7).substr(0, 100));
+  std::string version = "1000:500";
+  ASSERT_TRUE(session->download(fileAt(7), *local, 100, &version, control, &error));
+  EXPECT_EQ(readLocalFile(*local), contentOf(7));
+  version = "999:500";
+  const auto other = makeLocalFile(NSFileHandle::Kind::kScratch, "x");
+  EXPECT_FALSE(session->download(fileAt(8), *other, 1, &version, control, &error));
+  EXPECT_EQ(codeOf(error), kQuarnKitItemChanged);
+}
+
+TEST_F(SFTPAheadTest, WhatIsReadAheadIsOfTheVersionThatIsTold) {
+  beginReading();
+  const auto local = makeLocalFile(NSFileHandle::Kind::kScratch);
+  std::string version;
+  ASSERT_TRUE(session->download(fileAt(6), *local, 0, &version, control, &error));
+  EXPECT_EQ(version, "1000:500");
+  version = "999:500";
+  EXPECT_FALSE(session->download(fileAt(7), *local, 0, &version, control, &error));
+  EXPECT_EQ(codeOf(error), kQuarnKitItemChanged);
+}
+
+TEST_F(SFTPAheadTest, ContentIsTakenOnlyForAMoment) {
+  for (const double age : {0.9, 1.1}) {
+    list("/files");
+    readFiles(0, 10);
+    clock.advance(age * SFTPAhead::kMostSecondsOfContent);
+    const bool isAskedAnew = roundTrips([&] { readFiles(10, 11); }) > 0;
+    EXPECT_EQ(isAskedAnew, age > 1.0) << age;
+    session->closeOpenedAhead();
+  }
+}
+
+TEST_F(SFTPAheadTest, ContentThatOneOfTheSessionsHasWrittenSinceIsAskedForAnew) {
+  beginReading();
+  const std::string content = pattern(500, 99);
+  const auto changed = makeLocalFile(NSFileHandle::Kind::kScratch, content);
+  changed->noteWritten({0, content.size()});
+  ASSERT_TRUE(session->upload(*changed, fileAt(7), 0, control, &error));
+  // Same length, same date.
+  EXPECT_EQ(read(fileAt(7)), content);
+}
+
+TEST_F(SFTPAheadTest, ContentThatWasUnderWayWhenItsFileWasClosedIsAskedForAnew) {
+  list("/files");
+  const std::string content = pattern(500, 99);
+  const auto changed = makeLocalFile(NSFileHandle::Kind::kScratch, content);
+  changed->noteWritten({0, content.size()});
+  control.isEarly = true;
+  ASSERT_TRUE(session->upload(*changed, fileAt(7), 0, control, &error));
+  readFiles(0, 6);
+  session->becameIdle();
+  EXPECT_EQ(read(fileAt(7)), content);
+}
+
+TEST_F(SFTPAheadTest, ReadsNoMoreThanAFewAhead) {
+  list("/files");
+  for (int i = 0; i < kCount; ++i) {
+    readFiles(i, i + 1);
+    EXPECT_LE(reads(), static_cast<size_t>(i) + 1 + SFTPAhead::kMostRead);
+  }
+  EXPECT_EQ(reads(), size_t{kCount}) << "none of them twice";
+}
+
+TEST_F(SFTPAheadTest, ForASlowReaderLittleIsReadThatGrowsOld) {
+  list("/files");
+  readFiles(0, 8);
+  const size_t before = reads();
+  for (int i = 8; i < kCount; ++i) {
+    readFiles(i, i + 1);
+    letContentGrowOld();
+  }
+  EXPECT_LE(reads() - before, size_t{kCount} - 8 + SFTPAhead::kMostRead);
 }
 
 TEST_F(SFTPAheadTest, NothingIsOpenedForSomebodyWhoLooksAround) {
@@ -188,6 +325,7 @@ TEST_F(SFTPAheadTest, AFileThatWasReplacedIsReadAnew) {
   beginReading();
   // The handle still stands for the old one, as with every system that counts references.
   server.replace(fileAt(7), "new content", 2000);
+  letContentGrowOld();
   EXPECT_EQ(read(fileAt(7)), "new content");
 }
 
@@ -195,6 +333,7 @@ TEST_F(SFTPAheadTest, AFileThatIsGoneIsNotRead) {
   beginReading();
   server.replace(fileAt(7), "", 2000);
   server.remove(fileAt(7));
+  letContentGrowOld();
   const auto local = makeLocalFile(NSFileHandle::Kind::kScratch);
   EXPECT_FALSE(session->download(fileAt(7), *local, 0, nullptr, control, &error));
   EXPECT_EQ(codeOf(error), kQuarnKitNoSuchItem);
@@ -204,6 +343,7 @@ TEST_F(SFTPAheadTest, AFileThatIsGoneIsNotRead) {
 TEST_F(SFTPAheadTest, ContentThatHasChangedIsTheOneThatIsRead) {
   beginReading();
   server.addFile(fileAt(7), "changed in place", 1000);
+  letContentGrowOld();
   EXPECT_EQ(read(fileAt(7)), "changed in place");
 }
 
@@ -218,8 +358,8 @@ TEST_F(SFTPAheadTest, HandlesThatTheServerHasLetGoOfCostNothingButTime) {
   beginWalk();
   beginReading();
   server.forgetHandles();
-  walkFolders(6, 10);
-  readFiles(6, 10);
+  walkFolders(6, 20);
+  readFiles(6, 30);
 }
 
 TEST_F(SFTPAheadTest, ARefusedGuessIsNoError) {
@@ -271,8 +411,17 @@ TEST_F(SFTPAheadTest, KnowsOfChangesThroughOtherSessions) {
   EXPECT_FALSE(walks->isAffected("/", before));
   EXPECT_FALSE(walks->isAffected("/a/c", before));
   EXPECT_FALSE(walks->isAffected("/a/b", walks->changes()));
-  for (int i = 0; i < 1000; ++i) walks->changed("/elsewhere");
+  for (int i = 0; i < 1000; ++i) walks->changed(i % 2 == 0 ? "/elsewhere" : "/too");
   EXPECT_TRUE(walks->isAffected("/a/c", before)) << "too long ago to know";
+}
+
+TEST_F(SFTPAheadTest, AFileThatIsWrittenInManyPiecesIsOneChangeToWhoeverDidNotLook) {
+  SFTPWalks walks;
+  for (int i = 0; i < 1000; ++i) walks.changed("/a");
+  const uint64_t before = walks.changes();
+  EXPECT_EQ(before, 1u);
+  walks.changed("/a");
+  EXPECT_TRUE(walks.isAffected("/a", before));
 }
 
 TEST_F(SFTPAheadTest, AnIdleSessionKeepsNothingOpen) {
@@ -285,7 +434,6 @@ TEST_F(SFTPAheadTest, AnIdleSessionKeepsNothingOpen) {
 }
 
 TEST_F(SFTPAheadTest, WhatIsNotTakenForSecondsIsClosed) {
-  ManualClock clock;
   beginWalk();
   EXPECT_GT(server.openHandles(), 0u);
   clock.advance(6.0);
