@@ -280,6 +280,17 @@ std::string OFSRemoteFile::remotePathAfterMoves() {
   return remotePath();
 }
 
+bool OFSRemoteFile::isMakingInDoubt() const {
+  const std::shared_ptr<NSFileHandle> handle = fileHandle();
+  return handle != nullptr && handle->extents()->isInDoubt();
+}
+
+bool OFSRemoteFile::isNewAndEmpty() {
+  if (iHeldTransfers != 0) return false;
+  const ConditionLock lock(iCondition);
+  return (iMode & kO_CREAT) != 0 && iFileHandle != nullptr && iFileHandle->fileLength() == 0;
+}
+
 bool OFSRemoteFile::hasBeenChanged() {
   const ConditionLock lock(iCondition);
   return !iAbandoned && iLocalGeneration != 0;

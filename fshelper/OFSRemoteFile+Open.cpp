@@ -72,10 +72,11 @@ void OFSRemoteFile::locked_prepare(NSErrorRef* error) {
   }
   locked_setState(kOFSSettled);
   iCondition.broadcast();
+  const bool isNew = (iMode & kO_CREAT) != 0;
   bool truncated = false;
   {
     const ConditionRelease released(iCondition);
-    truncated = _truncateToOffset(0, error);
+    truncated = truncate(0, isNew, error);
   }
   if (!truncated) OFS_RAISE(kOpen, "_truncateToOffset:error: failed");
 }

@@ -152,12 +152,16 @@ void OFSRemoteFile::locked_uploadWithConnection(AbstractConnection& connection, 
 }
 
 bool OFSRemoteFile::_truncateToOffset(int64_t offset, NSErrorRef* error) {
+  return truncate(offset, false, error);
+}
+
+bool OFSRemoteFile::truncate(int64_t offset, bool isNew, NSErrorRef* error) {
   OFS_TRACE(kTruncate, "offset={}", offset);
   const std::shared_ptr<KCConnectionPool> pool = connectionPool();
   StAbstractConnection holder(pool.get(), nullptr);
   const ConditionLock lock(iCondition);
   try {
-    locked_truncate(holder, offset);
+    locked_truncate(holder, offset, isNew);
     return true;
   } catch (const KCException& exception) {
     locked_failTruncation(exception, error);
@@ -184,7 +188,7 @@ bool OFSRemoteFile::locked_isStoredInPlace(StAbstractConnection& holder) {
   return locked_finishInPlace(holder, nullptr) && iFileHandle->unconfirmedExtents(0).empty();
 }
 
-void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset) {
+void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset, bool isNew) {
   locked_awaitTurnToTruncate(offset);
   if (iFileHandle == nullptr) OFS_RAISE(kTruncate, "no file handle for truncating");
   if (iContentFailed && offset != 0) {
@@ -204,6 +208,8 @@ void OFSRemoteFile::locked_truncate(StAbstractConnection& holder, int64_t offset
   uint64_t transferred = length;
   if (!locked_sendsNothing()) {
     NSErrorRef failure;
+    // The close tells what becomes of it, if not the first write does.
+    (*holder).setPutsOffNewFiles(isNew);
     iTransfer.begin(OFSTransferRecord::Direction::kUpload, length);
     const bool isSent = locked_sendCacheFile(*holder, 0, &transferred, &failure);
     iTransfer.end(remotePath(), isSent ? nullptr : failure);

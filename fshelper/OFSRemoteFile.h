@@ -148,6 +148,11 @@ class OFSRemoteFile final : public GMOpenFile,
   void supersede() EXCLUDES(iCondition);
   // The removal did not happen: what is written counts again.
   void reclaim() EXCLUDES(iCondition);
+  // Whether the file was made here without a word from the server, which so may still refuse it. Never waits
+  // for a transfer.
+  bool isMakingInDoubt() const EXCLUDES(iPathLock);
+  // Whether it was made here, and nothing is in it. Never waits for a transfer.
+  bool isNewAndEmpty() EXCLUDES(iCondition);
   // True when anything was ever written to it here.
   bool hasBeenChanged() EXCLUDES(iCondition);
   // True when nothing written is missing on the server and no transfer runs. Never waits for a transfer.
@@ -322,7 +327,9 @@ class OFSRemoteFile final : public GMOpenFile,
   bool locked_finishUploadPass(bool succeeded, uint64_t transferredBytes, uint64_t generation,
                                bool hasSnapshot, const NSErrorRef& error) REQUIRES(iCondition);
   bool locked_isStoredInPlace(StAbstractConnection& holder) REQUIRES(iCondition);
-  void locked_truncate(StAbstractConnection& holder, int64_t offset) REQUIRES(iCondition);
+  // `isNew`: this makes the file.
+  bool truncate(int64_t offset, bool isNew, NSErrorRef* error) EXCLUDES(iCondition);
+  void locked_truncate(StAbstractConnection& holder, int64_t offset, bool isNew) REQUIRES(iCondition);
   // The cache file is not the file any more: it is fetched again at the next open.
   void locked_discardContent() REQUIRES(iCondition);
   void locked_failTruncation(const KCException& exception, NSErrorRef* error) REQUIRES(iCondition);

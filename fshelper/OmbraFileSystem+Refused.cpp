@@ -12,6 +12,7 @@ void OmbraFileSystem::setRefusedAside(const std::shared_ptr<OFSRemoteFile>& file
   const std::optional<uint64_t> lastUse = iFiles.lastUse(*file);
   NSErrorRef refusal = lastUse ? file->refusal() : nullptr;
   if (refusal == nullptr) return;
+  const bool isWorthSaving = !file->isNewAndEmpty();
   const std::string remotePath = file->remotePath();
   const std::string path = pathForRemotePath(remotePath);
   const std::shared_ptr<KCRemoteFileNode> node = _nodeForPath(path);
@@ -34,8 +35,14 @@ void OmbraFileSystem::setRefusedAside(const std::shared_ptr<OFSRemoteFile>& file
     node->setUserProperty({}, kOFSRemoteFile);
     if (attributes) ofs_setAttributes(*node, *attributes);
   }
-  NSLog("The server has refused what was written to {} ({}); it will be saved on this machine.", path,
-        refusal->localizedDescription());
+  if (isWorthSaving) {
+    NSLog("The server has refused what was written to {} ({}); it will be saved on this machine.", path,
+          refusal->localizedDescription());
+  } else {
+    file->abandon();
+    iFiles.forget(*file);
+    NSLog("The server has refused the new file {} ({}).", path, refusal->localizedDescription());
+  }
   fileSystemAttributesNeedUpdate(true);
   if (!attributes) lookForVanished(stringByDeletingLastPathComponent(path));
   GMUserFileSystemInvalidation* invalidation = iInvalidation.load();

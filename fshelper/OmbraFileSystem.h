@@ -155,6 +155,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // GMUserFileSystemDurability
   bool flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
+  bool isCreationInDoubt(const GMUserData& userData) override;
   GMContentState contentStateOfFile(const GMUserData& userData) override;
   void waitForContent(const GMUserData& userData, uint64_t seen) override;
   bool changeAttributesWithoutContent(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,

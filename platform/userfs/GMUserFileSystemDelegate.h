@@ -114,6 +114,9 @@ class GMUserFileSystemDurability {
   // Makes sure that the server has the file as a whole; waits without a limit of its own. For fsync, for the
   // close of a written handle, and before a release. Nothing to do is success.
   virtual bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) = 0;
+  // Whether a file that was just made may not be on the server yet, nor ever come there: then its close
+  // tells.
+  virtual bool isCreationInDoubt(const GMUserData& /*userData*/) { return false; }
   // For fsync, after that: has the server bring the file to its disk, where it can be told to.
   virtual bool flushFileAtPath(OptionalPath /*path*/, const GMUserData& /*userData*/, NSErrorRef* /*error*/) {
     return true;

@@ -99,6 +99,7 @@ int Volume::create(const char* path, mode_t mode, int flags, pid_t process, Open
   if (const int refusal = refusalToCreate(listed); refusal != 0) return refusal;
   const OpenGate::Pass turn(iOpenGate, listed);
   GMUserData userData;
+  bool isInDoubt = false;
   if (attributesAtPath(listed)) {
     // Somebody else made it since the kernel looked; the delegate's creation would empty it.
     if ((flags & O_EXCL) != 0) return -EEXIST;
@@ -108,10 +109,12 @@ int Volume::create(const char* path, mode_t mode, int flags, pid_t process, Open
     attributes.posixPermissions = static_cast<uint16_t>(mode & 07777);
     NSErrorRef error;
     if (!delegate().createFileAtPath(listed, attributes, &userData, &error)) return failure(error);
+    isInDoubt = durability() != nullptr && durability()->isCreationInDoubt(userData);
   }
   // A new file is stored when it is closed, also by those who only read.
   const int access = (flags & O_ACCMODE) == O_RDONLY ? O_RDWR : 0;
   const auto handle = addHandle(listed, userData, flags | access, process, 0);
+  if (isInDoubt) handle->noteChange();
   opened->handle = handle->identifier;
   opened->bypassesPages = handle->bypassesPages;
   iHandles.isContentOfLastOpen(listed, userData);
@@ -125,8 +128,10 @@ int Volume::makeNode(const char* path, mode_t mode) {
   if (const int result = create(path, mode, O_CREAT | O_EXCL | O_WRONLY, 0, &opened); result != 0)
     return result;
   RequestContext::current().created = nullptr;
+  // No close follows that would tell.
+  const int result = flush(opened.handle, 0);
   release(opened.handle);
-  return 0;
+  return result;
 }
 
 int Volume::synchronizeItem(const OpenItem& item) {

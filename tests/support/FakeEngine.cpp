@@ -79,9 +79,11 @@ std::optional<LinkResolution> FakeSession::resolveLink(std::string_view path, NS
   return resolution;
 }
 
-std::optional<NSFileAttributes> FakeSession::attributes(std::string_view, bool* isDirectory, NSErrorRef*) {
+std::optional<NSFileAttributes> FakeSession::attributes(std::string_view path, bool* isDirectory,
+                                                        NSErrorRef* error) {
   ++iEngine.attributeCalls;
   *isDirectory = false;
+  if (iEngine.onAttributes && !iEngine.onAttributes(*this, std::string(path), error)) return std::nullopt;
   NSFileAttributes attributes;
   attributes.fileSize = 3;
   return attributes;

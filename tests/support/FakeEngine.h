@@ -45,6 +45,7 @@ class FakeEngine final : public Engine {
   std::function<bool(FakeSession&, const std::string&, NSErrorRef*)>
       onChange;  // create, move, remove, attributes
   std::function<std::optional<LinkResolution>(FakeSession&, const std::string&, NSErrorRef*)> onResolve;
+  std::function<bool(FakeSession&, const std::string&, NSErrorRef*)> onAttributes;  // whether it is there
   std::function<bool(FakeSession&, NSFileHandle&, uint64_t, std::string*, TransferControl&, NSErrorRef*)>
       onDownload;
   std::function<bool(FakeSession&, NSFileHandle&, uint64_t, TransferControl&, NSErrorRef*)> onUpload;
@@ -54,6 +55,7 @@ class FakeEngine final : public Engine {
 
   std::atomic<int> cap{8};
   std::atomic<bool> inPlace{true};
+  std::atomic<bool> keepsNames{false};
   std::atomic<int> made{0};    // sessions that were ever made
   std::atomic<int> living{0};  // of those, not destroyed yet
   std::atomic<int> mostLiving{0};
@@ -79,6 +81,7 @@ class FakeEngine final : public Engine {
   uint32_t protocol() const override { return kProtocolSFTP; }
   bool isSFTP() const override { return true; }
   bool supportsUploadByteOffset() const override { return inPlace; }
+  bool keepsNamesOfNewItems() const override { return keepsNames; }
   int sessionCap() const override { return cap; }
   bool putsOffNewFiles() const override { return putsOff; }
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override;

@@ -1,6 +1,7 @@
 // A file system in memory, as a delegate: records its calls, and holds, fails or breaks them on demand.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <optional>
@@ -128,12 +129,15 @@ class DurableMemoryFileSystem : public MemoryFileSystem, public GMUserFileSystem
   void setContentState(const std::string& path, GMContentState state, uint64_t arrived);
   // What drainAll answers.
   void setUndelivered(std::vector<GMUndelivered> undelivered);
+  // Whether new files may still be refused.
+  std::atomic<bool> doubtsCreations{false};
 
   int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size, int64_t offset,
                      NSErrorRef* error) override;
 
   bool flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
+  bool isCreationInDoubt(const GMUserData&) override { return doubtsCreations; }
   GMContentState contentStateOfFile(const GMUserData& userData) override;
   void waitForContent(const GMUserData& userData, uint64_t seen) override;
   bool changeAttributesWithoutContent(const NSFileAttributes& attributes, OptionalPath ofItemAtPath,

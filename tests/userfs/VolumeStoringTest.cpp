@@ -57,6 +57,28 @@ class VolumeStoring : public ::testing::Test {
       std::make_shared<Volume>(&iFiles, VolumeSettings{"/Volumes/Test", false, true});
 };
 
+TEST_F(VolumeStoring, TheCloseOfANewFileTellsWhetherItWasRefusedThen) {
+  EXPECT_EQ(iVolume->flush(create("/a"), 0), 0);
+  iFiles.failWith("synchronize", kEACCES);
+  EXPECT_EQ(iVolume->flush(create("/b"), 0), 0) << "the server had it when it was made";
+  iFiles.doubtsCreations = true;
+  EXPECT_EQ(iVolume->flush(create("/c"), 0), -EACCES);
+  iFiles.failWith("synchronize", std::nullopt);
+  const uint64_t file = create("/d");
+  EXPECT_EQ(iVolume->flush(file, 0), 0);
+  iFiles.failWith("synchronize", kEACCES);
+  EXPECT_EQ(iVolume->flush(file, 0), 0) << "once is enough";
+}
+
+TEST_F(VolumeStoring, ANodeThatIsRefusedIsToldOfAtOnce) {
+  iFiles.doubtsCreations = true;
+  EXPECT_EQ(iVolume->makeNode("/a", S_IFREG | 0644), 0);
+  RequestContext::current() = RequestContext();
+  iFiles.failWith("synchronize", kEACCES);
+  EXPECT_EQ(iVolume->makeNode("/b", S_IFREG | 0644), -EACCES);
+  RequestContext::current() = RequestContext();
+}
+
 TEST_F(VolumeStoring, OnlyTheCloseOfAHandleThatCannotWriteNeedNotBeAskedAbout) {
   iFiles.addFile("/a", "content");
   for (const int flags : {O_RDONLY, O_WRONLY, O_RDWR}) {
