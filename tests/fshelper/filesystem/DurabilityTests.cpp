@@ -275,9 +275,18 @@ TEST_F(Durability, AnItemWithoutAModeSeedsWhatIsShown) {
 }
 
 TEST_F(Durability, SeedingNeedsAFileAndANode) {
+  server.setPermissions("/a.txt", 0604);
+  const GMUserData file = open("/a.txt");
+  read(file);
+  const auto cache = std::dynamic_pointer_cast<OFSRemoteFile>(file);
+  const NSFileAttributes before = cache->attributes();
   fileSystem.seedCacheAttributesAtPath("/a.txt", nullptr);
-  fileSystem.seedCacheAttributesAtPath("/nowhere", open("/a.txt"));
-  fileSystem.seedCacheAttributesAtPath(std::nullopt, open("/a.txt"));
+  fileSystem.seedCacheAttributesAtPath("/nowhere", file);
+  fileSystem.seedCacheAttributesAtPath(std::nullopt, file);
+  EXPECT_EQ(cache->attributes(), before);
+  fileSystem.seedCacheAttributesAtPath("/a.txt", file);
+  EXPECT_EQ(cache->attributes().posixPermissions.value_or(0) & 07777, 0604)
+      << "none of these was its one seed";
 }
 
 TEST_F(Durability, TheOpenFileOfAPathIsFoundWithoutARequest) {

@@ -308,7 +308,16 @@ TEST_F(Release, EndsTheUseAlsoWhenTheLastUploadRaises) {
   EXPECT_EQ(fileOnNode("/a.txt"), nullptr);
 }
 
-TEST_F(Release, AMissingHandleIsLetBe) { fileSystem.releaseFileAtPath("/a.txt", nullptr); }
+TEST_F(Release, AMissingHandleIsLetBe) {
+  const GMUserData file = open("/a.txt");
+  read(file);
+  server.clearCalls();
+  fileSystem.releaseFileAtPath("/a.txt", nullptr);
+  EXPECT_THAT(server.callTexts(), IsEmpty());
+  fileSystem.setCacheBudget(0, 0);
+  fileSystem.trimCache();
+  EXPECT_EQ(fileOnNode("/a.txt"), file) << "it is still in use";
+}
 
 }  // namespace
 }  // namespace ombra
