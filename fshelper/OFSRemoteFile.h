@@ -35,17 +35,17 @@ extern std::atomic<bool> gUploadingSupported;
 
 // How far the transfers of an open file have come.
 //
-//   kNew ──first progress──▶ kDownloading ──worker ends──▶ kSettled
-//    │                                                      │    ▲
-//    └──download ends at once, or open creates/truncates──▶─┘    │
-//                                                           │    │
-//   kSettled ──a sequential write starts a stream──▶ kStreaming ─┤ worker ends
-//   kSettled ──a write needs a whole-file upload───▶ kUploading ─┤ worker ends
-//   kStreaming ──a write needs a whole-file upload─▶ kUploading  │
-//   any but kDownloading ──a write or truncation has failed──────┘
+//   kOFSNew ──first progress──▶ kOFSDownloading ──worker ends──▶ kOFSSettled
+//    │                                                            │    ▲
+//    └──download ends at once, or open creates/truncates──▶───────┘    │
+//                                                                 │    │
+//   kOFSSettled ──a sequential write starts a stream──▶ kOFSStreaming ─┤ worker ends
+//   kOFSSettled ──a write needs a whole-file upload───▶ kOFSUploading ─┤ worker ends
+//   kOFSStreaming ──a write needs a whole-file upload─▶ kOFSUploading  │
+//   any but kOFSDownloading ──a write or truncation has failed─────────┘
 //
-// Nothing leads back to kNew: content is downloaded at most once per object. kDownloading is left by its own
-// worker alone; writes and truncations wait for that.
+// Nothing leads back to kOFSNew: content is downloaded at most once per object. kOFSDownloading is left by
+// its own worker alone; writes and truncations wait for that.
 enum OFSTransferState : int32_t {
   kOFSNew = 0,          // nothing is known about the content
   kOFSDownloading = 1,  // the first bytes have arrived; reads wait for what is missing

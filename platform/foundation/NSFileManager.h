@@ -26,7 +26,7 @@ class NSFileManager {
   static bool fileExistsAtPath(const std::string& path);
   // Names in a folder without "." and ".."; absent when it cannot be read.
   static std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(const std::string& path, NSErrorRef* error);
-  // Makes the folder and, with `intermediates`, those above it, with mode `mode`. True when it exists afterwards.
+  // Makes the folder and, if that is wanted, those above it, with mode `mode`. True when it exists afterwards.
   static bool createDirectoryAtPath(const std::string& path, bool withIntermediateDirectories, unsigned mode,
                                     NSErrorRef* error);
   // Removes a file or a whole folder; never follows a link out of it.

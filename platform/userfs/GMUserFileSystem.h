@@ -17,7 +17,7 @@ inline constexpr std::string_view kGMUserFileSystemDidUnmount = "kGMUserFileSyst
 inline constexpr std::string_view kGMUserFileSystemMountFailed = "kGMUserFileSystemMountFailed";
 inline constexpr std::string_view kGMUserFileSystemErrorKey = "error";
 inline constexpr std::string_view kGMUserFileSystemMountPathKey = "mountPath";
-// Of GMUserFileSystemDidUnmount: array of texts "path\tsaved copy\treason", what could not be stored. In both
+// Of kGMUserFileSystemDidUnmount: array of texts "path\tsaved copy\treason", what could not be stored. In both
 // paths a backslash stands before a further backslash, and before "t" where they hold a tab.
 inline constexpr std::string_view kGMUserFileSystemUndeliveredKey = "undelivered";
 // The domain of errors of mounting itself; codes in GMUserFileSystemErrorCode.
