@@ -2,6 +2,7 @@
 #include "remote/s3/S3Session.h"
 
 #include <algorithm>
+#include <chrono>
 #include <unordered_set>
 #include <utility>
 
@@ -18,6 +19,30 @@ constexpr size_t kLongestPage = size_t{32} << 20;
 constexpr size_t kLongestBucketList = size_t{32} << 20;
 // No folder has so many; a server that never ends does.
 constexpr int kMostPages = 100000;
+// Whoever logs in lists the start folder next, or not at all.
+constexpr std::chrono::seconds kStartPageLasts{5};
+
+// What asks for a page of a listing.
+std::vector<std::pair<std::string, std::string>> pageQuery(const std::string& prefix, bool isFlat, int most,
+                                                           const std::string& token) {
+  std::vector<std::pair<std::string, std::string>> query = {
+      {"list-type", "2"}, {"prefix", prefix}, {"encoding-type", "url"}};
+  if (!isFlat) query.emplace_back("delimiter", "/");
+  if (most > 0) query.emplace_back("max-keys", std::to_string(most));
+  if (!token.empty()) query.emplace_back("continuation-token", token);
+  return query;
+}
+
+// The page, unless it is one of something else than what was asked for.
+std::optional<S3Listing> sensiblePage(const std::string& body, const std::string& prefix) {
+  std::optional<S3Listing> listing = s3Listing(body);
+  const auto isForeign = [&prefix](const std::string& key) { return !key.starts_with(prefix); };
+  const bool isSense =
+      listing && std::none_of(listing->prefixes.begin(), listing->prefixes.end(), isForeign) &&
+      std::none_of(listing->objects.begin(), listing->objects.end(),
+                   [&isForeign](const S3ListedObject& object) { return isForeign(object.key); });
+  return isSense ? std::move(listing) : std::nullopt;
+}
 
 NSFileAttributes folderAttributes() {
   NSFileAttributes attributes;
@@ -70,9 +95,10 @@ bool S3Session::logIn(NSErrorRef* error) {
   return *iIsLoggedIn;
 }
 
-// A cheap question, whose answer tells whether the key is good. That it may not be asked tells the same,
-// unless nobody is logged in at all. A folder may be missing, and what is above it is taken then; above a
-// bucket there is only the list of all, which nobody has asked for who names one.
+// A question whose answer tells whether the key is good. The first login asks for what is listed next, the
+// start folder, later ones for as little as possible. That it may not be asked tells the same, unless nobody
+// is logged in at all. A folder may be missing, and what is above it is taken then; above a bucket there is
+// only the list of all, which nobody has asked for who names one.
 bool S3Session::askForLogin(NSErrorRef* error) {
   if (!iHasEndpoint) {
     storeError(error, QuarnKitError::errorWithCode(
@@ -82,16 +108,17 @@ bool S3Session::askForLogin(NSErrorRef* error) {
   }
   const S3Path start = S3Path::parse(iClient.environment().credentials->initialPath().value_or("/"));
   S3Request request;
+  const bool isPage = !hasSeen(start);
   if (!start.isRoot()) {
     request.bucket = start.bucket;
-    request.query = {{"list-type", "2"}, {"max-keys", "1"}, {"prefix", start.prefix()}};
+    request.query = pageQuery(start.prefix(), !isPage, isPage ? 0 : 1, {});
   }
-  request.longestBody = kLongestBucketList;
+  request.longestBody = std::max(kLongestBucketList, kLongestPage);
   const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
   if (!answer) return false;
   if (answer->isGood()) {
     const std::string& body = answer->response.body;
-    if (start.isRoot() ? s3Buckets(body).has_value() : noteStart(start, body)) return true;
+    if (start.isRoot() ? s3Buckets(body).has_value() : noteStart(start, isPage, body)) return true;
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError,
                                                    iClient.endpoint().host() + " is no S3 server"));
     return false;
@@ -107,12 +134,29 @@ bool S3Session::askForLogin(NSErrorRef* error) {
   return isLoggedIn;
 }
 
-// The answer to the login is one about the start folder, too, which is looked at next.
-bool S3Session::noteStart(const S3Path& start, const std::string& body) {
-  const std::optional<S3Listing> listing = s3Listing(body);
+// Whether this session or another one has seen the folder within the last minute.
+bool S3Session::hasSeen(const S3Path& folder) const {
+  const S3Knowledge& knowledge = iClient.knowledge();
+  return folder.isBucket() ? knowledge.hasSeenBucket(folder.bucket)
+                           : knowledge.folder(folder) != S3Knowledge::Folder::kUnknown;
+}
+
+// The answer to the login is one about the start folder, too, which is looked at next, and listed.
+bool S3Session::noteStart(const S3Path& start, bool isPage, const std::string& body) {
+  std::optional<S3Listing> listing = sensiblePage(body, start.prefix());
   if (!listing) return false;
-  if (start.isBucket() || !listing->objects.empty()) iClient.knowledge().noteFolder(start, false);
+  const bool isThere = start.isBucket() || !listing->objects.empty() || !listing->prefixes.empty();
+  if (isPage) iStartPage = {start, std::move(*listing), iClient.requests(), std::chrono::steady_clock::now()};
+  if (isThere) iClient.knowledge().noteFolder(start, false);
   return true;
+}
+
+// The page that came with the login, once, while nothing else was asked.
+std::optional<S3Listing> S3Session::takeStartPage(const S3Path& folder) {
+  const std::optional<StartPage> page = std::exchange(iStartPage, std::nullopt);
+  const bool isFresh = page && page->folder == folder && page->requests == iClient.requests() &&
+                       std::chrono::steady_clock::now() - page->came < kStartPageLasts;
+  return isFresh ? std::optional(page->listing) : std::nullopt;
 }
 
 std::optional<std::string> S3Session::realPath(std::string_view path, std::string_view base,
@@ -220,10 +264,7 @@ std::optional<S3Listing> S3Session::listPage(const S3Path& folder, const std::st
                                              int most, const std::string& token, NSErrorRef* error) {
   S3Request request;
   request.bucket = folder.bucket;
-  request.query = {{"list-type", "2"}, {"prefix", prefix}, {"encoding-type", "url"}};
-  if (!isFlat) request.query.emplace_back("delimiter", "/");
-  if (most > 0) request.query.emplace_back("max-keys", std::to_string(most));
-  if (!token.empty()) request.query.emplace_back("continuation-token", token);
+  request.query = pageQuery(prefix, isFlat, most, token);
   request.longestBody = kLongestPage;
   const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
   if (!answer) return std::nullopt;
@@ -231,13 +272,7 @@ std::optional<S3Listing> S3Session::listPage(const S3Path& folder, const std::st
     storeError(error, s3ListingError(*answer->refusal, folder.text()));
     return std::nullopt;
   }
-  std::optional<S3Listing> listing = s3Listing(answer->response.body);
-  const auto isForeign = [&prefix](const std::string& key) { return !key.starts_with(prefix); };
-  const bool isSense =
-      listing && std::none_of(listing->prefixes.begin(), listing->prefixes.end(), isForeign) &&
-      std::none_of(listing->objects.begin(), listing->objects.end(),
-                   [&isForeign](const S3ListedObject& object) { return isForeign(object.key); });
-  if (isSense) return listing;
+  if (std::optional<S3Listing> listing = sensiblePage(answer->response.body, prefix)) return listing;
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, "the listing of " + folder.text()));
   return std::nullopt;
 }
@@ -318,7 +353,8 @@ bool S3Session::listFolder(const S3Path& folder, std::vector<RemoteEntry>* entri
   bool isThere = false;
   bool isMarked = false;
   for (int page = 0; page < kMostPages; ++page) {
-    const std::optional<S3Listing> listing = listPage(folder, prefix, false, 0, token, error);
+    std::optional<S3Listing> listing = page == 0 ? takeStartPage(folder) : std::nullopt;
+    if (!listing) listing = listPage(folder, prefix, false, 0, token, error);
     if (!listing) return false;
     isThere = isThere || !listing->objects.empty() || !listing->prefixes.empty();
     for (const std::string& below : listing->prefixes) {

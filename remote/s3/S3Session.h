@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -73,9 +74,18 @@ class S3Session final : public Session {
     std::vector<std::string> keys;
     bool isMarked = false;  // the folder itself is one of them
   };
+  // The first page of the start folder, as the login got it.
+  struct StartPage {
+    S3Path folder;
+    S3Listing listing;
+    uint64_t requests = 0;  // that this session had made by then
+    std::chrono::steady_clock::time_point came;
+  };
 
   bool askForLogin(NSErrorRef* error);
-  bool noteStart(const S3Path& start, const std::string& body);
+  bool hasSeen(const S3Path& folder) const;
+  bool noteStart(const S3Path& start, bool isPage, const std::string& body);
+  std::optional<S3Listing> takeStartPage(const S3Path& folder);
 
   // Looking.
   std::optional<Item> look(const S3Path& path, NSErrorRef* error);
@@ -137,6 +147,7 @@ class S3Session final : public Session {
   // The folder that was made with the latest request, which whoever makes one looks at next.
   std::optional<S3Path> iMadeFolder;
   uint64_t iRequestsWhenMade = 0;
+  std::optional<StartPage> iStartPage;
   Mutex iCopierLock;
   S3Copier* iCopier GUARDED_BY(iCopierLock) = nullptr;  // while a folder moves
 };

@@ -13,7 +13,9 @@ namespace ombra {
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::UnorderedElementsAre;
 
 class S3Folders : public testing::Test {
@@ -310,6 +312,53 @@ TEST_F(S3Folders, FindingTheStartFolderAfterTheLoginCostsNothing) {
   }
   // A folder without anything in it was not seen.
   EXPECT_FALSE(session().realPath("/test/nothing", "/", nullptr, &iError));
+}
+
+TEST_F(S3Folders, MountingAStartFolderIsOneRequest) {
+  for (const std::string start : {"/test", "/test/deep"}) {
+    MemorySession other({}, [&start](KCCredentials& credentials) { credentials.setInitialPath(start); });
+    other.store().put("deep/file", "x");
+    const auto session = other.makeFirstSession();
+    ASSERT_TRUE(session->logIn(&iError)) << start;
+    std::vector<RemoteEntry> entries;
+    ASSERT_TRUE(session->list(start, &entries, &iError)) << start;
+    ASSERT_EQ(entries.size(), 1u) << start;
+    EXPECT_EQ(entries[0].name, start == "/test" ? "deep" : "file");
+    EXPECT_EQ(other.store().asked().size(), 1u) << start;
+  }
+}
+
+TEST_F(S3Folders, TheListingThatCameWithTheLoginIsShownOnce) {
+  MemorySession other({}, [](KCCredentials& credentials) { credentials.setInitialPath("/test"); });
+  other.store().put("file", "x");
+  const auto session = other.makeFirstSession();
+  ASSERT_TRUE(session->logIn(&iError));
+  std::vector<RemoteEntry> entries;
+  ASSERT_TRUE(session->list("/test", &entries, &iError));
+  other.store().remove("file");
+  entries.clear();
+  ASSERT_TRUE(session->list("/test", &entries, &iError));
+  EXPECT_TRUE(entries.empty());
+}
+
+TEST_F(S3Folders, TheListingThatCameWithTheLoginIsNotShownAfterAChange) {
+  MemorySession other({}, [](KCCredentials& credentials) { credentials.setInitialPath("/test"); });
+  const auto session = other.makeFirstSession();
+  ASSERT_TRUE(session->logIn(&iError));
+  ASSERT_TRUE(session->createFolder("/test/new", &iError));
+  std::vector<RemoteEntry> entries;
+  ASSERT_TRUE(session->list("/test", &entries, &iError));
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].name, "new");
+}
+
+// Whoever mounts lists the start folder once; later sessions only log in.
+TEST_F(S3Folders, LaterLoginsAskForASingleName) {
+  MemorySession other({}, [](KCCredentials& credentials) { credentials.setInitialPath("/test"); });
+  ASSERT_TRUE(other.makeSession()->logIn(&iError));
+  EXPECT_THAT(other.store().asked(), ElementsAre(HasSubstr("max-keys=1")));
+  ASSERT_TRUE(other.makeFirstSession()->logIn(&iError));
+  EXPECT_THAT(other.store().asked(), ElementsAre(Not(HasSubstr("max-keys=1"))));
 }
 
 TEST_F(S3Folders, AStreamOfLessThanAPartIsOneRequest) {

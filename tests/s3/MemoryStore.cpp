@@ -320,16 +320,19 @@ MemorySession::MemorySession(S3Limits limits, std::function<void(KCCredentials&)
   iSession = makeSession();
   NSErrorRef error;
   if (!iSession->logIn(&error)) throw KCException("no login: " + error->description());
+  // The listing that came with the login is of now, not of what a test puts there.
+  std::vector<RemoteEntry> entries;
+  (void)iSession->list(iCredentials->initialPath().value_or("/"), &entries, &error);
   (void)iStore.asked();
 }
 
-std::unique_ptr<S3Session> MemorySession::makeSession() const {
+std::unique_ptr<S3Session> MemorySession::makeSession(std::shared_ptr<S3Knowledge> knowledge) const {
   SessionEnvironment environment;
   environment.credentials = iCredentials;
   environment.transcript = iTranscript;
   environment.isWorthyTrust = [](const std::string&) { return true; };
-  return std::make_unique<S3Session>(environment, S3Endpoint::fromCredentials(*iCredentials), iKnowledge,
-                                     iLimits);
+  return std::make_unique<S3Session>(environment, S3Endpoint::fromCredentials(*iCredentials),
+                                     std::move(knowledge), iLimits);
 }
 
 }  // namespace ombra
