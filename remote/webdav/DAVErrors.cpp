@@ -64,8 +64,17 @@ QuarnKitErrorCode codeOf(DAVRequestKind kind, int status) {
   }
 }
 
+// A page for people who look at it with a browser: what it says about a refusal is meant for them.
+bool isPage(const HTTPResponse& response) {
+  const std::string* type = response.header("Content-Type");
+  if (type != nullptr && httpLowered(*type).find("html") != std::string::npos) return true;
+  const std::string begin = httpLowered(httpTrimmed(response.body).substr(0, kLongestWords));
+  return begin.starts_with("<!doctype html") || begin.starts_with("<html");
+}
+
 // The words of an error document, without its markup.
 std::string wordsOf(const HTTPResponse& response) {
+  if (isPage(response)) return {};
   std::string words;
   bool inMark = false;
   for (const char c : response.body) {

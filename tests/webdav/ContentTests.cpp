@@ -96,12 +96,24 @@ TEST(DAVErrors, OneStatusMeansDifferentThings) {
 TEST(DAVErrors, TheServersWordsAreKeptBeneathWithoutTheirMarkup) {
   const NSErrorRef error = davError(
       DAVRequestKind::kUpload,
-      responseWith(507, {}, "<html><title>507 Full</title>\n<body>No &nbsp; room" + std::string(10000, 'x')),
+      responseWith(507, {}, "<d:error><s:message>507 Full</s:message>\nNo room" + std::string(10000, 'x')),
       "/p");
   const std::string words = error->underlyingError()->localizedDescription();
   EXPECT_THAT(words, HasSubstr("507 Full No"));
   EXPECT_THAT(words, Not(HasSubstr("<")));
   EXPECT_LT(words.size(), 400u);
+}
+
+TEST(DAVErrors, APageForBrowsersIsNotQuoted) {
+  const std::string text =
+      "<head><title>401 Unauthorized</title></head><body><p>This server could not verify";
+  for (const HTTPResponse& response :
+       {responseWith(401, {}, "<!DOCTYPE HTML PUBLIC \"-//IETF//DTD HTML 2.0//EN\">\n<html>" + text),
+        responseWith(401, {}, "\r\n<html>" + text),
+        responseWith(401, {{"content-type", "text/html; charset=iso-8859-1"}}, text)}) {
+    const NSErrorRef error = davError(DAVRequestKind::kLogin, response, "/p");
+    EXPECT_EQ(error->underlyingError()->localizedDescription(), "the server answered 401");
+  }
 }
 
 TEST(DAVErrors, ARedirectNamesTheAddressToUseAndNoSecrets) {
