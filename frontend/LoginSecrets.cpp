@@ -114,11 +114,15 @@ bool gatherLoginSecrets(const LoginOptions& options, const LoginSurroundings& su
   return askWhereNeeded(options, needed, sources, credentials, failure);
 }
 
-bool gatherPassword(const LoginOptions& options, const SecretSources& sources, KCCredentials* credentials,
+bool gatherPassword(const LoginOptions& options, const SecretSources& sources,
+                    const std::function<bool(Failure*)>& isWorthAsking, KCCredentials* credentials,
                     Failure* failure) {
   if (options.passwordFile && !usePasswordFile(*options.passwordFile, sources.output, credentials, failure))
     return false;
-  return askWhereNeeded(options, !hasPassword(options, sources, credentials), sources, credentials, failure);
+  const bool needed = !hasPassword(options, sources, credentials);
+  const bool willAsk = sources.prompt != nullptr && (needed || options.askPassword);
+  if (willAsk && !isWorthAsking(failure)) return false;
+  return askWhereNeeded(options, needed, sources, credentials, failure);
 }
 
 bool askForPassword(const SecretSources& sources, KCCredentials* credentials) {

@@ -1,6 +1,7 @@
 // What a login needs beyond a name, gathered before the helper starts: the helper cannot ask.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -42,9 +43,10 @@ bool gatherLoginSecrets(const LoginOptions& options, const LoginSurroundings& su
                         const SecretSources& sources, KCCredentials* credentials, Failure* failure);
 
 // Adds the password of a login that knows nothing else: the file's, else the one that is there, else the
-// keyring's, else one that is asked for where somebody can be. Without any, the login is tried without. False
-// with the failure filled.
-bool gatherPassword(const LoginOptions& options, const SecretSources& sources, KCCredentials* credentials,
+// keyring's, else one that is asked for where somebody can be, and where `isWorthAsking` says so, which fills
+// the failure else. Without any, the login is tried without. False with the failure filled.
+bool gatherPassword(const LoginOptions& options, const SecretSources& sources,
+                    const std::function<bool(Failure*)>& isWorthAsking, KCCredentials* credentials,
                     Failure* failure);
 
 // Asks for the password of these credentials; false when no answer came, or nobody can be asked.

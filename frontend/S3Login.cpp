@@ -4,6 +4,7 @@
 #include "frontend/LoginSecrets.h"
 #include "frontend/ProtocolLogin.h"
 #include "frontend/S3Settings.h"
+#include "frontend/ServerReach.h"
 #include "remote/KCTypes.h"
 
 namespace ombra {
@@ -27,7 +28,12 @@ class S3Login final : public ProtocolLogin {
       if (iTools.url.password) iTools.saved.wasGiven(SavedSecrets::Kind::kPassword);
       return true;
     }
-    if (!gatherPassword(iTools.options.login, iTools.secretSources(), &iTools.credentials, failure))
+    const auto isWorthAsking = [this](Failure* why) {
+      return !iSettings.endpoint || iSettings.isEncrypted ||
+             checkServerIsThere(iSettings.address, iSettings.port, kProtocolS3, why);
+    };
+    if (!gatherPassword(iTools.options.login, iTools.secretSources(), isWorthAsking, &iTools.credentials,
+                        failure))
       return false;
     return iTools.credentials.password() || noSecret(failure);
   }

@@ -4,6 +4,7 @@
 #include "frontend/LoginSecrets.h"
 #include "frontend/MountCommon.h"
 #include "frontend/ProtocolLogin.h"
+#include "frontend/ServerReach.h"
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/KCTypes.h"
 
@@ -42,11 +43,17 @@ class ServerLogin final : public ProtocolLogin {
     }
     if (!iTools.credentials.username()) iTools.credentials.setUsername(currentUserName());
     warnOfReadableSecrets();
-    return gatherPassword(iTools.options.login, iTools.secretSources(), &iTools.credentials, failure);
+    // Where TLS is spoken, the look at the certificate has shown that the server is there.
+    const auto isWorthAsking = [this](Failure* why) {
+      return speaksTLS(protocol()) || checkServerIsThere(iTools.url.host, port(), protocol(), why);
+    };
+    return gatherPassword(iTools.options.login, iTools.secretSources(), isWorthAsking, &iTools.credentials,
+                          failure);
   }
 
  private:
   uint32_t protocol() const { return iTools.url.protocol; }
+  int port() const { return iTools.url.port != 0 ? iTools.url.port : defaultPortOfProtocol(protocol()); }
 
   bool wantsPassword() const {
     return iTools.options.login.askPassword || iTools.options.login.passwordFile.has_value();
@@ -67,8 +74,7 @@ class ServerLogin final : public ProtocolLogin {
   }
 
   bool settleTrust(bool lookAgain, Failure* failure) override {
-    const int port = iTools.url.port != 0 ? iTools.url.port : defaultPortOfProtocol(protocol());
-    return settleCertificate({iTools.url.host, port, protocol()}, trustPolicy(lookAgain), iTools, failure);
+    return settleCertificate({iTools.url.host, port(), protocol()}, trustPolicy(lookAgain), iTools, failure);
   }
 
   bool askAgain() override {

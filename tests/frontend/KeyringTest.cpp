@@ -154,7 +154,9 @@ class KeyringCommand : public testing::Test {
     for (const HelperStatus& helper : bus->helpers()) kill(helper.pid, SIGKILL);
   }
   std::vector<std::string> environment(const std::string& behaviour) const {
-    return {"FAKE_HELPER=" + behaviour, "FAKE_HELPER_FOLDER=" + iFolder.path(), iBus.variable()};
+    // A proxy that nobody asks stands for the way to servers that are not there.
+    return {"FAKE_HELPER=" + behaviour, "FAKE_HELPER_FOLDER=" + iFolder.path(), iBus.variable(),
+            "http_proxy=http://127.0.0.1:1"};
   }
   CommandResult run(const std::vector<std::string>& arguments, const std::string& behaviour = "mount") const {
     return runCommand(arguments, environment(behaviour));

@@ -1,4 +1,5 @@
 // Mounting over FTP, WebDAV and S3, with a helper that mounts nothing and servers that show certificates.
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -15,6 +16,7 @@
 #include "tests/frontend/CommandRunner.h"
 #include "tests/frontend/PlainServer.h"
 #include "tests/frontend/Surroundings.h"
+#include "tests/support/ServerProcess.h"
 
 namespace ombra {
 namespace {
@@ -103,13 +105,38 @@ TEST_F(ProtocolCommand, APasswordFileWithoutAUserMeansTheUserOfThisMachine) {
 }
 
 TEST_F(ProtocolCommand, AUserIsAskedForThePassword) {
-  auto command = mountAtTerminal({"dav://anna@127.0.0.1/dav"});
+  const PlainServer server([](int) {});
+  auto command = mountAtTerminal({fmt::format("dav://anna@127.0.0.1:{}/dav", server.port())});
   ASSERT_TRUE(command->waitForTerminal("Password of “anna@127.0.0.1”")) << command->terminal();
   command->type("secret\n");
   EXPECT_EQ(command->finish().exitCode, 0);
   ASSERT_TRUE(given());
   EXPECT_EQ(given()->username(), "anna");
   EXPECT_EQ(given()->password(), "secret");
+}
+
+TEST_F(ProtocolCommand, NoPasswordIsAskedForWhereNobodyListens) {
+  const std::string port = std::to_string(ServerProcess::freePort());
+  for (const std::string& url : {"dav://anna@127.0.0.1:" + port, "ftp://anna@127.0.0.1:" + port}) {
+    auto command = mountAtTerminal({url});
+    const auto result = command->finish();
+    EXPECT_EQ(result.exitCode, 1) << url;
+    EXPECT_THAT(result.err, HasSubstr("Could not connect to “127.0.0.1:" + port + "”")) << url;
+    EXPECT_THAT(command->terminal(), Not(HasSubstr("Password"))) << url;
+    EXPECT_FALSE(given()) << url;
+  }
+  auto command = mountAtTerminal({"s3://KEY@bucket", "--endpoint", "http://127.0.0.1:" + port});
+  EXPECT_THAT(command->finish().err, HasSubstr("Could not connect"));
+  EXPECT_THAT(command->terminal(), Not(HasSubstr("Password")));
+}
+
+// Only the proxy knows the way.
+TEST_F(ProtocolCommand, APasswordIsAskedForWhereAProxyLeadsToTheServer) {
+  iVariables.push_back("http_proxy=http://127.0.0.1:1");
+  auto command = mountAtTerminal({fmt::format("dav://anna@127.0.0.1:{}/dav", ServerProcess::freePort())});
+  ASSERT_TRUE(command->waitForTerminal("Password of")) << command->terminal();
+  command->type("secret\n");
+  EXPECT_EQ(command->finish().exitCode, 0);
 }
 
 TEST_F(ProtocolCommand, ARefusedAnonymousLoginAsksForNameAndPassword) {
