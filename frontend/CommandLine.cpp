@@ -128,13 +128,21 @@ class CommandLine {
       return refuse(isCommand ? "There is no command " + inQuotes(extras[0]) + "." : error.what());
     } catch (const CLI::ParseError& error) {
       // Help and version are no failures; everything else is one of usage.
-      return error.get_exit_code() == 0 ? iApp.exit(error) : refuse(error.what());
+      return error.get_exit_code() == 0 ? iApp.exit(error) : refuse(whatIsWrong(error));
     }
     if (!iRun) return refuse("No command was given.");
     return iRun();
   }
 
  private:
+  // A word that nobody knows is told first: what is missing may stand behind it.
+  std::string whatIsWrong(const CLI::ParseError& error) const {
+    std::vector<std::string> unknown = iApp.remaining(true);
+    std::erase_if(unknown, [](const std::string& word) { return !word.starts_with('-'); });
+    std::reverse(unknown.begin(), unknown.end());  // told from the last to the first
+    return unknown.empty() ? error.what() : CLI::ExtrasError(unknown).what();
+  }
+
   int refuse(const std::string& what) {
     std::string help = "ombra";
     for (const CLI::App* command = &iApp; !command->get_subcommands().empty();) {

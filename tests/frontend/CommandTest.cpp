@@ -370,6 +370,8 @@ INSTANTIATE_TEST_SUITE_P(
         UsageCase{{"refresh", "--help"}, 0, "Example"}, UsageCase{{"logs", "--help"}, 0, "Example"},
         UsageCase{{"defaults", "--help"}, 0, "Example"},
         UsageCase{{"defaults", "get", "--help"}, 0, "setting"}, UsageCase{{"mount"}, 2, "URL"},
+        UsageCase{{"mount", "--foo"}, 2, "not expected: --foo"},
+        UsageCase{{"logs", "--foo", "-x"}, 2, "not expected: --foo"},
         UsageCase{{"mount", "nas"}, 2, "scheme"},
         UsageCase{{"mount", "file:///no/such/folder"}, 3, "No such file"},
         UsageCase{{"mount", "file:///etc/passwd"}, 3, "not a folder"},
