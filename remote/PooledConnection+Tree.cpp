@@ -37,7 +37,9 @@ bool PooledConnection::contentsAtPath(std::string_view path,
   };
   if (!perform(Repeat::kSafe, work, error)) return false;
   nodes->reserve(entries.size());
-  for (const RemoteEntry& entry : entries) {
+  for (RemoteEntry& listed : entries) {
+    // What it holds makes room for the next nodes.
+    const RemoteEntry entry = std::move(listed);
     if (!isShownName(entry.name)) continue;
     std::string itemPath = remotePathInFolder(folder, entry.name);
     if (entry.resolution) iKnownLinks.add(itemPath, *entry.resolution);

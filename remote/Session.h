@@ -17,6 +17,7 @@
 #include "platform/foundation/NSFileHandle.h"
 #include "remote/KCCredentials.h"
 #include "remote/KCTypes.h"
+#include "remote/RareOptional.h"
 
 namespace ombra {
 
@@ -30,13 +31,13 @@ struct LinkResolution {
   std::optional<NSFileAttributes> attributes;  // of the target, when it exists
 };
 
-// One entry of a listed folder.
+// One entry of a listed folder. Many of them are alive at a time.
 struct RemoteEntry {
   std::string name;  // the server's bytes; the pool drops ".", ".." and names with "/" or NUL
   uint32_t type = kNodeTypeFile;
   NSFileAttributes attributes;
-  std::optional<std::string> targetPath;     // of a link
-  std::optional<LinkResolution> resolution;  // of a link, when the engine fetched it with the listing
+  RareOptional<std::string> targetPath;     // of a link
+  RareOptional<LinkResolution> resolution;  // of a link, when the engine fetched it with the listing
 };
 
 // A transfer as an engine sees it.

@@ -177,7 +177,9 @@ bool SFTPSession::settleLinks(Listing& listing, size_t remaining, NSErrorRef* er
 bool SFTPSession::settleEntry(Listing& listing, const LinkQuestion& question, NSErrorRef* error) {
   RemoteEntry& entry = (*listing.entries)[question.entry];
   std::optional<std::string> target;
-  if (!settleLink(question, &target, &entry.resolution, error)) return false;
+  std::optional<LinkResolution> resolution = std::move(entry.resolution);
+  if (!settleLink(question, &target, &resolution, error)) return false;
+  entry.resolution = std::move(resolution);
   if (question.links == 0) entry.targetPath = target;
   if (entry.resolution && !entry.resolution->isFinal) {
     if (question.links >= kMostLinksOnTheWay || entry.resolution->resolvedPath.size() > kMaximumPathLength) {
