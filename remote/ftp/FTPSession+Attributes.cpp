@@ -1,5 +1,4 @@
 // Single items.
-#include <algorithm>
 #include <set>
 #include <utility>
 
@@ -113,17 +112,18 @@ std::optional<NSFileAttributes> FTPSession::attributesByAsking(std::string_view 
 
 std::optional<FTPItem> FTPSession::lookInParent(std::string_view path, NSErrorRef* error) {
   const std::string normal = normalRemotePath(path);
-  std::vector<FTPItem> items;
   if (normal == "/") {
     FTPItem root;
     root.entry.type = kNodeTypeFolder;
     return root;
   }
-  if (!listItems(parentOfRemotePath(normal), &items, error)) return std::nullopt;
   const std::string_view name = nameOfRemotePath(normal);
-  const auto found = std::find_if(items.begin(), items.end(),
-                                  [name](const FTPItem& item) { return item.entry.name == name; });
-  return found != items.end() ? std::optional(std::move(*found)) : std::nullopt;
+  std::optional<FTPItem> found;
+  Items items{[&found, name](FTPItem item) {
+    if (!found && item.entry.name == name) found = std::move(item);
+  }};
+  if (!listItems(parentOfRemotePath(normal), items, error)) return std::nullopt;
+  return found;
 }
 
 std::optional<FTPItem> FTPSession::lookAt(std::string_view path, NSErrorRef* error) {
@@ -190,10 +190,11 @@ QuarnKitErrorCode FTPSession::findOutCode(FTPOperation operation, std::string_vi
       if (exists && operation == FTPOperation::kMakeFolder) return kQuarnKitItemExists;
       return isGone && isMissing(parentOfRemotePath(path)) ? kQuarnKitNoSuchItem : kQuarnKitRefused;
     case FTPOperation::kRemove: {
-      std::vector<FTPItem> items;
-      if (!exists || !isDirectory || !listItems(path, &items, nullptr)) break;
-      const bool holdsSomething = std::any_of(
-          items.begin(), items.end(), [](const FTPItem& item) { return item.kind != FTPItem::Kind::kSelf; });
+      bool holdsSomething = false;
+      Items items{[&holdsSomething](const FTPItem& item) {
+        holdsSomething = holdsSomething || item.kind != FTPItem::Kind::kSelf;
+      }};
+      if (!exists || !isDirectory || !listItems(path, items, nullptr)) break;
       return holdsSomething ? kQuarnKitFolderNotEmpty : kQuarnKitRefused;
     }
     case FTPOperation::kRename:

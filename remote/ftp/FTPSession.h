@@ -145,11 +145,16 @@ class FTPSession final : public Session {
   QuarnKitErrorCode findOutCode(FTPOperation operation, std::string_view path, std::string_view otherPath);
 
   // Listing.
-  bool listItems(std::string_view path, std::vector<FTPItem>* items, NSErrorRef* error);
-  bool listFacts(std::string_view path, std::vector<FTPItem>* items, NSErrorRef* error);
-  bool listLines(std::string_view path, std::vector<FTPItem>* items, NSErrorRef* error);
-  bool runList(std::string_view path, bool showsAll, std::vector<FTPItem>* items, NSErrorRef* error);
-  bool receiveList(FTPTransfer& transfer, bool areFacts, std::vector<FTPItem>* items, NSErrorRef* error);
+  // Gets the items one by one: there may be very many.
+  struct Items {
+    std::function<void(FTPItem item)> take;
+    size_t count = 0;
+  };
+  bool listItems(std::string_view path, Items& items, NSErrorRef* error);
+  bool listFacts(std::string_view path, Items& items, NSErrorRef* error);
+  bool listLines(std::string_view path, Items& items, NSErrorRef* error);
+  bool runList(std::string_view path, bool showsAll, Items& items, NSErrorRef* error);
+  bool receiveList(FTPTransfer& transfer, bool areFacts, Items& items, NSErrorRef* error);
   void resolveLinks(std::string_view folder, std::vector<RemoteEntry>* entries);
   using Unresolved = std::vector<std::pair<RemoteEntry*, std::string>>;
   void resolveElsewhere(const Unresolved& links);
