@@ -32,6 +32,8 @@ RequestContext& RequestContext::current() {
 
 bool RequestContext::isLookup() const { return opcode == FUSE_LOOKUP; }
 
+bool RequestContext::isMakingNode() const { return opcode == FUSE_MKNOD; }
+
 uint64_t RequestContext::nodeIDOfFile() const {
   return opcode == FUSE_RENAME || opcode == FUSE_RENAME2 ? 0 : nodeID;
 }

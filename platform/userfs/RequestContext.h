@@ -25,6 +25,8 @@ struct RequestContext {
   static RequestContext& current();
   // Whether the kernel looks a name up.
   bool isLookup() const;
+  // Whether the kernel makes an item without opening it, which the fuse library answers with an open file.
+  bool isMakingNode() const;
   // 0 where `nodeID` is that of a folder: a module may open a file to answer a move.
   uint64_t nodeIDOfFile() const;
 };

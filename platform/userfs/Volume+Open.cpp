@@ -119,7 +119,13 @@ int Volume::create(const char* path, mode_t mode, int flags, pid_t process, Open
   opened->bypassesPages = handle->bypassesPages;
   iHandles.isContentOfLastOpen(listed, userData);
   iFolders.noteEntry(listed, RequestContext::current().nodeID);
-  return 0;
+  if (!RequestContext::current().isMakingNode()) return 0;
+  // No close follows that would tell.
+  const int result = flush(opened->handle, 0);
+  if (result == 0) return 0;
+  RequestContext::current().created = nullptr;
+  release(opened->handle);
+  return result;
 }
 
 int Volume::makeNode(const char* path, mode_t mode) {
@@ -128,10 +134,8 @@ int Volume::makeNode(const char* path, mode_t mode) {
   if (const int result = create(path, mode, O_CREAT | O_EXCL | O_WRONLY, 0, &opened); result != 0)
     return result;
   RequestContext::current().created = nullptr;
-  // No close follows that would tell.
-  const int result = flush(opened.handle, 0);
   release(opened.handle);
-  return result;
+  return 0;
 }
 
 int Volume::synchronizeItem(const OpenItem& item) {

@@ -20,6 +20,8 @@ namespace {
 
 using ::testing::ElementsAre;
 
+constexpr uint32_t kMakeNode = 8;  // the kernel's number of that request
+
 class VolumeStoring : public ::testing::Test {
  protected:
   void TearDown() override { iVolume->closers().waitUntilIdle(); }
@@ -72,10 +74,12 @@ TEST_F(VolumeStoring, TheCloseOfANewFileTellsWhetherItWasRefusedThen) {
 
 TEST_F(VolumeStoring, ANodeThatIsRefusedIsToldOfAtOnce) {
   iFiles.doubtsCreations = true;
-  EXPECT_EQ(iVolume->makeNode("/a", S_IFREG | 0644), 0);
-  RequestContext::current() = RequestContext();
+  RequestContext::current().opcode = kMakeNode;
+  OpenedFile opened;
+  EXPECT_EQ(iVolume->create("/a", 0644, O_WRONLY, 0, &opened), 0);
   iFiles.failWith("synchronize", kEACCES);
-  EXPECT_EQ(iVolume->makeNode("/b", S_IFREG | 0644), -EACCES);
+  EXPECT_EQ(iVolume->create("/b", 0644, O_WRONLY, 0, &opened), -EACCES);
+  EXPECT_EQ(iVolume->flush(opened.handle, 0), -EBADF) << "the library gives back none that was not made";
   RequestContext::current() = RequestContext();
 }
 
