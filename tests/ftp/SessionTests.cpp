@@ -179,6 +179,14 @@ TEST_F(FTPSessions, ListingsInFactsHideWhatIsNoItem) {
   EXPECT_THAT(list("/"), ElementsAre("a", "b", "c"));
 }
 
+TEST_F(FTPSessions, NamesWithAZeroByteAreNotListed) {
+  const std::string zero(1, '\0');
+  server.setFeatures(kModernFeatures);
+  logIn();
+  server.send("MLSD", "type=file; a" + zero + "b\r\ntype=file; " + zero + "\r\ntype=file; c\r\n");
+  EXPECT_THAT(list("/"), ElementsAre("c"));
+}
+
 TEST_F(FTPSessions, ListingsInLinesAreAskedForWithAllNames) {
   logIn();
   server.send("LIST -a",
@@ -279,6 +287,17 @@ TEST_F(FTPSessions, AMoveDoesNotReplaceWhatHasAppearedThere) {
   EXPECT_TRUE(session->move("/a", false, "/A", &error)) << "a change of case is no replacement";
   EXPECT_FALSE(session->move("/missing", false, "/c", &error));
   EXPECT_TRUE(failedWith(kQuarnKitNoSuchItem));
+}
+
+TEST_F(FTPSessions, AModeAndADateAreChanged) {
+  server.setFeatures(kModernFeatures);
+  logIn();
+  NSFileAttributes both;
+  both.posixPermissions = 0640;
+  both.modificationDate = NSDate::dateWithTimeIntervalSince1970(1e9);
+  EXPECT_TRUE(session->changeAttributes(both, "/learnt", &error));
+  EXPECT_THAT(sent("SITE"), ElementsAre("SITE CHMOD 640 /learnt"));
+  EXPECT_THAT(sent("MFMT"), ElementsAre("MFMT 20010909014640 /learnt"));
 }
 
 TEST_F(FTPSessions, AttributesThatTheProtocolCannotChange) {
