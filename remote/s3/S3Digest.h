@@ -1,14 +1,36 @@
 // Digests of what is sent.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
 #include "platform/foundation/NSFileHandle.h"
 
+struct evp_md_ctx_st;
+
 namespace ombra {
+
+// SHA-256 of what comes in pieces.
+class S3SHA256 {
+ public:
+  S3SHA256();
+  void add(std::span<const std::byte> piece);
+  // Hexadecimal, of all pieces since the beginning or the last `finish`.
+  std::string finish();
+
+ private:
+  struct Deleter {
+    void operator()(evp_md_ctx_st* context) const;
+  };
+  void begin();
+
+  const std::unique_ptr<evp_md_ctx_st, Deleter> iContext;
+};
 
 // Hexadecimal.
 std::string s3SHA256(std::string_view bytes);

@@ -10,12 +10,14 @@
 #include "platform/foundation/NSFileHandle.h"
 #include "platform/foundation/NSFileManager.h"
 #include "remote/QuarnKitError.h"
-#include "remote/s3/S3Digest.h"
 
 namespace ombra {
 namespace {
 
-constexpr size_t kPiece = 64 * 1024;
+// Most files are small.
+constexpr size_t kPieceInMemory = 64 * 1024;
+// What goes to a file is taken in larger pieces: each wakes up whoever writes.
+constexpr size_t kPieceOfFile = 256 * 1024;
 
 bool failLocally(NSErrorRef* error, int number) {
   storeError(error,
@@ -26,10 +28,15 @@ bool failLocally(NSErrorRef* error, int number) {
 
 }  // namespace
 
+S3PartBuffer::S3PartBuffer(Hashing hashing, uint64_t memory) : iMostMemory(memory) {
+  if (hashing == Hashing::kWanted) iDigest.emplace();
+}
+
 void S3PartBuffer::clear() {
   iLength = 0;
   iGiven = 0;
   iIsLast = false;
+  iHash.clear();
 }
 
 // What is in memory goes to a file, and so does all that follows.
@@ -39,7 +46,7 @@ bool S3PartBuffer::moveToFile(NSErrorRef* error) {
   if (descriptor < 0) return failLocally(error, errno);
   iFile = std::make_unique<NSFileHandle>(descriptor);
   if (iLength > 0 && !iFile->writeAll(iMemory.data(), iLength, 0)) return failLocally(error, errno);
-  iMemory.resize(kPiece);
+  iMemory.resize(kPieceOfFile);
   iMemory.shrink_to_fit();
   return true;
 }
@@ -47,18 +54,25 @@ bool S3PartBuffer::moveToFile(NSErrorRef* error) {
 bool S3PartBuffer::fill(const Next& next, uint64_t size, const std::function<bool()>& mayGoOn,
                         NSErrorRef* error) {
   clear();
-  while (iLength < size && mayGoOn()) {
-    const auto wanted = static_cast<size_t>(std::min<uint64_t>(size - iLength, kPiece));
-    if (iFile == nullptr && iLength + wanted > iMostMemory && !moveToFile(error)) return false;
-    const size_t at = iFile != nullptr ? 0 : static_cast<size_t>(iLength);
-    if (iMemory.size() < at + wanted) iMemory.resize(at + wanted);
-    const size_t count = std::min(next(iMemory.data() + at, wanted), wanted);
-    iIsLast = count == 0;
-    if (iIsLast) break;
-    if (iFile != nullptr && !iFile->writeAll(iMemory.data(), count, iLength))
-      return failLocally(error, errno);
-    iLength += count;
+  while (iLength < size && !iIsLast && mayGoOn()) {
+    if (!take(next, size - iLength, error)) return false;
   }
+  if (iDigest) iHash = iDigest->finish();
+  return true;
+}
+
+// The next piece, of up to `most` bytes. Read once more for its hash, a part would cost a copy more.
+bool S3PartBuffer::take(const Next& next, uint64_t most, NSErrorRef* error) {
+  const size_t piece = iFile != nullptr ? kPieceOfFile : kPieceInMemory;
+  const auto wanted = static_cast<size_t>(std::min<uint64_t>(most, piece));
+  if (iFile == nullptr && iLength + wanted > iMostMemory && !moveToFile(error)) return false;
+  const size_t at = iFile != nullptr ? 0 : static_cast<size_t>(iLength);
+  if (iMemory.size() < at + wanted) iMemory.resize(at + wanted);
+  const size_t count = std::min(next(iMemory.data() + at, wanted), wanted);
+  iIsLast = count == 0;
+  if (iDigest) iDigest->add({iMemory.data() + at, count});
+  if (iFile != nullptr && !iFile->writeAll(iMemory.data(), count, iLength)) return failLocally(error, errno);
+  iLength += count;
   return true;
 }
 
@@ -85,11 +99,6 @@ size_t S3PartBuffer::give(std::byte* buffer, size_t capacity) {
   }
   iGiven += count;
   return count;
-}
-
-std::string S3PartBuffer::hash() const {
-  if (iFile != nullptr) return s3SHA256OfFile(*iFile, {0, iLength}).value_or("");
-  return s3SHA256({reinterpret_cast<const char*>(iMemory.data()), static_cast<size_t>(iLength)});
 }
 
 }  // namespace ombra

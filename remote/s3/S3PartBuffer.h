@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/foundation/NSError.h"
 #include "remote/http/HTTPClient.h"
+#include "remote/s3/S3Digest.h"
 
 namespace ombra {
 
@@ -20,12 +22,13 @@ class S3PartBuffer {
  public:
   using Next = std::function<size_t(std::byte*, size_t)>;
   static constexpr uint64_t kMemory = uint64_t{512} << 10;
+  enum class Hashing { kWanted, kNotWanted };
   // Parts longer than `memory` bytes go to a file.
-  explicit S3PartBuffer(uint64_t memory = kMemory) : iMostMemory(memory) {}
+  explicit S3PartBuffer(Hashing hashing, uint64_t memory = kMemory);
   S3PartBuffer(const S3PartBuffer&) = delete;
   S3PartBuffer& operator=(const S3PartBuffer&) = delete;
 
-  // Empties it and takes up to `size` bytes from `next`; `mayGoOn` is asked after each piece, and ends it
+  // Empties it and takes up to `size` bytes from `next`; `mayGoOn` is asked before each piece, and ends it
   // when false. False with the error when there is no place for them.
   [[nodiscard]] bool fill(const Next& next, uint64_t size, const std::function<bool()>& mayGoOn,
                           NSErrorRef* error);
@@ -35,11 +38,12 @@ class S3PartBuffer {
 
   // The content as the body of a request, which may be sent several times. Valid until the next `fill`.
   HTTPBody body();
-  // Hexadecimal SHA-256; empty when the content cannot be read.
-  std::string hash() const;
+  // Hexadecimal SHA-256 of the content, made while it came; empty where hashing is not wanted.
+  const std::string& hash() const { return iHash; }
 
  private:
   void clear();
+  bool take(const Next& next, uint64_t most, NSErrorRef* error);
   bool moveToFile(NSErrorRef* error);
   size_t give(std::byte* buffer, size_t capacity);
 
@@ -49,6 +53,8 @@ class S3PartBuffer {
   uint64_t iLength = 0;
   uint64_t iGiven = 0;
   bool iIsLast = false;
+  std::optional<S3SHA256> iDigest;  // absent where hashing is not wanted
+  std::string iHash;
 };
 
 }  // namespace ombra

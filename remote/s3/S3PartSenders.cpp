@@ -28,7 +28,7 @@ class S3PartSenders::Stop final : public TransferControl {
 
 struct S3PartSenders::Slot {
   // The first part may be the whole stream, and short; those behind it are not.
-  explicit Slot(bool isFirst) : buffer(isFirst ? S3PartBuffer::kMemory : 0) {}
+  Slot(bool isFirst, S3PartBuffer::Hashing hashing) : buffer(hashing, isFirst ? S3PartBuffer::kMemory : 0) {}
   S3PartBuffer buffer;
   std::unique_ptr<S3Client> own;  // null in the first slot, which has the session's
   std::string tag;                // of the part, once it was sent; empty when that failed
@@ -38,7 +38,11 @@ struct S3PartSenders::Slot {
 };
 
 S3PartSenders::S3PartSenders(S3Client& client, S3MultipartUpload& whole, size_t most)
-    : iClient(client), iWhole(whole), iMost(most), iStop(std::make_unique<Stop>()) {}
+    : iClient(client),
+      iWhole(whole),
+      iMost(most),
+      iHashing(client.signsPayloads() ? S3PartBuffer::Hashing::kWanted : S3PartBuffer::Hashing::kNotWanted),
+      iStop(std::make_unique<Stop>()) {}
 
 S3PartSenders::~S3PartSenders() {
   iStop->set();
@@ -53,7 +57,7 @@ S3PartSenders::~S3PartSenders() {
 S3PartBuffer* S3PartSenders::buffer(TransferControl& control, NSErrorRef* error) {
   if (iBegun - iTaken == iMost && !takeOldest(control, error)) return nullptr;
   if (iSlots.size() == iBegun % iMost && iSlots.size() < iMost) {
-    iSlots.push_back(std::make_unique<Slot>(iSlots.empty()));
+    iSlots.push_back(std::make_unique<Slot>(iSlots.empty(), iHashing));
     if (iSlots.size() > 1)
       iSlots.back()->own =
           std::make_unique<S3Client>(iClient.environment(), iClient.endpoint(), iClient.sharedKnowledge());
@@ -79,9 +83,9 @@ void S3PartSenders::send() {
 
 void S3PartSenders::transfer(S3Client& client, uint32_t number, Slot* slot) {
   slot->fault.reset();
-  const std::string hash = client.signsPayloads() ? slot->buffer.hash() : std::string();
   slot->tag =
-      iWhole.sendPart(client, number + 1, slot->buffer.body(), hash, iStop.get(), &slot->fault).value_or("");
+      iWhole.sendPart(client, number + 1, slot->buffer.body(), slot->buffer.hash(), iStop.get(), &slot->fault)
+          .value_or("");
 }
 
 bool S3PartSenders::waitFor(Slot& slot, TransferControl& control, NSErrorRef* error) {

@@ -45,6 +45,7 @@ class S3PartSenders {
   S3Client& iClient;
   S3MultipartUpload& iWhole;
   const size_t iMost;
+  const S3PartBuffer::Hashing iHashing;
   const std::unique_ptr<Stop> iStop;
   std::vector<std::unique_ptr<Slot>> iSlots;
   uint32_t iBegun = 0;  // parts that were sent off

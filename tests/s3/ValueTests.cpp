@@ -1,7 +1,12 @@
 // Paths, endpoints, sizes of parts, what sessions remember.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
+#include <utility>
+
 #include "remote/Session.h"
+#include "remote/s3/S3Digest.h"
 #include "remote/s3/S3Endpoint.h"
 #include "remote/s3/S3Engine.h"
 #include "remote/s3/S3Knowledge.h"
@@ -138,36 +143,61 @@ TEST(S3PartSizes, PartsOfKnownLengthAreNeverTooMany) {
   EXPECT_EQ(s3PartSize(kWanted * 10000, kWanted), kWanted);
 }
 
+// A stream that gives `content` in pieces of up to 777 bytes.
+class Given {
+ public:
+  explicit Given(std::string content) : iContent(std::move(content)) {}
+  size_t operator()(std::byte* target, size_t capacity) {
+    const size_t count = std::min({capacity, size_t{777}, iContent.size() - iTaken});
+    std::copy_n(reinterpret_cast<const std::byte*>(iContent.data()) + iTaken, count, target);
+    iTaken += count;
+    return count;
+  }
+
+ private:
+  std::string iContent;
+  size_t iTaken = 0;
+};
+
+std::string wholeBody(HTTPBody& body) {
+  std::string content;
+  std::array<std::byte, 999> piece;
+  for (size_t count = 0; (count = body.source(piece.data(), piece.size())) > 0;)
+    content.append(reinterpret_cast<const char*>(piece.data()), count);
+  return content;
+}
+
 TEST(S3PartBuffer, GivesWhatItTookFromMemoryAndFromAFile) {
+  std::string content;
+  for (size_t at = 0; at < 100000; ++at) content += static_cast<char>('a' + at % 23);
   for (const uint64_t memory : {uint64_t{1} << 20, uint64_t{10}, uint64_t{0}}) {
-    S3PartBuffer buffer(memory);
-    std::string content(100000, 'x');
-    size_t taken = 0;
-    const auto next = [&](std::byte* target, size_t capacity) {
-      const size_t count = std::min({capacity, size_t{777}, content.size() - taken});
-      std::fill_n(target, count, std::byte{'x'});
-      taken += count;
-      return count;
-    };
+    S3PartBuffer buffer(S3PartBuffer::Hashing::kWanted, memory);
+    const S3PartBuffer::Next next = Given(content);
     NSErrorRef error;
-    ASSERT_TRUE(buffer.fill(
-        next, 60000, [] { return true; }, &error));
-    EXPECT_EQ(buffer.length(), 60000u);
-    EXPECT_FALSE(buffer.isLast());
-    ASSERT_TRUE(buffer.fill(
-        next, 60000, [] { return true; }, &error));
-    EXPECT_EQ(buffer.length(), 40000u);
-    EXPECT_TRUE(buffer.isLast());
-    HTTPBody body = buffer.body();
-    EXPECT_EQ(body.length, 40000u);
-    for (int round = 0; round < 2; ++round) {
-      std::vector<std::byte> piece(1 << 20);
-      size_t got = 0;
-      for (size_t count = 0; (count = body.source(piece.data(), 999)) > 0;) got += count;
-      EXPECT_EQ(got, 40000u);
-      EXPECT_TRUE(body.rewind());
+    for (const auto& [start, isLast] : {std::pair{size_t{0}, false}, {size_t{60000}, true}}) {
+      const std::string part = content.substr(start, 60000);
+      ASSERT_TRUE(buffer.fill(
+          next, 60000, [] { return true; }, &error));
+      EXPECT_EQ(buffer.length(), part.size());
+      EXPECT_EQ(buffer.isLast(), isLast);
+      EXPECT_EQ(buffer.hash(), s3SHA256(part));
+      HTTPBody body = buffer.body();
+      EXPECT_EQ(body.length, part.size());
+      for (int round = 0; round < 2; ++round) {
+        EXPECT_EQ(wholeBody(body), part);
+        EXPECT_TRUE(body.rewind());
+      }
     }
   }
+}
+
+TEST(S3PartBuffer, HashesOnlyWhereThatIsWanted) {
+  S3PartBuffer buffer(S3PartBuffer::Hashing::kNotWanted);
+  NSErrorRef error;
+  ASSERT_TRUE(buffer.fill(
+      Given("content"), 100, [] { return true; }, &error));
+  EXPECT_EQ(buffer.length(), 7u);
+  EXPECT_EQ(buffer.hash(), "");
 }
 
 TEST(S3Knowledge, ForgetsFoldersAfterAMinute) {
