@@ -89,43 +89,46 @@ SessionPool::Turn SessionPool::waitForTurn(SessionWaiter& waiter, Place& place,
                                            std::shared_ptr<PooledSession>* idle) {
   iCondition.lock();
   iLine.push_back(&place);
-  Turn turn = Turn::kGranted;
-  while (true) {
-    raiseCapIfDue();
-    if (iIsShutDown) {
-      turn = Turn::kShutDown;
-      break;
-    }
-    if (waiter.wantsToStop()) {
-      turn = Turn::kStop;
-      break;
-    }
-    if (tryTake(place, idle)) break;
+  std::optional<Turn> turn = turnOf(waiter, place, idle);
+  while (!turn) {
     place.inLine = true;
     publishLine();
-    if (waiter.hasSpareWork()) {
-      place.busy = true;
-      wakeNext();
-      iCondition.unlock();
-      waiter.doSpareWork();
-      iCondition.lock();
-      place.busy = false;
-    } else {
-      sleepInLine(place);
-      if (!place.awaited) {
-        iCondition.unlock();
-        const bool awaited = waiter.isAwaited();
-        iCondition.lock();
-        place.awaited = awaited;
-      }
-    }
+    standInLine(waiter, place);
+    turn = turnOf(waiter, place, idle);
   }
   iLine.remove(&place);
   publishLine();
   // The next in line may have a turn too.
   wakeNext();
   iCondition.unlock();
-  return turn;
+  return *turn;
+}
+
+std::optional<SessionPool::Turn> SessionPool::turnOf(const SessionWaiter& waiter, Place& place,
+                                                     std::shared_ptr<PooledSession>* idle) {
+  raiseCapIfDue();
+  if (iIsShutDown) return Turn::kShutDown;
+  if (waiter.wantsToStop()) return Turn::kStop;
+  return tryTake(place, idle) ? std::optional(Turn::kGranted) : std::nullopt;
+}
+
+void SessionPool::standInLine(SessionWaiter& waiter, Place& place) {
+  if (waiter.hasSpareWork()) {
+    place.busy = true;
+    wakeNext();
+    iCondition.unlock();
+    waiter.doSpareWork();
+    iCondition.lock();
+    place.busy = false;
+    return;
+  }
+  sleepInLine(place);
+  if (place.awaited) return;
+  // Asked with no lock held, since it calls out.
+  iCondition.unlock();
+  const bool awaited = waiter.isAwaited();
+  iCondition.lock();
+  place.awaited = awaited;
 }
 
 void SessionPool::sleepInLine(Place& place) {

@@ -131,6 +131,11 @@ class SessionPool {
 
   Turn waitForTurn(SessionWaiter& waiter, Place& place, std::shared_ptr<PooledSession>* idle)
       EXCLUDES(iCondition);
+  // What the place has come to; absent while it has to stand in line.
+  std::optional<Turn> turnOf(const SessionWaiter& waiter, Place& place, std::shared_ptr<PooledSession>* idle)
+      REQUIRES(iCondition);
+  // Does spare work or sleeps, the lock let go meanwhile.
+  void standInLine(SessionWaiter& waiter, Place& place) REQUIRES(iCondition);
   bool tryTake(Place& place, std::shared_ptr<PooledSession>* idle) REQUIRES(iCondition);
   std::shared_ptr<PooledSession> takeIdle(const std::string* preferredPath) REQUIRES(iCondition);
   void sleepInLine(Place& place) REQUIRES(iCondition);
