@@ -27,7 +27,8 @@ class SFTPBufferPool {
 
  private:
   static constexpr size_t kMaximumKept = 96;
-  static constexpr size_t kSmallCapacity = 4096;
+  // A page of content with what belongs to its packet.
+  static constexpr size_t kSmallCapacity = 4096 + 256;
   std::vector<SFTPBuffer> iSmall;
   std::vector<SFTPBuffer> iLarge;
 };
