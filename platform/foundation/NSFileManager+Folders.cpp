@@ -68,6 +68,8 @@ bool ensureOwnPrivateFolder(const std::string& path) {
 std::string userTemporaryFolder() {
   const std::optional<std::string> set = absoluteVariable("OMBRAFS_TMPDIR");
   const std::string path = set ? *set : fmt::format("/var/tmp/{}-{}", kProgramFolder, geteuid());
+  // Asked for with each file that is opened: mostly it is there.
+  if (ensureOwnPrivateFolder(path)) return path;
   if (::mkdir(path.c_str(), kPrivateMode) != 0 && errno != EEXIST) {
     NSLog("cannot make the temporary folder {}: {}", path, kc_strerror(errno));
     return {};
