@@ -1,11 +1,13 @@
 #include "tests/userfs/ForeignFileSystem.h"
 
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
 
 #include "platform/userfs/FuseLibrary.h"
+#include "platform/userfs/FuserMount.h"
 
 namespace ombra {
 
@@ -126,8 +128,12 @@ bool ForeignFileSystem::mount(const std::string& options) {
 
 void ForeignFileSystem::unmount() {
   if (iLibrary == nullptr) return;
-  fuse_unmount(iLibrary->handle);
+  // Out of the tree first, which ends the loop: the library closes the device, which the loop reads.
+  std::string words;
+  const bool isDetached = ::umount2(path().c_str(), MNT_DETACH) == 0 || FuserMount::detach(path(), &words);
+  if (!isDetached) fuse_unmount(iLibrary->handle);
   iLoop.join();
+  if (isDetached) fuse_unmount(iLibrary->handle);
   iLibrary.reset();
 }
 
