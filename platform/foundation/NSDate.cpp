@@ -35,7 +35,9 @@ void Clock::setCurrent(Clock* clock) { gCurrentClock.store(clock, std::memory_or
 
 NSDate NSDate::date() { return Clock::current().now(); }
 
-NSDate NSDate::dateWithTimeIntervalSinceNow(double seconds) { return date().dateByAddingTimeInterval(seconds); }
+NSDate NSDate::dateWithTimeIntervalSinceNow(double seconds) {
+  return date().dateByAddingTimeInterval(seconds);
+}
 
 timespec kc_timespec(NSDate date) {
   constexpr int64_t kNanosecondsPerSecond = 1000000000;

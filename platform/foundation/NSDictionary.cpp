@@ -38,7 +38,8 @@ NSDictionary NSDictionary::dictionaryWithObjectsAndKeys(
 }
 
 const PropertyValue* NSDictionary::objectForKey(std::string_view key) const {
-  const auto found = std::find_if(iEntries.begin(), iEntries.end(), [key](const Entry& e) { return e.first == key; });
+  const auto found =
+      std::find_if(iEntries.begin(), iEntries.end(), [key](const Entry& e) { return e.first == key; });
   return found != iEntries.end() ? &found->second : nullptr;
 }
 
