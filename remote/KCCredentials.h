@@ -22,6 +22,7 @@ class KCCredentials {
   KCCredentials& operator=(const KCCredentials&) = delete;
 
   uint32_t protocol() const { return iProtocol; }
+  // A host name or a numeric address, one of IPv6 in brackets or without.
   const std::string& address() const { return iAddress; }
   int port() const { return iPort; }  // 0 = the protocol's own
   const std::optional<std::string>& username() const { return iUsername; }
@@ -33,8 +34,9 @@ class KCCredentials {
   const KCUUID& UUID() const { return iUUID; }
   // What only some protocols need. Keys in use: "identityFile", "passphrase", "fingerprint" ("SHA256:…" of
   // the accepted host key or certificate; several separated by blanks), "region", "endpoint", "pathStyle",
-  // "sftpServer" (path of a local sftp-server to speak to over a pipe), "inPlace", "streaming" (engine
-  // local), "keyboardInteractive" (answers, one per line). Unknown keys are kept and ignored.
+  // "sessionToken" (S3), "sftpServer" (path of a local sftp-server to speak to over a pipe), "inPlace",
+  // "streaming" (engine local), "keyboardInteractive" (answers, one per line). Unknown keys are kept and
+  // ignored.
   std::optional<std::string> option(std::string_view key) const;
   const std::map<std::string, std::string, std::less<>>& options() const { return iOptions; }
   bool useVerboseLogging() const { return iUseVerboseLogging; }

@@ -15,8 +15,8 @@ constexpr std::string_view kMask = "********";
 TranscriptSink::TranscriptSink(const KCCredentials& credentials) {
   if (const std::optional<std::string>& password = credentials.password()) addSecret(*password);
   const auto& options = credentials.options();
-  if (const auto passphrase = options.find("passphrase"); passphrase != options.end()) {
-    addSecret(passphrase->second);
+  for (const char* const key : {"passphrase", "sessionToken"}) {
+    if (const auto secret = options.find(key); secret != options.end()) addSecret(secret->second);
   }
   const auto answers = options.find("keyboardInteractive");
   if (answers == options.end()) return;

@@ -533,13 +533,15 @@ TEST(PoolTranscript, SecretsThatSlipThroughAreMasked) {
   fake.credentials->setPassword("hunter2");
   fake.credentials->setOption("passphrase", "open sesame");
   fake.credentials->setOption("keyboardInteractive", "123456\nblue");
+  fake.credentials->setOption("sessionToken", "IQoJb3JpZ2lu");
   fake.pool = std::make_shared<ConnectionPool>(fake.credentials, fake.engine);
   Recorder recorder;
   fake.pool->setTranscriptDelegate(&recorder);
-  sayOnList(*fake.engine, "PASS hunter2 hunter2 / open sesame / 123456 / blue");
+  sayOnList(*fake.engine, "PASS hunter2 hunter2 / open sesame / 123456 / blue / IQoJb3JpZ2lu");
   EXPECT_TRUE(fake.list());
   fake.pool->setTranscriptDelegate(nullptr);
-  EXPECT_THAT(recorder.lines, ElementsAre("> PASS ******** ******** / ******** / ******** / ********"));
+  EXPECT_THAT(recorder.lines,
+              ElementsAre("> PASS ******** ******** / ******** / ******** / ******** / ********"));
 }
 
 TEST(PoolTranscript, ASecretIsMaskedAsLinesShowItToo) {
