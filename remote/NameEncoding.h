@@ -10,13 +10,11 @@ namespace ombra {
 //
 // - ASCII is itself, always, so that "/" and "%" mean the same on both sides.
 // - A character that the encoding lacks is written to the server as "%uXXXX" ("%UXXXXXX" beyond 16 bits), a
-// byte of
-//   text that is not UTF-8 as "%uDCXX".
+//   byte of text that is not UTF-8 as "%uDCXX".
 // - A byte of the server that the encoding does not know is shown as "%XX" (80 to FF).
 // - What looks like such an escape but is only a name is told apart by its percent signs: before an escape's
-// body
-//   2n + 1 of them stand for n percent signs and the escaped item, 2n of them for n percent signs and the
-//   body itself.
+//   body 2n + 1 of them stand for n percent signs and the escaped item, 2n of them for n percent signs and
+//   the body itself.
 //
 // So every listed name, converted to text and back, is the name that was listed. Text that is sent and listed
 // again is the same text, except where it spells out raw bytes ("%B0%A1") that together are a character of a

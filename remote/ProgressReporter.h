@@ -16,11 +16,15 @@ namespace ombra {
 // before the first byte.
 class ProgressReporter {
  public:
+  // `bytes` reached, `throughput` in bytes per second since the object was made.
   using Report = std::function<void(uint64_t bytes, double throughput, bool stalled)>;
-  // `start` is where the transfer begins; reports go to `report` on the calling thread.
+  // `start` is the byte where the transfer begins; reports go to `report` on the calling thread. Null: there
+  // are none, and only the bytes are kept.
   ProgressReporter(uint64_t start, Report report);
 
+  // So many bytes are there, counted from the file's beginning.
   void reached(uint64_t bytes);
+  // Nothing new has come so far.
   void poll();
   // Reports what is not reported yet. Afterwards counting may go on.
   void flush();

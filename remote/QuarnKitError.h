@@ -6,6 +6,7 @@
 
 namespace ombra {
 
+// An error of any domain, made by the library. A value that does not change; thread-safe.
 class QuarnKitError final : public NSError {
  public:
   using NSError::NSError;

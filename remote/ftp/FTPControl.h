@@ -34,7 +34,11 @@ class FTPControl {
   FTPControl(const FTPControl&) = delete;
   FTPControl& operator=(const FTPControl&) = delete;
 
+  // Within the connect limit, which covers the whole of the login. False with the error filled: could not
+  // resolve, could not connect, connection lost.
   [[nodiscard]] bool connect(const std::string& host, int port, NSErrorRef* error);
+  // Agrees on encryption. False with the error filled: the certificate was refused, could not connect, or a
+  // protocol error when the server said more in the clear than it should.
   [[nodiscard]] bool startTLS(FTPEncryption& encryption, NSErrorRef* error);
   // From here on the idle limit counts, not that of the login, and 421 is a lost connection.
   void endLogin() { iIsLoggingIn = false; }
@@ -43,13 +47,14 @@ class FTPControl {
 
   // Puts a command behind those that are to be sent. `shown` stands for it in the transcript.
   void queue(std::string_view command, std::string_view shown = {});
+  // Sends them. False with the error filled when the connection cannot be used any more.
   [[nodiscard]] bool flush(NSErrorRef* error);
   // The next reply that is not abandoned, preliminary ones too. Absent with the error filled: connection
   // lost, timed out, cancelled, protocol.
   std::optional<FTPReply> next(const FTPPatience& patience, NSErrorRef* error);
-  // The same without the preliminary ones.
+  // The same without the preliminary ones; too many of these are a protocol error.
   std::optional<FTPReply> nextFinal(const FTPPatience& patience, NSErrorRef* error);
-  // One command and its final reply.
+  // Sends one command, and those that are queued before it; the next final reply. Absent as in `next`.
   std::optional<FTPReply> ask(std::string_view command, NSErrorRef* error, const FTPPatience& patience = {});
   // The first reply of a server, which no command asked for.
   void expectGreeting() { iExpected.push_back(Fate::kWanted); }
@@ -73,8 +78,9 @@ class FTPControl {
   std::optional<FTPReply> tryNext();
   // To be polled for input while there is something else to wait for too.
   int descriptor() const { return iStream->descriptor(); }
-  // Set once the connection cannot be used any more.
+  // Set once the connection cannot be used any more: every later call fails with it.
   const NSErrorRef& failure() const { return iFailure; }
+  // Gives the connection up; the first reason counts.
   void fail(NSErrorRef error);
   // When the last byte went in either direction.
   std::chrono::steady_clock::time_point lastTraffic() const { return iLastTraffic; }

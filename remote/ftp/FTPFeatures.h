@@ -21,6 +21,7 @@ struct FTPFeatures {
   std::string factsCommand;
 };
 
+// None of them where the reply is no list of features.
 FTPFeatures featuresOfReply(const FTPReply& reply);
 
 }  // namespace ombra
