@@ -78,10 +78,22 @@ std::optional<SFTPAttributes> SFTPSession::beginDownload(const DownloadSource& s
   return attributes;
 }
 
+bool SFTPSession::runDownload(SFTPDownload& download, uint64_t length, TransferControl& control,
+                              NSErrorRef* error) {
+  // Not before: to ask for megabytes beyond the end of a small file would cost the server something.
+  download.widen(iDownloadWidth);
+  const bool succeeded = download.run(control, error);
+  // Only as much as the file was long enough to try.
+  const uint64_t pieces = length / iChannel.readLength();
+  iDownloadWidth = std::min(download.width(), std::max(iDownloadWidth, static_cast<size_t>(pieces / 2)));
+  return succeeded;
+}
+
 bool SFTPSession::downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to,
                                   uint64_t offset, std::string* version, TransferControl& control,
                                   bool* isOutdated, NSErrorRef* error) {
   const SFTPAhead::Opened* ahead = source.ahead;
+  const std::string expected = version != nullptr ? *version : std::string();
   bool succeeded = false;
   uint64_t reached = offset;
   bool mustSend = true;
@@ -95,7 +107,7 @@ bool SFTPSession::downloadThrough(const DownloadSource& source, std::string_view
     const std::string present = attributes ? versionOf(*attributes) : std::string();
     if (isOutdated != nullptr && *isOutdated) {
       // Asked for anew.
-    } else if (version != nullptr && !version->empty() && *version != present) {
+    } else if (!expected.empty() && expected != present) {
       storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, path));
     } else {
       if (version != nullptr) *version = present;
@@ -104,19 +116,16 @@ bool SFTPSession::downloadThrough(const DownloadSource& source, std::string_view
         mustSend = !iAhead.isWellAhead();
         iAhead.openNext(path, SFTPWalks::Kind::kFile);
       }
-      // Not before: to ask for megabytes beyond the end of a small file would cost the server something.
-      download.widen(iDownloadWidth);
       NSErrorRef reason;
-      succeeded = download.run(control, &reason);
+      succeeded = runDownload(download, attributes ? attributes->size.value_or(0) : 0, control, &reason);
       reached = download.reached();
       // A server that has let go of the handle refuses to read what is still there.
       if (!succeeded && ahead != nullptr && reached == offset &&
-          QuarnKitError::isCode(reason, kQuarnKitRefused))
+          QuarnKitError::isCode(reason, kQuarnKitRefused)) {
         *isOutdated = true;
+        if (version != nullptr) *version = expected;
+      }
       if (!succeeded) storeError(error, std::move(reason));
-      // Only as much as the file was long enough to try.
-      const uint64_t pieces = attributes ? attributes->size.value_or(0) / iChannel.readLength() : 0;
-      iDownloadWidth = std::min(download.width(), std::max(iDownloadWidth, static_cast<size_t>(pieces / 2)));
     }
   }
   iChannel.abandon(iRequests.close(source.handle));

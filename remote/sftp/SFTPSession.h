@@ -139,6 +139,7 @@ class SFTPSession final : public Session {
   };
   std::optional<SFTPAttributes> beginDownload(const DownloadSource& source, std::string_view path,
                                               uint64_t offset, SFTPDownload& download, bool* isOutdated);
+  bool runDownload(SFTPDownload& download, uint64_t length, TransferControl& control, NSErrorRef* error);
   bool downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to, uint64_t offset,
                        std::string* version, TransferControl& control, bool* isOutdated, NSErrorRef* error);
 

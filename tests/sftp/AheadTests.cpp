@@ -362,6 +362,19 @@ TEST_F(SFTPAheadTest, HandlesThatTheServerHasLetGoOfCostNothingButTime) {
   readFiles(6, 30);
 }
 
+TEST_F(SFTPAheadTest, AFileWhoseHandleIsGoneMayHaveChangedMeanwhile) {
+  beginReading();
+  server.forgetHandles();
+  for (int i = 6; i < 30; ++i) {
+    server.setDate(fileAt(i), 2000);
+    const auto local = makeLocalFile(NSFileHandle::Kind::kScratch);
+    std::string version;
+    ASSERT_TRUE(session->download(fileAt(i), *local, 0, &version, control, &error)) << error->description();
+    EXPECT_EQ(readLocalFile(*local), contentOf(i));
+    EXPECT_TRUE(version == "1000:500" || version == "2000:500") << version;
+  }
+}
+
 TEST_F(SFTPAheadTest, ARefusedGuessIsNoError) {
   for (int i = 6; i < 10; ++i) {
     server.forbidden.insert(folderAt(i));
