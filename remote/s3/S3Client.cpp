@@ -65,6 +65,12 @@ void S3Client::interrupt() {
   iWake.broadcast();
 }
 
+bool S3Client::goesOn(NSErrorRef* error) const {
+  if (!isInterrupted()) return true;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the session was interrupted"));
+  return false;
+}
+
 // The present one, or a new one in place of one that was lost. Null when the session was interrupted.
 std::shared_ptr<HTTPClient> S3Client::connection() {
   ConditionLock lock(iWake);
@@ -113,7 +119,7 @@ void S3Client::sign(const S3Request& request, const std::string& region, const S
 std::optional<HTTPResponse> S3Client::send(const S3Request& request, HTTPRequest& http, NSErrorRef* error) {
   const std::shared_ptr<HTTPClient> client = connection();
   if (client == nullptr) {
-    *error = QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the session was interrupted");
+    (void)goesOn(error);
     return std::nullopt;
   }
   address(request, &http);

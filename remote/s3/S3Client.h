@@ -72,6 +72,8 @@ class S3Client {
 
   bool isAlive() EXCLUDES(iWake);
   bool isInterrupted() const { return iIsInterrupted.load(); }
+  // False, with the error, when it was interrupted.
+  bool goesOn(NSErrorRef* error) const;
   void interrupt() EXCLUDES(iWake);
 
  private:

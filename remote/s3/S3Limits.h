@@ -14,8 +14,8 @@ struct S3Limits {
   uint64_t filePart = uint64_t{32} << 20;
   // The first part of a stream, whose length nobody knows; a shorter stream goes in one request.
   uint64_t firstStreamPart = uint64_t{16} << 20;
-  // So many parts of a stream are under way at once.
-  size_t streamParts = 4;
+  // So many parts of a stream are under way at once, each with its own connection and a file of its length.
+  size_t streamParts = 6;
   // The server copies so much in one request, and beyond that part by part.
   uint64_t singleCopy = uint64_t{5} << 30;
   uint64_t copyPart = uint64_t{512} << 20;

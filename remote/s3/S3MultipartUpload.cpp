@@ -57,10 +57,16 @@ bool S3MultipartUpload::hasTag(const std::string* tag, NSErrorRef* error) {
   return false;
 }
 
+void S3MultipartUpload::addPart(uint32_t number, std::string tag) {
+  if (iTags.size() < number) iTags.resize(number);
+  iTags[number - 1] = std::move(tag);
+}
+
 bool S3MultipartUpload::sendPart(HTTPBody body, std::string hash, TransferControl* control,
                                  NSErrorRef* error) {
-  auto tag = sendPart(iClient, parts() + 1, std::move(body), std::move(hash), control, error);
-  if (tag) addPart(std::move(*tag));
+  const uint32_t number = nextNumber();
+  auto tag = sendPart(iClient, number, std::move(body), std::move(hash), control, error);
+  if (tag) addPart(number, std::move(*tag));
   return tag.has_value();
 }
 
@@ -81,7 +87,7 @@ std::optional<std::string> S3MultipartUpload::sendPart(S3Client& client, uint32_
 bool S3MultipartUpload::copyPart(const std::string& source, const std::string& sourceTag, FileExtent range,
                                  NSErrorRef* error) {
   S3Request part = request("PUT");
-  part.query.emplace_back("partNumber", std::to_string(iTags.size() + 1));
+  part.query.emplace_back("partNumber", std::to_string(nextNumber()));
   part.headers = {{"x-amz-copy-source", source},
                   {"x-amz-copy-source-range", fmt::format("bytes={}-{}", range.begin, range.end - 1)}};
   // All parts are of the same object, even when it is replaced meanwhile.
@@ -93,7 +99,7 @@ bool S3MultipartUpload::copyPart(const std::string& source, const std::string& s
   if (!response) return false;
   const std::optional<std::string> tag = s3CopiedTag(response->body);
   if (!hasTag(tag ? &*tag : nullptr, error)) return false;
-  addPart(*tag);
+  addPart(nextNumber(), *tag);
   return true;
 }
 

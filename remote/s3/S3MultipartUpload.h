@@ -25,19 +25,18 @@ class S3MultipartUpload {
   // The next part. `hash` may be empty where bodies are not signed.
   [[nodiscard]] bool sendPart(HTTPBody body, std::string hash, TransferControl* control, NSErrorRef* error);
   // A part of any number from 1 on, which may travel over another client, on another thread than others that
-  // are under way. Answers its tag, with which `addPart` takes it, one after the other.
+  // are under way. Answers its tag, with which `addPart` takes it, in any order.
   [[nodiscard]] std::optional<std::string> sendPart(S3Client& client, uint32_t number, HTTPBody body,
                                                     std::string hash, TransferControl* control,
                                                     NSErrorRef* error) const;
-  void addPart(std::string tag) { iTags.push_back(std::move(tag)); }
+  void addPart(uint32_t number, std::string tag);
   // The next part, from another object on the server: `source` is "/bucket/key", percent-encoded.
   [[nodiscard]] bool copyPart(const std::string& source, const std::string& sourceTag, FileExtent range,
                               NSErrorRef* error);
   [[nodiscard]] bool complete(TransferControl* control, NSErrorRef* error);
 
-  uint32_t parts() const { return static_cast<uint32_t>(iTags.size()); }
-
  private:
+  uint32_t nextNumber() const { return static_cast<uint32_t>(iTags.size()) + 1; }
   S3Request request(std::string method) const;
   static bool hasTag(const std::string* tag, NSErrorRef* error);
   bool wasCompleted(TransferControl* control);
@@ -46,8 +45,8 @@ class S3MultipartUpload {
   S3Client& iClient;
   const S3Path iPath;
   const std::string iKey;
-  std::string iUploadId;  // empty when nothing is under way
-  std::vector<std::string> iTags;
+  std::string iUploadId;           // empty when nothing is under way
+  std::vector<std::string> iTags;  // of all parts
 };
 
 }  // namespace ombra

@@ -37,6 +37,7 @@ void S3PartBuffer::clear() {
   iGiven = 0;
   iIsLast = false;
   iHash.clear();
+  if (iDigest) iDigest.emplace();
 }
 
 // What is in memory goes to a file, and so does all that follows.

@@ -1,5 +1,6 @@
 #include "remote/s3/S3PartSenders.h"
 
+#include <atomic>
 #include <future>
 #include <system_error>
 
@@ -10,8 +11,10 @@
 namespace ombra {
 namespace {
 
+using std::chrono::milliseconds;
+
 // Cancellation is looked at so often.
-constexpr std::chrono::milliseconds kLook{100};
+constexpr milliseconds kLook{100};
 
 }  // namespace
 
@@ -26,12 +29,15 @@ class S3PartSenders::Stop final : public TransferControl {
   std::atomic<bool> iIsSet{false};
 };
 
+// free → filled → under way → ended → taken, and so free again. Between under way and ended it is its
+// thread's, else the session's.
 struct S3PartSenders::Slot {
   // The first part may be the whole stream, and short; those behind it are not.
   Slot(bool isFirst, S3PartBuffer::Hashing hashing) : buffer(hashing, isFirst ? S3PartBuffer::kMemory : 0) {}
   S3PartBuffer buffer;
   std::unique_ptr<S3Client> own;  // null in the first slot, which has the session's
-  std::string tag;                // of the part, once it was sent; empty when that failed
+  uint32_t number = 0;            // of the part
+  std::string tag;                // once it was sent; empty when that failed
   NSErrorRef fault;
   // Its thread has ended when the future is ready, or gone. Last, so that it is waited for first.
   std::future<void> sent;
@@ -54,82 +60,109 @@ S3PartSenders::~S3PartSenders() {
   }
 }
 
+void S3PartSenders::addSlot() {
+  auto slot = std::make_unique<Slot>(iSlots.empty(), iHashing);
+  if (!iSlots.empty())
+    slot->own =
+        std::make_unique<S3Client>(iClient.environment(), iClient.endpoint(), iClient.sharedKnowledge());
+  iFree.push_back(slot.get());
+  iSlots.push_back(std::move(slot));
+}
+
 S3PartBuffer* S3PartSenders::buffer(TransferControl& control, NSErrorRef* error) {
-  if (iBegun - iTaken == iMost && !takeOldest(control, error)) return nullptr;
-  if (iSlots.size() == iBegun % iMost && iSlots.size() < iMost) {
-    iSlots.push_back(std::make_unique<Slot>(iSlots.empty(), iHashing));
-    if (iSlots.size() > 1)
-      iSlots.back()->own =
-          std::make_unique<S3Client>(iClient.environment(), iClient.endpoint(), iClient.sharedKnowledge());
+  while (Slot* slot = ended(milliseconds(0))) {
+    if (!take(*slot, control, error)) return nullptr;
   }
-  return &slotOf(iBegun).buffer;
+  if (iFree.empty() && iSlots.size() < iMost) addSlot();
+  while (iFree.empty()) {
+    if (!takeNext(control, error)) return nullptr;
+  }
+  return &iFree.back()->buffer;
 }
 
 void S3PartSenders::send() {
-  const uint32_t number = iBegun++;
-  Slot& slot = slotOf(number);
-  S3Client& client = slot.own != nullptr ? *slot.own : iClient;
-  const auto work = [this, &client, number, &slot] { transfer(client, number, &slot); };
+  Slot* slot = iFree.back();
+  iFree.pop_back();
+  slot->number = ++iBegun;
   try {
-    slot.sent = std::async(std::launch::async, [work] {
+    slot->sent = std::async(std::launch::async, [this, slot] {
       NSThread::setName("sending a part");
-      work();
+      transferAndTell(*slot);
     });
   } catch (const std::system_error&) {
-    // No thread to be had: it is sent when it is waited for.
-    slot.sent = std::async(std::launch::deferred, work);
+    // No thread to be had.
+    transferAndTell(*slot);
   }
 }
 
-void S3PartSenders::transfer(S3Client& client, uint32_t number, Slot* slot) {
-  slot->fault.reset();
-  slot->tag =
-      iWhole.sendPart(client, number + 1, slot->buffer.body(), slot->buffer.hash(), iStop.get(), &slot->fault)
+void S3PartSenders::transfer(S3Client& client, Slot& slot) const {
+  slot.fault.reset();
+  const S3PartBuffer& content = slot.buffer;
+  slot.tag =
+      iWhole.sendPart(client, slot.number, slot.buffer.body(), content.hash(), iStop.get(), &slot.fault)
           .value_or("");
 }
 
-bool S3PartSenders::waitFor(Slot& slot, TransferControl& control, NSErrorRef* error) {
-  while (true) {
-    if (control.shouldCancel()) {
-      storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled));
-      return false;
-    }
-    if (iClient.isInterrupted()) {
-      storeError(error, QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the session was interrupted"));
-      return false;
-    }
-    const std::future_status status = slot.sent.wait_for(kLook);
-    if (status == std::future_status::deferred) slot.sent.wait();
-    if (status != std::future_status::timeout) return true;
+void S3PartSenders::transferAndTell(Slot& slot) {
+  transfer(slot.own != nullptr ? *slot.own : iClient, slot);
+  ConditionLock lock(iWake);
+  iEnded.push_back(&slot);
+  iWake.broadcast();
+}
+
+bool S3PartSenders::mayGoOn(const TransferControl& control, NSErrorRef* error) const {
+  if (control.shouldCancel()) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitCancelled));
+    return false;
   }
+  return iClient.goesOn(error);
+}
+
+S3PartSenders::Slot* S3PartSenders::ended(milliseconds patience) {
+  ConditionLock lock(iWake);
+  if (iEnded.empty() && patience.count() > 0)
+    (void)iWake.waitUntilDate(
+        NSDate::dateWithTimeIntervalSinceNow(std::chrono::duration<double>(patience).count()));
+  if (iEnded.empty()) return nullptr;
+  Slot* slot = iEnded.front();
+  iEnded.erase(iEnded.begin());
+  return slot;
+}
+
+bool S3PartSenders::takeNext(TransferControl& control, NSErrorRef* error) {
+  while (mayGoOn(control, error)) {
+    if (Slot* slot = ended(kLook)) return take(*slot, control, error);
+  }
+  return false;
 }
 
 // Servers bound how many connections somebody has: the session's own is there at any rate.
-bool S3PartSenders::tryOnFirst(Slot& slot, uint32_t number, TransferControl& control, NSErrorRef* error) {
-  if (!waitFor(*iSlots.front(), control, error)) return false;
-  transfer(iClient, number, &slot);
+bool S3PartSenders::tryOnFirst(Slot& slot, TransferControl& control, NSErrorRef* error) {
+  const std::future<void>& first = iSlots.front()->sent;
+  while (first.valid() && first.wait_for(kLook) == std::future_status::timeout) {
+    if (!mayGoOn(control, error)) return false;
+  }
+  transfer(iClient, slot);
   return true;
 }
 
-bool S3PartSenders::takeOldest(TransferControl& control, NSErrorRef* error) {
-  Slot& slot = slotOf(iTaken);
-  if (!waitFor(slot, control, error)) return false;
-  if (slot.tag.empty() && slot.own != nullptr && isOutage(slot.fault) &&
-      !tryOnFirst(slot, iTaken, control, error))
+bool S3PartSenders::take(Slot& slot, TransferControl& control, NSErrorRef* error) {
+  if (slot.tag.empty() && slot.own != nullptr && isOutage(slot.fault) && !tryOnFirst(slot, control, error))
     return false;
   if (slot.tag.empty()) {
     storeError(error, slot.fault);
     return false;
   }
-  iWhole.addPart(slot.tag);
+  iWhole.addPart(slot.number, std::move(slot.tag));
   ++iTaken;
+  iFree.push_back(&slot);
   control.progress(iStored += slot.buffer.length());
   return true;
 }
 
 bool S3PartSenders::finish(TransferControl& control, NSErrorRef* error) {
   while (iTaken < iBegun) {
-    if (!takeOldest(control, error)) return false;
+    if (!takeNext(control, error)) return false;
   }
   return true;
 }

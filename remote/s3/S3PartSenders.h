@@ -1,11 +1,13 @@
 // The parts of a stream, several of them under way at once.
 #pragma once
 
-#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
+#include "platform/foundation/Mutex.h"
+#include "platform/foundation/NSCondition.h"
 #include "remote/Session.h"
 #include "remote/s3/S3Client.h"
 #include "remote/s3/S3MultipartUpload.h"
@@ -14,9 +16,10 @@
 namespace ombra {
 
 // A server needs a while for each part, in which it could take others: so the next part is gathered, and sent
-// on a connection of its own, while those before it are under way. Used by the session's thread alone:
-// buffer → send → buffer → … → finish. The session's client must not be used between the first `send` and the
-// end of `finish`. The destructor ends what is under way.
+// on a connection of its own, while those before it are under way. Whichever the server has first makes room
+// for the next; one more connection is made only when all are busy, so that who writes slowly needs few. Used
+// by the session's thread alone: buffer → send → buffer → … → finish. The session's client must not be used
+// between the first `send` and the end of `finish`. The destructor ends what is under way.
 class S3PartSenders {
  public:
   // At most `most` parts are under way, the first on `client` itself.
@@ -25,31 +28,38 @@ class S3PartSenders {
   S3PartSenders(const S3PartSenders&) = delete;
   S3PartSenders& operator=(const S3PartSenders&) = delete;
 
-  // The one to fill for the next part; waits for the oldest part when as many are under way as may be. Null
-  // with the error when that part failed, or `control` or the session's end asked for it.
-  [[nodiscard]] S3PartBuffer* buffer(TransferControl& control, NSErrorRef* error);
+  // The one to fill for the next part; waits for a part when as many are under way as may be. Null with the
+  // error when a part failed, or `control` or the session's end asked for it.
+  [[nodiscard]] S3PartBuffer* buffer(TransferControl& control, NSErrorRef* error) EXCLUDES(iWake);
   // Sends what is in the buffer that was given last as the next part.
-  void send();
+  void send() EXCLUDES(iWake);
   // Waits until the server has all parts.
-  [[nodiscard]] bool finish(TransferControl& control, NSErrorRef* error);
+  [[nodiscard]] bool finish(TransferControl& control, NSErrorRef* error) EXCLUDES(iWake);
 
  private:
   class Stop;
   struct Slot;
-  Slot& slotOf(uint32_t number) { return *iSlots[number % iMost]; }
-  void transfer(S3Client& client, uint32_t number, Slot* slot);
-  [[nodiscard]] bool waitFor(Slot& slot, TransferControl& control, NSErrorRef* error);
-  [[nodiscard]] bool takeOldest(TransferControl& control, NSErrorRef* error);
-  [[nodiscard]] bool tryOnFirst(Slot& slot, uint32_t number, TransferControl& control, NSErrorRef* error);
+  void addSlot();
+  void transfer(S3Client& client, Slot& slot) const;
+  void transferAndTell(Slot& slot) EXCLUDES(iWake);
+  bool mayGoOn(const TransferControl& control, NSErrorRef* error) const;
+  // One whose part has ended, well or not, waited for so long; null when there is none.
+  Slot* ended(std::chrono::milliseconds patience) EXCLUDES(iWake);
+  [[nodiscard]] bool takeNext(TransferControl& control, NSErrorRef* error) EXCLUDES(iWake);
+  [[nodiscard]] bool take(Slot& slot, TransferControl& control, NSErrorRef* error);
+  [[nodiscard]] bool tryOnFirst(Slot& slot, TransferControl& control, NSErrorRef* error);
 
   S3Client& iClient;
   S3MultipartUpload& iWhole;
   const size_t iMost;
   const S3PartBuffer::Hashing iHashing;
   const std::unique_ptr<Stop> iStop;
+  NSCondition iWake;
+  std::vector<Slot*> iEnded GUARDED_BY(iWake);  // parts that nobody has taken note of yet
   std::vector<std::unique_ptr<Slot>> iSlots;
-  uint32_t iBegun = 0;  // parts that were sent off
-  uint32_t iTaken = 0;  // parts that the server has
+  std::vector<Slot*> iFree;  // the last one is filled next
+  uint32_t iBegun = 0;       // parts that were sent off
+  uint32_t iTaken = 0;       // parts that the server has
   uint64_t iStored = 0;
 };
 

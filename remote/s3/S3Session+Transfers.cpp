@@ -27,11 +27,6 @@ bool failCancelled(std::string_view path, NSErrorRef* error) {
   return false;
 }
 
-bool failInterrupted(NSErrorRef* error) {
-  storeError(error, QuarnKitError::errorWithCode(kQuarnKitConnectionLost, "the session was interrupted"));
-  return false;
-}
-
 // For an object without content yet.
 S3Request putRequest(const S3Path& path, TransferControl* control) {
   S3Request request;
@@ -187,7 +182,7 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
     const uint64_t size = s3StreamPartSize(number, iLimits.firstStreamPart);
     if (buffer == nullptr || !buffer->fill(next, size, mayGoOn, error)) return false;
     if (control.shouldCancel()) return failCancelled(path, error);
-    if (iClient.isInterrupted()) return failInterrupted(error);
+    if (!iClient.goesOn(error)) return false;
     const bool isWhole = buffer->isLast() && number == 1;
     const uint64_t length = isWhole ? buffer->length() : kS3LongestObject;
     if (number == 1 && !takeOverNewFile(object, length, control, error)) return false;
