@@ -142,6 +142,32 @@ TEST_P(ConnectionContract, UploadsMakeAndReplaceFiles) {
   }
 }
 
+TEST_P(ConnectionContract, ANewFileIsThereForWhoeverLooksAndIsStoredInTheEnd) {
+  const auto make = [this](NSFileHandle& file, const std::string& name) {
+    connection().setPutsOffNewFiles(true);
+    const bool isMade = connection().uploadFileHandle(file, name, at(name), 0, nullptr, nullptr);
+    connection().setPutsOffNewFiles(false);
+    return isMade;
+  };
+  const auto looked = temporaryFile();
+  ASSERT_TRUE(make(*looked, "looked"));
+  EXPECT_EQ(names(root()), std::vector<std::string>{"looked"});
+  const auto empty = temporaryFile();
+  ASSERT_TRUE(make(*empty, "empty"));
+  EXPECT_TRUE(connection().finishUploads(*empty, at("empty"), nullptr));
+  EXPECT_EQ(server().storedContent(at("empty")), "");
+  const auto sent = temporaryFile();
+  ASSERT_TRUE(make(*sent, "sent"));
+  ASSERT_TRUE(send(at("sent"), "content"));
+  EXPECT_TRUE(connection().finishUploads(*sent, at("sent"), nullptr));
+  EXPECT_EQ(server().storedContent(at("sent")), "content");
+  const auto gone = temporaryFile();
+  ASSERT_TRUE(make(*gone, "gone"));
+  EXPECT_TRUE(connection().deleteItemAtPath(at("gone"), false, nullptr));
+  EXPECT_TRUE(connection().finishUploads(*gone, at("gone"), nullptr));
+  EXPECT_FALSE(server().exists(at("gone")));
+}
+
 TEST_P(ConnectionContract, UploadsOfALocalPathSendTheSame) {
   const std::string path = testing::TempDir() + "ombra-contract-upload";
   const std::string content = contractContent(50000);
