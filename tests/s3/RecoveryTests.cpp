@@ -261,7 +261,9 @@ TEST(S3Login, WithoutAKeyABucketThatIsNotPublicCannotBeUsed) {
 
 TEST(S3Login, TheListOfBucketsIsAskedForWhenNoBucketIsNamed) {
   MemorySession server({}, [](KCCredentials& credentials) { credentials.setInitialPath(std::nullopt); });
-  EXPECT_THAT(server.store().server().lines(), ElementsAre("GET /"));
+  NSErrorRef error;
+  ASSERT_TRUE(server.makeFirstSession()->logIn(&error)) << error->description();
+  EXPECT_THAT(server.store().asked(), ElementsAre("GET /"));
   EXPECT_EQ(server.session().loginPath(), "/");
 }
 
