@@ -9,9 +9,11 @@ namespace {
 // Within these, a document of two or four bytes a character has a zero byte.
 constexpr size_t kCharacterTest = 4;
 
-// The name in "<name …" or "</name …".
-std::string_view nameInTag(std::string_view tag) {
-  tag.remove_prefix(std::min(tag.find_first_not_of("</"), tag.size()));
+constexpr std::string_view kBlanks = " \t\r\n";
+
+// The name in "<name ...>".
+std::string_view nameInStartTag(std::string_view tag) {
+  tag.remove_prefix(1);
   return tag.substr(0, tag.find_first_of(" \t\r\n/>"));
 }
 
@@ -204,13 +206,17 @@ bool XMLCutter::openRoot(std::string_view bytes, size_t end, bool isEmpty) {
   iPhase = isEmpty ? Phase::kAfter : Phase::kInside;
   if (isEmpty) return true;
   iDepth = 1;
-  iClosing.assign("</").append(nameInTag(std::string_view(iOpening).substr(iRootAt))).append(">");
+  iClosing.assign("</").append(nameInStartTag(std::string_view(iOpening).substr(iRootAt))).append(">");
   return true;
 }
 
 bool XMLCutter::closeRoot(std::string_view bytes, size_t end) {
   keep(bytes, end);
-  const bool fits = nameInTag(std::string_view(iElements).substr(iComplete)) == nameInTag(iClosing);
+  // Blanks may stand behind the name.
+  std::string_view tag = std::string_view(iElements).substr(iComplete);
+  tag.remove_suffix(1);
+  tag.remove_suffix(tag.size() - (tag.find_last_not_of(kBlanks) + 1));
+  const bool fits = tag == std::string_view(iClosing).substr(0, iClosing.size() - 1);
   iElements.resize(iComplete);
   iPhase = Phase::kAfter;
   return fits || refuse("its tags mismatch");

@@ -109,6 +109,8 @@ TEST(DAVMultistatus, RefusesWhatIsNoSuchDocument) {
       {answerWith(item) + "<!-- no end", "ends too early"},
       {R"(<D:multistatus xmlns:D="DAV:"></multistatus>)", "mismatch"},
       {R"(<D:multistatus xmlns:D="DAV:">)" + item + "</D:multistatus", "ends too early"},
+      {R"(<D:multistatus xmlns:D="DAV:"></</D:multistatus>)", "mismatch"},
+      {R"(<D:multistatus xmlns:D="DAV:"></ D:multistatus>)", "mismatch"},
       {"</D:multistatus>", "without its start"},
   };
   for (const auto& [document, why] : table) {
