@@ -16,6 +16,7 @@ ContractServerKind serverOfKind(const std::string& name, FTPServerKind kind) {
 INSTANTIATE_TEST_SUITE_P(Servers, ConnectionContract,
                          testing::Values(serverOfKind("vsftpd", FTPServerKind::kVsftpd),
                                          serverOfKind("vsftpdTLS", FTPServerKind::kVsftpdExplicit),
+                                         serverOfKind("vsftpdImplicit", FTPServerKind::kVsftpdImplicit),
                                          serverOfKind("proftpd", FTPServerKind::kProftpd),
                                          serverOfKind("proftpdTLS", FTPServerKind::kProftpdExplicit),
                                          serverOfKind("proftpdImplicit", FTPServerKind::kProftpdImplicit)),

@@ -106,6 +106,7 @@ bool FTPServerFixture::prepareVsftpd(const std::vector<std::string>& extra) {
         "ssl_enable=YES\nrsa_cert_file={}\nrsa_private_key_file={}\nforce_local_logins_ssl=YES\n"
         "force_local_data_ssl=YES\nrequire_ssl_reuse=YES\nssl_ciphers=HIGH\n",
         write("certificate.pem", certificate.pem), write("key.pem", certificate.key));
+    if (isImplicit()) text += "implicit_ssl=YES\n";
   }
   for (const std::string& line : extra) text += line + "\n";
   iCommand = {program, write("vsftpd.conf", text)};
@@ -140,7 +141,7 @@ bool FTPServerFixture::prepareProftpd(const std::vector<std::string>& extra) {
         "TLSEngine on\nTLSProtocol TLSv1.2 TLSv1.3\nTLSECCertificateFile {}\nTLSECCertificateKeyFile {}\n"
         "TLSRequired on\nTLSVerifyClient off\n",
         write("certificate.pem", certificate.pem), write("key.pem", certificate.key));
-    if (iKind == FTPServerKind::kProftpdImplicit) text += "TLSOptions UseImplicitSSL\n";
+    if (isImplicit()) text += "TLSOptions UseImplicitSSL\n";
   }
   for (const std::string& line : extra) text += line + "\n";
   iCommand = {program, "-n", "-q", "-c", write("proftpd.conf", text)};
@@ -149,9 +150,9 @@ bool FTPServerFixture::prepareProftpd(const std::vector<std::string>& extra) {
 
 std::shared_ptr<KCCredentials> FTPServerFixture::credentials() {
   auto credentials = std::make_shared<KCCredentials>();
-  credentials->setProtocol(!isEncrypted()                             ? kProtocolFTP
-                           : iKind == FTPServerKind::kProftpdImplicit ? kProtocolFTPImplicitTLS
-                                                                      : kProtocolFTPExplicitTLS);
+  credentials->setProtocol(!isEncrypted() ? kProtocolFTP
+                           : isImplicit() ? kProtocolFTPImplicitTLS
+                                          : kProtocolFTPExplicitTLS);
   credentials->setAddress("127.0.0.1");
   credentials->setPort(iPort);
   credentials->setUsername(iUser);

@@ -15,6 +15,7 @@ namespace ombra {
 enum class FTPServerKind {
   kVsftpd,          // no MLSD; in the clear
   kVsftpdExplicit,  // TLS on demand, data connections must resume its session
+  kVsftpdImplicit,  // TLS from the first byte, and the same demand
   kProftpd,         // MLSD, MFMT; in the clear
   kProftpdExplicit,
   kProftpdImplicit,
@@ -41,7 +42,10 @@ class FTPServerFixture : public FolderBackedServer {
   bool restart() { return iProcess.start(iCommand, {}, iPort); }
 
  private:
-  bool isVsftpd() const { return iKind == FTPServerKind::kVsftpd || iKind == FTPServerKind::kVsftpdExplicit; }
+  bool isVsftpd() const { return iKind < FTPServerKind::kProftpd; }
+  bool isImplicit() const {
+    return iKind == FTPServerKind::kVsftpdImplicit || iKind == FTPServerKind::kProftpdImplicit;
+  }
   bool isEncrypted() const { return iKind != FTPServerKind::kVsftpd && iKind != FTPServerKind::kProftpd; }
   bool prepareVsftpd(const std::vector<std::string>& extra);
   bool prepareProftpd(const std::vector<std::string>& extra);
