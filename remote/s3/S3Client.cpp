@@ -181,6 +181,14 @@ bool S3Client::pause(double seconds, const TransferControl* control) {
 }
 
 std::optional<S3Answer> S3Client::perform(S3Request request, NSErrorRef* error) {
+  const bool mayChange = request.method != "GET" && request.method != "HEAD";
+  if (mayChange) iKnowledge->noteChange();
+  std::optional<S3Answer> answer = exchange(request, error);
+  if (mayChange) iKnowledge->noteChange();
+  return answer;
+}
+
+std::optional<S3Answer> S3Client::exchange(S3Request& request, NSErrorRef* error) {
   ++iRequests;
   HTTPRequest http;
   http.method = request.method;

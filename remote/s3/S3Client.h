@@ -78,6 +78,7 @@ class S3Client {
 
  private:
   struct Attempts;
+  std::optional<S3Answer> exchange(S3Request& request, NSErrorRef* error);
   std::optional<HTTPResponse> send(const S3Request& request, HTTPRequest& http, NSErrorRef* error);
   void address(const S3Request& request, HTTPRequest* http);
   void sign(const S3Request& request, const std::string& region, const S3Endpoint::Target& target,

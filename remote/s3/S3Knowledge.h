@@ -1,6 +1,7 @@
 // What the sessions to one server tell each other.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -44,6 +45,11 @@ class S3Knowledge {
   // Whether it is known to have been there within the last minute.
   bool hasSeenObject(const S3Path& path) const EXCLUDES(iLock);
 
+  // A request that may change something begins, or has ended. Takes no lock.
+  void noteChange() { ++iChanges; }
+  // What was listed when it was the same number has not been changed by us since, nor was it meanwhile.
+  uint64_t changes() const { return iChanges; }
+
  private:
   struct Sight {
     NSDate there;
@@ -58,6 +64,7 @@ class S3Knowledge {
 
   void locked_noteBucket(const std::string& bucket, NSDate now) REQUIRES(iLock);
 
+  std::atomic<uint64_t> iChanges{0};
   mutable Mutex iLock;
   std::map<std::string, std::string, std::less<>> iRegions GUARDED_BY(iLock);
   double iClockOffset GUARDED_BY(iLock) = 0.0;                            // seconds to add to our time

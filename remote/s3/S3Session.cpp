@@ -109,6 +109,7 @@ bool S3Session::askForLogin(NSErrorRef* error) {
   const S3Path start = S3Path::parse(iClient.environment().credentials->initialPath().value_or("/"));
   S3Request request;
   const bool isPage = !hasSeen(start);
+  const uint64_t changes = iClient.knowledge().changes();
   if (!start.isRoot()) {
     request.bucket = start.bucket;
     request.query = pageQuery(start.prefix(), !isPage, isPage ? 0 : 1, {});
@@ -118,7 +119,10 @@ bool S3Session::askForLogin(NSErrorRef* error) {
   if (!answer) return false;
   if (answer->isGood()) {
     const std::string& body = answer->response.body;
-    if (start.isRoot() ? s3Buckets(body).has_value() : noteStart(start, isPage, body)) return true;
+    if (start.isRoot() ? s3Buckets(body).has_value() : noteStart(start, isPage, body)) {
+      if (iStartPage) iStartPage->changes = changes;
+      return true;
+    }
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError,
                                                    iClient.endpoint().host() + " is no S3 server"));
     return false;
@@ -146,15 +150,15 @@ bool S3Session::noteStart(const S3Path& start, bool isPage, const std::string& b
   std::optional<S3Listing> listing = sensiblePage(body, start.prefix());
   if (!listing) return false;
   const bool isThere = start.isBucket() || !listing->objects.empty() || !listing->prefixes.empty();
-  if (isPage) iStartPage = {start, std::move(*listing), iClient.requests(), std::chrono::steady_clock::now()};
+  if (isPage) iStartPage = {start, std::move(*listing), std::chrono::steady_clock::now()};
   if (isThere) iClient.knowledge().noteFolder(start, false);
   return true;
 }
 
-// The page that came with the login, once, while nothing else was asked.
+// The page that came with the login, once, while no session has begun to change anything.
 std::optional<S3Listing> S3Session::takeStartPage(const S3Path& folder) {
   const std::optional<StartPage> page = std::exchange(iStartPage, std::nullopt);
-  const bool isFresh = page && page->folder == folder && page->requests == iClient.requests() &&
+  const bool isFresh = page && page->folder == folder && page->changes == iClient.knowledge().changes() &&
                        std::chrono::steady_clock::now() - page->came < kStartPageLasts;
   return isFresh ? std::optional(page->listing) : std::nullopt;
 }

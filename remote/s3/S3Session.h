@@ -78,8 +78,8 @@ class S3Session final : public Session {
   struct StartPage {
     S3Path folder;
     S3Listing listing;
-    uint64_t requests = 0;  // that this session had made by then
     std::chrono::steady_clock::time_point came;
+    uint64_t changes = 0;  // that any session had made before it was asked for
   };
 
   bool askForLogin(NSErrorRef* error);

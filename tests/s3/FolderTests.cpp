@@ -352,6 +352,17 @@ TEST_F(S3Folders, TheListingThatCameWithTheLoginIsNotShownAfterAChange) {
   EXPECT_EQ(entries[0].name, "new");
 }
 
+TEST_F(S3Folders, TheListingThatCameWithTheLoginIsNotShownAfterAChangeByAnotherSession) {
+  MemorySession other({}, [](KCCredentials& credentials) { credentials.setInitialPath("/test"); });
+  const auto knowledge = std::make_shared<S3Knowledge>();
+  const auto first = other.makeSession(knowledge);
+  ASSERT_TRUE(first->logIn(&iError));
+  ASSERT_TRUE(other.makeSession(knowledge)->createFolder("/test/new", &iError));
+  std::vector<RemoteEntry> entries;
+  ASSERT_TRUE(first->list("/test", &entries, &iError));
+  EXPECT_EQ(entries.size(), 1u);
+}
+
 // Whoever mounts lists the start folder once; later sessions only log in.
 TEST_F(S3Folders, LaterLoginsAskForASingleName) {
   MemorySession other({}, [](KCCredentials& credentials) { credentials.setInitialPath("/test"); });

@@ -94,10 +94,9 @@ class MemorySession {
   std::unique_ptr<S3Session> makeSession() const { return makeSession(iKnowledge); }
   // The first of another mount, which knows nothing of what these have seen.
   std::unique_ptr<S3Session> makeFirstSession() const { return makeSession(std::make_shared<S3Knowledge>()); }
-
- private:
   std::unique_ptr<S3Session> makeSession(std::shared_ptr<S3Knowledge> knowledge) const;
 
+ private:
   MemoryStore iStore;
   const S3Limits iLimits;
   const std::shared_ptr<KeptTranscript> iTranscript = std::make_shared<KeptTranscript>();
