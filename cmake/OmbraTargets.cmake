@@ -93,14 +93,3 @@ function(ombra_add_programs_below name folder)
     ombra_add_programs_below(${name} ${below})
   endforeach()
 endfunction()
-
-add_library(ombra_fmt OBJECT ${PROJECT_SOURCE_DIR}/cmake/fmt.cpp)
-target_link_libraries(ombra_fmt PRIVATE fmt::fmt)
-
-# What is loaded to mount a volume has the C++ libraries in it: see cmake/fmt.cpp. Sanitizers need theirs shared.
-function(ombra_contains_cxx_libraries target)
-  if(NOT OMBRA_SANITIZE)
-    target_link_libraries(${target} PRIVATE ombra_fmt)
-    target_link_options(${target} PRIVATE -static-libstdc++ -static-libgcc -Wl,--as-needed)
-  endif()
-endfunction()

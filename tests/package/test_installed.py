@@ -80,30 +80,6 @@ def require_root(test):
     test.skipTest("needs root")
 
 
-def libraries(path):
-    """The shared libraries that the program itself asks for."""
-    return set(re.findall(r"\(NEEDED\).*\[(.*?)\.so", output("readelf", "-d", f"{PREFIX}/{path}")))
-
-
-@unittest.skipIf(os.environ.get("OMBRA_SANITIZE"), "sanitizers bring libraries of their own")
-class Libraries(unittest.TestCase):
-    """Loading takes more of the time to mount than all that is done then: each further library has to be worth it."""
-
-    SYSTEM = {"libc", "libm", "ld-linux-x86-64", "ld-linux-aarch64"}
-    BOTH = {"libssh", "libssl", "libcrypto", "libsystemd", "libplist-2.0", "libutf8proc"}
-
-    def test_the_command_loads_no_others(self):
-        self.assertLessEqual(libraries("bin/ombra"), self.SYSTEM | self.BOTH)
-
-    def test_the_helper_loads_no_others(self):
-        self.assertLessEqual(libraries("libexec/ombrafs/ombrafs-helper"),
-                             self.SYSTEM | self.BOTH | {"libfuse3", "libcurl"})
-
-    def test_the_fuse_module_loads_what_the_helper_has(self):
-        self.assertLessEqual(libraries("libexec/ombrafs/libfusemod_redirect.so"),
-                             self.SYSTEM | {"libfuse3", "libcrypto"})
-
-
 class Tree(unittest.TestCase):
     def mode(self, path):
         return stat.S_IMODE(os.lstat(f"{PREFIX}/{path}").st_mode)
