@@ -18,6 +18,7 @@
 #include "platform/foundation/Mutex.h"
 #include "platform/userfs/GMUserFileSystemDelegate.h"
 #include "platform/userfs/PathMap.h"
+#include "platform/userfs/WritingProcesses.h"
 
 namespace ombra {
 
@@ -89,6 +90,7 @@ struct OpenHandle {
   // that never reads does, and only where no other had pages when it was opened.
   bool bypassesPages = false;
   pid_t opener = 0;  // the process, 0 when unknown
+  WritingProcesses writers;
 
   // Whether something was written that no synchronisation begun after it has stored. A write that is under
   // way counts when it begins and again when it ends: a close that it overlaps does not settle it.
@@ -98,10 +100,13 @@ struct OpenHandle {
   std::atomic<uint64_t> stored{0};  // `changes` when the last synchronisation that succeeded began
 };
 
-// A write through a handle, for a scope.
+// A write through a handle by a thread (0 when the kernel does not tell which), for a scope.
 class HandleChange {
  public:
-  explicit HandleChange(OpenHandle& handle) : iHandle(handle) { iHandle.noteChange(); }
+  HandleChange(OpenHandle& handle, pid_t writer) : iHandle(handle) {
+    iHandle.writers.add(writer);
+    iHandle.noteChange();
+  }
   ~HandleChange() { iHandle.noteChange(); }
   HandleChange(const HandleChange&) = delete;
   HandleChange& operator=(const HandleChange&) = delete;

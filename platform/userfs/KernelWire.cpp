@@ -46,6 +46,7 @@ bool readRequestHead(const void* message, size_t size) {
   std::memcpy(&head, message, sizeof(head));
   context.opcode = head.opcode;
   context.nodeID = head.nodeid;
+  context.thread = static_cast<pid_t>(head.pid);
   return true;
 }
 

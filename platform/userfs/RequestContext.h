@@ -1,6 +1,8 @@
 // What the running thread knows of the kernel's request that it is answering.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -14,6 +16,7 @@ struct OpenHandle;
 struct RequestContext {
   uint32_t opcode = 0;
   uint64_t nodeID = 0;                  // for a creation that of the folder
+  pid_t thread = 0;                     // that asks; 0 when the kernel does not tell
   std::shared_ptr<OpenHandle> created;  // a file just created, whose number comes with the reply
   // A folder just opened: whether the kernel may answer from the listing that it has.
   std::optional<bool> keepsListing;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "platform/userfs/RequestContext.h"
 #include "platform/userfs/Volume.h"
 
 namespace ombra {
@@ -104,7 +105,7 @@ int Volume::write(uint64_t identifier, const char* buffer, size_t size, off_t of
   size = std::min<size_t>(size, std::numeric_limits<int>::max());
   size_t done = 0;
   NSErrorRef error;
-  const HandleChange change(*handle);
+  const HandleChange change(*handle, RequestContext::current().thread);
   if (const auto path = item.path()) {
     if (const int result = takePrivileges(*path, handle->item); result != 0) return result;
   }
@@ -162,7 +163,7 @@ int Volume::truncate(const char* path, uint64_t identifier, off_t size) {
   }
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
-  const HandleChange change(*handle);
+  const HandleChange change(*handle, RequestContext::current().thread);
   if (const auto current = handle->item->path()) {
     if (const int result = takePrivileges(*current, handle->item); result != 0) return result;
     return truncateFile(*current, handle->item->userData(), size);

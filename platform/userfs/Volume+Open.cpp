@@ -146,13 +146,14 @@ int Volume::synchronizeItem(const OpenItem& item) {
   return durability->synchronizeFileAtPath(*path, item.userData(), &error) ? 0 : failure(error);
 }
 
-// close(2) of a descriptor. A child that inherited it and closes its copy has nothing to wait for; the
-// process that opened and wrote is told whether its bytes are stored.
+// close(2) of a descriptor. The process that opened, and each that wrote, is told whether the bytes are
+// stored. A child that inherited the descriptor and only closes its copy has nothing to wait for.
 int Volume::flush(uint64_t identifier, pid_t process) {
   const auto handle = iHandles.handle(identifier);
   if (handle == nullptr) return -EBADF;
   if (!handle->hasUnstored()) return 0;
-  const bool isOther = handle->opener != 0 && process != 0 && !isThreadOf(process, handle->opener);
+  const bool isOther = handle->opener != 0 && process != 0 && !isThreadOf(process, handle->opener) &&
+                       !handle->writers.includes(process);
   // Where the opener is gone there is nobody else to tell.
   if (isOther && !processHasEnded(handle->opener)) return 0;
   return synchronizeHandle(*handle);

@@ -193,6 +193,31 @@ TEST_F(VolumeStoring, WhoClosesIsToldWhenTheProcessThatOpenedIsGone) {
   EXPECT_EQ(iVolume->flush(file, getpid()), -EIO);
 }
 
+TEST_F(VolumeStoring, WhoWroteIsToldAtItsCloseAlthoughTheOpenerLives) {
+  const pid_t opener = fork();
+  if (opener == 0) {
+    while (true) pause();
+  }
+  const uint64_t file = create("/a", opener);
+  RequestContext::current().thread = getpid();
+  ASSERT_EQ(write(file), 1);
+  RequestContext::current() = RequestContext();
+  iFiles.failWith("synchronize", kEIO);
+  EXPECT_EQ(iVolume->flush(file, getppid()), 0) << "inherited it, and only closes";
+  EXPECT_EQ(iVolume->flush(file, getpid()), -EIO);
+  const auto flush = [&] { return iVolume->flush(file, gettid()); };
+  EXPECT_EQ(std::async(std::launch::async, flush).get(), -EIO) << "another thread of the writer";
+  kill(opener, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(waitpid(opener, &status, 0), opener);
+}
+
+TEST_F(VolumeStoring, AmongVeryManyWritersEverybodyIsTold) {
+  WritingProcesses writers;
+  for (pid_t thread = 1; thread <= static_cast<pid_t>(WritingProcesses::kMost); ++thread) writers.add(thread);
+  EXPECT_TRUE(writers.includes(getpid()));
+}
+
 TEST_F(VolumeStoring, AnotherThreadOfTheProcessThatOpenedIsTold) {
   const uint64_t file = create("/a", getpid());
   ASSERT_EQ(write(file), 1);
