@@ -31,8 +31,9 @@ class PutOff : public testing::Test {
   PutOff() {
     fake.engine->putsOff = true;
     fake.engine->onMake = [this](FakeSession&, const std::string& path, NSErrorRef* error) {
+      const int failure = refusal;  // first: a test that has seen the event changes it
       note("make " + path);
-      return answer(refusal, error);
+      return answer(failure, error);
     };
     fake.engine->onUpload = [this](FakeSession&, NSFileHandle&, uint64_t, TransferControl&,
                                    NSErrorRef* error) {
@@ -266,10 +267,11 @@ TEST_F(PutOff, ALookIsAnsweredAlthoughTheFileIsRefused) {
 TEST_F(PutOff, ALookThatLosesItsSessionMeanwhileIsRepeated) {
   refusal = kQuarnKitConnectionLost;
   EXPECT_TRUE(make("/f/a"));
+  clock.waitForSleepers(2);  // the one that makes files, and the one that closes sessions
   std::thread looker([&] { EXPECT_TRUE(list("/f")); });
   while (events().empty()) std::this_thread::yield();
   refusal = 0;
-  clock.waitForSleepers(2);
+  clock.waitForSleepers(3);  // and the pause before the repetition
   clock.advance(0.3);
   looker.join();
   EXPECT_THAT(events(), ElementsAre("make /f/a", "list /f"));

@@ -1,9 +1,18 @@
 #include "tests/support/ManualClock.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <thread>
 
 namespace ombra {
+namespace {
+
+// The test's own deadline would end it without a word about what it was waiting for.
+constexpr std::chrono::seconds kPatience{60};
+
+}  // namespace
 
 ManualClock::ManualClock(NSDate start) : iNow(start) { Clock::setCurrent(this); }
 
@@ -50,10 +59,11 @@ size_t ManualClock::begunWaits() const {
 }
 
 void ManualClock::waitForSleepers(size_t count) {
-  while (true) {
-    {
-      MutexLock lock(iLock);
-      if (iWaiting.size() >= count) return;
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  while (sleepers() < count) {
+    if (std::chrono::steady_clock::now() > limit) {
+      std::fprintf(stderr, "%zu timed waits were to be under way, %zu are\n", count, sleepers());
+      std::abort();
     }
     std::this_thread::yield();
   }

@@ -24,6 +24,7 @@ class ManualClock final : public Clock {
   // Moves the time and wakes all timed waits, which then look at the time again.
   void advance(double seconds) EXCLUDES(iLock);
   // Blocks until at least `count` timed waits are under way: what a test waits for before it moves the time.
+  // Ends the process when that does not come about within a minute.
   void waitForSleepers(size_t count) EXCLUDES(iLock);
   // Timed waits that are under way. A wait without a limit is none of them.
   size_t sleepers() const EXCLUDES(iLock);
