@@ -21,8 +21,8 @@ bool KCDebugLoggingIsEnabled();
 // Forgets the cached answer, so that the next question decides anew. For tests.
 void ofs_forgetDebugLogging();
 
-// Writes the enter and leave lines of one method, indented by the thread's nesting level. Costs one relaxed load
-// when tracing is off.
+// Writes the enter and leave lines of one method, indented by the thread's nesting level. Costs one relaxed
+// load when tracing is off.
 class OFSTrace {
  public:
   // `signature` must have static storage. `describe` makes the argument text, called only when tracing is on.
@@ -57,20 +57,22 @@ void ofs_conditionFailed(std::string_view message);
 // A path for trace lines: the path, or "(null)".
 std::string_view ofs_describe(const std::optional<std::string_view>& path);
 
-// The trace of a whole method: OFS_TRACE("-[Class selector:]", "{}", path). Arguments are formatted only if needed.
+// The trace of a whole method: OFS_TRACE("-[Class selector:]", "{}", path). Arguments are formatted only if
+// needed.
 #define OFS_TRACE(signature, ...) \
   const ::ombra::OFSTrace ofsTrace((signature), [&] { return ::fmt::format(__VA_ARGS__); })
-#define OFS_TRACE_MESSAGE(...)                                                                  \
-  do {                                                                                          \
-    if (::ombra::gTracingEnabled.load(std::memory_order_relaxed))                               \
-      ::ombra::ofs_traceMessage(__FILE__, __LINE__, ::fmt::format(__VA_ARGS__));                \
+#define OFS_TRACE_MESSAGE(...)                                                   \
+  do {                                                                           \
+    if (::ombra::gTracingEnabled.load(std::memory_order_relaxed))                \
+      ::ombra::ofs_traceMessage(__FILE__, __LINE__, ::fmt::format(__VA_ARGS__)); \
   } while (false)
 #define OFS_REPORT_ERROR(error) ::ombra::ofs_reportError(__FILE__, __LINE__, (error))
-#define OFS_CONDITION(condition, message)                     \
-  do {                                                        \
-    if (!(condition)) ::ombra::ofs_conditionFailed(message);  \
+#define OFS_CONDITION(condition, message)                    \
+  do {                                                       \
+    if (!(condition)) ::ombra::ofs_conditionFailed(message); \
   } while (false)
 // Inside a method whose trace signature is `signature`.
-#define OFS_RAISE(signature, ...) ::ombra::ofs_raise(__FILE__, (signature), __LINE__, ::fmt::format(__VA_ARGS__))
+#define OFS_RAISE(signature, ...) \
+  ::ombra::ofs_raise(__FILE__, (signature), __LINE__, ::fmt::format(__VA_ARGS__))
 
 }  // namespace ombra

@@ -16,7 +16,8 @@ std::string kc_strerror(int errorNumber);
 std::string ofs_times(std::string_view text, size_t n);
 
 // Every character of `set` (ASCII) in `text` replaced by `with`.
-std::string kc_stringByReplacingCharactersInSet(std::string_view text, std::string_view set, std::string_view withString);
+std::string kc_stringByReplacingCharactersInSet(std::string_view text, std::string_view set,
+                                                std::string_view withString);
 
 // A text that is not in `array`: `text` itself when free, else "text 2", "text 3", … With a copy suffix:
 // "text suffix", "text suffix 2", … Names are compared as file names are: canonically equal ones are equal.
@@ -37,14 +38,15 @@ std::string lastPathComponent(std::string_view path);
 
 // The longest run of leading components that both paths share, as a path; empty when they share none.
 std::string kc_commonPathPrefix(std::string_view path, std::string_view other);
-// The index of the first position where the two differ (the shorter length when one is a prefix of the other).
+// The index of the first position where the two differ (the shorter length when one is a prefix of the
+// other).
 size_t kc_indexOfFirstMismatchedObjectInArray(const std::vector<std::string>& array,
                                               const std::vector<std::string>& other);
 // True for a complete path: one that begins with "/".
 bool kc_hasCompletePathPrefix(std::string_view path);
 
-// Canonical decomposition (NFD) and composition (NFC). Bytes that are not valid UTF-8 are left as they are, so
-// that no name is ever lost. ASCII is copied without a look at the tables.
+// Canonical decomposition (NFD) and composition (NFC). Bytes that are not valid UTF-8 are left as they are,
+// so that no name is ever lost. ASCII is copied without a look at the tables.
 std::string decomposedStringWithCanonicalMapping(std::string_view text);
 std::string precomposedStringWithCanonicalMapping(std::string_view text);
 // True when every byte is below 0x80. Fast: eight bytes at a time.

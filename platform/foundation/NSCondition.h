@@ -42,7 +42,9 @@ class CAPABILITY("condition") NSCondition {
 // Holds an NSCondition for a scope.
 class SCOPED_CAPABILITY ConditionLock {
  public:
-  explicit ConditionLock(NSCondition& condition) ACQUIRE(condition) : iCondition(condition) { iCondition.lock(); }
+  explicit ConditionLock(NSCondition& condition) ACQUIRE(condition) : iCondition(condition) {
+    iCondition.lock();
+  }
   ~ConditionLock() RELEASE() { iCondition.unlock(); }
   ConditionLock(const ConditionLock&) = delete;
   ConditionLock& operator=(const ConditionLock&) = delete;

@@ -12,7 +12,9 @@ class NSDate {
  public:
   constexpr NSDate() = default;
 
-  static constexpr NSDate dateWithNanoseconds(int64_t nanosecondsSince1970) { return NSDate(nanosecondsSince1970); }
+  static constexpr NSDate dateWithNanoseconds(int64_t nanosecondsSince1970) {
+    return NSDate(nanosecondsSince1970);
+  }
   static constexpr NSDate dateWithTimeIntervalSince1970(double seconds) {
     return NSDate(static_cast<int64_t>(seconds * 1e9));
   }
@@ -45,8 +47,8 @@ timespec kc_timespec(NSDate date);
 
 class NSCondition;
 
-// Tells the time and wakes timed waits. The process has one current clock; a test may put its own in its place.
-// Thread-safe.
+// Tells the time and wakes timed waits. The process has one current clock; a test may put its own in its
+// place. Thread-safe.
 class Clock {
  public:
   virtual ~Clock() = default;

@@ -30,18 +30,18 @@ struct PropertyValue {
   Storage storage;
 
   PropertyValue() = default;
-  PropertyValue(bool value) : storage(value) {}                                      // NOLINT: values convert
-  PropertyValue(int value) : storage(static_cast<int64_t>(value)) {}                 // NOLINT
-  PropertyValue(int64_t value) : storage(value) {}                                   // NOLINT
-  PropertyValue(double value) : storage(value) {}                                    // NOLINT
-  PropertyValue(std::string value) : storage(std::move(value)) {}                    // NOLINT
-  PropertyValue(std::string_view value) : storage(std::string(value)) {}             // NOLINT
-  PropertyValue(const char* value) : storage(std::string(value)) {}                  // NOLINT
-  PropertyValue(NSDate value) : storage(value) {}                                    // NOLINT
-  PropertyValue(NSData value) : storage(std::move(value)) {}                         // NOLINT
-  PropertyValue(NSArray value) : storage(std::move(value)) {}                        // NOLINT
+  PropertyValue(bool value) : storage(value) {}                           // NOLINT: values convert
+  PropertyValue(int value) : storage(static_cast<int64_t>(value)) {}      // NOLINT
+  PropertyValue(int64_t value) : storage(value) {}                        // NOLINT
+  PropertyValue(double value) : storage(value) {}                         // NOLINT
+  PropertyValue(std::string value) : storage(std::move(value)) {}         // NOLINT
+  PropertyValue(std::string_view value) : storage(std::string(value)) {}  // NOLINT
+  PropertyValue(const char* value) : storage(std::string(value)) {}       // NOLINT
+  PropertyValue(NSDate value) : storage(value) {}                         // NOLINT
+  PropertyValue(NSData value) : storage(std::move(value)) {}              // NOLINT
+  PropertyValue(NSArray value) : storage(std::move(value)) {}             // NOLINT
   PropertyValue(std::shared_ptr<const NSDictionary> value) : storage(std::move(value)) {}  // NOLINT
-  PropertyValue(NSErrorRef value) : storage(std::move(value)) {}                     // NOLINT
+  PropertyValue(NSErrorRef value) : storage(std::move(value)) {}                           // NOLINT
 
   bool isNull() const { return std::holds_alternative<std::monostate>(storage); }
   // The value as that type, nullptr when it is of another.

@@ -51,8 +51,8 @@ enum InterfaceOpenFlags : int {
 enum InterfaceXattrOptions : int { kXATTR_CREATE = 0x2, kXATTR_REPLACE = 0x4 };
 
 // An immutable error: a domain, a code in that domain, and facts about it, among them the error that lies
-// beneath. Shared by reference; an error slot is a pointer to an NSErrorRef that may be null. Success is judged
-// by an operation's result alone: some operations fill a slot and succeed.
+// beneath. Shared by reference; an error slot is a pointer to an NSErrorRef that may be null. Success is
+// judged by an operation's result alone: some operations fill a slot and succeed.
 class NSError {
  public:
   NSError(std::string_view domain, int64_t code, NSDictionary userInfo = {});

@@ -7,8 +7,8 @@
 
 namespace ombra {
 
-// Writes one line to standard error: date, time, process name, process and thread number, text. One write call
-// per line, so that lines of several threads do not mix. Newlines inside the text stay. Thread-safe.
+// Writes one line to standard error: date, time, process name, process and thread number, text. One write
+// call per line, so that lines of several threads do not mix. Newlines inside the text stay. Thread-safe.
 void NSLogMessage(std::string_view text);
 
 // NSLogMessage with {fmt} formatting.

@@ -22,8 +22,8 @@ struct NSNotification {
 
 using NotificationHandler = std::function<void(const NSNotification&)>;
 
-// Within the process: handlers run on the posting thread, in the order of registration. Thread-safe; a handler
-// may post, add and remove.
+// Within the process: handlers run on the posting thread, in the order of registration. Thread-safe; a
+// handler may post, add and remove.
 class NSNotificationCenter {
  public:
   static NSNotificationCenter& defaultCenter();
@@ -48,13 +48,14 @@ class NSNotificationCenter {
 // Between the user's processes: signals on the D-Bus session bus, object path "/org/ombrafs/Notifications",
 // interface "org.ombrafs.DistributedNotification", signal "Posted" with signature "ssbba{sv}": name, object,
 // whether an object is present, whether a user info is present, user info (values of type s, as, ay).
-// Posting uses a connection with a lock of its own and is flushed before it returns, from any thread, also while
-// the process ends. Without a session bus posting logs once that nobody can be told and answers false.
+// Posting uses a connection with a lock of its own and is flushed before it returns, from any thread, also
+// while the process ends. Without a session bus posting logs once that nobody can be told and answers false.
 class NSDistributedNotificationCenter {
  public:
   virtual ~NSDistributedNotificationCenter() = default;
 
-  // The centre of this process. A test may put its own in its place with setDefaultCenter (nullptr: the bus again).
+  // The centre of this process. A test may put its own in its place with setDefaultCenter (nullptr: the bus
+  // again).
   static NSDistributedNotificationCenter& defaultCenter();
   static void setDefaultCenter(NSDistributedNotificationCenter* center);
 

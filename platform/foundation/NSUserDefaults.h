@@ -11,7 +11,8 @@
 namespace ombra {
 
 // The property list defaults.plist in the configuration folder, below "-Key value" pairs of the command line.
-// Read once, on first use; thread-safe. A file that cannot be read or parsed counts as empty, with a log line.
+// Read once, on first use; thread-safe. A file that cannot be read or parsed counts as empty, with a log
+// line.
 class NSUserDefaults {
  public:
   static NSUserDefaults& standardUserDefaults();
@@ -23,13 +24,14 @@ class NSUserDefaults {
   std::optional<std::string> stringForKey(std::string_view key) EXCLUDES(iLock);
 
   // Changes the file (written beside it and renamed over it). A null value removes the key.
-  [[nodiscard]] bool setObject(PropertyValue value, std::string_view forKey, NSErrorRef* error) EXCLUDES(iLock);
+  [[nodiscard]] bool setObject(PropertyValue value, std::string_view forKey, NSErrorRef* error)
+      EXCLUDES(iLock);
   // All keys and values of the file.
   NSDictionary dictionaryRepresentation() EXCLUDES(iLock);
   // Sets a value for this process alone, over all others; null removes it again. For tests.
   void setVolatileObject(PropertyValue value, std::string_view forKey) EXCLUDES(iLock);
-  // Forgets what was read, so that the next question reads the file and the arguments again: what other processes
-  // have changed since then shows.
+  // Forgets what was read, so that the next question reads the file and the arguments again: what other
+  // processes have changed since then shows.
   void reload() EXCLUDES(iLock);
 
  private:

@@ -17,8 +17,8 @@ inline constexpr std::string_view kGMUserFileSystemDidUnmount = "kGMUserFileSyst
 inline constexpr std::string_view kGMUserFileSystemMountFailed = "kGMUserFileSystemMountFailed";
 inline constexpr std::string_view kGMUserFileSystemErrorKey = "error";
 inline constexpr std::string_view kGMUserFileSystemMountPathKey = "mountPath";
-// Of kGMUserFileSystemDidUnmount: array of texts "path\tsaved copy\treason", what could not be stored. In both
-// paths a backslash stands before a further backslash, and before "t" where they hold a tab.
+// Of kGMUserFileSystemDidUnmount: array of texts "path\tsaved copy\treason", what could not be stored. In
+// both paths a backslash stands before a further backslash, and before "t" where they hold a tab.
 inline constexpr std::string_view kGMUserFileSystemUndeliveredKey = "undelivered";
 // The domain of errors of mounting itself; codes in GMUserFileSystemErrorCode.
 inline constexpr std::string_view kGMUserFileSystemErrorDomain = "GMUserFileSystemErrorDomain";
@@ -60,9 +60,9 @@ class GMUserFileSystem final : public GMUserFileSystemInvalidation {
   // The folder that holds all mount points; "/Volumes" unless a test has set another.
   static const std::string& volumesFolder();
   static void setVolumesFolder(std::string path);
-  // How long `unmount` waits for requests in flight before it ends downloads; once no byte has moved for twice
-  // that, it tells the delegate to give up its connections. And how long it waits after that; then it goes on
-  // without them. 20 and 10 unless a test has set others.
+  // How long `unmount` waits for requests in flight before it ends downloads; once no byte has moved for
+  // twice that, it tells the delegate to give up its connections. And how long it waits after that; then it
+  // goes on without them. 20 and 10 unless a test has set others.
   static void setUnmountPatience(double secondsInFlight, double secondsAfterGivingUp);
   // Removes mount points below the volumes folder that a killed helper left behind ("not connected").
   static void clearStaleMountPoints();

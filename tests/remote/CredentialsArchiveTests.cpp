@@ -66,11 +66,15 @@ TEST(CredentialsArchive, EveryFieldComesBack) {
 
 TEST(CredentialsArchive, AStartFolderInAnotherEncodingComesBackInTheServersBytes) {
   const auto credentials = full();
-  credentials->setInitialPath("/b\xFC""cher");
+  credentials->setInitialPath(
+      "/b\xFC"
+      "cher");
   std::string reason;
   const auto read = KCCredentials::credentialsWithArchivedData(credentials->archivedData(), &reason);
   ASSERT_NE(read, nullptr) << reason;
-  EXPECT_EQ(read->initialPath(), "/b\xFC""cher");
+  EXPECT_EQ(read->initialPath(),
+            "/b\xFC"
+            "cher");
 }
 
 TEST(CredentialsArchive, AbsentTextsStayAbsentAndEmptyOnesEmpty) {
