@@ -27,11 +27,9 @@ class CephGateway(Server):
     user, password, bucket_name = "AKIABENCHBENCHBE", "secretsecretsecretsecret", "bench"
     path = "/bench"
 
-    @staticmethod
-    def is_installed():
-        return all(shutil.which(name) for name in PROGRAMS)
-
     def start(self):
+        if not all(shutil.which(name) for name in PROGRAMS):
+            raise Failure("Ceph's gateway is not installed (OMBRA_FULL=1 scripts/dependencies test)")
         self.processes = []
         conf = self.configure()
         run(["ceph-mon", "--mkfs", "-i", "a", "--monmap", f"{self.home}/monmap", "-c", conf])
@@ -103,9 +101,3 @@ rgw gc processor max time = 10
 """)
         run(["monmaptool", "--create", "--fsid", str(cluster), "--addv", "a", monitor, f"{self.home}/monmap"])
         return conf
-
-
-def wanted(full):
-    if full and not CephGateway.is_installed():
-        raise Failure("Ceph's gateway is not installed (OMBRA_FULL=1 scripts/dependencies test)")
-    return full

@@ -43,12 +43,19 @@ def last_line(path):
     return lines[-1][:300] if lines else "it said nothing"
 
 
+def launched(command, **rest):
+    try:
+        return subprocess.Popen(command, **rest)
+    except FileNotFoundError as problem:
+        raise Failure(f"{os.path.basename(problem.filename)} is not installed") from None
+
+
 def run(command, timeout=60, env=None, cwd=None, input_file=None, output=None):
     """Runs to the end and returns what it printed; output may be an open file instead. Text goes through files: a
     daemon that a command leaves behind keeps a pipe open for as long as it lives."""
     with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-        process = subprocess.Popen(command, stdin=input_file or subprocess.DEVNULL, stdout=output or out, stderr=err,
-                                   env=env, cwd=cwd, start_new_session=True)
+        process = launched(command, stdin=input_file or subprocess.DEVNULL, stdout=output or out, stderr=err, env=env,
+                           cwd=cwd, start_new_session=True)
         try:
             if not wait_for_end(process, timeout):
                 raise Failure(f"{os.path.basename(command[0])} did not finish within {timeout:.0f} s")
@@ -94,8 +101,7 @@ def kill_group(process):
 def start(command, log, env=None, cwd=None):
     """Starts what stays, as a group of its own (so that Ctrl-C reaches the benchmark alone, which ends it in order)."""
     with open(log, "ab") as f:
-        return subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=f, stderr=f, env=env, cwd=cwd,
-                                start_new_session=True)
+        return launched(command, stdin=subprocess.DEVNULL, stdout=f, stderr=f, env=env, cwd=cwd, start_new_session=True)
 
 
 def stop(process, seconds=5):

@@ -98,10 +98,10 @@ class Apache(Server):
     def start(self):
         if os.geteuid() != 0:
             raise Failure("needs root, to serve files that all programs may change")
-        home = f"{self.folder}/apache"
+        server, home = program("apache2", "apache2"), f"{self.folder}/apache"
         os.makedirs(f"{home}/locks", exist_ok=True)
         os.chmod(f"{home}/locks", 0o777)
-        run(["htpasswd", "-bcs", f"{home}/users", self.user, self.password])
+        run([program("htpasswd", "apache2-utils"), "-bcs", f"{home}/users", self.user, self.password])
         modules = "".join(f"LoadModule {name}_module /usr/lib/apache2/modules/mod_{name}.so\n" for name in (
             "mpm_event", "authn_core", "authn_file", "authz_core", "authz_user", "auth_basic", "alias", "dav", "dav_fs"))
         config = self.write("apache.conf", f"""ServerRoot {home}
@@ -128,7 +128,7 @@ AuthUserFile {home}/users
 Require valid-user
 </Directory>
 """)
-        self.launch([program("apache2", "apache2"), "-f", config, "-DFOREGROUND"])
+        self.launch([server, "-f", config, "-DFOREGROUND"])
 
 
 class Vsftpd(Server):
@@ -182,7 +182,7 @@ class S3rver(Server):
         cache = os.environ.get("XDG_CACHE_HOME") or os.path.expanduser("~/.cache")
         module = f"{cache}/ombra-test-servers/node_modules/@20minutes/s3rver"
         if not os.path.exists(module):
-            raise Failure("s3rver is not installed (scripts/dependencies test)")
+            raise Failure("s3rver is not installed (scripts/dependencies bench)")
         # It escapes names twice in its answers; once is enough. And it forgets the slash behind a bucket when it checks a
         # signature, which s3fs sends.
         script = self.write("s3rver.js", f"""const http = require('http'), emit = http.Server.prototype.emit;
