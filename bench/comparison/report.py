@@ -34,6 +34,8 @@ class Report:
             for (place, program), why in self.results.missing.items():
                 if place == protocol and program != "the server" and self.results.programs(protocol, row):
                     yield row, program, [f"missing: {why}"]
+            if row in self.results.left_out.get(protocol, ()):
+                yield row, "", ["left out: the time was up"]
 
     def cells(self, protocol, row, program):
         results = self.results
@@ -127,6 +129,7 @@ class Report:
             json.dump({"setting": self.setting, "results": series,
                        "missing": [{"protocol": p, "program": n, "why": why}
                                    for (p, n), why in self.results.missing.items()],
+                       "leftOut": self.results.left_out,
                        "targets": [dict(zip(names, line)) for line in self.targets]}, f, indent=1)
 
 

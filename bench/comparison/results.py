@@ -23,6 +23,7 @@ class Results:
     def __init__(self):
         self.series = {}    # (protocol, row, program) -> Series
         self.missing = {}   # (protocol, program) -> why
+        self.left_out = {}  # protocol -> rows that nobody came to
 
     def of(self, protocol, row, program):
         return self.series.setdefault((protocol, row, program), Series())

@@ -94,9 +94,18 @@ class Runner:
                 for work in (WORKS[name] for name in self.options.works):
                     if self.is_over(number):
                         say("the time is up" + ("" if number else f": {server.protocol} from {work.name} on is left out"))
+                        if number == 0:
+                            self.leave_out(server, work.name)
                         return max(number, 1)
                     self.turn(number, site, work)
         return self.options.runs
+
+    def leave_out(self, server, first):
+        """Of that server the works from the first one on, and of those behind it all."""
+        names = self.options.works
+        for one in self.servers[self.servers.index(server):]:
+            rest = names[names.index(first):] if one is server else names
+            self.results.left_out[one.protocol] = [row for name in rest for row in WORKS[name].rows]
 
     def is_over(self, number):
         """With a budget, what repeats ends earlier than what was not done yet."""
