@@ -3,6 +3,7 @@
 #include <string>
 
 #include "remote/QuarnKitError.h"
+#include "remote/http/HTTPTranscript.h"
 
 namespace ombra {
 
@@ -47,7 +48,7 @@ NSErrorRef httpErrorOfCurl(CURLcode code, std::string_view host, std::string_vie
   QuarnKitErrorCode ours = codeOfCurl(code, wasSent);
   if (hasAnswered && isFailureOfConnecting(ours)) ours = kQuarnKitConnectionLost;
   std::string detail(host);
-  detail.append(": ").append(words.empty() ? std::string_view(curl_easy_strerror(code)) : words);
+  detail.append(": ").append(words.empty() ? std::string(curl_easy_strerror(code)) : httpRemarkText(words));
   return QuarnKitError::errorWithCode(ours, detail);
 }
 

@@ -296,7 +296,7 @@ int HTTPExchange::seekBody(void* self, curl_off_t offset, int origin) {
 int HTTPExchange::trace(CURL*, curl_infotype kind, char* bytes, size_t length, void* self) {
   auto* exchange = static_cast<HTTPExchange*>(self);
   if (kind == CURLINFO_TEXT && exchange->iSurroundings.isVerbose)
-    appendRemark(exchange->iSurroundings.transcript, std::string_view(bytes, length));
+    appendRemark(exchange->iSurroundings.transcript, httpRemarkText(std::string_view(bytes, length)));
   if (kind != CURLINFO_HEADER_OUT && kind != CURLINFO_HEADER_IN) return 0;
   std::string_view head(bytes, length);
   const bool isOutgoing = kind == CURLINFO_HEADER_OUT;

@@ -63,4 +63,15 @@ std::string httpTranscriptText(std::string_view head) {
   return text;
 }
 
+std::string httpRemarkText(std::string_view text) {
+  std::string result(text);
+  const size_t end = text.rfind('@');
+  if (end == std::string_view::npos || httpLowered(text).find("proxy") == std::string::npos) return result;
+  constexpr std::string_view kScheme = "://";
+  size_t begin = text.find(kScheme);
+  // The scheme may be missing there.
+  begin = begin < end ? begin + kScheme.size() : text.find('\'') + 1;
+  return begin < end ? result.replace(begin, end - begin, kMask) : result;
+}
+
 }  // namespace ombra
