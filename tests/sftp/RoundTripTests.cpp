@@ -1,6 +1,10 @@
 // What each piece of work costs over a long way: how often it has to wait for the server.
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <utility>
+
+#include "remote/sftp/SFTPProtocol.h"
 #include "tests/sftp/SessionFixture.h"
 
 namespace ombra::test {
@@ -26,9 +30,9 @@ class SFTPRoundTrips : public SessionFixture {
     mode.posixPermissions = 0644;
     ASSERT_TRUE(session->changeAttributes(mode, path, &error));
   }
-  void append(size_t total, size_t piece) {
-    const std::string bytes = pattern(piece);
-    for (size_t done = 0; done < total; done += piece) {
+  void append(size_t total, size_t piece) { append(total, pattern(piece)); }
+  void append(size_t total, const std::string& bytes) {
+    for (size_t done = 0; done < total; done += bytes.size()) {
       const uint64_t offset = newFile->fileLength();
       ASSERT_TRUE(newFile->writeAll(bytes.data(), bytes.size(), offset));
       newFile->noteWritten({offset, offset + bytes.size()});
@@ -130,15 +134,24 @@ TEST_F(SFTPRoundTrips, AFolderThatCannotBeMadeIsTold) {
 
 // More than the transfer window is not left under way, however quickly a program writes.
 TEST_F(SFTPRoundTrips, WhatIsUnderWayIsBounded) {
+  constexpr size_t kWhole = size_t{36} << 20;
   makeNew("/large");
   const size_t before = peer->waits();
-  for (int i = 0; i < 24; ++i) {
-    append(1 << 20, 1 << 20);
-  }
-  EXPECT_GT(peer->waits() - before, 1u);
-  EXPECT_LE(peer->waits() - before, 24u) << "at least 1 MiB for each round trip";
+  size_t waits = before, underWay = 0, most = 0;
+  server.before = [&](const PeerRequest& request) {
+    if (request.type != kSFTPWrite) return;
+    // With each wait all that has been sent is answered.
+    if (std::exchange(waits, peer->waits()) != peer->waits()) underWay = 0;
+    underWay += request.body.size();
+    most = std::max(most, underWay);
+  };
+  append(kWhole, std::string(1 << 20, 'x'));
+  EXPECT_LE(peer->waits() - before, kWhole >> 20) << "at least 1 MiB for each round trip";
+  EXPECT_GT(most, kSFTPTransferWindowBytes / 2) << "a way that brings no queue lets it grow";
+  EXPECT_LT(most, kSFTPTransferWindowBytes + kSFTPTransferWindowBytes / 100)
+      << "with what is around the bytes";
   session->becameIdle();
-  EXPECT_EQ(server.content("/large").size(), size_t{24} << 20);
+  EXPECT_EQ(server.content("/large").size(), kWhole);
 }
 
 }  // namespace
