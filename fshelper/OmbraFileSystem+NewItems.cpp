@@ -32,7 +32,8 @@ bool OmbraFileSystem::keepsCase(StAbstractConnection& connection, KCRemoteFileNo
   if (known) return *known;
   const std::string name = lastPathComponent(path);
   const std::string other = withOtherCase(name);
-  if (other == name) return true;
+  // Which letters of other alphabets are one to the server is not known here.
+  if (other == name) return isASCII(name);
   const std::string folder = stringByDeletingLastPathComponent(path);
   // Listed besides: an answer would say nothing.
   if (_nodeForPath(stringByAppendingPathComponent(folder, other)) != nullptr) return false;

@@ -56,6 +56,18 @@ TEST_F(NewItems, AListingThatHasExpiredIsFetched) {
   EXPECT_EQ(listings(), before + 1);
 }
 
+TEST_F(NewItems, AnInvalidatedListingIsFetched) {
+  names("/");
+  makeStale("/");
+  const size_t before = listings();
+  ASSERT_TRUE(makeFile("/new"));
+  EXPECT_EQ(listings(), before + 1);
+  makeStale("/");
+  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new", "folder"));
+  EXPECT_EQ(listings(), before + 2);
+}
+
 TEST_F(NewItems, AFolderJoinsWithTheServersAttributesAndIsKnownToBeEmpty) {
   names("/");
   const size_t before = listings();
@@ -123,6 +135,25 @@ TEST_F(NewItems, AnItemThatIsThereInOtherCaseIsNotShownTwice) {
   EXPECT_THAT(names("/"), UnorderedElementsAre("old"));
 }
 
+// Which letters of other alphabets a server takes for one is not known here.
+TEST_F(NewItems, AnItemThatIsThereInOtherCaseOfAnotherAlphabetIsNotShownTwice) {
+  server.addFile("/\xc3\x84", "x");
+  server.setHidden("/\xc3\xa4", true);
+  names("/");
+  EXPECT_FALSE(makeFile("/\xc3\xa4"));
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "A\xcc\x88"));
+}
+
+TEST_F(NewItems, WhereCaseIsKnownToCountNamesOfOtherAlphabetsJoin) {
+  names("/");
+  const size_t before = listings();
+  ASSERT_TRUE(makeFile("/New"));
+  ASSERT_TRUE(makeFile("/\xc3\xa4"));
+  ASSERT_TRUE(makeFile("/1"));
+  EXPECT_EQ(listings(), before);
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "New", "a\xcc\x88", "1"));
+}
+
 TEST_F(NewItems, WhereNobodyKnowsWhetherCaseCountsTheFolderIsListed) {
   names("/");
   server.fail("attributesOfItemAtPath", "/nEW", QuarnKitError::errorWithCode(kQuarnKitRefused));
@@ -159,6 +190,14 @@ TEST_F(NewItemMeanwhile, AListingWithoutTheItemKeepsIt) {
   ASSERT_TRUE(makeFile("/folder/new"));
   EXPECT_EQ(fileOnNode("/folder/new"), made);
   EXPECT_THAT(names("/folder"), UnorderedElementsAre("old", "new"));
+}
+
+TEST_F(NewItemMeanwhile, AnInvalidationIsNotForgotten) {
+  meanwhile([this] { makeStale("/folder"); });
+  ASSERT_TRUE(makeFile("/folder/new"));
+  const size_t before = listings();
+  EXPECT_THAT(names("/folder"), UnorderedElementsAre("old", "new"));
+  EXPECT_EQ(listings(), before + 1);
 }
 
 TEST_F(NewItemMeanwhile, AListingWithTheItemBringsItsNode) {
