@@ -1,6 +1,7 @@
 // Sizes that decide how content travels.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 
@@ -16,6 +17,10 @@ struct S3Limits {
   uint64_t firstStreamPart = uint64_t{16} << 20;
   // So many parts of a stream are under way at once, each with its own connection and a file of its length.
   size_t streamParts = 6;
+  // While they are, so much is taken of the next one so often: the file system gives a stream up that does
+  // not take a write, of up to 1 MiB, within 12 s.
+  uint64_t streamSip = uint64_t{1} << 20;
+  std::chrono::milliseconds streamPace{4000};
   // The server copies so much in one request, and beyond that part by part.
   uint64_t singleCopy = uint64_t{5} << 30;
   uint64_t copyPart = uint64_t{512} << 20;

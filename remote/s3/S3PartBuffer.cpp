@@ -54,12 +54,15 @@ bool S3PartBuffer::moveToFile(NSErrorRef* error) {
 
 bool S3PartBuffer::fill(const Next& next, uint64_t size, const std::function<bool()>& mayGoOn,
                         NSErrorRef* error) {
-  clear();
   while (iLength < size && !iIsLast && mayGoOn()) {
     if (!take(next, size - iLength, error)) return false;
   }
-  if (iDigest) iHash = iDigest->finish();
   return true;
+}
+
+const std::string& S3PartBuffer::hash() {
+  if (iDigest && iHash.empty()) iHash = iDigest->finish();
+  return iHash;
 }
 
 // The next piece, of up to `most` bytes. Read once more for its hash, a part would cost a copy more.

@@ -28,21 +28,23 @@ class S3PartBuffer {
   S3PartBuffer(const S3PartBuffer&) = delete;
   S3PartBuffer& operator=(const S3PartBuffer&) = delete;
 
-  // Empties it and takes up to `size` bytes from `next`; `mayGoOn` is asked before each piece, and ends it
-  // when false. False with the error when there is no place for them.
+  void clear();
+  // Takes from `next` until it holds `size` bytes; `mayGoOn` is asked before each piece, and ends it when
+  // false. False with the error when there is no place for them.
   [[nodiscard]] bool fill(const Next& next, uint64_t size, const std::function<bool()>& mayGoOn,
                           NSErrorRef* error);
   uint64_t length() const { return iLength; }
   // The stream came to its end in this part.
   bool isLast() const { return iIsLast; }
 
-  // The content as the body of a request, which may be sent several times. Valid until the next `fill`.
+  // The content as the body of a request, which may be sent several times. Valid until the next `fill` or
+  // `clear`.
   HTTPBody body();
-  // Hexadecimal SHA-256 of the content, made while it came; empty where hashing is not wanted.
-  const std::string& hash() const { return iHash; }
+  // Hexadecimal SHA-256 of the content, made while it came; empty where hashing is not wanted. Nothing is
+  // added from then on.
+  const std::string& hash();
 
  private:
-  void clear();
   bool take(const Next& next, uint64_t most, NSErrorRef* error);
   bool moveToFile(NSErrorRef* error);
   size_t give(std::byte* buffer, size_t capacity);

@@ -1,8 +1,10 @@
 #include "remote/s3/S3PartSenders.h"
 
+#include <algorithm>
 #include <atomic>
 #include <future>
 #include <system_error>
+#include <utility>
 
 #include "platform/foundation/NSThread.h"
 #include "remote/QuarnKitError.h"
@@ -29,15 +31,15 @@ class S3PartSenders::Stop final : public TransferControl {
   std::atomic<bool> iIsSet{false};
 };
 
-// free → filled → under way → ended → taken, and so free again. Between under way and ended it is its
-// thread's, else the session's.
+// free → filled → waiting → under way → ended → taken, and so free again. Between under way and ended it is
+// its thread's, else the session's.
 struct S3PartSenders::Slot {
   // The first part may be the whole stream, and short; those behind it are not.
   Slot(bool isFirst, S3PartBuffer::Hashing hashing) : buffer(hashing, isFirst ? S3PartBuffer::kMemory : 0) {}
   S3PartBuffer buffer;
-  std::unique_ptr<S3Client> own;  // null in the first slot, which has the session's
-  uint32_t number = 0;            // of the part
-  std::string tag;                // once it was sent; empty when that failed
+  S3Client* client = nullptr;  // until it is taken
+  uint32_t number = 0;         // of the part
+  std::string tag;             // once it was sent; empty when that failed
   NSErrorRef fault;
   // Its thread has ended when the future is ready, or gone. Last, so that it is waited for first.
   std::future<void> sent;
@@ -48,42 +50,69 @@ S3PartSenders::S3PartSenders(S3Client& client, S3MultipartUpload& whole, size_t 
       iWhole(whole),
       iMost(most),
       iHashing(client.signsPayloads() ? S3PartBuffer::Hashing::kWanted : S3PartBuffer::Hashing::kNotWanted),
-      iStop(std::make_unique<Stop>()) {}
+      iStop(std::make_unique<Stop>()),
+      iIdle{&client} {}
 
 S3PartSenders::~S3PartSenders() {
   iStop->set();
-  for (const auto& slot : iSlots) {
-    if (slot->own != nullptr) slot->own->interrupt();
-  }
+  for (const auto& client : iOwn) client->interrupt();
   for (const auto& slot : iSlots) {
     if (slot->sent.valid()) slot->sent.wait();
   }
 }
 
 void S3PartSenders::addSlot() {
-  auto slot = std::make_unique<Slot>(iSlots.empty(), iHashing);
-  if (!iSlots.empty())
-    slot->own =
-        std::make_unique<S3Client>(iClient.environment(), iClient.endpoint(), iClient.sharedKnowledge());
-  iFree.push_back(slot.get());
-  iSlots.push_back(std::move(slot));
+  iSlots.push_back(std::make_unique<Slot>(iSlots.empty(), iHashing));
+  iFree.push_back(iSlots.back().get());
+}
+
+S3Client* S3PartSenders::takeClient() {
+  if (iIdle.empty()) {
+    iOwn.push_back(
+        std::make_unique<S3Client>(iClient.environment(), iClient.endpoint(), iClient.sharedKnowledge()));
+    return iOwn.back().get();
+  }
+  S3Client* client = iIdle.back();
+  iIdle.pop_back();
+  return client;
 }
 
 S3PartBuffer* S3PartSenders::buffer(TransferControl& control, NSErrorRef* error) {
   while (Slot* slot = ended(milliseconds(0))) {
     if (!take(*slot, control, error)) return nullptr;
   }
-  if (iFree.empty() && iSlots.size() < iMost) addSlot();
-  while (iFree.empty()) {
-    if (!takeNext(control, error)) return nullptr;
+  if (iFree.empty()) addSlot();
+  iFilled = iFree.back();
+  iFree.pop_back();
+  iFilled->buffer.clear();
+  return &iFilled->buffer;
+}
+
+bool S3PartSenders::waitForTurn(milliseconds patience, TransferControl& control, NSErrorRef* error) {
+  const auto end = std::chrono::steady_clock::now() + patience;
+  while (!hasTurn()) {
+    if (!mayGoOn(control, error)) return false;
+    const auto left = std::chrono::ceil<milliseconds>(end - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return true;
+    if (Slot* slot = ended(std::min(left, kLook)); slot != nullptr && !take(*slot, control, error))
+      return false;
   }
-  return &iFree.back()->buffer;
+  return true;
 }
 
 void S3PartSenders::send() {
-  Slot* slot = iFree.back();
-  iFree.pop_back();
-  slot->number = ++iBegun;
+  iFilled->number = ++iBegun;
+  iWaiting.push_back(iFilled);
+  startNext();
+}
+
+void S3PartSenders::startNext() {
+  if (iWaiting.empty() || iUnderWay == iMost) return;
+  Slot* slot = iWaiting.front();
+  iWaiting.pop_front();
+  ++iUnderWay;
+  slot->client = takeClient();
+  if (slot->client == &iClient) iOnFirst = slot;
   try {
     slot->sent = std::async(std::launch::async, [this, slot] {
       NSThread::setName("sending a part");
@@ -97,14 +126,13 @@ void S3PartSenders::send() {
 
 void S3PartSenders::transfer(S3Client& client, Slot& slot) const {
   slot.fault.reset();
-  const S3PartBuffer& content = slot.buffer;
-  slot.tag =
-      iWhole.sendPart(client, slot.number, slot.buffer.body(), content.hash(), iStop.get(), &slot.fault)
-          .value_or("");
+  S3PartBuffer& content = slot.buffer;
+  slot.tag = iWhole.sendPart(client, slot.number, content.body(), content.hash(), iStop.get(), &slot.fault)
+                 .value_or("");
 }
 
 void S3PartSenders::transferAndTell(Slot& slot) {
-  transfer(slot.own != nullptr ? *slot.own : iClient, slot);
+  transfer(*slot.client, slot);
   ConditionLock lock(iWake);
   iEnded.push_back(&slot);
   iWake.broadcast();
@@ -138,8 +166,8 @@ bool S3PartSenders::takeNext(TransferControl& control, NSErrorRef* error) {
 
 // Servers bound how many connections somebody has: the session's own is there at any rate.
 bool S3PartSenders::tryOnFirst(Slot& slot, TransferControl& control, NSErrorRef* error) {
-  const std::future<void>& first = iSlots.front()->sent;
-  while (first.valid() && first.wait_for(kLook) == std::future_status::timeout) {
+  while (iOnFirst != nullptr && iOnFirst->sent.valid() &&
+         iOnFirst->sent.wait_for(kLook) == std::future_status::timeout) {
     if (!mayGoOn(control, error)) return false;
   }
   transfer(iClient, slot);
@@ -147,7 +175,11 @@ bool S3PartSenders::tryOnFirst(Slot& slot, TransferControl& control, NSErrorRef*
 }
 
 bool S3PartSenders::take(Slot& slot, TransferControl& control, NSErrorRef* error) {
-  if (slot.tag.empty() && slot.own != nullptr && isOutage(slot.fault) && !tryOnFirst(slot, control, error))
+  S3Client* client = std::exchange(slot.client, nullptr);
+  --iUnderWay;
+  if (&slot == iOnFirst) iOnFirst = nullptr;
+  iIdle.push_back(client);
+  if (slot.tag.empty() && client != &iClient && isOutage(slot.fault) && !tryOnFirst(slot, control, error))
     return false;
   if (slot.tag.empty()) {
     storeError(error, slot.fault);
@@ -156,6 +188,7 @@ bool S3PartSenders::take(Slot& slot, TransferControl& control, NSErrorRef* error
   iWhole.addPart(slot.number, std::move(slot.tag));
   ++iTaken;
   iFree.push_back(&slot);
+  startNext();
   control.progress(iStored += slot.buffer.length());
   return true;
 }

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -20,6 +21,9 @@ namespace ombra {
 // for the next; one more connection is made only when all are busy, so that who writes slowly needs few. Used
 // by the session's thread alone: buffer → send → buffer → … → finish. The session's client must not be used
 // between the first `send` and the end of `finish`. The destructor ends what is under way.
+//
+// Over a slow line as many parts as may be are under way for minutes. Who cannot wait for that long goes on
+// gathering: parts that are sent without a turn wait for theirs.
 class S3PartSenders {
  public:
   // At most `most` parts are under way, the first on `client` itself.
@@ -28,9 +32,16 @@ class S3PartSenders {
   S3PartSenders(const S3PartSenders&) = delete;
   S3PartSenders& operator=(const S3PartSenders&) = delete;
 
-  // The one to fill for the next part; waits for a part when as many are under way as may be. Null with the
-  // error when a part failed, or `control` or the session's end asked for it.
+  // The one to fill for the next part, empty. Null with the error when a part failed.
   [[nodiscard]] S3PartBuffer* buffer(TransferControl& control, NSErrorRef* error) EXCLUDES(iWake);
+  // Whether the next part would be under way at once.
+  bool hasTurn() const { return iBegun - iTaken < iMost; }
+  // Whether one more part may wait for its turn.
+  bool mayQueue() const { return iWaiting.size() < kMostWaiting; }
+  // Waits for a turn, for so long at most. False with the error when a part failed, or `control` or the
+  // session's end asked for it.
+  [[nodiscard]] bool waitForTurn(std::chrono::milliseconds patience, TransferControl& control,
+                                 NSErrorRef* error) EXCLUDES(iWake);
   // Sends what is in the buffer that was given last as the next part.
   void send() EXCLUDES(iWake);
   // Waits until the server has all parts.
@@ -39,7 +50,11 @@ class S3PartSenders {
  private:
   class Stop;
   struct Slot;
+  static constexpr size_t kMostWaiting = 64;
   void addSlot();
+  // Of those that wait, if one may.
+  void startNext() EXCLUDES(iWake);
+  S3Client* takeClient();
   void transfer(S3Client& client, Slot& slot) const;
   void transferAndTell(Slot& slot) EXCLUDES(iWake);
   bool mayGoOn(const TransferControl& control, NSErrorRef* error) const;
@@ -56,10 +71,16 @@ class S3PartSenders {
   const std::unique_ptr<Stop> iStop;
   NSCondition iWake;
   std::vector<Slot*> iEnded GUARDED_BY(iWake);  // parts that nobody has taken note of yet
-  std::vector<std::unique_ptr<Slot>> iSlots;
-  std::vector<Slot*> iFree;  // the last one is filled next
-  uint32_t iBegun = 0;       // parts that were sent off
-  uint32_t iTaken = 0;       // parts that the server has
+  std::vector<std::unique_ptr<S3Client>> iOwn;  // besides the session's
+  std::vector<S3Client*> iIdle;                 // the last one is used next
+  std::vector<std::unique_ptr<Slot>> iSlots;    // go before the clients that they use
+  std::vector<Slot*> iFree;                     // the last one is filled next
+  Slot* iFilled = nullptr;                      // not sent yet
+  std::deque<Slot*> iWaiting;                   // for their turn, in order
+  Slot* iOnFirst = nullptr;                     // under way on the session's client
+  size_t iUnderWay = 0;
+  uint32_t iBegun = 0;  // parts that were sent off
+  uint32_t iTaken = 0;  // parts that the server has
   uint64_t iStored = 0;
 };
 

@@ -177,12 +177,14 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
   S3MultipartUpload whole(iClient, object, object.key);
   S3PartSenders senders(iClient, whole, iLimits.streamParts);  // ends before what it sends is thrown away
   const auto mayGoOn = [this, &control] { return !control.shouldCancel() && !iClient.isInterrupted(); };
+  const Gather gather = [&](S3PartBuffer& buffer, uint64_t size) {
+    if (!buffer.fill(next, size, mayGoOn, error)) return false;
+    return control.shouldCancel() ? failCancelled(path, error) : iClient.goesOn(error);
+  };
   for (uint32_t number = 1; number <= kS3MostParts; ++number) {
     S3PartBuffer* buffer = senders.buffer(control, error);
     const uint64_t size = s3StreamPartSize(number, iLimits.firstStreamPart);
-    if (buffer == nullptr || !buffer->fill(next, size, mayGoOn, error)) return false;
-    if (control.shouldCancel()) return failCancelled(path, error);
-    if (!iClient.goesOn(error)) return false;
+    if (buffer == nullptr || !gatherPart(senders, *buffer, size, gather, control, error)) return false;
     const bool isWhole = buffer->isLast() && number == 1;
     const uint64_t length = isWhole ? buffer->length() : kS3LongestObject;
     if (number == 1 && !takeOverNewFile(object, length, control, error)) return false;
@@ -194,6 +196,18 @@ bool S3Session::stream(const std::function<size_t(std::byte*, size_t)>& next, st
   }
   storeError(error, QuarnKitError::errorWithCode(kQuarnKitOutOfSpace, "no object has so many parts"));
   return false;
+}
+
+// Over a slow line all parts are under way for longer than anybody waits who writes: the file system would
+// take the stream for dead. So the next ones are gathered meanwhile, little by little.
+bool S3Session::gatherPart(S3PartSenders& senders, S3PartBuffer& buffer, uint64_t size, const Gather& gather,
+                           TransferControl& control, NSErrorRef* error) const {
+  while (buffer.length() < size && !buffer.isLast()) {
+    if (!senders.waitForTurn(iLimits.streamPace, control, error)) return false;
+    const uint64_t sip = senders.mayQueue() ? buffer.length() + iLimits.streamSip : buffer.length();
+    if (!gather(buffer, senders.hasTurn() ? size : std::min(size, sip))) return false;
+  }
+  return true;
 }
 
 // A stream that is shorter than a part needs no parts.

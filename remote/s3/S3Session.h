@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,6 +20,7 @@ namespace ombra {
 
 class S3Copier;
 class S3PartBuffer;
+class S3PartSenders;
 
 // "/" lists the buckets; what lies below a bucket is a tree of folders made from the keys' slashes. A folder
 // is there as long as a key begins with its name: a new one gets an empty object as its marker, and one
@@ -135,6 +137,10 @@ class S3Session final : public Session {
                  NSErrorRef* error);
   // Remembers an object that was stored, and hands on whether it was.
   bool noteStored(const S3Path& path, bool isStored);
+  // Adds to the buffer until it holds so much, or all there is.
+  using Gather = std::function<bool(S3PartBuffer& buffer, uint64_t size)>;
+  bool gatherPart(S3PartSenders& senders, S3PartBuffer& buffer, uint64_t size, const Gather& gather,
+                  TransferControl& control, NSErrorRef* error) const;
   bool putBuffer(S3PartBuffer& buffer, const S3Path& path, TransferControl& control, NSErrorRef* error);
   bool explainUnsatisfiable(const S3Path& path, uint64_t offset, std::string* version, NSErrorRef* error);
 

@@ -22,6 +22,7 @@ S3Limits smallParts() {
   limits.singlePut = 1000;
   limits.filePart = 400;
   limits.firstStreamPart = 500;
+  limits.streamPace = std::chrono::hours(1);
   return limits;
 }
 
@@ -119,6 +120,41 @@ TEST_F(S3Transfers, SeveralPartsOfAStreamAreUnderWayAtOnce) {
   EXPECT_EQ(store().asked().size(), 10u) << "begin, eight parts, end";
   EXPECT_EQ(control.reached.back(), 3999u);
   EXPECT_TRUE(std::is_sorted(control.reached.begin(), control.reached.end()));
+}
+
+// Who writes gives a stream up that takes nothing for some seconds.
+TEST(S3SlowLine, TheWriterIsAskedForMoreAlthoughAsManyPartsAsMayBeAreUnderWay) {
+  S3Limits limits = smallParts();
+  limits.streamSip = 100;
+  limits.streamPace = std::chrono::milliseconds(1);
+  MemorySession server(limits);
+  std::mutex lock;
+  std::condition_variable asking;
+  size_t given = 0;
+  // Eight parts, of which six are under way.
+  constexpr size_t kMuch = 4000;
+  server.store().setIntercept([&](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    if (seen.target.find("partNumber") == std::string::npos) return std::nullopt;
+    std::unique_lock held(lock);
+    if (!asking.wait_for(held, std::chrono::seconds(20), [&given] { return given >= kMuch; }))
+      return s3RefusalReply(400, "Starved");
+    return std::nullopt;
+  });
+  const std::string content = contractContent(kMuch + 700);
+  const auto next = [&](std::byte* buffer, size_t capacity) {
+    const std::unique_lock held(lock);
+    const size_t count = std::min(capacity, content.size() - given);
+    std::copy_n(reinterpret_cast<const std::byte*>(content.data()) + given, count, buffer);
+    given += count;
+    asking.notify_all();
+    return count;
+  };
+  KeptControl control;
+  NSErrorRef error;
+  ASSERT_TRUE(server.session().stream(next, "/test/file", control, &error)) << error->description();
+  EXPECT_EQ(server.store().content("file"), content);
+  EXPECT_EQ(server.store().asked().size(), 12u) << "begin, ten parts, all but the last of one size, end";
+  EXPECT_EQ(server.store().unfinishedUploads(), 0u);
 }
 
 // A part that takes long, on a slow connection for example, does not make the others wait.

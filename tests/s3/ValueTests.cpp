@@ -176,8 +176,11 @@ TEST(S3PartBuffer, GivesWhatItTookFromMemoryAndFromAFile) {
     NSErrorRef error;
     for (const auto& [start, isLast] : {std::pair{size_t{0}, false}, {size_t{60000}, true}}) {
       const std::string part = content.substr(start, 60000);
-      ASSERT_TRUE(buffer.fill(
-          next, 60000, [] { return true; }, &error));
+      buffer.clear();
+      for (const uint64_t size : {uint64_t{10000}, uint64_t{60000}}) {
+        ASSERT_TRUE(buffer.fill(
+            next, size, [] { return true; }, &error));
+      }
       EXPECT_EQ(buffer.length(), part.size());
       EXPECT_EQ(buffer.isLast(), isLast);
       EXPECT_EQ(buffer.hash(), s3SHA256(part));
