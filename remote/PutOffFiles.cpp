@@ -132,9 +132,11 @@ void PutOffFiles::stop() {
 // The first one whose time is over; else when that of the next one is.
 std::optional<std::string> PutOffFiles::nextDue(std::optional<NSDate>* limit) const {
   const NSDate now = NSDate::date();
+  // What seems to be due later is so because the clock was set back.
+  const NSDate latest = now.dateByAddingTimeInterval(kSeconds);
   for (const auto& [path, entry] : iEntries) {
     if (entry.isTaken) continue;
-    if (entry.due <= now) return path;
+    if (entry.due <= now || entry.due > latest) return path;
     *limit = std::min(limit->value_or(entry.due), entry.due);
   }
   return std::nullopt;

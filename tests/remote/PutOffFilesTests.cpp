@@ -172,6 +172,14 @@ TEST_F(PutOff, TheNextOneHasASecondOfItsOwn) {
   }
 }
 
+TEST_F(PutOff, AClockThatIsSetBackDoesNotKeepItWaiting) {
+  EXPECT_TRUE(make("/f/a"));
+  clock.waitForSleepers(2);
+  clock.advance(-3600);
+  waitUntilSettled();
+  EXPECT_THAT(events(), ElementsAre("make /f/a"));
+}
+
 struct Look {
   const char* name;
   std::function<void(AbstractConnection&)> look;
