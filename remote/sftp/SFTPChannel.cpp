@@ -43,10 +43,12 @@ SFTPChannel::SFTPChannel(std::unique_ptr<SFTPTransport> transport,
       iOutgoing(iPool),
       iReadLength(kSFTPDefaultPieceLength),
       iWriteLength(kSFTPDefaultPieceLength),
-      iTransport(std::move(transport)) {}
+      iTransport(std::move(transport)) {
+  iLastMovement = iTransport->now();
+}
 
 bool SFTPChannel::open(NSErrorRef* error) {
-  iDeadline = Clock::now() + iConnectLimit;
+  iDeadline = iTransport->now() + iConnectLimit;
   NSErrorRef reason;
   if (!iTransport->open(&reason)) {
     fail(reason);
@@ -186,15 +188,15 @@ bool SFTPChannel::pump(std::chrono::milliseconds slice, NSErrorRef* error) {
 // False after a failure.
 bool SFTPChannel::exchange(std::chrono::milliseconds slice, SFTPTransport::Exchanged* exchanged) {
   if (iFailure) return false;
-  const std::chrono::milliseconds left = std::max(patience(Clock::now()), std::chrono::milliseconds(0));
+  const std::chrono::milliseconds left = std::max(patience(iTransport->now()), std::chrono::milliseconds(0));
   NSErrorRef reason;
   const auto happened = iTransport->exchange(iOutgoing.front(), std::min(slice, left), *this, &reason);
   if (!happened) fail(reason);
   if (iFailure) return false;
   if (happened->sent > 0) iOutgoing.consume(happened->sent);
-  if (happened->moved) iLastMovement = Clock::now();
+  if (happened->moved) iLastMovement = iTransport->now();
   // Only after a look: this thread may have slept longer than the server.
-  if (isAwaiting() && patience(Clock::now()).count() <= 0) {
+  if (isAwaiting() && patience(iTransport->now()).count() <= 0) {
     fail(QuarnKitError::errorWithCode(kQuarnKitTimedOut, "The server was silent for too long"));
     return false;
   }
@@ -234,11 +236,11 @@ bool SFTPChannel::isAwaiting() const { return !iServerVersion || !iPending.empty
 void SFTPChannel::flushBriefly() {
   own();
   constexpr std::chrono::milliseconds kBrief{100};
-  const auto end = Clock::now() + kBrief;
+  const auto end = iTransport->now() + kBrief;
   do {
     if (iFailure || !pump(std::chrono::milliseconds(0), nullptr)) return;
     if (iOutgoing.size() > 0 && !pump(std::chrono::milliseconds(10), nullptr)) return;
-  } while (iOutgoing.size() > 0 && Clock::now() < end);
+  } while (iOutgoing.size() > 0 && iTransport->now() < end);
 }
 
 void SFTPChannel::received(std::span<const std::byte> bytes) {

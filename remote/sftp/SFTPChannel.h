@@ -90,7 +90,7 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   // Time that the caller spent elsewhere is not the server's silence.
   void touch() {
     own();
-    iLastMovement = Clock::now();
+    iLastMovement = iTransport->now();
   }
   // How long ago the request was queued.
   Clock::duration age(uint32_t id);
@@ -146,7 +146,7 @@ class SFTPChannel final : private SFTPTransport::Receiver {
   SFTPExtensions iExtensions;
   std::optional<uint32_t> iServerVersion;
   std::optional<Clock::time_point> iDeadline;  // of the login
-  Clock::time_point iLastMovement = Clock::now();
+  Clock::time_point iLastMovement;
   size_t iReadLength;
   size_t iWriteLength;
   uint32_t iLastID = 0;

@@ -36,7 +36,8 @@ class SFTPTransport {
   virtual std::optional<Exchanged> exchange(std::span<const std::byte> outgoing,
                                             std::chrono::milliseconds limit, Receiver& receiver,
                                             NSErrorRef* error) = 0;
-  // What the time is by the clock that tells how long replies take. Any thread.
+  // What the time is by the clock that tells how long replies take, and for how long nothing has moved. Any
+  // thread.
   virtual std::chrono::steady_clock::time_point now() const { return std::chrono::steady_clock::now(); }
   // Whether `exchange` may be called on another thread as long as the calls do not overlap.
   virtual bool canChangeThreads() const { return false; }

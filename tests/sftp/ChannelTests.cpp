@@ -24,10 +24,13 @@ class SFTPChannelTest : public ::testing::Test {
       }
     });
     peer = transport.get();
-    channel = std::make_unique<SFTPChannel>(std::move(transport), transcript, std::chrono::milliseconds(1000),
-                                            std::chrono::milliseconds(200));
+    channel =
+        std::make_unique<SFTPChannel>(std::move(transport), transcript, std::chrono::seconds(10), kIdleLimit);
     requests = std::make_unique<SFTPRequests>(*channel);
   }
+
+  // Twice as long as a wait.
+  static constexpr std::chrono::milliseconds kIdleLimit{200};
 
   PeerTransport* peer = nullptr;
   std::shared_ptr<LineTranscript> transcript = std::make_shared<LineTranscript>();
@@ -232,52 +235,37 @@ TEST_F(SFTPChannelTest, TimesOutWhenTheServerIsSilent) {
 }
 
 TEST_F(SFTPChannelTest, AServerThatTricklesIsNotSilent) {
-  // Ten bytes a time, each a good part of the limit after the one before: slower than the limit as a whole.
+  // Ten bytes a time, each half of the limit after the one before: slower than the limit as a whole.
   std::string reply;
   make([&](const PeerRequest& request, PeerTransport&) {
     reply = handleReply(request.id, std::string(40, 'h'));
   });
-  auto next = SFTPChannel::Clock::now() + std::chrono::milliseconds(60);
   peer->setWhenIdle([&](PeerTransport& to) {
-    if (SFTPChannel::Clock::now() < next) return;
-    next += std::chrono::milliseconds(60);
     to.send(reply.substr(0, 10));
     reply.erase(0, std::min<size_t>(10, reply.size()));
   });
   ASSERT_TRUE(channel->open(&error));
-  const auto begin = SFTPChannel::Clock::now();
+  const auto begin = peer->now();
   EXPECT_TRUE(channel->wait(requests->opendir("/a"), &error));
-  EXPECT_GT(SFTPChannel::Clock::now() - begin, std::chrono::milliseconds(250));
+  EXPECT_GT(peer->now() - begin, 2 * kIdleLimit);
 }
 
 TEST_F(SFTPChannelTest, TheWholeLoginIsLimitedHoweverMuchTheServerTrickles) {
-  // A version packet of 900,000 bytes, one byte a millisecond: never silent, and never done within the limit.
+  // A version packet of 900,000 bytes, one byte at each wait: never silent, and never done within the limit.
   auto transport = std::make_unique<PeerTransport>(kSilent);
   transport->send(u32(900000) + std::string(1, kSFTPVersion) + u32(3));
-  auto next = SFTPChannel::Clock::now();
-  transport->setWhenIdle([&](PeerTransport& to) {
-    if (SFTPChannel::Clock::now() < next) return;
-    next += std::chrono::milliseconds(1);
-    to.send("x");
-  });
-  channel = std::make_unique<SFTPChannel>(std::move(transport), transcript, std::chrono::milliseconds(50),
-                                          std::chrono::milliseconds(60000));
+  transport->setWhenIdle([](PeerTransport& to) { to.send("x"); });
+  channel = std::make_unique<SFTPChannel>(std::move(transport), transcript, std::chrono::seconds(2),
+                                          std::chrono::seconds(60));
   EXPECT_FALSE(channel->open(&error));
   EXPECT_EQ(kQuarnKitTimedOut, codeOf(error));
-}
-
-// Longer than the channels' idle limit, in which nobody calls them.
-void passTheIdleLimit() {
-  const auto end = SFTPChannel::Clock::now() + std::chrono::milliseconds(250);
-  while (SFTPChannel::Clock::now() < end) {
-  }
 }
 
 TEST_F(SFTPChannelTest, APauseBetweenRequestsIsNoSilence) {
   make([](const PeerRequest& request, PeerTransport& to) { to.send(statusReply(request.id, 0)); });
   peer->setWhenIdle([](PeerTransport&) {});
   ASSERT_TRUE(channel->open(&error));
-  passTheIdleLimit();
+  peer->letPass(2 * kIdleLimit);
   EXPECT_TRUE(channel->pump(std::chrono::milliseconds(0), &error)) << "an idle session is alive";
   EXPECT_TRUE(channel->wait(requests->remove("/a"), &error));
 }
@@ -289,7 +277,7 @@ TEST_F(SFTPChannelTest, APauseWithAbandonedRequestsUnderWayIsNoSilence) {
   ASSERT_TRUE(channel->open(&error));
   channel->abandon(requests->remove("/a"));
   ASSERT_TRUE(channel->pump(std::chrono::milliseconds(0), &error));
-  passTheIdleLimit();
+  peer->letPass(2 * kIdleLimit);
   EXPECT_TRUE(channel->wait(requests->remove("/b"), &error));
 }
 
@@ -297,7 +285,7 @@ TEST_F(SFTPChannelTest, WhatArrivedWhileThisThreadSleptIsTakenBeforeTheLimitCoun
   make([](const PeerRequest& request, PeerTransport& to) { to.send(statusReply(request.id, 0)); });
   ASSERT_TRUE(channel->open(&error));
   const uint32_t id = requests->remove("/a");
-  passTheIdleLimit();
+  peer->letPass(2 * kIdleLimit);
   EXPECT_TRUE(channel->wait(id, &error));
 }
 

@@ -21,8 +21,8 @@ struct PeerRequest {
 };
 
 // A transport whose far side is a function of the test: called for each whole packet of the client, it may
-// answer with any bytes. Both directions can be cut into pieces of `cut` bytes. No threads; by its clock
-// replies take as many round trips of a long line as the client waits for them.
+// answer with any bytes. Both directions can be cut into pieces of `cut` bytes. No threads; by its clock each
+// wait of the client takes a round trip of a long line, 100 ms, and nothing else takes any time.
 class PeerTransport final : public SFTPTransport {
  public:
   using Handler = std::function<void(const PeerRequest&, PeerTransport&)>;
@@ -43,6 +43,8 @@ class PeerTransport final : public SFTPTransport {
   size_t undelivered() const { return iToClient.size(); }
   // How often the client had to wait: a measure of round trips.
   size_t waits() const { return iWaits; }
+  // Time in which nobody calls.
+  void letPass(std::chrono::milliseconds time) { iNow += time; }
 
   [[nodiscard]] bool open(NSErrorRef* error) override;
   std::optional<Exchanged> exchange(std::span<const std::byte> outgoing, std::chrono::milliseconds limit,

@@ -22,6 +22,17 @@ std::string readFile(const std::string& name) {
 
 class SshTransfer : public SshTest {
  protected:
+  // With a limit of silence that is waited out: as short as this machine and its server can keep it.
+  int64_t logInImpatiently(const std::shared_ptr<const KCCredentials>& credentials) {
+    idleLimit = std::chrono::milliseconds(300);
+    int64_t code = logIn(credentials);
+    while (code == kQuarnKitTimedOut && idleLimit < std::chrono::seconds(20)) {
+      idleLimit *= 2;
+      code = logIn(credentials);
+    }
+    return code;
+  }
+
   std::unique_ptr<NSFileHandle> local = makeLocalFile(NSFileHandle::Kind::kScratch);
 };
 
@@ -112,14 +123,13 @@ TEST_F(SshTransfer, AServerThatFallsSilentIsLostAfterTheLimit) {
   FaultProxy proxy(server->port());
   auto credentials = keyCredentials();
   credentials->setPort(proxy.port());
-  idleLimit = std::chrono::milliseconds(300);
-  ASSERT_EQ(0, logIn(credentials)) << error->description();
+  ASSERT_EQ(0, logInImpatiently(credentials)) << error->description();
   const std::string path = remoteFile("content", pattern(8'000'000));
   proxy.stallAfter(proxy.arrived() + 2'000'000);
   const auto begin = std::chrono::steady_clock::now();
   EXPECT_FALSE(session->download(path, *local, 0, nullptr, control, &error));
   EXPECT_EQ(kQuarnKitTimedOut, codeOf(error));
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, idleLimit + std::chrono::seconds(10));
 }
 
 TEST_F(SshTransfer, AnUploadToAServerThatFallsSilentIsLostAfterTheLimit) {
@@ -127,8 +137,7 @@ TEST_F(SshTransfer, AnUploadToAServerThatFallsSilentIsLostAfterTheLimit) {
   FaultProxy proxy(server->port());
   auto credentials = keyCredentials();
   credentials->setPort(proxy.port());
-  idleLimit = std::chrono::milliseconds(300);
-  ASSERT_EQ(0, logIn(credentials)) << error->description();
+  ASSERT_EQ(0, logInImpatiently(credentials)) << error->description();
   const std::string content = pattern(40'000'000);
   local = makeLocalFile(NSFileHandle::Kind::kScratch, content);
   proxy.stallAfter(proxy.arrived() + 300);
@@ -314,7 +323,6 @@ TEST_F(SftpServerPipe, AProgramThatIsMissingOrEndsAtOnceIsAFailedConnection) {
   EXPECT_EQ(kQuarnKitCouldNotConnect, logIn(credentials));
   credentials->setOption("sftpServer", "/bin/true");
   EXPECT_EQ(kQuarnKitConnectionLost, logIn(credentials));
-  connectLimit = std::chrono::milliseconds(200);
   credentials->setOption("sftpServer", "/bin/cat");
   EXPECT_EQ(kQuarnKitProtocolError, logIn(credentials)) << "an echo is no answer";
 }
