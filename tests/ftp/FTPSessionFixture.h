@@ -21,13 +21,13 @@ inline const std::vector<std::string> kModernFeatures{
 
 class FTPSessionTest : public testing::Test {
  protected:
-  // An environment with short limits, and an engine, for that server.
+  // An environment and an engine for that server. The limits are for tests that fail: none waits for them.
   void prepare(const std::shared_ptr<KCCredentials>& credentials) {
     registerFTPEngine();
     environment.credentials = credentials;
     environment.transcript = transcript;
-    environment.connectLimit = std::chrono::milliseconds(3000);
-    environment.idleLimit = std::chrono::milliseconds(3000);
+    environment.connectLimit = std::chrono::seconds(20);
+    environment.idleLimit = std::chrono::seconds(20);
     engine = EngineRegistry::engineForCredentials(*credentials);
   }
   // A session that has logged in; null, with `error` filled, when that failed.

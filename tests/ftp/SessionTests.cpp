@@ -153,13 +153,16 @@ TEST_F(FTPSessions, PortsThatAreNoneEndTheSession) {
 
 TEST_F(FTPSessions, AServerThatThrowsAwayWhatCameEarlyIsAskedOneByOne) {
   // It answers the first of what came together and stays silent on the rest.
-  environment.connectLimit = std::chrono::milliseconds(300);
   prepare(server.credentials());
-  environment.connectLimit = std::chrono::milliseconds(300);
   server.setKeepsOnlyFirst(true);
+  environment.connectLimit = std::chrono::milliseconds(300);
   EXPECT_EQ(newSession(), nullptr);
   EXPECT_TRUE(failedWith(kQuarnKitTimedOut));
-  session = newSession();
+  // On a busy machine that login may have got no further than to the name.
+  for (int attempt = 0; session == nullptr && attempt < 3; ++attempt) {
+    environment.connectLimit *= 4;
+    session = newSession();
+  }
   ASSERT_NE(session, nullptr) << error->description();
   server.putFile("/file", "content");
   EXPECT_EQ(download("/file"), "content");
@@ -386,6 +389,8 @@ TEST_F(FTPSessions, APathFromTheHomeFolderGoesAsItIs) {
 
 TEST_F(FTPSessions, UTF8IsAskedForUnlessAnotherEncodingWasChosen) {
   server.setFeatures(kModernFeatures);
+  // As some servers answer that never speak anything else.
+  server.answer("OPTS UTF8", {"504 it is on already\r\n"});
   logIn();
   EXPECT_THAT(sent("OPTS UTF8"), ElementsAre("OPTS UTF8 ON"));
   FakeFTPServer other;
