@@ -121,7 +121,9 @@ class OrdinaryUser : public LifeCycle {
     ASSERT_EQ(copied.status, 0) << copied.errors;
     ASSERT_EQ(shell("chown -R " + account.name() + " " + user->home() + " " + data()).status, 0);
   }
-  void TearDown() override { chmod("/dev/fuse", fuse.st_mode & 07777); }
+  void TearDown() override {
+    if (fuse.st_mode != 0) chmod("/dev/fuse", fuse.st_mode & 07777);
+  }
 
   ShellResult as(const std::string& command) {
     return user->run("cd / && exec setpriv --reuid " + account.name() + " --regid " + account.name() +

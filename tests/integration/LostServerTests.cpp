@@ -107,9 +107,10 @@ TEST_F(LostServer, ACopyOfManyFilesTellsOfEachOneThatIsMissing) {
   ShellResult copied;
   std::thread copy([&] { copied = inVolume("cp -r ~/src ."); });
   for (const int count : {50, 150, 250}) {
-    EXPECT_TRUE(eventually([&] {
-      return shell("ls " + shellWord(data() + "/src") + " | wc -l").output >= std::to_string(count);
-    }));
+    const auto areThere = [&] {
+      return std::stoi(shell("ls " + shellWord(data() + "/src") + " | wc -l").output) >= count;
+    };
+    EXPECT_TRUE(eventually(areThere, 60)) << count;
     server->dropConnections();
   }
   copy.join();
