@@ -6,6 +6,7 @@
 
 #include "remote/QuarnKitError.h"
 #include "remote/VerboseTranscript.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/http/HTTPText.h"
 #include "remote/http/HTTPTranscript.h"
 
@@ -194,7 +195,7 @@ size_t HTTPExchange::takeHeader(char* bytes, size_t size, size_t count, void* se
     return 0;
   }
   exchange->addHeaderLine({bytes, size * count});
-  return size * count;
+  return exchange->iFailure == nullptr ? size * count : 0;
 }
 
 void HTTPExchange::addHeaderLine(std::string_view line) {
@@ -211,8 +212,11 @@ void HTTPExchange::addHeaderLine(std::string_view line) {
     iHeadIsDone = httpTrimmed(line).empty() && iResponse.status >= 200;
     return;
   }
-  iResponse.headers.push_back(
-      {std::string(httpTrimmed(line.substr(0, colon))), std::string(httpTrimmed(line.substr(colon + 1)))});
+  const HTTPHeader& header = iResponse.headers.emplace_back(HTTPHeader{
+      std::string(httpTrimmed(line.substr(0, colon))), std::string(httpTrimmed(line.substr(colon + 1)))});
+  // libcurl passes over a length that it cannot count: nobody would know then whether all has come.
+  if (httpEqual(header.name, "Content-Length") && !httpLength(header.value))
+    fail(kQuarnKitProtocolError, "the answer's length makes no sense");
 }
 
 void HTTPExchange::beginAnswer(std::string_view statusLine) {

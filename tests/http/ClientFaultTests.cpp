@@ -176,15 +176,33 @@ std::string manyHeaders() {
   return text + "\r\n";
 }
 
-INSTANTIATE_TEST_SUITE_P(Answers, HTTPClientNonsense,
-                         testing::Values(Nonsense{"AnotherProtocol", "220 ftp.example.org ready\r\n"},
-                                         Nonsense{"ManyHeaders", manyHeaders()},
-                                         Nonsense{"ALongHeader", "HTTP/1.1 200 OK\r\nX: " +
-                                                                     std::string(300'000, 'x') + "\r\n\r\n"},
-                                         Nonsense{"ALongBody", httpReply(200, std::string(1001, 'x')).bytes},
-                                         Nonsense{"ALongBodyOfUnknownLength",
-                                                  "HTTP/1.1 200 OK\r\n\r\n" + std::string(5000, 'x')}),
-                         [](const auto& test) { return test.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    Answers, HTTPClientNonsense,
+    testing::Values(Nonsense{"AnotherProtocol", "220 ftp.example.org ready\r\n"},
+                    Nonsense{"ManyHeaders", manyHeaders()},
+                    Nonsense{"ALongHeader",
+                             "HTTP/1.1 200 OK\r\nX: " + std::string(300'000, 'x') + "\r\n\r\n"},
+                    Nonsense{"ALengthThatNothingHas",
+                             "HTTP/1.1 200 OK\r\nContent-Length: "
+                             "99999999999999999999\r\n\r\nhello"},
+                    Nonsense{"ALengthBeyondAllOffsets",
+                             "HTTP/1.1 200 OK\r\nContent-Length: "
+                             "9223372036854775808\r\n\r\nhello"},
+                    Nonsense{"ANegativeLength", "HTTP/1.1 200 OK\r\nContent-Length: -5\r\n\r\nhello"},
+                    Nonsense{"ALengthInWords", "HTTP/1.1 200 OK\r\nContent-Length: five\r\n\r\nhello"},
+                    Nonsense{"ALongBody", httpReply(200, std::string(1001, 'x')).bytes},
+                    Nonsense{"ALongBodyOfUnknownLength", "HTTP/1.1 200 OK\r\n\r\n" + std::string(5000, 'x')}),
+    [](const auto& test) { return test.param.name; });
+
+TEST_F(HTTPClientTest, ALengthThatMakesNoSenseIsRefusedWhereThereIsNoBodyToo) {
+  serve([](const HTTPSeen&) {
+    HTTPReply reply;
+    reply.bytes = "HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\n";
+    return reply;
+  });
+  EXPECT_EQ(statusOf(request("HEAD")), 0);
+  EXPECT_EQ(code(), kQuarnKitProtocolError);
+}
 
 TEST_F(HTTPClientTest, ALongErrorDocumentIsCut) {
   serve([](const HTTPSeen&) { return httpReply(500, std::string(200'000, 'x')); });
