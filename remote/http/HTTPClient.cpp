@@ -31,6 +31,7 @@ constexpr long kSendBuffer = 128 * 1024;
 constexpr long kKeepAliveIdleSeconds = 10;
 constexpr long kKeepAliveIntervalSeconds = 5;
 constexpr int kKeepAliveProbes = 4;
+constexpr int kExpectationFailed = 417;
 // In milliseconds: how often a pause looks at the cancel mark.
 constexpr int64_t kPauseLook = 100;
 
@@ -170,7 +171,13 @@ std::optional<HTTPResponse> HTTPClient::State::exchange(const HTTPRequest& reque
   run.prepare(authenticator ? authenticator->authorization(request.method, url.path + url.query) : "");
   if (run.run()) {
     hasAnswered = true;
-    return std::move(run.response());
+    // A server that does not know what it is to agree to.
+    const bool isMisunderstood =
+        request.asksLeave && run.response().status == kExpectationFailed && !run.hasAskedSource();
+    if (!isMisunderstood) return std::move(run.response());
+    HTTPRequest plain = request;
+    plain.asksLeave = false;
+    return exchange(plain, url, error);
   }
   const NSErrorRef failure = explain(run, url);
   noteFailure(failure);

@@ -54,6 +54,9 @@ struct HTTPRequest {
   // How long neither side may send a byte; absent: the environment's idle limit. For what servers are long
   // silent about (a copy, a move).
   std::optional<std::chrono::milliseconds> patience;
+  // The body is not begun before the server has agreed to take it, or has said nothing for a second: a
+  // refusal then comes before anything is taken from the source.
+  bool asksLeave = false;
   TransferControl* control =
       nullptr;  // asked for cancellation at least every 100 ms; progress is the caller's
 };

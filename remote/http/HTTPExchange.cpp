@@ -95,8 +95,8 @@ void HTTPExchange::prepareHeaders(const std::string& authorization) {
     // libcurl takes "Name:" as the wish to leave a header out, and "Name;" as one without a value.
     appendLine(iHeaders, header.value.empty() ? header.name + ";" : header.name + ": " + header.value);
   }
-  // Nobody waits for "100 Continue": what may be refused is asked for without a body first.
-  appendLine(iHeaders, "Expect:");
+  // Mostly nobody waits for "100 Continue": what may be refused is asked for without a body first.
+  appendLine(iHeaders, iRequest.asksLeave ? "Expect: 100-continue" : "Expect:");
   if (iRequest.body && !hasType) appendLine(iHeaders, "Content-Type:");
   if (!authorization.empty()) appendLine(iHeaders, "Authorization: " + authorization);
   curl_easy_setopt(iSurroundings.easy, CURLOPT_HTTPHEADER, iHeaders.get());
@@ -182,7 +182,8 @@ int HTTPExchange::aboutToSend(void* self, char*, char*, int, int) {
 
 bool HTTPExchange::mayRepeat() const {
   if (isSafeMethod(iRequest.method)) return true;
-  return iRequest.method == "PUT" && iRequest.body && (!iRequest.body->source || iRequest.body->rewind);
+  if (iRequest.method != "PUT" || !iRequest.body) return false;
+  return !iRequest.body->source || iRequest.body->rewind || !iSourceWasAsked;
 }
 
 size_t HTTPExchange::takeHeader(char* bytes, size_t size, size_t count, void* self) {
@@ -278,6 +279,7 @@ size_t HTTPExchange::giveBody(char* bytes, size_t size, size_t count, void* self
 
 size_t HTTPExchange::fillFromSource(std::byte* buffer, size_t capacity) {
   const HTTPBody& body = *iRequest.body;
+  iSourceWasAsked = true;
   const size_t given = body.source(buffer, capacity);
   // A body that ends before its length would leave the server waiting for the rest.
   const bool endsShort = given == 0 && body.length && iBodyOffset < *body.length;

@@ -54,6 +54,8 @@ class HTTPExchange {
   const NSErrorRef& failure() const { return iFailure; }
   // Whether the request went out on a connection at all: then the server may have seen it.
   bool wasSent() const { return iAttempts > 0; }
+  // Whether the body's source was asked for anything: what it gave cannot be had again.
+  bool hasAskedSource() const { return iSourceWasAsked; }
   // Why the end came without an answer, for those who map libcurl's codes.
   CURLcode result() const { return iResult; }
   const char* words() const { return iWords.data(); }
@@ -100,6 +102,7 @@ class HTTPExchange {
   size_t iHeaderBytes = 0;
   size_t iCutBytes = 0;  // of a refusal's body, not kept
   int iAttempts = 0;
+  bool iSourceWasAsked = false;
   bool iHeadIsDone = false;
   bool iEndsEarly = false;  // the answer is whole for our purposes, though more would come
 };

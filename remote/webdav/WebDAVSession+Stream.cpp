@@ -41,6 +41,8 @@ bool WebDAVSession::stream(const std::function<size_t(std::byte*, size_t)>& next
   request.body = std::move(body);
   request.patience = std::max<std::chrono::milliseconds>(kStreamPatience, iEnvironment.idleLimit);
   request.control = &control;
+  // What a server refuses at once has not been taken from the writer then, who can send it as a whole.
+  request.asksLeave = !iFacts->storesStreams.load();
   const std::optional<HTTPResponse> response = send(std::move(request), error);
   if (response && refusesChunks(response->status)) {
     iFacts->refusesStreams.store(true);

@@ -269,6 +269,21 @@ TEST_F(HTTPClientTest, ARefusalBeforeTheEndOfTheBodyIsTheAnswer) {
   EXPECT_EQ(statusOf(put), 411);
 }
 
+TEST_F(HTTPClientTest, ARefusalOfWhatAskedLeaveComesBeforeTheSourceIsAsked) {
+  serve([](const HTTPSeen&) { return httpReply(201); });
+  server->setBeforeBody([](const HTTPSeen&) { return httpReply(411, "", "Connection: close\r\n"); });
+  int asked = 0;
+  HTTPRequest put = request("PUT");
+  put.body = HTTPBody{};
+  put.body->source = [&asked](std::byte*, size_t) -> size_t {
+    ++asked;
+    return 0;
+  };
+  put.asksLeave = true;
+  EXPECT_EQ(statusOf(put), 411);
+  EXPECT_EQ(asked, 0);
+}
+
 TEST_F(HTTPClientTest, OtherSchemesAreRefused) {
   serve([](const HTTPSeen&) { return httpReply(200); });
   for (const char* url :

@@ -49,6 +49,30 @@ TEST_F(HTTPClientTest, SendsASourceWithItsLengthOrInChunks) {
   }
 }
 
+TEST_F(HTTPClientTest, ABodyThatAsksLeaveIsSentWhenTheServerAgrees) {
+  serve([](const HTTPSeen&) { return httpReply(201); });
+  HTTPRequest put = request("PUT");
+  put.body = pieces("content", false, false);
+  put.asksLeave = true;
+  EXPECT_EQ(statusOf(put), 201);
+  EXPECT_EQ(server->seen().at(0).header("expect"), "100-continue");
+  EXPECT_EQ(server->seen().at(0).body, "content");
+}
+
+// As older servers answer, and what stands before them.
+TEST_F(HTTPClientTest, WhereLeaveCannotBeAskedForTheBodyIsSentWithoutIt) {
+  serve([](const HTTPSeen&) { return httpReply(201); });
+  server->setBeforeBody([](const HTTPSeen& head) -> std::optional<HTTPReply> {
+    if (head.header("expect").empty()) return std::nullopt;
+    return httpReply(417, "", "Connection: close\r\n");
+  });
+  HTTPRequest put = request("PUT");
+  put.body = pieces("content", false, false);
+  put.asksLeave = true;
+  EXPECT_EQ(statusOf(put), 201);
+  EXPECT_EQ(server->seen().back().body, "content");
+}
+
 TEST_F(HTTPClientTest, HEADHasAHeadAlone) {
   serve([](const HTTPSeen&) {
     HTTPReply reply;

@@ -203,6 +203,7 @@ void HTTPServer::serve(int socket, int number) {
       seen.hasWholeBody = reader.readBody(&seen);
       break;
     }
+    if (seen.header("expect") == "100-continue" && !sendAll(socket, "HTTP/1.1 100 Continue\r\n\r\n")) break;
     seen.hasWholeBody = reader.readBody(&seen);
     // The script knows before the test does.
     const HTTPReply reply = seen.hasWholeBody ? iScript(seen) : httpHangUp();

@@ -69,7 +69,8 @@ class HTTPServer {
   void waitForRequests(size_t count) const EXCLUDES(iCondition);
   // Connections that were made.
   int connections() const EXCLUDES(iCondition);
-  // Answered as soon as the head is there, without a look at the body; the connection ends behind it.
+  // Answered as soon as the head is there, without a look at the body; the connection ends behind it. Whoever
+  // asks for leave to send a body, and is not answered so, gets it.
   void setBeforeBody(std::function<std::optional<HTTPReply>(const HTTPSeen& head)> script) {
     iBeforeBody = std::move(script);
   }

@@ -91,6 +91,35 @@ TEST_F(WebDAVSessionTest, ALoginThatIsSentToAnotherServerNamesIt) {
   EXPECT_EQ(server->seen().size(), 1u);
 }
 
+// The names in the "prop" of a question.
+std::vector<std::string> propertiesIn(const std::string& body) {
+  std::vector<std::string> names;
+  for (size_t end = body.find("/>"); end != std::string::npos; end = body.find("/>", end + 1)) {
+    const size_t begin = body.rfind("<D:", end) + 3;
+    names.push_back(body.substr(begin, end - begin));
+  }
+  return names;
+}
+
+TEST_F(WebDAVSessionTest, NoMoreIsAskedForThanIsUsed) {
+  serve([](const HTTPSeen& seen) { return davAnswer({davItem(seen.target)}); });
+  std::vector<RemoteEntry> entries;
+  EXPECT_TRUE(session->list("/a", &entries, &error)) << error->description();
+  EXPECT_TRUE(session->attributes("/a", nullptr, &error)) << error->description();
+  EXPECT_FALSE(session->fileSystemAttributes("/a", &error)) << "the answer told no quota";
+  const std::vector<HTTPSeen> seen = server->seen();
+  ASSERT_EQ(seen.size(), 3u);
+  EXPECT_EQ(seen[0].header("depth"), "1");
+  EXPECT_EQ(seen[1].header("depth"), "0");
+  EXPECT_EQ(seen[2].header("depth"), "0");
+  for (const size_t look : {size_t{0}, size_t{1}}) {
+    EXPECT_THAT(propertiesIn(seen[look].body),
+                ElementsAre("resourcetype", "getcontentlength", "getlastmodified", "creationdate"));
+  }
+  EXPECT_THAT(propertiesIn(seen[2].body),
+              ElementsAre("resourcetype", "quota-available-bytes", "quota-used-bytes"));
+}
+
 TEST_F(WebDAVSessionTest, AFolderWithoutItsSlashIsFollowedToTheOneWith) {
   serve([](const HTTPSeen& seen) {
     if (!seen.target.ends_with('/')) return httpReply(301, "", "Location: " + seen.target + "/\r\n");

@@ -58,6 +58,8 @@ TEST_F(WebDAVSessionTest, ANewLargeFileIsSentBesideAndMovedIntoItsPlace) {
   ASSERT_TRUE(upload("/a", kLargeUpload)) << error->description();
   EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "MOVE /TEMP"));
   EXPECT_TRUE(server->seen().at(0).body == kLargeUpload);
+  EXPECT_EQ(server->seen().at(0).header("content-length"), std::to_string(kLargeUpload.size()));
+  EXPECT_EQ(server->seen().at(0).header("transfer-encoding"), "") << "not every server takes that";
   EXPECT_EQ(server->seen().at(1).header("destination"), server->url("/a"));
   EXPECT_EQ(server->seen().at(1).header("overwrite"), "F");
   EXPECT_EQ(control.reached.back(), kLargeUpload.size());
@@ -190,7 +192,27 @@ TEST_F(WebDAVSessionTest, AStreamIsSentInChunksAndMeasuredOnceForTheServer) {
   EXPECT_EQ(server->seen().at(0).header("transfer-encoding"), "chunked");
   ASSERT_TRUE(stream("/a", std::string(6000, 'x')));
   EXPECT_THAT(lines(), ElementsAre("PUT /a", "PROPFIND /a", "PUT /a"));
+  EXPECT_EQ(server->seen().at(0).header("expect"), "100-continue");
+  EXPECT_EQ(server->seen().at(2).header("expect"), "") << "by then it is known to take streams";
   EXPECT_EQ(control.reached.back(), 6000u);
+}
+
+// Who writes finds out before the first write has succeeded, and sends the whole file later.
+TEST_F(WebDAVSessionTest, AStreamThatIsRefusedTakesNothingFromItsWriter) {
+  for (const int status : {411, 501}) {
+    facts = std::make_shared<WebDAVFacts>();
+    serve(OneItemServer{});
+    server->setBeforeBody(
+        [status](const HTTPSeen&) { return httpReply(status, "", "Connection: close\r\n"); });
+    int taken = 0;
+    const auto next = [&taken](std::byte*, size_t) -> size_t {
+      ++taken;
+      return 0;
+    };
+    EXPECT_FALSE(session->stream(next, "/a", control, &error)) << status;
+    EXPECT_EQ(code(), kQuarnKitNotSupported) << status;
+    EXPECT_EQ(taken, 0) << status;
+  }
 }
 
 TEST_F(WebDAVSessionTest, AnEmptyStreamMakesAnEmptyFile) {
