@@ -52,7 +52,7 @@ void takeFact(std::string_view name, std::string_view value, FTPItem* item) {
   if (ftpEqual(name, "type")) {
     takeType(value, item);
   } else if (ftpEqual(name, "size")) {
-    attributes.fileSize = ftpNumber<uint64_t>(value);
+    attributes.fileSize = ftpLength(value);
   } else if (ftpEqual(name, "modify")) {
     attributes.modificationDate = dateOfFTPTime(value);
   } else if (ftpEqual(name, "create")) {

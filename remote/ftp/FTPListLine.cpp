@@ -188,12 +188,11 @@ bool takeColumns(std::string_view line, NSDate now, FTPItem* item) {
   std::array<ListWord, kMostWords> words;
   const size_t count = splitListLine(line, &words);
   for (size_t i = 2; i + 2 < count; ++i) {
-    const auto size = ftpNumber<uint64_t>(words[i - 1].text);
-    if (!size) continue;
+    if (!ftpNumber<uint64_t>(words[i - 1].text)) continue;
     auto date = dateInDigits(&words[i]);
     if (!date && i + 3 < count) date = dateWithMonthName(&words[i], now);
     if (!date) continue;
-    item->entry.attributes.fileSize = size;
+    item->entry.attributes.fileSize = ftpLength(words[i - 1].text);
     item->entry.attributes.modificationDate = date->date;
     item->links = ftpNumber<uint64_t>(words[1].text).value_or(1);
     if (const auto owner = ftpNumber<uint32_t>(words[2].text); owner && i > 4) {
@@ -267,8 +266,8 @@ std::optional<FTPItem> itemOfDOSLine(std::string_view line) {
   FTPItem item;
   item.entry.attributes.modificationDate = dateOfDOS(day, time);
   if (!item.entry.attributes.modificationDate || rest.size() < 2 || rest[0] != ' ') return std::nullopt;
-  if (const auto size = ftpNumber<uint64_t>(sizeOrKind)) {
-    item.entry.attributes.fileSize = size;
+  if (ftpNumber<uint64_t>(sizeOrKind)) {
+    item.entry.attributes.fileSize = ftpLength(sizeOrKind);
     item.entry.name = rest.substr(1);
     return item;
   }

@@ -27,7 +27,7 @@ std::optional<FTPItem> itemOfSTAT(const FTPReply& reply, std::string_view path, 
 }
 
 std::optional<uint64_t> sizeOfReply(const FTPReply& reply) {
-  return reply.isPositive() ? ftpNumber<uint64_t>(ftpTrimmed(reply.text())) : std::nullopt;
+  return reply.isPositive() ? ftpLength(ftpTrimmed(reply.text())) : std::nullopt;
 }
 
 std::optional<NSDate> dateOfReply(const FTPReply& reply) {

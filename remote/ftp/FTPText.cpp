@@ -1,6 +1,7 @@
 #include "remote/ftp/FTPText.h"
 
 #include <algorithm>
+#include <limits>
 
 namespace ombra {
 
@@ -17,6 +18,12 @@ bool ftpEqual(std::string_view left, std::string_view right) {
 bool ftpContains(std::string_view text, std::string_view part) {
   return std::search(text.begin(), text.end(), part.begin(), part.end(),
                      [](char a, char b) { return lower(a) == b; }) != text.end();
+}
+
+std::optional<uint64_t> ftpLength(std::string_view text) {
+  const auto length = ftpNumber<uint64_t>(text);
+  const bool isOne = length && *length <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
+  return isOne ? length : std::nullopt;
 }
 
 std::string_view ftpTrimmed(std::string_view text) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <charconv>
+#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -25,5 +26,8 @@ std::optional<Number> ftpNumber(std::string_view text, int base = 10) {
     return std::nullopt;
   return value;
 }
+
+// A length in bytes. Absent for more than a signed number of 64 bits holds: offsets are signed in the system.
+std::optional<uint64_t> ftpLength(std::string_view text);
 
 }  // namespace ombra

@@ -65,8 +65,14 @@ const ListCase kListCases[] = {
     {"crw-rw-rw-   1 root root 1, 3 Nov  5  2021 null", "null", kNodeTypeFile, 3, at(1636070400), 0666},
     {"d [R----F--] supervisor            512       Jan 16 18:53    login", "   login", kNodeTypeFolder,
      std::nullopt, at(1705431180)},
-    {"-rw-r--r--   1 a b 18446744073709551615 Nov  5  2021 huge", "huge", kNodeTypeFile, UINT64_MAX,
+    // The longest file that there can be, and longer ones, whose length is not known then.
+    {"-rw-r--r--   1 a b 9223372036854775807 Nov  5  2021 huge", "huge", kNodeTypeFile, INT64_MAX,
      at(1636070400), 0644},
+    {"-rw-r--r--   1 a b 9223372036854775808 Nov  5  2021 more", "more", kNodeTypeFile, std::nullopt,
+     at(1636070400), 0644},
+    {"-rw-r--r--   1 a b 18446744073709551615 Nov  5  2021 most", "most", kNodeTypeFile, std::nullopt,
+     at(1636070400), 0644},
+    {"05-14-24  09:30AM 18446744073709551615 most", "most", kNodeTypeFile, std::nullopt, at(1715679000)},
     // DOS.
     {"05-14-24  09:30AM                  184 iisstart.htm", "iisstart.htm", kNodeTypeFile, 184,
      at(1715679000)},
@@ -185,6 +191,15 @@ TEST(FTPFacts, ValuesThatMakeNoSenseAreLeftOut) {
   const auto item = itemOfFacts("type=file;size=-1;modify=yesterday;UNIX.mode=rwx;UNIX.uid=root; x");
   ASSERT_TRUE(item.has_value());
   EXPECT_EQ(item->entry.attributes, NSFileAttributes());
+}
+
+TEST(FTPFacts, ALengthThatNoFileHasIsLeftOut) {
+  EXPECT_EQ(itemOfFacts("size=9223372036854775807; x")->entry.attributes.fileSize, uint64_t{INT64_MAX});
+  for (const char* line : {"size=9223372036854775808; x", "size=18446744073709551615; x",
+                           "size=99999999999999999999; x", "size=1 GB; x"}) {
+    ASSERT_TRUE(itemOfFacts(line).has_value()) << line;
+    EXPECT_FALSE(itemOfFacts(line)->entry.attributes.fileSize.has_value()) << line;
+  }
 }
 
 TEST(FTPFacts, WhatIsNoFactLineIsNone) {

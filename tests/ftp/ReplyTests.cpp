@@ -207,6 +207,16 @@ TEST(FTPErrors, TooManySessionsAreToldFromAWrongPassword) {
   EXPECT_FALSE(isTooManyFTPSessions({230, {"2 users are already connected"}}));
 }
 
+TEST(FTPReplyItems, LengthsAreThoseThatAFileCanHave) {
+  EXPECT_EQ(sizeOfReply({213, {" 7 "}}), 7u);
+  EXPECT_EQ(sizeOfReply({213, {"9223372036854775807"}}), uint64_t{INT64_MAX});
+  for (const char* text :
+       {"9223372036854775808", "18446744073709551615", "99999999999999999999", "-1", "7 bytes", ""}) {
+    EXPECT_FALSE(sizeOfReply({213, {text}}).has_value()) << text;
+  }
+  EXPECT_FALSE(sizeOfReply({550, {"7"}}).has_value());
+}
+
 TEST(FTPReplyItems, MLSTTellsOfOneItem) {
   const auto item = itemOfMLST({250, {"Begin", " type=file;size=5;UNIX.mode=0640; /a b/c", "End"}});
   ASSERT_TRUE(item.has_value());

@@ -65,6 +65,7 @@ void tryItem(const std::optional<FTPItem>& item) {
   expect(!item->entry.name.empty());
   expect(item->entry.name.find('\n') == std::string::npos);
   expect(item->entry.attributes.posixPermissions.value_or(0) <= 07777);
+  expect(item->entry.attributes.fileSize.value_or(0) <= INT64_MAX);
   if (item->entry.attributes.modificationDate) (void)ftpTimeOfDate(*item->entry.attributes.modificationDate);
 }
 
