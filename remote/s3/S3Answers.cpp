@@ -1,5 +1,6 @@
 #include "remote/s3/S3Answers.h"
 
+#include <algorithm>
 #include <pugixml.hpp>
 
 #include "remote/http/HTTPDate.h"
@@ -9,8 +10,10 @@
 namespace ombra {
 namespace {
 
-// No document types, no entities of their own, no comments; a name that is a blank stays one.
-constexpr unsigned kParsing = pugi::parse_escapes | pugi::parse_cdata | pugi::parse_ws_pcdata_single;
+// No entities of a document's own, no comments; a name that is a blank stays one. Document types are read to
+// be seen.
+constexpr unsigned kParsing =
+    pugi::parse_escapes | pugi::parse_cdata | pugi::parse_ws_pcdata_single | pugi::parse_doctype;
 constexpr size_t kLongestWord = 1024;
 
 std::string_view localName(const pugi::xml_node& node) {
@@ -19,9 +22,13 @@ std::string_view localName(const pugi::xml_node& node) {
   return colon == std::string_view::npos ? name : name.substr(colon + 1);
 }
 
+bool isDocumentType(const pugi::xml_node& node) { return node.type() == pugi::node_doctype; }
+
 // The root element when it has that name.
 pugi::xml_node load(pugi::xml_document& document, std::string_view text, std::string_view rootName) {
   if (!document.load_buffer(text.data(), text.size(), kParsing, pugi::encoding_utf8)) return {};
+  // No server has a use for one but to make documents grow.
+  if (std::any_of(document.begin(), document.end(), isDocumentType)) return {};
   const pugi::xml_node root = document.document_element();
   return localName(root) == rootName ? root : pugi::xml_node();
 }

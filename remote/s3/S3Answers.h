@@ -12,8 +12,8 @@
 
 namespace ombra {
 
-// Each reader takes a whole body and is absent where it is no document of that kind. Prefixes of names are
-// ignored; entities other than XML's own five are left as they stand, and a document type is skipped.
+// Each reader takes a whole body and is absent where it is no document of that kind, or has a document type.
+// Prefixes of names are ignored; entities other than XML's own five are left as they stand.
 
 struct S3Bucket {
   std::string name;

@@ -82,13 +82,29 @@ TEST(S3Answers, WhatIsNoListingIsNotTakenForOne) {
   for (const std::string& document : table) EXPECT_FALSE(s3Listing(document).has_value()) << document;
 }
 
-TEST(S3Answers, EntitiesOfADocumentsOwnAreNeverExpanded) {
+TEST(S3Answers, EntitiesAreThoseOfTheLanguageAlone) {
   const auto listing = s3Listing(
-      "<!DOCTYPE b [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\"><!ENTITY f SYSTEM "
-      "\"file:///etc/passwd\">]><ListBucketResult><Contents><Key>&b;&f;</Key><Size>1</Size></Contents>"
-      "</ListBucketResult>");
+      "<ListBucketResult><Contents><Key>&lt;&#x41;&b;&f;</Key><Size>1</Size></Contents></ListBucketResult>");
   ASSERT_TRUE(listing.has_value());
-  EXPECT_THAT(keysOf(*listing), ElementsAre("&b;&f;"));
+  EXPECT_THAT(keysOf(*listing), ElementsAre("<A&b;&f;"));
+}
+
+// Entities of a document's own would make it grow, or bring in what lies elsewhere.
+TEST(S3Answers, DocumentsWithATypeOfTheirOwnAreRefused) {
+  const std::string entities =
+      "[<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\"><!ENTITY f SYSTEM "
+      "\"file:///etc/passwd\">]";
+  for (const std::string& type : {"<!DOCTYPE b " + entities + ">", std::string("<!DOCTYPE b>"),
+                                  "<?xml version=\"1.0\"?>\n<!-- b -->\n<!DOCTYPE b " + entities + ">\n"}) {
+    EXPECT_FALSE(s3Listing(type + "<ListBucketResult><Contents><Key>&b;&f;</Key><Size>1</Size></Contents>"
+                                  "</ListBucketResult>")
+                     .has_value())
+        << type;
+    EXPECT_FALSE(s3Buckets(type + "<ListAllMyBucketsResult/>").has_value()) << type;
+    EXPECT_FALSE(s3IsCompleted(type + "<CompleteMultipartUploadResult/>")) << type;
+  }
+  EXPECT_FALSE(s3Listing("<ListBucketResult><!DOCTYPE b></ListBucketResult>").has_value());
+  EXPECT_TRUE(s3Listing("<?xml version=\"1.0\"?>\n<!-- b -->\n<ListBucketResult/>").has_value());
 }
 
 TEST(S3Answers, DeepNestingIsSurvived) {

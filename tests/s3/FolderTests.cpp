@@ -81,6 +81,8 @@ TEST_F(S3Folders, KeysMakeFoldersWithAndWithoutMarkers) {
 
 TEST_F(S3Folders, KeysThatAreNoPathsAreNotListed) {
   for (const char* key : {"a//b", "/c", "a/./x", "../d", "a/ok", "."}) store().put(key, "x");
+  store().put(std::string("a/zero\0byte", 11), "x");
+  store().put(std::string("zero\0folder/x", 13), "x");
   EXPECT_THAT(names("/test"), ElementsAre("a/"));
   EXPECT_THAT(names("/test/a"), ElementsAre("ok"));
 }
@@ -123,6 +125,23 @@ TEST_F(S3Folders, AListingOfOtherKeysIsRefused) {
   std::vector<RemoteEntry> entries;
   EXPECT_FALSE(session().list("/test/here", &entries, &iError));
   EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError}));
+}
+
+TEST_F(S3Folders, WhatIsNoListingIsRefused) {
+  const std::string listing =
+      "<ListBucketResult><Contents><Key>here/x</Key><Size>1</Size></Contents></ListBucketResult>";
+  const std::string table[] = {
+      "", "<html>Sign in</html>", listing.substr(0, listing.size() - 5),
+      "<!DOCTYPE a [<!ENTITY a \"aaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;\">]>" + listing,
+      "<ListBucketResult><Contents><Key>here/x</Key><Size>99999999999999999999</Size></Contents>"
+      "</ListBucketResult>"};
+  for (const std::string& body : table) {
+    store().setIntercept([body](const HTTPSeen&) { return httpReply(200, body); });
+    std::vector<RemoteEntry> entries;
+    EXPECT_FALSE(session().list("/test/here", &entries, &iError)) << body;
+    EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError})) << body;
+    EXPECT_THAT(entries, IsEmpty()) << body;
+  }
 }
 
 TEST_F(S3Folders, AnEmptyBucketIsAnEmptyFolder) { EXPECT_THAT(names("/test"), IsEmpty()); }

@@ -82,6 +82,7 @@ TEST(S3Recovery, AServerThatSendsUsFromRegionToRegionIsGivenUp) {
   });
   NSErrorRef error;
   EXPECT_FALSE(listTop(server.session(), &error));
+  EXPECT_TRUE(hasCode(error, {kQuarnKitRefused}));
   EXPECT_LE(count, 4);
 }
 
@@ -91,6 +92,7 @@ TEST(S3Recovery, ARegionThatIsNoneIsNotAdopted) {
       [](const HTTPSeen&) { return httpReply(301, "", "x-amz-bucket-region: evil.example/x\r\n"); });
   NSErrorRef error;
   EXPECT_FALSE(listTop(server.session(), &error));
+  EXPECT_TRUE(hasCode(error, {kQuarnKitRefused}));
   EXPECT_EQ(server.store().asked().size(), 1u);
 }
 
