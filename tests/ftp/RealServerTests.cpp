@@ -141,6 +141,19 @@ TEST_P(FTPServers, AListingThatIsRefusedDoesNotEndTheSession) {
   EXPECT_EQ(download(root + "/file"), "content");
 }
 
+// Servers keep the place where a refused transfer was to begin, for the next one.
+TEST_P(FTPServers, ARestartWhoseTransferIsRefusedTouchesNoLaterOne) {
+  server->putFile(root + "/file", "content");
+  const auto missing = temporaryFile("1234");
+  std::string version;
+  EXPECT_FALSE(session->download(root + "/missing", *missing, 4, &version, control, &error));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitNoSuchItem)) << error->description();
+  EXPECT_EQ(download(root + "/file"), "content");
+  EXPECT_FALSE(session->download(root + "/missing", *missing, 4, &version, control, &error));
+  ASSERT_TRUE(upload(root + "/file", "new content")) << error->description();
+  EXPECT_EQ(server->storedContent(root + "/file"), "new content");
+}
+
 TEST_P(FTPServers, AReplacedFileIsAnotherOneWithTheSameModeAndNothingStaysBeside) {
   server->putFile(root + "/file", "old");
   ASSERT_EQ(chmod((root + "/file").c_str(), 0640), 0);
