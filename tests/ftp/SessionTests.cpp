@@ -391,8 +391,6 @@ TEST_F(FTPSessions, UTF8IsAskedForUnlessAnotherEncodingWasChosen) {
   server.setFeatures(kModernFeatures);
   // As some servers answer that never speak anything else.
   server.answer("OPTS UTF8", {"504 it is on already\r\n"});
-  // As some servers answer that never speak anything else.
-  server.answer("OPTS UTF8", {"504 it is on already\r\n"});
   logIn();
   EXPECT_THAT(sent("OPTS UTF8"), ElementsAre("OPTS UTF8 ON"));
   FakeFTPServer other;

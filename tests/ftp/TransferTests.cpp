@@ -214,36 +214,6 @@ TEST_F(FTPTransfers, AnOlderServerTellsAChangedFileByItsLengthAndDateToo) {
   EXPECT_TRUE(failedWith(kQuarnKitItemChanged)) << "another length";
 }
 
-// As long as before: the date alone tells.
-TEST_F(FTPTransfers, ADownloadOfAFileWithAnotherDateDoesNotGoOn) {
-  logIn();
-  server.putFile("/file", "0123456789");
-  EXPECT_EQ(download("/file"), "0123456789");
-  server.answer(
-      "MLST /file",
-      {"250-Begin\r\n type=file;size=10;modify=20240514093001;UNIX.mode=0644; /file\r\n250 End\r\n"});
-  EXPECT_FALSE(download("/file", 4).has_value());
-  EXPECT_TRUE(failedWith(kQuarnKitItemChanged));
-  EXPECT_THAT(sent("REST "), IsEmpty());
-}
-
-TEST_F(FTPTransfers, AnOlderServerTellsAChangedFileByItsLengthAndDateToo) {
-  server.setFeatures({"SIZE", "MDTM", "REST STREAM", "EPSV"});
-  logIn();
-  server.putFile("/file", "0123456789");
-  EXPECT_EQ(download("/file"), "0123456789");
-  EXPECT_EQ(download("/file", 4), "456789");
-  const std::string known = version;
-  server.answer("MDTM /file", {"213 20240514093001\r\n"});
-  EXPECT_FALSE(download("/file", 4).has_value());
-  EXPECT_TRUE(failedWith(kQuarnKitItemChanged)) << "another date";
-  server.answer("MDTM /file", {"213 20240514093000\r\n"});
-  server.putFile("/file", "0123456789a");
-  version = known;
-  EXPECT_FALSE(download("/file", 4).has_value());
-  EXPECT_TRUE(failedWith(kQuarnKitItemChanged)) << "another length";
-}
-
 TEST_F(FTPTransfers, ARestartThatWasNotUsedIsTakenBack) {
   logIn();
   server.putFile("/file", "0123456789");
