@@ -18,7 +18,8 @@ bool NSCondition::waitUntilDate(NSDate limit) {
   bool woken = true;
   if (clock.isManual()) {
     clock.willWait(*this);
-    iCondition.wait(adopted);
+    // It may have moved past the limit before it knew of this wait, and then wakes nobody for that.
+    if (clock.now() < limit) iCondition.wait(adopted);
     clock.didWait(*this);
     woken = clock.now() < limit;
   } else {

@@ -52,6 +52,26 @@ TEST(Condition, WaitEndsWhenTheManualClockPassesItsLimit) {
   EXPECT_FALSE(inTime);
 }
 
+// Moves between the look at the time and the wait.
+class MovingClock final : public Clock {
+ public:
+  MovingClock() { Clock::setCurrent(this); }
+  ~MovingClock() override { Clock::setCurrent(nullptr); }
+  NSDate now() const override { return iNow; }
+  bool isManual() const override { return true; }
+  void willWait(NSCondition&) override { iNow = iNow.dateByAddingTimeInterval(10); }
+
+ private:
+  NSDate iNow;
+};
+
+TEST(Condition, WaitEndsWhenTheManualClockPassesItsLimitBeforeItBegins) {
+  MovingClock clock;
+  NSCondition condition;
+  ConditionLock lock(condition);
+  EXPECT_FALSE(condition.waitUntilDate(NSDate::dateWithTimeIntervalSinceNow(10)));
+}
+
 // The double itself: tests go by what it tells of others.
 TEST(ManualClock, TellsTimedWaitsUnderWayAndThoseThatHaveBegun) {
   ManualClock clock;
