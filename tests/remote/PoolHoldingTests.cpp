@@ -104,10 +104,8 @@ TEST_F(PoolHolding, ATransferEndsTheHoldFirst) {
 
 TEST_F(PoolHolding, AHoldEndsAfterASecondAndNotBefore) {
   EXPECT_TRUE(upload("/a"));
-  clock.waitForSleepers(1);
-  clock.advance(0.9);
+  clock.advanceWithin(0.9, 1);
   EXPECT_EQ(endsOfHold(), 0);
-  clock.waitForSleepers(1);
   clock.advance(0.2);
   file->extents()->waitUntilSent();
   EXPECT_EQ(endsOfHold(), 1);
@@ -120,9 +118,7 @@ TEST_F(PoolHolding, WhatWasOpenedAheadIsClosedAfterASecondAndNotBefore) {
   fake.engine->onEndOfOpenedAhead = [&] { closed.set_value(clock.now()); };
   EXPECT_TRUE(fake.list());
   const NSDate begun = clock.now();
-  clock.waitForSleepers(1);
-  clock.advance(0.9);
-  clock.waitForSleepers(1);
+  clock.advanceWithin(0.9, 1);
   clock.advance(0.2);
   EXPECT_GE(closed.get_future().get().timeIntervalSinceDate(begun), 1.0);
   EXPECT_EQ(fake.engine->living, 1) << "the session itself stays";
@@ -134,8 +130,7 @@ TEST_F(PoolHolding, WhatWasOpenedAheadStaysAsLongAsTheSessionIsUsed) {
   fake.engine->onEndOfOpenedAhead = [&] { ++ends; };
   for (int i = 0; i < 4; ++i) {
     EXPECT_TRUE(fake.list());
-    clock.waitForSleepers(1);
-    clock.advance(0.9);
+    clock.advanceWithin(0.9, 1);
   }
   EXPECT_EQ(ends, 0);
   EXPECT_EQ(fake.engine->made, 1);

@@ -150,10 +150,7 @@ TEST_F(PutOff, OneSessionMakesWhatAnotherOneBringsTheContentOf) {
 
 TEST_F(PutOff, IsMadeAfterASecondAndNotBefore) {
   EXPECT_TRUE(make("/f/a"));
-  clock.waitForSleepers(2);  // the one that makes files, and the one that closes sessions
-  const size_t waits = clock.begunWaits();
-  clock.advance(0.9);
-  while (clock.begunWaits() < waits + 2) std::this_thread::yield();
+  clock.advanceWithin(0.9, 2);  // the one that makes files, and the one that closes sessions
   EXPECT_THAT(events(), IsEmpty());
   clock.advance(0.2);
   waitUntilSettled();

@@ -168,7 +168,7 @@ void sitOut(ManualClock& clock, const std::vector<double>& pauses, const std::at
   for (const double pause : pauses) {
     clock.waitForSleepers(1);
     const int before = attempts;
-    clock.advance(pause - 0.01);
+    clock.advanceWithin(pause - 0.01, 1);
     EXPECT_EQ(attempts, before) << "tried again before " << pause << " s had passed";
     clock.advance(0.02);
     // Without this the next look at the sleepers could meet one of this pause that is still waking up.

@@ -157,7 +157,7 @@ class FakeSession final : public Session {
 bool failWith(QuarnKitErrorCode code, NSErrorRef* error);
 
 // Advances the clock over the pauses of a call on another thread, and checks that each is as long as it
-// should be. `attempts` counts what the call does between them.
+// should be. `attempts` counts what the call does between them. Nobody else may sleep: no session is idle.
 void sitOut(ManualClock& clock, const std::vector<double>& pauses, const std::atomic<int>& attempts);
 
 // A pool over a fake engine.

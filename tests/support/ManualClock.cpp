@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <thread>
 
 namespace ombra {
@@ -11,6 +12,17 @@ namespace {
 
 // The test's own deadline would end it without a word about what it was waiting for.
 constexpr std::chrono::seconds kPatience{60};
+
+void waitUntil(const char* what, size_t count, const std::function<size_t()>& present) {
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  while (present() < count) {
+    if (std::chrono::steady_clock::now() > limit) {
+      std::fprintf(stderr, "%zu timed waits were to %s, %zu do\n", count, what, present());
+      std::abort();
+    }
+    std::this_thread::yield();
+  }
+}
 
 }  // namespace
 
@@ -59,14 +71,14 @@ size_t ManualClock::begunWaits() const {
 }
 
 void ManualClock::waitForSleepers(size_t count) {
-  const auto limit = std::chrono::steady_clock::now() + kPatience;
-  while (sleepers() < count) {
-    if (std::chrono::steady_clock::now() > limit) {
-      std::fprintf(stderr, "%zu timed waits were to be under way, %zu are\n", count, sleepers());
-      std::abort();
-    }
-    std::this_thread::yield();
-  }
+  waitUntil("be under way", count, [this] { return sleepers(); });
+}
+
+void ManualClock::advanceWithin(double seconds, size_t waits) {
+  waitForSleepers(waits);
+  const size_t before = begunWaits();
+  advance(seconds);
+  waitUntil("go on", waits, [this, before] { return begunWaits() - before; });
 }
 
 }  // namespace ombra

@@ -23,6 +23,10 @@ class ManualClock final : public Clock {
 
   // Moves the time and wakes all timed waits, which then look at the time again.
   void advance(double seconds) EXCLUDES(iLock);
+  // Moves it, and blocks until each of the `waits` that are under way has looked at the time and waits again:
+  // for a time at which nothing is due yet. There must be no others, since one more that begins would count
+  // for one of these.
+  void advanceWithin(double seconds, size_t waits) EXCLUDES(iLock);
   // Blocks until at least `count` timed waits are under way: what a test waits for before it moves the time.
   // Ends the process when that does not come about within a minute.
   void waitForSleepers(size_t count) EXCLUDES(iLock);

@@ -124,8 +124,7 @@ TEST_F(DrainLooking, EndsWhenTheServerIsGivenUpMeanwhile) {
 
 TEST_F(DrainLooking, EndsAfterAWhile) {
   beginDraining();
-  clock.waitForSleepers(1);
-  clock.advance(19);
+  clock.advanceWithin(19, 1);
   EXPECT_NE(draining.wait_for(std::chrono::seconds(0)), std::future_status::ready);
   clock.advance(2);
   EXPECT_THAT(contentsOf(draining.get()), UnorderedElementsAre("precious"));

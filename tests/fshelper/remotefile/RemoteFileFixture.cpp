@@ -312,13 +312,6 @@ void RemoteFileTest::waitForWaiters(const OFSRemoteFile& file, size_t count) {
   eventually([&] { return file.waiterCount() >= count; }, "callers that wait in the open file");
 }
 
-void RemoteFileTest::advanceWithin(double seconds) {
-  clock->waitForSleepers(1);
-  const size_t before = clock->begunWaits();
-  clock->advance(seconds);
-  eventually([&] { return clock->begunWaits() > before; }, "a timed wait that goes on");
-}
-
 void RemoteFileTest::abortIfHanging(bool finished) {
   if (finished) return;
   std::cerr << "a call into the open file did not return within 30 s" << std::endl;

@@ -127,9 +127,9 @@ class RemoteFileTest : public ::testing::Test {
   // Until so many callers sleep in the file.
   static void waitForWaiters(const OFSRemoteFile& file, size_t count);
 
-  // Moves the time by less than the one timed wait that is under way may take, until that goes on. A waiter
-  // that counted its limit from there would have too much.
-  void advanceWithin(double seconds);
+  // Moves the time by less than the one timed wait that is under way may take. A waiter that counted its
+  // limit from there would have too much.
+  void advanceWithin(double seconds) { clock->advanceWithin(seconds, 1); }
 
   // Runs on a thread of its own.
   template <typename Body>
