@@ -297,6 +297,8 @@ TEST(PoolTransfers, ADownloadStandsBackInLineUntilSomebodyWaitsForIt) {
   ManualClock clock;
   FakePool fake;
   fake.pool->setMaximumConnections(1);
+  EXPECT_TRUE(fake.list());
+  clock.waitForSleepers(1);  // the one that closes idle sessions, until the end of the test
   std::vector<std::string> order;
   Gate second;
   fake.engine->onDownload = [&](FakeSession&, NSFileHandle& to, uint64_t offset, std::string*,
@@ -326,7 +328,7 @@ TEST(PoolTransfers, ADownloadStandsBackInLineUntilSomebodyWaitsForIt) {
   fake.engine->gate.open();
   // The download has given way; its place is behind one that comes later, but is waited for.
   ASSERT_TRUE(second.waitUntilEntered(1));
-  clock.waitForSleepers(1);
+  clock.waitForSleepers(2);
   std::thread later([&] { listPath("/later"); });
   while (!fake.pool->sessions().othersWait()) std::this_thread::yield();
   second.open();
