@@ -37,6 +37,7 @@ class StateTable : public RemoteFileTest, public ::testing::WithParamInterface<C
         file = makeFile();
         iOpener = inBackground([this] { return file->openWithMode(kO_RDWR, nullptr); });
         ASSERT_TRUE(iHold->waitUntilHeld());
+        waitForWaiters(*file, 1);  // the opener, which is not to be taken for the operation
         return;
       case kOFSDownloading:
         iHold = server.hold("downloadFileAtPath", kPath, 4);
