@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <future>
+#include <mutex>
+#include <set>
 
 #include "tests/s3/MemoryStore.h"
 #include "tests/support/ConnectionContract.h"
@@ -95,9 +98,22 @@ TEST(S3Moves, ACopyWithoutACopysAnswerRemovesNothing) {
 }
 
 TEST(S3Moves, ManyObjectsAreCopiedSeveralAtATime) {
+  std::mutex lock;  // outlives the server, whose threads meet
+  std::condition_variable meeting;
+  std::set<int> present;
   MemorySession server;
   for (int i = 0; i < 100; ++i) server.store().put("a/" + std::to_string(i), std::to_string(i));
   const int before = server.store().server().connections();
+  // None is answered before two connections ask for one.
+  server.store().setIntercept([&](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    if (seen.method != "PUT") return std::nullopt;
+    std::unique_lock held(lock);
+    present.insert(seen.connection);
+    meeting.notify_all();
+    if (!meeting.wait_for(held, std::chrono::seconds(20), [&present] { return present.size() > 1; }))
+      return s3RefusalReply(400, "Alone");
+    return std::nullopt;
+  });
   NSErrorRef error;
   ASSERT_TRUE(server.session().move("/test/a", true, "/test/b", &error)) << error->description();
   EXPECT_EQ(server.store().keys().size(), 100u);

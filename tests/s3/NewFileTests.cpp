@@ -7,6 +7,7 @@
 #include "remote/s3/S3Engine.h"
 #include "tests/s3/MemoryStore.h"
 #include "tests/support/ConnectionContract.h"
+#include "tests/support/ManualClock.h"
 #include "tests/support/TemporaryFile.h"
 
 namespace ombra {
@@ -76,6 +77,7 @@ class S3NewFiles : public testing::Test {
         [&](AbstractConnection& connection) { return connection.finishUploads(*file, path, &error); });
   }
 
+  ManualClock clock;  // the second in which content is waited for does not pass
   MemoryStore store;
   std::unique_ptr<NSFileHandle> file = temporaryFile();
   NSErrorRef error;

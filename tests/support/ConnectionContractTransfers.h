@@ -7,6 +7,7 @@
 
 #include "tests/support/ConnectionContract.h"
 #include "tests/support/TemporaryFile.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace ombra {
 
@@ -169,13 +170,13 @@ TEST_P(ConnectionContract, ANewFileIsThereForWhoeverLooksAndIsStoredInTheEnd) {
 }
 
 TEST_P(ConnectionContract, UploadsOfALocalPathSendTheSame) {
-  const std::string path = testing::TempDir() + "ombra-contract-upload";
+  const TemporaryFolder folder;
+  const std::string path = folder / "file";
   const std::string content = contractContent(50000);
   std::ofstream(path, std::ios::binary) << content;
   uint64_t bytes = 0;
   NSErrorRef error;
   EXPECT_TRUE(connection().uploadFileAtPath(path, at("file"), 0, &bytes, &error));
-  std::remove(path.c_str());
   EXPECT_EQ(bytes, content.size());
   EXPECT_TRUE(server().storedContent(at("file")) == content);
 }
