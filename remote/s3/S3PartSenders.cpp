@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -38,6 +39,7 @@ struct S3PartSenders::Slot {
   Slot(bool isFirst, S3PartBuffer::Hashing hashing) : buffer(hashing, isFirst ? S3PartBuffer::kMemory : 0) {}
   S3PartBuffer buffer;
   S3Client* client = nullptr;  // until it is taken
+  bool isForFirst = false;     // no other connection will do
   uint32_t number = 0;         // of the part
   std::string tag;             // once it was sent; empty when that failed
   NSErrorRef fault;
@@ -66,14 +68,18 @@ void S3PartSenders::addSlot() {
   iFree.push_back(iSlots.back().get());
 }
 
-S3Client* S3PartSenders::takeClient() {
-  if (iIdle.empty()) {
+// Null when there is none to be had for it.
+S3Client* S3PartSenders::takeClient(const Slot& slot) {
+  if (iIdle.empty() && !slot.isForFirst) {
     iOwn.push_back(
         std::make_unique<S3Client>(iClient.environment(), iClient.endpoint(), iClient.sharedKnowledge()));
     return iOwn.back().get();
   }
-  S3Client* client = iIdle.back();
-  iIdle.pop_back();
+  const auto found =
+      slot.isForFirst ? std::find(iIdle.begin(), iIdle.end(), &iClient) : std::prev(iIdle.end());
+  if (found == iIdle.end()) return nullptr;
+  S3Client* client = *found;
+  iIdle.erase(found);
   return client;
 }
 
@@ -85,6 +91,7 @@ S3PartBuffer* S3PartSenders::buffer(TransferControl& control, NSErrorRef* error)
   iFilled = iFree.back();
   iFree.pop_back();
   iFilled->buffer.clear();
+  iFilled->isForFirst = false;
   return &iFilled->buffer;
 }
 
@@ -107,12 +114,15 @@ void S3PartSenders::send() {
 }
 
 void S3PartSenders::startNext() {
-  if (iWaiting.empty() || iUnderWay == iMost) return;
-  Slot* slot = iWaiting.front();
-  iWaiting.pop_front();
+  if (iUnderWay == iMost) return;
+  const auto next = std::find_if(iWaiting.begin(), iWaiting.end(), [this](Slot* slot) {
+    slot->client = takeClient(*slot);
+    return slot->client != nullptr;
+  });
+  if (next == iWaiting.end()) return;
+  Slot* slot = *next;
+  iWaiting.erase(next);
   ++iUnderWay;
-  slot->client = takeClient();
-  if (slot->client == &iClient) iOnFirst = slot;
   try {
     slot->sent = std::async(std::launch::async, [this, slot] {
       NSThread::setName("sending a part");
@@ -164,23 +174,17 @@ bool S3PartSenders::takeNext(TransferControl& control, NSErrorRef* error) {
   return false;
 }
 
-// Servers bound how many connections somebody has: the session's own is there at any rate.
-bool S3PartSenders::tryOnFirst(Slot& slot, TransferControl& control, NSErrorRef* error) {
-  while (iOnFirst != nullptr && iOnFirst->sent.valid() &&
-         iOnFirst->sent.wait_for(kLook) == std::future_status::timeout) {
-    if (!mayGoOn(control, error)) return false;
-  }
-  transfer(iClient, slot);
-  return true;
-}
-
 bool S3PartSenders::take(Slot& slot, TransferControl& control, NSErrorRef* error) {
   S3Client* client = std::exchange(slot.client, nullptr);
   --iUnderWay;
-  if (&slot == iOnFirst) iOnFirst = nullptr;
   iIdle.push_back(client);
-  if (slot.tag.empty() && client != &iClient && isOutage(slot.fault) && !tryOnFirst(slot, control, error))
-    return false;
+  if (slot.tag.empty() && client != &iClient && isOutage(slot.fault)) {
+    // Servers bound how many connections somebody has: the session's own is there at any rate.
+    slot.isForFirst = true;
+    iWaiting.push_front(&slot);
+    startNext();
+    return true;
+  }
   if (slot.tag.empty()) {
     storeError(error, slot.fault);
     return false;

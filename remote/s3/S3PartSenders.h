@@ -54,7 +54,7 @@ class S3PartSenders {
   void addSlot();
   // Of those that wait, if one may.
   void startNext() EXCLUDES(iWake);
-  S3Client* takeClient();
+  S3Client* takeClient(const Slot& slot);
   void transfer(S3Client& client, Slot& slot) const;
   void transferAndTell(Slot& slot) EXCLUDES(iWake);
   bool mayGoOn(const TransferControl& control, NSErrorRef* error) const;
@@ -62,7 +62,6 @@ class S3PartSenders {
   Slot* ended(std::chrono::milliseconds patience) EXCLUDES(iWake);
   [[nodiscard]] bool takeNext(TransferControl& control, NSErrorRef* error) EXCLUDES(iWake);
   [[nodiscard]] bool take(Slot& slot, TransferControl& control, NSErrorRef* error);
-  [[nodiscard]] bool tryOnFirst(Slot& slot, TransferControl& control, NSErrorRef* error);
 
   S3Client& iClient;
   S3MultipartUpload& iWhole;
@@ -77,7 +76,6 @@ class S3PartSenders {
   std::vector<Slot*> iFree;                     // the last one is filled next
   Slot* iFilled = nullptr;                      // not sent yet
   std::deque<Slot*> iWaiting;                   // for their turn, in order
-  Slot* iOnFirst = nullptr;                     // under way on the session's client
   size_t iUnderWay = 0;
   uint32_t iBegun = 0;  // parts that were sent off
   uint32_t iTaken = 0;  // parts that the server has
