@@ -101,10 +101,13 @@ class AbstractConnection {
                                             std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                             NSErrorRef* error) = 0;
 
+  // Code 109 when something has the name already.
   [[nodiscard]] virtual bool createFolderAtPath(std::string_view path, NSErrorRef* error) = 0;
   // `resolvingToPath` is stored as the link's text, unchanged.
   [[nodiscard]] virtual bool createSymbolicLinkAtPath(std::string_view path, std::string_view resolvingToPath,
                                                       NSErrorRef* error) = 0;
+  // A file at `toPath` is replaced, or in the way, as the server has it; a folder with something in it is
+  // never replaced.
   [[nodiscard]] virtual bool moveItemFromPath(std::string_view path, bool isDirectory,
                                               std::string_view toPath, NSErrorRef* error) = 0;
   // Removes a file, a link (not its target) or an empty folder.
@@ -119,7 +122,7 @@ class AbstractConnection {
                                                 uint64_t byteOffset, uint64_t* bytesTransferred,
                                                 NSErrorRef* error) = 0;
   // Sends the local file from `byteOffset` to its end to the remote path. From offset 0 the remote file is
-  // replaced and ends as long as the local one.
+  // replaced and ends as long as the local one. `bytesTransferred` as above.
   [[nodiscard]] virtual bool uploadFileAtPath(const std::string& localPath, std::string_view toPath,
                                               uint64_t byteOffset, uint64_t* bytesTransferred,
                                               NSErrorRef* error) = 0;

@@ -78,8 +78,11 @@ class SessionPool {
   const Engine& engine() const { return *iEngine; }
   const std::shared_ptr<const KCCredentials>& credentials() const { return iCredentials; }
   TranscriptSink& transcript() { return *iTranscript; }
+  // 0: the engine's cap.
   void setMaximumSessions(int maximum) EXCLUDES(iCondition);
+  // How many sessions there may be at present.
   int cap() const EXCLUDES(iCondition);
+  // Absent until a session has logged in.
   std::optional<std::string> loginPath() const EXCLUDES(iCondition);
   bool isShutDown() const EXCLUDES(iCondition);
 
@@ -199,8 +202,8 @@ class SessionPool {
   int iTransfers GUARDED_BY(iCondition) = 0;
   std::list<Place*> iLine GUARDED_BY(iCondition);
   std::set<std::shared_ptr<PooledSession>> iInUse GUARDED_BY(iCondition);
-  std::vector<std::shared_ptr<PooledSession>> iIdle
-      GUARDED_BY(iCondition);                                      // the one used last is at the end
+  // The one used last is at the end.
+  std::vector<std::shared_ptr<PooledSession>> iIdle GUARDED_BY(iCondition);
   std::map<std::thread::id, int> iHolders GUARDED_BY(iCondition);  // kept in debug builds
   std::optional<std::string> iLoginPath GUARDED_BY(iCondition);
   bool iIsShutDown GUARDED_BY(iCondition) = false;

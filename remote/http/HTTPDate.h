@@ -15,7 +15,8 @@ namespace ombra {
 std::optional<NSDate> dateOfHTTPText(std::string_view text, NSDate now = NSDate::date());
 // The first form above; fractions of a second are dropped.
 std::string httpTextOfDate(NSDate date);
-// "1997-12-01T17:42:21Z", with a fraction of a second and with an offset ("-08:00") too.
+// "1997-12-01T17:42:21Z", with a fraction of a second and with an offset ("-08:00") too. Absent for anything
+// else.
 std::optional<NSDate> dateOfISO8601Text(std::string_view text);
 
 }  // namespace ombra

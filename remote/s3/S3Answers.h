@@ -39,6 +39,7 @@ std::optional<S3Listing> s3Listing(std::string_view document);
 std::optional<std::string> s3UploadId(std::string_view document);
 // The tag of a part, or of an object, that was copied.
 std::optional<std::string> s3CopiedTag(std::string_view document);
+// Whether it says that a multipart upload has become an object.
 bool s3IsCompleted(std::string_view document);
 // What could not be removed of many: how many, and the first one's code.
 struct S3DeleteResult {

@@ -12,7 +12,8 @@ namespace ombra {
 
 // begin → any number of parts → complete. The object appears, or is replaced, with the last step alone. What
 // was sent is thrown away by the destructor unless that step succeeded, also when the session has been
-// interrupted: parts that are left behind are invisible and cost money.
+// interrupted: parts that are left behind are invisible and cost money. A step that fails is false, or
+// absent, with the error; a part may be sent again. `control` may be null.
 class S3MultipartUpload {
  public:
   S3MultipartUpload(S3Client& client, S3Path path, std::string key);
@@ -33,6 +34,8 @@ class S3MultipartUpload {
   // The next part, from another object on the server: `source` is "/bucket/key", percent-encoded.
   [[nodiscard]] bool copyPart(const std::string& source, const std::string& sourceTag, FileExtent range,
                               NSErrorRef* error);
+  // Makes the object of the parts that are known. True as well when that had happened and its answer was
+  // lost.
   [[nodiscard]] bool complete(TransferControl* control, NSErrorRef* error);
 
  private:

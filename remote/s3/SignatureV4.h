@@ -52,8 +52,11 @@ class SignatureV4Key {
   std::array<unsigned char, 32> iKey;
 };
 
+// A date as a scope tells it, in UTC.
 std::string signatureV4Timestamp(NSDate date);
+// The one form of a request that both sides sign.
 std::string signatureV4CanonicalRequest(const SignatureV4Request& request);
+// What a key signs: the scope and the digest of that form.
 std::string signatureV4StringToSign(const SignatureV4Scope& scope, std::string_view canonicalRequest);
 // The value of the "Authorization" header.
 std::string signatureV4Authorization(const SignatureV4Request& request, const SignatureV4Scope& scope,
