@@ -28,9 +28,9 @@ struct HelperStatus {
   std::string protocol;
   std::string passthrough;
   std::string state;
-  NSErrorRef
-      startFolderError;  // why the volume does not show the folder that was asked for; null where it does
-  std::string json;      // the whole answer, a checked object
+  // Why the volume does not show the folder that was asked for; null where it does.
+  NSErrorRef startFolderError;
+  std::string json;  // the whole answer, a checked object
 };
 
 // Reads a helper's answer: a JSON object of at most 64 KiB. Members of the wrong type count as absent; absent

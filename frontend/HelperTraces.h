@@ -10,8 +10,8 @@ namespace ombra {
 
 struct HelperTraces {
   std::string nameArgument;  // of "--name=" on its command line; empty when it has none
-  unsigned fuseConnection =
-      0;  // the number of its mount; 0 when there is none, or the kernel (before 6.11) hides it
+  // The number of its mount; 0 when there is none, or the kernel (before 6.11) hides it.
+  unsigned fuseConnection = 0;
 };
 
 HelperTraces tracesOfHelper(pid_t pid);

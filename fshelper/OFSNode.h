@@ -23,11 +23,11 @@ inline constexpr std::string_view kOFSContents = "OFSContents";              // 
 inline constexpr std::string_view kOFSExpirationDate = "OFSExpirationDate";  // NSDate of the last fetch
 inline constexpr std::string_view kOFSResolvedPath = "OFSResolvedPath";      // std::string
 inline constexpr std::string_view kOFSRemoteFile = "OFSRemoteFile";          // shared_ptr<OFSRemoteFile>
-inline constexpr std::string_view kOFSExtendedAttributes =
-    "OFSExtendedAttributes";  // shared_ptr<OFSNodeExtendedAttributes>
-inline constexpr std::string_view kOFSFileSystemAttributes =
-    "OFSFileSystemAttributes";  // NSFileAttributes, root only
-// Whether the folder tells names apart by case alone; absent until something is made in it. bool
+// shared_ptr<OFSNodeExtendedAttributes>
+inline constexpr std::string_view kOFSExtendedAttributes = "OFSExtendedAttributes";
+// NSFileAttributes, root only
+inline constexpr std::string_view kOFSFileSystemAttributes = "OFSFileSystemAttributes";
+// bool: whether the folder tells names apart by case alone; absent until something is made in it
 inline constexpr std::string_view kOFSKeepsCase = "OFSKeepsCase";
 
 // Extended attributes of one node.

@@ -47,8 +47,8 @@ class OFSNodeSet {
 
   std::vector<Node> iMembers;
   std::vector<uint32_t> iHashes;  // of the member with the same index, folded
-  std::vector<uint32_t>
-      iSlots;  // member index plus one, or kEmpty; a power of two of them, at most 3/4 in use
+  // Member index plus one, or kEmpty; a power of two of them, at most 3/4 in use.
+  std::vector<uint32_t> iSlots;
 };
 
 std::shared_ptr<OFSNodeSet> KCCreateNodeByDisplayNameMutableSet();

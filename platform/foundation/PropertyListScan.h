@@ -11,8 +11,8 @@ namespace ombra {
 
 inline constexpr size_t kMaximumPropertyListSize = size_t{16} << 20;
 inline constexpr uint64_t kMaximumPropertyListNodes = 100000;
-inline constexpr uint64_t kMaximumPropertyListBytes = uint64_t{16}
-                                                      << 20;  // of contents, shared ones each time
+// Of contents, shared ones each time.
+inline constexpr uint64_t kMaximumPropertyListBytes = uint64_t{16} << 20;
 inline constexpr unsigned kMaximumPropertyListDepth = 64;
 
 // True when `data` is a well-formed binary property list within the bounds above, counted as a tree: an

@@ -18,9 +18,8 @@ namespace ombra {
 
 // Shared by the object and the mounting thread, so that either may go first.
 //
-//   idle --mountAtPath--> mounting --the kernel asks--> mounted --unmount, or the loop ends--> announcing -->
-//   ended
-//                            `--a step fails---------------------------------------------------^
+//   idle --mountAtPath--> mounting --the kernel asks--> mounted --unmount, or the loop ends--v
+//                            `--a step fails----------------------------------------> announcing --> ended
 //
 // Each transition happens on the mounting thread, and each way to the end posts exactly one notification:
 // did-unmount from mounted, mount-failed from mounting. No lock is held while one is posted or the delegate

@@ -57,8 +57,8 @@ struct HTTPRequest {
   // The body is not begun before the server has agreed to take it, or has said nothing for a second: a
   // refusal then comes before anything is taken from the source.
   bool asksLeave = false;
-  TransferControl* control =
-      nullptr;  // asked for cancellation at least every 100 ms; progress is the caller's
+  // Asked for cancellation at least every 100 ms; may be null. Progress is the caller's to tell.
+  TransferControl* control = nullptr;
 };
 
 struct HTTPResponse {

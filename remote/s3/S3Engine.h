@@ -9,8 +9,7 @@ namespace ombra {
 // for as anybody), the password its secret. Options: "endpoint" (URL of scheme http or https; else https to
 // the address, or Amazon's hosts where there is none), "region" (found out when absent), "pathStyle" ("1":
 // the bucket in the path, "0": in the host name; absent: as the server is wont to have it), "sessionToken".
-// Paths are
-// "/bucket/key…".
+// Paths are "/bucket/key…".
 void registerS3Engine();
 
 }  // namespace ombra

@@ -1,7 +1,6 @@
 // Lets bytes leave while nobody uses their channel.
 #pragma once
 
-#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -44,8 +43,8 @@ class SFTPBackgroundSender {
   bool iIsMoving GUARDED_BY(iCondition) = false;
   bool iHasNothing GUARDED_BY(iCondition) = false;  // since it was lent
   bool iIsEnding GUARDED_BY(iCondition) = false;
-  bool iSleepsLong GUARDED_BY(iCondition) =
-      false;            // until woken, not just for the moment in which more may come
+  // Until woken, not just for the moment in which more may come.
+  bool iSleepsLong GUARDED_BY(iCondition) = false;
   std::thread iThread;  // begun by the first `lend`, joined by the destructor
 };
 

@@ -9,8 +9,8 @@ namespace ombra {
 
 // Counts requests. Starts small, so that a small file costs little, and doubles with each round trip as long
 // as replies do not take notably longer than the quickest one, up to what a fast line holds in that time, and
-// at most 16 MiB of data. When replies queue up
-// somewhere on the way it shrinks: what is in flight has to arrive before anything else on this session can.
+// at most 16 MiB of data. When replies queue up somewhere on the way it shrinks: what is in flight has to
+// arrive before anything else on this session can.
 class SFTPTransferWindow {
  public:
   explicit SFTPTransferWindow(size_t pieceLength);

@@ -14,11 +14,11 @@
 namespace ombra {
 
 // Round trips: one for the login, another one where the server wants a password, and none to look at the
-// start folder after it. Then one for a listing, attributes, a quota, a new folder, a download, a
-// stream, the removal of a file, a move to where nothing is, a new file of up to kSmallUpload bytes and the
-// emptying of a file; two for the removal of a folder (the server would take away a full one) and for a new
-// large file; four to replace a file. A stream to a server that is not known to take streams waits for its
-// leave, and is followed by a look at what has arrived.
+// start folder after it. Then one for a listing, attributes, a quota, a new folder, a download, a stream, the
+// removal of a file, a move to where nothing is, a new file of up to kSmallUpload bytes and the emptying of a
+// file; two for the removal of a folder (the server would take away a full one) and for a new large file;
+// four to replace a file. A stream to a server that is not known to take streams waits for its leave, and is
+// followed by a look at what has arrived.
 //
 // A whole file that replaces another is sent under a temporary name beside it, which is never listed, and
 // then moved over it: what was there stays until the new content has arrived. Where the server refuses the

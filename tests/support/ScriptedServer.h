@@ -13,10 +13,11 @@
 //   server.failAfter("downloadFileAtPath", "/docs/a.txt", 3, error);   // three bytes arrive, then the error
 //
 // Holds. A held call sleeps in the server until the test releases it; nothing in here waits for time to pass:
-//   auto hold = server.hold("downloadFileAtPath", "/docs/a.txt");       // before its first byte
-//   auto hold = server.hold("downloadFileAtPath", "/docs/a.txt", 2);    // when two bytes have arrived (and
-//   were reported) auto hold = server.hold("uploadFileHandle", kAnyPath, kAtEnd);      // all bytes are
-//   there, not yet answered std::thread reader(...); hold->waitUntilHeld();      // the call is in there now
+//   auto hold = server.hold("downloadFileAtPath", "/docs/a.txt");     // before its first byte
+//   auto hold = server.hold("downloadFileAtPath", "/docs/a.txt", 2);  // two bytes have come, and were told
+//   auto hold = server.hold("uploadFileHandle", kAnyPath, kAtEnd);    // all are there, not yet answered
+//   std::thread reader(...);
+//   hold->waitUntilHeld();  // the call is in there now
 //   hold->release();
 //
 // Everything is thread-safe. Waits of the test (waitUntilHeld, waitForCalls, …) fail the test after 30 real
@@ -24,12 +25,13 @@
 // may outlive the ScriptedServer object, whose destructor releases all holds.
 //
 // Operation names, with their arguments in order as texts (a flag is "1" or "0"):
-//   acquireConnection | acquireConnectionWithTimeout TIMEOUT cancellation|none | releaseConnection | shutDown
-//   setMaximumConnections N | setDelegate delegate|none | setShouldCancel FLAG | loginPath | connect |
-//   changeDir PATH | pwd resolvePath PATH | attributesOfItemAtPath PATH | fileSystemAttributesAtPath PATH |
-//   contentsAtPath PATH createFolderAtPath PATH | createSymbolicLinkAtPath PATH TARGET | moveItemFromPath
-//   FROM FLAG TO deleteItemAtPath PATH FLAG | changeAttributes PATH DESCRIPTION | downloadFileAtPath PATH
-//   OFFSET uploadFileAtPath TOPATH LOCALPATH OFFSET | uploadFileHandle TOPATH FILENAME OFFSET
+//   acquireConnection | acquireConnectionWithTimeout TIMEOUT cancellation|none | releaseConnection |
+//   shutDown | setMaximumConnections N | setDelegate delegate|none | setShouldCancel FLAG | loginPath |
+//   connect | changeDir PATH | pwd | resolvePath PATH | attributesOfItemAtPath PATH |
+//   fileSystemAttributesAtPath PATH | contentsAtPath PATH | createFolderAtPath PATH |
+//   createSymbolicLinkAtPath PATH TARGET | moveItemFromPath FROM FLAG TO | deleteItemAtPath PATH FLAG |
+//   changeAttributes PATH DESCRIPTION | downloadFileAtPath PATH OFFSET |
+//   uploadFileAtPath TOPATH LOCALPATH OFFSET | uploadFileHandle TOPATH FILENAME OFFSET |
 //   streamBytesWithFilename TOPATH FILENAME
 // Questions for capabilities (isSFTP, supportsUploadByteOffset, protocol, UUID, displayString…) are not
 // recorded.
@@ -74,8 +76,8 @@ struct ScriptedTransfer {
   uint64_t byteOffset = 0;
   std::string bytes;           // delivered or received so far, from byteOffset on
   std::vector<size_t> pieces;  // their sizes, in order; a stream's last one is 0 when its handler ended it
-  std::vector<FileExtent>
-      extents;  // uploadFileHandle of a scratch handle: unconfirmed at the start, from byteOffset
+  // uploadFileHandle of a scratch handle: unconfirmed at the start, from byteOffset.
+  std::vector<FileExtent> extents;
   bool finished = false;
   bool succeeded = false;
   NSErrorRef error;
