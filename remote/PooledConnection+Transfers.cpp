@@ -146,27 +146,31 @@ bool PooledConnection::downloadFileAtPath(std::string_view path, NSFileHandle& t
   return done;
 }
 
+// Also where no delegate listens it must be possible to see that bytes move.
+ProgressReporter::Report PooledConnection::uploadReport(std::shared_ptr<UnconfirmedExtents> file) {
+  return [report = progressReport(), sent = std::move(file)](uint64_t bytes, double rate, bool stalled) {
+    if (!stalled) sent->noteProgress();
+    report(bytes, rate, stalled);
+  };
+}
+
+bool PooledConnection::mayUploadFrom(uint64_t offset, NSErrorRef* error) const {
+  if (offset == 0 || supportsUploadByteOffset()) return true;
+  storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "writing into an existing file"));
+  return false;
+}
+
 bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint64_t offset,
                               uint64_t* bytesTransferred, NSErrorRef* error) {
   if (bytesTransferred != nullptr) *bytesTransferred = offset;
-  if (!isAllowed(path, error)) return false;
-  if (offset > 0 && !supportsUploadByteOffset()) {
-    storeError(error, QuarnKitError::errorWithCode(kQuarnKitNotSupported, "writing into an existing file"));
-    return false;
-  }
+  if (!isAllowed(path, error) || !mayUploadFrom(offset, error)) return false;
   const std::string whole = absolute(path);
   if (iPutsOffNewFiles && offset == 0) {
     bool isPutOff = false;
     if (!putOffNewFile(handle, whole, &isPutOff, error)) return false;
     if (isPutOff) return true;
   }
-  // Also where no delegate listens it must be possible to see that bytes move.
-  const auto report = [report = progressReport(), extents = handle.extents()](
-                          uint64_t bytes, double throughput, bool stalled) {
-    if (!stalled) extents->noteProgress();
-    report(bytes, throughput, stalled);
-  };
-  Run run{Run::Kind::kUpload, ProgressReporter(offset, report)};
+  Run run{Run::Kind::kUpload, ProgressReporter(offset, uploadReport(handle.extents()))};
   const uint64_t length = handle.fileLength();
   run.path = whole;
   run.heldPath = whole;

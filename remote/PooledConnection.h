@@ -45,12 +45,13 @@ struct PoolCore {
 // Costs nothing until its first remote call, which attaches a session; `release` gives the session back.
 //
 // What happens when a session is lost in the middle of a call, or the server cannot be reached for a new one:
-//   listing, attributes, resolving, real path, volume size   repeated on a fresh session, with short growing
-//   pauses download            goes on from the byte reached; each byte that arrives starts the count of
-//   attempts again upload              repeated only when nothing had been sent; a stream when nothing had
-//   been taken from its spool create, move, delete, change attributes   never repeated: whether it was done
-//   is not known. But as long as no
-//                       session was there to send it on, it is tried for the same time as the others
+// - Listing, attributes, resolving, real path, volume size and the flush of a file are repeated on a fresh
+//   session, with short growing pauses.
+// - A download goes on from the byte reached; each byte that arrives starts the count of attempts again.
+// - An upload is repeated only when nothing had been sent, a stream when nothing had been taken from its
+//   spool.
+// - What makes, moves, deletes or changes attributes is never repeated: whether it was done is not known. But
+//   as long as no session was there to send it on, it is tried for the same time as the others.
 class PooledConnection final : public AbstractConnection, private SessionWaiter {
  public:
   explicit PooledConnection(std::shared_ptr<PoolCore> core) : iCore(std::move(core)) {}
@@ -144,6 +145,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   Attempt attemptTransfer(Run& run, const TransferWork& work, NSErrorRef* fault);
   bool upload(NSFileHandle& handle, std::string_view path, uint64_t offset, uint64_t* bytesTransferred,
               NSErrorRef* error);
+  bool mayUploadFrom(uint64_t offset, NSErrorRef* error) const;
   // What is at the path or below it is on the server, as far as this pool has made it.
   bool makeFilesAtOrBelow(std::string_view path, NSErrorRef* error);
   // The same for a look at one item, which on some servers has other names too.
@@ -158,6 +160,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   // Drops a session that `error` says is lost; true then.
   bool loseSession(const NSErrorRef& error);
   ProgressReporter::Report progressReport();
+  ProgressReporter::Report uploadReport(std::shared_ptr<UnconfirmedExtents> file);
   bool isAllowed(std::string_view path, NSErrorRef* error) const;
 
   // SessionWaiter

@@ -9,6 +9,7 @@
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
 #include "remote/http/HTTPDate.h"
+#include "remote/http/HTTPLengths.h"
 #include "remote/s3/S3Errors.h"
 
 namespace ombra {
@@ -58,16 +59,53 @@ NSFileAttributes objectAttributes(uint64_t size, std::optional<NSDate> date) {
   return attributes;
 }
 
-std::optional<uint64_t> lengthOf(const HTTPResponse& response) {
-  const std::string* text = response.header("Content-Length");
-  if (text == nullptr || text->empty() || text->size() > 18) return std::nullopt;
-  uint64_t length = 0;
-  for (const char c : *text) {
-    if (c < '0' || c > '9') return std::nullopt;
-    length = length * 10 + static_cast<uint64_t>(c - '0');
+// The entries of a folder, gathered page by page. What is seen is noted for all sessions.
+class FolderPages {
+ public:
+  FolderPages(const S3Path& folder, S3Knowledge& knowledge, std::vector<RemoteEntry>& entries)
+      : iFolder(folder), iPrefix(folder.prefix()), iKnowledge(knowledge), iEntries(entries) {}
+
+  void add(const S3Listing& page) {
+    iIsThere = iIsThere || !page.objects.empty() || !page.prefixes.empty();
+    for (const std::string& prefix : page.prefixes) addFolder(prefix);
+    for (const S3ListedObject& object : page.objects) addObject(object);
   }
-  return length;
-}
+  // Whether the server has listed anything at all.
+  bool isThere() const { return iIsThere; }
+  // After the last page. A folder hides an object of the same name.
+  void finish() {
+    iKnowledge.noteFolder(iFolder, iIsMarked);
+    std::erase_if(iEntries, [this](const RemoteEntry& entry) {
+      return entry.type == kNodeTypeFile && iNames.count(entry.name) != 0;
+    });
+  }
+
+ private:
+  void addFolder(const std::string& prefix) {
+    std::string name = prefix.substr(iPrefix.size());
+    if (name.ends_with('/')) name.pop_back();
+    if (!isShownName(name) || !iNames.insert(name).second) return;
+    iKnowledge.noteFolder({iFolder.bucket, iPrefix + name}, false);
+    iEntries.push_back({std::move(name), kNodeTypeFolder, folderAttributes(), {}, {}});
+  }
+
+  void addObject(const S3ListedObject& object) {
+    iIsMarked = iIsMarked || object.key == iPrefix;
+    std::string name = object.key.substr(iPrefix.size());
+    if (!isShownName(name)) return;
+    iKnowledge.noteObject({iFolder.bucket, object.key});
+    iEntries.push_back(
+        {std::move(name), kNodeTypeFile, objectAttributes(object.size, object.modificationDate), {}, {}});
+  }
+
+  const S3Path& iFolder;
+  const std::string iPrefix;
+  S3Knowledge& iKnowledge;
+  std::vector<RemoteEntry>& iEntries;
+  std::unordered_set<std::string> iNames;  // of the folders
+  bool iIsThere = false;
+  bool iIsMarked = false;  // by an object of its own
+};
 
 // Who is asked about a certificate is there for the login alone. Later connections, to a bucket's own host or
 // in place of a lost one, are as good as the login when an authority vouches for the host, which is checked
@@ -254,7 +292,7 @@ std::optional<S3Session::Item> S3Session::look(const S3Path& path, NSErrorRef* e
     if (!answer) return std::nullopt;
     if (answer->isGood()) {
       const std::string* date = answer->response.header("Last-Modified");
-      return Item{Kind::kObject, objectAttributes(lengthOf(answer->response).value_or(0),
+      return Item{Kind::kObject, objectAttributes(httpContentLength(answer->response).value_or(0),
                                                   date != nullptr ? dateOfHTTPText(*date) : std::nullopt)};
     }
     if (!s3IsMissing(*answer->refusal)) refusal = answer->refusal;
@@ -351,37 +389,16 @@ bool S3Session::sawNothing(const S3Path& path, NSErrorRef* error) {
 }
 
 bool S3Session::listFolder(const S3Path& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  const std::string prefix = folder.prefix();
-  std::unordered_set<std::string> folders;
+  FolderPages pages(folder, iClient.knowledge(), *entries);
   std::string token;
-  bool isThere = false;
-  bool isMarked = false;
   for (int page = 0; page < kMostPages; ++page) {
     std::optional<S3Listing> listing = page == 0 ? takeStartPage(folder) : std::nullopt;
-    if (!listing) listing = listPage(folder, prefix, false, 0, token, error);
+    if (!listing) listing = listPage(folder, folder.prefix(), false, 0, token, error);
     if (!listing) return false;
-    isThere = isThere || !listing->objects.empty() || !listing->prefixes.empty();
-    for (const std::string& below : listing->prefixes) {
-      std::string name = below.substr(prefix.size());
-      if (name.ends_with('/')) name.pop_back();
-      if (!isShownName(name) || !folders.insert(name).second) continue;
-      iClient.knowledge().noteFolder({folder.bucket, prefix + name}, false);
-      entries->push_back({std::move(name), kNodeTypeFolder, folderAttributes(), {}, {}});
-    }
-    for (const S3ListedObject& object : listing->objects) {
-      isMarked = isMarked || object.key == prefix;
-      std::string name = object.key.substr(prefix.size());
-      if (!isShownName(name)) continue;
-      iClient.knowledge().noteObject({folder.bucket, object.key});
-      entries->push_back(
-          {std::move(name), kNodeTypeFile, objectAttributes(object.size, object.modificationDate), {}, {}});
-    }
+    pages.add(*listing);
     if (!listing->isTruncated) {
-      if (!isThere) return sawNothing(folder, error);
-      iClient.knowledge().noteFolder(folder, isMarked);
-      std::erase_if(*entries, [&folders](const RemoteEntry& entry) {
-        return entry.type == kNodeTypeFile && folders.count(entry.name) != 0;
-      });
+      if (!pages.isThere()) return sawNothing(folder, error);
+      pages.finish();
       return true;
     }
     if (listing->nextToken == token) break;

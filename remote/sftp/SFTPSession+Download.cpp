@@ -38,27 +38,27 @@ constexpr uint64_t kSmallFile = 1024 * 1024;
 bool SFTPSession::download(std::string_view path, NSFileHandle& to, uint64_t offset, std::string* version,
                            TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
+  const DownloadCall call{path, to, offset, version, control};
   const auto likelyLength = iWalks->reached(path, SFTPWalks::Kind::kFile);
   if (const auto opened = iAhead.take(path, SFTPWalks::Kind::kFile)) {
     bool isOutdated = false;
-    const DownloadSource source{opened->handle, likelyLength, &*opened};
-    const bool succeeded = downloadThrough(source, path, to, offset, version, control, &isOutdated, error);
+    const bool succeeded =
+        downloadThrough({opened->handle, likelyLength, &*opened}, call, &isOutdated, error);
     if (!isOutdated) return succeeded;
     storeError(error, nullptr);
   }
   const auto handle = waitHandle(iRequests.open(path, kSFTPOpenRead), SFTPOperation::kOther, path, error);
-  return handle &&
-         downloadThrough({*handle, likelyLength}, path, to, offset, version, control, nullptr, error);
+  return handle && downloadThrough({*handle, likelyLength}, call, nullptr, error);
 }
 
 // The attributes and the first data come in one round trip; nothing is written before they were looked at.
-std::optional<SFTPAttributes> SFTPSession::beginDownload(const DownloadSource& source, std::string_view path,
-                                                         uint64_t offset, SFTPDownload& download,
+std::optional<SFTPAttributes> SFTPSession::beginDownload(const DownloadSource& source,
+                                                         const DownloadCall& call, SFTPDownload& download,
                                                          bool* isOutdated) {
   const SFTPAhead::Opened* ahead = source.ahead;
-  if (ahead != nullptr && ahead->asked && offset == 0) {
+  if (ahead != nullptr && ahead->asked && call.offset == 0) {
     download.beginWith(ahead->asked->readID, ahead->asked->length);
-    const auto named = waitAttributes(ahead->asked->statID, SFTPOperation::kOther, path, nullptr);
+    const auto named = waitAttributes(ahead->asked->statID, SFTPOperation::kOther, call.path, nullptr);
     *isOutdated = !iChannel.failure() && (!named || !isAsListed(*named, *ahead));
     if (*isOutdated) iAhead.disappoint();
     return named;
@@ -68,11 +68,11 @@ std::optional<SFTPAttributes> SFTPSession::beginDownload(const DownloadSource& s
     iChannel.abandon(ahead->asked->readID);
   }
   const uint32_t fstatID = iRequests.fstat(source.handle);
-  const uint32_t statID = ahead != nullptr ? iRequests.stat(path) : 0;
+  const uint32_t statID = ahead != nullptr ? iRequests.stat(call.path) : 0;
   download.begin(source.likelyLength);
-  const auto attributes = waitAttributes(fstatID, SFTPOperation::kOther, path, nullptr);
+  const auto attributes = waitAttributes(fstatID, SFTPOperation::kOther, call.path, nullptr);
   if (ahead != nullptr) {
-    const auto named = waitAttributes(statID, SFTPOperation::kOther, path, nullptr);
+    const auto named = waitAttributes(statID, SFTPOperation::kOther, call.path, nullptr);
     *isOutdated = !iChannel.failure() && (!attributes || !named || !isSameFile(*attributes, *named));
   }
   return attributes;
@@ -89,51 +89,50 @@ bool SFTPSession::runDownload(SFTPDownload& download, uint64_t length, TransferC
   return succeeded;
 }
 
-bool SFTPSession::downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to,
-                                  uint64_t offset, std::string* version, TransferControl& control,
-                                  bool* isOutdated, NSErrorRef* error) {
-  const SFTPAhead::Opened* ahead = source.ahead;
-  const std::string expected = version != nullptr ? *version : std::string();
-  bool succeeded = false;
-  uint64_t reached = offset;
-  bool mustSend = true;
-  {
-    SFTPDownload download(iChannel, source.handle, std::string(path), to, offset);
-    const auto attributes = beginDownload(source, path, offset, download, isOutdated);
-    if (iChannel.failure()) {
-      storeError(error, iChannel.failure());
-      return false;
-    }
-    const std::string present = attributes ? versionOf(*attributes) : std::string();
-    if (isOutdated != nullptr && *isOutdated) {
-      // Asked for anew.
-    } else if (!expected.empty() && expected != present) {
-      storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, path));
-    } else {
-      if (version != nullptr) *version = present;
-      if (attributes && attributes->size) download.setExpectedLength(*attributes->size);
-      if (attributes && attributes->size.value_or(kSmallFile) < kSmallFile) {
-        mustSend = !iAhead.isWellAhead();
-        iAhead.openNext(path, SFTPWalks::Kind::kFile);
-      }
-      NSErrorRef reason;
-      succeeded = runDownload(download, attributes ? attributes->size.value_or(0) : 0, control, &reason);
-      reached = download.reached();
-      // A server that has let go of the handle refuses to read what is still there.
-      if (!succeeded && ahead != nullptr && reached == offset &&
-          QuarnKitError::isCode(reason, kQuarnKitRefused)) {
-        *isOutdated = true;
-        if (version != nullptr) *version = expected;
-      }
-      if (!succeeded) storeError(error, std::move(reason));
-    }
+// Nothing of it is under way any more when this returns, so that the handle can be closed.
+bool SFTPSession::receiveContent(const DownloadSource& source, const DownloadCall& call,
+                                 DownloadOutcome* outcome, NSErrorRef* error) {
+  SFTPDownload download(iChannel, source.handle, std::string(call.path), call.to, call.offset);
+  const auto attributes = beginDownload(source, call, download, &outcome->isOutdated);
+  if (iChannel.failure()) storeError(error, iChannel.failure());
+  if (iChannel.failure() || outcome->isOutdated) return false;
+  const std::string expected = call.version != nullptr ? *call.version : std::string();
+  const std::string present = attributes ? versionOf(*attributes) : std::string();
+  if (!expected.empty() && expected != present) {
+    storeError(error, QuarnKitError::errorWithCode(kQuarnKitItemChanged, call.path));
+    return false;
   }
+  if (call.version != nullptr) *call.version = present;
+  if (attributes && attributes->size) download.setExpectedLength(*attributes->size);
+  if (attributes && attributes->size.value_or(kSmallFile) < kSmallFile) {
+    outcome->isWellAhead = iAhead.isWellAhead();
+    iAhead.openNext(call.path, SFTPWalks::Kind::kFile);
+  }
+  NSErrorRef reason;
+  const uint64_t length = attributes ? attributes->size.value_or(0) : 0;
+  const bool succeeded = runDownload(download, length, call.control, &reason);
+  outcome->reached = download.reached();
+  if (succeeded) return true;
+  // A server that has let go of the handle refuses to read what is still there.
+  outcome->isOutdated = source.ahead != nullptr && outcome->reached == call.offset &&
+                        QuarnKitError::isCode(reason, kQuarnKitRefused);
+  if (outcome->isOutdated && call.version != nullptr) *call.version = expected;
+  storeError(error, std::move(reason));
+  return false;
+}
+
+bool SFTPSession::downloadThrough(const DownloadSource& source, const DownloadCall& call, bool* isOutdated,
+                                  NSErrorRef* error) {
+  DownloadOutcome outcome;
+  const bool succeeded = receiveContent(source, call, &outcome, error);
+  if (isOutdated != nullptr) *isOutdated = outcome.isOutdated;
+  if (!succeeded && iChannel.failure()) return false;
   iChannel.abandon(iRequests.close(source.handle));
   // The close must not stay behind until this session is used again. On a walk it leaves with what is asked
   // for next, or when the session is found idle.
-  if (mustSend) iChannel.flushBriefly();
+  if (!outcome.isWellAhead) iChannel.flushBriefly();
   // Last: a program that has got its bytes asks for the next file at once, and this session has that ahead.
-  if (succeeded) control.progress(reached);
+  if (succeeded) call.control.progress(outcome.reached);
   return succeeded;
 }
 

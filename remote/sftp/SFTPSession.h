@@ -1,8 +1,6 @@
 // A session of the file protocol.
 #pragma once
 
-#include <atomic>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
@@ -130,18 +128,34 @@ class SFTPSession final : public Session {
   std::optional<LinkResolution> walkLink(std::string_view path, NSErrorRef* error);
   NSErrorRef explainListing(NSErrorRef refused, std::string_view path);
 
-  // Downloads through an open handle, which it closes. One that was opened ahead may stand for another file
-  // by now, or for none: then `isOutdated`, when it is not null, is set, and nothing was brought.
+  // Downloads.
+  // As `download` was called.
+  struct DownloadCall {
+    std::string_view path;
+    NSFileHandle& to;
+    uint64_t offset;
+    std::string* version;
+    TransferControl& control;
+  };
   struct DownloadSource {
     std::string handle;
     std::optional<uint64_t> likelyLength;
     const SFTPAhead::Opened* ahead = nullptr;  // null when it was opened just now
   };
-  std::optional<SFTPAttributes> beginDownload(const DownloadSource& source, std::string_view path,
-                                              uint64_t offset, SFTPDownload& download, bool* isOutdated);
+  struct DownloadOutcome {
+    uint64_t reached = 0;      // when it succeeded
+    bool isOutdated = false;   // as of `downloadThrough`
+    bool isWellAhead = false;  // nothing has to be sent for the next files of a walk
+  };
+  // Downloads through an open handle, which it closes. One that was opened ahead may stand for another file
+  // by now, or for none: then `isOutdated`, when it is not null, is set, and nothing was brought.
+  bool downloadThrough(const DownloadSource& source, const DownloadCall& call, bool* isOutdated,
+                       NSErrorRef* error);
+  bool receiveContent(const DownloadSource& source, const DownloadCall& call, DownloadOutcome* outcome,
+                      NSErrorRef* error);
+  std::optional<SFTPAttributes> beginDownload(const DownloadSource& source, const DownloadCall& call,
+                                              SFTPDownload& download, bool* isOutdated);
   bool runDownload(SFTPDownload& download, uint64_t length, TransferControl& control, NSErrorRef* error);
-  bool downloadThrough(const DownloadSource& source, std::string_view path, NSFileHandle& to, uint64_t offset,
-                       std::string* version, TransferControl& control, bool* isOutdated, NSErrorRef* error);
 
   // Uploads.
   bool openUpload(std::string_view path, uint32_t flags, std::shared_ptr<UnconfirmedExtents> extents,

@@ -74,23 +74,14 @@ bool XMLCutter::scan(std::string_view bytes) {
         break;
       case State::kStartTag:
         at = skipStartTag(bytes, at);
-        if (iState == State::kText) isSound = endTag(bytes, at);
+        if (iState == State::kText) isSound = endStartTag(bytes, at);
         break;
       case State::kQuoted:
-        at = std::min(bytes.find(iQuote, at), bytes.size());
-        if (at < bytes.size()) {
-          iState = State::kStartTag;
-          iBefore = bytes[at++];
-        }
+        at = skipQuoted(bytes, at);
         break;
       case State::kEndTag:
-        at = std::min(bytes.find('>', at), bytes.size());
-        if (at == bytes.size()) break;
-        ++at;
-        iState = State::kText;
-        if (iDepth == 0) return refuse("it is no document: an end tag without its start");
-        --iDepth;
-        isSound = iDepth == 0 ? closeRoot(bytes, at) : endMark(bytes, at);
+        at = skipEndTag(bytes, at);
+        if (iState == State::kText) isSound = closeElement(bytes, at);
         break;
     }
     if (!isSound) return false;
@@ -193,7 +184,22 @@ size_t XMLCutter::skipStartTag(std::string_view bytes, size_t at) {
   return at;
 }
 
-bool XMLCutter::endTag(std::string_view bytes, size_t end) {
+size_t XMLCutter::skipQuoted(std::string_view bytes, size_t at) {
+  const size_t quote = bytes.find(iQuote, at);
+  if (quote == std::string_view::npos) return bytes.size();
+  iState = State::kStartTag;
+  iBefore = iQuote;
+  return quote + 1;
+}
+
+size_t XMLCutter::skipEndTag(std::string_view bytes, size_t at) {
+  const size_t end = bytes.find('>', at);
+  if (end == std::string_view::npos) return bytes.size();
+  iState = State::kText;
+  return end + 1;
+}
+
+bool XMLCutter::endStartTag(std::string_view bytes, size_t end) {
   const bool isEmpty = iBefore == '/';
   if (iPhase == Phase::kBefore) return openRoot(bytes, end, isEmpty);
   if (!isEmpty) ++iDepth;
@@ -208,6 +214,12 @@ bool XMLCutter::openRoot(std::string_view bytes, size_t end, bool isEmpty) {
   iDepth = 1;
   iClosing.assign("</").append(nameInStartTag(std::string_view(iOpening).substr(iRootAt))).append(">");
   return true;
+}
+
+bool XMLCutter::closeElement(std::string_view bytes, size_t end) {
+  if (iDepth == 0) return refuse("it is no document: an end tag without its start");
+  --iDepth;
+  return iDepth == 0 ? closeRoot(bytes, end) : endMark(bytes, end);
 }
 
 bool XMLCutter::closeRoot(std::string_view bytes, size_t end) {

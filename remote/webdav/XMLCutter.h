@@ -54,13 +54,16 @@ class XMLCutter {
   // Each takes bytes from `at` on and answers where it ended.
   size_t skipText(std::string_view bytes, size_t at);
   size_t skipStartTag(std::string_view bytes, size_t at);
+  size_t skipQuoted(std::string_view bytes, size_t at);
+  size_t skipEndTag(std::string_view bytes, size_t at);
   size_t skipUntil(std::string_view bytes, size_t at);
   bool takeAfterMark(std::string_view bytes, size_t at);
   bool takeWord(char c);
   void begin(State state, char last, int lasts);
   // A mark that ends before bytes[end].
   bool endMark(std::string_view bytes, size_t end);
-  bool endTag(std::string_view bytes, size_t end);
+  bool endStartTag(std::string_view bytes, size_t end);
+  bool closeElement(std::string_view bytes, size_t end);
   bool openRoot(std::string_view bytes, size_t end, bool isEmpty);
   bool closeRoot(std::string_view bytes, size_t end);
   void keep(std::string_view bytes, size_t end);
@@ -80,9 +83,10 @@ class XMLCutter {
   std::string_view iWord;  // what has to follow
   Phase iPhase = Phase::kBefore;
   State iState = State::kText;
-  char iLast = 0;    // a comment, CDATA, instruction ends with so many (iLasts) of these and ">"
-  int iLasts = 0;    //
-  int iSeen = 0;     // of them, without anything between
+  // kUntil: the end is `iLasts` times `iLast`, and ">". `iSeen` of them have come without anything between.
+  char iLast = 0;
+  int iLasts = 0;
+  int iSeen = 0;
   char iQuote = 0;   // kQuoted: what ends it
   char iBefore = 0;  // kStartTag: the byte before
   bool iIsWhole = false;
