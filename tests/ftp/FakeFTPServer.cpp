@@ -299,50 +299,65 @@ std::string FakeFTPServer::replyFor(Line& line, const std::string& command) {
   return "200 fine";
 }
 
-bool FakeFTPServer::transfer(Line& line, const std::string& command) {
-  const std::string path = command.size() > 5 ? command.substr(5) : "";
+// What the command brings; absent when there is no such file.
+std::optional<FakeFTPServer::Data> FakeFTPServer::dataFor(Line& line, const std::string& command) {
   const uint64_t restart = std::exchange(line.restart, 0);
+  if (auto script = scriptedData(command)) return script;
   Data data;
-  if (auto script = scriptedData(command)) {
-    data = std::move(*script);
-  } else if (command.starts_with("RETR ")) {
-    const auto content = file(path);
-    if (!content) {
-      line.restart = restart;  // real servers keep it too
-      sendBytes(line.socket, "550 no such file\r\n");
-      return true;
-    }
-    data.bytes = content->substr(std::min<size_t>(restart, content->size()));
+  if (!command.starts_with("RETR ")) return data;
+  const auto content = file(command.substr(5));
+  if (!content) {
+    line.restart = restart;  // real servers keep it too
+    return std::nullopt;
   }
-  if (line.listener < 0) {
-    sendBytes(line.socket, "425 no data connection\r\n");
-    return true;
-  }
+  data.bytes = content->substr(std::min<size_t>(restart, content->size()));
+  return data;
+}
+
+// The client's data connection; -1 when the server is to end.
+int FakeFTPServer::acceptData(Line& line) {
   std::array<pollfd, 2> waiting{{{line.listener, POLLIN, 0}, {iStop, POLLIN, 0}}};
-  if (poll(waiting.data(), waiting.size(), -1) <= 0 || waiting[1].revents != 0) return false;
+  if (poll(waiting.data(), waiting.size(), -1) <= 0 || waiting[1].revents != 0) return -1;
   const int socket = accept4(line.listener, nullptr, nullptr, SOCK_CLOEXEC);
   close(std::exchange(line.listener, -1));
-  sendBytes(line.socket, "150 here it comes\r\n");
+  return socket;
+}
+
+// True when the connection ended as it should, which `data` may forbid. Here and below.
+bool FakeFTPServer::storeFrom(int socket, const std::string& path, const Data& data) {
+  const bool breaksOff = data.end == End::kReset;
   std::array<char, 65536> buffer{};
-  bool isBroken = data.end == End::kReset;
-  if (command.starts_with("STOR ")) {
-    std::string content;
-    ssize_t count = 0;
-    while (!isBroken && (count = recv(socket, buffer.data(), buffer.size(), 0)) > 0) {
-      content.append(buffer.data(), static_cast<size_t>(count));
-    }
-    isBroken = isBroken || count < 0;
-    putFile(path, std::move(content));
-  } else {
-    if (iEndsBeforeData) sendBytes(line.socket, "226 all of it\r\n");
-    sendBytes(socket, data.bytes);
-    if (data.end == End::kSilent) {
-      std::array<pollfd, 2> parting{{{socket, POLLIN, 0}, {iStop, POLLIN, 0}}};
-      (void)poll(parting.data(), parting.size(), -1);
-      isBroken = true;
-    }
+  std::string content;
+  ssize_t count = 0;
+  while (!breaksOff && (count = recv(socket, buffer.data(), buffer.size(), 0)) > 0) {
+    content.append(buffer.data(), static_cast<size_t>(count));
   }
-  if (isBroken) {
+  putFile(path, std::move(content));
+  return !breaksOff && count == 0;
+}
+
+bool FakeFTPServer::sendTo(int socket, const Data& data) {
+  sendBytes(socket, data.bytes);
+  if (data.end == End::kSilent) {
+    std::array<pollfd, 2> parting{{{socket, POLLIN, 0}, {iStop, POLLIN, 0}}};
+    (void)poll(parting.data(), parting.size(), -1);
+  }
+  return data.end == End::kClosed;
+}
+
+bool FakeFTPServer::transfer(Line& line, const std::string& command) {
+  const std::optional<Data> data = dataFor(line, command);
+  if (!data || line.listener < 0) {
+    sendBytes(line.socket, data ? "425 no data connection\r\n" : "550 no such file\r\n");
+    return true;
+  }
+  const int socket = acceptData(line);
+  if (socket < 0) return false;
+  sendBytes(line.socket, "150 here it comes\r\n");
+  const bool stores = command.starts_with("STOR ");
+  if (!stores && iEndsBeforeData) sendBytes(line.socket, "226 all of it\r\n");
+  const bool isWhole = stores ? storeFrom(socket, command.substr(5), *data) : sendTo(socket, *data);
+  if (!isWhole) {
     const linger atOnce{1, 0};
     setsockopt(socket, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
   }
@@ -350,7 +365,7 @@ bool FakeFTPServer::transfer(Line& line, const std::string& command) {
   if (iEndsBeforeData && command.starts_with("RETR ")) return true;
   const auto last = scripted("end of " + command);
   if (last && last->empty()) return false;
-  sendBytes(line.socket, last.value_or(isBroken ? "426 broken off\r\n" : "226 all of it\r\n"));
+  sendBytes(line.socket, last.value_or(isWhole ? "226 all of it\r\n" : "426 broken off\r\n"));
   return true;
 }
 

@@ -83,6 +83,10 @@ class FakeFTPServer {
   void note(const std::string& answered);
   bool openPort(Line& line, const std::string& command);
   std::string replyFor(Line& line, const std::string& command);
+  std::optional<Data> dataFor(Line& line, const std::string& command);
+  int acceptData(Line& line);
+  bool storeFrom(int socket, const std::string& path, const Data& data);
+  bool sendTo(int socket, const Data& data);
   bool transfer(Line& line, const std::string& command);
   std::optional<std::string> scripted(const std::string& command);
   std::optional<Data> scriptedData(const std::string& command);

@@ -89,61 +89,86 @@ std::string MemoryServer::answer(const PeerRequest& request) {
       return write(id, reader);
     case kSFTPExtended:
       return extended(id, reader);
-    default:
-      break;
-  }
-  std::string first(reader.string());
-  if (first.starts_with('/') && first.size() > 1 && request.type != kSFTPSymlink) first = followWay(first);
-  const auto found = iItems.find(first);
-  uint32_t status = 0;
-  switch (request.type) {
     case kSFTPClose:
-      return statusReply(id, iHandles.erase(first) > 0 ? kSFTPStatusOK : kSFTPStatusFailure);
-    case kSFTPOpendir:
-      return opendir(id, first);
     case kSFTPReaddir:
-      return readdir(id, first);
-    case kSFTPLstat:
-      return attributesReply(id, first);
     case kSFTPFstat:
-      if (!iHandles.contains(first)) return statusReply(id, kSFTPStatusFailure, "Failure");
-      return attributesReply(id, iHandles[first].path);
-    case kSFTPStat: {
-      const auto path = follow(first, &status);
-      return path ? attributesReply(id, *path) : statusReply(id, status, "No such file");
-    }
-    case kSFTPSetstat: {
-      const auto path = follow(first, &status);
-      return path ? setAttributes(id, *path, reader) : statusReply(id, status, "No such file");
-    }
     case kSFTPFsetstat:
-      if (!iHandles.contains(first)) return statusReply(id, kSFTPStatusFailure, "Failure");
-      return setAttributes(id, iHandles[first].path, reader);
+      return answerToHandle(request, reader);
+    case kSFTPMkdir:
+    case kSFTPRmdir:
+    case kSFTPRemove:
+    case kSFTPRename:
+    case kSFTPSymlink:
+      return changeNames(request, reader);
+    default:
+      return answerToPath(request, reader);
+  }
+}
+
+std::string MemoryServer::answerToHandle(const PeerRequest& request, SFTPPacketReader& reader) {
+  const uint32_t id = request.id;
+  const std::string handle(reader.string());
+  if (request.type == kSFTPReaddir) return readdir(id, handle);
+  if (request.type == kSFTPClose) {
+    return statusReply(id, iHandles.erase(handle) > 0 ? kSFTPStatusOK : kSFTPStatusFailure);
+  }
+  if (!iHandles.contains(handle)) return statusReply(id, kSFTPStatusFailure, "Failure");
+  const std::string path = iHandles[handle].path;
+  return request.type == kSFTPFstat ? attributesReply(id, path) : setAttributes(id, path, reader);
+}
+
+std::string MemoryServer::takePath(SFTPPacketReader& reader) const {
+  const std::string path(reader.string());
+  return path.starts_with('/') && path.size() > 1 ? followWay(path) : path;
+}
+
+std::string MemoryServer::changeNames(const PeerRequest& request, SFTPPacketReader& reader) {
+  const uint32_t id = request.id;
+  if (request.type == kSFTPSymlink) {
+    const std::string target(reader.string());
+    const std::string link(reader.string());
+    if (iItems.contains(link)) return statusReply(id, kSFTPStatusFailure, "Failure");
+    addLink(link, target);
+    return statusReply(id, kSFTPStatusOK);
+  }
+  const std::string path = takePath(reader);
+  if (request.type == kSFTPRename) return rename(id, path, std::string(reader.string()), false);
+  const auto found = iItems.find(path);
+  if (request.type == kSFTPMkdir) {
+    if (found != iItems.end()) return statusReply(id, kSFTPStatusFailure, "Failure");
+    addFolder(path);
+    return statusReply(id, kSFTPStatusOK);
+  }
+  if (found == iItems.end()) return statusReply(id, kSFTPStatusNoSuchFile, "No such file");
+  if (isFolder(found->second) != (request.type == kSFTPRmdir) || hasChildren(path)) {
+    return statusReply(id, kSFTPStatusFailure, "Failure");
+  }
+  iItems.erase(found);
+  return statusReply(id, kSFTPStatusOK);
+}
+
+std::string MemoryServer::answerToPath(const PeerRequest& request, SFTPPacketReader& reader) {
+  const uint32_t id = request.id;
+  const std::string path = takePath(reader);
+  switch (request.type) {
+    case kSFTPOpendir:
+      return opendir(id, path);
+    case kSFTPLstat:
+      return attributesReply(id, path);
+    case kSFTPStat:
+    case kSFTPSetstat: {
+      uint32_t status = 0;
+      const auto target = follow(path, &status);
+      if (!target) return statusReply(id, status, "No such file");
+      return request.type == kSFTPStat ? attributesReply(id, *target) : setAttributes(id, *target, reader);
+    }
     case kSFTPRealpath:
-      return realpath(id, first == "." ? "/home/user" : first);
-    case kSFTPReadlink:
+      return realpath(id, path == "." ? "/home/user" : path);
+    case kSFTPReadlink: {
+      const auto found = iItems.find(path);
       if (found == iItems.end()) return statusReply(id, kSFTPStatusNoSuchFile, "No such file");
       return isLink(found->second) ? nameReply(id, found->second.content)
                                    : statusReply(id, kSFTPStatusBadMessage, "Bad message");
-    case kSFTPMkdir:
-      if (found != iItems.end()) return statusReply(id, kSFTPStatusFailure, "Failure");
-      addFolder(first);
-      return statusReply(id, kSFTPStatusOK);
-    case kSFTPRmdir:
-    case kSFTPRemove:
-      if (found == iItems.end()) return statusReply(id, kSFTPStatusNoSuchFile, "No such file");
-      if (isFolder(found->second) != (request.type == kSFTPRmdir) || hasChildren(first)) {
-        return statusReply(id, kSFTPStatusFailure, "Failure");
-      }
-      iItems.erase(found);
-      return statusReply(id, kSFTPStatusOK);
-    case kSFTPRename:
-      return rename(id, first, std::string(reader.string()), false);
-    case kSFTPSymlink: {
-      const std::string link(reader.string());
-      if (iItems.contains(link)) return statusReply(id, kSFTPStatusFailure, "Failure");
-      addLink(link, first);
-      return statusReply(id, kSFTPStatusOK);
     }
     default:
       return statusReply(id, kSFTPStatusOpUnsupported, "Operation unsupported");

@@ -90,6 +90,11 @@ class MemoryServer {
   struct Answer;
 
   std::string answer(const PeerRequest& request);
+  std::string answerToHandle(const PeerRequest& request, SFTPPacketReader& reader);
+  std::string answerToPath(const PeerRequest& request, SFTPPacketReader& reader);
+  std::string changeNames(const PeerRequest& request, SFTPPacketReader& reader);
+  // The request's path as it leads over links.
+  std::string takePath(SFTPPacketReader& reader) const;
   std::string open(uint32_t id, SFTPPacketReader& reader);
   std::string opendir(uint32_t id, const std::string& path);
   std::string read(uint32_t id, SFTPPacketReader& reader);
