@@ -4,12 +4,12 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <sstream>
 
 #include "frontend/UniqueFd.h"
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/NSFileManager.h"
 #include "remote/QuarnKitError.h"
 
@@ -21,10 +21,7 @@ constexpr size_t kLongestLine = 4096;
 constexpr unsigned kFolderMode = 0700;
 
 std::string nameInFile(const std::string& host, int port) {
-  std::string name = host;
-  std::transform(name.begin(), name.end(), name.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return fmt::format("[{}]:{}", name, port);
+  return fmt::format("[{}]:{}", lowercasedASCII(host), port);
 }
 
 bool cannotKeep(NSErrorRef* error, const std::string& file, int number) {

@@ -7,6 +7,7 @@
 #include <array>
 #include <charconv>
 
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/KCTypes.h"
@@ -84,9 +85,7 @@ bool parseScheme(std::string_view* rest, RemoteURL* url, Failure* failure) {
   const size_t end = rest->find("://");
   if (end == std::string_view::npos || end == 0)
     return refuse(failure, "It does not begin with a scheme such as sftp://.");
-  url->scheme = std::string(rest->substr(0, end));
-  std::transform(url->scheme.begin(), url->scheme.end(), url->scheme.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  url->scheme = lowercasedASCII(rest->substr(0, end));
   const auto* found = std::find_if(kSchemes.begin(), kSchemes.end(),
                                    [&url](const Scheme& scheme) { return scheme.name == url->scheme; });
   if (found == kSchemes.end())

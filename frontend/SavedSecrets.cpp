@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "frontend/HelperProcess.h"
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSProcessInfo.h"
 #include "platform/foundation/NSUnarchiver.h"
@@ -38,13 +39,6 @@ std::string keyringPort(int port, uint32_t protocol) {
   return fmt::format("{}", port != 0 ? port : defaultPortOfProtocol(protocol));
 }
 
-std::string lowerCase(std::string text) {
-  for (char& c : text) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return text;
-}
-
 const char* nameOf(SavedSecrets::Kind kind) {
   return kind == SavedSecrets::Kind::kPassword ? "password" : "passphrase";
 }
@@ -64,7 +58,7 @@ std::optional<std::string> secretIn(SavedSecrets::Kind kind, const KCCredentials
 KeyringItem keyringItem(SavedSecrets::Kind kind, const KCCredentials& credentials) {
   KeyringItem item{{"kind", nameOf(kind)},
                    {"protocol", keyringProtocol(credentials.protocol())},
-                   {"server", lowerCase(credentials.address())},
+                   {"server", lowercasedASCII(credentials.address())},
                    {"port", keyringPort(credentials.port(), credentials.protocol())},
                    {"user", credentials.username().value_or("")}};
   if (kind == SavedSecrets::Kind::kPassphrase)
@@ -75,7 +69,7 @@ KeyringItem keyringItem(SavedSecrets::Kind kind, const KCCredentials& credential
 KeyringItem keyringItemsOfURL(const RemoteURL& url) {
   KeyringItem item{{"protocol", keyringProtocol(url.protocol)}};
   if (url.protocol != kProtocolS3) {
-    item.emplace_back("server", lowerCase(url.host));
+    item.emplace_back("server", lowercasedASCII(url.host));
     item.emplace_back("port", keyringPort(url.port, url.protocol));
   }
   if (url.username) item.emplace_back("user", *url.username);

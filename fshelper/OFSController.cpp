@@ -1,5 +1,6 @@
 // The life of the controller, and its start up to the name of the volume.
 #include "fshelper/OFSController.h"
+#include "platform/foundation/ASCII.h"
 
 #include <algorithm>
 #include <utility>
@@ -183,7 +184,7 @@ std::string OFSController::nameOfProtocol(uint32_t protocol) {
   for (int shift = 24; shift >= 0; shift -= 8) {
     const char byte = static_cast<char>(protocol >> shift & 0xFF);
     if (byte == '\0') break;
-    name.push_back(byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte - 'A' + 'a') : byte);
+    name.push_back(lowercasedASCII(byte));
   }
   constexpr std::string_view kBlanks = " \t\n\v\f\r";
   const size_t first = name.find_first_not_of(kBlanks);

@@ -9,14 +9,16 @@
 #include <memory>
 #include <optional>
 
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/KCStringAdditions.h"
+#include "platform/foundation/Unicode.h"
 
 namespace ombra {
 namespace {
 
 constexpr size_t kLongestCharacter = 4;  // bytes; also of GB18030
-constexpr char32_t kRawByteBase =
-    0xDC00;  // a stray byte of the text travels as the lone surrogate DC80 to DCFF
+// A stray byte of the text travels as the lone surrogate DC80 to DCFF.
+constexpr char32_t kRawByteBase = 0xDC00;
 
 void* unknownDescriptor() { return reinterpret_cast<void*>(static_cast<intptr_t>(-1)); }
 
@@ -54,14 +56,6 @@ std::string utf8(char32_t character) {
     add(0x80 | (character & 0x3F));
   }
   return text;
-}
-
-// The length of the well-formed UTF-8 character at the start of `text`, 0 when there is none.
-size_t characterLength(std::string_view text) {
-  const auto lead = static_cast<unsigned char>(text.front());
-  const size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-  if (length > text.size() || !isValidUTF8(text.substr(0, length))) return 0;
-  return length;
 }
 
 char32_t codePoint(std::string_view character) {
@@ -155,7 +149,7 @@ size_t NameEncoding::decode(std::string_view bytes, std::string* text) {
     const std::optional<std::string> decoded = convert(iToText, candidate);
     if (!decoded || decoded->empty()) continue;
     // One character, not ASCII in disguise, and the encoder's own choice for it.
-    if (characterLength(*decoded) != decoded->size() || decoded->size() == 1) return 0;
+    if (utf8CharacterLength(*decoded) != decoded->size() || decoded->size() == 1) return 0;
     if (convert(iToBytes, *decoded) != candidate) return 0;
     *text = *decoded;
     return length;
@@ -189,7 +183,7 @@ std::string NameEncoding::bytesForText(std::string_view text) {
       }
       text.remove_prefix(2);
     } else {
-      const size_t length = characterLength(text);
+      const size_t length = utf8CharacterLength(text);
       const char32_t character = length != 0 ? codePoint(text.substr(0, length))
                                              : kRawByteBase + static_cast<unsigned char>(text[0]);
       const std::string encoded = encode(character);
@@ -247,8 +241,7 @@ NameEncoding& NameEncoding::threadEncoding(const std::string& name) {
 bool NameEncoding::isUTF8(std::string_view name) {
   std::string folded;
   for (const char character : name) {
-    if (character != '-' && character != '_')
-      folded += static_cast<char>(character >= 'A' && character <= 'Z' ? character + 32 : character);
+    if (character != '-' && character != '_') folded += lowercasedASCII(character);
   }
   return folded.empty() || folded == "utf8";
 }

@@ -1,20 +1,11 @@
 // New files whose making waits for their content.
+#include "platform/foundation/ASCII.h"
 #include "remote/PooledConnection.h"
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
 #include "remote/RetryPauses.h"
 
 namespace ombra {
-namespace {
-
-char withoutCase(char byte) { return byte >= 'A' && byte <= 'Z' ? static_cast<char>(byte | 0x20) : byte; }
-
-bool isSameButForCase(std::string_view one, std::string_view other) {
-  return std::equal(one.begin(), one.end(), other.begin(), other.end(),
-                    [](char a, char b) { return withoutCase(a) == withoutCase(b); });
-}
-
-}  // namespace
 
 void PoolCore::shutDown() {
   newFiles.stop();
@@ -60,7 +51,7 @@ bool PooledConnection::makeFilesAtOrBelow(std::string_view path, NSErrorRef* err
 bool PooledConnection::makeFileToBeLookedAt(std::string_view path, NSErrorRef* error) {
   if (iCore->newFiles.isEmpty()) return true;
   const auto isThere = [place = absolute(path)](const std::string& other, const UnconfirmedExtents*) {
-    return isAtOrBelowRemotePath(other, place) || isSameButForCase(other, place);
+    return isAtOrBelowRemotePath(other, place) || equalIgnoringCase(other, place);
   };
   return makePutOffFiles(isThere, error);
 }

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/FilePermissions.h"
 #include "remote/ftp/FTPText.h"
 
@@ -24,7 +25,7 @@ void takeSystemType(std::string_view value, FTPItem* item) {
   const std::string_view kind = value.substr(equals + 1);
   const size_t colon = kind.find(':');
   const std::string_view name = kind.substr(0, colon);
-  if (!ftpEqual(name, "slink") && !ftpEqual(name, "symlink")) {
+  if (!equalIgnoringCase(name, "slink") && !equalIgnoringCase(name, "symlink")) {
     item->kind = FTPItem::Kind::kUnknown;
     return;
   }
@@ -35,11 +36,11 @@ void takeSystemType(std::string_view value, FTPItem* item) {
 }
 
 void takeType(std::string_view value, FTPItem* item) {
-  if (ftpEqual(value, "file")) {
+  if (equalIgnoringCase(value, "file")) {
     item->entry.type = kNodeTypeFile;
-  } else if (ftpEqual(value, "dir")) {
+  } else if (equalIgnoringCase(value, "dir")) {
     item->entry.type = kNodeTypeFolder;
-  } else if (ftpEqual(value, "cdir") || ftpEqual(value, "pdir")) {
+  } else if (equalIgnoringCase(value, "cdir") || equalIgnoringCase(value, "pdir")) {
     item->entry.type = kNodeTypeFolder;
     item->kind = FTPItem::Kind::kSelf;
   } else {
@@ -49,25 +50,25 @@ void takeType(std::string_view value, FTPItem* item) {
 
 void takeFact(std::string_view name, std::string_view value, FTPItem* item) {
   NSFileAttributes& attributes = item->entry.attributes;
-  if (ftpEqual(name, "type")) {
+  if (equalIgnoringCase(name, "type")) {
     takeType(value, item);
-  } else if (ftpEqual(name, "size")) {
+  } else if (equalIgnoringCase(name, "size")) {
     attributes.fileSize = ftpLength(value);
-  } else if (ftpEqual(name, "modify")) {
+  } else if (equalIgnoringCase(name, "modify")) {
     attributes.modificationDate = dateOfFTPTime(value);
-  } else if (ftpEqual(name, "create")) {
+  } else if (equalIgnoringCase(name, "create")) {
     attributes.creationDate = dateOfFTPTime(value);
-  } else if (ftpEqual(name, "unix.mode")) {
+  } else if (equalIgnoringCase(name, "unix.mode")) {
     if (const auto mode = ftpNumber<uint32_t>(value, 8)) {
       attributes.posixPermissions = static_cast<uint16_t>(*mode & kPermissionBits);
     }
-  } else if (ftpEqual(name, "unix.uid") || ftpEqual(name, "unix.owner")) {
+  } else if (equalIgnoringCase(name, "unix.uid") || equalIgnoringCase(name, "unix.owner")) {
     if (const auto owner = ftpNumber<uint32_t>(value)) attributes.ownerAccountID = owner;
-  } else if (ftpEqual(name, "unix.gid") || ftpEqual(name, "unix.group")) {
+  } else if (equalIgnoringCase(name, "unix.gid") || equalIgnoringCase(name, "unix.group")) {
     if (const auto group = ftpNumber<uint32_t>(value)) attributes.groupOwnerAccountID = group;
-  } else if (ftpEqual(name, "perm")) {
+  } else if (equalIgnoringCase(name, "perm")) {
     item->tellsPermissions = true;
-    for (const char c : value) item->permissions += static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    item->permissions += lowercasedASCII(value);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/ftp/FTPText.h"
 
 namespace ombra {
@@ -13,7 +14,7 @@ bool isWantedFact(std::string_view name) {
   constexpr std::string_view kWanted[] = {"type", "size",      "modify",   "create",
                                           "perm", "unix.mode", "unix.uid", "unix.gid"};
   return std::any_of(std::begin(kWanted), std::end(kWanted),
-                     [name](std::string_view wanted) { return ftpEqual(name, wanted); });
+                     [name](std::string_view wanted) { return equalIgnoringCase(name, wanted); });
 }
 
 // The facts of "type*;size*;UNIX.mode;": a star marks those that are sent unasked.
@@ -40,15 +41,15 @@ void addFeature(std::string_view line, FTPFeatures* features) {
   const size_t end = std::min(line.find(' '), line.size());
   const std::string_view name = line.substr(0, end);
   const std::string_view parameters = ftpTrimmed(line.substr(end));
-  if (ftpEqual(name, "UTF8") || ftpEqual(name, "UTF-8")) features->utf8 = true;
-  if (ftpEqual(name, "MFMT")) features->mfmt = true;
-  if (ftpEqual(name, "MDTM")) features->mdtm = true;
-  if (ftpEqual(name, "SIZE")) features->size = true;
-  if (ftpEqual(name, "EPSV")) features->epsv = true;
-  if (ftpEqual(name, "REST")) features->restStream = true;
+  if (equalIgnoringCase(name, "UTF8") || equalIgnoringCase(name, "UTF-8")) features->utf8 = true;
+  if (equalIgnoringCase(name, "MFMT")) features->mfmt = true;
+  if (equalIgnoringCase(name, "MDTM")) features->mdtm = true;
+  if (equalIgnoringCase(name, "SIZE")) features->size = true;
+  if (equalIgnoringCase(name, "EPSV")) features->epsv = true;
+  if (equalIgnoringCase(name, "REST")) features->restStream = true;
   // MLSD has no line of its own in the standard; some servers give it one.
-  if (ftpEqual(name, "MLST") || ftpEqual(name, "MLSD")) features->mlst = true;
-  if (ftpEqual(name, "MLST")) features->factsCommand = factsCommandFor(parameters);
+  if (equalIgnoringCase(name, "MLST") || equalIgnoringCase(name, "MLSD")) features->mlst = true;
+  if (equalIgnoringCase(name, "MLST")) features->factsCommand = factsCommandFor(parameters);
 }
 
 }  // namespace

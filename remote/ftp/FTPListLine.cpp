@@ -3,6 +3,7 @@
 #include <array>
 #include <ctime>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/ftp/FTPText.h"
 
 namespace ombra {
@@ -34,7 +35,7 @@ std::optional<int> monthOfName(std::string_view name) {
   constexpr std::array<std::string_view, 12> kMonths{"jan", "feb", "mar", "apr", "may", "jun",
                                                      "jul", "aug", "sep", "oct", "nov", "dec"};
   for (size_t i = 0; i < kMonths.size(); ++i) {
-    if (ftpEqual(name.substr(0, 3), kMonths[i]) && name.size() == 3) return static_cast<int>(i);
+    if (equalIgnoringCase(name.substr(0, 3), kMonths[i]) && name.size() == 3) return static_cast<int>(i);
   }
   return std::nullopt;
 }
@@ -280,7 +281,7 @@ std::optional<FTPItem> itemOfDOSLine(std::string_view line) {
   if (ftpContains(sizeOrKind, "symlink") || ftpContains(sizeOrKind, "junction")) {
     item.entry.type = kNodeTypeAlias;
     takeBracketedTarget(&item);
-  } else if (!ftpEqual(sizeOrKind, "<DIR>")) {
+  } else if (!equalIgnoringCase(sizeOrKind, "<DIR>")) {
     return std::nullopt;
   }
   return item;
@@ -301,7 +302,8 @@ bool isListHeading(std::string_view line) {
   while (line.ends_with('\r')) line.remove_suffix(1);
   std::string_view rest = line;
   const std::string_view first = takeFTPWord(&rest);
-  return first.empty() || (ftpEqual(first, "total") && ftpNumber<uint64_t>(ftpTrimmed(rest)).has_value());
+  return first.empty() ||
+         (equalIgnoringCase(first, "total") && ftpNumber<uint64_t>(ftpTrimmed(rest)).has_value());
 }
 
 }  // namespace ombra

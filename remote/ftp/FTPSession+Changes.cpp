@@ -3,9 +3,8 @@
 
 #include <utility>
 
-#include "remote/RemotePaths.h"
+#include "platform/foundation/ASCII.h"
 #include "remote/ftp/FTPSession.h"
-#include "remote/ftp/FTPText.h"
 
 namespace ombra {
 
@@ -31,7 +30,7 @@ bool FTPSession::move(std::string_view from, bool /*isDirectory*/, std::string_v
   std::vector<std::string> commands;
   const std::string target(to);
   // A change of case is told by servers that do not care about it as a file in the way: the file itself.
-  if (!ftpEqual(from, to)) {
+  if (!equalIgnoringCase(from, to)) {
     commands = features().mlst ? std::vector<std::string>{"MLST " + target}
                                : std::vector<std::string>{"SIZE " + target, "CWD " + target};
   }

@@ -3,21 +3,17 @@
 #include <algorithm>
 #include <limits>
 
+#include "platform/foundation/ASCII.h"
+
 namespace ombra {
 
 namespace {
-char lower(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 bool isBlank(char c) { return c == ' ' || c == '\t'; }
 }  // namespace
 
-bool ftpEqual(std::string_view left, std::string_view right) {
-  return std::equal(left.begin(), left.end(), right.begin(), right.end(),
-                    [](char a, char b) { return lower(a) == lower(b); });
-}
-
 bool ftpContains(std::string_view text, std::string_view part) {
   return std::search(text.begin(), text.end(), part.begin(), part.end(),
-                     [](char a, char b) { return lower(a) == b; }) != text.end();
+                     [](char a, char b) { return lowercasedASCII(a) == b; }) != text.end();
 }
 
 std::optional<uint64_t> ftpLength(std::string_view text) {

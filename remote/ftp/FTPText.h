@@ -1,4 +1,4 @@
-// Small tools for the protocol's texts, which are ASCII without regard to case.
+// Small tools for the protocol's texts.
 #pragma once
 
 #include <charconv>
@@ -8,9 +8,7 @@
 
 namespace ombra {
 
-// Equal but for the case of ASCII letters.
-bool ftpEqual(std::string_view left, std::string_view right);
-// Whether `text` holds `part`, in whatever case; `part` is in lower case.
+// Whether `text` holds `part`, in whatever case of ASCII letters; `part` is in lower case.
 bool ftpContains(std::string_view text, std::string_view part);
 // Without blanks and tabs at either end.
 std::string_view ftpTrimmed(std::string_view text);

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <array>
 
-#include "remote/http/HTTPText.h"
+#include "platform/foundation/ASCII.h"
 #include "remote/tls/DigestText.h"
 
 namespace ombra {
@@ -90,7 +90,7 @@ std::string hashText(const EVP_MD* hash, std::string_view text) {
 
 // Without the "-sess". Null for what is not known.
 const EVP_MD* hashOfAlgorithm(std::string_view algorithm) {
-  std::string name = httpLowered(algorithm);
+  std::string name = lowercasedASCII(algorithm);
   if (name.ends_with("-sess")) name.resize(name.size() - 5);
   if (name.empty() || name == "md5") return EVP_md5();
   return name == "sha-256" ? EVP_sha256() : nullptr;
@@ -113,7 +113,7 @@ bool offersAuth(std::string_view qualities) {
     qualities.remove_prefix(std::min(end + 1, qualities.size()));
     while (!word.empty() && word.front() == ' ') word.remove_prefix(1);
     while (!word.empty() && word.back() == ' ') word.remove_suffix(1);
-    if (httpLowered(word) == "auth") return true;
+    if (lowercasedASCII(word) == "auth") return true;
   }
   return false;
 }
@@ -152,7 +152,7 @@ std::vector<HTTPChallenge> parseHTTPChallenges(std::string_view value) {
   ChallengeReader reader(value);
   reader.skipSeparators();
   while (!reader.atEnd() && challenges.size() < kMostChallenges) {
-    std::string name = httpLowered(reader.token());
+    std::string name = lowercasedASCII(reader.token());
     if (name.empty()) break;
     const bool isParameter = !challenges.empty() && reader.takeEquals();
     if (!isParameter) {
@@ -198,7 +198,7 @@ bool HTTPAuthenticator::takeDigest(const HTTPChallenge& challenge) {
   const std::string opaque = parameter(challenge, "opaque");
   if (nonce.empty() || hasControl(nonce) || hasControl(realm) || hasControl(opaque)) return false;
   const bool isFirst = iScheme != Scheme::kDigest;
-  const bool isStale = httpLowered(parameter(challenge, "stale")) == "true";
+  const bool isStale = lowercasedASCII(parameter(challenge, "stale")) == "true";
   iScheme = Scheme::kDigest;
   iNonce = nonce;
   iRealm = realm;
@@ -220,7 +220,7 @@ std::string HTTPAuthenticator::digest(std::string_view method, std::string_view 
   const std::string clientNonce = iFixedClientNonce.empty() ? randomNonce() : iFixedClientNonce;
   const std::string count = fmt::format("{:08x}", ++iCount);
   std::string secret = hashText(hash, fmt::format("{}:{}:{}", iUser, iRealm, iPassword));
-  if (httpLowered(iAlgorithm).ends_with("-sess"))
+  if (lowercasedASCII(iAlgorithm).ends_with("-sess"))
     secret = hashText(hash, fmt::format("{}:{}:{}", secret, iNonce, clientNonce));
   const std::string request = hashText(hash, fmt::format("{}:{}", method, target));
   const std::string middle = iHasAuth ? fmt::format("{}:{}:{}:auth", iNonce, count, clientNonce) : iNonce;

@@ -10,13 +10,13 @@
 #include <map>
 #include <mutex>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/QuarnKitError.h"
 #include "remote/VerboseTranscript.h"
 #include "remote/http/HTTPAuthenticator.h"
 #include "remote/http/HTTPErrors.h"
 #include "remote/http/HTTPExchange.h"
 #include "remote/http/HTTPLoginFacts.h"
-#include "remote/http/HTTPText.h"
 #include "remote/http/HTTPURL.h"
 #include "remote/tls/ServerTrust.h"
 
@@ -59,7 +59,7 @@ void prepareLibraryOnce() {
 
 const std::string* HTTPResponse::header(std::string_view name) const {
   for (const HTTPHeader& header : headers) {
-    if (httpEqual(header.name, name)) return &header.value;
+    if (equalIgnoringCase(header.name, name)) return &header.value;
   }
   return nullptr;
 }
@@ -67,7 +67,7 @@ const std::string* HTTPResponse::header(std::string_view name) const {
 std::vector<std::string> HTTPResponse::allHeaders(std::string_view name) const {
   std::vector<std::string> values;
   for (const HTTPHeader& header : headers) {
-    if (httpEqual(header.name, name)) values.push_back(header.value);
+    if (equalIgnoringCase(header.name, name)) values.push_back(header.value);
   }
   return values;
 }

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/QuarnKitError.h"
 #include "remote/VerboseTranscript.h"
 #include "remote/http/HTTPLengths.h"
@@ -216,7 +216,7 @@ void HTTPExchange::addHeaderLine(std::string_view line) {
   const HTTPHeader& header = iResponse.headers.emplace_back(HTTPHeader{
       std::string(httpTrimmed(line.substr(0, colon))), std::string(httpTrimmed(line.substr(colon + 1)))});
   // libcurl passes over a length that it cannot count: nobody would know then whether all has come.
-  if (httpEqual(header.name, "Content-Length") && !httpLength(header.value))
+  if (equalIgnoringCase(header.name, "Content-Length") && !httpLength(header.value))
     fail(kQuarnKitProtocolError, "the answer's length makes no sense");
 }
 

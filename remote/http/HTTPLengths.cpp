@@ -4,6 +4,7 @@
 #include <limits>
 #include <string>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/http/HTTPClient.h"
 #include "remote/http/HTTPText.h"
 
@@ -24,7 +25,7 @@ std::optional<uint64_t> httpContentLength(const HTTPResponse& head) {
 
 std::optional<HTTPContentRange> HTTPContentRange::parse(std::string_view text) {
   text = httpTrimmed(text);
-  if (!httpEqual(text.substr(0, 5), "bytes")) return std::nullopt;
+  if (!equalIgnoringCase(text.substr(0, 5), "bytes")) return std::nullopt;
   text = httpTrimmed(text.substr(5));
   const size_t slash = text.find('/');
   if (slash == std::string_view::npos) return std::nullopt;

@@ -1,14 +1,10 @@
-// Small helpers over the texts of HTTP, where letters are ASCII.
+// Small helpers over the texts of HTTP.
 #pragma once
 
-#include <string>
 #include <string_view>
 
 namespace ombra {
 
-std::string httpLowered(std::string_view text);
-// Compared as names of headers, schemes and hosts are.
-bool httpEqual(std::string_view a, std::string_view b);
 // Without blanks, tabs and line ends at both ends.
 std::string_view httpTrimmed(std::string_view text);
 

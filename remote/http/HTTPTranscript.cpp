@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/TranscriptText.h"
-#include "remote/http/HTTPText.h"
 
 namespace ombra {
 
@@ -25,7 +25,7 @@ constexpr std::array<std::string_view, 4> kSecretParameters{
 bool isSecretHeader(std::string_view line) {
   const size_t colon = line.find(':');
   if (colon == std::string_view::npos) return false;
-  const std::string name = httpLowered(line.substr(0, colon));
+  const std::string name = lowercasedASCII(line.substr(0, colon));
   return std::find(kSecretHeaders.begin(), kSecretHeaders.end(), name) != kSecretHeaders.end();
 }
 
@@ -33,7 +33,7 @@ std::string withMaskedParameters(std::string_view line) {
   std::string text(line);
   for (const std::string_view name : kSecretParameters) {
     size_t from = 0;
-    while ((from = httpLowered(text).find(name, from)) != std::string::npos) {
+    while ((from = lowercasedASCII(text).find(name, from)) != std::string::npos) {
       from += name.size();
       const size_t end = std::min(text.find_first_of("& \t\"", from), text.size());
       text.replace(from, end - from, kMask);
@@ -66,7 +66,7 @@ std::string httpTranscriptText(std::string_view head) {
 std::string httpRemarkText(std::string_view text) {
   std::string result(text);
   const size_t end = text.rfind('@');
-  if (end == std::string_view::npos || httpLowered(text).find("proxy") == std::string::npos) return result;
+  if (end == std::string_view::npos || lowercasedASCII(text).find("proxy") == std::string::npos) return result;
   constexpr std::string_view kScheme = "://";
   size_t begin = text.find(kScheme);
   // The scheme may be missing there.

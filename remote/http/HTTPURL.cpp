@@ -1,5 +1,5 @@
 #include "remote/http/HTTPURL.h"
-#include "remote/http/HTTPText.h"
+#include "platform/foundation/ASCII.h"
 
 #include <algorithm>
 #include <charconv>
@@ -27,11 +27,11 @@ bool readAuthority(std::string_view text, HTTPURL* url) {
   if (text.starts_with('[')) {
     end = text.find(']');
     if (end == std::string_view::npos) return false;
-    url->host = httpLowered(text.substr(1, end - 1));
+    url->host = lowercasedASCII(text.substr(1, end - 1));
     ++end;
   } else {
     end = std::min(text.find(':'), text.size());
-    url->host = httpLowered(text.substr(0, end));
+    url->host = lowercasedASCII(text.substr(0, end));
   }
   if (url->host.empty() || text.find('@') != std::string_view::npos) return false;
   url->port = portOfScheme(url->scheme);
@@ -80,7 +80,7 @@ std::optional<HTTPURL> HTTPURL::parse(std::string_view text) {
   HTTPURL url;
   const size_t colon = text.find("://");
   if (colon == std::string_view::npos || hasControlOrBlank(text)) return std::nullopt;
-  url.scheme = httpLowered(text.substr(0, colon));
+  url.scheme = lowercasedASCII(text.substr(0, colon));
   if (url.scheme != "http" && url.scheme != "https") return std::nullopt;
   text.remove_prefix(colon + 3);
   const size_t end = std::min(text.find_first_of("/?#"), text.size());

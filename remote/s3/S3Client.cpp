@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/QuarnKitError.h"
 #include "remote/http/HTTPDate.h"
 #include "remote/s3/S3Digest.h"
@@ -30,9 +31,7 @@ bool isUnreachable(const NSErrorRef& error) {
 
 bool isAmazonHeader(std::string_view name) {
   constexpr std::string_view kStart = "x-amz-";
-  return name.size() > kStart.size() &&
-         std::equal(kStart.begin(), kStart.end(), name.begin(),
-                    [](char a, char b) { return a == b || (b >= 'A' && b <= 'Z' && a == b + 0x20); });
+  return name.size() > kStart.size() && equalIgnoringCase(name.substr(0, kStart.size()), kStart);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <system_error>
 #include <thread>
 
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/NSThread.h"
 #include "remote/QuarnKitError.h"
 #include "remote/http/HTTPLengths.h"
@@ -33,9 +34,7 @@ bool isTooLargeToCopy(const S3Refusal& refusal) {
 std::vector<HTTPHeader> ownHeaders(const HTTPResponse& head) {
   std::vector<HTTPHeader> kept;
   for (const HTTPHeader& header : head.headers) {
-    std::string name = header.name;
-    std::transform(name.begin(), name.end(), name.begin(),
-                   [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 0x20) : c; });
+    const std::string name = lowercasedASCII(header.name);
     const bool isKept = name == "content-type" || name == "content-encoding" || name == "content-language" ||
                         name == "content-disposition" || name == "cache-control" || name == "expires" ||
                         name.starts_with("x-amz-meta-");

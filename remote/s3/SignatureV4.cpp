@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <ctime>
 
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/http/URLEncoding.h"
 #include "remote/s3/S3Digest.h"
@@ -24,14 +25,6 @@ Digest hmac(const void* key, size_t length, std::string_view text) {
   HMAC(EVP_sha256(), key, static_cast<int>(length), reinterpret_cast<const unsigned char*>(text.data()),
        text.size(), digest.data(), &size);
   return digest;
-}
-
-std::string lowerCase(std::string_view text) {
-  std::string result(text);
-  for (char& c : result) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 0x20);
-  }
-  return result;
 }
 
 // Without blanks at the ends, and several in a row as one.
@@ -51,7 +44,8 @@ std::string plainValue(std::string_view value) {
 // Lower case, sorted by name; several of one name in their order, with commas between.
 std::vector<std::pair<std::string, std::string>> canonicalHeaders(const SignatureV4Request& request) {
   std::vector<std::pair<std::string, std::string>> headers;
-  for (const auto& [name, value] : request.headers) headers.emplace_back(lowerCase(name), plainValue(value));
+  for (const auto& [name, value] : request.headers)
+    headers.emplace_back(lowercasedASCII(name), plainValue(value));
   std::stable_sort(headers.begin(), headers.end(),
                    [](const auto& a, const auto& b) { return a.first < b.first; });
   std::vector<std::pair<std::string, std::string>> merged;

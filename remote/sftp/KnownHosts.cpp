@@ -1,9 +1,9 @@
 #include "remote/sftp/KnownHosts.h"
 
 #include <algorithm>
-#include <cctype>
 #include <fstream>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/sftp/SSHClient.h"
 
 namespace ombra {
@@ -45,8 +45,7 @@ std::optional<SSHKnownHostEntry> parseLine(std::string text, const std::string& 
 }  // namespace
 
 std::string knownHostsName(const std::string& host, int port) {
-  std::string name = host;
-  std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return std::tolower(c); });
+  const std::string name = lowercasedASCII(host);
   return port == 22 ? name : "[" + name + "]:" + std::to_string(port);
 }
 

@@ -2,9 +2,7 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <cctype>
-
+#include "platform/foundation/ASCII.h"
 #include "remote/sftp/SFTPProtocol.h"
 
 namespace ombra {
@@ -66,15 +64,8 @@ constexpr TextRow kTextRows[] = {
     {"not supported", kQuarnKitNotSupported},
 };
 
-std::string lowerCase(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
-  return result;
-}
-
 QuarnKitErrorCode codeForText(std::string_view message, SFTPOperation operation) {
-  const std::string text = lowerCase(message);
+  const std::string text = lowercasedASCII(message);
   for (const TextRow& row : kTextRows) {
     if (text.find(row.text) == std::string::npos) continue;
     if (row.code == kQuarnKitPermissionDenied && operation == SFTPOperation::kList)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/QuarnKitError.h"
 #include "remote/http/HTTPText.h"
 
@@ -67,8 +68,8 @@ QuarnKitErrorCode codeOf(DAVRequestKind kind, int status) {
 // A page for people who look at it with a browser: what it says about a refusal is meant for them.
 bool isPage(const HTTPResponse& response) {
   const std::string* type = response.header("Content-Type");
-  if (type != nullptr && httpLowered(*type).find("html") != std::string::npos) return true;
-  const std::string begin = httpLowered(httpTrimmed(response.body).substr(0, kLongestWords));
+  if (type != nullptr && lowercasedASCII(*type).find("html") != std::string::npos) return true;
+  const std::string begin = lowercasedASCII(httpTrimmed(response.body).substr(0, kLongestWords));
   return begin.starts_with("<!doctype html") || begin.starts_with("<html");
 }
 

@@ -10,16 +10,11 @@
 #include <array>
 #include <stdexcept>
 
+#include "platform/foundation/ASCII.h"
 #include "tests/support/Loopback.h"
 
 namespace ombra {
 namespace {
-
-std::string inLowerCase(std::string text) {
-  std::transform(text.begin(), text.end(), text.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 0x20) : c; });
-  return text;
-}
 
 // Reads a connection's bytes as a sequence of requests.
 class RequestReader {
@@ -38,7 +33,7 @@ class RequestReader {
   }
 
   bool readBody(HTTPSeen* seen) {
-    if (inLowerCase(seen->header("transfer-encoding")) == "chunked") return readChunks(&seen->body);
+    if (lowercasedASCII(seen->header("transfer-encoding")) == "chunked") return readChunks(&seen->body);
     const std::string length = seen->header("content-length");
     return readExactly(length.empty() ? 0 : std::stoull(length), &seen->body);
   }
@@ -100,7 +95,7 @@ class RequestReader {
       }
       const size_t colon = line.find(':');
       const size_t value = line.find_first_not_of(' ', colon + 1);
-      seen->headers[inLowerCase(line.substr(0, colon))] =
+      seen->headers[lowercasedASCII(line.substr(0, colon))] =
           value == std::string::npos ? "" : line.substr(value);
     }
   }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/foundation/ASCII.h"
 #include "platform/userfs/redirect/LocalFile.h"
 #include "platform/userfs/redirect/RedirectRules.h"
 
@@ -69,9 +70,7 @@ std::string VolumeInfo::info(std::string_view volumeName, std::string_view iconN
 std::string VolumeInfo::iconName(std::string_view iconPath) {
   const std::string_view name = nameOf(iconPath);
   const size_t dot = name.rfind('.');
-  std::string suffix(dot == std::string_view::npos ? "" : name.substr(dot + 1));
-  std::transform(suffix.begin(), suffix.end(), suffix.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  const std::string suffix = lowercasedASCII(dot == std::string_view::npos ? "" : name.substr(dot + 1));
   return ".VolumeIcon." + (isSuffix(suffix) ? suffix : "img");
 }
 
