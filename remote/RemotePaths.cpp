@@ -6,11 +6,17 @@
 namespace ombra {
 namespace {
 
+// Cuts the first component off the path. Empty between two slashes.
+std::string_view takeComponent(std::string_view* path) {
+  const size_t end = std::min(path->find('/'), path->size());
+  const std::string_view name = path->substr(0, end);
+  path->remove_prefix(std::min(end + 1, path->size()));
+  return name;
+}
+
 void appendComponents(std::string& result, std::string_view path) {
   while (!path.empty()) {
-    const size_t end = std::min(path.find('/'), path.size());
-    const std::string_view name = path.substr(0, end);
-    path.remove_prefix(std::min(end + 1, path.size()));
+    const std::string_view name = takeComponent(&path);
     if (!name.empty() && name != ".") result.append("/").append(name);
   }
 }
@@ -27,9 +33,7 @@ std::string absoluteRemotePath(std::string_view path, std::string_view base) {
 std::string normalRemotePath(std::string_view path) {
   std::vector<std::string_view> components;
   while (!path.empty()) {
-    const size_t end = std::min(path.find('/'), path.size());
-    const std::string_view component = path.substr(0, end);
-    path.remove_prefix(std::min(end + 1, path.size()));
+    const std::string_view component = takeComponent(&path);
     if (component.empty() || component == ".") continue;
     if (component != "..") {
       components.push_back(component);

@@ -1,4 +1,4 @@
-// Walking over UTF-8 that may be broken. For this folder's own sources.
+// Walking over UTF-8 that may be broken.
 #pragma once
 
 #include <string>

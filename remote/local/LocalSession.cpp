@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdlib>
 
+#include "platform/foundation/DirectoryStream.h"
 #include "remote/FilePermissions.h"
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
@@ -55,10 +56,6 @@ std::optional<std::string> readLinkAt(int folder, const char* name) {
   if (length < 0) return std::nullopt;
   return std::string(target, static_cast<size_t>(length));
 }
-
-struct FolderCloser {
-  void operator()(DIR* folder) const { closedir(folder); }
-};
 
 }  // namespace
 
@@ -165,7 +162,7 @@ std::optional<NSFileAttributes> LocalSession::fileSystemAttributes(std::string_v
 bool LocalSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
   if (!mayGoOn(error)) return false;
   const std::string whole(path);
-  const std::unique_ptr<DIR, FolderCloser> folder(opendir(whole.c_str()));
+  const DirectoryStream folder(opendir(whole.c_str()));
   if (folder == nullptr) {
     const int number = errno;
     storeError(error, number == EACCES || number == EPERM

@@ -1,5 +1,6 @@
 #include "remote/sftp/SFTPAttributes.h"
 
+#include "remote/FilePermissions.h"
 #include "remote/sftp/SFTPProtocol.h"
 
 namespace ombra {
@@ -65,7 +66,7 @@ NSFileAttributes fileAttributesFromSFTP(const SFTPAttributes& attributes) {
   }
   result.fileSize = attributes.size;
   if (attributes.permissions)
-    result.posixPermissions = static_cast<uint16_t>(*attributes.permissions & 07777);
+    result.posixPermissions = static_cast<uint16_t>(*attributes.permissions & kPermissionBits);
   if (attributes.times) {
     result.modificationDate =
         NSDate::dateWithNanoseconds(int64_t{attributes.times->modification} * 1000000000);

@@ -1,7 +1,7 @@
 // Attributes of items and volumes.
 #include <utility>
 
-#include "remote/sftp/SFTPProtocol.h"
+#include "remote/FilePermissions.h"
 #include "remote/sftp/SFTPSession.h"
 
 namespace ombra {
@@ -78,9 +78,8 @@ bool SFTPSession::hasModeAlready(const SFTPAttributes& wanted, std::string_view 
   iUpload->setMode(std::nullopt);
   SFTPAttributes modeAlone;
   modeAlone.permissions = wanted.permissions;
-  constexpr uint32_t kModeBits = 07777;
   return mode && wanted.permissions && wanted == modeAlone &&
-         (*mode & kModeBits) == (*wanted.permissions & kModeBits);
+         (*mode & kPermissionBits) == (*wanted.permissions & kPermissionBits);
 }
 
 // The owner in a request of its own, ahead of the mode: servers apply the mode of a request first, and the
@@ -106,7 +105,7 @@ bool SFTPSession::setAttributes(const SFTPAttributes& wanted, std::string_view p
 std::optional<SFTPAttributes> SFTPSession::attributesToSet(const NSFileAttributes& attributes,
                                                            std::string_view path, NSErrorRef* error) {
   SFTPAttributes wanted;
-  if (attributes.posixPermissions) wanted.permissions = *attributes.posixPermissions & 07777;
+  if (attributes.posixPermissions) wanted.permissions = *attributes.posixPermissions & kPermissionBits;
   if (attributes.modificationDate) {
     const int64_t seconds = attributes.modificationDate->nanosecondsSince1970() / 1000000000;
     if (attributes.modificationDate->nanosecondsSince1970() < 0 || seconds > UINT32_MAX) {

@@ -1,7 +1,5 @@
 #include "remote/webdav/WebDAVSession.h"
 
-#include <fmt/format.h>
-
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -9,7 +7,6 @@
 
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
-#include "remote/http/HTTPText.h"
 #include "remote/http/URLEncoding.h"
 
 namespace ombra {
@@ -29,29 +26,12 @@ HTTPURL serverOf(const KCCredentials& credentials) {
   return url;
 }
 
-// Absolute, without "." and "..": there are no links here, so that ".." is the folder above by name.
+// There are no links here, so that ".." is the folder above by name.
 std::string normalPath(std::string_view path, std::string_view base) {
-  std::string absolute;
-  if (path.starts_with('~')) {
-    // There are no homes either: everybody's is where the server begins.
-    path.remove_prefix(std::min(path.find('/'), path.size()));
-    absolute = absoluteRemotePath(path, "/");
-  } else {
-    absolute = absoluteRemotePath(path, base);
-  }
-  std::string result;
-  std::string_view rest = absolute;
-  while (!rest.empty()) {
-    const size_t end = std::min(rest.find('/', 1), rest.size());
-    const std::string_view part = rest.substr(0, end);
-    rest.remove_prefix(end);
-    if (part == "/..") {
-      result.resize(std::min(result.rfind('/'), result.size()));
-    } else if (part != "/") {
-      result += part;
-    }
-  }
-  return result.empty() ? "/" : result;
+  if (!path.starts_with('~')) return normalRemotePath(absoluteRemotePath(path, base));
+  // There are no homes either: everybody's is where the server begins.
+  path.remove_prefix(std::min(path.find('/'), path.size()));
+  return normalRemotePath(path);
 }
 
 // Refused before it was looked at, because there is too much to do.

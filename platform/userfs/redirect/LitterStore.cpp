@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <utility>
 
+#include "platform/foundation/DirectoryStream.h"
 #include "platform/userfs/redirect/LocalFile.h"
 #include "platform/userfs/redirect/RedirectRules.h"
 
@@ -92,7 +93,7 @@ LitterStore::LitterStore(std::string folder, bool hashesNames)
 // What is not whole, or does not lie where its path says, is what a killed process left half done, or
 // somebody else's: the folder may hold more than the store.
 void LitterStore::load() {
-  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(iFolder.c_str()), &closedir);
+  const DirectoryStream folder(opendir(iFolder.c_str()));
   if (folder == nullptr) return;
   while (const dirent* entry = readdir(folder.get())) {
     const std::string key = entry->d_name;

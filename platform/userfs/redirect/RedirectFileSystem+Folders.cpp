@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/foundation/DirectoryStream.h"
 #include "platform/userfs/redirect/LocalHandle.h"
 #include "platform/userfs/redirect/OpenFolder.h"
 #include "platform/userfs/redirect/RedirectRules.h"
@@ -26,7 +27,7 @@ std::string below(const std::string& folder, const std::string& name) {
 
 std::vector<std::string> namesInLocalFolder(const std::string& path) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), &closedir);
+  const DirectoryStream folder(opendir(path.c_str()));
   if (folder == nullptr) return names;
   while (const dirent* entry = readdir(folder.get())) {
     const std::string_view name = entry->d_name;
