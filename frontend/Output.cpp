@@ -7,8 +7,6 @@
 
 namespace ombra {
 
-bool Output::toTerminal() const { return isatty(fileno(err)) == 1; }
-
 void Output::result(std::string_view line) const {
   fmt::print(out, "{}\n", line);
   fflush(out);

@@ -16,8 +16,6 @@ struct Output {
   FILE* err = stderr;
   bool json = false;
 
-  // True when a person reads what is said.
-  bool toTerminal() const;
   // One line of result.
   void result(std::string_view line) const;
   // A remark for a person: left out when nobody is at a terminal, and with `json`.

@@ -22,9 +22,4 @@ bool TrustMemory::isWorthy(const std::string& fingerprint, AbstractConnection& c
   return delegate != nullptr || *iFirst == fingerprint;
 }
 
-std::optional<std::string> TrustMemory::acceptedFirst() const {
-  MutexLock lock(iLock);
-  return iFirst;
-}
-
 }  // namespace ombra

@@ -20,11 +20,10 @@ class TrustMemory {
   // with this one, which then is the first.
   bool isWorthy(const std::string& fingerprint, AbstractConnection& connection, ConnectionDelegate* delegate)
       EXCLUDES(iLock);
-  std::optional<std::string> acceptedFirst() const EXCLUDES(iLock);
 
  private:
   std::vector<std::string> iGiven;
-  mutable Mutex iLock;
+  Mutex iLock;
   std::optional<std::string> iFirst GUARDED_BY(iLock);
 };
 

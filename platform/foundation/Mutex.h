@@ -12,7 +12,6 @@ class CAPABILITY("mutex") Mutex {
  public:
   void lock() ACQUIRE() { iMutex.lock(); }
   void unlock() RELEASE() { iMutex.unlock(); }
-  bool tryLock() TRY_ACQUIRE(true) { return iMutex.try_lock(); }
 
  private:
   std::mutex iMutex;

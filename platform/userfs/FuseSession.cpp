@@ -14,6 +14,7 @@
 
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSLog.h"
+#include "platform/userfs/DetachedThread.h"
 #include "platform/userfs/FuseModule.h"
 #include "platform/userfs/KernelMount.h"
 #include "platform/userfs/KernelWire.h"
@@ -205,7 +206,7 @@ void FuseSession::forgetOpenFolder(uint64_t handle) {
 
 // The caller has counted the thread.
 bool FuseSession::startThread() {
-  if (iThreads.start("fuse request", [session = shared_from_this()] { session->serve(); })) return true;
+  if (startDetachedThread("fuse request", [session = shared_from_this()] { session->serve(); })) return true;
   ConditionLock lock(iCondition);
   --iThreadCount;
   return false;

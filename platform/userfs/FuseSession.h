@@ -15,7 +15,6 @@
 #include "platform/foundation/NSCondition.h"
 #include "platform/userfs/MountOptions.h"
 #include "platform/userfs/Operations.h"
-#include "platform/userfs/ThreadGroup.h"
 #include "platform/userfs/Volume.h"
 
 namespace ombra {
@@ -90,7 +89,6 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   OperationsContext iContext;
   std::unique_ptr<fuse, FuseDeleter> iLibrary;
   fuse_session* iSession = nullptr;  // of iLibrary
-  ThreadGroup iThreads;
   std::atomic<bool> iInitialized{false};
   std::atomic<bool> iEnded{false};
 
@@ -99,8 +97,8 @@ class FuseSession : public std::enable_shared_from_this<FuseSession> {
   size_t iInFlight GUARDED_BY(iCondition) = 0;
   bool iCountsNoMore GUARDED_BY(iCondition) = false;
   std::set<pthread_t> iWaiting GUARDED_BY(iCondition);
-  std::map<uint64_t, uint64_t> iOpenFolders
-      GUARDED_BY(iCondition);  // the library's handle → the folder's number
+  // From the library's handle to the folder's number.
+  std::map<uint64_t, uint64_t> iOpenFolders GUARDED_BY(iCondition);
 };
 
 }  // namespace ombra

@@ -11,11 +11,12 @@
 #include <sstream>
 #include <utility>
 
+#include "platform/foundation/DirectoryStream.h"
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSCondition.h"
 #include "platform/foundation/NSLog.h"
+#include "platform/userfs/DetachedThread.h"
 #include "platform/userfs/KernelMount.h"
-#include "platform/userfs/ThreadGroup.h"
 
 namespace ombra {
 
@@ -45,7 +46,7 @@ std::string resolvedFolder(const std::string& path) {
 }
 
 bool isEmptyFolder(const std::string& path) {
-  const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(path.c_str()), &closedir);
+  const DirectoryStream folder(opendir(path.c_str()));
   if (folder == nullptr) return false;
   while (const dirent* entry = readdir(folder.get())) {
     const std::string_view name = entry->d_name;
@@ -138,9 +139,8 @@ bool isDisconnected(const std::string& path) {
     std::optional<bool> disconnected GUARDED_BY(condition);
   };
   const auto probe = std::make_shared<Probe>();
-  ThreadGroup threads;
   // On a thread that can be left behind: a file system that does not answer would hold this one for as long.
-  const bool started = threads.start("mount probe", [probe, path] {
+  const bool started = startDetachedThread("mount probe", [probe, path] {
     struct stat item {};
     const bool gone = lstat(path.c_str(), &item) != 0 && errno == ENOTCONN;
     ConditionLock lock(probe->condition);

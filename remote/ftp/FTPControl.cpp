@@ -1,6 +1,5 @@
 #include "remote/ftp/FTPControl.h"
 
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -8,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <utility>
 
 #include "remote/TranscriptText.h"
@@ -265,18 +263,6 @@ std::optional<FTPReply> FTPControl::ask(std::string_view command, NSErrorRef* er
   queue(command);
   if (!flush(error)) return std::nullopt;
   return nextFinal(patience, error);
-}
-
-std::string FTPControl::peerAddress() const {
-  sockaddr_storage address{};
-  socklen_t length = sizeof(address);
-  std::array<char, NI_MAXHOST> host{};
-  auto* plain = reinterpret_cast<sockaddr*>(&address);
-  if (getpeername(iStream->descriptor(), plain, &length) != 0 ||
-      getnameinfo(plain, length, host.data(), host.size(), nullptr, 0, NI_NUMERICHOST) != 0) {
-    return {};
-  }
-  return host.data();
 }
 
 void FTPControl::sayGoodbye() {

@@ -84,8 +84,6 @@ class FTPControl {
   void fail(NSErrorRef error);
   // When the last byte went in either direction.
   std::chrono::steady_clock::time_point lastTraffic() const { return iLastTraffic; }
-  // The numeric address of the server; empty when it is unknown.
-  std::string peerAddress() const;
   // A last word, without waiting.
   void sayGoodbye();
 
