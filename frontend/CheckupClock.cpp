@@ -5,7 +5,6 @@
 #include <systemd/sd-bus.h>
 
 #include <array>
-#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>

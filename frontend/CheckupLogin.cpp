@@ -1,6 +1,5 @@
 // What logging in needs.
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 
 #include "frontend/ChildProgram.h"
 #include "frontend/HelperBus.h"

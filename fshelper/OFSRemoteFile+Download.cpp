@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <utility>
 
 #include "fshelper/OFSRemoteFile.h"
 #include "fshelper/OFSRemoteFileLocalCalls.h"

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <memory>
 
 #include "platform/foundation/KCStringAdditions.h"
 #include "remote/QuarnKitError.h"

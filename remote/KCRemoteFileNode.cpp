@@ -1,4 +1,3 @@
-#include "platform/foundation/KCStringAdditions.h"
 #include "remote/KCCredentials.h"
 #include "remote/KCNode.h"
 

@@ -1,7 +1,6 @@
 // Listings and changes.
 #include "remote/KCCredentials.h"
 #include "remote/PooledConnection.h"
-#include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
 
 namespace ombra {

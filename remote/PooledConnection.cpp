@@ -1,7 +1,5 @@
 #include "remote/PooledConnection.h"
 
-#include <cassert>
-
 #include "remote/KCCredentials.h"
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"

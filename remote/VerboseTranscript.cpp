@@ -1,7 +1,5 @@
 #include "remote/VerboseTranscript.h"
 
-#include <string>
-
 #include "remote/TranscriptText.h"
 
 namespace ombra {

@@ -3,7 +3,6 @@
 
 #include <climits>
 #include <cstdio>
-#include <cstdlib>
 
 #include "packaging/mount/MountOptions.h"
 #include "packaging/mount/MountUser.h"

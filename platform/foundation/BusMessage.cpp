@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <string>
-#include <vector>
 
 #include "platform/foundation/NSLog.h"
 #include "platform/foundation/Unicode.h"

@@ -7,7 +7,6 @@
 #include <unordered_set>
 
 #include "platform/foundation/NSError.h"
-#include "platform/foundation/Unicode.h"
 
 namespace ombra {
 

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <memory>
 
 #include "platform/foundation/DirectoryStream.h"
 #include "platform/foundation/NSFileManager.h"

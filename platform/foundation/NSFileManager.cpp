@@ -1,6 +1,5 @@
 #include "platform/foundation/NSFileManager.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <grp.h>
 #include <pwd.h>
@@ -8,8 +7,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
-#include <memory>
 
 #include "platform/foundation/DirectoryStream.h"
 #include "platform/foundation/KCStringAdditions.h"

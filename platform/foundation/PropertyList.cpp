@@ -1,7 +1,6 @@
 #include "platform/foundation/PropertyList.h"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdlib>
 #include <limits>
 

@@ -1,5 +1,4 @@
 // The tag scan of XML property lists.
-#include <algorithm>
 #include <string_view>
 
 #include "platform/foundation/PropertyListScan.h"

@@ -1,6 +1,5 @@
 #include "platform/userfs/GMUserFileSystem.h"
 
-#include <atomic>
 #include <utility>
 
 #include "platform/foundation/Mutex.h"

@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <fstream>
-#include <iterator>
 #include <utility>
 
 #include "platform/foundation/NSLog.h"

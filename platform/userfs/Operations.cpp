@@ -1,9 +1,7 @@
 #include "platform/userfs/Operations.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <utility>
 
 #include "platform/foundation/NSLog.h"
 #include "platform/userfs/KernelMount.h"

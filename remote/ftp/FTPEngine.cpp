@@ -1,7 +1,6 @@
 #include "remote/ftp/FTPEngine.h"
 
 #include <memory>
-#include <utility>
 
 #include "remote/ftp/FTPServer.h"
 #include "remote/ftp/FTPSession.h"

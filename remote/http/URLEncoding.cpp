@@ -1,7 +1,5 @@
 #include "remote/http/URLEncoding.h"
 
-#include <optional>
-
 namespace ombra {
 
 namespace {

@@ -1,7 +1,6 @@
 #include "remote/s3/S3Endpoint.h"
 
 #include <algorithm>
-#include <vector>
 
 #include "remote/http/HTTPURL.h"
 #include "remote/http/URLEncoding.h"

@@ -1,6 +1,5 @@
 // Downloads, uploads and streams.
 #include <algorithm>
-#include <cerrno>
 
 #include "remote/ConfirmedUpload.h"
 #include "remote/QuarnKitError.h"

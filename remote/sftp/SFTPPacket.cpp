@@ -1,7 +1,5 @@
 #include "remote/sftp/SFTPPacket.h"
 
-#include <cstring>
-
 namespace ombra {
 
 void sftpPutU32(std::byte* to, uint32_t value) {

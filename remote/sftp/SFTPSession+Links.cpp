@@ -1,6 +1,5 @@
 // Where links lead.
 #include "remote/RemotePaths.h"
-#include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
 
 namespace ombra {

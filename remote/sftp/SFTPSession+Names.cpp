@@ -1,6 +1,5 @@
 // Making, moving and removing names, and paths in normal form.
 #include "remote/RemotePaths.h"
-#include "remote/sftp/SFTPProtocol.h"
 #include "remote/sftp/SFTPSession.h"
 
 namespace ombra {

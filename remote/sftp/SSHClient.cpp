@@ -8,7 +8,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 #if defined(__aarch64__)
 #include <asm/hwcap.h>

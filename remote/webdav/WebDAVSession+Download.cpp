@@ -1,6 +1,5 @@
 // Downloads.
 #include "remote/QuarnKitError.h"
-#include "remote/webdav/DAVContent.h"
 #include "remote/webdav/DAVDownload.h"
 #include "remote/webdav/WebDAVSession.h"
 
