@@ -41,10 +41,19 @@ std::string ServerProcess::findProgram(const std::string& name) {
   return {};
 }
 
+// Tests of other programs run at the same time and take ports as well. This one stays bound, without
+// listening: then the kernel chooses it for nobody else, and a server that binds to it succeeds, since both
+// say that the address may be reused. The descriptor is left open on purpose.
 int ServerProcess::freePort() {
-  int port = 0;
-  close(listenOnLoopback(&port));
-  return port;
+  const int reservation = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int one = 1;
+  sockaddr_in address = loopbackAddress(0);
+  socklen_t length = sizeof address;
+  auto* plain = reinterpret_cast<sockaddr*>(&address);
+  if (setsockopt(reservation, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one) != 0 ||
+      bind(reservation, plain, length) != 0 || getsockname(reservation, plain, &length) != 0)
+    return 0;
+  return ntohs(address.sin_port);
 }
 
 bool ServerProcess::start(const std::vector<std::string>& command, const std::string& ready, int port) {

@@ -28,7 +28,8 @@ class ServerProcess {
   // Reads what it writes, for a bounded time, until `log` holds `text`.
   bool waitForOutput(const std::string& text);
 
-  // A port of 127.0.0.1 that nobody listens on now.
+  // A port of 127.0.0.1 that nobody is given but who asks for its number, as servers do: until one listens
+  // there, connecting is refused. For as long as this program runs.
   static int freePort();
   // The path of a program, looked for where server programs lie; empty when it is not installed.
   static std::string findProgram(const std::string& name);

@@ -36,7 +36,7 @@ void killTree(pid_t process) {
 SshdFixture::SshdFixture(std::vector<std::string> extraConfiguration, std::string address)
     : iExtraConfiguration(std::move(extraConfiguration)), iAddress(std::move(address)) {
   if (!prepare()) return;
-  // Somebody may take the port between the probe and the start.
+  // The port is free of 127.0.0.1 alone.
   for (int attempt = 0; attempt < 5 && !isRunning(); ++attempt) {
     iPort = ServerProcess::freePort();
     (void)start();
