@@ -56,7 +56,10 @@ TEST(WorkQueue, NoMoreThanTheMaximumRunsAtOnce) {
   std::atomic<int> most{0};
   for (int i = 0; i < 10; ++i) {
     queue.add([&latch, &running, &most] {
-      most = std::max<int>(most, ++running);
+      const int now = ++running;
+      int seen = most;
+      while (now > seen && !most.compare_exchange_weak(seen, now)) {
+      }
       latch.pass();
       --running;
     });
