@@ -395,8 +395,10 @@ TEST_F(Helper, AMountThatTheSystemRefusesIsAnnouncedWithItsPath) {
 
 TEST_F(Helper, RepairsItsComponentsBeforeItMounts) {
   const DrelFSBundle bundle = DrelFSBundle::bundleInFolder(OMBRA_BUILD_DIR "/libexec/ombrafs");
-  ASSERT_EQ(::chmod(bundle.loader.c_str(), 0755), 0);
-  ASSERT_TRUE(DrelFSInstaller::shouldFixDrelFSPermissions(bundle));
+  // Helpers of other tests that run beside this one repair them too.
+  do {
+    ASSERT_EQ(::chmod(bundle.loader.c_str(), 0755), 0);
+  } while (!DrelFSInstaller::shouldFixDrelFSPermissions(bundle));
   const auto helper = start(localCredentials());
   EXPECT_EQ(client.next().name, "OFSDidMount");
   EXPECT_FALSE(DrelFSInstaller::shouldFixDrelFSPermissions(bundle));
