@@ -8,6 +8,7 @@
 #include "remote/QuarnKitError.h"
 #include "tests/frontend/PlainServer.h"
 #include "tests/frontend/Surroundings.h"
+#include "tests/support/ServerProcess.h"
 
 namespace ombra {
 namespace {
@@ -173,11 +174,7 @@ TEST_F(CertificateProbe, DoesNotWaitForEver) {
 }
 
 TEST_F(CertificateProbe, SaysWhenNobodyListens) {
-  int port = 0;
-  {
-    const PlainServer server([](int) {});
-    port = server.port();
-  }
+  const int port = ServerProcess::freePort();
   EXPECT_FALSE(probeServerCertificate({"127.0.0.1", port, kProtocolWebDAVTLS}, kLimit, &iError));
   expectError(kQuarnKitCouldNotConnect, "");
 }

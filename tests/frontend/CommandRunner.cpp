@@ -15,6 +15,8 @@
 
 #include "frontend/ChildProgram.h"
 #include "frontend/Deadline.h"
+#include "frontend/HelperBus.h"
+#include "frontend/ProcessDescriptor.h"
 #include "platform/foundation/NSProcessInfo.h"
 
 namespace ombra {
@@ -179,6 +181,19 @@ CommandResult RunningCommand::finish() {
 CommandResult runCommand(const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment) {
   return RunningCommand(arguments, RunningCommand::Input::kNone, environment).finish();
+}
+
+void endHelpersOn(const std::string& busAddress) {
+  const auto bus = HelperBus::connect(busAddress);
+  if (!bus) return;
+  for (const HelperStatus& helper : bus->helpers()) {
+    const UniqueFd process = openProcess(helper.pid);
+    if (!process) continue;
+    signalProcess(process, SIGKILL);
+    // One that is still ending would be found by the next test, and answer nobody.
+    pollfd ended{process.get(), POLLIN, 0};
+    EXPECT_EQ(poll(&ended, 1, 20000), 1);
+  }
 }
 
 }  // namespace ombra

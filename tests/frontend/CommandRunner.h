@@ -75,4 +75,7 @@ class RunningCommand {
 CommandResult runCommand(const std::vector<std::string>& arguments,
                          const std::vector<std::string>& environment = {});
 
+// Ends the helpers that a test has left on that bus. None of them is there any more afterwards.
+void endHelpersOn(const std::string& busAddress);
+
 }  // namespace ombra

@@ -36,13 +36,7 @@ using testing::Not;
 class Command : public testing::Test {
  protected:
   void TearDown() override {
-    // A helper that a test left behind is told to end.
-    Failure failure;
-    for (const std::string& address : SessionBus::answeringAddresses()) {
-      const auto bus = HelperBus::connect(address);
-      if (!bus) continue;
-      for (const HelperStatus& helper : bus->helpers()) kill(helper.pid, SIGKILL);
-    }
+    for (const std::string& address : SessionBus::answeringAddresses()) endHelpersOn(address);
   }
 
   std::vector<std::string> environment(const std::string& behaviour) const {
@@ -212,7 +206,9 @@ TEST_F(Command, MountOfAnIdentifierThatIsBeingMountedWaitsForTheVolume) {
   RunningCommand command({"mount", "file://" + iFolder.path(), "--passthrough", "team"},
                          RunningCommand::Input::kNone, environment("already"));
   ASSERT_EQ(readFile(iFolder / "started"), "yes");
-  writeFile(iFolder / "status.json", R"({"passthrough": "team"})");
+  // Replaced at once: the helper is being asked.
+  writeFile(iFolder / "status.new", R"({"passthrough": "team"})");
+  std::filesystem::rename(iFolder / "status.new", iFolder / "status.json");
   EXPECT_TRUE(command.waitForOutput(volume("Disk")));
   EXPECT_EQ(command.finish().exitCode, 0);
   std::filesystem::remove(lock);

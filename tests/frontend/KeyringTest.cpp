@@ -6,7 +6,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "frontend/HelperBus.h"
 #include "frontend/Keyring.h"
 #include "frontend/SavedSecrets.h"
 #include "frontend/SessionBus.h"
@@ -149,10 +148,7 @@ TEST_F(KeyringTest, ThatNobodyUnlocksIsGivenUp) {
 // The command itself, mounting from a server that the fake helper plays.
 class KeyringCommand : public testing::Test {
  protected:
-  void TearDown() override {
-    const auto bus = HelperBus::connect(iBus.address());
-    for (const HelperStatus& helper : bus->helpers()) kill(helper.pid, SIGKILL);
-  }
+  void TearDown() override { endHelpersOn(iBus.address()); }
   std::vector<std::string> environment(const std::string& behaviour) const {
     // A proxy that nobody asks stands for the way to servers that are not there.
     return {"FAKE_HELPER=" + behaviour, "FAKE_HELPER_FOLDER=" + iFolder.path(), iBus.variable(),

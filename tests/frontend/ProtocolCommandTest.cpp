@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "frontend/HelperBus.h"
 #include "frontend/KnownCertificates.h"
 #include "frontend/SessionBus.h"
 #include "remote/KCCredentials.h"
@@ -28,11 +27,7 @@ class ProtocolCommand : public testing::Test {
  protected:
   void SetUp() override { std::filesystem::remove(KnownCertificates::ofThisUser().file()); }
   void TearDown() override {
-    for (const std::string& address : SessionBus::answeringAddresses()) {
-      const auto bus = HelperBus::connect(address);
-      if (!bus) continue;
-      for (const HelperStatus& helper : bus->helpers()) kill(helper.pid, SIGKILL);
-    }
+    for (const std::string& address : SessionBus::answeringAddresses()) endHelpersOn(address);
   }
 
   std::vector<std::string> environment(const std::string& behaviour) const {
@@ -330,11 +325,7 @@ TEST_F(VouchedFor, ACertificateForAnotherHostIsAskedAbout) {
 }
 
 TEST_F(ProtocolCommand, ATLSServerThatCannotBeReachedIsNoQuestionOfTrust) {
-  int port = 0;
-  {
-    port = PlainServer([](int) {}).port();
-  }
-  const auto result = mount({"davs://127.0.0.1:" + std::to_string(port)});
+  const auto result = mount({"davs://127.0.0.1:" + std::to_string(ServerProcess::freePort())});
   EXPECT_EQ(result.exitCode, 1);
   EXPECT_THAT(result.err, HasSubstr("Could not connect"));
 }

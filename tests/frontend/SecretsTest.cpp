@@ -240,7 +240,7 @@ class FakeAgent {
       EXPECT_EQ(recv(visitor.get(), question, sizeof(question), MSG_WAITALL), 5);
       send(visitor.get(), answer.data(), answer.size(), MSG_NOSIGNAL);
       char end = 0;
-      EXPECT_EQ(read(visitor.get(), &end, 1), 0);  // until the asker has gone
+      EXPECT_LE(read(visitor.get(), &end, 1), 0);  // until the asker has gone, who may not have read all
     });
   }
   ~FakeAgent() { iThread.join(); }

@@ -29,11 +29,7 @@ using testing::Not;
 class StatusCommand : public testing::Test {
  protected:
   void TearDown() override {
-    for (const std::string& address : SessionBus::answeringAddresses()) {
-      const auto bus = HelperBus::connect(address);
-      if (!bus) continue;
-      for (const HelperStatus& helper : bus->helpers()) kill(helper.pid, SIGKILL);
-    }
+    for (const std::string& address : SessionBus::answeringAddresses()) endHelpersOn(address);
   }
   std::vector<std::string> environment(const std::string& behaviour = "mount") const {
     return {"FAKE_HELPER=" + behaviour, "FAKE_HELPER_FOLDER=" + iFolder.path()};
