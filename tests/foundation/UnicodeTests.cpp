@@ -1,5 +1,8 @@
 #include "platform/foundation/Unicode.h"
 
+#include <gtest/gtest.h>
+
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/KCStringAdditions.h"
 
 namespace ombra {
@@ -102,6 +105,18 @@ TEST(SanitizedUTF8, ReplacesEachByteThatBelongsToNoCharacter) {
   EXPECT_EQ(sanitizedUTF8("a\xff\u00fc\xc3"), "a\ufffd\u00fc\ufffd");
   EXPECT_EQ(sanitizedUTF8("a\0b"s), "a\ufffdb");
   EXPECT_EQ(sanitizedUTF8("plain"), "plain");
+}
+
+TEST(ASCII, LettersLoseTheirCaseAndAllElseStays) {
+  EXPECT_EQ(lowercasedASCII("AZaz09 @[`{\xc3\x84"), "azaz09 @[`{\xc3\x84");
+  EXPECT_EQ(lowercasedASCII(""), "");
+}
+
+TEST(ASCII, TextsAreEqualWhateverTheCaseOfTheirLetters) {
+  EXPECT_TRUE(equalIgnoringCase("Content-LENGTH", "content-length"));
+  EXPECT_FALSE(equalIgnoringCase("content", "content-length"));
+  EXPECT_FALSE(equalIgnoringCase("[", "{"));
+  EXPECT_FALSE(equalIgnoringCase("\xc3\x84", "\xc3\xa4")) << "no letters of ASCII";
 }
 
 }  // namespace
