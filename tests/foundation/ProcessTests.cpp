@@ -122,7 +122,7 @@ TEST(Log, WritesOneLineWithTimeProcessAndThread) {
   close(saved);
   close(pipe[1]);
   char buffer[512] = {};
-  const ssize_t length = read(pipe[0], buffer, sizeof buffer - 1);
+  const ssize_t length = ::read(pipe[0], buffer, sizeof buffer - 1);
   close(pipe[0]);
   ASSERT_GT(length, 0);
   const std::string tail =
