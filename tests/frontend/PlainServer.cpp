@@ -1,12 +1,10 @@
 #include "tests/frontend/PlainServer.h"
 
-#include <openssl/pem.h>
-#include <openssl/ssl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "remote/tls/OpenSSLHandles.h"
 #include "tests/support/Loopback.h"
+#include "tests/support/ServerContext.h"
 
 namespace ombra {
 
@@ -39,14 +37,7 @@ std::string readLineOf(int socket) {
 void sayTo(int socket, const std::string& text) { send(socket, text.data(), text.size(), MSG_NOSIGNAL); }
 
 void serveTLS(int socket, const TestCertificate& certificate, std::string* name, std::string* sent) {
-  const SSLContextHandle context(SSL_CTX_new(TLS_server_method()));
-  const BIOHandle pem(BIO_new_mem_buf(certificate.pem.data(), -1));
-  const BIOHandle keyPEM(BIO_new_mem_buf(certificate.key.data(), -1));
-  const CertificateHandle shown(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
-  EVP_PKEY* key = PEM_read_bio_PrivateKey(keyPEM.get(), nullptr, nullptr, nullptr);
-  SSL_CTX_use_certificate(context.get(), shown.get());
-  SSL_CTX_use_PrivateKey(context.get(), key);
-  EVP_PKEY_free(key);
+  const SSLContextHandle context = serverContextWith(certificate);
   const SSLHandle connection(SSL_new(context.get()));
   SSL_set_fd(connection.get(), socket);
   if (SSL_accept(connection.get()) != 1) return;

@@ -1,5 +1,4 @@
 // What an encrypted session does not put up with.
-#include <openssl/pem.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -7,33 +6,20 @@
 #include <atomic>
 #include <thread>
 
-#include "remote/tls/OpenSSLHandles.h"
 #include "tests/ftp/FTPSessionFixture.h"
 #include "tests/support/Loopback.h"
-#include "tests/support/TestCertificates.h"
+#include "tests/support/ServerContext.h"
 
 namespace ombra {
 namespace {
-
-SSLContextHandle contextWith(const TestCertificate& certificate) {
-  SSLContextHandle context(SSL_CTX_new(TLS_server_method()));
-  const BIOHandle pem(BIO_new_mem_buf(certificate.pem.data(), -1));
-  const BIOHandle keyPEM(BIO_new_mem_buf(certificate.key.data(), -1));
-  const CertificateHandle shown(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
-  EVP_PKEY* key = PEM_read_bio_PrivateKey(keyPEM.get(), nullptr, nullptr, nullptr);
-  SSL_CTX_use_certificate(context.get(), shown.get());
-  SSL_CTX_use_PrivateKey(context.get(), key);
-  EVP_PKEY_free(key);
-  return context;
-}
 
 // Serves one session, encrypted from the first byte on. Every file holds "content".
 class EncryptedServer {
  public:
   EncryptedServer(const TestCertificate& shown, const TestCertificate& shownForData, std::string protection)
       : iFingerprint(shown.fingerprint),
-        iContext(contextWith(shown)),
-        iDataContext(contextWith(shownForData)),
+        iContext(serverContextWith(shown)),
+        iDataContext(serverContextWith(shownForData)),
         iProtection(std::move(protection)) {
     // A peer that goes away while TLS is written to it must not end the tests.
     signal(SIGPIPE, SIG_IGN);

@@ -2,28 +2,19 @@
 
 #include <openssl/bio.h>
 #include <openssl/err.h>
-#include <openssl/pem.h>
 
-#include "remote/tls/OpenSSLHandles.h"
+#include "tests/support/ServerContext.h"
 
 namespace ombra {
 
 namespace {
 
 SSLContextHandle contextOfServer(const HandshakeServer& server) {
-  SSLContextHandle context(SSL_CTX_new(TLS_server_method()));
+  SSLContextHandle context = serverContextWith(server.certificate);
   // The library's own level would keep the versions away that a test is about.
   SSL_CTX_set_security_level(context.get(), 0);
   SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
   SSL_CTX_set_max_proto_version(context.get(), server.newestVersion);
-  const TestCertificate& wish = server.certificate;
-  const BIOHandle pem(BIO_new_mem_buf(wish.pem.data(), static_cast<int>(wish.pem.size())));
-  const BIOHandle keyPEM(BIO_new_mem_buf(wish.key.data(), static_cast<int>(wish.key.size())));
-  const CertificateHandle certificate(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
-  EVP_PKEY* key = PEM_read_bio_PrivateKey(keyPEM.get(), nullptr, nullptr, nullptr);
-  SSL_CTX_use_certificate(context.get(), certificate.get());
-  SSL_CTX_use_PrivateKey(context.get(), key);
-  EVP_PKEY_free(key);
   return context;
 }
 

@@ -1,43 +1,13 @@
 #include "tests/fshelper/controller/FeedServer.h"
 
-#include <arpa/inet.h>
-#include <openssl/pem.h>
-#include <openssl/ssl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "remote/tls/OpenSSLHandles.h"
+#include "tests/support/Loopback.h"
+#include "tests/support/ServerContext.h"
 
 namespace ombra {
-namespace {
-
-SSLContextHandle contextOf(const TestCertificate& certificate) {
-  SSLContextHandle context(SSL_CTX_new(TLS_server_method()));
-  const BIOHandle pem(BIO_new_mem_buf(certificate.pem.data(), -1));
-  const BIOHandle keyPEM(BIO_new_mem_buf(certificate.key.data(), -1));
-  const CertificateHandle shown(PEM_read_bio_X509(pem.get(), nullptr, nullptr, nullptr));
-  EVP_PKEY* key = PEM_read_bio_PrivateKey(keyPEM.get(), nullptr, nullptr, nullptr);
-  SSL_CTX_use_certificate(context.get(), shown.get());
-  SSL_CTX_use_PrivateKey(context.get(), key);
-  EVP_PKEY_free(key);
-  return context;
-}
-
-int listenOnLoopback(int* port) {
-  const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
-  ::listen(listener, 8);
-  socklen_t length = sizeof address;
-  ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-  *port = ntohs(address.sin_port);
-  return listener;
-}
-
-}  // namespace
 
 FeedServer::FeedServer(TestCertificate certificate, Script script)
     : iCertificate(std::move(certificate)), iScript(std::move(script)), iListener(listenOnLoopback(&iPort)) {
@@ -77,7 +47,7 @@ void FeedServer::run() {
 }
 
 void FeedServer::serve(int socket) {
-  const SSLContextHandle context = contextOf(iCertificate);
+  const SSLContextHandle context = serverContextWith(iCertificate);
   const SSLHandle connection(SSL_new(context.get()));
   SSL_set_fd(connection.get(), socket);
   if (SSL_accept(connection.get()) != 1) return;
