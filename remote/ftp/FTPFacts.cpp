@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "platform/foundation/ASCII.h"
+#include "remote/ByteCount.h"
 #include "remote/FilePermissions.h"
 #include "remote/ftp/FTPText.h"
 
@@ -53,7 +54,7 @@ void takeFact(std::string_view name, std::string_view value, FTPItem* item) {
   if (equalIgnoringCase(name, "type")) {
     takeType(value, item);
   } else if (equalIgnoringCase(name, "size")) {
-    attributes.fileSize = ftpLength(value);
+    attributes.fileSize = byteCount(value);
   } else if (equalIgnoringCase(name, "modify")) {
     attributes.modificationDate = dateOfFTPTime(value);
   } else if (equalIgnoringCase(name, "create")) {

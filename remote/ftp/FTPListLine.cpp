@@ -4,6 +4,7 @@
 #include <ctime>
 
 #include "platform/foundation/ASCII.h"
+#include "remote/ByteCount.h"
 #include "remote/ftp/FTPText.h"
 
 namespace ombra {
@@ -189,11 +190,12 @@ bool takeColumns(std::string_view line, NSDate now, FTPItem* item) {
   std::array<ListWord, kMostWords> words;
   const size_t count = splitListLine(line, &words);
   for (size_t i = 2; i + 2 < count; ++i) {
-    if (!ftpNumber<uint64_t>(words[i - 1].text)) continue;
+    const auto size = ftpNumber<uint64_t>(words[i - 1].text);
+    if (!size) continue;
     auto date = dateInDigits(&words[i]);
     if (!date && i + 3 < count) date = dateWithMonthName(&words[i], now);
     if (!date) continue;
-    item->entry.attributes.fileSize = ftpLength(words[i - 1].text);
+    item->entry.attributes.fileSize = byteCount(*size);
     item->entry.attributes.modificationDate = date->date;
     item->links = ftpNumber<uint64_t>(words[1].text).value_or(1);
     if (const auto owner = ftpNumber<uint32_t>(words[2].text); owner && i > 4) {
@@ -267,8 +269,8 @@ std::optional<FTPItem> itemOfDOSLine(std::string_view line) {
   FTPItem item;
   item.entry.attributes.modificationDate = dateOfDOS(day, time);
   if (!item.entry.attributes.modificationDate || rest.size() < 2 || rest[0] != ' ') return std::nullopt;
-  if (ftpNumber<uint64_t>(sizeOrKind)) {
-    item.entry.attributes.fileSize = ftpLength(sizeOrKind);
+  if (const auto size = ftpNumber<uint64_t>(sizeOrKind)) {
+    item.entry.attributes.fileSize = byteCount(*size);
     item.entry.name = rest.substr(1);
     return item;
   }

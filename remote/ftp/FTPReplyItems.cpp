@@ -1,4 +1,5 @@
 #include "remote/ftp/FTPReplyItems.h"
+#include "remote/ByteCount.h"
 #include "remote/RemotePaths.h"
 
 #include "remote/ftp/FTPListLine.h"
@@ -27,7 +28,7 @@ std::optional<FTPItem> itemOfSTAT(const FTPReply& reply, std::string_view path, 
 }
 
 std::optional<uint64_t> sizeOfReply(const FTPReply& reply) {
-  return reply.isPositive() ? ftpLength(ftpTrimmed(reply.text())) : std::nullopt;
+  return reply.isPositive() ? byteCount(ftpTrimmed(reply.text())) : std::nullopt;
 }
 
 std::optional<NSDate> dateOfReply(const FTPReply& reply) {

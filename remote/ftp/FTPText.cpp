@@ -1,7 +1,6 @@
 #include "remote/ftp/FTPText.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "platform/foundation/ASCII.h"
 
@@ -14,12 +13,6 @@ bool isBlank(char c) { return c == ' ' || c == '\t'; }
 bool ftpContains(std::string_view text, std::string_view part) {
   return std::search(text.begin(), text.end(), part.begin(), part.end(),
                      [](char a, char b) { return lowercasedASCII(a) == b; }) != text.end();
-}
-
-std::optional<uint64_t> ftpLength(std::string_view text) {
-  const auto length = ftpNumber<uint64_t>(text);
-  const bool isOne = length && *length <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max());
-  return isOne ? length : std::nullopt;
 }
 
 std::string_view ftpTrimmed(std::string_view text) {

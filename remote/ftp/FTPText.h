@@ -2,7 +2,6 @@
 #pragma once
 
 #include <charconv>
-#include <cstdint>
 #include <optional>
 #include <string_view>
 
@@ -24,8 +23,5 @@ std::optional<Number> ftpNumber(std::string_view text, int base = 10) {
     return std::nullopt;
   return value;
 }
-
-// A length in bytes. Absent for more than a signed number of 64 bits holds: offsets are signed in the system.
-std::optional<uint64_t> ftpLength(std::string_view text);
 
 }  // namespace ombra

@@ -4,9 +4,9 @@
 #include <charconv>
 
 #include "platform/foundation/ASCII.h"
+#include "remote/ByteCount.h"
 #include "remote/QuarnKitError.h"
 #include "remote/VerboseTranscript.h"
-#include "remote/http/HTTPLengths.h"
 #include "remote/http/HTTPText.h"
 #include "remote/http/HTTPTranscript.h"
 
@@ -216,7 +216,7 @@ void HTTPExchange::addHeaderLine(std::string_view line) {
   const HTTPHeader& header = iResponse.headers.emplace_back(HTTPHeader{
       std::string(httpTrimmed(line.substr(0, colon))), std::string(httpTrimmed(line.substr(colon + 1)))});
   // libcurl passes over a length that it cannot count: nobody would know then whether all has come.
-  if (equalIgnoringCase(header.name, "Content-Length") && !httpLength(header.value))
+  if (equalIgnoringCase(header.name, "Content-Length") && !byteCount(header.value))
     fail(kQuarnKitProtocolError, "the answer's length makes no sense");
 }
 

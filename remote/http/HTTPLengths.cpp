@@ -1,26 +1,17 @@
 #include "remote/http/HTTPLengths.h"
 
-#include <charconv>
-#include <limits>
 #include <string>
 
 #include "platform/foundation/ASCII.h"
+#include "remote/ByteCount.h"
 #include "remote/http/HTTPClient.h"
 #include "remote/http/HTTPText.h"
 
 namespace ombra {
 
-std::optional<uint64_t> httpLength(std::string_view text) {
-  uint64_t value = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  const bool isWhole = result.ec == std::errc() && result.ptr == text.data() + text.size();
-  if (!isWhole || value > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return std::nullopt;
-  return value;
-}
-
 std::optional<uint64_t> httpContentLength(const HTTPResponse& head) {
   const std::string* text = head.header("Content-Length");
-  return text != nullptr ? httpLength(*text) : std::nullopt;
+  return text != nullptr ? byteCount(*text) : std::nullopt;
 }
 
 std::optional<HTTPContentRange> HTTPContentRange::parse(std::string_view text) {
@@ -31,14 +22,14 @@ std::optional<HTTPContentRange> HTTPContentRange::parse(std::string_view text) {
   if (slash == std::string_view::npos) return std::nullopt;
   HTTPContentRange range;
   const std::string_view total = text.substr(slash + 1);
-  range.total = httpLength(total);
+  range.total = byteCount(total);
   if (!range.total && total != "*") return std::nullopt;
   const std::string_view part = text.substr(0, slash);
   if (part == "*") return range;
   const size_t dash = part.find('-');
   if (dash == std::string_view::npos) return std::nullopt;
-  range.first = httpLength(part.substr(0, dash));
-  range.last = httpLength(part.substr(dash + 1));
+  range.first = byteCount(part.substr(0, dash));
+  range.last = byteCount(part.substr(dash + 1));
   if (!range.first || !range.last || *range.last < *range.first) return std::nullopt;
   if (range.total && *range.last >= *range.total) return std::nullopt;
   return range;

@@ -9,9 +9,6 @@ namespace ombra {
 
 struct HTTPResponse;
 
-// Digits alone. Absent for anything else, and for more than a signed number of 64 bits holds: offsets are
-// signed in the system.
-std::optional<uint64_t> httpLength(std::string_view text);
 // "Content-Length", when it is there and a length.
 std::optional<uint64_t> httpContentLength(const HTTPResponse& head);
 

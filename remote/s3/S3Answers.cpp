@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <pugixml.hpp>
 
+#include "remote/ByteCount.h"
 #include "remote/http/HTTPDate.h"
-#include "remote/http/HTTPLengths.h"
 #include "remote/http/URLEncoding.h"
 
 namespace ombra {
@@ -70,7 +70,7 @@ std::string decodedName(std::string text, bool isEncoded) {
 bool readObject(const pugi::xml_node& node, bool isEncoded, S3ListedObject* object) {
   object->key = decodedName(textIn(node, "Key"), isEncoded);
   object->modificationDate = dateOfISO8601Text(textIn(node, "LastModified"));
-  const std::optional<uint64_t> size = httpLength(textIn(node, "Size"));
+  const std::optional<uint64_t> size = byteCount(textIn(node, "Size"));
   if (!size || object->key.empty()) return false;
   object->size = *size;
   return true;

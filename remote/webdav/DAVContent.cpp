@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "remote/ByteCount.h"
 #include "remote/http/HTTPLengths.h"
 
 namespace ombra {
@@ -45,7 +46,7 @@ DAVVersion DAVVersion::fromText(std::string_view text) {
   version.isWeak = takeLine(&text) == "weak";
   version.tag = takeLine(&text);
   version.date = takeLine(&text);
-  version.size = httpLength(text);
+  version.size = byteCount(text);
   return version;
 }
 

@@ -4,8 +4,8 @@
 #include <charconv>
 #include <pugixml.hpp>
 
+#include "remote/ByteCount.h"
 #include "remote/http/HTTPDate.h"
-#include "remote/http/HTTPLengths.h"
 #include "remote/http/HTTPText.h"
 
 namespace ombra {
@@ -79,7 +79,7 @@ void readProperty(pugi::xml_node property, DAVProperties* properties) {
     // An older way to tell, of servers that leave the type empty.
     properties->isCollection = properties->isCollection || text == "1" || text == "true";
   } else if (name == "getcontentlength") {
-    properties->contentLength = httpLength(text);
+    properties->contentLength = byteCount(text);
   } else if (name == "getlastmodified") {
     properties->lastModified = dateOfHTTPText(text);
     if (!properties->lastModified) properties->lastModified = dateOfISO8601Text(text);
@@ -87,9 +87,9 @@ void readProperty(pugi::xml_node property, DAVProperties* properties) {
     properties->creationDate = dateOfISO8601Text(text);
     if (!properties->creationDate) properties->creationDate = dateOfHTTPText(text);
   } else if (name == "quota-available-bytes") {
-    properties->quotaAvailable = httpLength(text);
+    properties->quotaAvailable = byteCount(text);
   } else if (name == "quota-used-bytes") {
-    properties->quotaUsed = httpLength(text);
+    properties->quotaUsed = byteCount(text);
   }
 }
 
