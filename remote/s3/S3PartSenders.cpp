@@ -114,7 +114,7 @@ void S3PartSenders::send() {
 }
 
 void S3PartSenders::startNext() {
-  if (iUnderWay == iMost) return;
+  if (underWay() == iMost) return;
   const auto next = std::find_if(iWaiting.begin(), iWaiting.end(), [this](Slot* slot) {
     slot->client = takeClient(*slot);
     return slot->client != nullptr;
@@ -122,7 +122,6 @@ void S3PartSenders::startNext() {
   if (next == iWaiting.end()) return;
   Slot* slot = *next;
   iWaiting.erase(next);
-  ++iUnderWay;
   try {
     slot->sent = std::async(std::launch::async, [this, slot] {
       NSThread::setName("sending a part");
@@ -176,7 +175,6 @@ bool S3PartSenders::takeNext(TransferControl& control, NSErrorRef* error) {
 
 bool S3PartSenders::take(Slot& slot, TransferControl& control, NSErrorRef* error) {
   S3Client* client = std::exchange(slot.client, nullptr);
-  --iUnderWay;
   iIdle.push_back(client);
   if (slot.tag.empty() && client != &iClient && isOutage(slot.fault)) {
     // Servers bound how many connections somebody has: the session's own is there at any rate.

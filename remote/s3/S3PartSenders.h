@@ -52,6 +52,7 @@ class S3PartSenders {
   struct Slot;
   static constexpr size_t kMostWaiting = 64;
   void addSlot();
+  size_t underWay() const { return iBegun - iTaken - iWaiting.size(); }
   // Of those that wait, if one may.
   void startNext() EXCLUDES(iWake);
   S3Client* takeClient(const Slot& slot);
@@ -76,9 +77,8 @@ class S3PartSenders {
   std::vector<Slot*> iFree;                     // the last one is filled next
   Slot* iFilled = nullptr;                      // not sent yet
   std::deque<Slot*> iWaiting;                   // for their turn, in order
-  size_t iUnderWay = 0;
-  uint32_t iBegun = 0;  // parts that were sent off
-  uint32_t iTaken = 0;  // parts that the server has
+  uint32_t iBegun = 0;                          // parts that were sent off
+  uint32_t iTaken = 0;                          // parts that the server has
   uint64_t iStored = 0;
 };
 

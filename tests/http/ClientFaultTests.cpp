@@ -197,9 +197,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(HTTPClientTest, ALengthThatMakesNoSenseIsRefusedWhereThereIsNoBodyToo) {
   serve([](const HTTPSeen&) {
-    HTTPReply reply;
-    reply.bytes = "HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\n";
-    return reply;
+    return HTTPReply{"HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\n"};
   });
   EXPECT_EQ(statusOf(request("HEAD")), 0);
   EXPECT_EQ(code(), kQuarnKitProtocolError);

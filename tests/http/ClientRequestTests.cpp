@@ -75,9 +75,7 @@ TEST_F(HTTPClientTest, WhereLeaveCannotBeAskedForTheBodyIsSentWithoutIt) {
 
 TEST_F(HTTPClientTest, HEADHasAHeadAlone) {
   serve([](const HTTPSeen&) {
-    HTTPReply reply;
-    reply.bytes = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nETag: \"x\"\r\n\r\n";
-    return reply;
+    return HTTPReply{"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nETag: \"x\"\r\n\r\n"};
   });
   EXPECT_EQ(statusOf(request("HEAD")), 200);
   ASSERT_NE(response.header("etag"), nullptr);
