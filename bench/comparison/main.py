@@ -6,9 +6,7 @@ Exit status: 0 when all targets are met, 1 when one is missed or a work of Ombra
 """
 import argparse
 import functools
-import mmap
 import os
-import re
 import shlex
 import shutil
 import signal
@@ -16,7 +14,7 @@ import subprocess
 import sys
 import tempfile
 
-from comparison import content, report, targets
+from comparison import content, memory, report, targets
 from comparison.ceph import CephGateway
 from comparison.peers import PEERS
 from comparison.processes import Failure, end_all_below
@@ -100,16 +98,6 @@ def place(options):
     return folder
 
 
-def warm_memory(sizes):
-    """Touches as much memory as will be needed once. Virtual machines give memory that was never used only slowly, and
-    whoever runs first would pay for it."""
-    with open("/proc/meminfo") as f:
-        free = int(re.search(r"MemAvailable:\s+(\d+)", f.read()).group(1)) * 1024
-    with mmap.mmap(-1, max(min(free * 6 // 10, sizes.big * 6 * content.MIB), content.MIB)) as area:
-        for at in range(0, len(area), mmap.PAGESIZE):
-            area[at] = 1
-
-
 def commit():
     done = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], capture_output=True, text=True)
     return done.stdout.strip() or "unknown"
@@ -129,7 +117,7 @@ def measure(options, folder):
     makers += [functools.partial(peer, folder, options.timeout) for peer in PEERS if peer.name in options.programs]
     runner = Runner(options, folder)
     try:
-        warm_memory(options.sizes)
+        memory.warm(6 * options.sizes.big)
         runner.start([kinds[name] for name in options.protocol], makers)
         runs = runner.run()
     finally:

@@ -5,6 +5,7 @@ import time
 from dataclasses import dataclass
 
 from comparison import content
+from comparison.memory import warm
 from comparison.processes import Failure, start, stop, wait_for_port
 from comparison.raw import Raw
 from comparison.results import Results
@@ -135,6 +136,7 @@ class Runner:
         try:
             site.server.restarted_if_dead()
             work.prepare(site)
+            warm(work.memory(site.sizes))
             site.mount_began = time.monotonic()
             path = program.mount(site.server, site.host)
             before, _ = program.usage() if work.name != "mount" else (0, 0)
@@ -161,6 +163,7 @@ class Runner:
         try:
             if work.name == "write":
                 work.prepare(site)
+            warm(work.memory(site.sizes))
             series.values[number] = step()[work.rows[0]]
             say(f"      {series.values[number]:.3f} s")
         except (Failure, OSError) as failure:

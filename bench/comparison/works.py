@@ -18,6 +18,10 @@ class Work:
     def __init__(self, name, rows, step=None):
         self.name, self.rows, self.step = name, rows, step or name
 
+    def memory(self, sizes):
+        """MiB that caches, the kernel's pages and the server take meanwhile, about."""
+        return 3 * sizes.big if {"read", "first", "tail", "write"} & set(self.rows) else 3 * sizes.shared * sizes.shared_size
+
     def prepare(self, site):
         pass
 
