@@ -4,6 +4,10 @@ namespace ombra {
 namespace {
 
 constexpr uint64_t kBytesPerReport = 256 * 1024;
+// Whoever takes a report holds up those who read meanwhile, and the other way round. Where so many bytes come
+// in a second, nobody notices when he waits for a few more of them.
+constexpr double kFastBytesPerSecond = 200e6;
+constexpr uint64_t kFastBytesPerReport = 1024 * 1024;
 constexpr double kSecondsPerReport = 0.05;
 constexpr double kSecondsPerStalledReport = 1.0;
 
@@ -26,9 +30,14 @@ void ProgressReporter::reached(uint64_t bytes) {
   iBytes = bytes;
   if (!hasMoved() || !iReport) return;
   const NSDate now = NSDate::date();
-  const bool due =
-      !iReported || iBytes - *iReported >= kBytesPerReport || hasPassed(iLastDate, now, kSecondsPerReport);
-  if (due && iReported != iBytes) send(now, false);
+  if (iReported != iBytes && isDue(now)) send(now, false);
+}
+
+bool ProgressReporter::isDue(NSDate now) const {
+  if (!iReported || hasPassed(iLastDate, now, kSecondsPerReport)) return true;
+  const double seconds = now.timeIntervalSinceDate(iFirstDate);
+  const bool isFast = static_cast<double>(iBytes - iStart) > kFastBytesPerSecond * seconds;
+  return iBytes - *iReported >= (isFast ? kFastBytesPerReport : kBytesPerReport);
 }
 
 void ProgressReporter::poll() {

@@ -9,11 +9,11 @@
 
 namespace ombra {
 
-// Thins reports out to one for each 256 KiB or 50 ms, whichever comes first; the first bytes are reported at
-// once. What came in less than 50 ms after the last report is told by `poll`, which the engine reaches at
-// least every 100 ms, so that a reader never waits for bytes that are there. While nothing moves, `poll`
-// repeats the last report once a second, as stalled: a cancel mark is noticed in there. Nothing is reported
-// before the first byte.
+// Thins reports out to one for each 256 KiB or 50 ms, whichever comes first, where more than 200 MB come in a
+// second to one for each MiB; the first bytes are reported at once. What came in less than 50 ms after the
+// last report is told by `poll`, which the engine reaches at least every 100 ms, so that a reader never waits
+// for bytes that are there. While nothing moves, `poll` repeats the last report once a second, as stalled: a
+// cancel mark is noticed in there. Nothing is reported before the first byte.
 class ProgressReporter {
  public:
   // `bytes` reached, `throughput` in bytes per second since the object was made.
@@ -32,6 +32,7 @@ class ProgressReporter {
   bool hasMoved() const { return iBytes > iStart; }
 
  private:
+  bool isDue(NSDate now) const;
   void send(NSDate now, bool stalled);
 
   const uint64_t iStart;

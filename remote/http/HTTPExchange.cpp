@@ -18,8 +18,8 @@ using std::chrono::milliseconds;
 
 // Cancellation is looked at so often.
 constexpr milliseconds kLook{100};
-// What reaches the taker in one piece at full speed.
-constexpr size_t kPiece = 256 * 1024;
+// What reaches the taker in one piece at full speed. More would keep who waits for the first bytes waiting.
+constexpr size_t kPiece = 512 * 1024;
 // An answer's head that is longer is no answer.
 constexpr size_t kLongestHead = 256 * 1024;
 constexpr size_t kMostHeaders = 1000;

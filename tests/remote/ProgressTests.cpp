@@ -40,6 +40,7 @@ TEST(Progress, IsReportedEach256KiBOr50Milliseconds) {
   ManualClock clock;
   std::vector<uint64_t> reports;
   ProgressReporter reporter(0, [&](uint64_t bytes, double, bool) { reports.push_back(bytes); });
+  clock.advance(0.01);
   reporter.reached(1);
   reporter.reached(262144);
   reporter.reached(262145);
@@ -48,6 +49,23 @@ TEST(Progress, IsReportedEach256KiBOr50Milliseconds) {
   clock.advance(0.002);
   reporter.reached(262147);
   EXPECT_THAT(reports, ElementsAre(1u, 262145u, 262147u));
+}
+
+TEST(Progress, IsReportedEachMiBWhereMoreThan200MBComeInASecond) {
+  constexpr uint64_t kPiece = 262144;
+  ManualClock clock;
+  std::vector<uint64_t> reports;
+  ProgressReporter reporter(0, [&](uint64_t bytes, double, bool) { reports.push_back(bytes / kPiece); });
+  const auto pieces = [&](uint64_t first, uint64_t last, double bytesPerSecond) {
+    for (uint64_t i = first; i <= last; ++i) {
+      clock.advance(kPiece / bytesPerSecond);
+      reporter.reached(i * kPiece);
+    }
+  };
+  pieces(1, 9, 210e6);
+  EXPECT_THAT(reports, ElementsAre(1u, 5u, 9u));
+  pieces(10, 12, 100e6);
+  EXPECT_THAT(reports, ElementsAre(1u, 5u, 9u, 10u, 11u, 12u));
 }
 
 TEST(Progress, WhatCameInLastIsToldFromThePoll) {
