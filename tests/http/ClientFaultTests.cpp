@@ -197,7 +197,9 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST_F(HTTPClientTest, ALengthThatMakesNoSenseIsRefusedWhereThereIsNoBodyToo) {
   serve([](const HTTPSeen&) {
-    return HTTPReply{"HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\n"};
+    HTTPReply reply;
+    reply.bytes = "HTTP/1.1 200 OK\r\nContent-Length: 99999999999999999999\r\n\r\n";
+    return reply;
   });
   EXPECT_EQ(statusOf(request("HEAD")), 0);
   EXPECT_EQ(code(), kQuarnKitProtocolError);

@@ -75,7 +75,9 @@ TEST_F(HTTPClientTest, WhereLeaveCannotBeAskedForTheBodyIsSentWithoutIt) {
 
 TEST_F(HTTPClientTest, HEADHasAHeadAlone) {
   serve([](const HTTPSeen&) {
-    return HTTPReply{"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nETag: \"x\"\r\n\r\n"};
+    HTTPReply reply;
+    reply.bytes = "HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nETag: \"x\"\r\n\r\n";
+    return reply;
   });
   EXPECT_EQ(statusOf(request("HEAD")), 200);
   ASSERT_NE(response.header("etag"), nullptr);
