@@ -14,7 +14,7 @@ import subprocess
 import sys
 import tempfile
 
-from comparison import content, memory, report, targets
+from comparison import content, report, targets
 from comparison.ceph import CephGateway
 from comparison.peers import PEERS
 from comparison.processes import Failure, end_all_below
@@ -117,7 +117,6 @@ def measure(options, folder):
     makers += [functools.partial(peer, folder, options.timeout) for peer in PEERS if peer.name in options.programs]
     runner = Runner(options, folder)
     try:
-        memory.warm(6 * options.sizes.big)
         runner.start([kinds[name] for name in options.protocol], makers)
         runs = runner.run()
     finally:

@@ -5,12 +5,10 @@ import re
 
 from comparison.content import MIB
 
-POPULATE = getattr(mmap, "MAP_POPULATE", 0x8000)  # named since Python 3.10
-
 
 def warm(mebibytes):
     """Touches so much free memory and frees it again; never more than six tenths of what is available."""
     with open("/proc/meminfo") as f:
         available = int(re.search(r"MemAvailable:\s+(\d+)", f.read()).group(1)) * 1024
     length = max(min(mebibytes * MIB, available * 6 // 10), MIB)
-    mmap.mmap(-1, length, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS | POPULATE).close()
+    mmap.mmap(-1, length, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS | mmap.MAP_POPULATE).close()
