@@ -35,9 +35,13 @@ void ProgressReporter::reached(uint64_t bytes) {
 
 bool ProgressReporter::isDue(NSDate now) const {
   if (!iReported || hasPassed(iLastDate, now, kSecondsPerReport)) return true;
-  const double seconds = now.timeIntervalSinceDate(iFirstDate);
-  const bool isFast = static_cast<double>(iBytes - iStart) > kFastBytesPerSecond * seconds;
+  const bool isFast = throughput(now) > kFastBytesPerSecond;
   return iBytes - *iReported >= (isFast ? kFastBytesPerReport : kBytesPerReport);
+}
+
+double ProgressReporter::throughput(NSDate now) const {
+  const double seconds = now.timeIntervalSinceDate(iFirstDate);
+  return seconds > 0 ? static_cast<double>(iBytes - iStart) / seconds : 0.0;
 }
 
 void ProgressReporter::poll() {
@@ -57,9 +61,7 @@ void ProgressReporter::flush() {
 void ProgressReporter::send(NSDate now, bool stalled) {
   iReported = iBytes;
   iLastDate = now;
-  const double seconds = now.timeIntervalSinceDate(iFirstDate);
-  const double throughput = seconds > 0 ? static_cast<double>(iBytes - iStart) / seconds : 0.0;
-  iReport(iBytes, stalled ? 0.0 : throughput, stalled);
+  iReport(iBytes, stalled ? 0.0 : throughput(now), stalled);
 }
 
 }  // namespace ombra

@@ -33,6 +33,8 @@ class ProgressReporter {
 
  private:
   bool isDue(NSDate now) const;
+  // Bytes per second since the object was made.
+  double throughput(NSDate now) const;
   void send(NSDate now, bool stalled);
 
   const uint64_t iStart;
