@@ -1,4 +1,4 @@
-// The line of threads that wait for a session.
+// The line of threads that wait for a session, and how many sessions there may be.
 #include <algorithm>
 #include <iterator>
 
@@ -154,6 +154,11 @@ void SessionPool::publishLine() {
   const auto waiting = std::count_if(iLine.begin(), iLine.end(),
                                      [](const Place* place) { return place->inLine && place->awaited; });
   iAwaitedInLine.store(static_cast<int>(waiting), std::memory_order_relaxed);
+}
+
+void SessionPool::lowerCap() {
+  iCap = std::min(iCap, iLive);
+  iRaiseDate = NSDate::dateWithTimeIntervalSinceNow(kRaiseSeconds);
 }
 
 void SessionPool::raiseCapIfDue() {

@@ -2,20 +2,13 @@
 
 #include <algorithm>
 #include <cassert>
-#include <iterator>
-#include <system_error>
 
-#include "platform/foundation/NSThread.h"
 #include "remote/QuarnKitError.h"
-#include "remote/RemotePaths.h"
 #include "remote/RetryPauses.h"
 
 namespace ombra {
 namespace {
 
-constexpr double kIdleSeconds = 60.0;
-// A program that goes on writing does so within this time; for others a file should not stay open.
-constexpr double kHoldingSeconds = 1.0;
 constexpr double kUnquestionedSeconds = 1.0;
 
 NSErrorRef shutDownError() {
@@ -168,10 +161,7 @@ bool SessionPool::loginFailed(SessionUse use, const NSErrorRef& error) {
   --iLive;
   if (use == SessionUse::kTransfer) --iTransfers;
   const bool tooMany = QuarnKitError::isCode(error, kQuarnKitTooManyConnections);
-  if (tooMany && iLive > 0) {
-    iCap = std::min(iCap, iLive);
-    iRaiseDate = NSDate::dateWithTimeIntervalSinceNow(kIdleSeconds);
-  }
+  if (tooMany && iLive > 0) lowerCap();
   wakeAll();
   return tooMany && iLive > 0;
 }
@@ -203,45 +193,6 @@ void SessionPool::detach(std::shared_ptr<PooledSession> session, bool reusable) 
   }
   wakeNext();
   // A session that is not kept is closed by its last reference, the argument: after the lock is released.
-}
-
-bool SessionPool::hasPlaceForIdle() {
-  if (iIsShutDown || iLive > iCap) return false;
-  if (iCloserRuns) return true;
-  try {
-    iCloser = std::thread([this] { closeIdleSessions(); });
-    iCloserRuns = true;
-  } catch (const std::system_error&) {
-    // Without a thread that closes it, a session is not kept.
-  }
-  return iCloserRuns;
-}
-
-void SessionPool::keepIdle(std::shared_ptr<PooledSession> session) {
-  session->idleSince = NSDate::date();
-  const bool holdsNothing = session->heldPath.empty() && !session->hasOpenedAhead;
-  const double seconds = holdsNothing ? kIdleSeconds : kHoldingSeconds;
-  const NSDate due = session->idleSince.dateByAddingTimeInterval(seconds);
-  if (!iCloserLimit || due < *iCloserLimit) wakeCloser();
-  iIdle.push_back(std::move(session));
-}
-
-void SessionPool::wakeCloser() {
-  const ConditionLock lock(iCloserWake);
-  iCloserWoken = true;
-  iCloserWake.broadcast();
-}
-
-void SessionPool::sleepUntilDue(std::optional<NSDate> limit) {
-  const ConditionLock lock(iCloserWake);
-  while (!iCloserWoken) {
-    if (!limit) {
-      iCloserWake.wait();
-    } else if (!iCloserWake.waitUntilDate(*limit)) {
-      break;
-    }
-  }
-  iCloserWoken = false;
 }
 
 bool SessionPool::tryBeginTransfer() {
@@ -286,144 +237,6 @@ void SessionPool::shutDown() {
     wakeCloser();
   }
   for (const auto& pooled : running) pooled->session->interrupt();
-}
-
-void SessionPool::closeIdleSessions() {
-  NSThread::setName("closing idle sessions");
-  iCondition.lock();
-  while (!iIsShutDown) {
-    // The oldest is the first: they come in at the end, and those that are taken out of turn come back there.
-    std::optional<NSDate> limit;
-    if (!iIdle.empty()) limit = iIdle.front()->idleSince.dateByAddingTimeInterval(kIdleSeconds);
-    if (std::shared_ptr<PooledSession> holder = takeDueHolder(&limit)) {
-      iCondition.unlock();
-      settleHolder(std::move(holder));
-      iCondition.lock();
-      continue;
-    }
-    if (!limit || NSDate::date() < *limit) {
-      iCloserLimit = limit;
-      iCondition.unlock();
-      sleepUntilDue(limit);
-      iCondition.lock();
-      continue;
-    }
-    std::shared_ptr<PooledSession> expired = std::move(iIdle.front());
-    iIdle.erase(iIdle.begin());
-    --iLive;
-    wakeNext();
-    iCondition.unlock();
-    expired.reset();  // says goodbye to the server
-    iCondition.lock();
-  }
-  iCondition.unlock();
-}
-
-std::shared_ptr<PooledSession> SessionPool::takeDueHolder(std::optional<NSDate>* limit) {
-  for (auto session = iIdle.begin(); session != iIdle.end(); ++session) {
-    if ((*session)->heldPath.empty() && !(*session)->hasOpenedAhead) continue;
-    const NSDate due = (*session)->idleSince.dateByAddingTimeInterval(kHoldingSeconds);
-    if (NSDate::date() < due) {
-      *limit = std::min(limit->value_or(due), due);
-      continue;
-    }
-    std::shared_ptr<PooledSession> taken = std::move(*session);
-    iIdle.erase(session);
-    addToInUse(taken);
-    return taken;
-  }
-  return nullptr;
-}
-
-void SessionPool::settleHolder(std::shared_ptr<PooledSession> session) {
-  session->session->becameIdle();
-  session->session->closeOpenedAhead();
-  const bool isAlive = session->session->isAlive();
-  detach(std::move(session), isAlive);
-}
-
-void SessionPool::endHold(PooledSession& session) {
-  session.session->becameIdle();
-  ConditionLock lock(iCondition);
-  // What asked for that meanwhile meant what is no longer held.
-  session.mustLetGo = false;
-  session.heldPath.clear();
-  session.heldFile.reset();
-}
-
-void SessionPool::obey(PooledSession& session) {
-  // Mostly so, and asked without a lock.
-  if (session.session->heldPath().empty()) return;
-  iCondition.lock();
-  const bool mustEnd = session.mustLetGo;
-  iCondition.unlock();
-  if (mustEnd) endHold(session);
-}
-
-void SessionPool::claim(PooledSession& session, std::string_view path,
-                        std::shared_ptr<UnconfirmedExtents> file) {
-  const auto mustEnd = [&]() REQUIRES(iCondition) {
-    const bool isOther = session.heldPath != path || session.heldFile != file;
-    return session.mustLetGo || (!session.heldPath.empty() && isOther);
-  };
-  iCondition.lock();
-  while (mustEnd()) {
-    iCondition.unlock();
-    endHold(session);
-    iCondition.lock();
-  }
-  session.heldPath = path;
-  session.heldFile = std::move(file);
-  iCondition.unlock();
-}
-
-SessionPool::Holders SessionPool::takeHolders(const IsMeant& isMeant) {
-  Holders holders;
-  for (const auto& session : iInUse) {
-    if (session->heldPath.empty() || !isMeant(*session)) continue;
-    if (session->holder == std::this_thread::get_id()) {
-      holders.own.push_back(session);
-      continue;
-    }
-    session->mustLetGo = true;
-    if (session->heldFile != nullptr) holders.sending.push_back(session->heldFile);
-  }
-  const auto isKept = [&isMeant](const auto& idle) { return idle->heldPath.empty() || !isMeant(*idle); };
-  const auto first = std::stable_partition(iIdle.begin(), iIdle.end(), isKept);
-  holders.idle.assign(std::make_move_iterator(first), std::make_move_iterator(iIdle.end()));
-  iIdle.erase(first, iIdle.end());
-  for (const auto& session : holders.idle) addToInUse(session);
-  return holders;
-}
-
-void SessionPool::endHolds(Holders& holders) {
-  // Its own first: from then on nobody waits for this thread.
-  for (const auto& session : holders.own) {
-    // Else it is only about to hold what this thread has claimed for it.
-    if (!session->session->heldPath().empty()) endHold(*session);
-  }
-  for (auto& session : holders.idle) settleHolder(std::move(session));
-}
-
-void SessionPool::letGoOf(std::string_view path) {
-  iCondition.lock();
-  Holders holders = takeHolders(
-      [path](const PooledSession& session) { return isAtOrBelowRemotePath(session.heldPath, path); });
-  iCondition.unlock();
-  endHolds(holders);
-}
-
-void SessionPool::finishUploads(std::string_view path, const std::shared_ptr<UnconfirmedExtents>& file) {
-  iCondition.lock();
-  Holders holders = takeHolders([&](const PooledSession& session) {
-    // Who waits for others holds nothing that others may wait for.
-    if (session.holder == std::this_thread::get_id()) return true;
-    return session.heldPath == path || (file != nullptr && session.heldFile == file);
-  });
-  iCondition.unlock();
-  endHolds(holders);
-  for (const auto& sending : holders.sending) sending->waitUntilSent();
-  if (file != nullptr) file->waitUntilSent();
 }
 
 void SessionPool::noteHolder([[maybe_unused]] const PooledSession& session, [[maybe_unused]] int change) {

@@ -151,6 +151,8 @@ class SessionPool {
   void wakeAll() REQUIRES(iCondition);
   static void wake(Place& place);
   void publishLine() REQUIRES(iCondition);
+  // The server takes no more sessions than there are now.
+  void lowerCap() REQUIRES(iCondition);
   void raiseCapIfDue() REQUIRES(iCondition);
   int transferCap() const REQUIRES(iCondition);
   int wantedCap() const REQUIRES(iCondition);
