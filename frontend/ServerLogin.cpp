@@ -5,8 +5,10 @@
 #include "frontend/MountCommon.h"
 #include "frontend/ProtocolLogin.h"
 #include "frontend/ServerReach.h"
+#include "platform/foundation/ASCII.h"
 #include "platform/foundation/NSUnarchiver.h"
 #include "remote/KCTypes.h"
+#include "remote/net/LoopbackName.h"
 
 namespace ombra {
 
@@ -24,10 +26,6 @@ bool speaksTLS(uint32_t protocol) {
 bool isFTP(uint32_t protocol) {
   return protocol == kProtocolFTP || protocol == kProtocolFTPImplicitTLS ||
          protocol == kProtocolFTPExplicitTLS;
-}
-
-bool isThisMachine(const std::string& host) {
-  return host == "localhost" || host == "::1" || host.starts_with("127.");
 }
 
 class ServerLogin final : public ProtocolLogin {
@@ -66,7 +64,7 @@ class ServerLogin final : public ProtocolLogin {
   }
 
   void warnOfReadableSecrets() const {
-    if (speaksTLS(protocol()) || isThisMachine(iTools.url.host)) return;
+    if (speaksTLS(protocol()) || isLoopbackName(lowercasedASCII(iTools.url.host))) return;
     iTools.output.warning(fmt::format(
         "With {}:// the password and all files can be read on their way; use {}:// where the server "
         "offers it.",

@@ -8,9 +8,9 @@
 
 #include "platform/foundation/KCStringAdditions.h"
 #include "platform/foundation/NSFileHandle.h"
+#include "remote/URLEncoding.h"
 #include "remote/http/HTTPClient.h"
 #include "remote/http/HTTPURL.h"
-#include "remote/http/URLEncoding.h"
 
 namespace ombra {
 namespace {

@@ -18,6 +18,7 @@
 #include "remote/http/HTTPExchange.h"
 #include "remote/http/HTTPLoginFacts.h"
 #include "remote/http/HTTPURL.h"
+#include "remote/net/LoopbackName.h"
 #include "remote/tls/ServerTrust.h"
 
 namespace ombra {
@@ -34,10 +35,6 @@ constexpr int kKeepAliveProbes = 4;
 constexpr int kExpectationFailed = 417;
 // In milliseconds: how often a pause looks at the cancel mark.
 constexpr int64_t kPauseLook = 100;
-
-bool isLoopback(const std::string& host) {
-  return host == "localhost" || host == "::1" || host.starts_with("127.");
-}
 
 CURLcode installTrust(CURL*, void* context, void* trust) {
   static_cast<ServerTrust*>(trust)->installInto(static_cast<ssl_ctx_st*>(context));
@@ -137,7 +134,7 @@ void HTTPClient::State::setOptions(const HTTPURL& url) {
   // The resolver's thread is not waited for when a request ends early.
   curl_easy_setopt(handle, CURLOPT_QUICK_EXIT, 1L);
   curl_easy_setopt(handle, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  if (isLoopback(url.host)) curl_easy_setopt(handle, CURLOPT_PROXY, "");
+  if (isLoopbackName(url.host)) curl_easy_setopt(handle, CURLOPT_PROXY, "");
   if (url.scheme != "https") return;
   // The certificate is for ServerTrust to judge, in the handshake itself. libcurl's own look, at a list of
   // authorities that it would load for each connection, stays off.

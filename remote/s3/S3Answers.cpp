@@ -4,8 +4,8 @@
 #include <pugixml.hpp>
 
 #include "remote/ByteCount.h"
+#include "remote/URLEncoding.h"
 #include "remote/http/HTTPDate.h"
-#include "remote/http/URLEncoding.h"
 
 namespace ombra {
 namespace {

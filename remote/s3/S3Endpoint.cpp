@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "remote/URLEncoding.h"
 #include "remote/http/HTTPURL.h"
-#include "remote/http/URLEncoding.h"
 
 namespace ombra {
 namespace {

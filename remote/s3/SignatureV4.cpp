@@ -10,7 +10,7 @@
 
 #include "platform/foundation/ASCII.h"
 #include "platform/foundation/NSUnarchiver.h"
-#include "remote/http/URLEncoding.h"
+#include "remote/URLEncoding.h"
 #include "remote/s3/S3Digest.h"
 #include "remote/tls/DigestText.h"
 

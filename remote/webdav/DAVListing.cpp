@@ -4,7 +4,7 @@
 
 #include "remote/RemotePaths.h"
 #include "remote/TemporaryNames.h"
-#include "remote/http/URLEncoding.h"
+#include "remote/URLEncoding.h"
 
 namespace ombra {
 

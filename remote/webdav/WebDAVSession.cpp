@@ -7,7 +7,7 @@
 
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
-#include "remote/http/URLEncoding.h"
+#include "remote/URLEncoding.h"
 
 namespace ombra {
 

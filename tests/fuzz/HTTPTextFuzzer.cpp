@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <string>
 
+#include "remote/URLEncoding.h"
 #include "remote/http/HTTPAuthenticator.h"
 #include "remote/http/HTTPDate.h"
 #include "remote/http/HTTPTranscript.h"
 #include "remote/http/HTTPURL.h"
-#include "remote/http/URLEncoding.h"
 
 namespace {
 

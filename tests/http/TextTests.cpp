@@ -3,13 +3,13 @@
 #include <gtest/gtest.h>
 
 #include "remote/QuarnKitError.h"
+#include "remote/URLEncoding.h"
 #include "remote/http/HTTPDate.h"
 #include "remote/http/HTTPErrors.h"
 #include "remote/http/HTTPLengths.h"
 #include "remote/http/HTTPText.h"
 #include "remote/http/HTTPTranscript.h"
 #include "remote/http/HTTPURL.h"
-#include "remote/http/URLEncoding.h"
 
 namespace ombra {
 namespace {

@@ -1,4 +1,4 @@
-#include "remote/http/URLEncoding.h"
+#include "remote/URLEncoding.h"
 
 namespace ombra {
 
