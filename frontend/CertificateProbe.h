@@ -17,9 +17,9 @@ struct TLSServerAddress {
   uint32_t protocol = 0;  // FTP with explicit TLS is asked for TLS first; all others speak it from the start
 };
 
-// Connects, has the server show its certificate and disconnects: no name, no password, no request. Blocks for
-// at most `limit`. Absent, with the error filled, when none was seen; kQuarnKitNotSupported when an FTP
-// server has no TLS.
+// Connects, where the environment names a proxy for HTTPS through that, has the server show its certificate
+// and disconnects: no name, no password, no request. Blocks for at most `limit`. Absent, with the error
+// filled, when none was seen; kQuarnKitNotSupported when an FTP server has no TLS.
 std::optional<ServerCertificate> probeServerCertificate(const TLSServerAddress& server,
                                                         std::chrono::milliseconds limit, NSErrorRef* error);
 

@@ -11,6 +11,7 @@
 
 #include "frontend/Checkup.h"
 #include "frontend/Deadline.h"
+#include "frontend/HTTPSProxy.h"
 #include "frontend/RemoteURL.h"
 #include "frontend/UniqueFd.h"
 #include "remote/net/TCPConnector.h"
@@ -39,8 +40,9 @@ class HeadQuestion {
   std::optional<std::string> ask() {
     NSErrorRef error;
     const WakeUp never;
-    iSocket.reset(
-        connectTCP(iURL.host, iPort, std::chrono::steady_clock::now() + kServerLimit, never, &error));
+    const auto deadline = std::chrono::steady_clock::now() + kServerLimit;
+    iSocket = iURL.scheme == "https" ? connectForHTTPS(iURL.host, iPort, deadline, &error)
+                                     : UniqueFd(connectTCP(iURL.host, iPort, deadline, never, &error));
     if (!iSocket || (iURL.scheme == "https" && !speakTLS())) return std::nullopt;
     const bool isIPv6 = iURL.host.find(':') != std::string::npos;
     const std::string request =

@@ -50,10 +50,27 @@ std::string readFile(const std::string& path) {
 
 void Surroundings::SetUp() {
   gFolder = std::make_unique<TemporaryFolder>();
-  for (const char* name : {"DBUS_SESSION_BUS_ADDRESS", "XDG_RUNTIME_DIR", "SSH_AUTH_SOCK", "DISPLAY",
-                           "AWS_PROFILE", "AWS_ACCESS_KEY_ID", "AWS_SECRET_ACCESS_KEY", "AWS_SESSION_TOKEN",
-                           "AWS_REGION", "AWS_DEFAULT_REGION", "AWS_ENDPOINT_URL", "AWS_ENDPOINT_URL_S3",
-                           "AWS_SHARED_CREDENTIALS_FILE", "AWS_CONFIG_FILE", "SSL_CERT_FILE", "SSL_CERT_DIR"})
+  for (const char* name : {"DBUS_SESSION_BUS_ADDRESS",
+                           "XDG_RUNTIME_DIR",
+                           "SSH_AUTH_SOCK",
+                           "DISPLAY",
+                           "AWS_PROFILE",
+                           "AWS_ACCESS_KEY_ID",
+                           "AWS_SECRET_ACCESS_KEY",
+                           "AWS_SESSION_TOKEN",
+                           "AWS_REGION",
+                           "AWS_DEFAULT_REGION",
+                           "AWS_ENDPOINT_URL",
+                           "AWS_ENDPOINT_URL_S3",
+                           "AWS_SHARED_CREDENTIALS_FILE",
+                           "AWS_CONFIG_FILE",
+                           "SSL_CERT_FILE",
+                           "SSL_CERT_DIR",
+                           "http_proxy",
+                           "https_proxy",
+                           "HTTPS_PROXY",
+                           "all_proxy",
+                           "ALL_PROXY"})
     unsetenv(name);
   for (const char* name : {"home", "config", "data", "state", "tmp", "volumes"})
     mkdir((*gFolder / name).c_str(), 0700);
