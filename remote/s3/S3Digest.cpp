@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <vector>
 
 #include "remote/tls/DigestText.h"
@@ -12,6 +13,29 @@ namespace ombra {
 namespace {
 
 constexpr size_t kHashedPiece = 64 * 1024;
+constexpr size_t kMD5Size = 16;
+
+std::array<unsigned char, kMD5Size> md5(std::string_view bytes) {
+  std::array<unsigned char, kMD5Size> digest{};
+  EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_md5(), nullptr);
+  return digest;
+}
+
+// The bytes that the digits of a tag stand for, in quotes or without.
+std::optional<std::string> md5OfTag(std::string_view tag) {
+  if (tag.starts_with('"')) tag.remove_prefix(1);
+  if (tag.ends_with('"')) tag.remove_suffix(1);
+  if (tag.size() != 2 * kMD5Size) return std::nullopt;
+  std::string digest;
+  for (size_t at = 0; at < tag.size(); at += 2) {
+    unsigned char byte = 0;
+    const char* const end = tag.data() + at + 2;
+    const auto result = std::from_chars(tag.data() + at, end, byte, 16);
+    if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
+    digest += static_cast<char>(byte);
+  }
+  return digest;
+}
 
 }  // namespace
 
@@ -38,10 +62,16 @@ std::string s3SHA256(std::string_view bytes) {
   return hexadecimalText(digest);
 }
 
-std::string s3MD5(std::string_view bytes) {
-  std::array<unsigned char, 16> digest{};
-  EVP_Digest(bytes.data(), bytes.size(), digest.data(), nullptr, EVP_md5(), nullptr);
-  return base64Text(digest);
+std::string s3MD5(std::string_view bytes) { return base64Text(md5(bytes)); }
+
+std::optional<std::string> s3TagOfParts(std::span<const std::string> tags) {
+  std::string digests;
+  for (const std::string& tag : tags) {
+    const std::optional<std::string> digest = md5OfTag(tag);
+    if (!digest) return std::nullopt;
+    digests += *digest;
+  }
+  return "\"" + hexadecimalText(md5(digests)) + "-" + std::to_string(tags.size()) + "\"";
 }
 
 std::optional<std::string> s3SHA256OfFile(const NSFileHandle& file, FileExtent range) {

@@ -36,6 +36,9 @@ class S3SHA256 {
 std::string s3SHA256(std::string_view bytes);
 // Base64: the value of "Content-MD5", which some requests must have.
 std::string s3MD5(std::string_view bytes);
+// The tag, in quotes, of an object that is made of parts with these tags: the digest of the parts' digests,
+// and how many they are. Absent where a part's tag is no MD5 digest, as with some ways to encrypt.
+std::optional<std::string> s3TagOfParts(std::span<const std::string> tags);
 // Hexadecimal, of a range of a file; absent when it cannot be read as far.
 std::optional<std::string> s3SHA256OfFile(const NSFileHandle& file, FileExtent range);
 

@@ -1,4 +1,4 @@
-// Sizes that decide how content travels.
+// Sizes that decide how content travels, and bounds.
 #pragma once
 
 #include <chrono>
@@ -7,7 +7,7 @@
 
 namespace ombra {
 
-// In bytes. Tests make them small; servers refuse parts below 5 MiB, except the last.
+// Sizes are in bytes. Tests make them small; servers refuse parts below 5 MiB, except the last.
 struct S3Limits {
   // A whole file goes in one request up to here. One that breaks off begins anew, so it is not too much.
   uint64_t singlePut = uint64_t{64} << 20;
@@ -24,6 +24,8 @@ struct S3Limits {
   // The server copies so much in one request, and beyond that part by part.
   uint64_t singleCopy = uint64_t{5} << 30;
   uint64_t copyPart = uint64_t{512} << 20;
+  // A folder of more items is taken for one that has no end.
+  size_t mostItems = 4'000'000;
 };
 
 }  // namespace ombra

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "remote/QuarnKitError.h"
+#include "remote/s3/S3Digest.h"
 #include "remote/s3/S3Documents.h"
 #include "remote/s3/S3Errors.h"
 
@@ -126,7 +127,7 @@ bool S3MultipartUpload::complete(TransferControl* control, NSErrorRef* error) {
 }
 
 // The first answer may have been lost on its way: an upload that is not known any more may be an object by
-// now. Its tag ends with the number of its parts.
+// now, or have been thrown away by the server. Only an object of these very parts has their tag.
 bool S3MultipartUpload::wasCompleted(TransferControl* control) {
   S3Request question;
   question.method = "HEAD";
@@ -135,7 +136,7 @@ bool S3MultipartUpload::wasCompleted(TransferControl* control) {
   question.control = control;
   const std::optional<S3Answer> answer = iClient.perform(std::move(question), nullptr);
   const std::string* tag = answer && answer->isGood() ? answer->response.header("ETag") : nullptr;
-  return tag != nullptr && tag->ends_with(fmt::format("-{}\"", iTags.size()));
+  return tag != nullptr && *tag == s3TagOfParts(iTags);
 }
 
 void S3MultipartUpload::abandon() {

@@ -5,11 +5,6 @@
 #include "remote/s3/S3Session.h"
 
 namespace ombra {
-namespace {
-
-constexpr int kMostMovedPages = 100000;
-
-}  // namespace
 
 bool S3Session::move(std::string_view from, bool isDirectory, std::string_view to, NSErrorRef* error) {
   const S3Path source = S3Path::parse(from);
@@ -48,18 +43,10 @@ bool S3Session::mayMoveFolderTo(const S3Path& to, NSErrorRef* error) {
 std::optional<std::vector<S3Session::Source>> S3Session::sourcesBelow(const S3Path& folder,
                                                                       NSErrorRef* error) {
   std::vector<Source> sources;
-  std::string token;
-  for (int page = 0; page < kMostMovedPages; ++page) {
-    const std::optional<S3Listing> listing = listPage(folder, folder.prefix(), true, 0, token, error);
-    if (!listing) return std::nullopt;
-    for (const S3ListedObject& object : listing->objects) sources.push_back({object.key, object.size});
-    if (!listing->isTruncated) return sources;
-    if (listing->nextToken == token) break;
-    token = listing->nextToken;
-  }
-  storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError,
-                                                 "the listing of " + folder.text() + " has no end"));
-  return std::nullopt;
+  const auto take = [&sources](const S3Listing& page) {
+    for (const S3ListedObject& object : page.objects) sources.push_back({object.key, object.size});
+  };
+  return listPages(folder, true, take, error) ? std::optional(std::move(sources)) : std::nullopt;
 }
 
 bool S3Session::copyAll(const std::vector<Source>& sources, const S3Path& from, const S3Path& to,

@@ -1,9 +1,7 @@
 // Logging in and looking.
 #include "remote/s3/S3Session.h"
 
-#include <algorithm>
 #include <chrono>
-#include <unordered_set>
 #include <utility>
 
 #include "remote/QuarnKitError.h"
@@ -11,101 +9,13 @@
 #include "remote/http/HTTPDate.h"
 #include "remote/http/HTTPLengths.h"
 #include "remote/s3/S3Errors.h"
+#include "remote/s3/S3FolderPages.h"
 
 namespace ombra {
 namespace {
 
-// A page has up to 1,000 names of 1,024 bytes, of which each may take three.
-constexpr size_t kLongestPage = size_t{32} << 20;
-constexpr size_t kLongestBucketList = size_t{32} << 20;
-// No folder has so many; a server that never ends does.
-constexpr int kMostPages = 100000;
 // Whoever logs in lists the start folder next, or not at all.
 constexpr std::chrono::seconds kStartPageLasts{5};
-
-// What asks for a page of a listing.
-std::vector<std::pair<std::string, std::string>> pageQuery(const std::string& prefix, bool isFlat, int most,
-                                                           const std::string& token) {
-  std::vector<std::pair<std::string, std::string>> query = {
-      {"list-type", "2"}, {"prefix", prefix}, {"encoding-type", "url"}};
-  if (!isFlat) query.emplace_back("delimiter", "/");
-  if (most > 0) query.emplace_back("max-keys", std::to_string(most));
-  if (!token.empty()) query.emplace_back("continuation-token", token);
-  return query;
-}
-
-// The page, unless it is one of something else than what was asked for.
-std::optional<S3Listing> sensiblePage(const std::string& body, const std::string& prefix) {
-  std::optional<S3Listing> listing = s3Listing(body);
-  const auto isForeign = [&prefix](const std::string& key) { return !key.starts_with(prefix); };
-  const bool isSense =
-      listing && std::none_of(listing->prefixes.begin(), listing->prefixes.end(), isForeign) &&
-      std::none_of(listing->objects.begin(), listing->objects.end(),
-                   [&isForeign](const S3ListedObject& object) { return isForeign(object.key); });
-  return isSense ? std::move(listing) : std::nullopt;
-}
-
-NSFileAttributes folderAttributes() {
-  NSFileAttributes attributes;
-  attributes.fileType = NSFileTypeValue::NSFileTypeDirectory;
-  return attributes;
-}
-
-NSFileAttributes objectAttributes(uint64_t size, std::optional<NSDate> date) {
-  NSFileAttributes attributes;
-  attributes.fileType = NSFileTypeValue::NSFileTypeRegular;
-  attributes.fileSize = size;
-  attributes.modificationDate = date;
-  return attributes;
-}
-
-// The entries of a folder, gathered page by page. What is seen is noted for all sessions.
-class FolderPages {
- public:
-  FolderPages(const S3Path& folder, S3Knowledge& knowledge, std::vector<RemoteEntry>& entries)
-      : iFolder(folder), iPrefix(folder.prefix()), iKnowledge(knowledge), iEntries(entries) {}
-
-  void add(const S3Listing& page) {
-    iIsThere = iIsThere || !page.objects.empty() || !page.prefixes.empty();
-    for (const std::string& prefix : page.prefixes) addFolder(prefix);
-    for (const S3ListedObject& object : page.objects) addObject(object);
-  }
-  // Whether the server has listed anything at all.
-  bool isThere() const { return iIsThere; }
-  // After the last page. A folder hides an object of the same name.
-  void finish() {
-    iKnowledge.noteFolder(iFolder, iIsMarked);
-    std::erase_if(iEntries, [this](const RemoteEntry& entry) {
-      return entry.type == kNodeTypeFile && iNames.count(entry.name) != 0;
-    });
-  }
-
- private:
-  void addFolder(const std::string& prefix) {
-    std::string name = prefix.substr(iPrefix.size());
-    if (name.ends_with('/')) name.pop_back();
-    if (!isShownName(name) || !iNames.insert(name).second) return;
-    iKnowledge.noteFolder({iFolder.bucket, iPrefix + name}, false);
-    iEntries.push_back({std::move(name), kNodeTypeFolder, folderAttributes(), {}, {}});
-  }
-
-  void addObject(const S3ListedObject& object) {
-    iIsMarked = iIsMarked || object.key == iPrefix;
-    std::string name = object.key.substr(iPrefix.size());
-    if (!isShownName(name)) return;
-    iKnowledge.noteObject({iFolder.bucket, object.key});
-    iEntries.push_back(
-        {std::move(name), kNodeTypeFile, objectAttributes(object.size, object.modificationDate), {}, {}});
-  }
-
-  const S3Path& iFolder;
-  const std::string iPrefix;
-  S3Knowledge& iKnowledge;
-  std::vector<RemoteEntry>& iEntries;
-  std::unordered_set<std::string> iNames;  // of the folders
-  bool iIsThere = false;
-  bool iIsMarked = false;  // by an object of its own
-};
 
 // Who is asked about a certificate is there for the login alone. Later connections, to a bucket's own host or
 // in place of a lost one, are as good as the login when an authority vouches for the host, which is checked
@@ -150,9 +60,9 @@ bool S3Session::askForLogin(NSErrorRef* error) {
   const uint64_t changes = iClient.knowledge().changes();
   if (!start.isRoot()) {
     request.bucket = start.bucket;
-    request.query = pageQuery(start.prefix(), !isPage, isPage ? 0 : 1, {});
+    request.query = s3PageQuery(start.prefix(), !isPage, isPage ? 0 : 1, {});
   }
-  request.longestBody = std::max(kLongestBucketList, kLongestPage);
+  request.longestBody = kS3LongestPage;
   const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
   if (!answer) return false;
   if (answer->isGood()) {
@@ -185,7 +95,7 @@ bool S3Session::hasSeen(const S3Path& folder) const {
 
 // The answer to the login is one about the start folder, too, which is looked at next, and listed.
 bool S3Session::noteStart(const S3Path& start, bool isPage, const std::string& body) {
-  std::optional<S3Listing> listing = sensiblePage(body, start.prefix());
+  std::optional<S3Listing> listing = s3Page(body, start.prefix());
   if (!listing) return false;
   const bool isThere = start.isBucket() || !listing->objects.empty() || !listing->prefixes.empty();
   if (isPage) iStartPage = {start, std::move(*listing), std::chrono::steady_clock::now()};
@@ -267,17 +177,18 @@ std::optional<S3Session::Item> S3Session::lookAtBucket(const S3Path& path, NSErr
   const std::optional<S3Answer> answer = askForObject(path, error);
   if (!answer) return std::nullopt;
   // One whose top may not be listed is there all the same: a folder in it may be open.
-  if (answer->isGood() || answer->refusal->status == 403) return Item{Kind::kFolder, folderAttributes()};
+  if (answer->isGood() || answer->refusal->status == 403) return Item{Kind::kFolder, s3FolderAttributes()};
   if (s3IsMissing(*answer->refusal)) return Item{};
   storeError(error, s3Error(*answer->refusal, path.text()));
   return std::nullopt;
 }
 
 std::optional<S3Session::Item> S3Session::look(const S3Path& path, NSErrorRef* error) {
-  if (path.isRoot()) return Item{Kind::kFolder, folderAttributes()};
+  if (path.isRoot()) return Item{Kind::kFolder, s3FolderAttributes()};
   if (path.isBucket()) return lookAtBucket(path, error);
   const bool wasJustMade = std::exchange(iMadeFolder, std::nullopt) == path;
-  if (wasJustMade && iClient.requests() == iRequestsWhenMade) return Item{Kind::kFolder, folderAttributes()};
+  if (wasJustMade && iClient.requests() == iRequestsWhenMade)
+    return Item{Kind::kFolder, s3FolderAttributes()};
   std::optional<S3Refusal> refusal;
   // What was a folder a moment ago is asked for as one first.
   const bool wasFolder = iClient.knowledge().folder(path) != S3Knowledge::Folder::kUnknown;
@@ -285,128 +196,21 @@ std::optional<S3Session::Item> S3Session::look(const S3Path& path, NSErrorRef* e
     if (asFolder) {
       const std::optional<Glimpse> seen = glimpse(path, 1, error);
       if (!seen) return std::nullopt;
-      if (!seen->keys.empty()) return Item{Kind::kFolder, folderAttributes()};
+      if (!seen->keys.empty()) return Item{Kind::kFolder, s3FolderAttributes()};
       continue;
     }
     const std::optional<S3Answer> answer = askForObject(path, error);
     if (!answer) return std::nullopt;
     if (answer->isGood()) {
       const std::string* date = answer->response.header("Last-Modified");
-      return Item{Kind::kObject, objectAttributes(httpContentLength(answer->response).value_or(0),
-                                                  date != nullptr ? dateOfHTTPText(*date) : std::nullopt)};
+      return Item{Kind::kObject, s3ObjectAttributes(httpContentLength(answer->response).value_or(0),
+                                                    date != nullptr ? dateOfHTTPText(*date) : std::nullopt)};
     }
     if (!s3IsMissing(*answer->refusal)) refusal = answer->refusal;
   }
   if (!refusal) return Item{};
   storeError(error, s3Error(*refusal, path.text()));
   return std::nullopt;
-}
-
-std::optional<S3Listing> S3Session::listPage(const S3Path& folder, const std::string& prefix, bool isFlat,
-                                             int most, const std::string& token, NSErrorRef* error) {
-  S3Request request;
-  request.bucket = folder.bucket;
-  request.query = pageQuery(prefix, isFlat, most, token);
-  request.longestBody = kLongestPage;
-  const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
-  if (!answer) return std::nullopt;
-  if (!answer->isGood()) {
-    storeError(error, s3ListingError(*answer->refusal, folder.text()));
-    return std::nullopt;
-  }
-  if (std::optional<S3Listing> listing = sensiblePage(answer->response.body, prefix)) return listing;
-  storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, "the listing of " + folder.text()));
-  return std::nullopt;
-}
-
-std::optional<S3Session::Glimpse> S3Session::glimpse(const S3Path& folder, int most, NSErrorRef* error) {
-  const std::optional<S3Listing> listing = listPage(folder, folder.prefix(), true, most, {}, error);
-  if (!listing) return std::nullopt;
-  Glimpse result;
-  for (const S3ListedObject& object : listing->objects) {
-    result.keys.push_back(object.key);
-    result.isMarked = result.isMarked || object.key == folder.prefix();
-  }
-  if (result.keys.empty()) {
-    iClient.knowledge().forgetFolders(folder);
-  } else {
-    iClient.knowledge().noteFolder(folder, result.isMarked);
-  }
-  return result;
-}
-
-bool S3Session::requireFolder(const S3Path& folder, NSErrorRef* error) {
-  if (!folder.isItem() || iClient.knowledge().folder(folder) != S3Knowledge::Folder::kUnknown) return true;
-  NSErrorRef fault;
-  const std::optional<Glimpse> seen = glimpse(folder, 1, &fault);
-  if (seen && !seen->keys.empty()) return true;
-  // Who may write and not list is not kept from writing.
-  if (!seen && QuarnKitError::isCode(fault, kQuarnKitListingNotPermitted)) return true;
-  storeError(error, seen ? QuarnKitError::errorWithCode(kQuarnKitNoSuchItem, folder.text()) : fault);
-  return false;
-}
-
-bool S3Session::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  const S3Path folder = S3Path::parse(path);
-  return folder.isRoot() ? listBuckets(entries, error) : listFolder(folder, entries, error);
-}
-
-bool S3Session::listBuckets(std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  S3Request request;
-  request.longestBody = kLongestBucketList;
-  const std::optional<S3Answer> answer = iClient.perform(std::move(request), error);
-  if (!answer) return false;
-  if (!answer->isGood()) {
-    storeError(error, s3ListingError(*answer->refusal, "/"));
-    return false;
-  }
-  const std::optional<std::vector<S3Bucket>> buckets = s3Buckets(answer->response.body);
-  if (!buckets) {
-    storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError, "the list of buckets"));
-    return false;
-  }
-  for (const S3Bucket& bucket : *buckets) {
-    RemoteEntry entry;
-    entry.name = bucket.name;
-    entry.type = kNodeTypeFolder;
-    entry.attributes = folderAttributes();
-    entry.attributes.creationDate = bucket.creationDate;
-    entry.attributes.modificationDate = bucket.creationDate;
-    entries->push_back(std::move(entry));
-  }
-  return true;
-}
-
-// The listing had nothing at all. A folder that is not there looks the same; a bucket is.
-bool S3Session::sawNothing(const S3Path& path, NSErrorRef* error) {
-  iClient.knowledge().forgetFolders(path);
-  if (path.isBucket()) return true;
-  const std::optional<S3Answer> answer = askForObject(path, error);
-  if (!answer) return false;
-  storeError(error, QuarnKitError::errorWithCode(answer->isGood() ? kQuarnKitNotAFolder : kQuarnKitNoSuchItem,
-                                                 path.text()));
-  return false;
-}
-
-bool S3Session::listFolder(const S3Path& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  FolderPages pages(folder, iClient.knowledge(), *entries);
-  std::string token;
-  for (int page = 0; page < kMostPages; ++page) {
-    std::optional<S3Listing> listing = page == 0 ? takeStartPage(folder) : std::nullopt;
-    if (!listing) listing = listPage(folder, folder.prefix(), false, 0, token, error);
-    if (!listing) return false;
-    pages.add(*listing);
-    if (!listing->isTruncated) {
-      if (!pages.isThere()) return sawNothing(folder, error);
-      pages.finish();
-      return true;
-    }
-    if (listing->nextToken == token) break;
-    token = listing->nextToken;
-  }
-  storeError(error, QuarnKitError::errorWithCode(kQuarnKitProtocolError,
-                                                 "the listing of " + folder.text() + " has no end"));
-  return false;
 }
 
 }  // namespace ombra

@@ -95,6 +95,10 @@ class S3Session final : public Session {
   std::optional<S3Answer> askForObject(const S3Path& path, NSErrorRef* error);
   std::optional<S3Listing> listPage(const S3Path& folder, const std::string& prefix, bool isFlat, int most,
                                     const std::string& token, NSErrorRef* error);
+  // All pages of what lies below a folder, in it alone or, flat, at any depth, one after the other; false as
+  // well where there is no end of them.
+  bool listPages(const S3Path& folder, bool isFlat, const std::function<void(const S3Listing& page)>& take,
+                 NSErrorRef* error);
   std::optional<Glimpse> glimpse(const S3Path& folder, int most, NSErrorRef* error);
   bool listBuckets(std::vector<RemoteEntry>* entries, NSErrorRef* error);
   bool listFolder(const S3Path& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error);

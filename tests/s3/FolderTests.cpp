@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 
 #include "remote/QuarnKitError.h"
 #include "tests/s3/MemoryStore.h"
@@ -114,6 +115,29 @@ TEST_F(S3Folders, AListingThatNeverEndsIsRefused) {
   std::vector<RemoteEntry> entries;
   EXPECT_FALSE(session().list("/test", &entries, &iError));
   EXPECT_TRUE(hasCode(iError, {kQuarnKitProtocolError}));
+}
+
+TEST(S3EndlessListings, EverNewItemsAreRefusedWhereAFolderIsListedAndMoved) {
+  S3Limits limits;
+  limits.mostItems = 100;
+  MemorySession memory(limits);
+  const auto pages = std::make_shared<std::atomic<int>>(0);
+  memory.store().setIntercept([pages](const HTTPSeen& seen) -> std::optional<HTTPReply> {
+    if (seen.target.find("list-type") == std::string::npos) return std::nullopt;
+    const std::string number = std::to_string(++*pages);
+    return httpReply(200, "<ListBucketResult><IsTruncated>true</IsTruncated><NextContinuationToken>" +
+                              number + "</NextContinuationToken><Contents><Key>f/" + number +
+                              "</Key><Size>1</Size></Contents></ListBucketResult>");
+  });
+  NSErrorRef error;
+  std::vector<RemoteEntry> entries;
+  EXPECT_FALSE(memory.session().list("/test/f", &entries, &error));
+  EXPECT_TRUE(hasCode(error, {kQuarnKitProtocolError}));
+  EXPECT_EQ(pages->exchange(0), 101);
+  error = nullptr;
+  EXPECT_FALSE(memory.session().move("/test/f", true, "/test/g", &error));
+  EXPECT_TRUE(hasCode(error, {kQuarnKitProtocolError}));
+  EXPECT_EQ(*pages, 101);
 }
 
 TEST_F(S3Folders, AListingOfOtherKeysIsRefused) {

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "remote/http/URLEncoding.h"
+#include "remote/URLEncoding.h"
 #include "remote/s3/S3Digest.h"
 
 namespace ombra {
@@ -147,6 +147,10 @@ HTTPReply MemoryStore::answer(const HTTPSeen& seen) {
   if (intercept) {
     if (std::optional<HTTPReply> reply = intercept(seen)) return *reply;
   }
+  return perform(seen);
+}
+
+HTTPReply MemoryStore::perform(const HTTPSeen& seen) {
   const std::string hash = seen.header("x-amz-content-sha256");
   if (!hash.empty() && hash != kSignatureV4Unsigned && hash != s3SHA256(seen.body))
     return s3RefusalReply(400, "XAmzContentSHA256Mismatch");
@@ -264,14 +268,15 @@ HTTPReply MemoryStore::answerUpload(const Call& call) {
 HTTPReply MemoryStore::complete(const Call& call) {
   const Upload& upload = iUploads[call.value("uploadId")];
   std::string content;
+  std::vector<std::string> tags;
   int number = 0;
   for (const std::string& told : textsOf(call.seen.body, "PartNumber")) {
     if (std::stoi(told) != ++number || upload.parts.count(number) == 0)
       return s3RefusalReply(400, "InvalidPart");
     content += upload.parts.at(number);
+    tags.push_back(newTag(upload.parts.at(number)));
   }
-  const std::string tag = "\"" + s3SHA256(content).substr(0, 32) + "-" + std::to_string(number) + "\"";
-  iObjects[upload.key] = {content, tag, upload.headers};
+  iObjects[upload.key] = {content, s3TagOfParts(tags).value(), upload.headers};
   iUploads.erase(call.value("uploadId"));
   return document("<CompleteMultipartUploadResult></CompleteMultipartUploadResult>");
 }

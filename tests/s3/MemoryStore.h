@@ -49,6 +49,9 @@ class MemoryStore {
   // What was asked since the last call: "PUT /test/key?uploads=".
   std::vector<std::string> asked() EXCLUDES(iLock);
 
+  // What it does without the intercept; for intercepts that lose the answer.
+  HTTPReply perform(const HTTPSeen& seen) EXCLUDES(iLock);
+
  private:
   struct Upload {
     std::string key;

@@ -167,6 +167,18 @@ std::string wholeBody(HTTPBody& body) {
   return content;
 }
 
+// Worked out by hand from the digests of "first part" and "second".
+TEST(S3Digest, TheTagOfAnObjectFollowsFromThoseOfItsParts) {
+  const std::vector<std::string> tags = {"\"550cf6b6e60f65a0e3104a26e70fea42\"",
+                                         "A9F0E61A137D86AA9DB53465E0801612"};
+  EXPECT_EQ(s3TagOfParts(tags), "\"93f26da1291790e1134809a03511cd15-2\"");
+  for (const char* other :
+       {"", "\"\"", "\"550cf6b6e60f65a0e3104a26e70fea4\"", "\"550cf6b6e60f65a0e3104a26e70fea4x\"",
+        "\"550cf6b6e60f65a0e3104a26e70fea42-2\""}) {
+    EXPECT_FALSE(s3TagOfParts(std::vector<std::string>{tags[0], other})) << other;
+  }
+}
+
 TEST(S3PartBuffer, GivesWhatItTookFromMemoryAndFromAFile) {
   std::string content;
   for (size_t at = 0; at < 100000; ++at) content += static_cast<char>('a' + at % 23);
