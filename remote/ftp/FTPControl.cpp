@@ -185,7 +185,12 @@ bool FTPControl::flush(NSErrorRef* error) {
 }
 
 bool FTPControl::pump() {
-  if (iFailure != nullptr || iEnd) return iFailure == nullptr;
+  (void)takeIn();
+  return iFailure == nullptr;
+}
+
+bool FTPControl::takeIn() {
+  if (iFailure != nullptr || iEnd) return false;
   // One piece at a time is all that TLS may hold back, and keeps the parser's bound.
   std::array<char, kReceiveSize> buffer{};
   size_t count = 0;
@@ -195,13 +200,13 @@ bool FTPControl::pump() {
       iHasUnread = true;
       iLastTraffic = ControlClock::now();
       acknowledge(iStream->descriptor());
-      break;
+      return true;
     case FTPStream::Outcome::kWait:
-      break;
+      return false;
     default:
       iEnd = iStream->problem().empty() ? "the server closed it" : iStream->problem();
+      return true;
   }
-  return true;
 }
 
 std::optional<FTPReply> FTPControl::tryNext() {

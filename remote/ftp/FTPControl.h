@@ -72,6 +72,8 @@ class FTPControl {
 
   // Takes in what has arrived, without waiting. False when the connection cannot be used any more.
   bool pump();
+  // Takes in the next piece of it, or the end behind it; false when there is neither.
+  bool takeIn();
   // Something has arrived that no reply was made of yet; it may be part of one.
   bool hasUnread() const { return iHasUnread; }
   // A reply that is here already.

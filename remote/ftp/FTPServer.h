@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "platform/foundation/Mutex.h"
+#include "remote/Leftovers.h"
 #include "remote/ftp/FTPFeatures.h"
 
 namespace ombra {
@@ -67,9 +67,7 @@ class FTPServer {
   }
   void setModeOfNewFiles(uint16_t mode) { iModeOfNewFiles = mode; }
 
-  // Temporary files that could not be removed because the session was lost.
-  void addLeftover(std::string path) EXCLUDES(iLock);
-  std::vector<std::string> takeLeftovers() EXCLUDES(iLock);
+  Leftovers& leftovers() { return iLeftovers; }
 
  private:
   static constexpr int kRefusalsThatTell = 3;
@@ -88,7 +86,7 @@ class FTPServer {
   std::atomic<int> iModeOfNewFiles = -1;  // unknown
   mutable Mutex iLock;
   std::optional<FTPFeatures> iFeatures GUARDED_BY(iLock);
-  std::vector<std::string> iLeftovers GUARDED_BY(iLock);
+  Leftovers iLeftovers;
 };
 
 }  // namespace ombra

@@ -10,6 +10,9 @@ namespace ombra {
 
 namespace {
 
+// As many as Linux follows: a server could tell of ever new ones.
+constexpr size_t kMostLinks = 40;
+
 bool isMissingError(const NSErrorRef& error) { return QuarnKitError::isCode(error, kQuarnKitNoSuchItem); }
 
 }  // namespace
@@ -146,7 +149,7 @@ std::optional<LinkResolution> FTPSession::resolveLink(std::string_view path, NSE
   if (!isUsablePath(path, error)) return std::nullopt;
   std::string at = normalRemotePath(path);
   std::set<std::string> passed;
-  while (passed.insert(at).second) {
+  while (passed.size() < kMostLinks && passed.insert(at).second) {
     NSErrorRef reason;
     const auto item = lookAt(at, &reason);
     if (reason != nullptr) {

@@ -109,6 +109,12 @@ std::vector<std::string> FTPSession::questionsAboutExisting(std::string_view pat
   return {};
 }
 
+std::vector<std::string> FTPSession::questionsBeforeReplacing(std::string_view path) const {
+  std::vector<std::string> questions = questionsAboutExisting(path);
+  if (features().mlst && features().size) questions.push_back("SIZE " + std::string(path));
+  return questions;
+}
+
 FTPSession::Existing FTPSession::readExisting(std::string_view path, const std::vector<FTPReply>& replies) {
   Existing result;
   if (replies.empty()) return result;
@@ -126,7 +132,11 @@ FTPSession::Existing FTPSession::readExisting(std::string_view path, const std::
   }
   result.kind = Existing::Kind::kMissing;
   if (!item) return result;
-  const bool isFile = item->entry.type == kNodeTypeFile && item->kind == FTPItem::Kind::kItem;
+  // Some servers tell of a link as of a file that is as long as the link's text; SIZE follows it.
+  const std::optional<uint64_t> followed = replies.size() > 1 ? sizeOfReply(replies[1]) : std::nullopt;
+  const std::optional<uint64_t> told = item->entry.attributes.fileSize;
+  const bool isLink = followed && told && *followed != *told;
+  const bool isFile = item->entry.type == kNodeTypeFile && item->kind == FTPItem::Kind::kItem && !isLink;
   result.kind = isFile ? Existing::Kind::kFile : Existing::Kind::kOther;
   result.mode = item->entry.attributes.posixPermissions;
   result.hasOtherNames = item->links > 1;
@@ -158,7 +168,7 @@ FTPSession::Stored FTPSession::storeBeside(const NSFileHandle& from, uint64_t le
                                            TransferControl& control, NSErrorRef* error) {
   const std::string temporary = temporaryPathBeside(path);
   Request request = requestToStore(temporary, path, control);
-  request.before = questionsAboutExisting(path);
+  request.before = questionsBeforeReplacing(path);
   request.makes = temporary;
   Existing present;
   bool goesInPlace = false;
@@ -197,7 +207,7 @@ void FTPSession::dropTemporary(const std::string& temporary) {
     iControl.abandon();
     if (isSent) return;
   }
-  iServer->addLeftover(temporary);
+  iServer->leftovers().add(temporary);
 }
 
 std::optional<uint16_t> FTPSession::modeOfNewFile(const std::string& path) {
@@ -241,7 +251,7 @@ FTPSession::Stored FTPSession::replace(const std::string& temporary, std::string
   commands.insert(commands.end(), {"RNFR " + temporary, "RNTO " + std::string(path)});
   std::vector<FTPReply> replies;
   if (!askAll(commands, &replies, error)) {
-    iServer->addLeftover(temporary);
+    iServer->leftovers().add(temporary);
     return Stored::kNo;
   }
   if (replies.back().isPositive()) {

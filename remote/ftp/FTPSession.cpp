@@ -15,6 +15,8 @@ constexpr int kPortOfFTP = 21;
 constexpr int kPortOfImplicitTLS = 990;
 // As long as a path may be on any system; servers cut commands off somewhere above.
 constexpr size_t kMaximumFTPPath = 8192;
+// A session that is asked whether it is alive has a few replies before it; a server that talks on has no end.
+constexpr int kMostUnreadPieces = 64;
 
 std::string hostOf(const KCCredentials& credentials) {
   const std::string& address = credentials.address();
@@ -162,7 +164,7 @@ void FTPSession::askForUTF8() {
 }
 
 void FTPSession::clearLeftovers() {
-  const std::vector<std::string> leftovers = iServer->takeLeftovers();
+  const std::vector<std::string> leftovers = iServer->leftovers().take();
   if (leftovers.empty()) return;
   for (const std::string& path : leftovers) iControl.queue("DELE " + path);
   (void)iControl.flush(nullptr);
@@ -172,8 +174,9 @@ void FTPSession::clearLeftovers() {
 bool FTPSession::isAlive() {
   if (iControl.failure() != nullptr || iWakeUp.isRaised()) return false;
   if (iEncryption != nullptr && iEncryption->isStale()) return false;
-  (void)iControl.pump();
   (void)iControl.tryNext();
+  // The end may stand behind replies that nobody has waited for.
+  for (int piece = 0; piece < kMostUnreadPieces && iControl.takeIn(); ++piece) (void)iControl.tryNext();
   return iControl.failure() == nullptr;
 }
 

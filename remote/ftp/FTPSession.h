@@ -185,6 +185,8 @@ class FTPSession final : public Session {
   Stored storeBeside(const NSFileHandle& from, uint64_t length, std::string_view path,
                      TransferControl& control, NSErrorRef* error);
   std::vector<std::string> questionsAboutExisting(std::string_view path) const;
+  // The same, and how long the file is that it leads to.
+  std::vector<std::string> questionsBeforeReplacing(std::string_view path) const;
   Existing readExisting(std::string_view path, const std::vector<FTPReply>& replies);
   bool mayStoreBeside() const;
   bool mustGoInPlace(const Existing& existing) const;

@@ -251,7 +251,9 @@ bool FakeFTPServer::openPort(Line& line, const std::string& command) {
   sendBytes(line.socket, command == "EPSV"
                              ? fmt::format("229 Extended (|||{}|)\r\n", port)
                              : fmt::format("227 Passive (192,0,2,1,{},{})\r\n", port / 256, port % 256));
-  return true;
+  if (!isAhead || iPorts != Ports::kLast) return true;
+  shutdown(line.socket, SHUT_WR);
+  return false;
 }
 
 std::string FakeFTPServer::replyFor(Line& line, const std::string& command) {

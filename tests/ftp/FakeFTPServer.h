@@ -32,6 +32,7 @@ class FakeFTPServer {
     kLate,       // told only when the next command has come
     kRefused,
     kRefusedLate,
+    kLast,  // told, and then the server goes away
   };
 
   FakeFTPServer();

@@ -60,7 +60,8 @@ TEST_F(FTPPorts, AnUploadAsksForTheNextPortWithItsRename) {
   EXPECT_EQ(server.file("/new"), "content");
   EXPECT_EQ(server.takeRoundTrips(), 2) << "sent, and renamed";
   server.waitForAnswers("EPSV", 4);
-  EXPECT_THAT(since(), ElementsAre("MLST /new", "STOR /.ombra", "RNFR /.ombra", "RNTO /new", "EPSV"));
+  EXPECT_THAT(since(),
+              ElementsAre("MLST /new", "SIZE /new", "STOR /.ombra", "RNFR /.ombra", "RNTO /new", "EPSV"));
 }
 
 TEST_F(FTPPorts, WhatIsDoneBetweenTwoTransfersDoesNotTouchThePort) {
@@ -90,6 +91,11 @@ TEST_F(FTPPorts, ACancelledTransferDoesNotDisturbTheNextOne) {
   control.cancelAt = UINT64_MAX;
   EXPECT_EQ(download("/b"), "second");
   EXPECT_EQ(server.sessions(), 1);
+}
+
+TEST_F(FTPPorts, AServerThatWentAwayBehindTheAnswerThatNobodyHasReadYetIsNotAlive) {
+  walk(FakeFTPServer::Ports::kLast);
+  EXPECT_FALSE(session->isAlive());
 }
 
 // A server that looks at nothing else during a transfer has the next port asked for with it.

@@ -24,6 +24,7 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
+using testing::UnorderedElementsAre;
 
 struct KindOfServer {
   const char* name;
@@ -207,6 +208,25 @@ TEST_P(FTPServers, LinksOfTheServerLeadToTheirTargets) {
   EXPECT_EQ(download(root + "/toFile"), "12345");
 }
 
+TEST_P(FTPServers, AnUploadGoesWhereALinkOfTheServerLeads) {
+  server->putFile(root + "/target", "old content");
+  ASSERT_EQ(symlink("target", (root + "/link").c_str()), 0);
+  ASSERT_TRUE(upload(root + "/link", "new")) << error->description();
+  EXPECT_EQ(server->storedContent(root + "/target"), "new");
+  struct stat item {};
+  ASSERT_EQ(lstat((root + "/link").c_str(), &item), 0);
+  EXPECT_TRUE(S_ISLNK(item.st_mode));
+  EXPECT_THAT(server->storedNames(root), UnorderedElementsAre("link", "target"));
+}
+
+TEST_P(FTPServers, ACancelledUploadLeavesTheOldFile) {
+  server->putFile(root + "/file", "old");
+  control.cancelAt = 1;
+  EXPECT_FALSE(upload(root + "/file", std::string(32 << 20, 'x')));
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitCancelled)) << error->description();
+  EXPECT_EQ(server->storedContent(root + "/file"), "old");
+}
+
 TEST_P(FTPServers, AWrongPasswordIsAFailedLogin) {
   const auto wrong = server->credentials();
   wrong->setPassword("wrong");
@@ -279,6 +299,22 @@ TEST_P(FTPServersThatStartAgain, ADownloadOutlivesTheServersRestart) {
   EXPECT_EQ(bytes, uint64_t{32} << 20);
   EXPECT_TRUE(contentOf(*file) == std::string(32 << 20, 'x'));
   connection->setDelegate(nullptr);
+  pool->releaseConnection(std::move(connection));
+  pool->shutDown();
+}
+
+// Nobody can tell whether a lost change was made: none may begin on a session that is dead.
+TEST_P(FTPServersThatStartAgain, AfterTransfersInARowAChangeOutlivesTheServersRestart) {
+  const auto pool = KCConnectionPool::initWithCredentials(server->credentials(), &error);
+  server->putFile(root + "/file", "content");
+  auto connection = pool->acquireConnection();
+  for (int i = 0; i < 3; ++i)
+    EXPECT_TRUE(connection->downloadFileAtPath(root + "/file", *temporaryFile(), 0, nullptr, &error));
+  pool->releaseConnection(std::move(connection));
+  server->stop();
+  ASSERT_TRUE(server->restart());
+  connection = pool->acquireConnection();
+  EXPECT_TRUE(connection->createFolderAtPath(root + "/folder", &error)) << error->description();
   pool->releaseConnection(std::move(connection));
   pool->shutDown();
 }

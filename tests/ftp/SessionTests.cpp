@@ -278,6 +278,21 @@ TEST_F(FTPSessions, LinksAreResolvedWithTheListing) {
 
 // Changes.
 
+TEST_F(FTPSessions, ALinkToEverNewLinksIsFollowedNoFurtherThanAnySystemDoes) {
+  server.setFeatures(kModernFeatures);
+  logIn();
+  std::vector<std::string> replies;
+  for (int i = 0; i < 100; ++i) {
+    const std::string target = "/way" + std::to_string(i);
+    replies.push_back("250-Begin\r\n type=OS.unix=slink:" + target + "; x\r\n250 End\r\n");
+  }
+  server.answer("MLST /way", replies);
+  const auto resolution = session->resolveLink("/way", &error);
+  ASSERT_TRUE(resolution) << error->description();
+  EXPECT_FALSE(resolution->resolved);
+  EXPECT_EQ(sent("MLST /way").size(), 40u);
+}
+
 TEST_F(FTPSessions, AMoveDoesNotReplaceWhatHasAppearedThere) {
   server.setFeatures(kModernFeatures);
   logIn();

@@ -108,6 +108,18 @@ TEST_F(FTPTransfers, LinksAndFilesThatMayNotBeWrittenAreNotReplaced) {
   }
 }
 
+// As proftpd does: the type is the target's, the length that of the link's text.
+TEST_F(FTPTransfers, ALinkThatIsToldOfAsAFileIsNotReplaced) {
+  server.setFeatures(kModernFeatures);
+  logIn();
+  server.putFile("/file", "what the link leads to");
+  server.answer("MLST /file", {"250-Begin\r\n type=file;size=7;UNIX.mode=0644; /file\r\n250 End\r\n"});
+  ASSERT_TRUE(upload("/file", "new")) << error->description();
+  EXPECT_EQ(server.file("/file"), "new");
+  EXPECT_THAT(sent("RNTO "), IsEmpty());
+  EXPECT_THAT(server.files(), ElementsAre("/file", "/learnt"));
+}
+
 TEST_F(FTPTransfers, TheModeOfWhatIsReplacedIsKept) {
   logIn();
   server.answer("MLST /file", {"250-Begin\r\n type=file;UNIX.mode=0600; /file\r\n250 End\r\n"});
