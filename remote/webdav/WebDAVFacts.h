@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "remote/Leftovers.h"
 #include "remote/http/HTTPLoginFacts.h"
 
 namespace ombra {
@@ -15,6 +16,7 @@ struct WebDAVFacts {
   // A stream of this server arrived whole once. Some servers pass a body of unknown length on to a program
   // that never sees it, and store an empty file.
   std::atomic<bool> storesStreams{false};
+  Leftovers leftovers;
 };
 
 }  // namespace ombra

@@ -70,21 +70,27 @@ bool WebDAVSession::move(std::string_view from, bool isDirectory, std::string_vi
 }
 
 bool WebDAVSession::remove(std::string_view path, bool isDirectory, NSErrorRef* error) {
-  HTTPRequest request;
-  request.method = "DELETE";
-  request.url = urlOf(path, isDirectory);
-  request.patience = kLongPatience;
-  if (!isDirectory) {
-    // Refused, where servers look at it, for a folder that has taken the file's place.
-    request.headers = {{"Depth", "0"}};
-    return succeeded(DAVRequestKind::kRemove, send(std::move(request), error), path, error);
-  }
+  if (!isDirectory) return removeFile(path, kLongPatience, error);
   const std::optional<DAVListing> found = folderListing(DAVRequestKind::kRemove, path, error);
   if (!found) return false;
   if (found->holdsItems) {
     storeError(error, QuarnKitError::errorWithCode(kQuarnKitFolderNotEmpty, path));
     return false;
   }
+  HTTPRequest request;
+  request.method = "DELETE";
+  request.url = urlOf(path, true);
+  request.patience = kLongPatience;
+  return succeeded(DAVRequestKind::kRemove, send(std::move(request), error), path, error);
+}
+
+bool WebDAVSession::removeFile(std::string_view path, std::chrono::milliseconds patience, NSErrorRef* error) {
+  HTTPRequest request;
+  request.method = "DELETE";
+  request.url = urlOf(path, false);
+  request.patience = patience;
+  // Refused, where servers look at it, for a folder that has taken the file's place.
+  request.headers = {{"Depth", "0"}};
   return succeeded(DAVRequestKind::kRemove, send(std::move(request), error), path, error);
 }
 

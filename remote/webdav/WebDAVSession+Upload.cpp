@@ -4,6 +4,7 @@
 
 #include "remote/ConfirmedUpload.h"
 #include "remote/QuarnKitError.h"
+#include "remote/RetryPauses.h"
 #include "remote/TemporaryNames.h"
 #include "remote/webdav/WebDAVSession.h"
 
@@ -18,10 +19,26 @@ bool isSuccess(const std::optional<HTTPResponse>& response) {
   return response && response->status / 100 == 2;
 }
 
-// What would be no different at another place, or says that there is no such place.
+// What would be no different at another place, or says that there is no such place, or comes from a server
+// in trouble: what it has of the file is not put at risk then.
 bool isFinalRefusal(int status) {
-  return status == 401 || status == 404 || status == 409 || status == 413 || status == 507;
+  switch (status) {
+    case 401:
+    case 404:
+    case 409:
+    case 413:
+    case 429:
+    case 503:
+    case 504:
+    case 507:
+      return true;
+    default:
+      return false;
+  }
 }
+
+// Of a MOVE these two say that the server cannot do it; it has just stored the temporary file.
+bool isFinalForTemporary(int status) { return status == 500 || status == 502 || isFinalRefusal(status); }
 
 }  // namespace
 
@@ -56,25 +73,32 @@ class WebDAVSession::Upload {
     }
     if (isSuccess(response)) return replace(isThere, error);
     removeTemporary();
-    return isFinalRefusal(response->status) ? concluded(response, error) : inPlace(error);
+    return isFinalForTemporary(response->status) ? concluded(response, error) : inPlace(error);
   }
 
   // Moves what has arrived over what is there.
   bool replace(bool isThere, NSErrorRef* error) {
-    const std::optional<HTTPResponse> response = iSession.moveFile(iTemporary, iPath, isThere, error);
-    if (iSession.succeeded(DAVRequestKind::kUpload, response, iPath, error)) {
+    NSErrorRef reason;
+    const std::optional<HTTPResponse> response = iSession.moveFile(iTemporary, iPath, isThere, &reason);
+    if (iSession.succeeded(DAVRequestKind::kUpload, response, iPath, &reason)) {
       report(iLength);
       return true;
     }
+    storeError(error, reason);
+    // It may still be at it, and what it moves is the only whole content that it has.
+    if (response ? response->status == 504 : isOutage(reason)) return false;
     removeTemporary();
     if (!response || isFinalRefusal(response->status)) return false;
     return inPlace(error);
   }
 
-  // The session may be at its end: then the name stays there, and is not listed.
+  // The session may be at its end, or the server in trouble: then the next session removes it. It is not
+  // listed meanwhile.
   void removeTemporary() {
-    if (!iSession.isAlive()) return;
-    (void)iSession.remove(iTemporary, false, nullptr);
+    NSErrorRef reason;
+    const bool isRemoved = iSession.isAlive() && iSession.remove(iTemporary, false, &reason);
+    if (isRemoved || QuarnKitError::isCode(reason, kQuarnKitNoSuchItem)) return;
+    iSession.iFacts->leftovers.add(iTemporary);
   }
 
   std::optional<HTTPResponse> put(const std::string& path, std::vector<HTTPHeader> headers,

@@ -5,8 +5,10 @@
 #include <chrono>
 #include <utility>
 
+#include "platform/foundation/ASCII.h"
 #include "remote/QuarnKitError.h"
 #include "remote/RemotePaths.h"
+#include "remote/RetryPauses.h"
 #include "remote/URLEncoding.h"
 
 namespace ombra {
@@ -21,7 +23,10 @@ constexpr std::chrono::milliseconds kLongestPause{5000};
 HTTPURL serverOf(const KCCredentials& credentials) {
   HTTPURL url;
   url.scheme = credentials.protocol() == kProtocolWebDAVTLS ? "https" : "http";
-  url.host = credentials.address();
+  // As answers name it, to which it is compared.
+  url.host = lowercasedASCII(credentials.address());
+  if (url.host.size() > 2 && url.host.starts_with('[') && url.host.ends_with(']'))
+    url.host = url.host.substr(1, url.host.size() - 2);
   url.port = credentials.port() != 0 ? credentials.port() : (url.scheme == "https" ? 443 : 80);
   return url;
 }
@@ -124,9 +129,20 @@ bool WebDAVSession::succeeded(DAVRequestKind kind, const std::optional<HTTPRespo
 
 bool WebDAVSession::logIn(NSErrorRef* error) {
   iLogsIn = true;
-  const bool isIn = findStart(error);
+  const bool isIn = findStart(error) && clearLeftovers(error);
   iLogsIn = false;
   return isIn;
+}
+
+// Tried once: a server that cannot bear it would let nobody in any more.
+bool WebDAVSession::clearLeftovers(NSErrorRef* error) {
+  for (const std::string& path : iFacts->leftovers.take()) {
+    NSErrorRef reason;
+    if (removeFile(path, iEnvironment.connectLimit, &reason) || !isOutage(reason)) continue;
+    storeError(error, reason);
+    return false;
+  }
+  return true;
 }
 
 bool WebDAVSession::findStart(NSErrorRef* error) {

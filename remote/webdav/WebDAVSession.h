@@ -1,6 +1,7 @@
 // A session with a WebDAV server (RFC 4918).
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
@@ -22,9 +23,9 @@ namespace ombra {
 //
 // A whole file that replaces another is sent under a temporary name beside it, which is never listed, and
 // then moved over it: what was there stays until the new content has arrived. Where the server refuses the
-// name or the move, the file is written in place: then an upload that breaks off may leave the server's own
-// mixture. A small file is first sent straight to its place, on the condition that there is none; a server
-// that does not know the condition replaces an existing one at once.
+// name or the move, and not because it is in trouble, the file is written in place: then an upload that
+// breaks off may leave the server's own mixture. A small file is first sent straight to its place, on the
+// condition that there is none; a server that does not know the condition replaces an existing one at once.
 //
 // The server is never asked to do more than is meant: a file's removal and move say that they are about a
 // file, so that a folder which took its place meanwhile is not taken away with all that is in it. Links do
@@ -68,6 +69,8 @@ class WebDAVSession final : public Session {
 
   // Whether the server lets us in where the volume is to begin.
   bool findStart(NSErrorRef* error);
+  // Removes what sessions that were lost have left behind. False when this one is lost over it.
+  bool clearLeftovers(NSErrorRef* error);
   // The URL of a path; `isFolder` writes the slash that servers want at a folder's end.
   std::string urlOf(std::string_view path, bool isFolder) const;
   // Sends the request, on to where the server says, as long as that is the same item on the same server: the
@@ -86,6 +89,8 @@ class WebDAVSession final : public Session {
   // One MOVE, answered as it is.
   std::optional<HTTPResponse> sendMove(std::string_view from, bool isDirectory, std::string_view to,
                                        Overwrite overwrite, NSErrorRef* error);
+  // Removes a file; the server may take so long.
+  bool removeFile(std::string_view path, std::chrono::milliseconds patience, NSErrorRef* error);
   // Moves a file to where nothing is, or over a file, never over a folder. `isThere`: something is known to
   // be at the end, so that it is looked at first.
   std::optional<HTTPResponse> moveFile(std::string_view from, std::string_view to, bool isThere,

@@ -34,11 +34,8 @@ TEST_F(WebDAVRoundTrips, EachPieceOfWorkStaysWithinItsBudget) {
   credentials->setUsername("wanda");
   credentials->setPassword("fish-password");
   credentials->setInitialPath("/folder");
-  SessionEnvironment environment;
-  environment.credentials = credentials;
-  environment.transcript = transcript;
-  session = std::make_unique<WebDAVSession>(environment, facts);
-  WebDAVSession second(environment, facts);
+  session = std::make_unique<WebDAVSession>(environment(), facts);
+  WebDAVSession second(environment(), facts);
   const std::string small(kSmall, 'x');
   const std::string large(WebDAVSession::kSmallUpload + 1, 'x');
   struct Row {

@@ -24,12 +24,16 @@ void WebDAVSessionTest::serve(HTTPServer::Script script) {
   credentials->setProtocol(kProtocolWebDAV);
   credentials->setAddress("127.0.0.1");
   credentials->setPort(server->port());
+  session = std::make_unique<WebDAVSession>(environment(), facts);
+}
+
+SessionEnvironment WebDAVSessionTest::environment() const {
   SessionEnvironment environment;
   environment.credentials = credentials;
   environment.transcript = transcript;
   environment.isWorthyTrust = [](const std::string&) { return true; };
   environment.idleLimit = idleLimit;
-  session = std::make_unique<WebDAVSession>(environment, facts);
+  return environment;
 }
 
 std::vector<std::string> WebDAVSessionTest::lines() const {

@@ -24,6 +24,8 @@ class WebDAVSessionTest : public testing::Test {
  protected:
   // Starts a server, and a session that has not said anything yet.
   void serve(HTTPServer::Script script);
+  // For a further session with it.
+  SessionEnvironment environment() const;
   int64_t code() const { return error != nullptr ? error->code() : 0; }
   // The requests so far, the names of uploads as "TEMP".
   std::vector<std::string> lines() const;

@@ -132,6 +132,23 @@ TEST_F(WebDAVSessionTest, AFolderWithoutItsSlashIsFollowedToTheOneWith) {
   EXPECT_NE(server->seen().at(1).body, "");
 }
 
+TEST_F(WebDAVSessionTest, CapitalsInTheServersNameDoNotMakeItAnotherServer) {
+  for (const bool isAbsolute : {false, true}) {
+    serve([this, isAbsolute](const HTTPSeen& seen) {
+      const std::string start =
+          isAbsolute ? "http://localhost:" + std::to_string(credentials->port()) : std::string();
+      if (!seen.target.ends_with('/'))
+        return httpReply(301, "", "Location: " + start + seen.target + "/\r\n");
+      return davAnswer({davItem(seen.target)});
+    });
+    credentials->setAddress("LocalHost");
+    WebDAVSession other(environment(), facts);
+    bool isDirectory = false;
+    EXPECT_TRUE(other.attributes("/a", &isDirectory, &error)) << error->description();
+    EXPECT_TRUE(isDirectory);
+  }
+}
+
 TEST_F(WebDAVSessionTest, RedirectsDoNotGoOnForEver) {
   serve([](const HTTPSeen& seen) { return httpReply(302, "", "Location: " + seen.target + "x\r\n"); });
   EXPECT_FALSE(session->attributes("/a", nullptr, &error));
@@ -399,10 +416,7 @@ TEST_F(WebDAVSessionTest, TheTranscriptHoldsNoSecret) {
   });
   credentials->setUsername("wanda");
   credentials->setPassword("fish-password");
-  SessionEnvironment environment;
-  environment.credentials = credentials;
-  environment.transcript = transcript;
-  session = std::make_unique<WebDAVSession>(environment, facts);
+  session = std::make_unique<WebDAVSession>(environment(), facts);
   ASSERT_TRUE(session->logIn(&error));
   EXPECT_THAT(transcript->text(), HasSubstr("> PROPFIND / HTTP/1.1"));
   for (const char* secret : {"fish-password", "d2FuZGE6ZmlzaC1wYXNzd29yZA"})

@@ -130,6 +130,65 @@ TEST_F(WebDAVSessionTest, ARefusalThatIsTheSameInPlaceIsTheEnd) {
   }
 }
 
+// It may take away what is there, too, and not store what comes in its place.
+TEST_F(WebDAVSessionTest, AServerInTroubleIsNotTrustedWithTheFileInPlace) {
+  const std::pair<const char*, int> table[] = {{"PUT", 429}, {"PUT", 500},  {"PUT", 502}, {"PUT", 503},
+                                               {"PUT", 504}, {"MOVE", 429}, {"MOVE", 503}};
+  for (const auto& [refused, status] : table) {
+    serve([refused = std::string(refused), status = status](const HTTPSeen& seen) {
+      if (seen.method == refused) return httpReply(status, "", "Retry-After: 0\r\n");
+      return OneItemServer{OneItemServer::Item::kFile, {}}(seen);
+    });
+    EXPECT_FALSE(upload("/a", kLargeUpload)) << refused << " " << status;
+    EXPECT_THAT(lines(), Not(testing::Contains("PUT /a"))) << refused << " " << status;
+    EXPECT_EQ(lines().back(), "DELETE /TEMP") << "nothing stays behind";
+  }
+}
+
+TEST_F(WebDAVSessionTest, WhatAServerMayStillBeMovingIsLeftAlone) {
+  for (const bool isLost : {false, true}) {
+    serve([isLost](const HTTPSeen& seen) {
+      if (seen.method == "MOVE") return isLost ? httpHangUp() : httpReply(504);
+      if (seen.method == "PROPFIND") return davAnswer({davItem(seen.target)});
+      return OneItemServer{OneItemServer::Item::kNone, {}}(seen);
+    });
+    EXPECT_FALSE(upload("/a", kLargeUpload));
+    WebDAVSession second(environment(), facts);
+    ASSERT_TRUE(second.logIn(&error)) << error->description();
+    EXPECT_THAT(lines(), ElementsAre("PUT /TEMP", "MOVE /TEMP", "PROPFIND /"));
+  }
+}
+
+TEST_F(WebDAVSessionTest, WhatALostSessionHasLeftBehindIsRemovedByTheNextOne) {
+  serve([](const HTTPSeen& seen) {
+    if (seen.target.find(".ombra-upload-") != std::string::npos && seen.method == "PUT") return httpHangUp();
+    if (seen.method == "PROPFIND") return davAnswer({davItem(seen.target)});
+    return OneItemServer{OneItemServer::Item::kFile, {}}(seen);
+  });
+  EXPECT_FALSE(upload("/a", kLargeUpload));
+  EXPECT_EQ(code(), kQuarnKitConnectionLost);
+  const std::string left = server->seen().back().target;
+  WebDAVSession second(environment(), facts);
+  ASSERT_TRUE(second.logIn(&error)) << error->description();
+  EXPECT_EQ(lines().back(), "DELETE /TEMP");
+  EXPECT_EQ(server->seen().back().target, left);
+  WebDAVSession third(environment(), facts);
+  ASSERT_TRUE(third.logIn(&error)) << error->description();
+  EXPECT_EQ(lines().back(), "PROPFIND /") << "once";
+}
+
+TEST_F(WebDAVSessionTest, ALoginThatIsLostOverWhatIsLeftBehindIsLostAndTheNextOneIsNot) {
+  serve([](const HTTPSeen& seen) {
+    if (seen.method != "PROPFIND") return httpHangUp();
+    return davAnswer({davItem(seen.target)});
+  });
+  facts->leftovers.add("/.ombra-upload-x");
+  EXPECT_FALSE(session->logIn(&error));
+  EXPECT_EQ(code(), kQuarnKitConnectionLost);
+  WebDAVSession second(environment(), facts);
+  EXPECT_TRUE(second.logIn(&error)) << error->description();
+}
+
 TEST_F(WebDAVSessionTest, ARefusedSmallFileHasTheServersReason) {
   serve(OneItemServer{OneItemServer::Item::kNone, {{"PUT", 403}}});
   EXPECT_FALSE(upload("/a", "hello"));
