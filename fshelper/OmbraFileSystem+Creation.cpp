@@ -55,7 +55,7 @@ bool OmbraFileSystem::createDirectoryAtPath(OptionalPath path, const NSFileAttri
     OFS_FAIL(error, kENOENT);
     return false;
   }
-  const bool isListed = canShowNewItems(parent);
+  const bool isListed = canShowNewItem(parent, *path);
   NSErrorRef underlying;
   if (!connection->createFolderAtPath(remotePathForPath(*path), &underlying)) {
     OFS_FAIL(error, kEACCES, underlying);
@@ -83,7 +83,7 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   const std::shared_ptr<OFSRemoteFile> file = OFSRemoteFile::remoteFileForPath(remotePathForPath(*path));
   file->setConnectionPool(connectionPool());
   file->transfer().setTotals(iTotals);
-  const bool isListed = canShowNewItems(parent);
+  const bool isListed = canShowNewItem(parent, *path);
   supersedeLeftBehind(file->remotePath(), nullptr);
   if (!file->openWithMode(kNewFileFlags, error)) return false;
   dropRefusedAtPath(file->remotePath());

@@ -8,12 +8,12 @@
 
 namespace ombra {
 
-bool OmbraFileSystem::canShowNewItems(const std::shared_ptr<KCRemoteFileNode>& parent) const {
-  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
-  return pool != nullptr && pool->keepsNamesOfNewItems() && isFresh(parent);
-}
-
 namespace {
+
+// Some servers cut blanks and dots off the ends of a name, or write another character for them.
+bool isLeftAsItIs(std::string_view name) {
+  return !name.starts_with(' ') && !name.ends_with(' ') && !name.ends_with('.');
+}
 
 std::string withOtherCase(std::string name) {
   for (char& byte : name) {
@@ -23,6 +23,13 @@ std::string withOtherCase(std::string name) {
 }
 
 }  // namespace
+
+bool OmbraFileSystem::canShowNewItem(const std::shared_ptr<KCRemoteFileNode>& parent,
+                                     std::string_view path) const {
+  const std::shared_ptr<KCConnectionPool> pool = connectionPool();
+  return pool != nullptr && pool->keepsNamesOfNewItems() && isLeftAsItIs(lastPathComponent(path)) &&
+         isFresh(parent);
+}
 
 // Where "Foo" and "foo" are one item, what is made may be there under a name of before: only the listing
 // tells. Asked once for each folder, of an item that is there by now.

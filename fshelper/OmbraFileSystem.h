@@ -213,9 +213,9 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   // After `newItem` (a local path) was made in `parent`: the next use of the parent's listing fetches it.
   void markStale(KCRemoteFileNode& parent, std::string_view newItem);
   void markStaleAtPath(const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view newItem);
-  // Whether the listing of a folder that is about to get a new item is fresh, and the item can simply be put
-  // into it afterwards.
-  bool canShowNewItems(const std::shared_ptr<KCRemoteFileNode>& parent) const;
+  // Whether the listing of a folder that is about to get that new item is fresh, and the item can simply be
+  // put into it afterwards.
+  bool canShowNewItem(const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view path) const;
   // Puts the node of what was just made into its folder's listing. The node that stands for it from now on,
   // or null when there is no listing any more: then it has to be fetched.
   std::shared_ptr<KCRemoteFileNode> showNewItem(const std::shared_ptr<KCRemoteFileNode>& parent,

@@ -38,7 +38,8 @@ class KCConnectionPool {
   virtual void setMaximumConnections(int maximum) = 0;
   // A connection, however long it takes; null only after `shutDown`.
   virtual std::shared_ptr<AbstractConnection> acquireConnection() = 0;
-  // A connection or null: after `timeout` seconds, or when cancelled (token may be null).
+  // A connection or null: when cancelled (token may be null), after shutDown, or, from a pool whose
+  // connections have to be waited for, after `timeout` seconds.
   virtual std::shared_ptr<AbstractConnection> acquireConnectionWithTimeout(
       double timeout, const CancellationToken* cancellation) = 0;
   // Takes back an acquired connection; each exactly once. Null is ignored.

@@ -48,6 +48,20 @@ TEST_F(NewItems, AFileInAFolderThatIsNotListedYetIsListedWithIt) {
   EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new"));
 }
 
+// Some servers cut such ends off, or write other characters for them.
+TEST_F(NewItems, ANameThatABlankBeginsOrABlankOrADotEndsIsListed) {
+  names("/");
+  for (const char* path : {"/ first", "/last ", "/dot."}) {
+    const size_t before = listings();
+    ASSERT_TRUE(makeFile(path)) << path;
+    EXPECT_EQ(listings(), before + 1) << path;
+  }
+  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder.", {}, nullptr));
+  const size_t before = listings();
+  names("/");
+  EXPECT_EQ(listings(), before + 1);
+}
+
 TEST_F(NewItems, AListingThatHasExpiredIsFetched) {
   names("/");
   clock.advance(61);
