@@ -6,6 +6,7 @@
 #include "remote/NameEncoding.h"
 #include "remote/RemotePaths.h"
 #include "remote/ftp/FTPText.h"
+#include "remote/net/HostOfAddress.h"
 
 namespace ombra {
 
@@ -18,12 +19,6 @@ constexpr size_t kMaximumFTPPath = 8192;
 // A session that is asked whether it is alive has a few replies before it; a server that talks on has no end.
 constexpr int kMostUnreadPieces = 64;
 
-std::string hostOf(const KCCredentials& credentials) {
-  const std::string& address = credentials.address();
-  const bool isBracketed = address.size() > 2 && address.front() == '[' && address.back() == ']';
-  return isBracketed ? address.substr(1, address.size() - 2) : address;
-}
-
 bool isOneLine(std::string_view text) {
   return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
 }
@@ -33,7 +28,7 @@ bool isOneLine(std::string_view text) {
 FTPSession::FTPSession(const SessionEnvironment& environment, std::shared_ptr<FTPServer> server)
     : iEnvironment(environment),
       iServer(std::move(server)),
-      iHost(hostOf(*environment.credentials)),
+      iHost(hostOfAddress(environment.credentials->address())),
       iControl(iEnvironment, iWakeUp) {
   if (environment.credentials->protocol() != kProtocolFTP) {
     iEncryption = std::make_unique<FTPEncryption>(iEnvironment, iHost);

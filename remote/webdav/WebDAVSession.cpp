@@ -10,6 +10,7 @@
 #include "remote/RemotePaths.h"
 #include "remote/RetryPauses.h"
 #include "remote/URLEncoding.h"
+#include "remote/net/HostOfAddress.h"
 
 namespace ombra {
 
@@ -24,9 +25,7 @@ HTTPURL serverOf(const KCCredentials& credentials) {
   HTTPURL url;
   url.scheme = credentials.protocol() == kProtocolWebDAVTLS ? "https" : "http";
   // As answers name it, to which it is compared.
-  url.host = lowercasedASCII(credentials.address());
-  if (url.host.size() > 2 && url.host.starts_with('[') && url.host.ends_with(']'))
-    url.host = url.host.substr(1, url.host.size() - 2);
+  url.host = lowercasedASCII(hostOfAddress(credentials.address()));
   url.port = credentials.port() != 0 ? credentials.port() : (url.scheme == "https" ? 443 : 80);
   return url;
 }
