@@ -61,6 +61,8 @@ def parse(arguments):
     add("--json", metavar="FILE", help="where the figures go (build/bench/compare[-DELAYms].json)")
     add("--build", metavar="FOLDER", default=f"{ROOT}/build/release", help="the build to measure (build/release)")
     add("--folder", metavar="FOLDER", help="where the data lies (in /dev/shm when that is large enough)")
+    add("--caches", metavar="FOLDER", help="where the programs keep their caches, and curl what it reads: a disk, for "
+                                           "example (with the data)")
     add("--install-peers", action="store_true", help="install the peers that Debian has, and end")
     return settle(parser, parser.parse_args(arguments))
 
@@ -80,6 +82,8 @@ def settle(parser, options):
         options.sizes.per_folder, options.sizes.writes = 10, 1000
     if options.runs < 1 or options.delay < 0 or options.delay > 2000:
         parser.error("--runs is at least 1, --delay from 0 to 2000")
+    if options.caches and not os.path.isdir(options.caches):
+        parser.error(f"--caches: {options.caches} is no folder")
     if not options.json:
         suffix = f"-{options.delay}ms" if options.delay else ""
         options.json = f"{ROOT}/build/bench/compare{suffix}.json"
@@ -93,6 +97,10 @@ def place(options):
     base = options.folder
     if not base and os.path.isdir("/dev/shm") and shutil.disk_usage("/dev/shm").free > needed:
         base = "/dev/shm"
+    return new_folder(base)
+
+
+def new_folder(base):
     folder = tempfile.mkdtemp(prefix="ombra-bench-", dir=base)
     os.chmod(folder, 0o711)
     return folder
@@ -111,11 +119,11 @@ def setting(options, runner, runs):
             "options": {peer.name: peer.options_said for peer in PEERS if peer.name in options.programs}}
 
 
-def measure(options, folder):
+def measure(options, folder, caches):
     kinds = {"sftp": Sshd, "webdav": Apache, "s3": CephGateway if options.full else S3rver, "ftp": Vsftpd}
-    makers = [functools.partial(Ombra, folder, options.timeout, options.build)] if "ombra" in options.programs else []
-    makers += [functools.partial(peer, folder, options.timeout) for peer in PEERS if peer.name in options.programs]
-    runner = Runner(options, folder)
+    makers = [functools.partial(Ombra, caches, options.timeout, options.build)] if "ombra" in options.programs else []
+    makers += [functools.partial(peer, caches, options.timeout) for peer in PEERS if peer.name in options.programs]
+    runner = Runner(options, folder, caches)
     try:
         runner.start([kinds[name] for name in options.protocol], makers)
         runs = runner.run()
@@ -149,14 +157,18 @@ def main(arguments):
         return subprocess.run([f"{ROOT}/scripts/dependencies", "bench"]).returncode
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit(130))
-    folder = place(options)
+    folders = []
     try:
-        return measure(options, folder)
+        folders.append(place(options))
+        if options.caches:
+            folders.append(new_folder(options.caches))
+        return measure(options, folders[0], folders[-1])
     except Failure as failure:
         say(f"bench/compare: {failure}")
         return 2
     except KeyboardInterrupt:
         return 130
     finally:
-        attempt(lambda: end_all_below(folder))
-        shutil.rmtree(folder, ignore_errors=True)
+        for folder in folders:
+            attempt(lambda below=folder: end_all_below(below))
+            shutil.rmtree(folder, ignore_errors=True)

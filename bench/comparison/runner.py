@@ -19,7 +19,7 @@ class Site:
     server: object
     host: str
     data: str        # a local twin of what is served
-    folder: str      # for temporary files
+    folder: str      # for temporary files, beside the programs' caches
     sizes: content.Sizes
     timeout: float
     mount_began: float = 0
@@ -53,8 +53,8 @@ class Proxy:
 
 
 class Runner:
-    def __init__(self, options, folder):
-        self.options, self.folder = options, folder
+    def __init__(self, options, folder, caches):
+        self.options, self.folder, self.caches = options, folder, caches
         self.results = Results()
         self.servers, self.programs, self.proxy = [], [], None
         self.began = time.monotonic()
@@ -86,7 +86,7 @@ class Runner:
 
     def site(self, server):
         host = Proxy.address if self.proxy else server.address
-        return Site(server, host, f"{self.folder}/data", self.folder, self.options.sizes, self.options.timeout)
+        return Site(server, host, f"{self.folder}/data", self.caches, self.options.sizes, self.options.timeout)
 
     def run(self):
         for number in range(self.options.runs):
