@@ -2,10 +2,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <functional>
@@ -121,6 +123,33 @@ TEST_P(FTPServers, NoneOfManySmallFilesIdles) {
   EXPECT_LT(files, kTooMuch * ratios[count / 2] * questions)
       << files << " s for the files, " << questions << " s for the questions, usually " << ratios[count / 2]
       << " times as much, at worst " << worst << " s";
+}
+
+TEST_P(FTPServers, ADownloadIsNotResumedInAFileThatChanged) {
+  const std::string path = root + "/file";
+  const auto file = temporaryFile();
+  std::string version;
+  const auto resume = [&] { return session->download(path, *file, 4, &version, control, &error); };
+  const auto setDate = [&path](time_t seconds) {
+    const timespec date{seconds, 0};
+    const std::array<timespec, 2> dates{date, date};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), dates.data(), 0), 0);
+  };
+  server->putFile(path, "0123456789");
+  setDate(1'700'000'000);
+  ASSERT_TRUE(session->download(path, *file, 0, &version, control, &error)) << error->description();
+  ASSERT_TRUE(resume()) << error->description();
+
+  server->putFile(path, "9876543210");
+  setDate(1'700'000'060);
+  EXPECT_FALSE(resume());
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitItemChanged)) << "another date: " << error->description();
+  server->putFile(path, "9876543210a");
+  setDate(1'700'000'000);
+  EXPECT_FALSE(resume());
+  EXPECT_TRUE(QuarnKitError::isCode(error, kQuarnKitItemChanged))
+      << "another length: " << error->description();
+  EXPECT_EQ(contentOf(*file), "0123456789") << "nothing of two versions is mixed";
 }
 
 TEST_P(FTPServers, TemporaryFilesAreNotListed) {

@@ -108,7 +108,8 @@ bool WebDAVServer::prepareApache(bool isDigest, bool isTLS) {
   text += fmt::format(
       "StartServers 1\nServerLimit 2\nThreadsPerChild 32\nMaxRequestWorkers 64\nKeepAlive On\n"
       "MaxKeepAliveRequests 0\nKeepAliveTimeout 60\nLimitXMLRequestBody 0\nDavLockDB {0}/state/locks\n"
-      "Alias /dav {1}/dav\n<Directory {1}/dav>\nDav On\nOptions None\nAllowOverride None\nAuthType {2}\n"
+      "Redirect permanent /formerly /dav\nAlias /dav {1}/dav\n<Directory {1}/dav>\nDav On\nOptions "
+      "None\nAllowOverride None\nAuthType {2}\n"
       "AuthName {3}\nAuth{2}Provider file\nAuthUserFile {4}\nRequire valid-user\n</Directory>\n",
       iConfiguration, folder(), isDigest ? "Digest" : "Basic", kRealm, users);
   if (isTLS) {

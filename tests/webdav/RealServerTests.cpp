@@ -213,6 +213,30 @@ INSTANTIATE_TEST_SUITE_P(Servers, WebDAVReal,
                                          RealKind{"lighttpd", WebDAVServerKind::kLighttpd}),
                          [](const auto& test) { return test.param.name; });
 
+class WebDAVRealApache : public WebDAVReal {};
+
+TEST_P(WebDAVRealApache, AFolderThatHasMovedIsListedWhereItIsNow) {
+  server->putFile(at("file"), "hello");
+  logIn();
+  const std::string former = "/formerly" + root.substr(std::string("/dav").size());
+  std::vector<RemoteEntry> entries;
+  ASSERT_TRUE(session->list(former, &entries, &error)) << error->description();
+  EXPECT_EQ(roundTrips(), 2) << "the answer, and the question where it points to";
+  ASSERT_EQ(entries.size(), 1u);
+  EXPECT_EQ(entries[0].name, "file");
+  const auto attributes = session->attributes(former + "/file", nullptr, &error);
+  ASSERT_TRUE(attributes.has_value()) << error->description();
+  EXPECT_EQ(attributes->fileSize, 5u);
+  // Nobody says that a change is meant for the other place.
+  EXPECT_FALSE(session->remove(former + "/file", false, &error));
+  EXPECT_EQ(server->storedContent(at("file")), "hello");
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, WebDAVRealApache,
+                         testing::Values(RealKind{"apacheBasic", WebDAVServerKind::kApacheBasic},
+                                         RealKind{"apacheDigest", WebDAVServerKind::kApacheDigest}),
+                         [](const auto& test) { return test.param.name; });
+
 class WebDAVRealTLS : public WebDAVReal {};
 
 TEST_P(WebDAVRealTLS, AnotherCertificateThanTheAcceptedOneIsNotTrusted) {
