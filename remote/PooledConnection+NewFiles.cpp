@@ -8,6 +8,7 @@
 namespace ombra {
 
 void PoolCore::shutDown() {
+  listingsAhead.stop();
   newFiles.stop();
   sessions.shutDown();
 }
@@ -21,6 +22,12 @@ void PoolCore::makeFile(const std::string& path) {
   if (!connection.makePutOffFiles(isThis, &error)) newFiles.fail(path, std::move(error));
 }
 
+bool PoolCore::listAhead(const std::string& folder, const std::function<bool()>& begins,
+                         std::vector<RemoteEntry>* entries) {
+  PooledConnection connection(std::shared_ptr<PoolCore>(std::shared_ptr<PoolCore>(), this));
+  return connection.listAhead(folder, begins, entries);
+}
+
 bool PooledConnection::makePutOffFiles(const PutOffFiles::IsMeant& isMeant, NSErrorRef* error) {
   PutOffFiles& newFiles = iCore->newFiles;
   if (!newFiles.has(isMeant)) return true;
@@ -28,6 +35,7 @@ bool PooledConnection::makePutOffFiles(const PutOffFiles::IsMeant& isMeant, NSEr
     while (std::optional<PutOffFiles::Turn> turn = newFiles.take(isMeant)) {
       NSErrorRef refusal;
       const bool isMade = session.makeFile(turn->path(), &refusal);
+      walks().changed(turn->path());
       if (!isMade && isOutage(refusal)) {
         *fault = std::move(refusal);
         return false;
@@ -69,8 +77,9 @@ bool PooledConnection::putOffNewFile(const NSFileHandle& handle, const std::stri
   return true;
 }
 
-// What was stored has made the file; else whoever is next makes it. The same again.
+// What was stored has made the file; else whoever is next makes it. Answers the same again.
 bool PooledConnection::endOfNewFile(Run& run, bool isStored) {
+  walks().changed(run.path);
   if (run.newFile && isStored) run.newFile->done(nullptr);
   run.newFile.reset();
   return isStored;

@@ -37,7 +37,7 @@ class PooledConnection::Control final : public TransferControl {
     if (turn) iRun.newFile.emplace(std::move(*turn));
     return iRun.newFile.has_value();
   }
-  void newFileIsMade() override { endOfNewFile(iRun, true); }
+  void newFileIsMade() override { iConnection.endOfNewFile(iRun, true); }
 
  private:
   // Only after a piece of its own, so that each turn brings the download forward.
@@ -172,6 +172,7 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   }
   Run run{Run::Kind::kUpload, ProgressReporter(offset, uploadReport(handle.extents()))};
   const uint64_t length = handle.fileLength();
+  const Walks::Change change(walks(), whole);
   run.path = whole;
   run.heldPath = whole;
   run.heldFile = handle.extents();
@@ -241,6 +242,7 @@ bool PooledConnection::streamBytesWithFilename(std::string_view /*filename*/, st
     return handler.connection(*this, buffer, capacity);
   });
   sessions().letGoOf(whole);
+  const Walks::Change change(walks(), whole);
   // No report: progress is never told during a stream.
   Run run{Run::Kind::kStream, ProgressReporter(0, nullptr), &spool};
   run.path = whole;

@@ -22,6 +22,38 @@ std::shared_ptr<KCRemoteFileNode> makeNode(const RemoteEntry& entry, std::string
 
 }  // namespace
 
+bool PooledConnection::listAhead(const std::string& folder, const std::function<bool()>& begins,
+                                 std::vector<RemoteEntry>* entries) {
+  iIsAhead = true;
+  NSErrorRef fault;
+  if (!attachForTransfer(&fault) || !begins()) return false;
+  const bool isListed = iSession->session->list(folder, entries, &fault);
+  if (!isListed) loseSession(fault);
+  return isListed;
+}
+
+bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  // One session is for what is asked for, and one is kept free of what may take long.
+  const bool looksAhead = engine().listsAhead() && sessions().cap() > 2;
+  std::optional<double> seconds;
+  if (std::optional<std::vector<RemoteEntry>> known =
+          looksAhead ? iCore->listingsAhead.take(folder) : std::nullopt) {
+    *entries = std::move(*known);
+  } else {
+    NSDate begun;
+    const Work work = [&](Session& session, NSErrorRef* fault) {
+      // A listing that broke off in the middle begins anew.
+      entries->clear();
+      begun = NSDate::date();
+      return session.list(folder, entries, fault);
+    };
+    if (!perform(Repeat::kSafe, work, error)) return false;
+    seconds = NSDate::date().timeIntervalSinceDate(begun);
+  }
+  if (looksAhead) iCore->listingsAhead.listed(folder, *entries, seconds);
+  return true;
+}
+
 bool PooledConnection::contentsAtPath(std::string_view path,
                                       std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                       NSErrorRef* error) {
@@ -29,12 +61,7 @@ bool PooledConnection::contentsAtPath(std::string_view path,
   if (!isAllowed(path, error) || !makeFilesAtOrBelow(path, error)) return false;
   const std::string folder = absolute(path);
   std::vector<RemoteEntry> entries;
-  const Work work = [&](Session& session, NSErrorRef* fault) {
-    // A listing that broke off in the middle begins anew.
-    entries.clear();
-    return session.list(folder, &entries, fault);
-  };
-  if (!perform(Repeat::kSafe, work, error)) return false;
+  if (!list(folder, &entries, error)) return false;
   nodes->reserve(entries.size());
   for (RemoteEntry& listed : entries) {
     // What it holds makes room for the next nodes.
@@ -100,6 +127,7 @@ bool PooledConnection::changeAttributes(const NSFileAttributes& attributes, std:
   iKnownLinks.clear();
   // Nothing need be there for that: where new files are put off no attributes can be changed.
   if (!isAllowed(atPath, error)) return false;
+  const Walks::Change change(walks(), whole);
   const Work work = [&](Session& session, NSErrorRef* fault) {
     return session.changeAttributes(attributes, whole, fault);
   };

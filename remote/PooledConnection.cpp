@@ -82,6 +82,8 @@ bool PooledConnection::performChange(std::string_view path, std::string_view oth
   if (!isAllowed(path, error) || !isAllowed(otherPath, error)) return false;
   if (!makeFilesAtOrBelow(path, error)) return false;
   if (!otherPath.empty() && !makeFilesAtOrBelow(otherPath, error)) return false;
+  const Walks::Change change(walks(), absolute(path));
+  const Walks::Change other(walks(), absolute(otherPath.empty() ? path : otherPath));
   return perform(Repeat::kNever, work, error);
 }
 
@@ -190,6 +192,7 @@ std::string PooledConnection::displayStringForRemoteString(std::string_view byte
 }
 
 bool PooledConnection::isAwaited() {
+  if (iIsAhead) return false;
   if (iRun == nullptr || iRun->kind != Run::Kind::kDownload || !iRun->reporter.hasMoved()) return true;
   ConnectionDelegate* delegate = iDelegate;
   return delegate == nullptr || delegate->connectionIsAwaited(*this);

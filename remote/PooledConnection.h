@@ -12,6 +12,7 @@
 
 #include "remote/AbstractConnection.h"
 #include "remote/KnownLinks.h"
+#include "remote/ListingsAhead.h"
 #include "remote/ProgressReporter.h"
 #include "remote/PutOffFiles.h"
 #include "remote/SessionPool.h"
@@ -27,7 +28,8 @@ struct PoolCore {
   PoolCore(std::shared_ptr<Engine> engine, std::shared_ptr<const KCCredentials> credentials)
       : sessions(std::move(engine), credentials),
         trust(credentials->option("fingerprint")),
-        newFiles([this](const std::string& path) { makeFile(path); }) {}
+        newFiles([this](const std::string& path) { makeFile(path); }),
+        listingsAhead([this](const auto&... arguments) { return listAhead(arguments...); }) {}
   ~PoolCore() { shutDown(); }
   PoolCore(const PoolCore&) = delete;
   PoolCore& operator=(const PoolCore&) = delete;
@@ -35,11 +37,15 @@ struct PoolCore {
 
   SessionPool sessions;
   TrustMemory trust;
-  PutOffFiles newFiles;  // the last: its thread uses the others
+  // The last ones: their threads use the others.
+  PutOffFiles newFiles;
+  ListingsAhead listingsAhead;
 
  private:
   // One that was put off, and whose time is over.
   void makeFile(const std::string& path);
+  bool listAhead(const std::string& folder, const std::function<bool()>& begins,
+                 std::vector<RemoteEntry>* entries);
 };
 
 // Costs nothing until its first remote call, which attaches a session; `release` gives the session back.
@@ -108,6 +114,10 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   // Sees to it that those new files are on the server which were put off, or that it is known why not. False
   // when the server cannot be reached.
   bool makePutOffFiles(const PutOffFiles::IsMeant& isMeant, NSErrorRef* error);
+  // Lists a folder that nobody waits for: one attempt, on a session that may stay away from requests.
+  // `begins` is asked when there is one.
+  bool listAhead(const std::string& folder, const std::function<bool()>& begins,
+                 std::vector<RemoteEntry>* entries);
 
  private:
   // One transfer, while it runs.
@@ -152,7 +162,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   bool makeFileToBeLookedAt(std::string_view path, NSErrorRef* error);
   // Whether the making of that file waits from now on; false in `isPutOff` when it is to be made now.
   bool putOffNewFile(const NSFileHandle& handle, const std::string& path, bool* isPutOff, NSErrorRef* error);
-  static bool endOfNewFile(Run& run, bool isStored);
+  bool endOfNewFile(Run& run, bool isStored);
   bool attachForRequest(NSErrorRef* error);
   bool attachForTransfer(NSErrorRef* error);
   void endTransfer();
@@ -162,6 +172,8 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   ProgressReporter::Report progressReport();
   ProgressReporter::Report uploadReport(std::shared_ptr<UnconfirmedExtents> file);
   bool isAllowed(std::string_view path, NSErrorRef* error) const;
+  Walks& walks() const { return iCore->listingsAhead.walks(); }
+  bool list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error);
 
   // SessionWaiter
   bool wantsToStop() const override { return iInTransfer && iShouldCancel.load(); }
@@ -186,6 +198,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   Run* iRun = nullptr;
   const std::string* iUploadPath = nullptr;
   bool iHasOneAttempt = false;
+  bool iIsAhead = false;  // lists what nobody has asked for yet
   bool iWritesBehind = false;
   bool iPutsOffNewFiles = false;
   std::optional<std::string> iFolder;

@@ -11,12 +11,12 @@ namespace ombra {
 namespace {
 constexpr double kMostSeconds = 5.0;
 
-size_t mostOf(SFTPWalks::Kind kind) {
-  return kind == SFTPWalks::Kind::kFolder ? SFTPAhead::kMostFolders : SFTPAhead::kMostFiles;
+size_t mostOf(Walks::Kind kind) {
+  return kind == Walks::Kind::kFolder ? SFTPAhead::kMostFolders : SFTPAhead::kMostFiles;
 }
 }  // namespace
 
-SFTPAhead::SFTPAhead(SFTPChannel& channel, SFTPRequests& requests, std::shared_ptr<SFTPWalks> walks)
+SFTPAhead::SFTPAhead(SFTPChannel& channel, SFTPRequests& requests, std::shared_ptr<Walks> walks)
     : iChannel(channel), iRequests(requests), iWalks(std::move(walks)) {}
 
 std::optional<SFTPAhead::Opened> SFTPAhead::take(std::string_view path, Kind kind) {
@@ -83,7 +83,7 @@ void SFTPAhead::openNext(std::string_view path, Kind kind) {
     --iUntilRefill;
     return;
   }
-  const std::vector<SFTPWalks::Item> guessed = iWalks->next(path, kind, mostOf(kind) / 2);
+  const std::vector<Walks::Item> guessed = iWalks->next(path, kind, mostOf(kind) / 2);
   if (guessed.empty() || iChannel.failure()) return;
   if (kind == Kind::kFile) {
     (void)iChannel.pump(std::chrono::milliseconds(0), nullptr);
@@ -94,7 +94,7 @@ void SFTPAhead::openNext(std::string_view path, Kind kind) {
 }
 
 // Somebody else has come to them, through another session: they would keep others from being opened.
-void SFTPAhead::closePassedBy(std::string_view folder, const std::vector<SFTPWalks::Item>& guessed) {
+void SFTPAhead::closePassedBy(std::string_view folder, const std::vector<Walks::Item>& guessed) {
   const auto isGuessed = [&guessed](const std::string& path) {
     return std::any_of(guessed.begin(), guessed.end(),
                        [&path](const auto& next) { return next.path == path; });
@@ -109,13 +109,13 @@ void SFTPAhead::openFirstIn(std::string_view folder, Kind kind) {
   open(iWalks->firstIn(folder, kind, mostOf(kind) / 2), kind);
 }
 
-void SFTPAhead::open(const std::vector<SFTPWalks::Item>& guessed, Kind kind) {
+void SFTPAhead::open(const std::vector<Walks::Item>& guessed, Kind kind) {
   if (guessed.empty() || iChannel.failure()) return;
   tidyUp();
   const auto opened = std::count_if(iItems.begin(), iItems.end(),
                                     [kind](const auto& item) { return item.second.kind == kind; });
   auto room = static_cast<ptrdiff_t>(mostOf(kind)) - opened;
-  for (const SFTPWalks::Item& next : guessed) {
+  for (const Walks::Item& next : guessed) {
     if (room <= 0) return;
     if (iItems.contains(next.path)) continue;
     Item item;
@@ -135,7 +135,7 @@ bool SFTPAhead::isReadable(const Item& item) const {
          *item.size <= kMostBytesOfOne && *item.size < iChannel.readLength();
 }
 
-void SFTPAhead::read(const std::vector<SFTPWalks::Item>& guessed) {
+void SFTPAhead::read(const std::vector<Walks::Item>& guessed) {
   if (iMostRead == 0) {
     if (--iUntilRetry > 0) return;
     iMostRead = 1;
@@ -144,7 +144,7 @@ void SFTPAhead::read(const std::vector<SFTPWalks::Item>& guessed) {
   auto asked = static_cast<size_t>(
       std::count_if(iItems.begin(), iItems.end(), [](const auto& item) { return item.second.asked; }));
   const NSDate now = NSDate::date();
-  for (const SFTPWalks::Item& next : guessed) {
+  for (const Walks::Item& next : guessed) {
     if (asked >= iMostRead) break;
     const auto found = iItems.find(next.path);
     if (found == iItems.end() || !isReadable(found->second)) continue;

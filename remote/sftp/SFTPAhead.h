@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "platform/foundation/NSDate.h"
+#include "remote/Walks.h"
 #include "remote/sftp/SFTPChannel.h"
 #include "remote/sftp/SFTPRequests.h"
-#include "remote/sftp/SFTPWalks.h"
 
 namespace ombra {
 
@@ -22,7 +22,7 @@ namespace ombra {
 // taken within seconds is closed. One thread at a time.
 class SFTPAhead {
  public:
-  using Kind = SFTPWalks::Kind;
+  using Kind = Walks::Kind;
   // Two requests about a file that are under way, or answered: whoever has them takes both replies.
   struct Asked {
     uint32_t statID = 0;  // of its path
@@ -45,7 +45,7 @@ class SFTPAhead {
   // How old content may be when it is taken, from the moment at which it was asked for.
   static constexpr double kMostSecondsOfContent = 0.1;
 
-  SFTPAhead(SFTPChannel& channel, SFTPRequests& requests, std::shared_ptr<SFTPWalks> walks);
+  SFTPAhead(SFTPChannel& channel, SFTPRequests& requests, std::shared_ptr<Walks> walks);
 
   // What was opened ahead at that path, unless it is known to be of no use any more. Waits for the reply to
   // the opening if that is under way. The server may still have another item there by now: the caller has it
@@ -79,9 +79,9 @@ class SFTPAhead {
   };
   using Items = std::map<std::string, Item, std::less<>>;
 
-  void open(const std::vector<SFTPWalks::Item>& guessed, Kind kind);
-  void closePassedBy(std::string_view folder, const std::vector<SFTPWalks::Item>& guessed);
-  void read(const std::vector<SFTPWalks::Item>& guessed);
+  void open(const std::vector<Walks::Item>& guessed, Kind kind);
+  void closePassedBy(std::string_view folder, const std::vector<Walks::Item>& guessed);
+  void read(const std::vector<Walks::Item>& guessed);
   bool isReadable(const Item& item) const;
   // The requests about a file that was taken, if they can stand for now.
   std::optional<Asked> takeAsked(Item& item);
@@ -97,7 +97,7 @@ class SFTPAhead {
 
   SFTPChannel& iChannel;
   SFTPRequests& iRequests;
-  const std::shared_ptr<SFTPWalks> iWalks;
+  const std::shared_ptr<Walks> iWalks;
   Items iItems;
   std::vector<uint32_t> iOrphans;    // requests whose handle is to be closed as soon as it is known
   size_t iMostRead = kMostRead / 2;  // more when the replies are waited for, fewer when they get too old

@@ -27,7 +27,7 @@ class SFTPEngine final : public Engine {
   }
 
  private:
-  const std::shared_ptr<SFTPWalks> iWalks = std::make_shared<SFTPWalks>();
+  const std::shared_ptr<Walks> iWalks = std::make_shared<Walks>();
 };
 
 }  // namespace

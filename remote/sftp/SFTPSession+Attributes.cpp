@@ -58,7 +58,7 @@ bool SFTPSession::changeAttributes(const NSFileAttributes& attributes, std::stri
     return false;
   }
   if (hasModeAlready(*wanted, path)) return true;
-  const SFTPWalks::Change change(*iWalks, path);
+  const Walks::Change change(*iWalks, path);
   NSErrorRef reason;
   if (setAttributes(*wanted, path, &reason)) return true;
   // Of a link that leads nowhere the link itself is meant; it has owner and dates, but no mode of its own.

@@ -39,8 +39,8 @@ bool SFTPSession::download(std::string_view path, NSFileHandle& to, uint64_t off
                            TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
   const DownloadCall call{path, to, offset, version, control};
-  const auto likelyLength = iWalks->reached(path, SFTPWalks::Kind::kFile);
-  if (const auto opened = iAhead.take(path, SFTPWalks::Kind::kFile)) {
+  const auto likelyLength = iWalks->reached(path, Walks::Kind::kFile);
+  if (const auto opened = iAhead.take(path, Walks::Kind::kFile)) {
     bool isOutdated = false;
     const bool succeeded =
         downloadThrough({opened->handle, likelyLength, &*opened}, call, &isOutdated, error);
@@ -106,7 +106,7 @@ bool SFTPSession::receiveContent(const DownloadSource& source, const DownloadCal
   if (attributes && attributes->size) download.setExpectedLength(*attributes->size);
   if (attributes && attributes->size.value_or(kSmallFile) < kSmallFile) {
     outcome->isWellAhead = iAhead.isWellAhead();
-    iAhead.openNext(call.path, SFTPWalks::Kind::kFile);
+    iAhead.openNext(call.path, Walks::Kind::kFile);
   }
   NSErrorRef reason;
   const uint64_t length = attributes ? attributes->size.value_or(0) : 0;

@@ -39,13 +39,20 @@ RemoteEntry entryForName(SFTPName name) {
   return entry;
 }
 
+void addForWalks(Walks::Listing& known, const SFTPName& name) {
+  const SFTPAttributes& attributes = name.attributes;
+  if (!attributes.times || (!attributes.isDirectory() && !attributes.isFile())) return;
+  known.add(name.filename, attributes.isDirectory() ? Walks::Kind::kFolder : Walks::Kind::kFile,
+            attributes.times->modification, attributes.size);
+}
+
 }  // namespace
 
 struct SFTPSession::Listing {
   std::string path;
   std::string handle;
   std::vector<RemoteEntry>* entries = nullptr;
-  SFTPWalks::Listing forWalks;
+  Walks::Listing forWalks;
   std::deque<uint32_t> readdirs;
   size_t readdirLimit = kFirstReaddirs;
   std::deque<LinkQuestion> questions;
@@ -56,8 +63,8 @@ struct SFTPSession::Listing {
 bool SFTPSession::list(std::string_view path, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
   entries->clear();
   if (!isUsablePath(path, error)) return false;
-  iWalks->reached(path, SFTPWalks::Kind::kFolder);
-  if (const auto opened = iAhead.take(path, SFTPWalks::Kind::kFolder)) {
+  iWalks->reached(path, Walks::Kind::kFolder);
+  if (const auto opened = iAhead.take(path, Walks::Kind::kFolder)) {
     const auto listed = listOpened(*opened, path, entries, error);
     if (listed) return *listed;
     entries->clear();
@@ -107,9 +114,9 @@ bool SFTPSession::readListing(Listing& listing, NSErrorRef* error) {
   for (const LinkQuestion& question : listing.questions) abandon(question);
   if (settled) {
     iWalks->listed(listing.path, std::move(listing.forWalks));
-    iAhead.openFirstIn(listing.path, SFTPWalks::Kind::kFolder);
-    iAhead.openNext(listing.path, SFTPWalks::Kind::kFolder);
-    iAhead.openFirstIn(listing.path, SFTPWalks::Kind::kFile);
+    iAhead.openFirstIn(listing.path, Walks::Kind::kFolder);
+    iAhead.openNext(listing.path, Walks::Kind::kFolder);
+    iAhead.openFirstIn(listing.path, Walks::Kind::kFile);
   }
   // A folder that stays open until this session is used again could not be removed meanwhile on some servers.
   iChannel.flushBriefly();
@@ -153,7 +160,7 @@ bool SFTPSession::takeNames(Listing& listing, const SFTPReply& reply, NSErrorRef
   for (SFTPName& name : *names) {
     const bool isShown =
         name.filename.find('/') == std::string::npos && name.filename.find('\0') == std::string::npos;
-    listing.forWalks.add(name);
+    addForWalks(listing.forWalks, name);
     listing.entries->push_back(entryForName(std::move(name)));
     const RemoteEntry& entry = listing.entries->back();
     if (entry.type != kNodeTypeAlias || !isShown) continue;

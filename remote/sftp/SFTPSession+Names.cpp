@@ -48,7 +48,7 @@ std::optional<std::string> SFTPSession::homeWithoutExpansion(std::string_view pa
 
 bool SFTPSession::createFolder(std::string_view path, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
-  const SFTPWalks::Change change(*iWalks, path);
+  const Walks::Change change(*iWalks, path);
   NSErrorRef reason;
   const uint32_t id = iRequests.mkdir(path);
   // Whoever makes a folder looks at it next, on the same connection: asked for in the same round trip.
@@ -65,7 +65,7 @@ bool SFTPSession::createFolder(std::string_view path, NSErrorRef* error) {
 
 bool SFTPSession::createSymbolicLink(std::string_view path, std::string_view target, NSErrorRef* error) {
   if (!isUsablePath(path, error) || !isUsablePath(target, error)) return false;
-  const SFTPWalks::Change change(*iWalks, path);
+  const Walks::Change change(*iWalks, path);
   NSErrorRef reason;
   if (waitStatus(iRequests.symlink(target, path), SFTPOperation::kChangeName, path, &reason)) return true;
   storeError(error, explainCreation(reason, path));
@@ -80,8 +80,8 @@ NSErrorRef SFTPSession::explainCreation(NSErrorRef refused, std::string_view pat
 
 bool SFTPSession::move(std::string_view from, bool isDirectory, std::string_view to, NSErrorRef* error) {
   if (!isUsablePath(from, error) || !isUsablePath(to, error)) return false;
-  const SFTPWalks::Change leaving(*iWalks, from);
-  const SFTPWalks::Change arriving(*iWalks, to);
+  const Walks::Change leaving(*iWalks, from);
+  const Walks::Change arriving(*iWalks, to);
   closeUploadHandleBelow(from);
   closeUploadHandleBelow(to);
   iAhead.closeBelow(from);
@@ -102,7 +102,7 @@ bool SFTPSession::move(std::string_view from, bool isDirectory, std::string_view
 
 bool SFTPSession::remove(std::string_view path, bool isDirectory, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
-  const SFTPWalks::Change change(*iWalks, path);
+  const Walks::Change change(*iWalks, path);
   closeUploadHandleBelow(path);
   iAhead.closeBelow(path);
   const uint32_t id = isDirectory ? iRequests.rmdir(path) : iRequests.remove(path);

@@ -39,7 +39,7 @@ bool isAllUnconfirmed(const NSFileHandle& from, uint64_t length) {
 bool SFTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t offset, TransferControl& control,
                          NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
-  const SFTPWalks::Change change(*iWalks, path);
+  const Walks::Change change(*iWalks, path);
   NSErrorRef reason;
   const bool succeeded = from.isScratch() ? uploadChanges(from, path, offset, control, &reason)
                                           : uploadCopy(from, path, offset, control, &reason);
@@ -138,7 +138,7 @@ bool SFTPSession::endUpload(NSErrorRef* failure) {
   NoControl control;
   const std::string path = iUpload->path();
   // Of what was written behind, the last has arrived only now.
-  const SFTPWalks::Change change(*iWalks, path);
+  const Walks::Change change(*iWalks, path);
   const uint32_t id = iRequests.close(iUpload->handle());
   NSErrorRef reason;
   const bool isStored = iUpload->finish(control, &reason);
@@ -234,7 +234,7 @@ bool SFTPSession::stream(const std::function<size_t(std::byte*, size_t)>& next, 
                          TransferControl& control, NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
   closeUploadHandleBelow(path);
-  const SFTPWalks::Change change(*iWalks, path);
+  const Walks::Change change(*iWalks, path);
   const uint32_t flags = kSFTPOpenWrite | kSFTPOpenCreate | kSFTPOpenTruncate;
   const auto handle = waitHandle(iRequests.open(path, flags), SFTPOperation::kChangeName, path, error);
   if (!handle) return false;

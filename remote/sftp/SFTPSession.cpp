@@ -6,7 +6,7 @@
 namespace ombra {
 
 SFTPSession::SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment,
-                         std::shared_ptr<SFTPWalks> walks)
+                         std::shared_ptr<Walks> walks)
     : iChannel(std::move(transport), environment.transcript, environment.connectLimit, environment.idleLimit),
       iRequests(iChannel),
       iWalks(std::move(walks)),

@@ -8,13 +8,13 @@
 #include <vector>
 
 #include "remote/Session.h"
+#include "remote/Walks.h"
 #include "remote/sftp/SFTPAhead.h"
 #include "remote/sftp/SFTPChannel.h"
 #include "remote/sftp/SFTPErrors.h"
 #include "remote/sftp/SFTPRequests.h"
 #include "remote/sftp/SFTPTransport.h"
 #include "remote/sftp/SFTPUpload.h"
-#include "remote/sftp/SFTPWalks.h"
 
 namespace ombra {
 
@@ -26,7 +26,7 @@ class SFTPSession final : public Session {
  public:
   // `walks` is shared by the sessions to one server.
   SFTPSession(std::unique_ptr<SFTPTransport> transport, const SessionEnvironment& environment,
-              std::shared_ptr<SFTPWalks> walks = std::make_shared<SFTPWalks>());
+              std::shared_ptr<Walks> walks = std::make_shared<Walks>());
   ~SFTPSession() override = default;
 
   [[nodiscard]] bool logIn(NSErrorRef* error) override;
@@ -184,7 +184,7 @@ class SFTPSession final : public Session {
 
   SFTPChannel iChannel;
   SFTPRequests iRequests;
-  const std::shared_ptr<SFTPWalks> iWalks;
+  const std::shared_ptr<Walks> iWalks;
   SFTPAhead iAhead;
   std::string iLoginPath;
   size_t iDownloadWidth = 0;  // requests in flight that the line has taken

@@ -412,7 +412,7 @@ TEST_F(SFTPAheadTest, AFolderThatOneOfTheSessionsHasReplacedIsOpenedAnew) {
 }
 
 TEST_F(SFTPAheadTest, KnowsOfChangesThroughOtherSessions) {
-  const auto walks = std::make_shared<SFTPWalks>();
+  const auto walks = std::make_shared<Walks>();
   std::vector<RemoteEntry> entries;
   walks->changed("/a");
   const uint64_t before = walks->changes();
@@ -429,7 +429,7 @@ TEST_F(SFTPAheadTest, KnowsOfChangesThroughOtherSessions) {
 }
 
 TEST_F(SFTPAheadTest, AFileThatIsWrittenInManyPiecesIsOneChangeToWhoeverDidNotLook) {
-  SFTPWalks walks;
+  Walks walks;
   for (int i = 0; i < 1000; ++i) walks.changed("/a");
   const uint64_t before = walks.changes();
   EXPECT_EQ(before, 1u);

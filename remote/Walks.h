@@ -12,14 +12,13 @@
 #include <vector>
 
 #include "platform/foundation/Mutex.h"
-#include "remote/sftp/SFTPReplies.h"
 
 namespace ombra {
 
-// What the sessions to one server have learned from listings: the order in which a program that copies or
-// searches a tree comes by. Guesses only: whoever opens something ahead still asks the server when it is
-// wanted. Bounded in memory. Thread-safe; a leaf lock.
-class SFTPWalks {
+// What is learned of a server from its listings: the order in which a program that copies or searches a tree
+// comes by. Guesses only: whoever opens something ahead still asks the server when it is wanted. Bounded in
+// memory. Thread-safe; a leaf lock.
+class Walks {
  public:
   enum class Kind : size_t { kFolder, kFile };
   struct Item {
@@ -29,13 +28,15 @@ class SFTPWalks {
   };
 
   // What is worth remembering of a listing, in the server's order. Links and whatever else is no plain file
-  // or folder are left out: to open them could mean anything.
+  // or folder are to be left out: to open them could mean anything.
   class Listing {
    public:
-    void add(const SFTPName& name);
+    // `modified` in seconds since 1970; 0 where nobody minds that it may have changed just now.
+    void add(std::string_view name, Kind kind, int64_t modified, std::optional<uint64_t> size);
+    bool has(Kind kind) const { return !iItems[static_cast<size_t>(kind)].empty(); }
 
    private:
-    friend class SFTPWalks;
+    friend class Walks;
     struct Known {
       std::string name;
       int64_t modified = 0;
@@ -65,13 +66,13 @@ class SFTPWalks {
   // Tells `changed` at its end, whatever became of the change.
   class Change {
    public:
-    Change(SFTPWalks& walks, std::string_view path) : iWalks(walks), iPath(path) {}
+    Change(Walks& walks, std::string_view path) : iWalks(walks), iPath(path) {}
     ~Change() { iWalks.changed(iPath); }
     Change(const Change&) = delete;
     Change& operator=(const Change&) = delete;
 
    private:
-    SFTPWalks& iWalks;
+    Walks& iWalks;
     const std::string iPath;
   };
 

@@ -1,4 +1,4 @@
-#include "remote/sftp/SFTPWalks.h"
+#include "remote/Walks.h"
 
 #include <algorithm>
 
@@ -23,19 +23,17 @@ constexpr int64_t kUnsettledSeconds = 5;
 
 int64_t secondsOf(const NSDate& date) { return date.nanosecondsSince1970() / 1000000000; }
 
-size_t at(SFTPWalks::Kind kind) { return static_cast<size_t>(kind); }
+size_t at(Walks::Kind kind) { return static_cast<size_t>(kind); }
 
 }  // namespace
 
-void SFTPWalks::Listing::add(const SFTPName& name) {
-  const SFTPAttributes& attributes = name.attributes;
-  if (!attributes.times || (!attributes.isDirectory() && !attributes.isFile())) return;
-  std::vector<Known>& items = iItems[at(attributes.isDirectory() ? Kind::kFolder : Kind::kFile)];
-  if (items.size() >= kMostItems || !isShownName(name.filename)) return;
-  items.push_back({name.filename, attributes.times->modification, attributes.size});
+void Walks::Listing::add(std::string_view name, Kind kind, int64_t modified, std::optional<uint64_t> size) {
+  std::vector<Known>& items = iItems[at(kind)];
+  if (items.size() >= kMostItems || !isShownName(name)) return;
+  items.push_back({std::string(name), modified, size});
 }
 
-void SFTPWalks::listed(std::string_view folder, Listing listing) {
+void Walks::listed(std::string_view folder, Listing listing) {
   Folder known;
   known.path = folder;
   known.items = std::move(listing.iItems);
@@ -46,7 +44,7 @@ void SFTPWalks::listed(std::string_view folder, Listing listing) {
 }
 
 // Found anew for each item of a walk, so that the folders which are being walked stay.
-SFTPWalks::Folder* SFTPWalks::folderAt(std::string_view path) {
+Walks::Folder* Walks::folderAt(std::string_view path) {
   const auto found =
       std::find_if(iFolders.begin(), iFolders.end(), [path](const Folder& f) { return f.path == path; });
   if (found == iFolders.end()) return nullptr;
@@ -54,7 +52,7 @@ SFTPWalks::Folder* SFTPWalks::folderAt(std::string_view path) {
   return &iFolders.front();
 }
 
-std::optional<size_t> SFTPWalks::indexOf(const Folder& folder, Kind kind, std::string_view name) {
+std::optional<size_t> Walks::indexOf(const Folder& folder, Kind kind, std::string_view name) {
   const std::vector<Known>& items = folder.items[at(kind)];
   const auto isIt = [name](const Known& item) { return item.name == name; };
   // Mostly one near the last.
@@ -67,7 +65,7 @@ std::optional<size_t> SFTPWalks::indexOf(const Folder& folder, Kind kind, std::s
   return static_cast<size_t>(found - items.begin());
 }
 
-std::optional<uint64_t> SFTPWalks::reached(std::string_view path, Kind kind) {
+std::optional<uint64_t> Walks::reached(std::string_view path, Kind kind) {
   const MutexLock lock(iLock);
   int& run = iRun[at(kind)];
   Folder* folder = folderAt(parentOfRemotePath(path));
@@ -97,7 +95,7 @@ std::optional<uint64_t> SFTPWalks::reached(std::string_view path, Kind kind) {
   return items[*index].size;
 }
 
-std::vector<SFTPWalks::Item> SFTPWalks::next(std::string_view path, Kind kind, size_t count) {
+std::vector<Walks::Item> Walks::next(std::string_view path, Kind kind, size_t count) {
   const MutexLock lock(iLock);
   if (iRun[at(kind)] < kSureAfter) return {};
   const Folder* folder = folderAt(parentOfRemotePath(path));
@@ -105,7 +103,7 @@ std::vector<SFTPWalks::Item> SFTPWalks::next(std::string_view path, Kind kind, s
   return guess(*folder, kind, folder->last[at(kind)], count);
 }
 
-std::vector<SFTPWalks::Item> SFTPWalks::firstIn(std::string_view path, Kind kind, size_t count) {
+std::vector<Walks::Item> Walks::firstIn(std::string_view path, Kind kind, size_t count) {
   const MutexLock lock(iLock);
   if (iRun[at(kind)] < kSureAfter) return {};
   const Folder* folder = folderAt(path);
@@ -113,8 +111,8 @@ std::vector<SFTPWalks::Item> SFTPWalks::firstIn(std::string_view path, Kind kind
   return guess(*folder, kind, std::nullopt, count);
 }
 
-std::vector<SFTPWalks::Item> SFTPWalks::guess(const Folder& folder, Kind kind, std::optional<size_t> last,
-                                              size_t count) const {
+std::vector<Walks::Item> Walks::guess(const Folder& folder, Kind kind, std::optional<size_t> last,
+                                      size_t count) const {
   const std::vector<Known>& items = folder.items[at(kind)];
   const int64_t settled = secondsOf(NSDate::date()) - kUnsettledSeconds;
   const ptrdiff_t step = iTrend[at(kind)] < 0 ? -1 : 1;
@@ -132,7 +130,7 @@ std::vector<SFTPWalks::Item> SFTPWalks::guess(const Folder& folder, Kind kind, s
   return guessed;
 }
 
-void SFTPWalks::changed(std::string_view path) {
+void Walks::changed(std::string_view path) {
   const MutexLock lock(iLock);
   // A file is written in many pieces; they are one change to whoever did not look in between.
   if (!iIsCounted && !iChanged.empty() && iChanged.back() == path) return;
@@ -142,13 +140,13 @@ void SFTPWalks::changed(std::string_view path) {
   if (iChanged.size() > kMostChanges) iChanged.pop_front();
 }
 
-uint64_t SFTPWalks::changes() const {
+uint64_t Walks::changes() const {
   const MutexLock lock(iLock);
   iIsCounted = true;
   return iChanges;
 }
 
-bool SFTPWalks::isAffected(std::string_view path, uint64_t since) const {
+bool Walks::isAffected(std::string_view path, uint64_t since) const {
   const MutexLock lock(iLock);
   const uint64_t forgotten = iChanges - iChanged.size();
   if (since < forgotten) return true;

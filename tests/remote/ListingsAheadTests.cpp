@@ -1,0 +1,443 @@
+// Which folders are listed before they are asked for, and when that is of use.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <future>
+
+#include "remote/ListingsAhead.h"
+#include "remote/RemotePaths.h"
+#include "tests/support/FakeEngine.h"
+#include "tests/support/ManualClock.h"
+#include "tests/support/WatchedCondition.h"
+
+namespace ombra {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+using Entries = ListingsAhead::Entries;
+
+// What is asked ahead, and the answers.
+class AskedAhead {
+ public:
+  // On a thread of the listings.
+  bool list(const std::string& folder, const std::function<bool()>& begins, Entries* entries) {
+    if (waitsForSession) sessions.pass();
+    if (!begins()) {
+      note(&iCalledOff, folder);
+      return false;
+    }
+    note(&iBegun, folder);
+    if (isSlow) server.pass();
+    *entries = answer;
+    note(&iEnded, folder);
+    return !fails;
+  }
+  // Blocks until so many were listed since the beginning.
+  bool waitUntilEnded(size_t count) { return waitFor(&iEnded, count); }
+  bool waitUntilCalledOff(size_t count) { return waitFor(&iCalledOff, count); }
+  std::vector<std::string> begun() {
+    const WatchedLock lock(iCondition);
+    return iBegun;
+  }
+
+  std::atomic<bool> waitsForSession{false};
+  std::atomic<bool> isSlow{false};
+  std::atomic<bool> fails{false};
+  Gate sessions;
+  Gate server;
+  Entries answer;  // to all; set before the first question
+
+ private:
+  void note(std::vector<std::string>* where, const std::string& folder) {
+    const WatchedLock lock(iCondition);
+    where->push_back(folder);
+    iCondition.broadcast();
+  }
+  bool waitFor(const std::vector<std::string>* where, size_t count) {
+    const WatchedLock lock(iCondition);
+    while (where->size() < count) {
+      if (!iCondition.waitFor("folders that are listed ahead")) return false;
+    }
+    return true;
+  }
+
+  WatchedCondition iCondition;
+  std::vector<std::string> iBegun GUARDED_BY(iCondition);
+  std::vector<std::string> iEnded GUARDED_BY(iCondition);
+  std::vector<std::string> iCalledOff GUARDED_BY(iCondition);
+};
+
+// The content of a stream: nothing.
+class NoBytes final : public ConnectionDelegate {
+ public:
+  bool connection(AbstractConnection&, const TrustQuestion&) override { return true; }
+};
+
+RemoteEntry entryNamed(const std::string& name, uint32_t type) {
+  RemoteEntry entry;
+  entry.name = name;
+  entry.type = type;
+  return entry;
+}
+
+Entries foldersNamed(std::initializer_list<const char*> names) {
+  Entries entries;
+  for (const char* name : names) entries.push_back(entryNamed(name, kNodeTypeFolder));
+  return entries;
+}
+
+class ListingsAheadTest : public testing::Test {
+ protected:
+  static constexpr double kSlow = 0.1;
+
+  ListingsAheadTest() { asked.answer = {entryNamed("file", kNodeTypeFile)}; }
+
+  // Somebody lists the folder. True when it had been listed for him.
+  bool goTo(const std::string& folder, const Entries& entries = {}, double seconds = kSlow) {
+    const std::optional<Entries> known = ahead->take(folder);
+    ahead->listed(folder, known ? *known : entries, known ? std::nullopt : std::optional(seconds));
+    return known.has_value();
+  }
+  // A program has come so far that it is known to walk.
+  void walkToTheThird(double seconds = kSlow) {
+    EXPECT_FALSE(goTo("/", foldersNamed({"a", "b", "c", "d", "e", "f", "g", "h"}), seconds));
+    for (const char* folder : {"/a", "/b", "/c"}) EXPECT_FALSE(goTo(folder, {}, seconds));
+  }
+  // What was ever begun, once no more can be.
+  std::vector<std::string> allBegun() {
+    ahead.reset();
+    return asked.begun();
+  }
+
+  ManualClock clock;
+  AskedAhead asked;
+  std::unique_ptr<ListingsAhead> ahead = std::make_unique<ListingsAhead>(
+      [this](const std::string& folder, const auto& begins, Entries* entries) {
+        return asked.list(folder, begins, entries);
+      });
+};
+
+TEST_F(ListingsAheadTest, AWalkFindsItsNextFoldersListed) {
+  asked.isSlow = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.server.waitUntilEntered(4));
+  clock.advance(kSlow);
+  asked.server.open();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  EXPECT_THAT(asked.begun(), UnorderedElementsAre("/d", "/e", "/f", "/g"));
+  const std::optional<Entries> known = ahead->take("/d");
+  ASSERT_TRUE(known.has_value());
+  ASSERT_EQ(known->size(), 1u);
+  EXPECT_EQ(known->front().name, "file");
+  ahead->listed("/d", *known, std::nullopt);
+  for (const char* folder : {"/e", "/f", "/g"}) EXPECT_TRUE(goTo(folder)) << folder;
+  ASSERT_TRUE(asked.waitUntilEnded(5));
+  EXPECT_EQ(asked.begun().back(), "/h");
+}
+
+TEST_F(ListingsAheadTest, EachIsHandedOutOnce) {
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  EXPECT_TRUE(ahead->take("/d").has_value());
+  EXPECT_FALSE(ahead->take("/d").has_value());
+}
+
+TEST_F(ListingsAheadTest, NothingIsListedForOneWhoLooksAround) {
+  goTo("/", foldersNamed({"a", "b", "c", "d", "e"}));
+  goTo("/a");
+  goTo("/b");
+  EXPECT_THAT(allBegun(), IsEmpty());
+}
+
+TEST_F(ListingsAheadTest, AServerThatAnswersAtOnceIsAskedOneQuestionAfterTheOther) {
+  walkToTheThird(0.001);
+  EXPECT_THAT(allBegun(), IsEmpty());
+}
+
+TEST_F(ListingsAheadTest, AServerThatAnswersAtOnceByNowIsAskedNothingMoreAhead) {
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  // The clock stands still: these took no time at all.
+  for (const char* folder : {"/d", "/e", "/f", "/g"}) EXPECT_TRUE(goTo(folder));
+  EXPECT_EQ(allBegun().size(), 4u);
+}
+
+TEST_F(ListingsAheadTest, WhatWasAskedForMoreThanASecondAgoIsAskedForAnew) {
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  clock.advance(ListingsAhead::kMostSecondsOld + 0.01);
+  EXPECT_FALSE(ahead->take("/d").has_value());
+}
+
+TEST_F(ListingsAheadTest, AfterAListingForNothingSomeArePassedBeforeTheNext) {
+  Entries many = foldersNamed({"a", "b", "c"});
+  for (char name = 'd'; name <= 'z'; ++name) many.push_back(entryNamed({name}, kNodeTypeFolder));
+  goTo("/", many);
+  for (const char* folder : {"/a", "/b", "/c"}) goTo(folder);
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  clock.advance(ListingsAhead::kMostSecondsOld + 0.01);
+  for (char name = 'd'; name < 'k'; ++name) EXPECT_FALSE(goTo(std::string("/") + name)) << name;
+  EXPECT_EQ(asked.begun().size(), 4u);
+  goTo("/k");
+  ASSERT_TRUE(asked.waitUntilEnded(8));
+  EXPECT_TRUE(goTo("/l"));
+}
+
+TEST_F(ListingsAheadTest, WhatMayHaveBeenChangedMeanwhileIsAskedForAnew) {
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  ahead->walks().changed("/d/new");
+  ahead->walks().changed("/f");
+  EXPECT_FALSE(ahead->take("/d").has_value()) << "something in it";
+  EXPECT_TRUE(ahead->take("/e").has_value()) << "elsewhere";
+  EXPECT_FALSE(ahead->take("/f").has_value()) << "itself";
+}
+
+TEST_F(ListingsAheadTest, AChangeWhileItIsListedCountsToo) {
+  asked.isSlow = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.server.waitUntilEntered(4));
+  ahead->walks().changed("/d/new");
+  asked.server.open();
+  EXPECT_FALSE(ahead->take("/d").has_value());
+}
+
+TEST_F(ListingsAheadTest, WhatALinkLeadsToMayHaveBeenChangedAnywhere) {
+  RemoteEntry link = entryNamed("link", kNodeTypeAlias);
+  link.resolution = LinkResolution{.resolved = true, .resolvedPath = "/elsewhere/file"};
+  asked.answer.push_back(link);
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  EXPECT_TRUE(ahead->take("/d").has_value());
+  ahead->walks().changed("/elsewhere/file");
+  EXPECT_FALSE(ahead->take("/e").has_value());
+}
+
+TEST_F(ListingsAheadTest, WhoeverAsksWaitsForTheListingThatIsBeingMade) {
+  asked.isSlow = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.server.waitUntilEntered(4));
+  auto walker = std::async(std::launch::async, [this] { return ahead->take("/d").has_value(); });
+  // Only the opening lets him go on, whichever comes first.
+  asked.server.open();
+  EXPECT_TRUE(walker.get());
+}
+
+TEST_F(ListingsAheadTest, NobodyWaitsForAListingThatHasNoSessionYet) {
+  asked.waitsForSession = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.sessions.waitUntilEntered(4));
+  EXPECT_FALSE(ahead->take("/d").has_value());
+  asked.sessions.open();
+  ASSERT_TRUE(asked.waitUntilCalledOff(1));
+  ASSERT_TRUE(asked.waitUntilEnded(3));
+  EXPECT_THAT(allBegun(), UnorderedElementsAre("/e", "/f", "/g"));
+}
+
+TEST_F(ListingsAheadTest, WhatFailedIsAskedForAnew) {
+  asked.fails = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  EXPECT_FALSE(ahead->take("/d").has_value());
+}
+
+TEST_F(ListingsAheadTest, TheFoldersInOneComeBeforeItsNeighbours) {
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilEnded(4));
+  for (const char* folder : {"/e", "/f", "/g"}) (void)ahead->take(folder);
+  (void)ahead->take("/d");
+  ahead->listed("/d", foldersNamed({"x", "y"}), kSlow);
+  ASSERT_TRUE(asked.waitUntilEnded(6));
+  auto begun = asked.begun();
+  begun.erase(begun.begin(), begun.begin() + 4);
+  EXPECT_THAT(begun, UnorderedElementsAre("/d/x", "/d/y"));
+}
+
+// Before the folder behind that come the folders in it, which nobody knows yet.
+TEST_F(ListingsAheadTest, BehindTheLastFolderInOneComesTheNeighbourOfTheFolderAroundIt) {
+  goTo("/", foldersNamed({"a", "b", "c", "d"}));
+  goTo("/a", foldersNamed({"x", "y", "z"}));
+  for (const char* folder : {"/a/x", "/a/y", "/a/z"}) goTo(folder);
+  ASSERT_TRUE(asked.waitUntilEnded(1));
+  EXPECT_THAT(allBegun(), ElementsAre("/b"));
+}
+
+TEST_F(ListingsAheadTest, WhenItGoesNothingIsUnderWayAnyMore) {
+  asked.isSlow = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.server.waitUntilEntered(4));
+  ahead->stop();
+  asked.server.open();
+  EXPECT_EQ(allBegun().size(), 4u);
+}
+
+// A pool whose server takes a moment for each listing; "/" holds eight folders.
+class PoolAhead : public testing::Test {
+ protected:
+  PoolAhead() {
+    fake.engine->ahead = true;
+    fake.engine->onList = [this](FakeSession& session, const std::string& path, Entries* entries,
+                                 NSErrorRef* error) {
+      if (hangs && session.number > 1) {
+        fake.engine->gate.pass([&session] { return session.isInterrupted(); });
+        return failWith(kQuarnKitConnectionLost, error);
+      }
+      // Told by the walk's own session alone, so that the test says how late it is.
+      if (session.number == 1) clock.advance(0.02);
+      *entries = path == "/" ? foldersNamed({"a", "b", "c", "d", "e", "f", "g", "h"})
+                             : Entries{entryNamed("file", kNodeTypeFile)};
+      const WatchedLock lock(condition);
+      listed.push_back(path);
+      condition.broadcast();
+      return true;
+    };
+  }
+  ~PoolAhead() override {
+    if (fake.pool != nullptr) fake.pool->shutDown();
+  }
+
+  bool waitUntilListed(size_t count) {
+    const WatchedLock lock(condition);
+    while (listed.size() < count) {
+      if (!condition.waitFor("listings")) return false;
+    }
+    return true;
+  }
+  size_t listings() {
+    const WatchedLock lock(condition);
+    return listed.size();
+  }
+  ptrdiff_t listingsOf(const std::string& path) {
+    const WatchedLock lock(condition);
+    return std::count(listed.begin(), listed.end(), path);
+  }
+  static size_t list(AbstractConnection& connection, const std::string& path) {
+    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+    EXPECT_TRUE(connection.contentsAtPath(path, &nodes, nullptr));
+    return nodes.size();
+  }
+  static void walkToTheThird(AbstractConnection& connection) {
+    EXPECT_EQ(list(connection, "/"), 8u);
+    for (const char* folder : {"/a", "/b", "/c"}) EXPECT_EQ(list(connection, folder), 1u);
+  }
+
+  ManualClock clock;
+  WatchedCondition condition;
+  std::vector<std::string> listed GUARDED_BY(condition);
+  std::atomic<bool> hangs{false};
+  FakePool fake;
+};
+
+TEST_F(PoolAhead, AWalkIsAnsweredByFurtherSessions) {
+  fake.with([this](AbstractConnection& connection) {
+    walkToTheThird(connection);
+    ASSERT_TRUE(waitUntilListed(8));
+    for (const char* folder : {"/d", "/e", "/f", "/g"}) EXPECT_EQ(list(connection, folder), 1u);
+  });
+  EXPECT_EQ(listingsOf("/d"), 1);
+  EXPECT_GT(fake.engine->made, 1);
+  EXPECT_LE(fake.engine->mostLiving, 5);
+}
+
+TEST_F(PoolAhead, EveryChangeOfAFolderHasItAskedForAnew) {
+  using Change = std::function<void(AbstractConnection&)>;
+  const auto handle = temporaryFile("content");
+  const std::vector<Change> changes = {
+      [](AbstractConnection& c) { EXPECT_TRUE(c.createFolderAtPath("/d/x", nullptr)); },
+      [](AbstractConnection& c) { EXPECT_TRUE(c.createSymbolicLinkAtPath("/d/x", "y", nullptr)); },
+      [](AbstractConnection& c) { EXPECT_TRUE(c.deleteItemAtPath("/d/file", false, nullptr)); },
+      [](AbstractConnection& c) { EXPECT_TRUE(c.moveItemFromPath("/d/file", false, "/file", nullptr)); },
+      [](AbstractConnection& c) { EXPECT_TRUE(c.moveItemFromPath("/file", false, "/d/file", nullptr)); },
+      [](AbstractConnection& c) { EXPECT_TRUE(c.changeAttributes({}, "/d/file", nullptr)); },
+      [&](AbstractConnection& c) {
+        EXPECT_TRUE(c.uploadFileHandle(*handle, "file", "/d/file", 0, nullptr, nullptr));
+      },
+      [](AbstractConnection& c) {
+        NoBytes nothing;
+        EXPECT_TRUE(c.streamBytesWithFilename("file", "/d/file", nothing, nullptr));
+      },
+  };
+  for (size_t i = 0; i < changes.size(); ++i) {
+    FakePool one(fake.engine);
+    {
+      const WatchedLock lock(condition);
+      listed.clear();
+    }
+    one.with([&](AbstractConnection& connection) {
+      // The first session is the walk's own.
+      fake.engine->made = 0;
+      walkToTheThird(connection);
+      ASSERT_TRUE(waitUntilListed(8));
+      EXPECT_EQ(listingsOf("/d"), 1);
+      changes[i](connection);
+      EXPECT_EQ(list(connection, "/d"), 1u);
+    });
+    EXPECT_EQ(listingsOf("/d"), 2) << "change " << i;
+    // Nothing of it is listed any more when the next one begins.
+    one.pool->shutDown();
+    one.pool.reset();
+  }
+}
+
+TEST_F(PoolAhead, ANewFileThatWasPutOffIsInTheListing) {
+  fake.engine->putsOff = true;
+  fake.engine->onCheckNewFile = [](FakeSession&, const std::string&, bool* mayWait, NSErrorRef*) {
+    *mayWait = true;
+    return true;
+  };
+  std::atomic<int> made{0};
+  fake.engine->onMake = [&made](FakeSession&, const std::string&, NSErrorRef*) { return ++made == 1; };
+  const auto handle = temporaryFile();
+  fake.with([&](AbstractConnection& connection) {
+    walkToTheThird(connection);
+    ASSERT_TRUE(waitUntilListed(8));
+    connection.setPutsOffNewFiles(true);
+    ASSERT_TRUE(connection.uploadFileHandle(*handle, "new", "/d/new", 0, nullptr, nullptr));
+    EXPECT_EQ(made, 0);
+    EXPECT_EQ(list(connection, "/d"), 1u);
+    EXPECT_EQ(made, 1);
+  });
+  EXPECT_EQ(listingsOf("/d"), 2);
+}
+
+TEST_F(PoolAhead, NothingIsListedAheadWhereSessionsAreFew) {
+  fake.engine->cap = 2;
+  FakePool small(fake.engine);
+  small.with([](AbstractConnection& connection) { walkToTheThird(connection); });
+  small.pool->shutDown();
+  EXPECT_EQ(listings(), 4u);
+}
+
+TEST_F(PoolAhead, AnEngineWithWaysOfItsOwnIsLeftToThem) {
+  fake.engine->ahead = false;
+  fake.with([](AbstractConnection& connection) { walkToTheThird(connection); });
+  fake.pool->shutDown();
+  EXPECT_EQ(listings(), 4u);
+}
+
+TEST_F(PoolAhead, ASessionThatIsLostMeanwhileIsNobodysFailure) {
+  fake.with([this](AbstractConnection& connection) {
+    hangs = true;
+    walkToTheThird(connection);
+    ASSERT_TRUE(fake.engine->gate.waitUntilEntered(4));
+    fake.engine->gate.open();
+    EXPECT_EQ(list(connection, "/d"), 1u);
+  });
+}
+
+TEST_F(PoolAhead, TheEndOfThePoolEndsWhatIsBeingListed) {
+  fake.with([this](AbstractConnection& connection) {
+    hangs = true;
+    walkToTheThird(connection);
+    ASSERT_TRUE(fake.engine->gate.waitUntilEntered(4));
+  });
+  fake.pool->shutDown();
+  fake.pool.reset();
+  EXPECT_EQ(listings(), 4u);
+}
+
+}  // namespace
+}  // namespace ombra
