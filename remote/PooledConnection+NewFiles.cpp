@@ -9,6 +9,7 @@ namespace ombra {
 
 void PoolCore::shutDown() {
   listingsAhead.stop();
+  filesAhead.stop();
   newFiles.stop();
   sessions.shutDown();
 }
@@ -20,12 +21,6 @@ void PoolCore::makeFile(const std::string& path) {
   const auto isThis = [&path](const std::string& other, const UnconfirmedExtents*) { return other == path; };
   // Nobody waits for it any longer: who asks for the file is told.
   if (!connection.makePutOffFiles(isThis, &error)) newFiles.fail(path, std::move(error));
-}
-
-bool PoolCore::listAhead(const std::string& folder, const std::function<bool()>& begins,
-                         std::vector<RemoteEntry>* entries) {
-  PooledConnection connection(std::shared_ptr<PoolCore>(std::shared_ptr<PoolCore>(), this));
-  return connection.listAhead(folder, begins, entries);
 }
 
 bool PooledConnection::makePutOffFiles(const PutOffFiles::IsMeant& isMeant, NSErrorRef* error) {

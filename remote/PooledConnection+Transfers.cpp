@@ -106,8 +106,8 @@ bool PooledConnection::runTransfer(Run& run, const TransferWork& work, NSErrorRe
   iKnownLinks.clear();
   RetryPauses pauses;
   NSErrorRef fault;
-  Attempt attempt = Attempt::kFailed;
-  while (true) {
+  Attempt attempt = run.ahead && run.ahead() ? Attempt::kDone : Attempt::kFailed;
+  while (attempt != Attempt::kDone) {
     fault = nullptr;
     const uint64_t before = run.reporter.bytes();
     attempt = attemptTransfer(run, work, &fault);
@@ -138,10 +138,17 @@ bool PooledConnection::downloadFileAtPath(std::string_view path, NSFileHandle& t
   const std::string whole = absolute(path);
   std::string version;
   Run run{Run::Kind::kDownload, ProgressReporter(byteOffset, progressReport())};
+  const bool isOfAWalk = byteOffset == 0 && isAskedAhead();
+  if (isOfAWalk) run.ahead = [&] { return takeAhead(whole, toFileHandle, run); };
+  std::optional<double> seconds;
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {
-    return session.download(whole, toFileHandle, run.reporter.bytes(), &version, control, fault);
+    const NSDate begun = NSDate::date();
+    const bool isRead = session.download(whole, toFileHandle, run.reporter.bytes(), &version, control, fault);
+    seconds = NSDate::date().timeIntervalSinceDate(begun);
+    return isRead;
   };
   const bool done = runTransfer(run, work, error);
+  if (done && isOfAWalk) iCore->filesAhead.wasRead(whole, run.reporter.bytes(), seconds);
   if (bytesTransferred != nullptr) *bytesTransferred = run.reporter.bytes();
   return done;
 }

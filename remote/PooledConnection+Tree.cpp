@@ -22,21 +22,10 @@ std::shared_ptr<KCRemoteFileNode> makeNode(const RemoteEntry& entry, std::string
 
 }  // namespace
 
-bool PooledConnection::listAhead(const std::string& folder, const std::function<bool()>& begins,
-                                 std::vector<RemoteEntry>* entries) {
-  iIsAhead = true;
-  NSErrorRef fault;
-  if (!attachForTransfer(&fault) || !begins()) return false;
-  const bool isListed = iSession->session->list(folder, entries, &fault);
-  if (!isListed) loseSession(fault);
-  return isListed;
-}
-
 bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  // One session is for what is asked for, and one is kept free of what may take long.
-  const bool looksAhead = engine().listsAhead() && sessions().cap() > 2;
+  const bool looksAhead = isAskedAhead();
   std::optional<double> seconds;
-  if (std::optional<std::vector<RemoteEntry>> known =
+  if (std::optional<ListingsAhead::Entries> known =
           looksAhead ? iCore->listingsAhead.take(folder) : std::nullopt) {
     *entries = std::move(*known);
   } else {
@@ -50,7 +39,9 @@ bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>*
     if (!perform(Repeat::kSafe, work, error)) return false;
     seconds = NSDate::date().timeIntervalSinceDate(begun);
   }
-  if (looksAhead) iCore->listingsAhead.listed(folder, *entries, seconds);
+  if (!looksAhead) return true;
+  iCore->listingsAhead.listed(folder, *entries, seconds);
+  iCore->filesAhead.listed(folder);
   return true;
 }
 

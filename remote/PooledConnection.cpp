@@ -165,6 +165,7 @@ std::optional<NSFileAttributes> PooledConnection::attributesOfItemAtPath(std::st
     return attributes.has_value();
   };
   if (!perform(Repeat::kSafe, work, error)) return std::nullopt;
+  if (isAskedAhead()) iCore->filesAhead.lookedAt(whole);
   if (isDirectory != nullptr) *isDirectory = folder;
   return attributes;
 }
@@ -184,7 +185,9 @@ std::optional<NSFileAttributes> PooledConnection::fileSystemAttributesAtPath(std
 
 void PooledConnection::setShouldCancel(bool shouldCancel) {
   iShouldCancel = shouldCancel;
-  if (shouldCancel) sessions().wakeWaiters();
+  if (!shouldCancel) return;
+  sessions().wakeWaiters();
+  iCore->filesAhead.wake();
 }
 
 std::string PooledConnection::displayStringForRemoteString(std::string_view bytes) const {
@@ -192,7 +195,7 @@ std::string PooledConnection::displayStringForRemoteString(std::string_view byte
 }
 
 bool PooledConnection::isAwaited() {
-  if (iIsAhead) return false;
+  if (iIsCalledOff != nullptr) return false;
   if (iRun == nullptr || iRun->kind != Run::Kind::kDownload || !iRun->reporter.hasMoved()) return true;
   ConnectionDelegate* delegate = iDelegate;
   return delegate == nullptr || delegate->connectionIsAwaited(*this);

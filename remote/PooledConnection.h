@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "remote/AbstractConnection.h"
+#include "remote/FilesAhead.h"
 #include "remote/KnownLinks.h"
 #include "remote/ListingsAhead.h"
 #include "remote/ProgressReporter.h"
@@ -18,6 +19,7 @@
 #include "remote/SessionPool.h"
 #include "remote/StreamSpool.h"
 #include "remote/TrustMemory.h"
+#include "remote/Walks.h"
 
 namespace ombra {
 
@@ -28,8 +30,13 @@ struct PoolCore {
   PoolCore(std::shared_ptr<Engine> engine, std::shared_ptr<const KCCredentials> credentials)
       : sessions(std::move(engine), credentials),
         trust(credentials->option("fingerprint")),
-        newFiles([this](const std::string& path) { makeFile(path); }),
-        listingsAhead([this](const auto&... arguments) { return listAhead(arguments...); }) {}
+        listingsAhead(
+            walks, [this] { return spareSessions(); },
+            [this](auto& request, auto* entries) { return listAhead(request, entries); }),
+        filesAhead(
+            walks, [this] { return (spareSessions() + 1) / 2; },
+            [this](auto& request, auto* content) { return readAhead(request, content); }),
+        newFiles([this](const std::string& path) { makeFile(path); }) {}
   ~PoolCore() { shutDown(); }
   PoolCore(const PoolCore&) = delete;
   PoolCore& operator=(const PoolCore&) = delete;
@@ -37,15 +44,19 @@ struct PoolCore {
 
   SessionPool sessions;
   TrustMemory trust;
-  // The last ones: their threads use the others.
-  PutOffFiles newFiles;
+  Walks walks;  // told of all changes, before whoever made them is answered
+  // The last ones: their threads use the others, and those of `newFiles` all.
   ListingsAhead listingsAhead;
+  FilesAhead filesAhead;
+  PutOffFiles newFiles;
 
  private:
+  // One is for what is asked for, and one is kept free of what may take long.
+  int spareSessions() const { return sessions.cap() - 2; }
   // One that was put off, and whose time is over.
   void makeFile(const std::string& path);
-  bool listAhead(const std::string& folder, const std::function<bool()>& begins,
-                 std::vector<RemoteEntry>* entries);
+  AheadOutcome listAhead(ListingsAhead::Request& request, ListingsAhead::Entries* entries);
+  AheadOutcome readAhead(FilesAhead::Request& request, std::string* content);
 };
 
 // Costs nothing until its first remote call, which attaches a session; `release` gives the session back.
@@ -114,10 +125,9 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   // Sees to it that those new files are on the server which were put off, or that it is known why not. False
   // when the server cannot be reached.
   bool makePutOffFiles(const PutOffFiles::IsMeant& isMeant, NSErrorRef* error);
-  // Lists a folder that nobody waits for: one attempt, on a session that may stay away from requests.
-  // `begins` is asked when there is one.
-  bool listAhead(const std::string& folder, const std::function<bool()>& begins,
-                 std::vector<RemoteEntry>* entries);
+  // What nobody has asked for yet, on a session of those that transfers may have. Not repeated.
+  AheadOutcome listAhead(ListingsAhead::Request& request, ListingsAhead::Entries* entries);
+  AheadOutcome readAhead(FilesAhead::Request& request, std::string* content);
 
  private:
   // One transfer, while it runs.
@@ -132,13 +142,16 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
     std::shared_ptr<UnconfirmedExtents> heldFile{};
     std::string path{};  // of what is being sent
     std::optional<PutOffFiles::Turn> newFile{};
+    std::function<bool()> ahead{};  // may bring all of it without a session
   };
   class Control;
+  class ControlAhead;
   using Work = std::function<bool(Session& session, NSErrorRef* error)>;
   using TransferWork = std::function<bool(Session&, TransferControl&, NSErrorRef*)>;
   enum class Repeat { kSafe, kNever };
 
   const Engine& engine() const { return iCore->sessions.engine(); }
+  bool isAskedAhead() const { return engine().isAskedAhead(); }
   SessionPool& sessions() const { return iCore->sessions; }
   std::string absolute(std::string_view path) const;
 
@@ -172,11 +185,15 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   ProgressReporter::Report progressReport();
   ProgressReporter::Report uploadReport(std::shared_ptr<UnconfirmedExtents> file);
   bool isAllowed(std::string_view path, NSErrorRef* error) const;
-  Walks& walks() const { return iCore->listingsAhead.walks(); }
+  Walks& walks() const { return iCore->walks; }
+  // The whole file, when it was read ahead: then it is in `file`.
+  bool takeAhead(const std::string& path, NSFileHandle& file, Run& run);
   bool list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error);
 
   // SessionWaiter
-  bool wantsToStop() const override { return iInTransfer && iShouldCancel.load(); }
+  bool wantsToStop() const override {
+    return iIsCalledOff != nullptr ? iIsCalledOff->load() : iInTransfer && iShouldCancel.load();
+  }
   bool isAwaited() override;
   const std::string* preferredPath() const override { return iUploadPath; }
   bool hasOneAttempt() const override { return iHasOneAttempt; }
@@ -198,7 +215,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   Run* iRun = nullptr;
   const std::string* iUploadPath = nullptr;
   bool iHasOneAttempt = false;
-  bool iIsAhead = false;  // lists what nobody has asked for yet
+  const std::atomic<bool>* iIsCalledOff = nullptr;  // while it fetches what nobody has asked for yet
   bool iWritesBehind = false;
   bool iPutsOffNewFiles = false;
   std::optional<std::string> iFolder;

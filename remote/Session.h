@@ -201,9 +201,9 @@ class Engine {
   // Whether making an empty file may wait a moment for its content, since a whole file comes with its content
   // in one request. Only where attributes of files cannot be changed.
   virtual bool putsOffNewFiles() const { return false; }
-  // Whether folders that a program will come to are to be listed ahead, on further sessions: where each has
-  // one request under way at a time.
-  virtual bool listsAhead() const { return false; }
+  // Whether what a program will come to on its walk is to be fetched ahead, on further sessions: where each
+  // has one request under way at a time.
+  virtual bool isAskedAhead() const { return false; }
   // The library's own cap on sessions to one server, at least 1.
   virtual int sessionCap() const = 0;
   // A session, never null; no traffic before logIn. It keeps a copy of the environment.

@@ -16,8 +16,8 @@
 namespace ombra {
 
 // What is learned of a server from its listings: the order in which a program that copies or searches a tree
-// comes by. Guesses only: whoever opens something ahead still asks the server when it is wanted. Bounded in
-// memory. Thread-safe; a leaf lock.
+// comes by. Guesses only: what was done ahead for nothing must do no harm. Bounded in memory. Thread-safe; a
+// leaf lock.
 class Walks {
  public:
   enum class Kind : size_t { kFolder, kFile };

@@ -17,7 +17,7 @@ class FTPEngine final : public Engine {
   // keeps it, a third moves the offset.
   bool supportsUploadByteOffset() const override { return false; }
   bool keepsNamesOfNewItems() const override { return true; }
-  bool listsAhead() const override { return true; }
+  bool isAskedAhead() const override { return true; }
   int sessionCap() const override { return 4; }
 
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override {

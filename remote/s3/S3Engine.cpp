@@ -14,7 +14,7 @@ class S3Engine final : public Engine {
   bool supportsUploadByteOffset() const override { return false; }
   bool keepsNamesOfNewItems() const override { return true; }
   bool putsOffNewFiles() const override { return true; }
-  bool listsAhead() const override { return true; }
+  bool isAskedAhead() const override { return true; }
   int sessionCap() const override { return kSessionCap; }
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override {
     return std::make_unique<S3Session>(environment, iEndpoint, iKnowledge);

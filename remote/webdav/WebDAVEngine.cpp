@@ -15,7 +15,7 @@ class WebDAVEngine final : public Engine {
   bool isWebDAV() const override { return true; }
   bool supportsUploadByteOffset() const override { return false; }
   bool keepsNamesOfNewItems() const override { return true; }
-  bool listsAhead() const override { return true; }
+  bool isAskedAhead() const override { return true; }
   int sessionCap() const override { return kSessionCap; }
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override {
     return std::make_unique<WebDAVSession>(environment, iFacts);

@@ -56,7 +56,7 @@ class FakeEngine final : public Engine {
   std::atomic<int> cap{8};
   std::atomic<bool> inPlace{true};
   std::atomic<bool> keepsNames{false};
-  std::atomic<bool> ahead{false};  // folders are listed ahead
+  std::atomic<bool> ahead{false};  // folders and small files are fetched ahead
   std::atomic<int> made{0};        // sessions that were ever made
   std::atomic<int> living{0};      // of those, not destroyed yet
   std::atomic<int> mostLiving{0};
@@ -84,7 +84,7 @@ class FakeEngine final : public Engine {
   bool supportsUploadByteOffset() const override { return inPlace; }
   bool keepsNamesOfNewItems() const override { return keepsNames; }
   int sessionCap() const override { return cap; }
-  bool listsAhead() const override { return ahead; }
+  bool isAskedAhead() const override { return ahead; }
   bool putsOffNewFiles() const override { return putsOff; }
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override;
 
