@@ -38,6 +38,8 @@ void OFSRemoteFile::downloadOnThread(const std::shared_ptr<OFSRemoteFile>& file,
   const std::shared_ptr<NSFileHandle> handle = file->fileHandle();
   StAbstractConnection holder(pool.get(), file.get());
   AbstractConnection& connection = *holder;
+  // What is to be changed is fetched at once: others may have written to it just now.
+  connection.setTakesAhead(file->isOpenedToRead());
 
   uint64_t transferred = 0;
   NSErrorRef error;
@@ -56,6 +58,11 @@ void OFSRemoteFile::downloadOnThread(const std::shared_ptr<OFSRemoteFile>& file,
   file->locked_finishDownload(succeeded, transferred);
   file->locked_forgetWorker(epoch);
   lock.wakeAll();
+}
+
+bool OFSRemoteFile::isOpenedToRead() {
+  const ConditionLock lock(iCondition);
+  return (iMode & kO_ACCMODE) == kO_RDONLY;
 }
 
 void OFSRemoteFile::locked_finishDownload(bool succeeded, uint64_t transferredBytes) {

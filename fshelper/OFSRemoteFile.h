@@ -267,6 +267,7 @@ class OFSRemoteFile final : public GMOpenFile,
 
   // --- download and reads
   static void downloadOnThread(const std::shared_ptr<OFSRemoteFile>& file, Epoch epoch);
+  bool isOpenedToRead() EXCLUDES(iCondition);
   // The caller wakes who waits for it.
   void locked_finishDownload(bool succeeded, uint64_t transferredBytes) REQUIRES(iCondition);
   // Whether that may be what somebody waits for: who waits has to be woken then.

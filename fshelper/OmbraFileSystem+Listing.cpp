@@ -72,7 +72,10 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
   Merge merge(*this, connection, folder, form);
   std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
   NSErrorRef underlying;
+  // Who has marked it as expired wants to know what is there now.
+  connection->setTakesAhead(!folder->isExpired());
   const bool isListed = connection->contentsAtPath(remotePath, &nodes, &underlying);
+  connection->setTakesAhead(false);
   if (isListed) {
     merge.run(std::move(nodes));
   } else {

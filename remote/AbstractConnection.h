@@ -139,6 +139,9 @@ class AbstractConnection {
   // may then answer before the server has been told. To all connections of the pool the file is there all the
   // same, and to everybody else after a second. A failure is told as above. Off at first.
   virtual void setPutsOffNewFiles(bool /*putsOffNewFiles*/) {}
+  // Whether a listing, or a whole small file, may be one that was fetched ahead: as the server had it up to a
+  // second before the call, but for what was changed through this pool. Off at first.
+  virtual void setTakesAhead(bool /*takesAhead*/) {}
   // Waits until the server has acknowledged everything that was uploaded from a scratch handle, and has
   // closed the file. False when any of it failed and no upload has told so; what is not stored is unconfirmed
   // again.

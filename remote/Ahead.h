@@ -28,6 +28,8 @@ struct AheadLimits {
   static constexpr size_t kMost = 4;
   // From the moment at which an answer came to the one at which it is asked for.
   static constexpr double kMostSecondsOld = 1.0;
+  // What is being fetched for so long, and nobody has asked for, is broken off: it may be endless.
+  static constexpr double kMostSecondsFetching = 10.0;
   // A server that answers sooner is asked one question after the other: sessions cost more than they gain.
   static constexpr double kWorthwhileSeconds = 0.008;
   // Questions that are passed before the next attempt, after a failure or when nothing was asked for in time.
@@ -64,6 +66,8 @@ class Ahead : private AheadLimits {
     bool begins() { return iOwner.begins(*this); }
     // Nobody wants it any more: what has begun may be broken off. Stays where it is.
     const std::atomic<bool>& isCalledOff() const { return iIsCalledOff; }
+    // What ends the fetching soon: from any thread, and with the owner's lock held. Null: nothing any more.
+    void setBreakOff(std::function<void()> breakOff) { iOwner.setBreakOff(*this, std::move(breakOff)); }
 
    private:
     friend class Ahead;
@@ -76,6 +80,7 @@ class Ahead : private AheadLimits {
     NSDate iSince = NSDate::date();  // in its state
     uint64_t iChanges = 0;           // that had been made by then
     double iSeconds = 0;             // that the server took
+    std::function<void()> iBreakOff;
     Answer iAnswer{};
   };
   // Fetches what is at the path, on a thread of this object's.
@@ -150,11 +155,13 @@ class Ahead : private AheadLimits {
   // What `isMeant` picks is not handed out any more. Called with the lock held.
   void callOff(const std::function<bool(const std::string& path)>& isMeant) EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
-    std::erase_if(iRequests, [&isMeant](const RequestRef& request) {
+    const size_t count = std::erase_if(iRequests, [&isMeant](const RequestRef& request) {
       if (!isMeant(request->iPath)) return false;
       request->iIsCalledOff = true;
       return true;
     });
+    // It was fetched for nothing.
+    for (size_t i = 0; i < count; ++i) fetchFewer();
   }
 
   // Those who wait look whether they are to stop.
@@ -205,15 +212,25 @@ class Ahead : private AheadLimits {
   }
 
   bool mayBegin() const REQUIRES(iCondition) {
-    return !iIsStopped && iUntilRetry == 0 && iSeconds >= kWorthwhileSeconds &&
-           NSDate::date() >= iPausedUntil;
+    return !iIsStopped && iUntilRetry == 0 && iSeconds >= kWorthwhileSeconds && !isPaused();
   }
 
-  // Whether it has been in its state for too long. What is being fetched is not: to ask anew takes longer.
+  bool isPaused() const REQUIRES(iCondition) {
+    const double left = iPausedUntil.timeIntervalSinceDate(NSDate::date());
+    // A clock that was set back tells nothing.
+    return left > 0 && left <= kMostPause;
+  }
+
+  // What is being fetched is rather waited for: to ask anew takes longer.
+  static double mostSeconds(const Request& request) {
+    return request.iState == State::kBeingFetched ? kMostSecondsFetching : kMostSecondsOld;
+  }
+
+  // Whether it has been in its state for too long.
   static bool isOld(const Request& request, const NSDate& now) {
     const double age = now.timeIntervalSinceDate(request.iSince);
     // A clock that was set back tells nothing.
-    return request.iState != State::kBeingFetched && (age < 0 || age > kMostSecondsOld);
+    return age < 0 || age > mostSeconds(request);
   }
 
   // What nobody has asked for in time: the guesses are wrong, or the program is slow.
@@ -222,6 +239,7 @@ class Ahead : private AheadLimits {
     const size_t forgotten = std::erase_if(iRequests, [&now](const RequestRef& request) {
       if (!isOld(*request, now)) return false;
       request->iIsCalledOff = true;
+      if (request->iBreakOff) request->iBreakOff();
       return true;
     });
     for (size_t i = 0; i < forgotten; ++i) fetchFewer();
@@ -232,14 +250,16 @@ class Ahead : private AheadLimits {
     iMost = std::max<size_t>(iMost - 1, 1);
   }
 
-  // One more for what is wanted, if all are at something; what was called off may keep one for a while.
+  // One more for what is wanted, and one that rests: it sees to what takes too long. What was called off may
+  // keep one for a while.
   bool hasThread() REQUIRES(iCondition) {
     const auto wanted =
         static_cast<size_t>(std::count_if(iRequests.begin(), iRequests.end(), [](const RequestRef& request) {
           return request->iState == State::kWanted;
         }));
     try {
-      if (iThreads.size() < std::min(iBusy + wanted + 1, kMost)) iThreads.emplace_back([this] { work(); });
+      while (iThreads.size() < std::min(iBusy + wanted + 1, kMost) + 1)
+        iThreads.emplace_back([this] { work(); });
     } catch (const std::system_error&) {
       // Those that are there do it one after the other.
     }
@@ -247,10 +267,16 @@ class Ahead : private AheadLimits {
   }
 
   RequestRef nextWanted() const REQUIRES(iCondition) {
+    if (iBusy >= kMost) return nullptr;
     const auto found = std::find_if(iRequests.begin(), iRequests.end(), [](const RequestRef& request) {
       return request->iState == State::kWanted;
     });
     return found == iRequests.end() ? nullptr : *found;
+  }
+
+  void setBreakOff(Request& request, std::function<void()> breakOff) EXCLUDES(iCondition) {
+    const ConditionLock lock(iCondition);
+    request.iBreakOff = std::move(breakOff);
   }
 
   bool begins(Request& request) EXCLUDES(iCondition) {
@@ -289,8 +315,8 @@ class Ahead : private AheadLimits {
   void rest() REQUIRES(iCondition) {
     std::optional<NSDate> limit;
     for (const RequestRef& request : iRequests) {
-      const NSDate due = request->iSince.dateByAddingTimeInterval(kMostSecondsOld + kALittle);
-      if (request->iState != State::kBeingFetched) limit = std::min(limit.value_or(due), due);
+      const NSDate due = request->iSince.dateByAddingTimeInterval(mostSeconds(*request) + kALittle);
+      limit = std::min(limit.value_or(due), due);
     }
     if (!limit) {
       iCondition.wait();
@@ -312,10 +338,11 @@ class Ahead : private AheadLimits {
     const NSDate now = NSDate::date();
     request.iSeconds = now.timeIntervalSinceDate(request.iSince);
     request.iSince = now;
+    request.iBreakOff = nullptr;
     request.iState = outcome == AheadOutcome::kFetched ? State::kFetched : State::kFailed;
     if (outcome == AheadOutcome::kFailed && !request.iIsCalledOff) iUntilRetry = kPassed;
     if (outcome == AheadOutcome::kFetched) iPause = kFirstPause;
-    if (outcome == AheadOutcome::kNoSession && !request.iIsCalledOff && now >= iPausedUntil) {
+    if (outcome == AheadOutcome::kNoSession && !request.iIsCalledOff && !isPaused()) {
       iPausedUntil = now.dateByAddingTimeInterval(iPause);
       iPause = std::min(2 * iPause, kMostPause);
     }

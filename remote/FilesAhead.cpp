@@ -5,6 +5,9 @@
 namespace ombra {
 namespace {
 
+// Some of them are long.
+constexpr size_t kGuessed = 16;
+
 std::vector<Walks::Item> onlySmall(std::vector<Walks::Item> files) {
   std::erase_if(files,
                 [](const Walks::Item& file) { return !file.size || *file.size > FilesAhead::kMostBytes; });
@@ -19,7 +22,8 @@ FilesAhead::FilesAhead(Walks& walks, std::function<int()> room, Ahead<std::strin
 std::optional<std::string> FilesAhead::take(std::string_view path, const std::function<bool()>& stops) {
   (void)iWalks.reached(path, Walks::Kind::kFile);
   std::optional<Ahead<std::string>::Taken> taken = iAhead.take(path, stops, next(path));
-  if (!taken) return std::nullopt;
+  // Any change, since some servers have more than one name for a file.
+  if (!taken || iWalks.changes() != taken->changes) return std::nullopt;
   return std::move(taken->answer);
 }
 
@@ -29,9 +33,9 @@ void FilesAhead::wasRead(std::string_view path, uint64_t length, std::optional<d
   iAhead.begin(next(path));
 }
 
-void FilesAhead::listed(std::string_view folder) {
+void FilesAhead::listed(std::string_view folder, bool isNew) {
   iAhead.callOff([folder](const std::string& path) { return parentOfRemotePath(path) == folder; });
-  iAhead.begin(onlySmall(iWalks.firstIn(folder, Walks::Kind::kFile, Ahead<std::string>::most())));
+  if (isNew) iAhead.begin(onlySmall(iWalks.firstIn(folder, Walks::Kind::kFile, kGuessed)));
 }
 
 void FilesAhead::lookedAt(std::string_view path) {
@@ -39,7 +43,7 @@ void FilesAhead::lookedAt(std::string_view path) {
 }
 
 std::vector<Walks::Item> FilesAhead::next(std::string_view path) {
-  return onlySmall(iWalks.next(path, Walks::Kind::kFile, Ahead<std::string>::most()));
+  return onlySmall(iWalks.next(path, Walks::Kind::kFile, kGuessed, Walks::Reach::kForward));
 }
 
 }  // namespace ombra

@@ -31,8 +31,8 @@ class FilesAhead {
   // what comes next on a walk.
   void wasRead(std::string_view path, uint64_t length, std::optional<double> seconds);
   // The folder was listed: what was read of its files before may be older than what is known of them now.
-  // Begins the first ones when a walk has come there.
-  void listed(std::string_view folder);
+  // Begins the first ones when a walk comes there, which it does to a new folder.
+  void listed(std::string_view folder, bool isNew);
   // The same for one item that was looked at.
   void lookedAt(std::string_view path);
 

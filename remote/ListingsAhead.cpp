@@ -42,12 +42,13 @@ std::optional<ListingsAhead::Entries> ListingsAhead::take(std::string_view folde
   return std::move(taken->answer);
 }
 
-void ListingsAhead::listed(std::string_view folder, const Entries& entries, std::optional<double> seconds) {
+bool ListingsAhead::listed(std::string_view folder, const Entries& entries, std::optional<double> seconds) {
   Walks::Listing known = worthRemembering(entries);
   const bool hasFolders = known.has(Walks::Kind::kFolder);
-  iWalks.listed(folder, std::move(known));
+  const bool isNew = iWalks.listed(folder, std::move(known));
   iAhead.passed(seconds);
   iAhead.begin(guess(folder, hasFolders));
+  return isNew;
 }
 
 // Into a folder first, then on to its neighbours, then to the neighbour of the folder around it: no further,
@@ -55,9 +56,10 @@ void ListingsAhead::listed(std::string_view folder, const Entries& entries, std:
 std::vector<Walks::Item> ListingsAhead::guess(std::string_view folder, bool hasFolders) {
   constexpr size_t kMost = Ahead<Entries>::most();
   if (hasFolders) return iWalks.firstIn(folder, Walks::Kind::kFolder, kMost);
-  std::vector<Walks::Item> guessed = iWalks.next(folder, Walks::Kind::kFolder, kMost);
+  std::vector<Walks::Item> guessed = iWalks.next(folder, Walks::Kind::kFolder, kMost, Walks::Reach::kForward);
   if (guessed.size() < kMost) {
-    std::vector<Walks::Item> above = iWalks.next(parentOfRemotePath(folder), Walks::Kind::kFolder, 1);
+    std::vector<Walks::Item> above =
+        iWalks.next(parentOfRemotePath(folder), Walks::Kind::kFolder, 1, Walks::Reach::kForward);
     std::move(above.begin(), above.end(), std::back_inserter(guessed));
   }
   return guessed;

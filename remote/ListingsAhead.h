@@ -25,8 +25,8 @@ class ListingsAhead {
   // told to `listed` as well.
   std::optional<Entries> take(std::string_view folder);
   // What the folder holds; `seconds`: how long the server was asked for, absent when it was not. Begins what
-  // comes next on a walk.
-  void listed(std::string_view folder, const Entries& entries, std::optional<double> seconds);
+  // comes next on a walk. Whether the folder was not known before.
+  bool listed(std::string_view folder, const Entries& entries, std::optional<double> seconds);
   size_t count() const { return iAhead.count(); }
   // Nothing is begun any more.
   void stop() { iAhead.stop(); }

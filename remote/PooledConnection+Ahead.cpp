@@ -32,10 +32,14 @@ AheadOutcome PooledConnection::listAhead(ListingsAhead::Request& request, Listin
   iIsCalledOff = &request.isCalledOff();
   NSErrorRef fault;
   if (!attachForTransfer(&fault)) return AheadOutcome::kNoSession;
-  if (!request.begins()) return AheadOutcome::kFailed;
-  if (iSession->session->list(request.path(), entries, &fault)) return AheadOutcome::kFetched;
-  loseSession(fault);
-  return AheadOutcome::kFailed;
+  // A listing cannot be called off otherwise.
+  request.setBreakOff([session = iSession->session] { session->interrupt(); });
+  const bool isListed = request.begins() && iSession->session->list(request.path(), entries, &fault);
+  request.setBreakOff(nullptr);
+  // From here on nobody interrupts the session any more; perhaps somebody has.
+  if (request.isCalledOff()) dropSession(false);
+  if (!isListed) loseSession(fault);
+  return isListed ? AheadOutcome::kFetched : AheadOutcome::kFailed;
 }
 
 AheadOutcome PooledConnection::readAhead(FilesAhead::Request& request, std::string* content) {

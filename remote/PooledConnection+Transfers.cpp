@@ -138,7 +138,7 @@ bool PooledConnection::downloadFileAtPath(std::string_view path, NSFileHandle& t
   const std::string whole = absolute(path);
   std::string version;
   Run run{Run::Kind::kDownload, ProgressReporter(byteOffset, progressReport())};
-  const bool isOfAWalk = byteOffset == 0 && isAskedAhead();
+  const bool isOfAWalk = byteOffset == 0 && takesAhead();
   if (isOfAWalk) run.ahead = [&] { return takeAhead(whole, toFileHandle, run); };
   std::optional<double> seconds;
   const auto work = [&](Session& session, TransferControl& control, NSErrorRef* fault) {

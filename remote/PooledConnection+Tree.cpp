@@ -23,10 +23,10 @@ std::shared_ptr<KCRemoteFileNode> makeNode(const RemoteEntry& entry, std::string
 }  // namespace
 
 bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
-  const bool looksAhead = isAskedAhead();
+  const bool isOfAWalk = takesAhead();
   std::optional<double> seconds;
   if (std::optional<ListingsAhead::Entries> known =
-          looksAhead ? iCore->listingsAhead.take(folder) : std::nullopt) {
+          isOfAWalk ? iCore->listingsAhead.take(folder) : std::nullopt) {
     *entries = std::move(*known);
   } else {
     NSDate begun;
@@ -39,9 +39,8 @@ bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>*
     if (!perform(Repeat::kSafe, work, error)) return false;
     seconds = NSDate::date().timeIntervalSinceDate(begun);
   }
-  if (!looksAhead) return true;
-  iCore->listingsAhead.listed(folder, *entries, seconds);
-  iCore->filesAhead.listed(folder);
+  const bool isNew = isOfAWalk && iCore->listingsAhead.listed(folder, *entries, seconds);
+  iCore->filesAhead.listed(folder, isNew);
   return true;
 }
 

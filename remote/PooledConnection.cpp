@@ -164,8 +164,9 @@ std::optional<NSFileAttributes> PooledConnection::attributesOfItemAtPath(std::st
     attributes = session.attributes(whole, &folder, fault);
     return attributes.has_value();
   };
-  if (!perform(Repeat::kSafe, work, error)) return std::nullopt;
-  if (isAskedAhead()) iCore->filesAhead.lookedAt(whole);
+  const bool isThere = perform(Repeat::kSafe, work, error);
+  iCore->filesAhead.lookedAt(whole);
+  if (!isThere) return std::nullopt;
   if (isDirectory != nullptr) *isDirectory = folder;
   return attributes;
 }

@@ -31,10 +31,10 @@ struct PoolCore {
       : sessions(std::move(engine), credentials),
         trust(credentials->option("fingerprint")),
         listingsAhead(
-            walks, [this] { return spareSessions(); },
+            walks, [this] { return spareSessions() - static_cast<int>(filesAhead.count()); },
             [this](auto& request, auto* entries) { return listAhead(request, entries); }),
         filesAhead(
-            walks, [this] { return (spareSessions() + 1) / 2; },
+            walks, [this] { return spareSessions() - static_cast<int>(listingsAhead.count()); },
             [this](auto& request, auto* content) { return readAhead(request, content); }),
         newFiles([this](const std::string& path) { makeFile(path); }) {}
   ~PoolCore() { shutDown(); }
@@ -51,8 +51,9 @@ struct PoolCore {
   PutOffFiles newFiles;
 
  private:
-  // One is for what is asked for, and one is kept free of what may take long.
-  int spareSessions() const { return sessions.cap() - 2; }
+  // One is for what is asked for, and one is kept free of what may take long. None, while the server has
+  // refused one lately.
+  int spareSessions() const { return sessions.isLowered() ? 0 : sessions.cap() - 2; }
   // One that was put off, and whose time is over.
   void makeFile(const std::string& path);
   AheadOutcome listAhead(ListingsAhead::Request& request, ListingsAhead::Entries* entries);
@@ -117,6 +118,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
                                ConnectionDelegate& handler, NSErrorRef* error) override;
   void setWritesBehind(bool writesBehind) override { iWritesBehind = writesBehind; }
   void setPutsOffNewFiles(bool putsOffNewFiles) override { iPutsOffNewFiles = putsOffNewFiles; }
+  void setTakesAhead(bool takesAhead) override { iTakesAhead = takesAhead; }
   bool finishUploads(NSFileHandle& fileHandle, std::string_view toPath, NSErrorRef* error) override;
   bool flushFileAtPath(std::string_view path, NSErrorRef* error) override;
   void setShouldCancel(bool shouldCancel) override;
@@ -151,7 +153,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   enum class Repeat { kSafe, kNever };
 
   const Engine& engine() const { return iCore->sessions.engine(); }
-  bool isAskedAhead() const { return engine().isAskedAhead(); }
+  bool takesAhead() const { return iTakesAhead && engine().isAskedAhead(); }
   SessionPool& sessions() const { return iCore->sessions; }
   std::string absolute(std::string_view path) const;
 
@@ -218,6 +220,7 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   const std::atomic<bool>* iIsCalledOff = nullptr;  // while it fetches what nobody has asked for yet
   bool iWritesBehind = false;
   bool iPutsOffNewFiles = false;
+  bool iTakesAhead = false;
   std::optional<std::string> iFolder;
   KnownLinks iKnownLinks;
 };

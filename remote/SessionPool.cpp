@@ -42,6 +42,11 @@ int SessionPool::cap() const {
   return iCap;
 }
 
+bool SessionPool::isLowered() const {
+  ConditionLock lock(iCondition);
+  return iCap < wantedCap();
+}
+
 std::optional<std::string> SessionPool::loginPath() const {
   ConditionLock lock(iCondition);
   return iLoginPath;

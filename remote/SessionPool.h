@@ -82,6 +82,8 @@ class SessionPool {
   void setMaximumSessions(int maximum) EXCLUDES(iCondition);
   // How many sessions there may be at present.
   int cap() const EXCLUDES(iCondition);
+  // Whether the server has refused a session, so that there may be fewer than there were to be.
+  bool isLowered() const EXCLUDES(iCondition);
   // Absent until a session has logged in.
   std::optional<std::string> loginPath() const EXCLUDES(iCondition);
   bool isShutDown() const EXCLUDES(iCondition);

@@ -1,6 +1,7 @@
 #include "remote/Walks.h"
 
 #include <algorithm>
+#include <unordered_set>
 
 #include "platform/foundation/NSDate.h"
 #include "remote/RemotePaths.h"
@@ -33,14 +34,36 @@ void Walks::Listing::add(std::string_view name, Kind kind, int64_t modified, std
   items.push_back({std::string(name), modified, size});
 }
 
-void Walks::listed(std::string_view folder, Listing listing) {
+bool Walks::listed(std::string_view folder, Listing listing) {
   Folder known;
   known.path = folder;
   known.items = std::move(listing.iItems);
   const MutexLock lock(iLock);
-  iFolders.remove_if([folder](const Folder& other) { return other.path == folder; });
+  const Folder* former = folderAt(folder);
+  if (former != nullptr) {
+    carryOver(*former, known);
+    iFolders.pop_front();
+  }
   iFolders.push_front(std::move(known));
   if (iFolders.size() > kMostFolders) iFolders.pop_back();
+  return former == nullptr;
+}
+
+// What a walk has come by, and where it is. By name: items may have come and gone.
+void Walks::carryOver(const Folder& known, Folder& listed) {
+  for (size_t kind = 0; kind < known.items.size(); ++kind) {
+    std::unordered_set<std::string_view> asked;
+    for (const Known& item : known.items[kind]) {
+      if (item.isAsked) asked.insert(item.name);
+    }
+    if (asked.empty()) continue;
+    const std::string_view last = known.last[kind] ? known.items[kind][*known.last[kind]].name : "";
+    for (size_t i = 0; i < listed.items[kind].size(); ++i) {
+      Known& item = listed.items[kind][i];
+      item.isAsked = asked.contains(item.name);
+      if (item.isAsked && item.name == last) listed.last[kind] = i;
+    }
+  }
 }
 
 // Found anew for each item of a walk, so that the folders which are being walked stay.
@@ -95,12 +118,12 @@ std::optional<uint64_t> Walks::reached(std::string_view path, Kind kind) {
   return items[*index].size;
 }
 
-std::vector<Walks::Item> Walks::next(std::string_view path, Kind kind, size_t count) {
+std::vector<Walks::Item> Walks::next(std::string_view path, Kind kind, size_t count, Reach reach) {
   const MutexLock lock(iLock);
   if (iRun[at(kind)] < kSureAfter) return {};
   const Folder* folder = folderAt(parentOfRemotePath(path));
   if (folder == nullptr || !folder->last[at(kind)]) return {};
-  return guess(*folder, kind, folder->last[at(kind)], count);
+  return guess(*folder, kind, folder->last[at(kind)], count, reach);
 }
 
 std::vector<Walks::Item> Walks::firstIn(std::string_view path, Kind kind, size_t count) {
@@ -108,19 +131,19 @@ std::vector<Walks::Item> Walks::firstIn(std::string_view path, Kind kind, size_t
   if (iRun[at(kind)] < kSureAfter) return {};
   const Folder* folder = folderAt(path);
   if (folder == nullptr) return {};
-  return guess(*folder, kind, std::nullopt, count);
+  return guess(*folder, kind, std::nullopt, count, Reach::kAround);
 }
 
 std::vector<Walks::Item> Walks::guess(const Folder& folder, Kind kind, std::optional<size_t> last,
-                                      size_t count) const {
+                                      size_t count, Reach reach) const {
   const std::vector<Known>& items = folder.items[at(kind)];
   const int64_t settled = secondsOf(NSDate::date()) - kUnsettledSeconds;
   const ptrdiff_t step = iTrend[at(kind)] < 0 ? -1 : 1;
   const auto end = static_cast<ptrdiff_t>(items.size());
-  // What was passed over so far comes first: the order is followed only roughly.
+  // The order is followed only roughly: what was passed over so far may still come.
+  const ptrdiff_t back = reach == Reach::kAround ? ptrdiff_t{kStride} : 0;
   ptrdiff_t index = step > 0 ? 0 : end - 1;
-  if (last)
-    index = std::clamp<ptrdiff_t>(static_cast<ptrdiff_t>(*last) - step * ptrdiff_t{kStride}, 0, end - 1);
+  if (last) index = std::clamp<ptrdiff_t>(static_cast<ptrdiff_t>(*last) - step * back, 0, end - 1);
   std::vector<Item> guessed;
   for (; index >= 0 && index < end && guessed.size() < count; index += step) {
     const Known& item = items[static_cast<size_t>(index)];

@@ -45,14 +45,18 @@ class Walks {
     };
     std::array<std::vector<Known>, 2> iItems;  // by kind
   };
-  void listed(std::string_view folder, Listing listing) EXCLUDES(iLock);
+  // Whether the folder was not known before. How far a walk has come in it stays known.
+  bool listed(std::string_view folder, Listing listing) EXCLUDES(iLock);
   // `path` is about to be listed, or read. Answers how long it was when its folder was listed, where that is
   // known: a hint, nothing more.
   std::optional<uint64_t> reached(std::string_view path, Kind kind) EXCLUDES(iLock);
+  // Whether a guess begins with what was just passed over, since the order is followed only roughly.
+  enum class Reach { kAround, kForward };
   // What a walk that is at `path` will most likely ask for next among its neighbours, nearest first, in the
   // direction in which it goes through the listing. Nothing unless several neighbours were asked for in
   // succession, and nothing that changed within the last seconds.
-  std::vector<Item> next(std::string_view path, Kind kind, size_t count) EXCLUDES(iLock);
+  std::vector<Item> next(std::string_view path, Kind kind, size_t count, Reach reach = Reach::kAround)
+      EXCLUDES(iLock);
   // The same for what lies in a folder that the walk has just come to.
   std::vector<Item> firstIn(std::string_view folder, Kind kind, size_t count) EXCLUDES(iLock);
 
@@ -86,9 +90,10 @@ class Walks {
 
   Folder* folderAt(std::string_view path) REQUIRES(iLock);
   static std::optional<size_t> indexOf(const Folder& folder, Kind kind, std::string_view name);
+  static void carryOver(const Folder& known, Folder& listed);
   // `last` is where the walk is, absent when it has not come there yet.
-  std::vector<Item> guess(const Folder& folder, Kind kind, std::optional<size_t> last, size_t count) const
-      REQUIRES(iLock);
+  std::vector<Item> guess(const Folder& folder, Kind kind, std::optional<size_t> last, size_t count,
+                          Reach reach) const REQUIRES(iLock);
 
   mutable Mutex iLock;
   std::list<Folder> iFolders GUARDED_BY(iLock);        // the one used last is the first

@@ -40,6 +40,7 @@ class FTPSession final : public Session {
   bool logIn(NSErrorRef* error) override;
   std::string loginPath() const override { return iLoginPath; }
   bool isAlive() override;
+  bool hasFailed() const override { return iControl.failure() != nullptr; }
   void interrupt() override { iWakeUp.raise(); }
 
   std::optional<std::string> realPath(std::string_view path, std::string_view base, bool* isDirectory,

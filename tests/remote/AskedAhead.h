@@ -29,7 +29,14 @@ class AskedAhead {
       return AheadOutcome::kFailed;
     }
     note(&iBegun, request.path());
-    if (isSlow) server.pass();
+    std::atomic<bool> isBrokenOff{false};
+    request.setBreakOff([&] {
+      isBrokenOff = true;
+      server.poke();
+    });
+    if (isSlow) server.pass([&isBrokenOff] { return isBrokenOff.load(); });
+    request.setBreakOff(nullptr);
+    if (isBrokenOff) note(&iBrokenOff, request.path());
     *result = answer;
     note(&iEnded, request.path());
     if (throws) throw KCException("while fetching");
@@ -37,6 +44,7 @@ class AskedAhead {
   }
   // Block until so many were, since the beginning.
   bool waitUntilEnded(size_t count) { return waitFor(&iEnded, count); }
+  bool waitUntilBrokenOff(size_t count) { return waitFor(&iBrokenOff, count); }
   // Of those that never began.
   bool waitUntilCalledOff(size_t count) { return waitFor(&iCalledOff, count); }
   size_t calledOff() EXCLUDES(iCondition) {
@@ -76,6 +84,7 @@ class AskedAhead {
   // Guarded by it:
   std::vector<std::string> iBegun;
   std::vector<std::string> iEnded;
+  std::vector<std::string> iBrokenOff;
   std::vector<std::string> iCalledOff;
 };
 

@@ -14,6 +14,7 @@ namespace ombra {
 namespace {
 
 using testing::Contains;
+using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
 bool never() { return false; }
@@ -32,7 +33,7 @@ class FilesAheadTest : public testing::Test {
     Walks::Listing listing;
     for (char name = 'a'; name <= 'h'; ++name) listing.add(std::string(1, name), Walks::Kind::kFile, 0, size);
     walks.listed(folder, std::move(listing));
-    ahead->listed(folder);
+    ahead->listed(folder, true);
   }
   // Somebody reads the file. True when it had been read for him.
   bool read(const std::string& path, double seconds = 0.1) {
@@ -98,7 +99,7 @@ TEST_F(FilesAheadTest, WhatWasReadBeforeItsFolderWasListedAgainIsReadAnew) {
   Walks::Listing again;
   again.add("d", Walks::Kind::kFile, 0, 8);
   walks.listed("/", std::move(again));
-  ahead->listed("/");
+  ahead->listed("/", false);
   EXPECT_EQ(ahead->count(), 0u);
   EXPECT_FALSE(ahead->take("/d", never).has_value());
 }
@@ -112,13 +113,41 @@ TEST_F(FilesAheadTest, WhatWasReadBeforeTheFileWasLookedAtIsReadAnew) {
   EXPECT_TRUE(ahead->take("/e", never).has_value());
 }
 
-TEST_F(FilesAheadTest, AChangedFileIsReadAnew) {
+// Some servers have more than one name for a file.
+TEST_F(FilesAheadTest, AfterAnyChangeFilesAreReadAnew) {
   listFolder("/");
   readThree();
   ASSERT_TRUE(asked.waitUntilEnded(2));
-  walks.changed("/d");
+  walks.changed("/elsewhere");
   EXPECT_FALSE(ahead->take("/d", never).has_value());
-  EXPECT_TRUE(ahead->take("/e", never).has_value());
+}
+
+TEST_F(FilesAheadTest, NothingIsReadOfAFolderThatIsListedAgainAndAgain) {
+  listFolder("/");
+  readThree();
+  ASSERT_TRUE(asked.waitUntilEnded(2));
+  for (int i = 0; i < 3; ++i) ahead->listed("/", false);
+  EXPECT_EQ(ahead->count(), 0u);
+  EXPECT_EQ(asked.begun().size(), 2u);
+}
+
+TEST_F(FilesAheadTest, AWalkGoesOnWhereItWasWhenItsFolderIsListedAgain) {
+  asked.room = 0;
+  listFolder("/");
+  readThree();
+  listFolder("/");
+  EXPECT_FALSE(read("/d"));
+  std::vector<std::string> next;
+  for (const Walks::Item& file : walks.next("/d", Walks::Kind::kFile, 8)) next.push_back(file.path);
+  EXPECT_THAT(next, ElementsAre("/e", "/f", "/g", "/h"));
+}
+
+// Of a walk that picks some of the files only, it is those in front that may be wanted.
+TEST_F(FilesAheadTest, WhatWasPassedOverIsNotRead) {
+  listFolder("/");
+  for (const char* path : {"/a", "/c", "/e"}) EXPECT_FALSE(read(path));
+  ASSERT_TRUE(asked.waitUntilEnded(2));
+  EXPECT_THAT(asked.begun(), UnorderedElementsAre("/f", "/g"));
 }
 
 TEST_F(FilesAheadTest, WhoeverAsksWaitsForTheFileThatIsBeingRead) {
@@ -175,8 +204,8 @@ class PoolFilesAhead : public testing::Test {
  protected:
   PoolFilesAhead() {
     fake.engine->ahead = true;
-    fake.engine->onList = [this](FakeSession&, const std::string&, std::vector<RemoteEntry>* entries,
-                                 NSErrorRef*) {
+    fake.engine->onList = [](FakeSession&, const std::string&, std::vector<RemoteEntry>* entries,
+                             NSErrorRef*) {
       for (char name = 'a'; name <= 'h'; ++name) {
         RemoteEntry entry;
         entry.name = std::string(1, name);
@@ -191,11 +220,13 @@ class PoolFilesAhead : public testing::Test {
       if (session.number == 1) clock.advance(0.02);
       if (hangs && session.number > 1) {
         fake.engine->gate.pass([&] { return session.isInterrupted() || control.shouldCancel(); });
+        ++(control.shouldCancel() ? brokenOff : interrupted);
+        const WatchedLock lock(condition);
+        condition.broadcast();
         return failWith(kQuarnKitConnectionLost, error);
       }
       const std::string content = session.number > 1 ? contentAhead : "content";
-      EXPECT_EQ(offset, 0u);
-      EXPECT_TRUE(to.writeAll(content.data(), content.size(), 0));
+      EXPECT_TRUE(to.writeAll(content.data() + offset, content.size() - offset, offset));
       control.progress(content.size());
       ++(session.number > 1 ? readAhead : readByItself);
       const WatchedLock lock(condition);
@@ -214,13 +245,16 @@ class PoolFilesAhead : public testing::Test {
     return content;
   }
   static void readThree(AbstractConnection& connection) {
+    connection.setTakesAhead(true);
     std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
     EXPECT_TRUE(connection.contentsAtPath("/", &nodes, nullptr));
     for (const char* path : {"/a", "/b", "/c"}) EXPECT_EQ(read(connection, path), "content");
   }
-  bool waitUntilReadAhead(int count) {
+  bool waitUntilReadAhead(int count) { return waitUntil(readAhead, count); }
+  bool waitUntilBrokenOff(int count) { return waitUntil(brokenOff, count); }
+  bool waitUntil(const std::atomic<int>& counter, int count) {
     const WatchedLock lock(condition);
-    while (readAhead < count) {
+    while (counter < count) {
       if (!condition.waitFor("files that are read ahead")) return false;
     }
     return true;
@@ -230,6 +264,8 @@ class PoolFilesAhead : public testing::Test {
   WatchedCondition condition;
   std::atomic<int> readAhead{0};
   std::atomic<int> readByItself{0};
+  std::atomic<int> brokenOff{0};
+  std::atomic<int> interrupted{0};
   std::atomic<bool> hangs{false};
   std::string contentAhead = "ahead of it";
   FakePool fake;
@@ -249,10 +285,9 @@ TEST_F(PoolFilesAhead, ADownloadThatGoesOnInAFileIsNeverTakenFromThere) {
   fake.with([this](AbstractConnection& connection) {
     readThree(connection);
     ASSERT_TRUE(waitUntilReadAhead(2));
-    fake.engine->onDownload = nullptr;
     const auto file = temporaryFile("con");
     EXPECT_TRUE(connection.downloadFileAtPath("/d", *file, 3, nullptr, nullptr));
-    EXPECT_EQ(contentOf(*file), "con");
+    EXPECT_EQ(contentOf(*file), "content");
   });
 }
 
@@ -281,6 +316,48 @@ TEST_F(PoolFilesAhead, AnUploadHasTheFileReadAnew) {
     ASSERT_TRUE(waitUntilReadAhead(2));
     EXPECT_TRUE(connection.uploadFileHandle(*handle, "d", "/d", 0, nullptr, nullptr));
     EXPECT_EQ(read(connection, "/d"), "content");
+  });
+}
+
+TEST_F(PoolFilesAhead, MovesAndRemovalsHaveTheFileReadAnew) {
+  const std::vector<std::function<bool(AbstractConnection&)>> changes = {
+      [](AbstractConnection& c) { return c.moveItemFromPath("/x", false, "/d", nullptr); },
+      [](AbstractConnection& c) { return c.deleteItemAtPath("/d", false, nullptr); },
+  };
+  for (const auto& change : changes) {
+    FakePool one(fake.engine);
+    readAhead = 0;
+    fake.engine->made = 0;
+    one.with([&](AbstractConnection& connection) {
+      readThree(connection);
+      ASSERT_TRUE(waitUntilReadAhead(2));
+      EXPECT_TRUE(change(connection));
+      EXPECT_EQ(read(connection, "/d"), "content");
+    });
+    one.pool->shutDown();
+    one.pool.reset();
+  }
+}
+
+TEST_F(PoolFilesAhead, WhoIsToWriteReadsWhatTheServerHasNow) {
+  fake.with([this](AbstractConnection& connection) {
+    readThree(connection);
+    ASSERT_TRUE(waitUntilReadAhead(2));
+    connection.setTakesAhead(false);
+    EXPECT_EQ(read(connection, "/d"), "content");
+  });
+}
+
+TEST_F(PoolFilesAhead, WhatNobodyWantsAnyMoreIsBrokenOff) {
+  fake.with([this](AbstractConnection& connection) {
+    hangs = true;
+    readThree(connection);
+    ASSERT_TRUE(fake.engine->gate.waitUntilEntered(2));
+    std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+    EXPECT_TRUE(connection.contentsAtPath("/", &nodes, nullptr));
+    // As an engine does that looks at its control from time to time.
+    fake.engine->gate.poke();
+    ASSERT_TRUE(waitUntilBrokenOff(2));
   });
 }
 

@@ -60,7 +60,8 @@ class ListingsAheadTest : public testing::Test {
   }
   // A program has come so far that it is known to walk.
   void walkToTheThird(double seconds = kSlow) {
-    EXPECT_FALSE(goTo("/", foldersNamed({"a", "b", "c", "d", "e", "f", "g", "h"}), seconds));
+    EXPECT_FALSE(goTo(
+        "/", foldersNamed({"a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k", "l", "m", "n"}), seconds));
     for (const char* folder : {"/a", "/b", "/c"}) EXPECT_FALSE(goTo(folder, {}, seconds));
   }
   std::unique_ptr<ListingsAhead> makeAhead() {
@@ -68,8 +69,8 @@ class ListingsAheadTest : public testing::Test {
         walks, [this] { return asked.room.load(); },
         [this](auto& request, Entries* entries) { return asked.fetch(request, entries); });
   }
-  // Both threads have come to rest: what they fetched is here, and is as old as the clock says.
-  void waitUntilKept() { clock.waitForSleepers(2); }
+  // All threads have come to rest: what they fetched is here, and is as old as the clock says.
+  void waitUntilKept() { clock.waitForSleepers(3); }
   // What was ever begun, once no more can be.
   std::vector<std::string> allBegun() {
     ahead.reset();
@@ -172,6 +173,7 @@ TEST_F(ListingsAheadTest, WhereNoSessionIsToBeHadNoneIsAskedForForAWhile) {
   goTo("/", foldersNamed({"a", "b", "c", "d", "e", "f", "g", "h", "i", "j", "k", "l", "m", "n", "o", "p"}));
   for (const char* folder : {"/a", "/b", "/c"}) goTo(folder);
   ASSERT_TRUE(asked.waitUntilCalledOff(2));
+  waitUntilKept();
   for (char name = 'd'; name < 'o'; ++name) {
     EXPECT_FALSE(goTo(std::string("/") + name));
     clock.advance(AheadLimits::kMostSecondsOld + 0.5);
@@ -282,6 +284,27 @@ TEST_F(ListingsAheadTest, NothingIsBegunAtTheEnd) {
   EXPECT_THAT(asked.begun(), IsEmpty());
 }
 
+TEST_F(ListingsAheadTest, AnEndlessListingThatNobodyAsksForIsBrokenOff) {
+  asked.isSlow = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.server.waitUntilEntered(2));
+  clock.waitForSleepers(1);
+  clock.advance(AheadLimits::kMostSecondsFetching + 2 * AheadLimits::kALittle);
+  ASSERT_TRUE(asked.waitUntilBrokenOff(2));
+  EXPECT_EQ(ahead->count(), 0u);
+}
+
+TEST_F(ListingsAheadTest, AfterTheWhileSessionsAreAskedForAgain) {
+  asked.hasNoSession = true;
+  walkToTheThird();
+  ASSERT_TRUE(asked.waitUntilCalledOff(2));
+  waitUntilKept();
+  clock.advance(AheadLimits::kFirstPause + 1);
+  // Some are passed besides, since the first ones were of no use.
+  for (char name = 'd'; name < 'l'; ++name) goTo(std::string("/") + name);
+  EXPECT_TRUE(asked.waitUntilCalledOff(3));
+}
+
 // A pool whose server takes a moment for each listing; "/" holds eight folders.
 class PoolAhead : public testing::Test {
  protected:
@@ -332,6 +355,7 @@ class PoolAhead : public testing::Test {
     return dynamic_cast<const PooledConnection&>(connection).core()->listingsAhead.count();
   }
   static void walkToTheThird(AbstractConnection& connection) {
+    connection.setTakesAhead(true);
     EXPECT_EQ(list(connection, "/"), 8u);
     for (const char* folder : {"/a", "/b", "/c"}) EXPECT_EQ(list(connection, folder), 1u);
   }
@@ -423,6 +447,16 @@ TEST_F(PoolAhead, NothingIsListedAheadWhereSessionsAreFew) {
     EXPECT_EQ(aheadOf(connection), 0u);
   });
   small.pool->shutDown();
+}
+
+TEST_F(PoolAhead, WhoWantsToKnowWhatIsThereNowAsksTheServer) {
+  fake.with([this](AbstractConnection& connection) {
+    walkToTheThird(connection);
+    ASSERT_TRUE(waitUntilListed(6));
+    connection.setTakesAhead(false);
+    EXPECT_EQ(list(connection, "/d"), 1u);
+  });
+  EXPECT_EQ(listingsOf("/d"), 2);
 }
 
 TEST_F(PoolAhead, AnEngineWithWaysOfItsOwnIsLeftToThem) {

@@ -87,6 +87,7 @@ CallVerdict ScriptedConnection::deliver(Course& course, const std::string& conte
 bool ScriptedConnection::downloadFileAtPath(std::string_view path, NSFileHandle& toFileHandle,
                                             uint64_t byteOffset, uint64_t* bytesTransferred,
                                             NSErrorRef* error) {
+  iState->iLastTookAhead = iTakesAhead;
   Course course{"downloadFileAtPath", std::string(path), byteOffset, 0, 0};
   CallVerdict verdict = beginTransfer(course, {course.path, std::to_string(byteOffset)}, {}, {});
   std::string content;

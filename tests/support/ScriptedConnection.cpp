@@ -128,6 +128,7 @@ std::optional<NSFileAttributes> ScriptedConnection::fileSystemAttributesAtPath(s
 bool ScriptedConnection::contentsAtPath(std::string_view path,
                                         std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                         NSErrorRef* error) {
+  iState->iLastTookAhead = iTakesAhead;
   const CallVerdict verdict = begin("contentsAtPath", {std::string(path)}, path);
   if (!settle(verdict, error)) return false;
   ScriptedServer::ContentsHandler handler;

@@ -47,6 +47,7 @@ class ScriptedConnection final : public AbstractConnection {
   bool flushFileAtPath(std::string_view path, NSErrorRef* error) override;
   bool streamBytesWithFilename(std::string_view filename, std::string_view toPath,
                                ConnectionDelegate& handler, NSErrorRef* error) override;
+  void setTakesAhead(bool takesAhead) override { iTakesAhead = takesAhead; }
   void setShouldCancel(bool shouldCancel) override;
   std::string displayStringForRemoteString(std::string_view bytes) const override;
 
@@ -78,6 +79,7 @@ class ScriptedConnection final : public AbstractConnection {
   std::string absolute(std::string_view path) const;
 
   const std::shared_ptr<ScriptedServer::State> iState;
+  bool iTakesAhead = false;  // of the holder's thread
   const int iNumber;
   const KCUUID iUUID = KCUUID::UUID();
   std::atomic<ConnectionDelegate*> iDelegate{nullptr};

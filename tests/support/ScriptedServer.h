@@ -143,6 +143,8 @@ class ScriptedServer {
   // Volume size and free space; absent (the default): the protocol cannot tell, kQuarnKitNotSupported.
   void setFileSystemAttributes(std::optional<NSFileAttributes> attributes);
   bool exists(std::string_view path) const;
+  // Whether the last listing, or download, might have been one that was fetched ahead.
+  bool lastTookAhead() const;
   // Absent when there is no such file.
   std::optional<std::string> content(std::string_view path) const;
   std::optional<std::string> linkTarget(std::string_view path) const;

@@ -134,6 +134,7 @@ class ScriptedServer::State final : public KCConnectionPool, public std::enable_
   int iMaximumConnections GUARDED_BY(iCondition) = -1;
   std::atomic<TranscriptDelegate*> iTranscriptDelegate{nullptr};
   std::atomic<bool> iKeepsNames{false};
+  std::atomic<bool> iLastTookAhead{false};
   const KCUUID iTranscriptUUID = KCUUID::UUID();
 
  private:

@@ -38,6 +38,15 @@ TEST_F(ConnectionUse, LookUpsInFreshListingsTakeNoConnection) {
   EXPECT_THAT(server.callTexts(), IsEmpty());
 }
 
+TEST_F(ConnectionUse, AListingMayBeOneThatWasFetchedAheadUnlessWhatIsThereNowIsAskedFor) {
+  list("/");
+  list("/docs");
+  EXPECT_TRUE(server.lastTookAhead());
+  fileSystem.nodeForPath("/docs")->setExpired(true);
+  list("/docs");
+  EXPECT_FALSE(server.lastTookAhead());
+}
+
 TEST_F(ConnectionUse, OperationsOfTheFileSystemHaveItAsTheirConnectionsDelegate) {
   server.setKeepsNamesOfNewItems(true);
   list("/docs");
