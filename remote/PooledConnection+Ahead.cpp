@@ -17,6 +17,25 @@ class PooledConnection::ControlAhead final : public TransferControl {
   uint64_t iBytes = 0;
 };
 
+namespace {
+
+// For as long as it lives, the listing of a folder that nobody wants any more is broken off: unlike a
+// transfer it asks nobody whether to go on.
+class Interruptible {
+ public:
+  Interruptible(ListingsAhead::Request& request, std::shared_ptr<Session> session) : iRequest(request) {
+    iRequest.setBreakOff([listing = std::move(session)] { listing->interrupt(); });
+  }
+  ~Interruptible() { iRequest.setBreakOff(nullptr); }
+  Interruptible(const Interruptible&) = delete;
+  Interruptible& operator=(const Interruptible&) = delete;
+
+ private:
+  ListingsAhead::Request& iRequest;
+};
+
+}  // namespace
+
 AheadOutcome PoolCore::listAhead(ListingsAhead::Request& request, ListingsAhead::Entries* entries) {
   // Not an owner, here and below: this object waits for the threads before it goes.
   PooledConnection connection(std::shared_ptr<PoolCore>(std::shared_ptr<PoolCore>(), this));
@@ -32,11 +51,13 @@ AheadOutcome PooledConnection::listAhead(ListingsAhead::Request& request, Listin
   iIsCalledOff = &request.isCalledOff();
   NSErrorRef fault;
   if (!attachForTransfer(&fault)) return AheadOutcome::kNoSession;
-  // A listing cannot be called off otherwise.
-  request.setBreakOff([session = iSession->session] { session->interrupt(); });
-  const bool isListed = request.begins() && iSession->session->list(request.path(), entries, &fault);
-  request.setBreakOff(nullptr);
-  // From here on nobody interrupts the session any more; perhaps somebody has.
+  if (!request.begins()) return AheadOutcome::kFailed;
+  bool isListed = false;
+  {
+    const Interruptible whileListing(request, iSession->session);
+    isListed = iSession->session->list(request.path(), entries, &fault);
+  }
+  // Perhaps it was interrupted when it had ended already.
   if (request.isCalledOff()) dropSession(false);
   if (!isListed) loseSession(fault);
   return isListed ? AheadOutcome::kFetched : AheadOutcome::kFailed;

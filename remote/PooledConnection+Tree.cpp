@@ -24,6 +24,8 @@ std::shared_ptr<KCRemoteFileNode> makeNode(const RemoteEntry& entry, std::string
 
 bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
   const bool isOfAWalk = takesAhead();
+  // Nor is anybody else to be told what was there before.
+  if (!isOfAWalk) walks().changed(folder);
   std::optional<double> seconds;
   if (std::optional<ListingsAhead::Entries> known =
           isOfAWalk ? iCore->listingsAhead.take(folder) : std::nullopt) {

@@ -57,7 +57,8 @@ void Walks::carryOver(const Folder& known, Folder& listed) {
       if (item.isAsked) asked.insert(item.name);
     }
     if (asked.empty()) continue;
-    const std::string_view last = known.last[kind] ? known.items[kind][*known.last[kind]].name : "";
+    const std::optional<size_t> place = known.last[kind];
+    const std::string_view last = place ? std::string_view(known.items[kind][*place].name) : "";
     for (size_t i = 0; i < listed.items[kind].size(); ++i) {
       Known& item = listed.items[kind][i];
       item.isAsked = asked.contains(item.name);

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <future>
+#include <thread>
 
 #include "remote/ListingsAhead.h"
 #include "remote/PooledConnection.h"
@@ -446,6 +446,38 @@ TEST_F(PoolAhead, NothingIsListedAheadWhereSessionsAreFew) {
     walkToTheThird(connection);
     EXPECT_EQ(aheadOf(connection), 0u);
   });
+  small.pool->shutDown();
+}
+
+// A login costs several round trips: one that came too late for its folder is good for the next.
+TEST_F(PoolAhead, ASessionThatCameTooLateStays) {
+  fake.engine->cap = 4;
+  FakePool small(fake.engine);
+  fake.engine->onLogIn = [this](FakeSession& session, NSErrorRef*) {
+    if (session.number > 1) fake.engine->gate.pass();
+    return true;
+  };
+  small.with([this](AbstractConnection& connection) {
+    walkToTheThird(connection);
+    ASSERT_TRUE(fake.engine->gate.waitUntilEntered(2));
+    for (const char* folder : {"/d", "/e"}) EXPECT_EQ(list(connection, folder), 1u);
+  });
+  fake.engine->gate.open();
+  // All that there may be: the walk's own, the two, and one more.
+  Gate holding;
+  std::vector<std::thread> holders;
+  for (int i = 0; i < 4; ++i) {
+    holders.emplace_back([&small, &holding] {
+      const auto connection = small.pool->acquireConnection();
+      EXPECT_TRUE(connection->connect(nullptr));
+      holding.pass();
+      small.pool->releaseConnection(connection);
+    });
+  }
+  EXPECT_TRUE(holding.waitUntilEntered(4));
+  EXPECT_EQ(fake.engine->made, 4);
+  holding.open();
+  for (std::thread& holder : holders) holder.join();
   small.pool->shutDown();
 }
 
