@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
+#include <future>
+#include <memory>
 #include <thread>
 
 #include "platform/userfs/FuseModule.h"
@@ -262,6 +264,21 @@ TEST_F(RedirectMount, LitterThatIsBeingWrittenIsNotGivenARealName) {
   const File file(at("/._draft"), O_WRONLY | O_CREAT);
   EXPECT_EQ(move("/._draft", "/document"), EBUSY);
   EXPECT_FALSE(iFiles.itemAt("/document"));
+}
+
+// The kernel tells the end of a handle somewhat after its close returned.
+TEST_F(RedirectMount, LitterThatIsClosedMeanwhileIsGivenARealName) {
+  mountRedirected();
+  auto file = std::make_unique<File>(at("/._draft"), O_WRONLY | O_CREAT);
+  std::promise<void> moves;
+  auto mover = std::async(std::launch::async, [&] {
+    moves.set_value();
+    return move("/._draft", "/document");
+  });
+  moves.get_future().wait();
+  file.reset();
+  EXPECT_EQ(mover.get(), 0);
+  EXPECT_TRUE(iFiles.itemAt("/document"));
 }
 
 // The mover is told to copy, which every mover does.

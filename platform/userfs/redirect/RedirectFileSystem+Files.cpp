@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 
 #include "platform/userfs/redirect/LocalFile.h"
@@ -16,6 +17,8 @@ namespace ombra {
 namespace {
 
 constexpr size_t kCopyStep = 1024 * 1024;
+// Within that the kernel has told of what was closed.
+constexpr std::chrono::milliseconds kUntilRelease{500};
 // The kernel has seen to the rest: it appends, and checks that a new file is new.
 constexpr int kFlagsOfLocalOpen = O_ACCMODE | O_TRUNC;
 
@@ -108,12 +111,19 @@ void RedirectFileSystem::noteWriter(int descriptor, int change) {
   const MutexLock lock(iLock);
   size_t& count = iWriters[status.st_ino];
   count += static_cast<size_t>(change);
-  if (count == 0) iWriters.erase(status.st_ino);
+  if (count > 0) return;
+  iWriters.erase(status.st_ino);
+  iWritersChange.notify_all();
 }
 
 bool RedirectFileSystem::hasWriters(const struct stat& local) {
+  const auto limit = std::chrono::steady_clock::now() + kUntilRelease;
   const MutexLock lock(iLock);
-  return iWriters.contains(local.st_ino);
+  while (iWriters.contains(local.st_ino)) {
+    if (iWritersChange.wait_until(iLock, limit) == std::cv_status::timeout)
+      return iWriters.contains(local.st_ino);
+  }
+  return false;
 }
 
 int RedirectFileSystem::makeNode(const char* path, mode_t mode, dev_t device) {

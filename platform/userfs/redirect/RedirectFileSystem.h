@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -91,6 +92,7 @@ class RedirectFileSystem {
   int openKept(const std::string& path, const std::string& local, fuse_file_info* file);
   // Handles that may write are counted by file.
   void noteWriter(int descriptor, int change) EXCLUDES(iLock);
+  // Whether it stays so for a moment: the kernel tells the end of a handle somewhat after its close returned.
   bool hasWriters(const struct stat& local) EXCLUDES(iLock);
   int makeKeptFile(const std::string& path, mode_t mode, int* descriptor);
   // Copies the content of a litter file of the lower file system into the store.
@@ -118,6 +120,7 @@ class RedirectFileSystem {
   Mutex iLock;
   std::vector<OpenFolder*> iOpenFolders GUARDED_BY(iLock);
   std::map<ino_t, size_t> iWriters GUARDED_BY(iLock);
+  std::condition_variable_any iWritersChange;  // with iLock
 };
 
 }  // namespace ombra
