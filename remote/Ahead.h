@@ -143,8 +143,6 @@ class Ahead : private AheadLimits {
     forgetOld();
     locked_begin(guessed, room);
   }
-  // How many `begin` takes at most.
-  static constexpr size_t most() { return kMost; }
 
   // How many are under way, or here and not asked for yet.
   size_t count() const EXCLUDES(iCondition) {

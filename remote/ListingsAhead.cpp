@@ -18,8 +18,7 @@ Walks::Listing worthRemembering(const ListingsAhead::Entries& entries) {
     if (entry.type == kNodeTypeFolder) {
       known.add(entry.name, Walks::Kind::kFolder, kAnyDate, std::nullopt);
     } else if (entry.type == kNodeTypeFile && modified) {
-      known.add(entry.name, Walks::Kind::kFile, modified->nanosecondsSince1970() / 1'000'000'000,
-                entry.attributes.fileSize);
+      known.add(entry.name, Walks::Kind::kFile, kc_timespec(*modified).tv_sec, entry.attributes.fileSize);
     }
   }
   return known;
@@ -54,7 +53,7 @@ bool ListingsAhead::listed(std::string_view folder, const Entries& entries, std:
 // Into a folder first, then on to its neighbours, then to the neighbour of the folder around it: no further,
 // since before the ones behind that come the folders in it, which nobody knows yet.
 std::vector<Walks::Item> ListingsAhead::guess(std::string_view folder, bool hasFolders) {
-  constexpr size_t kMost = Ahead<Entries>::most();
+  constexpr size_t kMost = AheadLimits::kMost;
   if (hasFolders) return iWalks.firstIn(folder, Walks::Kind::kFolder, kMost);
   std::vector<Walks::Item> guessed = iWalks.next(folder, Walks::Kind::kFolder, kMost, Walks::Reach::kForward);
   if (guessed.size() < kMost) {

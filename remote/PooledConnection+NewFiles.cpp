@@ -72,7 +72,8 @@ bool PooledConnection::putOffNewFile(const NSFileHandle& handle, const std::stri
   return true;
 }
 
-// What was stored has made the file; else whoever is next makes it. Answers the same again.
+// After each attempt to send something: the folder has changed, and what was stored has made the file, else
+// whoever is next makes it. Answers the same again.
 bool PooledConnection::endOfNewFile(Run& run, bool isStored) {
   walks().changed(run.path);
   if (run.newFile && isStored) run.newFile->done(nullptr);

@@ -179,7 +179,6 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   }
   Run run{Run::Kind::kUpload, ProgressReporter(offset, uploadReport(handle.extents()))};
   const uint64_t length = handle.fileLength();
-  const Walks::Change change(walks(), whole);
   run.path = whole;
   run.heldPath = whole;
   run.heldFile = handle.extents();
@@ -249,7 +248,6 @@ bool PooledConnection::streamBytesWithFilename(std::string_view /*filename*/, st
     return handler.connection(*this, buffer, capacity);
   });
   sessions().letGoOf(whole);
-  const Walks::Change change(walks(), whole);
   // No report: progress is never told during a stream.
   Run run{Run::Kind::kStream, ProgressReporter(0, nullptr), &spool};
   run.path = whole;

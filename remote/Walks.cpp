@@ -22,8 +22,6 @@ constexpr int kMostTrend = 8;
 // that differ.
 constexpr int64_t kUnsettledSeconds = 5;
 
-int64_t secondsOf(const NSDate& date) { return date.nanosecondsSince1970() / 1000000000; }
-
 size_t at(Walks::Kind kind) { return static_cast<size_t>(kind); }
 
 }  // namespace
@@ -138,7 +136,7 @@ std::vector<Walks::Item> Walks::firstIn(std::string_view path, Kind kind, size_t
 std::vector<Walks::Item> Walks::guess(const Folder& folder, Kind kind, std::optional<size_t> last,
                                       size_t count, Reach reach) const {
   const std::vector<Known>& items = folder.items[at(kind)];
-  const int64_t settled = secondsOf(NSDate::date()) - kUnsettledSeconds;
+  const int64_t settled = kc_timespec(NSDate::date()).tv_sec - kUnsettledSeconds;
   const ptrdiff_t step = iTrend[at(kind)] < 0 ? -1 : 1;
   const auto end = static_cast<ptrdiff_t>(items.size());
   // The order is followed only roughly: what was passed over so far may still come.
