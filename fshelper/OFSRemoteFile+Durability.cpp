@@ -303,6 +303,12 @@ bool OFSRemoteFile::isCovered() {
   return idle && (iAbandoned || (iConfirmedGeneration == iLocalGeneration && locked_isSettledInPlace()));
 }
 
+void OFSRemoteFile::waitForTransfer() {
+  const ConditionLock lock(iCondition);
+  const SettleWaiter waiter(*this);
+  while (!iWorkers.empty()) locked_wait();
+}
+
 NSErrorRef OFSRemoteFile::refusal() {
   if (iHeldTransfers != 0) return nullptr;
   const ConditionLock lock(iCondition);

@@ -157,6 +157,8 @@ class OFSRemoteFile final : public GMOpenFile,
   bool hasBeenChanged() EXCLUDES(iCondition);
   // True when nothing written is missing on the server and no transfer runs. Never waits for a transfer.
   bool isCovered() EXCLUDES(iCondition);
+  // Waits until no transfer runs, however it ends.
+  void waitForTransfer() EXCLUDES(iCondition);
   // Why the server does not take what was written: the last synchronisation was told so, and nothing was
   // written since. Null where it may still be sent, and where another attempt may help (no connection).
   NSErrorRef refusal() EXCLUDES(iCondition);

@@ -132,6 +132,9 @@ NSErrorRef OmbraFileSystem::obstacleTo(const OFSNodeFileTable::Entry& entry) {
   if (entry.refusal != nullptr) return entry.refusal;
   if (isOutdated(entry)) return ofs_supersededError();
   if (!entry.isDetached) return nullptr;
+  // What is still on its way would be found on the server and be taken for somebody else's.
+  entry.file->waitForTransfer();
+  if (entry.file->isCovered()) return nullptr;
   const std::string folder = stringByDeletingLastPathComponent(pathForRemotePath(entry.file->remotePath()));
   const std::shared_ptr<KCRemoteFileNode> parent = nodeForPath(folder);
   if (parent != nullptr) parent->setExpired(true);

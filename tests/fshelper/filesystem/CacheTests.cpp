@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "fshelper/OFSRemoteFile.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
@@ -160,6 +161,8 @@ class Unsent : public Cache {
     const GMUserData file = create(path);
     refuseUploads();
     fileSystem.writeFileAtPath(path, file, text.data(), text.size(), 0, nullptr);
+    // What the write has started ends refused, and does not go on when the server accepts uploads again.
+    while (std::dynamic_pointer_cast<OFSRemoteFile>(file)->state() != kOFSSettled) std::this_thread::yield();
     server.waitUntilAllReleased();
     return file;
   }

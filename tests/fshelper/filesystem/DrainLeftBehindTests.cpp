@@ -99,6 +99,31 @@ TEST_F(Drain, AFileThatIsBeingSentDoesNotGetOverANewerOne) {
   EXPECT_THAT(contentsOf(fileSystem.drainAll()), UnorderedElementsAre("old"));
 }
 
+TEST_F(Drain, DoesNotTakeForSomebodyElsesWhatItIsSendingItself) {
+  gStreamingSupported = false;
+  const GMUserData other = writeRefused("/other.txt", "other");
+  server.stopFailing();
+  const GMUserData old = create(kPath);
+  const auto answer = server.hold("uploadFileAtPath", kPath, kAtEnd);
+  ASSERT_EQ(write(kPath, old, "old"), 3);
+  ASSERT_TRUE(answer->waitUntilHeld());
+  server.removeItem(kPath);
+  makeStale("/");
+  list("/");
+  // The upload has arrived, and only its answer has not. That the other file is being sent shows that the end
+  // of the volume has begun.
+  server.addFile(kPath, "old");
+  const auto begun = server.hold("uploadFileAtPath", "/other.txt");
+  const std::jthread answering([&answer, &begun] {
+    begun->waitUntilHeld();
+    answer->release();
+    begun->release();
+  });
+  EXPECT_THAT(fileSystem.drainAll(), IsEmpty());
+  EXPECT_EQ(server.content(kPath), "old");
+  EXPECT_EQ(server.content("/other.txt"), "other");
+}
+
 TEST_F(Drain, KeepsWhatWasLeftBehindAsideWhereSomebodyElsesFileIsNotListedYet) {
   leaveOldBehind();
   server.addFile(kPath, "another's");
