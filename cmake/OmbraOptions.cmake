@@ -5,6 +5,8 @@ set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/bin)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+# Where sources are compiled together, templates that many of them use are compiled once for all of these.
+set(CMAKE_UNITY_BUILD_BATCH_SIZE 16)
 
 option(OMBRA_TESTS "Build the tests" ON)
 option(OMBRA_BENCH "Build the benchmarks" ON)

@@ -29,13 +29,6 @@ class NoBytes final : public ConnectionDelegate {
   bool connection(AbstractConnection&, const TrustQuestion&) override { return true; }
 };
 
-RemoteEntry entryNamed(const std::string& name, uint32_t type) {
-  RemoteEntry entry;
-  entry.name = name;
-  entry.type = type;
-  return entry;
-}
-
 Entries foldersNamed(std::initializer_list<const char*> names) {
   Entries entries;
   for (const char* name : names) entries.push_back(entryNamed(name, kNodeTypeFolder));

@@ -13,13 +13,6 @@ namespace {
 using testing::ElementsAre;
 using Nodes = std::vector<std::shared_ptr<KCRemoteFileNode>>;
 
-RemoteEntry entryNamed(std::string name, uint32_t type = kNodeTypeFile) {
-  RemoteEntry entry;
-  entry.name = std::move(name);
-  entry.type = type;
-  return entry;
-}
-
 void listing(FakeEngine& engine, const std::vector<RemoteEntry>& listed) {
   engine.onList = [listed](FakeSession&, const std::string&, std::vector<RemoteEntry>* entries, NSErrorRef*) {
     *entries = listed;

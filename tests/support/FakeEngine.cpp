@@ -6,6 +6,13 @@
 
 namespace ombra {
 
+RemoteEntry entryNamed(std::string name, uint32_t type) {
+  RemoteEntry entry;
+  entry.name = std::move(name);
+  entry.type = type;
+  return entry;
+}
+
 void Gate::pass(const std::function<bool()>& interrupted) {
   WatchedLock lock(iCondition);
   ++iEntered;

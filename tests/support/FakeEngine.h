@@ -35,6 +35,9 @@ class Gate {
 
 class FakeSession;
 
+// What a server lists under `name`, with nothing else known of it.
+RemoteEntry entryNamed(std::string name, uint32_t type = kNodeTypeFile);
+
 // Hooks are set before sessions are used; each is called without a lock, on the thread of the call. One that
 // is not set succeeds in the simplest way.
 class FakeEngine final : public Engine {

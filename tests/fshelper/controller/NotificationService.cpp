@@ -9,7 +9,7 @@
 namespace ombra {
 namespace {
 
-constexpr const char* kName = "org.freedesktop.Notifications";
+constexpr const char* kServiceName = "org.freedesktop.Notifications";
 constexpr const char* kObject = "/org/freedesktop/Notifications";
 
 int tellCapabilities(sd_bus_message* call, void* service, sd_bus_error*) {
@@ -64,8 +64,8 @@ void NotificationService::run() {
   sd_bus_set_address(bus, iAddress.c_str());
   sd_bus_set_bus_client(bus, 1);
   const bool ready = sd_bus_start(bus) >= 0 &&
-                     sd_bus_add_object_vtable(bus, nullptr, kObject, kName, kService, this) >= 0 &&
-                     sd_bus_request_name(bus, kName, 0) >= 0;
+                     sd_bus_add_object_vtable(bus, nullptr, kObject, kServiceName, kService, this) >= 0 &&
+                     sd_bus_request_name(bus, kServiceName, 0) >= 0;
   iReady.set_value(ready);
   pollfd waiting[2]{{sd_bus_get_fd(bus), 0, 0}, {iStop, POLLIN, 0}};
   while (waiting[1].revents == 0) {

@@ -12,6 +12,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "fshelper/OFSRemoteFile.h"
@@ -131,10 +133,12 @@ class RemoteFileTest : public ::testing::Test {
   // limit from there would have too much.
   void advanceWithin(double seconds) { clock->advanceWithin(seconds, 1); }
 
-  // Runs on a thread of its own.
+  // Runs on a thread of its own. By way of one type for each result: a hundred kinds of threads take the
+  // compilers half a minute.
   template <typename Body>
   static auto inBackground(Body&& body) {
-    return std::async(std::launch::async, std::forward<Body>(body));
+    using Result = std::invoke_result_t<Body&>;
+    return std::async(std::launch::async, std::function<Result()>(std::forward<Body>(body)));
   }
   // The result of such a thread; ends the whole program when it hangs, since it cannot be taken back.
   template <typename Result>

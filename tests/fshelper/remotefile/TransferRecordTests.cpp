@@ -9,7 +9,7 @@ namespace ombra {
 namespace {
 
 using Direction = OFSTransferRecord::Direction;
-using Ledger = OFSTransferRecord::Ledger;
+using StoredState = OFSTransferRecord::Ledger;
 
 NSErrorRef lost() { return QuarnKitError::errorWithCode(kQuarnKitConnectionLost); }
 
@@ -82,7 +82,7 @@ class TransferRecord : public ::testing::Test {
 TEST_F(TransferRecord, OfAFileThatDoesNothingIsEmpty) {
   const auto snapshot = record.snapshot();
   EXPECT_FALSE(snapshot.running);
-  EXPECT_EQ(snapshot.ledger, Ledger::kCovered);
+  EXPECT_EQ(snapshot.ledger, StoredState::kCovered);
   EXPECT_EQ(snapshot.perSecond, std::nullopt);
   EXPECT_EQ(totals->lastFailure(), std::nullopt);
 }
@@ -164,13 +164,13 @@ TEST_F(TransferRecord, KnowsWhenSomebodyWaitsForTheLastBytes) {
 
 TEST_F(TransferRecord, KeepsTheReasonOfAnUploadThatFailedUntilTheServerHasTheFile) {
   record.begin(Direction::kUpload);
-  record.setLedger(Ledger::kUnsent);
+  record.setLedger(StoredState::kUnsent);
   record.end("/docs/a", lost());
   EXPECT_EQ(record.snapshot().failure, lost()->localizedDescription());
   ASSERT_TRUE(totals->lastFailure());
   EXPECT_EQ(totals->lastFailure()->path, "/docs/a");
   EXPECT_EQ(totals->lastFailure()->date, clock.now());
-  record.setLedger(Ledger::kCovered);
+  record.setLedger(StoredState::kCovered);
   EXPECT_EQ(record.snapshot().failure, "");
   EXPECT_TRUE(totals->lastFailure()) << "the volume's last error stays";
 }
