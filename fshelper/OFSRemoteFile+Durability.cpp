@@ -299,14 +299,19 @@ bool OFSRemoteFile::hasBeenChanged() {
 bool OFSRemoteFile::isCovered() {
   if (iHeldTransfers != 0) return false;
   const ConditionLock lock(iCondition);
+  return locked_isCovered();
+}
+
+bool OFSRemoteFile::locked_isCovered() const {
   const bool idle = iWorkers.empty() && (iState == kOFSSettled || iState == kOFSNew);
   return idle && (iAbandoned || (iConfirmedGeneration == iLocalGeneration && locked_isSettledInPlace()));
 }
 
-void OFSRemoteFile::waitForTransfer() {
+bool OFSRemoteFile::isCoveredOnceIdle() {
   const ConditionLock lock(iCondition);
   const SettleWaiter waiter(*this);
   while (!iWorkers.empty()) locked_wait();
+  return locked_isCovered();
 }
 
 NSErrorRef OFSRemoteFile::refusal() {

@@ -157,8 +157,9 @@ class OFSRemoteFile final : public GMOpenFile,
   bool hasBeenChanged() EXCLUDES(iCondition);
   // True when nothing written is missing on the server and no transfer runs. Never waits for a transfer.
   bool isCovered() EXCLUDES(iCondition);
-  // Waits until no transfer runs, however it ends.
-  void waitForTransfer() EXCLUDES(iCondition);
+  // The same, once no transfer runs any more, however it has ended; a stream ends for it. Without a limit of
+  // its own.
+  bool isCoveredOnceIdle() EXCLUDES(iCondition);
   // Why the server does not take what was written: the last synchronisation was told so, and nothing was
   // written since. Null where it may still be sent, and where another attempt may help (no connection).
   NSErrorRef refusal() EXCLUDES(iCondition);
@@ -345,6 +346,7 @@ class OFSRemoteFile final : public GMOpenFile,
   void locked_confirmInPlace() REQUIRES(iCondition);
   // Whether the server has acknowledged all that was sent in place.
   bool locked_isSettledInPlace() const REQUIRES(iCondition);
+  bool locked_isCovered() const REQUIRES(iCondition);
   bool locked_finishInPlace(StAbstractConnection& holder, NSErrorRef* error) REQUIRES(iCondition);
   // A transfer begins that replaces the whole file: until it has succeeded, nobody knows what the server has.
   void locked_doubtServer() REQUIRES(iCondition);

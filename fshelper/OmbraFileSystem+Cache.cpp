@@ -130,11 +130,12 @@ bool OmbraFileSystem::isOutdated(const OFSNodeFileTable::Entry& entry) const {
 NSErrorRef OmbraFileSystem::obstacleTo(const OFSNodeFileTable::Entry& entry) {
   // The program was told, and has seen since what the server has instead.
   if (entry.refusal != nullptr) return entry.refusal;
+  if (entry.isOutdated) return ofs_supersededError();
+  // What is still on its way is found on the server, at the latest by a listing for another file, and would
+  // be taken for somebody else's.
+  if (entry.file->isCoveredOnceIdle()) return nullptr;
   if (isOutdated(entry)) return ofs_supersededError();
   if (!entry.isDetached) return nullptr;
-  // What is still on its way would be found on the server and be taken for somebody else's.
-  entry.file->waitForTransfer();
-  if (entry.file->isCovered()) return nullptr;
   const std::string folder = stringByDeletingLastPathComponent(pathForRemotePath(entry.file->remotePath()));
   const std::shared_ptr<KCRemoteFileNode> parent = nodeForPath(folder);
   if (parent != nullptr) parent->setExpired(true);

@@ -3,7 +3,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <thread>
 
 #include "fshelper/OFSRemoteFile.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
@@ -162,7 +161,7 @@ class Unsent : public Cache {
     refuseUploads();
     fileSystem.writeFileAtPath(path, file, text.data(), text.size(), 0, nullptr);
     // What the write has started ends refused, and does not go on when the server accepts uploads again.
-    while (std::dynamic_pointer_cast<OFSRemoteFile>(file)->state() != kOFSSettled) std::this_thread::yield();
+    waitUntilSettled(file);
     server.waitUntilAllReleased();
     return file;
   }

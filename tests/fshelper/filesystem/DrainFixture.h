@@ -47,7 +47,7 @@ class Drain : public FileSystemTest {
     refuseUploads();
     fileSystem.writeFileAtPath(path, file, text.data(), text.size(), 0, nullptr);
     // What the write has started ends refused, and does not go on when the server accepts uploads again.
-    while (std::dynamic_pointer_cast<OFSRemoteFile>(file)->state() != kOFSSettled) std::this_thread::yield();
+    waitUntilSettled(file);
     server.waitUntilAllReleased();
     return file;
   }

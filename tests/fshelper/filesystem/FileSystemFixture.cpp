@@ -3,8 +3,10 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
+#include <thread>
 
 #include "fshelper/OFSRemoteFile.h"
 #include "fshelper/OFSRemoteFileLocalCalls.h"
@@ -196,6 +198,14 @@ int FileSystemTest::write(std::string_view path, const GMUserData& file, const s
 std::shared_ptr<OFSRemoteFile> FileSystemTest::fileOnNode(std::string_view path) {
   const std::shared_ptr<KCRemoteFileNode> node = fileSystem._nodeForPath(path);
   return node == nullptr ? nullptr : ofs_remoteFile(*node);
+}
+
+void FileSystemTest::waitUntilSettled(const GMUserData& file) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (std::dynamic_pointer_cast<OFSRemoteFile>(file)->state() != kOFSSettled) {
+    ASSERT_LT(std::chrono::steady_clock::now(), limit) << "the transfer does not end";
+    std::this_thread::yield();
+  }
 }
 
 int64_t FileSystemTest::underlyingCode() const {

@@ -91,6 +91,8 @@ class FileSystemTest : public ::testing::Test {
   GMUserData open(std::string_view path, int mode = kO_RDWR);
   int write(std::string_view path, const GMUserData& file, const std::string& text, int64_t offset = 0);
   std::shared_ptr<OFSRemoteFile> fileOnNode(std::string_view path);
+  // Until what a write has started has ended; fails the test after 30 s.
+  static void waitUntilSettled(const GMUserData& file);
   // The numbers of the last error and of what lies beneath; 0 for none.
   int64_t code() const { return error == nullptr ? 0 : error->code(); }
   int64_t underlyingCode() const;
