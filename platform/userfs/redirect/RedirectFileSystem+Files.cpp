@@ -116,7 +116,7 @@ void RedirectFileSystem::noteWriter(int descriptor, int change) {
   iWritersChange.notify_all();
 }
 
-bool RedirectFileSystem::hasWriters(const struct stat& local) {
+bool RedirectFileSystem::staysOpenToWrite(const struct stat& local) {
   const auto limit = std::chrono::steady_clock::now() + kUntilRelease;
   const MutexLock lock(iLock);
   while (iWriters.contains(local.st_ino)) {

@@ -101,7 +101,7 @@ int RedirectFileSystem::bringToServer(const std::string& from, const std::string
   if (lstat(local->c_str(), &source) != 0) return -errno;
   if (!S_ISREG(source.st_mode)) return -EXDEV;
   // What is written to it from now on would not get to the server.
-  if (hasWriters(source)) return -EBUSY;
+  if (staysOpenToWrite(source)) return -EBUSY;
   const auto replaced = below(to);
   if (replaced && S_ISDIR(replaced->st_mode)) return -EISDIR;
   // What is replaced must not be lost with a copy that fails half way.

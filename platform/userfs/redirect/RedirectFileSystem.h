@@ -92,8 +92,9 @@ class RedirectFileSystem {
   int openKept(const std::string& path, const std::string& local, fuse_file_info* file);
   // Handles that may write are counted by file.
   void noteWriter(int descriptor, int change) EXCLUDES(iLock);
-  // Whether it stays so for a moment: the kernel tells the end of a handle somewhat after its close returned.
-  bool hasWriters(const struct stat& local) EXCLUDES(iLock);
+  // Whether one that may write stays open for half a second: the kernel tells the end of a handle somewhat
+  // after its close returned.
+  bool staysOpenToWrite(const struct stat& local) EXCLUDES(iLock);
   int makeKeptFile(const std::string& path, mode_t mode, int* descriptor);
   // Copies the content of a litter file of the lower file system into the store.
   int takeUp(const std::string& path, const struct stat& attributes);
