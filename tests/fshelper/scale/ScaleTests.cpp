@@ -10,16 +10,6 @@
 #include "fshelper/OFSNodeFileTable.h"
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
 
-// The sanitizers' allocators are not those whose memory is counted here, and their times are nobody's.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OMBRA_IS_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define OMBRA_IS_SANITIZED 1
-#endif
-#endif
-#ifndef OMBRA_IS_SANITIZED
-
 namespace ombra {
 namespace {
 
@@ -164,5 +154,3 @@ TEST_F(LargeTree, AnOpenFileAmongThousandsCostsAsMuchAsTheFirst) {
 
 }  // namespace
 }  // namespace ombra
-
-#endif
