@@ -9,6 +9,13 @@
 #include "remote/RetryPauses.h"
 
 namespace ombra {
+namespace {
+// A turn of a download that gives way is this many times as long as it took to begin, but not longer than so
+// many seconds: what goes from turn to turn at once brings hardly anything over a long way.
+constexpr double kTurnByItsBeginning = 4;
+constexpr double kLongestTurn = 1;
+}  // namespace
+
 // Stands between an engine and the program's delegate.
 class PooledConnection::Control final : public TransferControl {
  public:
@@ -18,6 +25,7 @@ class PooledConnection::Control final : public TransferControl {
 
   void progress(uint64_t bytesReached) override {
     iRun.moved = true;
+    if (!iFirstBytes) iFirstBytes = NSDate::date();
     iRun.reporter.reached(bytesReached);
   }
 
@@ -43,11 +51,19 @@ class PooledConnection::Control final : public TransferControl {
   // Only after a piece of its own, so that each turn brings the download forward.
   bool mustGiveWay() const {
     return iRun.kind == Run::Kind::kDownload && iRun.reporter.bytes() > iRun.sessionStart &&
-           iConnection.sessions().othersWait() && !iConnection.isAwaited();
+           iConnection.sessions().othersWait() && !iConnection.isAwaited() && wasWorthItsBeginning();
+  }
+  bool wasWorthItsBeginning() const {
+    if (!iFirstBytes) return true;
+    const double toBegin = iFirstBytes->timeIntervalSinceDate(iBegun);
+    return NSDate::date().timeIntervalSinceDate(*iFirstBytes) >=
+           std::min(kTurnByItsBeginning * toBegin, kLongestTurn);
   }
 
   PooledConnection& iConnection;
   Run& iRun;
+  const NSDate iBegun = NSDate::date();
+  std::optional<NSDate> iFirstBytes;
 };
 
 ProgressReporter::Report PooledConnection::progressReport() {

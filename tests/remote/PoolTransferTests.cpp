@@ -244,6 +244,7 @@ TEST(PoolTransfers, ACallThatWantsATransferGivesItsSessionBackBeforeItWaits) {
 }
 
 TEST(PoolTransfers, ADownloadThatNobodyWaitsForGivesWayAndGoesOnWhereItWas) {
+  const ManualClock clock;  // a turn ends when it was worth its beginning, which took no time
   FakePool fake;
   fake.pool->setMaximumConnections(1);
   const std::string content(100, 'c');
@@ -270,6 +271,38 @@ TEST(PoolTransfers, ADownloadThatNobodyWaitsForGivesWayAndGoesOnWhereItWas) {
   EXPECT_THAT(offsets, ElementsAre(0u, 10u));
   EXPECT_EQ(fake.engine->made, 1) << "the paused session is the one that listed";
 }
+
+// A turn of a download that gives way, of which it takes `toBegin` seconds until the first bytes come.
+void expectTurnOf(double seconds, double toBegin) {
+  ManualClock clock;
+  FakePool fake;
+  fake.pool->setMaximumConnections(1);
+  fake.engine->onDownload = [&](FakeSession&, NSFileHandle& to, uint64_t offset, std::string*,
+                                TransferControl& control, NSErrorRef* error) {
+    if (offset > 0) return deliver("0123456789", 1, 10, to, offset, control, error);
+    clock.advance(toBegin);
+    EXPECT_TRUE(deliver("0123456789", 1, 5, to, 0, control, error));
+    fake.engine->gate.pass();
+    clock.advance(seconds - 0.01);
+    EXPECT_FALSE(control.shouldCancel());
+    clock.advance(0.02);
+    EXPECT_TRUE(control.shouldCancel());
+    return failWith(kQuarnKitCancelled, error);
+  };
+  Watcher watcher;
+  watcher.isAwaited = false;
+  std::thread downloading([&] { EXPECT_EQ(download(fake, &watcher).content, "0123456789"); });
+  ASSERT_TRUE(fake.engine->gate.waitUntilEntered(1));
+  std::thread listing([&] { EXPECT_TRUE(fake.list()); });
+  while (!fake.pool->sessions().othersWait()) std::this_thread::yield();
+  fake.engine->gate.open();
+  listing.join();
+  downloading.join();
+}
+
+TEST(PoolTransfers, ADownloadDoesNotGiveWayBeforeItsTurnWasWorthItsBeginning) { expectTurnOf(0.4, 0.1); }
+
+TEST(PoolTransfers, ADownloadGivesWayAfterASecondHoweverLongItsBeginningTook) { expectTurnOf(1, 3); }
 
 TEST(PoolTransfers, ADownloadThatSomebodyWaitsForKeepsItsSession) {
   FakePool fake;
