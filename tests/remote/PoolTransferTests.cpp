@@ -243,6 +243,14 @@ TEST(PoolTransfers, ACallThatWantsATransferGivesItsSessionBackBeforeItWaits) {
   second.join();
 }
 
+// Lists while a download stands at the gate, which opens once the listing waits in line.
+void listWhileAtTheGate(FakePool& fake) {
+  std::thread listing([&] { EXPECT_TRUE(fake.list()); });
+  while (!fake.pool->sessions().othersWait()) std::this_thread::yield();
+  fake.engine->gate.open();
+  listing.join();
+}
+
 TEST(PoolTransfers, ADownloadThatNobodyWaitsForGivesWayAndGoesOnWhereItWas) {
   const ManualClock clock;  // a turn ends when it was worth its beginning, which took no time
   FakePool fake;
@@ -261,10 +269,7 @@ TEST(PoolTransfers, ADownloadThatNobodyWaitsForGivesWayAndGoesOnWhereItWas) {
   DownloadResult result;
   std::thread downloading([&] { result = download(fake, &watcher); });
   ASSERT_TRUE(fake.engine->gate.waitUntilEntered(1));
-  std::thread listing([&] { EXPECT_TRUE(fake.list()); });
-  while (!fake.pool->sessions().othersWait()) std::this_thread::yield();
-  fake.engine->gate.open();
-  listing.join();
+  listWhileAtTheGate(fake);
   downloading.join();
   EXPECT_TRUE(result.done);
   EXPECT_EQ(result.content, content);
@@ -293,10 +298,7 @@ void expectTurnOf(double seconds, double toBegin) {
   watcher.isAwaited = false;
   std::thread downloading([&] { EXPECT_EQ(download(fake, &watcher).content, "0123456789"); });
   ASSERT_TRUE(fake.engine->gate.waitUntilEntered(1));
-  std::thread listing([&] { EXPECT_TRUE(fake.list()); });
-  while (!fake.pool->sessions().othersWait()) std::this_thread::yield();
-  fake.engine->gate.open();
-  listing.join();
+  listWhileAtTheGate(fake);
   downloading.join();
 }
 
@@ -318,11 +320,8 @@ TEST(PoolTransfers, ADownloadThatSomebodyWaitsForKeepsItsSession) {
   Watcher watcher;
   std::thread downloading([&] { EXPECT_TRUE(download(fake, &watcher).done); });
   ASSERT_TRUE(fake.engine->gate.waitUntilEntered(1));
-  std::thread listing([&] { EXPECT_TRUE(fake.list()); });
-  while (!fake.pool->sessions().othersWait()) std::this_thread::yield();
-  fake.engine->gate.open();
+  listWhileAtTheGate(fake);
   downloading.join();
-  listing.join();
   EXPECT_EQ(downloads, 1);
 }
 
