@@ -26,12 +26,16 @@ namespace ombra {
 struct AheadLimits {
   // Under way, or here and not asked for yet. Each takes a session.
   static constexpr size_t kMost = 4;
-  // From the moment at which an answer came to the one at which it is asked for.
+  // From the moment at which an answer came to the one at which it is asked for; and where the server takes
+  // less than kFarSeconds for one, so that little is lost when it is asked again.
   static constexpr double kMostSecondsOld = 1.0;
+  static constexpr double kMostSecondsOldNearby = 0.1;
+  static constexpr double kFarSeconds = 0.008;
   // What is being fetched for so long, and nobody has asked for, is broken off: it may be endless.
   static constexpr double kMostSecondsFetching = 10.0;
-  // A server that answers sooner is asked one question after the other: sessions cost more than they gain.
-  static constexpr double kWorthwhileSeconds = 0.008;
+  // A server that answers sooner is asked one question after the other: to hand an answer from thread to
+  // thread takes as long.
+  static constexpr double kWorthwhileSeconds = 0.0002;
   // Questions that are passed before the next attempt, after a failure or when nothing was asked for in time.
   static constexpr int kPassed = 8;
   // The pause after a session that was not to be had; doubled each time, up to the most. Some servers lock
@@ -99,6 +103,7 @@ class Ahead : private AheadLimits {
     {
       const ConditionLock lock(iCondition);
       threads.swap(iThreads);
+      if (iWatcher.joinable()) threads.push_back(std::move(iWatcher));
     }
     for (std::thread& thread : threads) thread.join();
   }
@@ -117,7 +122,7 @@ class Ahead : private AheadLimits {
     locked_begin(next, room);
     if (request == nullptr) return std::nullopt;
     if (request->iState == State::kBeingFetched) iMost = std::min(iMost + 1, kMost);
-    while (request->iState == State::kBeingFetched && !(stops && stops())) iCondition.wait();
+    while (request->iState == State::kBeingFetched && !(stops && stops())) iAnswered.wait(iCondition);
     if (request->iState != State::kFetched || iWalks.isAffected(path, request->iChanges)) {
       // Without a session yet: whoever asks has a place of his own in the line for them, ahead of this one's.
       if (isWaiting(*request)) fetchFewer();
@@ -150,6 +155,15 @@ class Ahead : private AheadLimits {
     return iRequests.size();
   }
 
+  // How many of them have not come yet.
+  size_t underWay() const EXCLUDES(iCondition) {
+    const ConditionLock lock(iCondition);
+    return static_cast<size_t>(
+        std::count_if(iRequests.begin(), iRequests.end(), [](const RequestRef& request) {
+          return request->iState != State::kFetched && request->iState != State::kFailed;
+        }));
+  }
+
   // What `isMeant` picks is not handed out any more. Called with the lock held.
   void callOff(const std::function<bool(const std::string& path)>& isMeant) EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
@@ -165,13 +179,15 @@ class Ahead : private AheadLimits {
   // Those who wait look whether they are to stop.
   void wake() EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
-    iCondition.broadcast();
+    iAnswered.wakeAll();
   }
   // Nothing is begun any more, and what is under way has been called off.
   void stop() EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
     iIsStopped = true;
     for (const RequestRef& request : iRequests) request->iIsCalledOff = true;
+    iAnswered.wakeAll();
+    iIsWanted.wakeAll();
     iCondition.broadcast();
   }
 
@@ -195,14 +211,13 @@ class Ahead : private AheadLimits {
 
   void locked_begin(const std::vector<Walks::Item>& guessed, size_t room) REQUIRES(iCondition) {
     if (!mayBegin()) return;
-    bool isNew = false;
     for (const Walks::Item& next : guessed) {
       if (iRequests.size() >= std::min(iMost, room)) break;
       if (find(next.path) != iRequests.end() || !hasThread()) continue;
       iRequests.push_back(std::make_shared<Request>(*this, next.path));
-      isNew = true;
+      iIsWanted.wakeOne();
+      watchFor(*iRequests.back());
     }
-    if (isNew) iCondition.broadcast();
   }
 
   static bool isWaiting(const Request& request) {
@@ -219,23 +234,28 @@ class Ahead : private AheadLimits {
     return left > 0 && left <= kMostPause;
   }
 
+  double mostSecondsOld() const REQUIRES(iCondition) {
+    return iSeconds < kFarSeconds ? kMostSecondsOldNearby : kMostSecondsOld;
+  }
+
   // What is being fetched is rather waited for: to ask anew takes longer.
-  static double mostSeconds(const Request& request) {
-    return request.iState == State::kBeingFetched ? kMostSecondsFetching : kMostSecondsOld;
+  static double mostSeconds(const Request& request, double mostOld) {
+    return request.iState == State::kBeingFetched ? kMostSecondsFetching : mostOld;
   }
 
   // Whether it has been in its state for too long.
-  static bool isOld(const Request& request, const NSDate& now) {
+  static bool isOld(const Request& request, const NSDate& now, double mostOld) {
     const double age = now.timeIntervalSinceDate(request.iSince);
     // A clock that was set back tells nothing.
-    return age < 0 || age > mostSeconds(request);
+    return age < 0 || age > mostSeconds(request, mostOld);
   }
 
   // What nobody has asked for in time: the guesses are wrong, or the program is slow.
   void forgetOld() REQUIRES(iCondition) {
     const NSDate now = NSDate::date();
-    const size_t forgotten = std::erase_if(iRequests, [&now](const RequestRef& request) {
-      if (!isOld(*request, now)) return false;
+    const double mostOld = mostSecondsOld();
+    const size_t forgotten = std::erase_if(iRequests, [&now, mostOld](const RequestRef& request) {
+      if (!isOld(*request, now, mostOld)) return false;
       request->iIsCalledOff = true;
       if (request->iBreakOff) request->iBreakOff();
       return true;
@@ -248,16 +268,15 @@ class Ahead : private AheadLimits {
     iMost = std::max<size_t>(iMost - 1, 1);
   }
 
-  // One more for what is wanted, and one that rests: it sees to what takes too long. What was called off may
-  // keep one for a while.
+  // One for what is wanted, and the watcher. What was called off may keep one for a while.
   bool hasThread() REQUIRES(iCondition) {
     const auto wanted =
         static_cast<size_t>(std::count_if(iRequests.begin(), iRequests.end(), [](const RequestRef& request) {
           return request->iState == State::kWanted;
         }));
     try {
-      while (iThreads.size() < std::min(iBusy + wanted + 1, kMost) + 1)
-        iThreads.emplace_back([this] { work(); });
+      if (!iWatcher.joinable()) iWatcher = std::thread([this] { watch(); });
+      while (iThreads.size() < std::min(iBusy + wanted + 1, kMost)) iThreads.emplace_back([this] { work(); });
     } catch (const std::system_error&) {
       // Those that are there do it one after the other.
     }
@@ -280,7 +299,7 @@ class Ahead : private AheadLimits {
   bool begins(Request& request) EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
     const NSDate now = NSDate::date();
-    if (request.iIsCalledOff || iIsStopped || isOld(request, now)) return false;
+    if (request.iIsCalledOff || iIsStopped || isOld(request, now, mostSecondsOld())) return false;
     request.iState = State::kBeingFetched;
     request.iSince = now;
     request.iChanges = iWalks.changes();
@@ -293,7 +312,7 @@ class Ahead : private AheadLimits {
     while (!iIsStopped) {
       const RequestRef request = nextWanted();
       if (request == nullptr) {
-        rest();
+        iIsWanted.wait(iCondition);
         continue;
       }
       request->iState = State::kWaitingForSession;
@@ -309,18 +328,28 @@ class Ahead : private AheadLimits {
     iCondition.unlock();
   }
 
-  // Until there is something to do. What nobody asks for any more does not stay in memory.
-  void rest() REQUIRES(iCondition) {
-    std::optional<NSDate> limit;
-    for (const RequestRef& request : iRequests) {
-      const NSDate due = request->iSince.dateByAddingTimeInterval(mostSeconds(*request) + kALittle);
-      limit = std::min(limit.value_or(due), due);
+  NSDate dueDate(const Request& request) const REQUIRES(iCondition) {
+    return request.iSince.dateByAddingTimeInterval(mostSeconds(request, mostSecondsOld()) + kALittle);
+  }
+
+  // Sees to it that what nobody asks for any more does not stay in memory, nor what takes too long under way.
+  void watch() EXCLUDES(iCondition) {
+    NSThread::setName("watching " + iName);
+    const ConditionLock lock(iCondition);
+    while (!iIsStopped) {
+      iWatchedUntil.reset();
+      for (const RequestRef& request : iRequests)
+        iWatchedUntil = std::min(iWatchedUntil.value_or(dueDate(*request)), dueDate(*request));
+      if (!iWatchedUntil) {
+        iCondition.wait();
+      } else if (!iCondition.waitUntilDate(*iWatchedUntil)) {
+        forgetOld();
+      }
     }
-    if (!limit) {
-      iCondition.wait();
-    } else if (!iCondition.waitUntilDate(*limit)) {
-      forgetOld();
-    }
+  }
+
+  void watchFor(const Request& request) REQUIRES(iCondition) {
+    if (!iWatchedUntil || dueDate(request) < *iWatchedUntil) iCondition.broadcast();
   }
 
   // None of what goes wrong here is anybody's failure.
@@ -344,7 +373,8 @@ class Ahead : private AheadLimits {
       iPausedUntil = now.dateByAddingTimeInterval(iPause);
       iPause = std::min(2 * iPause, kMostPause);
     }
-    iCondition.broadcast();
+    iAnswered.wakeAll();
+    watchFor(request);
   }
 
   const std::string iName;
@@ -352,7 +382,9 @@ class Ahead : private AheadLimits {
   const std::function<int()> iRoom;
   const Fetch iFetch;
 
-  mutable NSCondition iCondition;
+  mutable NSCondition iCondition;                            // the watcher waits for it
+  WaitQueue iIsWanted;                                       // those who fetch
+  WaitQueue iAnswered;                                       // those who ask
   std::vector<RequestRef> iRequests GUARDED_BY(iCondition);  // what will be asked for first is the first
   size_t iMost GUARDED_BY(iCondition) = kMost / 2;
   size_t iBusy GUARDED_BY(iCondition) = 0;     // threads
@@ -361,7 +393,10 @@ class Ahead : private AheadLimits {
   NSDate iPausedUntil GUARDED_BY(iCondition);
   double iPause GUARDED_BY(iCondition) = kFirstPause;
   bool iIsStopped GUARDED_BY(iCondition) = false;
-  std::vector<std::thread> iThreads GUARDED_BY(iCondition);  // begun when needed, joined by the destructor
+  // Begun when needed, joined by the destructor:
+  std::vector<std::thread> iThreads GUARDED_BY(iCondition);
+  std::thread iWatcher GUARDED_BY(iCondition);
+  std::optional<NSDate> iWatchedUntil GUARDED_BY(iCondition);
 };
 
 }  // namespace ombra

@@ -28,6 +28,7 @@ class ListingsAhead {
   // comes next on a walk. Whether the folder was not known before.
   bool listed(std::string_view folder, const Entries& entries, std::optional<double> seconds);
   size_t count() const { return iAhead.count(); }
+  size_t underWay() const { return iAhead.underWay(); }
   // Nothing is begun any more.
   void stop() { iAhead.stop(); }
 

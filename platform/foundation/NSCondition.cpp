@@ -37,4 +37,10 @@ void NSCondition::clockMoved() {
   unlock();
 }
 
+void WaitQueue::wait(NSCondition& condition) {
+  std::unique_lock<std::mutex> adopted(condition.iMutex, std::adopt_lock);
+  iCondition.wait(adopted);
+  (void)adopted.release();
+}
+
 }  // namespace ombra

@@ -34,9 +34,29 @@ class CAPABILITY("condition") NSCondition {
   const std::string& name() const { return iName; }
 
  private:
+  friend class WaitQueue;
+
   std::mutex iMutex;
   std::condition_variable iCondition;
   std::string iName;
+};
+
+// Threads that wait with the lock of an NSCondition for something else than its other waiters do, so that a
+// broadcast to either wakes none of the other. Waits may wake early: callers test their predicate again.
+class WaitQueue {
+ public:
+  WaitQueue() = default;
+  WaitQueue(const WaitQueue&) = delete;
+  WaitQueue& operator=(const WaitQueue&) = delete;
+
+  // Releases the lock, sleeps until woken, takes the lock again. `condition` is the same one at each call.
+  void wait(NSCondition& condition) REQUIRES(condition);
+  // Wakes the waiter that came first, or another one.
+  void wakeOne() { iCondition.notify_one(); }
+  void wakeAll() { iCondition.notify_all(); }
+
+ private:
+  std::condition_variable iCondition;
 };
 
 // Holds an NSCondition for a scope.

@@ -38,6 +38,7 @@ Entries foldersNamed(std::initializer_list<const char*> names) {
 class ListingsAheadTest : public testing::Test {
  protected:
   static constexpr double kSlow = 0.1;
+  static constexpr double kNearby = 0.001;
 
   ListingsAheadTest() { asked.answer = {entryNamed("file", kNodeTypeFile)}; }
   ~ListingsAheadTest() override {
@@ -62,8 +63,10 @@ class ListingsAheadTest : public testing::Test {
         walks, [this] { return asked.room.load(); },
         [this](auto& request, Entries* entries) { return asked.fetch(request, entries); });
   }
-  // All threads have come to rest: what they fetched is here, and is as old as the clock says.
-  void waitUntilKept() { clock.waitForSleepers(3); }
+  // What was fetched is here, and is as old as the clock says.
+  void waitUntilKept() {
+    while (ahead->underWay() > 0) std::this_thread::yield();
+  }
   // What was ever begun, once no more can be.
   std::vector<std::string> allBegun() {
     ahead.reset();
@@ -108,8 +111,24 @@ TEST_F(ListingsAheadTest, NothingIsListedForOneWhoLooksAround) {
 }
 
 TEST_F(ListingsAheadTest, AServerThatAnswersAtOnceIsAskedOneQuestionAfterTheOther) {
-  walkToTheThird(0.001);
+  walkToTheThird(0.0001);
   EXPECT_EQ(ahead->count(), 0u);
+}
+
+TEST_F(ListingsAheadTest, AServerNearbyIsAskedAheadToo) {
+  walkToTheThird(kNearby);
+  ASSERT_TRUE(asked.waitUntilEnded(2));
+  EXPECT_TRUE(goTo("/d"));
+}
+
+TEST_F(ListingsAheadTest, WhatCameFromNearbyIsAskedForAnewAfterATenthOfASecond) {
+  walkToTheThird(kNearby);
+  ASSERT_TRUE(asked.waitUntilEnded(2));
+  waitUntilKept();
+  clock.advance(AheadLimits::kMostSecondsOldNearby);
+  EXPECT_TRUE(goTo("/d"));
+  clock.advance(0.001);
+  EXPECT_FALSE(goTo("/e"));
 }
 
 TEST_F(ListingsAheadTest, AServerThatAnswersAtOnceByNowIsAskedNothingMoreAhead) {
