@@ -78,6 +78,11 @@ bool OmbraFileSystem::synchronizeFileAtPath(OptionalPath path, const GMUserData&
   return file == nullptr || file->synchronize(error);
 }
 
+bool OmbraFileSystem::releasesAtOnce(const GMUserData& userData) {
+  const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
+  return file != nullptr && file->isCovered();
+}
+
 bool OmbraFileSystem::isCreationInDoubt(const GMUserData& userData) {
   const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
   return file != nullptr && file->isMakingInDoubt();

@@ -154,6 +154,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
 
   // GMUserFileSystemDurability
   bool flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
+  bool releasesAtOnce(const GMUserData& userData) override;
   bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   bool isCreationInDoubt(const GMUserData& userData) override;
   GMContentState contentStateOfFile(const GMUserData& userData) override;

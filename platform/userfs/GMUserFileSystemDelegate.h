@@ -111,6 +111,8 @@ class GMUserFileSystemDurability {
  public:
   virtual ~GMUserFileSystemDurability() = default;
 
+  // Whether a release of the file, and a look at what the cache holds after it, would wait for no server.
+  virtual bool releasesAtOnce(const GMUserData& /*userData*/) { return false; }
   // Makes sure that the server has the file as a whole; waits without a limit of its own. For fsync, for the
   // close of a written handle, and before a release. Nothing to do is success.
   virtual bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) = 0;

@@ -179,25 +179,41 @@ int Volume::synchronize(uint64_t identifier) {
 }
 
 void Volume::release(uint64_t identifier) {
-  if (auto handle = iHandles.remove(identifier)) releaseLater(std::move(handle));
+  auto handle = iHandles.remove(identifier);
+  if (handle == nullptr) return;
+  // To hand it to another thread takes as long as the rest of what a small file costs.
+  if (releasesAtOnce(*handle)) {
+    releaseNow(std::move(handle));
+  } else {
+    releaseLater(std::move(handle));
+  }
 }
 
 void Volume::releaseAll() {
   for (auto& handle : iHandles.removeAll()) releaseLater(std::move(handle));
 }
 
+bool Volume::releasesAtOnce(const OpenHandle& handle) const {
+  GMUserFileSystemDurability* durability = this->durability();
+  return !handle.forWriting && durability != nullptr && durability->releasesAtOnce(handle.item->userData());
+}
+
 void Volume::releaseLater(std::shared_ptr<OpenHandle> handle) {
   iClosers.add([volume = shared_from_this(), handle = std::move(handle)]() mutable {
-    try {
-      volume->close(handle);
-    } catch (const std::exception& exception) {
-      NSLog("\"{}\" was closed with a failure: {}", handle->item->path().value_or("a removed file"),
-            exception.what());
-    }
-    // The delegate counts who holds an open file, so our share goes before it looks.
-    handle = nullptr;
-    if (GMUserFileSystemDurability* durability = volume->durability()) durability->trimCache();
+    volume->releaseNow(std::move(handle));
   });
+}
+
+void Volume::releaseNow(std::shared_ptr<OpenHandle> handle) {
+  try {
+    close(handle);
+  } catch (const std::exception& exception) {
+    NSLog("\"{}\" was closed with a failure: {}", handle->item->path().value_or("a removed file"),
+          exception.what());
+  }
+  // The delegate counts who holds an open file, so our share goes before it looks.
+  handle = nullptr;
+  if (GMUserFileSystemDurability* durability = this->durability()) durability->trimCache();
 }
 
 void Volume::close(const std::shared_ptr<OpenHandle>& handle) {

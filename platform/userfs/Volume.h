@@ -148,6 +148,8 @@ class Volume : public std::enable_shared_from_this<Volume> {
   // `item` may be null.
   int takePrivileges(const std::string& path, const std::shared_ptr<OpenItem>& item);
   void close(const std::shared_ptr<OpenHandle>& handle);
+  bool releasesAtOnce(const OpenHandle& handle) const;
+  void releaseNow(std::shared_ptr<OpenHandle> handle);
   void releaseLater(std::shared_ptr<OpenHandle> handle);
 
   // How to go on after a read that ended early.

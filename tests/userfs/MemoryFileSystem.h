@@ -131,12 +131,15 @@ class DurableMemoryFileSystem : public MemoryFileSystem, public GMUserFileSystem
   void setUndelivered(std::vector<GMUndelivered> undelivered);
   // Whether new files may still be refused.
   std::atomic<bool> doubtsCreations{false};
+  // Whether releases are promised to wait for nothing.
+  std::atomic<bool> promisesQuickReleases{false};
 
   int readFileAtPath(OptionalPath path, const GMUserData& userData, void* buffer, size_t size, int64_t offset,
                      NSErrorRef* error) override;
 
   bool flushFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
   bool synchronizeFileAtPath(OptionalPath path, const GMUserData& userData, NSErrorRef* error) override;
+  bool releasesAtOnce(const GMUserData&) override { return promisesQuickReleases; }
   bool isCreationInDoubt(const GMUserData&) override { return doubtsCreations; }
   GMContentState contentStateOfFile(const GMUserData& userData) override;
   void waitForContent(const GMUserData& userData, uint64_t seen) override;

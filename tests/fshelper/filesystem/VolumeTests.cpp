@@ -130,6 +130,19 @@ class ArrivingFile : public OverTheServer {
   uint64_t handle = 0;
 };
 
+TEST_F(ArrivingFile, IsNotPromisedAQuickRelease) {
+  EXPECT_FALSE(fileSystem.releasesAtOnce(fileOnNode("/a.txt")));
+}
+
+TEST_F(ArrivingFile, IsReleasedAtOnceWhenItIsHere) {
+  hold->release();
+  waitUntilSettled(fileOnNode("/a.txt"));
+  fileSystem.setCacheBudget(0, 0);
+  volume->closers().close();
+  volume->release(handle);
+  EXPECT_EQ(fileOnNode("/a.txt"), nullptr) << "in use still";
+}
+
 TEST_F(ArrivingFile, ThatIsRemovedKeepsItsSize) {
   ASSERT_EQ(volume->removeFile("/a.txt"), 0);
   EXPECT_EQ(sizeOf(handle), 7);
