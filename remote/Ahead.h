@@ -26,8 +26,8 @@ namespace ombra {
 struct AheadLimits {
   // Under way, or here and not asked for yet. Each takes a session.
   static constexpr size_t kMost = 4;
-  // From the moment at which an answer came to the one at which it is asked for; and where the server takes
-  // less than kFarSeconds for one, so that little is lost when it is asked again.
+  // From the moment at which an answer came to the one at which it is asked for; and of one for which the
+  // server took less than kFarSeconds, so that little is lost when it is asked again.
   static constexpr double kMostSecondsOld = 1.0;
   static constexpr double kMostSecondsOldNearby = 0.1;
   static constexpr double kFarSeconds = 0.008;
@@ -48,14 +48,14 @@ struct AheadLimits {
 
 enum class AheadOutcome { kFetched, kFailed, kNoSession };
 
-// Over a long way a program that walks through a tree waits for one answer after the other. Where a session
-// has one request under way at a time, what such a program will most likely ask for next is fetched on
-// further sessions meanwhile.
+// A program that walks through a tree waits for one answer after the other. Where a session has one request
+// under way at a time, what such a program will most likely ask for next is fetched on further sessions
+// meanwhile.
 //
 // An answer is  wanted -> waiting for a session -> being fetched -> fetched;  whoever asks for it takes it
-// out, and waits where it is being fetched. What came more than a second before, failed, or may have been
-// changed at that path through this program since is never handed out: then the server is asked anew. More is
-// fetched when an answer is waited for, less when nobody asks for one in time.
+// out, and waits where it is being fetched. What came too long ago, failed, or may have been changed at that
+// path through this program since is never handed out: then the server is asked anew. More is fetched when an
+// answer is waited for, less when nobody asks for one in time.
 //
 // Thread-safe. One lock, which is not held while anything is fetched; below it only that of the walks.
 template <typename Answer>
@@ -122,7 +122,7 @@ class Ahead : private AheadLimits {
     locked_begin(next, room);
     if (request == nullptr) return std::nullopt;
     if (request->iState == State::kBeingFetched) iMost = std::min(iMost + 1, kMost);
-    while (request->iState == State::kBeingFetched && !(stops && stops())) iAnswered.wait(iCondition);
+    while (request->iState == State::kBeingFetched && !(stops && stops())) iAskers.wait(iCondition);
     if (request->iState != State::kFetched || iWalks.isAffected(path, request->iChanges)) {
       // Without a session yet: whoever asks has a place of his own in the line for them, ahead of this one's.
       if (isWaiting(*request)) fetchFewer();
@@ -155,7 +155,7 @@ class Ahead : private AheadLimits {
     return iRequests.size();
   }
 
-  // How many of them have not come yet.
+  // How many of them have not come yet, nor failed.
   size_t underWay() const EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
     return static_cast<size_t>(
@@ -179,15 +179,15 @@ class Ahead : private AheadLimits {
   // Those who wait look whether they are to stop.
   void wake() EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
-    iAnswered.wakeAll();
+    iAskers.wakeAll();
   }
   // Nothing is begun any more, and what is under way has been called off.
   void stop() EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
     iIsStopped = true;
     for (const RequestRef& request : iRequests) request->iIsCalledOff = true;
-    iAnswered.wakeAll();
-    iIsWanted.wakeAll();
+    iAskers.wakeAll();
+    iFetchers.wakeAll();
     iCondition.broadcast();
   }
 
@@ -215,7 +215,7 @@ class Ahead : private AheadLimits {
       if (iRequests.size() >= std::min(iMost, room)) break;
       if (find(next.path) != iRequests.end() || !hasThread()) continue;
       iRequests.push_back(std::make_shared<Request>(*this, next.path));
-      iIsWanted.wakeOne();
+      iFetchers.wakeOne();
       watchFor(*iRequests.back());
     }
   }
@@ -234,28 +234,25 @@ class Ahead : private AheadLimits {
     return left > 0 && left <= kMostPause;
   }
 
-  double mostSecondsOld() const REQUIRES(iCondition) {
-    return iSeconds < kFarSeconds ? kMostSecondsOldNearby : kMostSecondsOld;
-  }
-
-  // What is being fetched is rather waited for: to ask anew takes longer.
-  static double mostSeconds(const Request& request, double mostOld) {
-    return request.iState == State::kBeingFetched ? kMostSecondsFetching : mostOld;
+  static double mostSeconds(const Request& request) {
+    // What is being fetched is rather waited for: to ask anew takes longer.
+    if (request.iState == State::kBeingFetched) return kMostSecondsFetching;
+    const bool isFromNearby = request.iState == State::kFetched && request.iSeconds < kFarSeconds;
+    return isFromNearby ? kMostSecondsOldNearby : kMostSecondsOld;
   }
 
   // Whether it has been in its state for too long.
-  static bool isOld(const Request& request, const NSDate& now, double mostOld) {
+  static bool isOld(const Request& request, const NSDate& now) {
     const double age = now.timeIntervalSinceDate(request.iSince);
     // A clock that was set back tells nothing.
-    return age < 0 || age > mostSeconds(request, mostOld);
+    return age < 0 || age > mostSeconds(request);
   }
 
   // What nobody has asked for in time: the guesses are wrong, or the program is slow.
   void forgetOld() REQUIRES(iCondition) {
     const NSDate now = NSDate::date();
-    const double mostOld = mostSecondsOld();
-    const size_t forgotten = std::erase_if(iRequests, [&now, mostOld](const RequestRef& request) {
-      if (!isOld(*request, now, mostOld)) return false;
+    const size_t forgotten = std::erase_if(iRequests, [&now](const RequestRef& request) {
+      if (!isOld(*request, now)) return false;
       request->iIsCalledOff = true;
       if (request->iBreakOff) request->iBreakOff();
       return true;
@@ -284,7 +281,6 @@ class Ahead : private AheadLimits {
   }
 
   RequestRef nextWanted() const REQUIRES(iCondition) {
-    if (iBusy >= kMost) return nullptr;
     const auto found = std::find_if(iRequests.begin(), iRequests.end(), [](const RequestRef& request) {
       return request->iState == State::kWanted;
     });
@@ -299,7 +295,7 @@ class Ahead : private AheadLimits {
   bool begins(Request& request) EXCLUDES(iCondition) {
     const ConditionLock lock(iCondition);
     const NSDate now = NSDate::date();
-    if (request.iIsCalledOff || iIsStopped || isOld(request, now, mostSecondsOld())) return false;
+    if (request.iIsCalledOff || iIsStopped || isOld(request, now)) return false;
     request.iState = State::kBeingFetched;
     request.iSince = now;
     request.iChanges = iWalks.changes();
@@ -312,7 +308,7 @@ class Ahead : private AheadLimits {
     while (!iIsStopped) {
       const RequestRef request = nextWanted();
       if (request == nullptr) {
-        iIsWanted.wait(iCondition);
+        iFetchers.wait(iCondition);
         continue;
       }
       request->iState = State::kWaitingForSession;
@@ -328,8 +324,8 @@ class Ahead : private AheadLimits {
     iCondition.unlock();
   }
 
-  NSDate dueDate(const Request& request) const REQUIRES(iCondition) {
-    return request.iSince.dateByAddingTimeInterval(mostSeconds(request, mostSecondsOld()) + kALittle);
+  static NSDate dueDate(const Request& request) {
+    return request.iSince.dateByAddingTimeInterval(mostSeconds(request) + kALittle);
   }
 
   // Sees to it that what nobody asks for any more does not stay in memory, nor what takes too long under way.
@@ -373,7 +369,7 @@ class Ahead : private AheadLimits {
       iPausedUntil = now.dateByAddingTimeInterval(iPause);
       iPause = std::min(2 * iPause, kMostPause);
     }
-    iAnswered.wakeAll();
+    iAskers.wakeAll();
     watchFor(request);
   }
 
@@ -383,8 +379,8 @@ class Ahead : private AheadLimits {
   const Fetch iFetch;
 
   mutable NSCondition iCondition;                            // the watcher waits for it
-  WaitQueue iIsWanted;                                       // those who fetch
-  WaitQueue iAnswered;                                       // those who ask
+  WaitQueue iFetchers;                                       // those who fetch
+  WaitQueue iAskers;                                         // those who ask
   std::vector<RequestRef> iRequests GUARDED_BY(iCondition);  // what will be asked for first is the first
   size_t iMost GUARDED_BY(iCondition) = kMost / 2;
   size_t iBusy GUARDED_BY(iCondition) = 0;     // threads

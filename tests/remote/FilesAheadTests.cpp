@@ -60,6 +60,13 @@ TEST_F(FilesAheadTest, AWalkFindsItsNextFilesRead) {
   EXPECT_EQ(ahead->take("/d", never), "content");
 }
 
+TEST_F(FilesAheadTest, AServerNearbyIsReadFromAheadToo) {
+  listFolder("/");
+  readThree("", 0.001);
+  ASSERT_TRUE(asked.waitUntilEnded(2));
+  EXPECT_EQ(ahead->take("/d", never), "content");
+}
+
 TEST_F(FilesAheadTest, LongFilesAreLeftAlone) {
   listFolder("/", FilesAhead::kMostBytes + 1);
   readThree();

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <thread>
 
 #include "remote/ListingsAhead.h"
@@ -63,9 +64,31 @@ class ListingsAheadTest : public testing::Test {
         walks, [this] { return asked.room.load(); },
         [this](auto& request, Entries* entries) { return asked.fetch(request, entries); });
   }
+  // So far that the next two are listed, for which the server takes so long.
+  void walkUntilTwoAreListed(double seconds) {
+    asked.isSlow = true;
+    walkToTheThird(seconds);
+    ASSERT_TRUE(asked.server.waitUntilEntered(2));
+    clock.advance(seconds);
+    asked.server.open();
+    ASSERT_TRUE(asked.waitUntilEnded(2));
+    waitUntilKept();
+    asked.room = 0;
+  }
   // What was fetched is here, and is as old as the clock says.
   void waitUntilKept() {
-    while (ahead->underWay() > 0) std::this_thread::yield();
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (ahead->underWay() > 0) {
+      ASSERT_LT(std::chrono::steady_clock::now(), limit) << "it does not come";
+      std::this_thread::yield();
+    }
+  }
+  void waitUntilForgotten() {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (ahead->count() > 0) {
+      ASSERT_LT(std::chrono::steady_clock::now(), limit) << "it is kept";
+      std::this_thread::yield();
+    }
   }
   // What was ever begun, once no more can be.
   std::vector<std::string> allBegun() {
@@ -122,13 +145,31 @@ TEST_F(ListingsAheadTest, AServerNearbyIsAskedAheadToo) {
 }
 
 TEST_F(ListingsAheadTest, WhatCameFromNearbyIsAskedForAnewAfterATenthOfASecond) {
-  walkToTheThird(kNearby);
-  ASSERT_TRUE(asked.waitUntilEnded(2));
-  waitUntilKept();
+  walkUntilTwoAreListed(kNearby);
   clock.advance(AheadLimits::kMostSecondsOldNearby);
   EXPECT_TRUE(goTo("/d"));
   clock.advance(0.001);
   EXPECT_FALSE(goTo("/e"));
+}
+
+TEST_F(ListingsAheadTest, WhatCameFromNearbyDoesNotKeepLongerSinceSomethingElseTookItsTime) {
+  walkUntilTwoAreListed(kNearby);
+  goTo("/elsewhere", {}, kSlow);
+  clock.advance(AheadLimits::kMostSecondsOldNearby + 0.001);
+  EXPECT_FALSE(goTo("/d"));
+}
+
+TEST_F(ListingsAheadTest, WhatTookItsTimeKeepsThoughSomethingElseWasAnsweredAtOnce) {
+  walkUntilTwoAreListed(kSlow);
+  goTo("/elsewhere", {}, kNearby);
+  clock.advance(AheadLimits::kMostSecondsOld);
+  EXPECT_TRUE(goTo("/d"));
+}
+
+TEST_F(ListingsAheadTest, NothingFromNearbyStaysInMemoryThatNobodyAsksFor) {
+  walkUntilTwoAreListed(kNearby);
+  clock.advance(AheadLimits::kMostSecondsOldNearby + AheadLimits::kALittle);
+  waitUntilForgotten();
 }
 
 TEST_F(ListingsAheadTest, AServerThatAnswersAtOnceByNowIsAskedNothingMoreAhead) {
@@ -151,9 +192,7 @@ TEST_F(ListingsAheadTest, NoMoreSessionsAreTakenThanAreToSpare) {
 }
 
 TEST_F(ListingsAheadTest, WhatCameMoreThanASecondAgoIsAskedForAnew) {
-  walkToTheThird();
-  ASSERT_TRUE(asked.waitUntilEnded(2));
-  waitUntilKept();
+  walkUntilTwoAreListed(kSlow);
   clock.advance(AheadLimits::kMostSecondsOld);
   EXPECT_TRUE(ahead->take("/d").has_value());
   clock.advance(0.001);
@@ -161,11 +200,9 @@ TEST_F(ListingsAheadTest, WhatCameMoreThanASecondAgoIsAskedForAnew) {
 }
 
 TEST_F(ListingsAheadTest, NothingStaysInMemoryThatNobodyAsksFor) {
-  walkToTheThird();
-  ASSERT_TRUE(asked.waitUntilEnded(2));
-  waitUntilKept();
+  walkUntilTwoAreListed(kSlow);
   clock.advance(AheadLimits::kMostSecondsOld + AheadLimits::kALittle);
-  while (ahead->count() > 0) std::this_thread::yield();
+  waitUntilForgotten();
 }
 
 // To ask anew would take as long once more.
