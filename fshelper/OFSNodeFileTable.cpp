@@ -137,6 +137,11 @@ void OFSNodeFileTable::note(Record& record, Measure measure) {
   }
 }
 
+bool OFSNodeFileTable::isAnyMoving() const {
+  MutexLock lock(iLock);
+  return !iMoving.empty();
+}
+
 void OFSNodeFileTable::lookAgain() {
   std::vector<std::shared_ptr<OFSRemoteFile>> files;
   {

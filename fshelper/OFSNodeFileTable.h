@@ -70,6 +70,8 @@ class OFSNodeFileTable {
       EXCLUDES(iLock);
   std::vector<std::shared_ptr<OFSRemoteFile>> refusedAtPath(std::string_view remotePath) const
       EXCLUDES(iLock);
+  // Whether there are some for `lookAgain`.
+  bool isAnyMoving() const EXCLUDES(iLock);
   // Looks again at the objects out of use whose transfers outlived their last use: counts what has arrived
   // since, and lets go of those that no node leads to.
   void lookAgain() EXCLUDES(iLock);

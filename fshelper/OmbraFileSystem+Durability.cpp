@@ -80,7 +80,7 @@ bool OmbraFileSystem::synchronizeFileAtPath(OptionalPath path, const GMUserData&
 
 bool OmbraFileSystem::releasesAtOnce(const GMUserData& userData) {
   const std::shared_ptr<OFSRemoteFile> file = fileOf(userData);
-  return file != nullptr && file->isCovered();
+  return file != nullptr && file->isCovered() && !iFiles.isAnyMoving() && isWithin(cacheBudget());
 }
 
 bool OmbraFileSystem::isCreationInDoubt(const GMUserData& userData) {

@@ -111,7 +111,8 @@ class GMUserFileSystemDurability {
  public:
   virtual ~GMUserFileSystemDurability() = default;
 
-  // Whether a release of the file, and a look at what the cache holds after it, would wait for no server.
+  // Whether a release of the file, which has no other handle, and `trimCache` after it, would wait for no
+  // server and have little to do.
   virtual bool releasesAtOnce(const GMUserData& /*userData*/) { return false; }
   // Makes sure that the server has the file as a whole; waits without a limit of its own. For fsync, for the
   // close of a written handle, and before a release. Nothing to do is success.

@@ -53,6 +53,8 @@ class OpenItem {
   bool mayHavePrivileges() const { return iMayHavePrivileges; }
   void setMayHavePrivileges(bool may) { iMayHavePrivileges = may; }
 
+  // Whether it has a handle.
+  bool isOpen() const { return iHandleCount != 0; }
   // Whether the kernel may keep pages of the file: somebody has it open who does not go past them.
   bool mayHavePages() const { return iHandleCount != iBypassing; }
   // Whether a mapping may have changed some of them.

@@ -194,8 +194,10 @@ void Volume::releaseAll() {
 }
 
 bool Volume::releasesAtOnce(const OpenHandle& handle) const {
+  // Who writes through another handle keeps others from the file meanwhile.
+  if (handle.forWriting || handle.item->isOpen()) return false;
   GMUserFileSystemDurability* durability = this->durability();
-  return !handle.forWriting && durability != nullptr && durability->releasesAtOnce(handle.item->userData());
+  return durability != nullptr && durability->releasesAtOnce(handle.item->userData());
 }
 
 void Volume::releaseLater(std::shared_ptr<OpenHandle> handle) {

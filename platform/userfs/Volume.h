@@ -88,7 +88,7 @@ class Volume : public std::enable_shared_from_this<Volume> {
   int makeNode(const char* path, mode_t mode);
   int flush(uint64_t handle, pid_t process);
   int synchronize(uint64_t handle);
-  // Comes back at once; the closers do the work.
+  // Comes back at once; the closers do what may have to wait.
   void release(uint64_t handle);
   // Releases what the kernel will not release any more.
   void releaseAll();

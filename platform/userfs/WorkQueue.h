@@ -12,8 +12,8 @@
 namespace ombra {
 
 // Threads are taken when work waits and fewer than the maximum run, and given back when there is nothing
-// left. Releases run here, since each may take a minute; and notices to the kernel, since each may wait for a
-// page that a read holds. Work is called with no lock held; its exceptions are logged. Thread-safe.
+// left. Releases that may take a minute run here, and notices to the kernel, since each may wait for a page
+// that a read holds. Work is called with no lock held; its exceptions are logged. Thread-safe.
 class WorkQueue {
  public:
   // `name` outlives the queue. With one thread the order of the work is kept.

@@ -45,6 +45,14 @@ TEST_F(VolumeReleasing, OneThatWasOpenedToWriteIsLeftToTheClosers) {
   EXPECT_EQ(iFiles.countOf("release /a"), 0u);
 }
 
+TEST_F(VolumeReleasing, OneThatIsStillOpenToOthersIsLeftToTheClosers) {
+  iFiles.promisesQuickReleases = true;
+  OpenedFile other;
+  ASSERT_EQ(iVolume->open("/a", O_RDWR, 0, &other), 0);
+  openAndRelease(O_RDONLY);
+  EXPECT_EQ(iFiles.countOf("release /a"), 0u);
+}
+
 TEST_F(VolumeReleasing, OneThatRaisesIsReleasedAllTheSame) {
   iFiles.promisesQuickReleases = true;
   iFiles.raiseIn("release");

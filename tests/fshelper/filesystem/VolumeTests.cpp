@@ -134,13 +134,23 @@ TEST_F(ArrivingFile, IsNotPromisedAQuickRelease) {
   EXPECT_FALSE(fileSystem.releasesAtOnce(fileOnNode("/a.txt")));
 }
 
-TEST_F(ArrivingFile, IsReleasedAtOnceWhenItIsHere) {
+TEST_F(ArrivingFile, IsPromisedAQuickReleaseWhenItIsHereAndTheCacheIsNotFull) {
+  hold->release();
+  const auto file = fileOnNode("/a.txt");
+  waitUntilSettled(file);
+  EXPECT_TRUE(fileSystem.releasesAtOnce(file));
+  fileSystem.setCacheBudget(0, 0);
+  EXPECT_FALSE(fileSystem.releasesAtOnce(file));
+}
+
+TEST_F(ArrivingFile, ThatIsHereIsOutOfUseAsSoonAsItIsReleased) {
   hold->release();
   waitUntilSettled(fileOnNode("/a.txt"));
-  fileSystem.setCacheBudget(0, 0);
   volume->closers().close();
   volume->release(handle);
-  EXPECT_EQ(fileOnNode("/a.txt"), nullptr) << "in use still";
+  fileSystem.setCacheBudget(0, 0);
+  fileSystem.trimCache();
+  EXPECT_EQ(fileOnNode("/a.txt"), nullptr);
 }
 
 TEST_F(ArrivingFile, ThatIsRemovedKeepsItsSize) {
