@@ -155,7 +155,7 @@ TEST_F(Scale, AListedFolderAnswersWhileFiveHundredReadersWaitForAStalledServer) 
   EXPECT_TRUE(eventually([&] { return entriesOf(threads) < 60; }, 30)) << "threads are kept";
 }
 
-TEST_F(Scale, TheTenThousandthFileMadeInAFolderCostsAsMuchAsTheFirst) {
+TEST_F(Scale, AFileMadeBehindEightThousandOthersCostsAtMostTwoAndAHalfTimesOneBehindAThousand) {
   std::filesystem::create_directory(data() + "/folder");
   const std::string volume = user->mount(mountArguments(data()));
   const pid_t helper = user->helperOf(volume);

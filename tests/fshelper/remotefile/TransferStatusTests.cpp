@@ -8,7 +8,6 @@ namespace ombra {
 namespace {
 
 using Direction = OFSTransferRecord::Direction;
-using StoredState = OFSTransferRecord::Ledger;
 
 NSErrorRef full() { return QuarnKitError::errorWithCode(kQuarnKitOutOfSpace); }
 
@@ -24,7 +23,7 @@ TEST_F(TransferStatus, OfADownloadIsWhatHasArrived) {
   EXPECT_TRUE(snapshot.running);
   EXPECT_EQ(snapshot.direction, Direction::kDownload);
   EXPECT_EQ(snapshot.done, 4u);
-  EXPECT_EQ(snapshot.ledger, StoredState::kCovered);
+  EXPECT_EQ(snapshot.ledger, OFSTransferRecord::Ledger::kCovered);
   hold->release();
   waitForState(*file, kOFSSettled);
   EXPECT_FALSE(file->transfer().snapshot().running);
@@ -66,12 +65,12 @@ TEST_F(TransferStatus, OfAStreamIsWhatTheServerTook) {
   EXPECT_EQ(snapshot.direction, Direction::kUpload);
   EXPECT_EQ(snapshot.done, 3u);
   EXPECT_EQ(snapshot.size, std::nullopt) << "the program may go on writing";
-  EXPECT_EQ(snapshot.ledger, StoredState::kUnsent);
+  EXPECT_EQ(snapshot.ledger, OFSTransferRecord::Ledger::kUnsent);
   hold->release();
   EXPECT_EQ(finish(writer), 5);
   EXPECT_TRUE(file->synchronize(nullptr));
   EXPECT_FALSE(file->transfer().snapshot().running);
-  EXPECT_EQ(file->transfer().snapshot().ledger, StoredState::kCovered);
+  EXPECT_EQ(file->transfer().snapshot().ledger, OFSTransferRecord::Ledger::kCovered);
 }
 
 TEST_F(TransferStatus, OfAStreamThatSomebodyWaitsForKnowsThatNoMoreComes) {
@@ -109,12 +108,12 @@ TEST_F(UploadingStatus, OfAFileThatCouldNotBeSentIsUnsentWithTheReason) {
   EXPECT_FALSE(file->synchronize(nullptr));
   auto snapshot = file->transfer().snapshot();
   EXPECT_FALSE(snapshot.running);
-  EXPECT_EQ(snapshot.ledger, StoredState::kUnsent);
+  EXPECT_EQ(snapshot.ledger, OFSTransferRecord::Ledger::kUnsent);
   EXPECT_EQ(snapshot.failure, full()->localizedDescription());
   server.stopFailing();
   EXPECT_TRUE(file->synchronize(nullptr));
   snapshot = file->transfer().snapshot();
-  EXPECT_EQ(snapshot.ledger, StoredState::kCovered);
+  EXPECT_EQ(snapshot.ledger, OFSTransferRecord::Ledger::kCovered);
   EXPECT_EQ(snapshot.failure, "");
 }
 
@@ -124,9 +123,9 @@ TEST_F(UploadingStatus, OfAnAbandonedFileWaitsForNothing) {
   ASSERT_EQ(write(*file, "hello", 0), 5);
   EXPECT_FALSE(file->synchronize(nullptr));
   file->abandon();
-  EXPECT_EQ(file->transfer().snapshot().ledger, StoredState::kAbandoned);
+  EXPECT_EQ(file->transfer().snapshot().ledger, OFSTransferRecord::Ledger::kAbandoned);
   file->reclaim();
-  EXPECT_EQ(file->transfer().snapshot().ledger, StoredState::kUnsent);
+  EXPECT_EQ(file->transfer().snapshot().ledger, OFSTransferRecord::Ledger::kUnsent);
   file->abandon();
 }
 
@@ -139,11 +138,11 @@ TEST_F(InPlaceStatus, IsAnsweredWhileAWriteIsOnItsWay) {
   const auto snapshot = file->transfer().snapshot();
   EXPECT_TRUE(snapshot.running);
   EXPECT_TRUE(snapshot.inPieces);
-  EXPECT_EQ(snapshot.ledger, StoredState::kUnsent);
+  EXPECT_EQ(snapshot.ledger, OFSTransferRecord::Ledger::kUnsent);
   hold->release();
   EXPECT_EQ(finish(writer), 2);
   EXPECT_EQ(file->transfer().snapshot().done, 2u);
-  EXPECT_EQ(file->transfer().snapshot().ledger, StoredState::kCovered);
+  EXPECT_EQ(file->transfer().snapshot().ledger, OFSTransferRecord::Ledger::kCovered);
 }
 
 TEST_F(InPlaceStatus, IsAnsweredWhileATruncationIsOnItsWay) {
@@ -176,7 +175,7 @@ TEST_F(InPlaceStatus, OfAWriteThatWasRefusedIsUnsentWithTheReason) {
   EXPECT_EQ(write(*file, "XY", 4), -1);
   const auto snapshot = file->transfer().snapshot();
   EXPECT_FALSE(snapshot.running);
-  EXPECT_EQ(snapshot.ledger, StoredState::kUnsent);
+  EXPECT_EQ(snapshot.ledger, OFSTransferRecord::Ledger::kUnsent);
   EXPECT_EQ(snapshot.failure, full()->localizedDescription());
   EXPECT_TRUE(file->synchronize(nullptr));
 }
