@@ -70,13 +70,16 @@ def ratio_line(results, target):
 
 
 def figure(value, limit):
-    """Two digits behind the point, three where it looks like the limit with two and is not."""
-    return f"{value:.3f}" if value != limit and f"{value:.2f}" == f"{limit:.2f}" else f"{value:.2f}"
+    """Two digits behind the point, more where it looks like the limit with two and is not."""
+    digits = 2
+    while value != limit and float(f"{value:.{digits}f}") == float(f"{limit:.{digits}f}"):
+        digits += 1
+    return f"{value:.{digits}f}"
 
 
 def amount(value, limit):
     percent = (value / limit - 1) * 100
-    return f"{percent:+.1f} %" if abs(percent) < 1 else f"{percent:+.0f} %"
+    return f"{percent:+.2g} %" if abs(percent) < 1 else f"{percent:+.0f} %"
 
 
 def absolute_lines(results, protocol, sizes, delay, small):
