@@ -77,16 +77,16 @@ class ListingsAheadTest : public testing::Test {
   }
   // What was fetched is here, and is as old as the clock says.
   void waitUntilKept() {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (ahead->underWay() > 0) {
-      ASSERT_LT(std::chrono::steady_clock::now(), limit) << "it does not come";
-      std::this_thread::yield();
-    }
+    waitUntilNone([this] { return ahead->underWay(); }, "it does not come");
   }
   void waitUntilForgotten() {
+    waitUntilNone([this] { return ahead->count(); }, "it is kept");
+  }
+  template <typename Count>
+  static void waitUntilNone(const Count& count, const char* otherwise) {
     const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (ahead->count() > 0) {
-      ASSERT_LT(std::chrono::steady_clock::now(), limit) << "it is kept";
+    while (count() > 0) {
+      ASSERT_LT(std::chrono::steady_clock::now(), limit) << otherwise;
       std::this_thread::yield();
     }
   }
