@@ -27,8 +27,8 @@ inline constexpr std::string_view kOFSRemoteFile = "OFSRemoteFile";          // 
 inline constexpr std::string_view kOFSExtendedAttributes = "OFSExtendedAttributes";
 // NSFileAttributes, root only
 inline constexpr std::string_view kOFSFileSystemAttributes = "OFSFileSystemAttributes";
-// bool: whether the folder tells names apart by case alone; absent until something is made in it
-inline constexpr std::string_view kOFSKeepsCase = "OFSKeepsCase";
+// uint64_t: the library's number of the last listing that was merged; absent where it has none
+inline constexpr std::string_view kOFSListingNumber = "OFSListingNumber";
 
 // Extended attributes of one node.
 struct OFSNodeExtendedAttributes {

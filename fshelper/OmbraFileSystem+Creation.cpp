@@ -26,7 +26,7 @@ void OmbraFileSystem::markStale(KCRemoteFileNode& parent, std::string_view newIt
     RecursiveMutexLock lock(parent.objectLock());
     iChanges.note(parent, lastPathComponent(newItem), OFSNodeChanges::Kind::kMade);
     ofs_touch(&parent);
-    parent.setExpired(true);
+    parent.setHasNewItems(true);
   }
   fileSystemAttributesNeedUpdate(true);
 }
@@ -55,13 +55,12 @@ bool OmbraFileSystem::createDirectoryAtPath(OptionalPath path, const NSFileAttri
     OFS_FAIL(error, kENOENT);
     return false;
   }
-  const bool isListed = canShowNewItem(parent, *path);
   NSErrorRef underlying;
   if (!connection->createFolderAtPath(remotePathForPath(*path), &underlying)) {
     OFS_FAIL(error, kEACCES, underlying);
     return false;
   }
-  if (!isListed || !showNewFolder(connection, parent, *path)) markStaleAtPath(parent, *path);
+  markStaleAtPath(parent, *path);
   return true;
 }
 
@@ -83,16 +82,13 @@ bool OmbraFileSystem::createFileAtPath(OptionalPath path, const NSFileAttributes
   const std::shared_ptr<OFSRemoteFile> file = OFSRemoteFile::remoteFileForPath(remotePathForPath(*path));
   file->setConnectionPool(connectionPool());
   file->transfer().setTotals(iTotals);
-  const bool isListed = canShowNewItem(parent, *path);
   supersedeLeftBehind(file->remotePath(), nullptr);
   if (!file->openWithMode(kNewFileFlags, error)) return false;
   dropRefusedAtPath(file->remotePath());
-  std::shared_ptr<KCRemoteFileNode> node = isListed ? showNewFile(parent, *path) : nullptr;
-  if (node == nullptr) {
-    markStaleAtPath(parent, *path);
-    if (!contentsOfDirectoryAtPath(parentPath, error)) return false;
-    node = nodeForPath(*path);
-  }
+  markStaleAtPath(parent, *path);
+  // Its names are of no interest, as in a look-up.
+  if (!listFolder(parentPath, error, NameForm::kNone)) return false;
+  const std::shared_ptr<KCRemoteFileNode> node = nodeForPath(*path);
   if (node == nullptr) {
     OFS_FAIL(error, kEIO);
     return false;
@@ -144,7 +140,7 @@ bool OmbraFileSystem::createSymbolicLinkAtPath(OptionalPath path, OptionalPath w
     OFS_FAIL(error, connection->isSFTP() ? kEIO : kENODEV, underlying);
     return false;
   }
-  markStale(*parent, *path);
+  markStaleAtPath(parent, *path);
   return true;
 }
 

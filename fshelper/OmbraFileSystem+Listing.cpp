@@ -70,20 +70,23 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
   const std::shared_ptr<KCRemoteFileNode> folder =
       node != nullptr ? node : KCRemoteFolderNode::folderNodeWithPath(remotePath, credentials());
   Merge merge(*this, connection, folder, form);
-  std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
-  NSErrorRef underlying;
   // Who has marked it as expired wants to know what is there now.
+  const bool hasOnlyNewItems = folder->hasOnlyNewItems();
+  const uint64_t known = hasOnlyNewItems ? ofs_property<uint64_t>(*folder, kOFSListingNumber).value_or(0) : 0;
   connection->setTakesAhead(!folder->isExpired());
-  const bool isListed = connection->contentsAtPath(remotePath, &nodes, &underlying);
+  FolderContents contents;
+  NSErrorRef underlying;
+  const bool isListed = connection->contentsAtPath(remotePath, known, &contents, &underlying);
   connection->setTakesAhead(false);
+  const bool countsAsFetch = !isListed || contents.isWhole;
   if (isListed) {
-    merge.run(std::move(nodes));
+    merge.run(std::move(contents), known);
   } else {
     OFS_FAIL(error, kENOENT, underlying);
   }
-  // A failure counts as a fetch as well: until the listing is due again, what was known is answered.
-  settleFlag(*folder, merge);
-  folder->setUserProperty(NSDate::date(), kOFSExpirationDate);
+  settleFlag(*folder, merge, countsAsFetch);
+  // A failure counts as well: until the listing is due again, what was known is answered.
+  if (countsAsFetch) folder->setUserProperty(NSDate::date(), kOFSExpirationDate);
   if (!isListed) return std::nullopt;
   if (merge.hasNews()) invalidateDirectory(path);
   return merge.takeNames();
@@ -92,9 +95,11 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
 // A listing that left the server before a change made here is out of date already. Asked and told under the
 // lock that `markStale` takes for its note and its flag: a look-up of what was just made would otherwise meet
 // a moment in which the flag is clear and the listing still lacks the item.
-void OmbraFileSystem::settleFlag(KCRemoteFileNode& folder, Merge& merge) {
+void OmbraFileSystem::settleFlag(KCRemoteFileNode& folder, Merge& merge, bool isWhole) {
   RecursiveMutexLock lock(folder.objectLock());
-  folder.setExpired(merge.endFetch());
+  // Who wants all to be looked at anew is not content with what was made here.
+  if (isWhole) folder.setExpired(false);
+  folder.setHasNewItems(merge.endFetch());
 }
 
 void OmbraFileSystem::invalidateDirectory(std::string_view path) const {

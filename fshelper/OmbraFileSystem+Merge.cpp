@@ -1,5 +1,7 @@
 #include "fshelper/OmbraFileSystem+Merge.h"
 
+#include <algorithm>
+
 #include "fshelper/OFSTracing.h"
 #include "platform/foundation/KCStringAdditions.h"
 
@@ -13,46 +15,87 @@ OmbraFileSystem::Merge::Merge(OmbraFileSystem& fileSystem, StAbstractConnection&
       iForm(form),
       iFetch(fileSystem.iChanges, *iFolder) {}
 
-void OmbraFileSystem::Merge::run(std::vector<Node> nodes) {
+void OmbraFileSystem::Merge::run(FolderContents fetched, uint64_t known) {
   // Before the lock is taken: a question that has lost its session waits in line for another, and those who
   // hold sessions may be waiting for this lock, to put their own change into the tree.
-  for (Node& node : nodes) {
+  for (Node& node : fetched.nodes) {
     if (node->type() == kNodeTypeAlias) node = resolved(node);
   }
   std::vector<Node> gone;
   {
     RecursiveMutexLock lock(iFolder->objectLock());
-    const std::shared_ptr<OFSNodeSet> old = ofs_contentsSet(*iFolder);
-    const std::shared_ptr<OFSNodeSet> contents = KCCreateNodeByDisplayNameMutableSet();
-    contents->reserve(nodes.size());
-    iNames.reserve(nodes.size());
-    for (const Node& node : nodes) mergeNode(node, old.get(), *contents);
-    if (old != nullptr) gone = keepOrLeave(*old, *contents);
-    iFolder->setUserProperty(contents, kOFSContents);
-    if (iForm == NameForm::kAsListed) {
-      iNames.clear();
-      for (const Node& child : *contents) iNames.push_back(child->displayName());
+    if (fetched.isWhole) {
+      gone = mergeWhole(fetched);
+    } else {
+      mergeNews(fetched, known);
     }
   }
   forget(gone);
 }
 
-void OmbraFileSystem::Merge::mergeNode(Node node, const OFSNodeSet* old, OFSNodeSet& contents) {
+std::vector<OmbraFileSystem::Merge::Node> OmbraFileSystem::Merge::mergeWhole(const FolderContents& fetched) {
+  const std::shared_ptr<OFSNodeSet> old = ofs_contentsSet(*iFolder);
+  const std::shared_ptr<OFSNodeSet> contents = KCCreateNodeByDisplayNameMutableSet();
+  contents->reserve(fetched.nodes.size());
+  for (const Node& node : fetched.nodes) {
+    if (mergeNode(node, old.get(), *contents)) addName(*node);
+  }
+  std::vector<Node> gone;
+  if (old != nullptr) gone = keepOrLeave(*old, *contents);
+  iFolder->setUserProperty(contents, kOFSContents);
+  iFolder->setUserProperty(fetched.number, kOFSListingNumber);
+  if (iForm == NameForm::kAsListed) {
+    for (const Node& child : *contents) iNames.push_back(child->displayName());
+  }
+  return gone;
+}
+
+// In the listing's order, also where two names are one to the tree.
+void OmbraFileSystem::Merge::addName(const KCNode& node) {
+  if (iForm == NameForm::kDecomposed) {
+    iNames.push_back(decomposedStringWithCanonicalMapping(node.displayName()));
+  }
+}
+
+// What was made here joins the children that are known. A listing has been merged, else there were no number
+// to ask with.
+void OmbraFileSystem::Merge::mergeNews(const FolderContents& news, uint64_t known) {
+  const std::shared_ptr<OFSNodeSet> contents = ofs_contentsSet(*iFolder);
+  const uint64_t merged = ofs_property<uint64_t>(*iFolder, kOFSListingNumber).value_or(0);
+  // An older listing may have come into the tree meanwhile.
+  bool isComplete = merged >= known;
+  for (const Node& node : news.nodes) {
+    if (node->type() == kNodeTypeFolder && contents->member(*node) == nullptr)
+      knowAsEmpty(*node, news.number);
+    isComplete = mergeNode(node, contents.get(), *contents) && isComplete;
+  }
+  if (isComplete) iFolder->setUserProperty(std::max(merged, news.number), kOFSListingNumber);
+  iNames = iFileSystem.cachedNames(*iFolder, iForm).value_or(std::vector<std::string>());
+}
+
+// A folder that was just made holds nothing.
+void OmbraFileSystem::Merge::knowAsEmpty(KCRemoteFileNode& folder, uint64_t number) {
+  folder.setUserProperty(KCCreateNodeByDisplayNameMutableSet(), kOFSContents);
+  folder.setUserProperty(NSDate::date(), kOFSExpirationDate);
+  folder.setUserProperty(number, kOFSListingNumber);
+}
+
+bool OmbraFileSystem::Merge::mergeNode(Node node, const OFSNodeSet* old, OFSNodeSet& contents) {
   const std::string name = node->displayName();
   const OFSNodeChanges& changes = iFileSystem.iChanges;
   // Removed here since the server made this listing.
-  if (changes.changeSince(*iFolder, name, iFetch.mark()) == OFSNodeChanges::Kind::kRemoved) return;
+  if (changes.changeSince(*iFolder, name, iFetch.mark()) == OFSNodeChanges::Kind::kRemoved) return false;
   node->setParent(iFolder);
-  iNames.push_back(decomposedStringWithCanonicalMapping(name));
   // A known entry keeps its node with all that hangs on it, also its old size, dates and permissions: the
   // node is what the kernel and the open files know the item by.
   Node known = old == nullptr ? nullptr : old->member(*node);
   if (known != nullptr) {
     contents.add(std::move(known));
-    return;
+    return true;
   }
   if (old != nullptr && !changes.wasMade(*iFolder, name)) iHasNews = true;
   contents.add(std::move(node));
+  return true;
 }
 
 // Of the old children those that the listing lacks. What was made here since the server made it is kept.
@@ -65,7 +108,7 @@ std::vector<OmbraFileSystem::Merge::Node> OmbraFileSystem::Merge::keepOrLeave(co
     const auto change = iFileSystem.iChanges.changeSince(*iFolder, name, iFetch.mark());
     if (change == OFSNodeChanges::Kind::kMade) {
       contents.add(node);
-      iNames.push_back(decomposedStringWithCanonicalMapping(name));
+      addName(*node);
     } else {
       gone.push_back(node);
     }

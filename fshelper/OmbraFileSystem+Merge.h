@@ -21,7 +21,8 @@ class OmbraFileSystem::Merge {
         std::shared_ptr<KCRemoteFileNode> folder, NameForm form);
 
   // Asks the server where links lead, then takes the folder's lock, with which the server is not called.
-  void run(std::vector<std::shared_ptr<KCRemoteFileNode>> nodes);
+  // `known`: the listing that the server was asked with.
+  void run(FolderContents fetched, uint64_t known);
 
   // To be called once the listing is in the tree, or has failed. True when it is out of date already, since
   // something was made or removed here meanwhile.
@@ -34,7 +35,13 @@ class OmbraFileSystem::Merge {
  private:
   using Node = std::shared_ptr<KCRemoteFileNode>;
 
-  void mergeNode(Node node, const OFSNodeSet* old, OFSNodeSet& contents);
+  // All three with the folder's lock held. Answers what is gone.
+  std::vector<Node> mergeWhole(const FolderContents& fetched);
+  void mergeNews(const FolderContents& news, uint64_t known);
+  // False for what is left out.
+  bool mergeNode(Node node, const OFSNodeSet* old, OFSNodeSet& contents);
+  void addName(const KCNode& node);
+  static void knowAsEmpty(KCRemoteFileNode& folder, uint64_t number);
   std::vector<Node> keepOrLeave(const OFSNodeSet& old, OFSNodeSet& contents);
   void forget(const std::vector<Node>& gone);
   void detachFiles(const Node& node);

@@ -209,26 +209,11 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::optional<std::vector<std::string>> fetchFolder(StAbstractConnection& connection, std::string_view path,
                                                       const std::shared_ptr<KCRemoteFileNode>& node,
                                                       NSErrorRef* error, NameForm form);
-  void settleFlag(KCRemoteFileNode& folder, Merge& merge);
+  void settleFlag(KCRemoteFileNode& folder, Merge& merge, bool isWhole);
   void invalidateDirectory(std::string_view path) const;
   // After `newItem` (a local path) was made in `parent`: the next use of the parent's listing fetches it.
   void markStale(KCRemoteFileNode& parent, std::string_view newItem);
   void markStaleAtPath(const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view newItem);
-  // Whether the listing of a folder that is about to get that new item is fresh, and the item can simply be
-  // put into it afterwards.
-  bool canShowNewItem(const std::shared_ptr<KCRemoteFileNode>& parent, std::string_view path) const;
-  // Puts the node of what was just made into its folder's listing. The node that stands for it from now on,
-  // or null when there is no listing any more: then it has to be fetched.
-  std::shared_ptr<KCRemoteFileNode> showNewItem(const std::shared_ptr<KCRemoteFileNode>& parent,
-                                                const std::shared_ptr<KCRemoteFileNode>& node);
-  // `node`, if it is the one that the tree has at the path; null otherwise.
-  std::shared_ptr<KCRemoteFileNode> shownAtPath(std::string_view path,
-                                                const std::shared_ptr<KCRemoteFileNode>& node) const;
-  bool keepsCase(StAbstractConnection& connection, KCRemoteFileNode& parent, std::string_view path) const;
-  bool showNewFolder(StAbstractConnection& connection, const std::shared_ptr<KCRemoteFileNode>& parent,
-                     std::string_view path);
-  std::shared_ptr<KCRemoteFileNode> showNewFile(const std::shared_ptr<KCRemoteFileNode>& parent,
-                                                std::string_view path);
 
   NSFileAttributes shownAttributesOfNode(const KCRemoteFileNode& node) const;
   uint16_t shownModeOfNode(const KCRemoteFileNode& node) const;

@@ -6,6 +6,12 @@
 
 namespace ombra {
 
+bool AbstractConnection::contentsAtPath(std::string_view path, uint64_t /*known*/, FolderContents* contents,
+                                        NSErrorRef* error) {
+  *contents = {};
+  return contentsAtPath(path, &contents->nodes, error);
+}
+
 bool AbstractConnection::finishUploads(NSFileHandle& fileHandle, std::string_view /*toPath*/,
                                        NSErrorRef* error) {
   fileHandle.extents()->waitUntilSent();

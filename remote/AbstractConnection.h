@@ -53,6 +53,16 @@ class TranscriptDelegate {
   virtual void connectionUUIDFlushTranscript(const KCUUID& uuid) = 0;
 };
 
+// A folder's contents, or what is new in them.
+struct FolderContents {
+  std::vector<std::shared_ptr<KCRemoteFileNode>> nodes;
+  // False: `nodes` is what was made, through the pool, since the listing that the caller has. Of the rest he
+  // is not told: it was as he knows it a moment ago, but for what he has moved and removed himself.
+  bool isWhole = true;
+  // Of this listing, to be named at the next call; 0 when there is nothing to be gained by that.
+  uint64_t number = 0;
+};
+
 // A logical connection. All operations block, on the calling thread, for a bounded time. One thread uses it
 // at a time: the holder owns it between acquisition and release; only `setShouldCancel` may come from another
 // thread. Paths are the server's, in its bytes, absolute unless said otherwise. Each operation with an error
@@ -100,6 +110,11 @@ class AbstractConnection {
   [[nodiscard]] virtual bool contentsAtPath(std::string_view path,
                                             std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                             NSErrorRef* error) = 0;
+  // The same for who has the listing `known` of the folder (the number that came with it; 0: none, or one
+  // that must not be relied on). Where that is a moment old and something was made in the folder since, the
+  // server is asked for that alone, which costs the same however much the folder holds.
+  [[nodiscard]] virtual bool contentsAtPath(std::string_view path, uint64_t known, FolderContents* contents,
+                                            NSErrorRef* error);
 
   // Code 109 when something has the name already.
   [[nodiscard]] virtual bool createFolderAtPath(std::string_view path, NSErrorRef* error) = 0;

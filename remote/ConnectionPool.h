@@ -19,7 +19,6 @@ class ConnectionPool final : public KCConnectionPool {
       double timeout, const CancellationToken* cancellation) override;
   void releaseConnection(std::shared_ptr<AbstractConnection> connection) override;
   void setTranscriptDelegate(TranscriptDelegate* delegate) override;
-  bool keepsNamesOfNewItems() const override { return iCore->sessions.engine().keepsNamesOfNewItems(); }
   void shutDown() override { iCore->shutDown(); }
 
   // For tests: the sessions behind the connections.

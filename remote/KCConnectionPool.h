@@ -46,9 +46,6 @@ class KCConnectionPool {
   virtual void releaseConnection(std::shared_ptr<AbstractConnection> connection) = 0;
   // Receives the transcript of all sessions; not owned, may be null.
   virtual void setTranscriptDelegate(TranscriptDelegate* delegate) = 0;
-  // Whether what was made is there under the very name that it was given, so that its folder need not be
-  // listed to know.
-  virtual bool keepsNamesOfNewItems() const { return false; }
   // Ends everything: running calls fail soon, sessions are closed, later calls fail. For unmount.
   virtual void shutDown() = 0;
 };

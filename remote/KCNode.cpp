@@ -100,12 +100,23 @@ void KCNode::setParent(const std::shared_ptr<KCNode>& parent) {
 
 bool KCNode::isExpired() const {
   SmallMutexLock lock(iFieldLock);
-  return locked_has(kExpired);
+  return locked_has(kExpired) || locked_has(kHasNewItems);
 }
 
 void KCNode::setExpired(bool expired) {
   SmallMutexLock lock(iFieldLock);
   locked_setFlag(kExpired, expired);
+  if (!expired) locked_setFlag(kHasNewItems, false);
+}
+
+void KCNode::setHasNewItems(bool hasNewItems) {
+  SmallMutexLock lock(iFieldLock);
+  locked_setFlag(kHasNewItems, hasNewItems);
+}
+
+bool KCNode::hasOnlyNewItems() const {
+  SmallMutexLock lock(iFieldLock);
+  return locked_has(kHasNewItems) && !locked_has(kExpired);
 }
 
 std::any KCNode::userPropertyForKey(std::string_view key) const {

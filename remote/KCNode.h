@@ -58,6 +58,9 @@ class KCNode {
   virtual uint32_t type() const { return 0; }
   bool isExpired() const;
   void setExpired(bool expired);
+  // Expired as well, but for no other reason than that the program itself has made something in the folder.
+  void setHasNewItems(bool hasNewItems);
+  bool hasOnlyNewItems() const;
 
   // An empty any when there is none. Keys are string literals with static storage.
   std::any userPropertyForKey(std::string_view key) const;
@@ -91,7 +94,8 @@ class KCNode {
     kSize = 4,
     kCreationDate = 8,
     kModificationDate = 16,
-    kPermissions = 32
+    kPermissions = 32,
+    kHasNewItems = 64
   };
 
   bool locked_has(Flag flag) const REQUIRES(iFieldLock) { return (iFlags & flag) != 0; }

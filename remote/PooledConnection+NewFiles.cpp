@@ -72,6 +72,13 @@ bool PooledConnection::putOffNewFile(const NSFileHandle& handle, const std::stri
   return true;
 }
 
+void PooledConnection::noteNewFile(const NSFileHandle& handle, const std::string& path, uint64_t offset,
+                                   std::optional<NSFileAttributes> attributes) {
+  if (!handle.isScratch() || offset != 0) return;
+  if (!attributes && !engine().looksAtNewFiles()) attributes = NSFileAttributes{.fileSize = 0};
+  iCore->listings.madeFile(path, std::move(attributes));
+}
+
 // After each attempt to send something: the folder has changed, and what was stored has made the file, else
 // whoever is next makes it. Answers the same again.
 bool PooledConnection::endOfNewFile(Run& run, bool isStored) {

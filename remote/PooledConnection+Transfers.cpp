@@ -46,6 +46,7 @@ class PooledConnection::Control final : public TransferControl {
     return iRun.newFile.has_value();
   }
   void newFileIsMade() override { iConnection.endOfNewFile(iRun, true); }
+  void newFileIsThere(const NSFileAttributes& attributes) override { iRun.made = attributes; }
 
  private:
   // Only after a piece of its own, so that each turn brings the download forward.
@@ -191,7 +192,10 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   if (iPutsOffNewFiles && offset == 0) {
     bool isPutOff = false;
     if (!putOffNewFile(handle, whole, &isPutOff, error)) return false;
-    if (isPutOff) return true;
+    if (isPutOff) {
+      noteNewFile(handle, whole, offset, std::nullopt);
+      return true;
+    }
   }
   Run run{Run::Kind::kUpload, ProgressReporter(offset, uploadReport(handle.extents()))};
   const uint64_t length = handle.fileLength();
@@ -212,6 +216,7 @@ bool PooledConnection::upload(NSFileHandle& handle, std::string_view path, uint6
   };
   const bool done = runTransfer(run, work, error);
   iUploadPath = nullptr;
+  if (done && length == 0) noteNewFile(handle, whole, offset, std::move(run.made));
   // What the server had confirmed before was not sent again, but it is there.
   if (bytesTransferred != nullptr) *bytesTransferred = done ? std::max(length, offset) : run.reporter.bytes();
   return done;

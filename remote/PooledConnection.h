@@ -13,6 +13,7 @@
 #include "remote/AbstractConnection.h"
 #include "remote/FilesAhead.h"
 #include "remote/KnownLinks.h"
+#include "remote/KnownListings.h"
 #include "remote/ListingsAhead.h"
 #include "remote/ProgressReporter.h"
 #include "remote/PutOffFiles.h"
@@ -44,7 +45,8 @@ struct PoolCore {
 
   SessionPool sessions;
   TrustMemory trust;
-  Walks walks;  // told of all changes, before whoever made them is answered
+  Walks walks;             // told of all changes, before whoever made them is answered
+  KnownListings listings;  // told of what makes, moves and removes names, likewise
   // The last ones: their threads use the others, and those of `newFiles` all.
   ListingsAhead listingsAhead;
   FilesAhead filesAhead;
@@ -100,6 +102,8 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
                                                              NSErrorRef* error) override;
   bool contentsAtPath(std::string_view path, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                       NSErrorRef* error) override;
+  bool contentsAtPath(std::string_view path, uint64_t known, FolderContents* contents,
+                      NSErrorRef* error) override;
   bool createFolderAtPath(std::string_view path, NSErrorRef* error) override;
   bool createSymbolicLinkAtPath(std::string_view path, std::string_view resolvingToPath,
                                 NSErrorRef* error) override;
@@ -144,7 +148,8 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
     std::shared_ptr<UnconfirmedExtents> heldFile{};
     std::string path{};  // of what is being sent
     std::optional<PutOffFiles::Turn> newFile{};
-    std::function<bool()> ahead{};  // may bring all of it without a session
+    std::function<bool()> ahead{};           // may bring all of it without a session
+    std::optional<NSFileAttributes> made{};  // the new file, as the server told of it
   };
   class Control;
   class ControlAhead;
@@ -191,6 +196,25 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   // The whole file, when it was read ahead: then it is in `file`.
   bool takeAhead(const std::string& path, NSFileHandle& file, Run& run);
   bool list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error);
+  bool listNodes(const std::string& folder, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
+                 NSErrorRef* error);
+  bool listWithPutOffFiles(const std::string& folder, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
+                           NSErrorRef* error);
+  // What was made in the folder since the listing `known`, as the server has it. False when the folder has to
+  // be listed; `doubtful` is then a name that is there in either case.
+  bool tellNews(const std::string& folder, uint64_t known, FolderContents* contents, std::string* doubtful);
+  // Whether an item of that name is listed under that very name.
+  bool isListedAsNamed(const std::string& folder, const std::string& name, KnownListings::News& news,
+                       std::string* doubtful);
+  // The name with each letter of ASCII in the other case.
+  std::string inOtherCase(const std::string& name) const;
+  void learnCase(const std::string& folder, const std::string& name,
+                 const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes);
+  enum class Presence { kThere, kMissing, kUnknown };
+  Presence askForNewItem(const std::string& folder, const KnownListings::NewItem& item, RemoteEntry* entry);
+  // An upload has ended well, or is put off: whether it has made a file.
+  void noteNewFile(const NSFileHandle& handle, const std::string& path, uint64_t offset,
+                   std::optional<NSFileAttributes> attributes);
 
   // SessionWaiter
   bool wantsToStop() const override {

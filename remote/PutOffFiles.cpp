@@ -5,6 +5,7 @@
 
 #include "platform/foundation/NSThread.h"
 #include "remote/QuarnKitError.h"
+#include "remote/RemotePaths.h"
 
 namespace ombra {
 namespace {
@@ -66,6 +67,16 @@ bool PutOffFiles::has(const IsMeant& isMeant) const {
   const ConditionLock lock(iCondition);
   return std::any_of(iEntries.begin(), iEntries.end(),
                      [&](const auto& entry) { return isMeant(entry.first, entry.second.file.get()); });
+}
+
+std::vector<std::string> PutOffFiles::namesIn(std::string_view folder) const {
+  std::vector<std::string> names;
+  if (isEmpty()) return names;
+  const ConditionLock lock(iCondition);
+  for (const auto& [path, entry] : iEntries) {
+    if (parentOfRemotePath(path) == folder) names.emplace_back(nameOfRemotePath(path));
+  }
+  return names;
 }
 
 std::optional<PutOffFiles::Turn> PutOffFiles::take(const IsMeant& isMeant) {

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "platform/foundation/NSCondition.h"
 #include "platform/foundation/NSDate.h"
@@ -62,8 +63,10 @@ class PutOffFiles {
   bool isEmpty() const { return iCount == 0; }
   // Whether there is any of those that are meant.
   bool has(const IsMeant& isMeant) const EXCLUDES(iCondition);
-  // One of those; absent when there is none any more. Waits for those that others have taken: by a thread
-  // that has taken none.
+  // The names of those in a folder.
+  std::vector<std::string> namesIn(std::string_view folder) const EXCLUDES(iCondition);
+  // One of those that are meant; absent when there is none any more. Waits for those that others have taken:
+  // by a thread that has taken none.
   std::optional<Turn> take(const IsMeant& isMeant) EXCLUDES(iCondition);
   // It could not be made; unless somebody is about to.
   void fail(const std::string& path, NSErrorRef failure) EXCLUDES(iCondition);

@@ -59,6 +59,8 @@ class TransferControl {
   virtual bool takesOverNewFile() { return false; }
   // The upload has made it by itself, empty, ahead of the content.
   virtual void newFileIsMade() {}
+  // What the server says of the file that the upload has just made, or emptied.
+  virtual void newFileIsThere(const NSFileAttributes& /*attributes*/) {}
 };
 
 // Receives the conversation for the transcript. Thread-safe.
@@ -198,6 +200,10 @@ class Engine {
   // Whether what was made is there under the very name that it was given, so that its folder need not be
   // listed to know.
   virtual bool keepsNamesOfNewItems() const { return false; }
+  // Whether an upload that makes a file has the server tell of it in the same round trip. Elsewhere the
+  // server saying that it has made the file is all that is known of it: to ask once more would take each new
+  // file a round trip longer.
+  virtual bool looksAtNewFiles() const { return false; }
   // Whether making an empty file may wait a moment for its content, since a whole file comes with its content
   // in one request. Only where attributes of files cannot be changed.
   virtual bool putsOffNewFiles() const { return false; }

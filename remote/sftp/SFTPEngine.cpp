@@ -14,6 +14,7 @@ class SFTPEngine final : public Engine {
   bool isSFTP() const override { return true; }
   bool supportsUploadByteOffset() const override { return true; }
   bool keepsNamesOfNewItems() const override { return true; }
+  bool looksAtNewFiles() const override { return true; }
   int sessionCap() const override { return 8; }
 
   std::unique_ptr<Session> makeSession(const SessionEnvironment& environment) override {

@@ -40,11 +40,13 @@ bool SFTPSession::upload(NSFileHandle& from, std::string_view path, uint64_t off
                          NSErrorRef* error) {
   if (!isUsablePath(path, error)) return false;
   const Walks::Change change(*iWalks, path);
+  iNewFile.reset();
   NSErrorRef reason;
   const bool succeeded = from.isScratch() ? uploadChanges(from, path, offset, control, &reason)
                                           : uploadCopy(from, path, offset, control, &reason);
   const bool isOurs = isUploadOf(from, path);
   if (succeeded) {
+    if (iNewFile) control.newFileIsThere(fileAttributesFromSFTP(*iNewFile));
     if (isOurs) iChannel.lend();
     return true;
   }
@@ -68,16 +70,17 @@ bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
                              std::shared_ptr<UnconfirmedExtents> extents, NSErrorRef* error) {
   finishUpload();
   const uint32_t openID = iRequests.open(path, flags);
-  // Whoever makes a file sets its mode next, mostly to what it is already: asked for in the same round trip.
-  const bool asksForMode = extents != nullptr && (flags & kSFTPOpenTruncate) != 0;
-  const uint32_t statID = asksForMode ? iRequests.stat(path) : 0;
+  // Whoever makes a file looks next whether it is there, and sets its mode, mostly to what it is already:
+  // asked for in the same round trip.
+  const bool looks = extents != nullptr && (flags & kSFTPOpenTruncate) != 0;
+  const uint32_t lstatID = looks ? iRequests.lstat(path) : 0;
   const auto handle = waitHandle(openID, SFTPOperation::kChangeName, path, error);
   if (!handle) {
-    if (asksForMode) iChannel.abandon(statID);
+    if (looks) iChannel.abandon(lstatID);
     return false;
   }
   std::optional<SFTPAttributes> made;
-  if (asksForMode) made = waitAttributes(statID, SFTPOperation::kOther, path, nullptr);
+  if (looks) made = waitAttributes(lstatID, SFTPOperation::kOther, path, nullptr);
   uint64_t remoteLength = 0;
   if ((flags & kSFTPOpenTruncate) == 0) {
     const auto present = waitAttributes(iRequests.fstat(*handle), SFTPOperation::kOther, path, error);
@@ -90,6 +93,7 @@ bool SFTPSession::openUpload(std::string_view path, uint32_t flags,
   iUpload = std::make_unique<SFTPUpload>(iChannel, iRequests, std::string(path), *handle, std::move(extents),
                                          remoteLength);
   if (made && made->isFile()) iUpload->setMode(made->permissions);
+  iNewFile = made;
   return true;
 }
 

@@ -188,6 +188,8 @@ class SFTPSession final : public Session {
   SFTPAhead iAhead;
   std::string iLoginPath;
   size_t iDownloadWidth = 0;  // requests in flight that the line has taken
+  // What the running upload has made, as the server described it in the same round trip.
+  std::optional<SFTPAttributes> iNewFile;
   // The folder made last, as the server described it in the same round trip.
   std::optional<std::pair<std::string, SFTPAttributes>> iMadeFolder;
   std::unique_ptr<SFTPUpload> iUpload;  // kept between uploads of one path

@@ -97,7 +97,6 @@ class LocalEngineTest : public testing::Test, public ConnectionDelegate {
 
 // A folder is not listed anew for each item that is made in it.
 TEST_F(LocalEngineTest, WhatIsMadeIsThereUnderTheVeryNameThatItWasGiven) {
-  EXPECT_TRUE(iPool->keepsNamesOfNewItems());
   std::vector<std::string> names{" a ", "Case", "a\u0308", "case", "dot.", "\u00e4"};
   for (const std::string& name : names) EXPECT_TRUE(upload(name, "x"));
   std::sort(names.begin(), names.end());

@@ -65,6 +65,43 @@ TEST_F(SFTPCreation, TheModeOfAnotherPathIsSet) {
   EXPECT_EQ(peer->countOf(kSFTPSetstat), 1u);
 }
 
+TEST_F(SFTPCreation, TheServerIsAskedInTheSameRoundTripWhetherTheFileIsThere) {
+  server.batch = SIZE_MAX;
+  const size_t before = peer->waits();
+  ASSERT_TRUE(create());
+  EXPECT_EQ(peer->waits() - before, 1u);
+  ASSERT_TRUE(control.newFile);
+  EXPECT_EQ(control.newFile->fileSize, 0u);
+  EXPECT_EQ(control.newFile->posixPermissions, 0644);
+}
+
+TEST_F(SFTPCreation, AFileThatIsNotThereIsNotDescribed) {
+  server.before = [this](const PeerRequest& request) {
+    if (request.type == kSFTPLstat) server.remove("/f");
+  };
+  ASSERT_TRUE(create());
+  EXPECT_EQ(peer->countOf(kSFTPLstat), 1u);
+  EXPECT_FALSE(control.newFile);
+}
+
+// What comes into being behind it has another name.
+TEST_F(SFTPCreation, ALinkInItsPlaceIsDescribedAsOne) {
+  server.addFile("/target", "x");
+  server.addLink("/f", "/target");
+  ASSERT_TRUE(create());
+  ASSERT_TRUE(control.newFile);
+  EXPECT_EQ(control.newFile->fileType, NSFileTypeValue::NSFileTypeSymbolicLink);
+}
+
+TEST_F(SFTPCreation, AWriteDescribesNothing) {
+  ASSERT_TRUE(create());
+  control.newFile.reset();
+  ASSERT_TRUE(local->writeAll("x", 1, 0));
+  local->noteWritten({0, 1});
+  ASSERT_TRUE(create());
+  EXPECT_FALSE(control.newFile);
+}
+
 TEST_F(SFTPCreation, TakesOneRoundTripWithItsMode) {
   server.batch = SIZE_MAX;
   const size_t before = peer->waits();

@@ -31,7 +31,9 @@ class RecordingControl final : public TransferControl {
   void progress(uint64_t bytesReached) override { reached.push_back(bytesReached); }
   bool shouldCancel() const override { return cancelled || (!reached.empty() && reached.back() >= cancelAt); }
   bool mayReturnEarly() const override { return isEarly; }
+  void newFileIsThere(const NSFileAttributes& attributes) override { newFile = attributes; }
 
+  std::optional<NSFileAttributes> newFile;  // as the server has described it
   std::vector<uint64_t> reached;
   uint64_t cancelAt = UINT64_MAX;
   bool cancelled = false;

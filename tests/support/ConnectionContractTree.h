@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <thread>
 
@@ -10,6 +11,8 @@
 namespace ombra {
 
 using testing::ElementsAre;
+using testing::Key;
+using testing::UnorderedElementsAre;
 
 TEST_P(ConnectionContract, CapabilitiesAreToldWithoutALogin) {
   EXPECT_EQ(connection().protocol(), server().credentials()->protocol());
@@ -225,6 +228,27 @@ TEST_P(ConnectionContract, FoldersAreMadeOnce) {
   EXPECT_TRUE(hasCode(error, {kQuarnKitItemExists, kQuarnKitRefused}));
   EXPECT_FALSE(connection().createFolderAtPath(at("missing/new"), &error));
   EXPECT_TRUE(hasCode(error, {kQuarnKitNoSuchItem, kQuarnKitRefused}));
+}
+
+// Told alone, or with all the rest where the listing is too old by then.
+TEST_P(ConnectionContract, WhoHasAListingIsToldOfWhatWasMadeSince) {
+  server().putFile(at("old"), "x");
+  FolderContents contents;
+  ASSERT_TRUE(connection().contentsAtPath(root(), 0, &contents, nullptr));
+  EXPECT_TRUE(contents.isWhole);
+  const auto empty = temporaryFile();
+  ASSERT_TRUE(connection().uploadFileHandle(*empty, "New", at("New"), 0, nullptr, nullptr));
+  ASSERT_TRUE(connection().createFolderAtPath(at("Folder"), nullptr));
+  ASSERT_TRUE(connection().contentsAtPath(root(), contents.number, &contents, nullptr));
+  std::map<std::string, std::shared_ptr<KCRemoteFileNode>> told;
+  for (const auto& one : contents.nodes) told.emplace(one->displayName(), one);
+  EXPECT_EQ(told.size(), contents.nodes.size());
+  EXPECT_EQ(told.erase("old"), contents.isWhole ? 1u : 0u);
+  ASSERT_THAT(told, UnorderedElementsAre(Key("New"), Key("Folder")));
+  EXPECT_EQ(told["New"]->type(), kNodeTypeFile);
+  EXPECT_EQ(told["New"]->size(), 0u);
+  EXPECT_EQ(told["New"]->path(), at("New"));
+  EXPECT_EQ(told["Folder"]->type(), kNodeTypeFolder);
 }
 
 TEST_P(ConnectionContract, FilesAndWholeFoldersAreMoved) {

@@ -89,7 +89,7 @@ std::optional<LinkResolution> FakeSession::resolveLink(std::string_view path, NS
 std::optional<NSFileAttributes> FakeSession::attributes(std::string_view path, bool* isDirectory,
                                                         NSErrorRef* error) {
   ++iEngine.attributeCalls;
-  *isDirectory = false;
+  *isDirectory = iEngine.isFolder && iEngine.isFolder(std::string(path));
   if (iEngine.onAttributes && !iEngine.onAttributes(*this, std::string(path), error)) return std::nullopt;
   NSFileAttributes attributes;
   attributes.fileSize = 3;

@@ -58,7 +58,9 @@ class FakeEngine final : public Engine {
 
   std::atomic<int> cap{8};
   std::atomic<bool> inPlace{true};
+  std::function<bool(const std::string&)> isFolder;  // what there are attributes of; nothing, by itself
   std::atomic<bool> keepsNames{false};
+  std::atomic<bool> looksAtNew{false};
   std::atomic<bool> ahead{false};  // folders and small files are fetched ahead
   std::atomic<int> made{0};        // sessions that were ever made
   std::atomic<int> living{0};      // of those, not destroyed yet
@@ -86,6 +88,7 @@ class FakeEngine final : public Engine {
   bool isSFTP() const override { return true; }
   bool supportsUploadByteOffset() const override { return inPlace; }
   bool keepsNamesOfNewItems() const override { return keepsNames; }
+  bool looksAtNewFiles() const override { return looksAtNew; }
   int sessionCap() const override { return cap; }
   bool isAskedAhead() const override { return ahead; }
   bool putsOffNewFiles() const override { return putsOff; }

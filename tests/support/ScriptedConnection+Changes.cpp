@@ -22,6 +22,7 @@ bool ScriptedConnection::createFolderAtPath(std::string_view path, NSErrorRef* e
   if (!hasParent(iState->iTree, path)) return refuse(kQuarnKitNoSuchItem, path, error);
   if (iState->iTree.find(path) != nullptr) return refuse(kQuarnKitItemExists, path, error);
   iState->iTree.add(path, kNodeTypeFolder);
+  iState->iListings.madeFolder(path, 0);
   return true;
 }
 
@@ -34,6 +35,7 @@ bool ScriptedConnection::createSymbolicLinkAtPath(std::string_view path, std::st
   if (!hasParent(iState->iTree, path)) return refuse(kQuarnKitNoSuchItem, path, error);
   if (iState->iTree.find(path) != nullptr) return refuse(kQuarnKitItemExists, path, error);
   iState->iTree.add(path, kNodeTypeAlias).target = resolvingToPath;
+  iState->iListings.forgetFolder(parentOfRemotePath(path));
   return true;
 }
 
@@ -47,6 +49,8 @@ bool ScriptedConnection::moveItemFromPath(std::string_view path, bool isDirector
   if (!hasParent(iState->iTree, toPath)) return refuse(kQuarnKitNoSuchItem, toPath, error);
   if (iState->iTree.find(toPath) != nullptr) return refuse(kQuarnKitItemExists, toPath, error);
   iState->iTree.move(path, toPath);
+  iState->iListings.forget(path);
+  iState->iListings.forget(toPath);
   return true;
 }
 
@@ -66,6 +70,7 @@ bool ScriptedConnection::deleteItemAtPath(std::string_view path, bool isDirector
   if (isDirectory != (item->type == kNodeTypeFolder)) return refuse(kQuarnKitRefused, path, error);
   if (!item->children.empty()) return refuse(kQuarnKitFolderNotEmpty, path, error);
   iState->iTree.remove(path);
+  iState->iListings.forget(path);
   return true;
 }
 

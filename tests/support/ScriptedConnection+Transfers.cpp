@@ -137,6 +137,7 @@ void ScriptedConnection::storeUploaded(const Course& course) {
   if (item == nullptr) item = &iState->iTree.add(path, kNodeTypeFile);
   if (course.offset == 0) {
     item->content = bytes;
+    if (bytes.empty()) iState->iListings.madeFile(path, std::nullopt);
     return;
   }
   const auto end = static_cast<size_t>(course.offset + bytes.size());

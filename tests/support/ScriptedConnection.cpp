@@ -150,16 +150,44 @@ bool ScriptedConnection::contentsAtPath(std::string_view path,
     const ScriptedItem& item = *iState->iTree.find(itemPath);
     // The node's path is below the path that was asked for, also when that is a link.
     const std::string nodePath = (folderPath == "/" ? "" : folderPath) + "/" + name;
-    std::shared_ptr<KCRemoteFileNode> node;
-    if (item.type == kNodeTypeFolder) {
-      node = KCRemoteFolderNode::folderNodeWithPath(nodePath, iState->iCredentials);
-    } else {
-      node = std::make_shared<KCRemoteFileNode>(nodePath, iState->iCredentials);
-      node->setType(item.type);
-    }
-    if (item.type == kNodeTypeAlias) node->setTargetPath(item.target);
-    node->setAttributes(ScriptedTree::listedAttributes(item));
-    nodes->push_back(std::move(node));
+    nodes->push_back(makeNode(item, nodePath));
+  }
+  return true;
+}
+
+std::shared_ptr<KCRemoteFileNode> ScriptedConnection::makeNode(const ScriptedItem& item,
+                                                               const std::string& path) const {
+  std::shared_ptr<KCRemoteFileNode> node;
+  if (item.type == kNodeTypeFolder) {
+    node = KCRemoteFolderNode::folderNodeWithPath(path, iState->iCredentials);
+  } else {
+    node = std::make_shared<KCRemoteFileNode>(path, iState->iCredentials);
+    node->setType(item.type);
+  }
+  if (item.type == kNodeTypeAlias) node->setTargetPath(item.target);
+  node->setAttributes(ScriptedTree::listedAttributes(item));
+  return node;
+}
+
+bool ScriptedConnection::contentsAtPath(std::string_view path, uint64_t known, FolderContents* contents,
+                                        NSErrorRef* error) {
+  if (!iState->iTellsNews) return AbstractConnection::contentsAtPath(path, known, contents, error);
+  const std::string folder = normalRemotePath(path);
+  const auto news = known == 0 ? std::nullopt : iState->iListings.since(folder, known);
+  if (!news) {
+    *contents = {{}, true, iState->iListings.begin(folder)};
+    if (!contentsAtPath(path, &contents->nodes, error)) return false;
+    iState->iListings.fetched(folder, contents->number, 0);
+    return true;
+  }
+  if (!settle(begin("newsAtPath", {std::string(path)}, path), error)) return false;
+  *contents = {{}, false, news->number};
+  WatchedLock lock(iState->iCondition);
+  for (const KnownListings::NewItem& item : news->items) {
+    const std::string itemPath = remotePathInFolder(folder, item.name);
+    const ScriptedItem* present = iState->iTree.find(itemPath);
+    if (present == nullptr || iState->iTree.isHidden(itemPath)) continue;
+    contents->nodes.push_back(makeNode(*present, itemPath));
   }
   return true;
 }

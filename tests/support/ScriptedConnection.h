@@ -30,6 +30,8 @@ class ScriptedConnection final : public AbstractConnection {
                                                              NSErrorRef* error) override;
   bool contentsAtPath(std::string_view path, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                       NSErrorRef* error) override;
+  bool contentsAtPath(std::string_view path, uint64_t known, FolderContents* contents,
+                      NSErrorRef* error) override;
   bool createFolderAtPath(std::string_view path, NSErrorRef* error) override;
   bool createSymbolicLinkAtPath(std::string_view path, std::string_view resolvingToPath,
                                 NSErrorRef* error) override;
@@ -72,6 +74,7 @@ class ScriptedConnection final : public AbstractConnection {
   bool upload(Course& course, CallVerdict verdict, NSFileHandle& handle, uint64_t* bytesTransferred,
               NSErrorRef* error);
   void storeUploaded(const Course& course);
+  std::shared_ptr<KCRemoteFileNode> makeNode(const ScriptedItem& item, const std::string& path) const;
   void moved(Course& course, std::string_view bytes);
   // The result of a call that is not decided yet by `verdict`; stores the side error on success.
   static bool settle(const CallVerdict& verdict, NSErrorRef* error);

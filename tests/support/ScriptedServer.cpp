@@ -28,7 +28,7 @@ void ScriptedServer::setIsSFTP(bool value) { iState->iIsSFTP = value; }
 void ScriptedServer::setIsWebDAV(bool value) { iState->iIsWebDAV = value; }
 void ScriptedServer::setSupportsUploadByteOffset(bool value) { iState->iSupportsUploadByteOffset = value; }
 bool ScriptedServer::lastTookAhead() const { return iState->iLastTookAhead; }
-void ScriptedServer::setKeepsNamesOfNewItems(bool value) { iState->iKeepsNames = value; }
+void ScriptedServer::setTellsNews(bool value) { iState->iTellsNews = value; }
 void ScriptedServer::setChunkSize(size_t bytes) { iState->iChunkSize = std::max<size_t>(bytes, 1); }
 void ScriptedServer::setStreamCapacity(size_t bytes) { iState->iStreamCapacity = std::max<size_t>(bytes, 1); }
 

@@ -28,7 +28,8 @@
 //   acquireConnection | acquireConnectionWithTimeout TIMEOUT cancellation|none | releaseConnection |
 //   shutDown | setMaximumConnections N | setDelegate delegate|none | setShouldCancel FLAG | loginPath |
 //   connect | changeDir PATH | pwd | resolvePath PATH | attributesOfItemAtPath PATH |
-//   fileSystemAttributesAtPath PATH | contentsAtPath PATH | createFolderAtPath PATH |
+//   fileSystemAttributesAtPath PATH | contentsAtPath PATH (all of them) | newsAtPath PATH |
+//   createFolderAtPath PATH |
 //   createSymbolicLinkAtPath PATH TARGET | moveItemFromPath FROM FLAG TO | deleteItemAtPath PATH FLAG |
 //   changeAttributes PATH DESCRIPTION | downloadFileAtPath PATH OFFSET |
 //   uploadFileAtPath TOPATH LOCALPATH OFFSET | uploadFileHandle TOPATH FILENAME OFFSET |
@@ -111,8 +112,8 @@ class ScriptedServer {
   void setIsSFTP(bool value);
   void setIsWebDAV(bool value);
   void setSupportsUploadByteOffset(bool value);
-  // As KCConnectionPool::keepsNamesOfNewItems; false at first.
-  void setKeepsNamesOfNewItems(bool value);
+  // Whether who has a listing is told of what was made since, alone; false at first.
+  void setTellsNews(bool value);
 
   // --- login. A connection has no login path until `connect` succeeded once in this pool.
   // What loginPath answers after that; absent: none even then. Default "/".

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <set>
 
+#include "remote/KnownListings.h"
 #include "remote/Session.h"
 #include "tests/support/ScriptedServer.h"
 #include "tests/support/ScriptedTree.h"
@@ -64,7 +65,6 @@ class ScriptedServer::State final : public KCConnectionPool, public std::enable_
   void releaseConnection(std::shared_ptr<AbstractConnection> connection) override EXCLUDES(iCondition);
   void setTranscriptDelegate(TranscriptDelegate* delegate) override EXCLUDES(iCondition);
   void shutDown() override EXCLUDES(iCondition);
-  bool keepsNamesOfNewItems() const override { return iKeepsNames; }
 
   // Records the call, lets the observer look, sleeps in holds at position 0, looks up injected errors.
   // `cancelled` (may be null) ends holds.
@@ -133,7 +133,8 @@ class ScriptedServer::State final : public KCConnectionPool, public std::enable_
   size_t iReleased GUARDED_BY(iCondition) = 0;
   int iMaximumConnections GUARDED_BY(iCondition) = -1;
   std::atomic<TranscriptDelegate*> iTranscriptDelegate{nullptr};
-  std::atomic<bool> iKeepsNames{false};
+  std::atomic<bool> iTellsNews{false};
+  KnownListings iListings;
   std::atomic<bool> iLastTookAhead{false};
   const KCUUID iTranscriptUUID = KCUUID::UUID();
 

@@ -48,7 +48,7 @@ TEST_F(ConnectionUse, AListingMayBeOneThatWasFetchedAheadUnlessWhatIsThereNowIsA
 }
 
 TEST_F(ConnectionUse, OperationsOfTheFileSystemHaveItAsTheirConnectionsDelegate) {
-  server.setKeepsNamesOfNewItems(true);
+  server.setTellsNews(true);
   list("/docs");
   std::set<std::string> asked;
   server.setObserver([&](const ScriptedCall& call) {
@@ -67,19 +67,17 @@ TEST_F(ConnectionUse, OperationsOfTheFileSystemHaveItAsTheirConnectionsDelegate)
   EXPECT_TRUE(fileSystem.removeItemAtPath("/docs/moved", nullptr));
   EXPECT_THAT(asked,
               ::testing::IsSupersetOf({"contentsAtPath", "fileSystemAttributesAtPath", "createFolderAtPath",
-                                       "attributesOfItemAtPath", "changeAttributes",
-                                       "createSymbolicLinkAtPath", "moveItemFromPath", "deleteItemAtPath"}));
+                                       "newsAtPath", "changeAttributes", "createSymbolicLinkAtPath",
+                                       "moveItemFromPath", "deleteItemAtPath"}));
 }
 
 TEST_F(ConnectionUse, AlsoTheLookAfterANewFileHasTheFileSystemAsDelegate) {
-  server.setKeepsNamesOfNewItems(true);
+  server.setTellsNews(true);
   list("/docs");
   server.clearCalls();
   const ConnectionDelegate* delegate = nullptr;
   server.setObserver([&](const ScriptedCall& call) {
-    if (call.text() == "attributesOfItemAtPath /docs/NEW") {
-      delegate = StAbstractConnection::currentConnection()->delegate();
-    }
+    if (call.name == "newsAtPath") delegate = StAbstractConnection::currentConnection()->delegate();
   });
   GMUserData file;
   ASSERT_TRUE(fileSystem.createFileAtPath("/docs/new", {}, &file, &error));

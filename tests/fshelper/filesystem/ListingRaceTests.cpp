@@ -98,18 +98,24 @@ TEST_F(ListingRace, LinksAreResolvedOutsideTheFoldersLock) {
   }
 }
 
+class ListingRaceOfNews : public ListingRace, public testing::WithParamInterface<bool> {
+ protected:
+  ListingRaceOfNews() { server.setTellsNews(GetParam()); }
+};
+
 // However listings of others end around it, an item that was just made is found at once.
-TEST_F(ListingRace, WhatWasMadeIsFoundAtOnce) {
+TEST_P(ListingRaceOfNews, WhatWasMadeIsFoundAtOnce) {
   connect();
   std::atomic<bool> isDone{false};
-  const auto listOnAndOn = [&] {
+  const auto listOnAndOn = [&](bool isWhole) {
     while (!isDone) {
-      fileSystem.rootNode()->setExpired(true);
+      const std::shared_ptr<KCRemoteFolderNode> root = fileSystem.rootNode();
+      isWhole ? root->setExpired(true) : root->setHasNewItems(true);
       fileSystem.contentsOfDirectoryAtPath("/", nullptr);
     }
   };
-  std::thread one(listOnAndOn);
-  std::thread two(listOnAndOn);
+  std::thread one(listOnAndOn, true);
+  std::thread two(listOnAndOn, false);
   int missing = 0;
   for (int index = 0; index < 150; ++index) {
     const std::string path = "/d" + std::to_string(index);
@@ -121,6 +127,36 @@ TEST_F(ListingRace, WhatWasMadeIsFoundAtOnce) {
   two.join();
   EXPECT_EQ(missing, 0);
 }
+
+// Of those who make something in one folder at the same time, each finds what he has made.
+TEST_P(ListingRaceOfNews, WhatEachOfManyHasMadeIsFound) {
+  connect();
+  list("/");
+  std::atomic<int> missing{0};
+  std::vector<std::thread> makers;
+  for (int maker = 0; maker < 4; ++maker) {
+    makers.emplace_back([&, maker] {
+      for (int index = 0; index < 50; ++index) {
+        const std::string path = "/f" + std::to_string(maker) + "-" + std::to_string(index);
+        GMUserData opened;
+        if (!fileSystem.createFileAtPath(path, {}, &opened, nullptr)) {
+          ++missing;
+        } else {
+          fileSystem.releaseFileAtPath(path, opened);
+        }
+        if (index % 5 == 0 && !fileSystem.removeItemAtPath(path, nullptr)) ++missing;
+      }
+    });
+  }
+  for (std::thread& maker : makers) maker.join();
+  EXPECT_EQ(missing, 0);
+  EXPECT_EQ(list("/").size(), 160u);
+  makeStale("/");
+  EXPECT_EQ(list("/").size(), 160u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, ListingRaceOfNews, testing::Bool(),
+                         [](const auto& kind) { return kind.param ? "tellNews" : "listAll"; });
 
 }  // namespace
 }  // namespace ombra

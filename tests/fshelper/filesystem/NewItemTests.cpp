@@ -1,18 +1,20 @@
-// What is made where the server keeps the names that it is given: it joins the known listing.
+// What is made in a folder whose listing is known: the server is asked for that alone.
 #include <functional>
 
 #include "tests/fshelper/filesystem/FileSystemFixture.h"
+#include "tests/support/TemporaryFile.h"
 
 namespace ombra {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::IsEmpty;
 using ::testing::UnorderedElementsAre;
 
 class NewItems : public FileSystemTest {
  protected:
   NewItems() {
-    server.setKeepsNamesOfNewItems(true);
+    server.setTellsNews(true);
     server.addFile("/old", "x");
     connect();
   }
@@ -20,21 +22,23 @@ class NewItems : public FileSystemTest {
     return fileSystem.contentsOfDirectoryAtPath(path, nullptr).value_or(std::vector<std::string>{"<failed>"});
   }
   size_t listings() const { return server.count("contentsAtPath"); }
+  size_t looks() const { return server.count("newsAtPath"); }
   bool makeFile(const std::string& path) {
     NSFileAttributes attributes;
     attributes.posixPermissions = 0640;
-    return fileSystem.createFileAtPath(path, attributes, &made, nullptr);
+    return fileSystem.createFileAtPath(path, attributes, &made, &error);
   }
   GMUserData made;
 };
 
-TEST_F(NewItems, AFileJoinsAFreshListingWithoutAnotherOne) {
+TEST_F(NewItems, AFileIsAskedForAloneWhereTheListingIsKnown) {
   names("/");
   const size_t before = listings();
   ASSERT_TRUE(makeFile("/new"));
   EXPECT_EQ(listings(), before);
+  EXPECT_EQ(looks(), 1u);
   EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new"));
-  EXPECT_EQ(listings(), before);
+  EXPECT_EQ(listings() + looks(), before + 1) << "and is fresh afterwards";
   const auto attributes = fileSystem.attributesOfItemAtPath("/new", nullptr, nullptr);
   ASSERT_TRUE(attributes);
   EXPECT_EQ(attributes->fileType, NSFileTypeValue::NSFileTypeRegular);
@@ -42,24 +46,29 @@ TEST_F(NewItems, AFileJoinsAFreshListingWithoutAnotherOne) {
   EXPECT_EQ(attributes->posixPermissions, 0640);
 }
 
+TEST_F(NewItems, EachFileIsAskedForOnce) {
+  names("/");
+  const size_t before = listings();
+  for (const char* path : {"/1", "/2", "/3", "/4"}) ASSERT_TRUE(makeFile(path)) << path;
+  EXPECT_EQ(listings(), before);
+  EXPECT_EQ(looks(), 4u);
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "1", "2", "3", "4"));
+}
+
+TEST_F(NewItems, AFileThatTheServerDoesNotHaveIsAnInputOutputError) {
+  names("/");
+  server.setHidden("/new", true);
+  EXPECT_FALSE(makeFile("/new"));
+  EXPECT_EQ(code(), kEIO);
+  EXPECT_EQ(looks(), 1u);
+  EXPECT_THAT(names("/"), ElementsAre("old"));
+}
+
 TEST_F(NewItems, AFileInAFolderThatIsNotListedYetIsListedWithIt) {
   ASSERT_TRUE(makeFile("/new"));
   EXPECT_EQ(listings(), 1u);
+  EXPECT_EQ(looks(), 0u);
   EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new"));
-}
-
-// Some servers cut such ends off, or write other characters for them.
-TEST_F(NewItems, ANameThatABlankBeginsOrABlankOrADotEndsIsListed) {
-  names("/");
-  for (const char* path : {"/ first", "/last ", "/dot."}) {
-    const size_t before = listings();
-    ASSERT_TRUE(makeFile(path)) << path;
-    EXPECT_EQ(listings(), before + 1) << path;
-  }
-  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder.", {}, nullptr));
-  const size_t before = listings();
-  names("/");
-  EXPECT_EQ(listings(), before + 1);
 }
 
 TEST_F(NewItems, AListingThatHasExpiredIsFetched) {
@@ -76,34 +85,57 @@ TEST_F(NewItems, AnInvalidatedListingIsFetched) {
   const size_t before = listings();
   ASSERT_TRUE(makeFile("/new"));
   EXPECT_EQ(listings(), before + 1);
-  makeStale("/");
-  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
-  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "new", "folder"));
-  EXPECT_EQ(listings(), before + 2);
+  EXPECT_EQ(looks(), 0u);
 }
 
-TEST_F(NewItems, AFolderJoinsWithTheServersAttributesAndIsKnownToBeEmpty) {
+TEST_F(NewItems, AnInvalidationAfterTheMakingIsNotForgotten) {
+  names("/");
+  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
+  makeStale("/");
+  server.removeItem("/old");
+  const size_t before = listings();
+  EXPECT_THAT(names("/"), ElementsAre("folder"));
+  EXPECT_EQ(listings(), before + 1);
+}
+
+// Others change the folder, too.
+TEST_F(NewItems, WhatIsAskedForDoesNotMakeAnOldListingYounger) {
+  names("/");
+  for (int second = 0; second < 3; ++second) {
+    clock.advance(0.3);
+    ASSERT_TRUE(makeFile("/" + std::to_string(second)));
+  }
+  clock.advance(59.2);
+  const size_t before = listings();
+  names("/");
+  EXPECT_EQ(listings(), before + 1) << "60 s after the folder was listed";
+}
+
+TEST_F(NewItems, AFolderIsAskedForWhenItIsLookedAtAndIsKnownToBeEmpty) {
   names("/");
   const size_t before = listings();
   ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
+  EXPECT_EQ(looks(), 0u);
   EXPECT_THAT(names("/"), UnorderedElementsAre("old", "folder"));
-  EXPECT_TRUE(names("/folder").empty());
+  EXPECT_EQ(looks(), 1u);
+  EXPECT_THAT(names("/folder"), IsEmpty());
   ASSERT_TRUE(makeFile("/folder/a"));
-  EXPECT_THAT(names("/folder"), UnorderedElementsAre("a"));
+  EXPECT_THAT(names("/folder"), ElementsAre("a"));
   EXPECT_EQ(listings(), before);
+  EXPECT_EQ(looks(), 2u);
   const auto attributes = fileSystem.attributesOfItemAtPath("/folder", nullptr, nullptr);
   ASSERT_TRUE(attributes);
   EXPECT_EQ(attributes->fileType, NSFileTypeValue::NSFileTypeDirectory);
   EXPECT_EQ(attributes->posixPermissions, 0755);
 }
 
-TEST_F(NewItems, AFolderWhoseAttributesCannotBeReadIsListed) {
+TEST_F(NewItems, ANewLinkHasItsFolderListed) {
   names("/");
   const size_t before = listings();
-  server.fail("attributesOfItemAtPath", "/folder", QuarnKitError::errorWithCode(kQuarnKitRefused));
-  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/folder", {}, nullptr));
-  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "folder"));
+  ASSERT_TRUE(fileSystem.createSymbolicLinkAtPath("/link", "old", nullptr));
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "link"));
   EXPECT_EQ(listings(), before + 1);
+  EXPECT_EQ(fileSystem.destinationOfSymbolicLinkAtPath("/link", nullptr), "old");
 }
 
 TEST_F(NewItems, AnOldListingIsStillFetchedAfterACreationThatFailed) {
@@ -116,66 +148,26 @@ TEST_F(NewItems, AnOldListingIsStillFetchedAfterACreationThatFailed) {
   EXPECT_EQ(listings(), before + 1);
 }
 
-TEST_F(NewItems, AFolderIsAskedOnceWhetherItTellsNamesApartByCase) {
+TEST_F(NewItems, AFileTakesThePlaceOfTheListedOneOfItsName) {
   names("/");
-  ASSERT_TRUE(makeFile("/New"));
-  ASSERT_TRUE(makeFile("/Other"));
-  ASSERT_TRUE(fileSystem.createDirectoryAtPath("/Folder", {}, nullptr));
-  ASSERT_TRUE(makeFile("/Folder/new"));
-  std::vector<std::string> asked;
-  for (const ScriptedCall& call : server.calls("attributesOfItemAtPath")) asked.push_back(call.arguments[0]);
-  EXPECT_THAT(asked, ElementsAre("/nEW", "/Folder")) << "the second one for what the folder is like";
+  const auto node = fileSystem._nodeForPath("/old");
+  ASSERT_TRUE(makeFile("/old"));
+  EXPECT_EQ(fileSystem._nodeForPath("/old"), node);
+  EXPECT_EQ(fileOnNode("/old"), made);
+  EXPECT_EQ(fileSystem.attributesOfItemAtPath("/old", nullptr, nullptr)->fileSize, 0u);
+  EXPECT_THAT(names("/"), ElementsAre("old"));
 }
 
-TEST_F(NewItems, WhereCaseDoesNotCountTheFolderIsListed) {
+TEST_F(NewItems, WhatWasRemovedOrMovedAwaySinceItWasMadeIsNotShownAgain) {
   names("/");
-  server.setAttributesHandler([](std::string_view, bool* isDirectory, NSErrorRef*) {
-    *isDirectory = false;
-    return NSFileAttributes();
-  });
-  const size_t before = listings();
-  ASSERT_TRUE(makeFile("/New"));
-  ASSERT_TRUE(makeFile("/Other"));
-  EXPECT_EQ(listings(), before + 2);
-  EXPECT_EQ(server.count("attributesOfItemAtPath"), 1u);
-}
-
-// The server keeps the name that the item had before.
-TEST_F(NewItems, AnItemThatIsThereInOtherCaseIsNotShownTwice) {
-  names("/");
-  server.setAttributesHandler([](std::string_view, bool*, NSErrorRef*) { return NSFileAttributes(); });
-  server.setHidden("/OLD", true);
-  EXPECT_FALSE(makeFile("/OLD"));
-  EXPECT_THAT(names("/"), UnorderedElementsAre("old"));
-}
-
-// Which letters of other alphabets a server takes for one is not known here.
-TEST_F(NewItems, AnItemThatIsThereInOtherCaseOfAnotherAlphabetIsNotShownTwice) {
-  server.addFile("/\xc3\x84", "x");
-  server.setHidden("/\xc3\xa4", true);
-  names("/");
-  EXPECT_FALSE(makeFile("/\xc3\xa4"));
-  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "A\xcc\x88"));
-}
-
-TEST_F(NewItems, WhereCaseIsKnownToCountNamesOfOtherAlphabetsJoin) {
-  names("/");
-  const size_t before = listings();
-  ASSERT_TRUE(makeFile("/New"));
-  ASSERT_TRUE(makeFile("/\xc3\xa4"));
-  ASSERT_TRUE(makeFile("/1"));
-  EXPECT_EQ(listings(), before);
-  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "New", "a\xcc\x88", "1"));
-}
-
-TEST_F(NewItems, WhereNobodyKnowsWhetherCaseCountsTheFolderIsListed) {
-  names("/");
-  server.fail("attributesOfItemAtPath", "/nEW", QuarnKitError::errorWithCode(kQuarnKitRefused));
-  const size_t before = listings();
-  ASSERT_TRUE(makeFile("/New"));
-  EXPECT_EQ(listings(), before + 1);
-  ASSERT_TRUE(makeFile("/Other"));
-  EXPECT_EQ(listings(), before + 1) << "asked again, and answered";
+  for (const char* path : {"/removed", "/moved"}) {
+    ASSERT_TRUE(makeFile(path)) << path;
+    fileSystem.releaseFileAtPath(path, made);
+  }
+  ASSERT_TRUE(fileSystem.removeItemAtPath("/removed", nullptr));
+  ASSERT_TRUE(fileSystem.moveItemAtPath("/moved", "/there", nullptr));
+  ASSERT_TRUE(makeFile("/new"));
+  EXPECT_THAT(names("/"), UnorderedElementsAre("old", "there", "new"));
 }
 
 // Something happens on the server, or here, while it makes "/folder/new".
@@ -199,7 +191,7 @@ class NewItemMeanwhile : public NewItems {
   }
 };
 
-TEST_F(NewItemMeanwhile, AListingWithoutTheItemKeepsIt) {
+TEST_F(NewItemMeanwhile, AListingWithoutTheItemDoesNotHideIt) {
   meanwhile([this] { listAgain("/folder"); });
   ASSERT_TRUE(makeFile("/folder/new"));
   EXPECT_EQ(fileOnNode("/folder/new"), made);
@@ -207,11 +199,47 @@ TEST_F(NewItemMeanwhile, AListingWithoutTheItemKeepsIt) {
 }
 
 TEST_F(NewItemMeanwhile, AnInvalidationIsNotForgotten) {
-  meanwhile([this] { makeStale("/folder"); });
-  ASSERT_TRUE(makeFile("/folder/new"));
+  meanwhile([this] {
+    makeStale("/folder");
+    server.removeItem("/folder/old");
+  });
   const size_t before = listings();
-  EXPECT_THAT(names("/folder"), UnorderedElementsAre("old", "new"));
+  ASSERT_TRUE(makeFile("/folder/new"));
   EXPECT_EQ(listings(), before + 1);
+  EXPECT_THAT(names("/folder"), ElementsAre("new"));
+}
+
+TEST_F(NewItemMeanwhile, AnInvalidationWhileTheItemIsAskedForIsNotForgotten) {
+  server.setObserver([this](const ScriptedCall& call) {
+    if (call.name != "newsAtPath") return;
+    server.setObserver({});
+    makeStale("/folder");
+  });
+  ASSERT_TRUE(makeFile("/folder/new"));
+  EXPECT_EQ(looks(), 1u);
+  server.removeItem("/folder/old");
+  EXPECT_THAT(names("/folder"), ElementsAre("new"));
+}
+
+// It is told to a look that began before the removal, and may not believe it.
+TEST_F(NewItemMeanwhile, WhatIsMadeAgainInThePlaceOfWhatWasRemovedIsNotLost) {
+  ASSERT_TRUE(makeFile("/folder/again"));
+  fileSystem.releaseFileAtPath("/folder/again", made);
+  fileSystem._nodeForPath("/folder")->setHasNewItems(true);
+  server.setObserver([this](const ScriptedCall& call) {
+    if (!call.name.starts_with("acquireConnection")) return;
+    server.setObserver({});
+    EXPECT_TRUE(fileSystem.removeItemAtPath("/folder/again", nullptr));
+    const auto connection = server.pool()->acquireConnection();
+    EXPECT_TRUE(
+        connection->uploadFileHandle(*temporaryFile(), "again", "/folder/again", 0, nullptr, nullptr));
+    server.pool()->releaseConnection(connection);
+  });
+  names("/folder");
+  EXPECT_EQ(looks(), 2u);
+  EXPECT_EQ(fileSystem._nodeForPath("/folder/again"), nullptr);
+  ASSERT_TRUE(makeFile("/folder/new"));
+  EXPECT_THAT(names("/folder"), UnorderedElementsAre("old", "again", "new"));
 }
 
 TEST_F(NewItemMeanwhile, AListingWithTheItemBringsItsNode) {
@@ -238,17 +266,7 @@ TEST_F(NewItemMeanwhile, AnotherFolderOfThatNameGetsTheItem) {
   });
   ASSERT_TRUE(makeFile("/folder/new"));
   EXPECT_EQ(fileOnNode("/folder/new"), made);
-  EXPECT_THAT(names("/folder"), UnorderedElementsAre("new"));
-}
-
-TEST_F(NewItems, AFileTakesThePlaceOfTheListedOneOfItsName) {
-  names("/");
-  const auto node = fileSystem._nodeForPath("/old");
-  ASSERT_TRUE(makeFile("/old"));
-  EXPECT_EQ(fileSystem._nodeForPath("/old"), node);
-  EXPECT_EQ(fileOnNode("/old"), made);
-  EXPECT_EQ(fileSystem.attributesOfItemAtPath("/old", nullptr, nullptr)->fileSize, 0u);
-  EXPECT_THAT(names("/"), UnorderedElementsAre("old"));
+  EXPECT_THAT(names("/folder"), ElementsAre("new"));
 }
 
 TEST_F(NewItems, AListingThatWasUnderWayMeanwhileKeepsTheNewItem) {

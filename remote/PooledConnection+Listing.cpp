@@ -1,0 +1,203 @@
+// Listings.
+#include <algorithm>
+
+#include "remote/KCCredentials.h"
+#include "remote/PooledConnection.h"
+#include "remote/QuarnKitError.h"
+#include "remote/RemotePaths.h"
+
+namespace ombra {
+namespace {
+
+std::shared_ptr<KCRemoteFileNode> makeNode(const RemoteEntry& entry, std::string path,
+                                           const std::shared_ptr<const KCCredentials>& credentials) {
+  std::shared_ptr<KCRemoteFileNode> node;
+  if (entry.type == kNodeTypeFolder) {
+    node = KCRemoteFolderNode::folderNodeWithPath(std::move(path), credentials);
+  } else {
+    node = std::make_shared<KCRemoteFileNode>(std::move(path), credentials);
+    node->setType(entry.type);
+  }
+  node->setAttributes(entry.attributes);
+  if (entry.targetPath) node->setTargetPath(entry.targetPath);
+  return node;
+}
+
+// Some servers cut blanks and dots off the ends of a name, or write another character for them.
+bool isLeftAsItIs(std::string_view name) {
+  return !name.starts_with(' ') && !name.ends_with(' ') && !name.ends_with('.');
+}
+
+std::string withOtherCase(std::string name) {
+  for (char& byte : name) {
+    if ((byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z')) byte = static_cast<char>(byte ^ 0x20);
+  }
+  return name;
+}
+
+bool hasName(const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes, const std::string& name) {
+  return std::any_of(nodes.begin(), nodes.end(),
+                     [&name](const auto& node) { return node->filename() == name; });
+}
+
+RemoteEntry emptyFileNamed(const std::string& name) {
+  RemoteEntry entry;
+  entry.name = name;
+  entry.attributes.fileSize = 0;
+  return entry;
+}
+
+}  // namespace
+
+bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+  const bool isOfAWalk = takesAhead();
+  // Nor is anybody else to be told what was there before.
+  if (!isOfAWalk) walks().changed(folder);
+  std::optional<double> seconds;
+  if (std::optional<ListingsAhead::Entries> known =
+          isOfAWalk ? iCore->listingsAhead.take(folder) : std::nullopt) {
+    *entries = std::move(*known);
+  } else {
+    NSDate begun;
+    const Work work = [&](Session& session, NSErrorRef* fault) {
+      // A listing that broke off in the middle begins anew.
+      entries->clear();
+      begun = NSDate::date();
+      return session.list(folder, entries, fault);
+    };
+    if (!perform(Repeat::kSafe, work, error)) return false;
+    seconds = NSDate::date().timeIntervalSinceDate(begun);
+  }
+  const bool isNew = isOfAWalk && iCore->listingsAhead.listed(folder, *entries, seconds);
+  iCore->filesAhead.listed(folder, isNew);
+  return true;
+}
+
+bool PooledConnection::contentsAtPath(std::string_view path,
+                                      std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
+                                      NSErrorRef* error) {
+  nodes->clear();
+  return isAllowed(path, error) && makeFilesAtOrBelow(path, error) && listNodes(absolute(path), nodes, error);
+}
+
+bool PooledConnection::listNodes(const std::string& folder,
+                                 std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes, NSErrorRef* error) {
+  std::vector<RemoteEntry> entries;
+  if (!list(folder, &entries, error)) return false;
+  nodes->reserve(entries.size());
+  for (RemoteEntry& listed : entries) {
+    // What it holds makes room for the next nodes.
+    const RemoteEntry entry = std::move(listed);
+    if (!isShownName(entry.name)) continue;
+    std::string itemPath = remotePathInFolder(folder, entry.name);
+    if (entry.resolution) iKnownLinks.add(itemPath, *entry.resolution);
+    nodes->push_back(makeNode(entry, std::move(itemPath), sessions().credentials()));
+  }
+  return true;
+}
+
+bool PooledConnection::contentsAtPath(std::string_view path, uint64_t known, FolderContents* contents,
+                                      NSErrorRef* error) {
+  if (!isAllowed(path, error)) return false;
+  const std::string folder = absolute(path);
+  std::string doubtful;
+  if (known != 0 && tellNews(folder, known, contents, &doubtful)) return true;
+  *contents = {};
+  contents->number = iCore->listings.begin(folder);
+  const NSDate begun = NSDate::date();
+  const bool isListed = known == 0 ? contentsAtPath(path, &contents->nodes, error)
+                                   : listWithPutOffFiles(folder, &contents->nodes, error);
+  if (!isListed) return false;
+  iCore->listings.fetched(folder, contents->number, NSDate::date().timeIntervalSinceDate(begun));
+  if (!doubtful.empty()) learnCase(folder, doubtful, contents->nodes);
+  return true;
+}
+
+// Who made something in the folder has it listed. An empty file that waits for its content need not be sent
+// for that.
+bool PooledConnection::listWithPutOffFiles(const std::string& folder,
+                                           std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
+                                           NSErrorRef* error) {
+  const std::vector<std::string> putOff = iCore->newFiles.namesIn(folder);
+  if (!listNodes(folder, nodes, error)) return false;
+  for (const std::string& name : putOff) {
+    if (hasName(*nodes, name)) continue;
+    nodes->push_back(
+        makeNode(emptyFileNamed(name), remotePathInFolder(folder, name), sessions().credentials()));
+  }
+  return true;
+}
+
+bool PooledConnection::tellNews(const std::string& folder, uint64_t known, FolderContents* contents,
+                                std::string* doubtful) {
+  if (!engine().keepsNamesOfNewItems()) return false;
+  std::optional<KnownListings::News> news = iCore->listings.since(folder, known);
+  if (!news) return false;
+  *contents = {{}, false, news->number};
+  for (const KnownListings::NewItem& item : news->items) {
+    RemoteEntry entry;
+    const Presence presence = askForNewItem(folder, item, &entry);
+    if (presence == Presence::kMissing) continue;
+    if (presence == Presence::kUnknown || !isListedAsNamed(folder, item.name, *news, doubtful)) return false;
+    contents->nodes.push_back(
+        makeNode(entry, remotePathInFolder(folder, item.name), sessions().credentials()));
+  }
+  return true;
+}
+
+// Where "Foo" and "foo" are one item, what is made may be there under a name of before: only the listing
+// tells. Asked once for each folder, of an item that is there by now.
+bool PooledConnection::isListedAsNamed(const std::string& folder, const std::string& name,
+                                       KnownListings::News& news, std::string* doubtful) {
+  if (!isLeftAsItIs(name)) return false;
+  if (news.keepsCase) return *news.keepsCase;
+  const std::string other = inOtherCase(name);
+  // Which letters of other alphabets are one to the server is not known here.
+  if (other == name) return isASCII(name);
+  NSErrorRef fault;
+  if (attributesOfItemAtPath(remotePathInFolder(folder, other), nullptr, &fault)) {
+    // Of both spellings one may have been there before.
+    *doubtful = name;
+    return false;
+  }
+  if (!QuarnKitError::isCode(fault, kQuarnKitNoSuchItem)) return false;
+  news.keepsCase = true;
+  iCore->listings.learn(folder, true);
+  return true;
+}
+
+std::string PooledConnection::inOtherCase(const std::string& name) const {
+  const std::shared_ptr<const KCCredentials>& encoding = sessions().credentials();
+  // In some encodings a letter's byte is also a part of other characters.
+  return encoding->remoteStringForUnicodeString(withOtherCase(encoding->unicodeStringForRemoteString(name)));
+}
+
+// The server has an item for the name in either case: whether these are two, the listing tells.
+void PooledConnection::learnCase(const std::string& folder, const std::string& name,
+                                 const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes) {
+  const bool isThere = hasName(nodes, name);
+  const bool isOtherThere = hasName(nodes, inOtherCase(name));
+  if (isThere || isOtherThere) iCore->listings.learn(folder, isThere && isOtherThere);
+}
+
+PooledConnection::Presence PooledConnection::askForNewItem(const std::string& folder,
+                                                           const KnownListings::NewItem& item,
+                                                           RemoteEntry* entry) {
+  entry->name = item.name;
+  entry->type = item.isFolder ? kNodeTypeFolder : kNodeTypeFile;
+  if (item.attributes) {
+    entry->attributes = *item.attributes;
+    const auto type = item.attributes->fileType.value_or(NSFileTypeValue::NSFileTypeRegular);
+    return type == NSFileTypeValue::NSFileTypeRegular ? Presence::kThere : Presence::kUnknown;
+  }
+  NSErrorRef fault;
+  bool isDirectory = false;
+  const auto attributes = attributesOfItemAtPath(remotePathInFolder(folder, item.name), &isDirectory, &fault);
+  if (!attributes) {
+    return QuarnKitError::isCode(fault, kQuarnKitNoSuchItem) ? Presence::kMissing : Presence::kUnknown;
+  }
+  entry->attributes = *attributes;
+  return isDirectory == item.isFolder ? Presence::kThere : Presence::kUnknown;
+}
+
+}  // namespace ombra
