@@ -27,7 +27,7 @@ inline constexpr std::string_view kOFSRemoteFile = "OFSRemoteFile";          // 
 inline constexpr std::string_view kOFSExtendedAttributes = "OFSExtendedAttributes";
 // NSFileAttributes, root only
 inline constexpr std::string_view kOFSFileSystemAttributes = "OFSFileSystemAttributes";
-// uint64_t: the library's number of the last listing that was merged; absent where it has none
+// uint64_t: the library's number of the last listing that was merged; 0 where it has none
 inline constexpr std::string_view kOFSListingNumber = "OFSListingNumber";
 
 // Extended attributes of one node.

@@ -111,8 +111,8 @@ class AbstractConnection {
                                             std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                             NSErrorRef* error) = 0;
   // The same for who has the listing `known` of the folder (the number that came with it; 0: none, or one
-  // that must not be relied on). Where that is a moment old and something was made in the folder since, the
-  // server is asked for that alone, which costs the same however much the folder holds.
+  // that must not be relied on). Where that is a moment old and something was made in the folder since, what
+  // the server says of that alone is answered, which costs the same however much the folder holds.
   [[nodiscard]] virtual bool contentsAtPath(std::string_view path, uint64_t known, FolderContents* contents,
                                             NSErrorRef* error);
 

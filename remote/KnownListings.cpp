@@ -40,7 +40,6 @@ KnownListings::Folder& KnownListings::add(std::string_view path) {
   Folder folder;
   folder.path = path;
   folder.first = nextNumber();
-  if (const Folder* parent = use(parentOfRemotePath(path))) folder.keepsCase = parent->keepsCase;
   iFolders.push_front(std::move(folder));
   return iFolders.front();
 }
@@ -108,7 +107,11 @@ void KnownListings::madeFolder(std::string_view path, double seconds) {
   addItem(path, std::move(item));
   // It is known to be empty, as from a listing.
   std::erase_if(iFolders, [path](const Folder& folder) { return isAtOrBelowRemotePath(folder.path, path); });
+  const Folder* parent = use(parentOfRemotePath(path));
+  const std::optional<bool> keepsCase = parent == nullptr ? std::nullopt : parent->keepsCase;
   Folder& folder = add(path);
+  folder.isMadeHere = true;
+  folder.keepsCase = keepsCase;
   folder.since = NSDate::date();
   folder.seconds = secondsToServe(seconds);
 }
@@ -133,9 +136,11 @@ void KnownListings::forgetFolder(std::string_view path) {
 
 void KnownListings::learn(std::string_view folder, bool keepsCase) {
   MutexLock lock(iLock);
+  if (Folder* known = use(folder)) known->keepsCase = keepsCase;
   for (Folder& other : iFolders) {
-    const bool isOfThat = other.path == folder || parentOfRemotePath(other.path) == folder;
-    if (isOfThat) other.keepsCase = keepsCase;
+    // What was there before may be another file system.
+    const bool isLikeIt = other.isMadeHere && parentOfRemotePath(other.path) == folder;
+    if (isLikeIt && !other.keepsCase) other.keepsCase = keepsCase;
   }
 }
 

@@ -18,16 +18,17 @@ namespace ombra {
 // A program that copies n files into a folder has the folder listed n times, each time longer. Who still has
 // a listing of a moment ago needs to be told no more than what was made there through this pool since.
 //
-// Listings are numbered, in the whole process, in the order in which they and the changes began; a caller
-// names the last one that it has merged. A listing serves for a second, or for thirty times as long as it
-// took (a minute at most): then the folder is listed as a whole, since others make and remove things too.
-// What the caller moved and removed it knows itself. Bounded in memory. Thread-safe; a leaf lock.
+// Listings and changes are numbered, in the whole process, in the order in which the ones begin and the
+// others have been made; a caller names the last one that it has merged. A listing serves for a second, or
+// for thirty times as long as it took (a minute at most): then the folder is listed as a whole, since others
+// make and remove things too. What the caller moved and removed it knows itself. Bounded in memory.
+// Thread-safe; a leaf lock.
 class KnownListings {
  public:
   struct NewItem {
     std::string name;
     bool isFolder = false;
-    // As the server told of it after it was made; absent when it has to be asked.
+    // As far as the server has told of it when it was made; absent when it has to be asked.
     std::optional<NSFileAttributes> attributes;
     uint64_t number = 0;
   };
@@ -53,7 +54,7 @@ class KnownListings {
   // The folder has something new that is neither a file nor a folder.
   void forgetFolder(std::string_view folder) EXCLUDES(iLock);
 
-  // Whether a folder tells names apart that differ in case alone. It holds for what is made in it as well.
+  // Whether a folder tells names apart that differ in case alone. It holds for folders made in it as well.
   void learn(std::string_view folder, bool keepsCase) EXCLUDES(iLock);
 
  private:
@@ -64,6 +65,7 @@ class KnownListings {
     double seconds = 0;           // that it serves
     std::deque<NewItem> items;    // in the order of their numbers
     std::optional<bool> keepsCase;
+    bool isMadeHere = false;
   };
 
   static uint64_t nextNumber();

@@ -40,20 +40,14 @@ bool hasName(const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes, const 
                      [&name](const auto& node) { return node->filename() == name; });
 }
 
-RemoteEntry emptyFileNamed(const std::string& name) {
-  RemoteEntry entry;
-  entry.name = name;
-  entry.attributes.fileSize = 0;
-  return entry;
-}
-
 }  // namespace
 
-bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error) {
+bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>* entries,
+                            std::optional<double>* seconds, NSErrorRef* error) {
   const bool isOfAWalk = takesAhead();
   // Nor is anybody else to be told what was there before.
   if (!isOfAWalk) walks().changed(folder);
-  std::optional<double> seconds;
+  seconds->reset();
   if (std::optional<ListingsAhead::Entries> known =
           isOfAWalk ? iCore->listingsAhead.take(folder) : std::nullopt) {
     *entries = std::move(*known);
@@ -66,9 +60,9 @@ bool PooledConnection::list(const std::string& folder, std::vector<RemoteEntry>*
       return session.list(folder, entries, fault);
     };
     if (!perform(Repeat::kSafe, work, error)) return false;
-    seconds = NSDate::date().timeIntervalSinceDate(begun);
+    *seconds = NSDate::date().timeIntervalSinceDate(begun);
   }
-  const bool isNew = isOfAWalk && iCore->listingsAhead.listed(folder, *entries, seconds);
+  const bool isNew = isOfAWalk && iCore->listingsAhead.listed(folder, *entries, *seconds);
   iCore->filesAhead.listed(folder, isNew);
   return true;
 }
@@ -77,13 +71,16 @@ bool PooledConnection::contentsAtPath(std::string_view path,
                                       std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
                                       NSErrorRef* error) {
   nodes->clear();
-  return isAllowed(path, error) && makeFilesAtOrBelow(path, error) && listNodes(absolute(path), nodes, error);
+  std::optional<double> seconds;
+  return isAllowed(path, error) && makeFilesAtOrBelow(path, error) &&
+         listNodes(absolute(path), nodes, &seconds, error);
 }
 
 bool PooledConnection::listNodes(const std::string& folder,
-                                 std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes, NSErrorRef* error) {
+                                 std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
+                                 std::optional<double>* seconds, NSErrorRef* error) {
   std::vector<RemoteEntry> entries;
-  if (!list(folder, &entries, error)) return false;
+  if (!list(folder, &entries, seconds, error)) return false;
   nodes->reserve(entries.size());
   for (RemoteEntry& listed : entries) {
     // What it holds makes room for the next nodes.
@@ -104,28 +101,26 @@ bool PooledConnection::contentsAtPath(std::string_view path, uint64_t known, Fol
   if (known != 0 && tellNews(folder, known, contents, &doubtful)) return true;
   *contents = {};
   contents->number = iCore->listings.begin(folder);
-  const NSDate begun = NSDate::date();
-  const bool isListed = known == 0 ? contentsAtPath(path, &contents->nodes, error)
-                                   : listWithPutOffFiles(folder, &contents->nodes, error);
-  if (!isListed) return false;
-  iCore->listings.fetched(folder, contents->number, NSDate::date().timeIntervalSinceDate(begun));
+  // Who made something in the folder has it listed for that. An empty file that waits for its content need
+  // not be sent then.
+  std::vector<std::string> putOff;
+  if (known != 0) putOff = iCore->newFiles.namesIn(folder);
+  if (known == 0 && !makeFilesAtOrBelow(path, error)) return false;
+  std::optional<double> seconds;
+  if (!listNodes(folder, &contents->nodes, &seconds, error)) return false;
+  iCore->listings.fetched(folder, contents->number, seconds.value_or(0));
+  for (const std::string& name : putOff) addPutOffFile(folder, name, &contents->nodes);
   if (!doubtful.empty()) learnCase(folder, doubtful, contents->nodes);
   return true;
 }
 
-// Who made something in the folder has it listed. An empty file that waits for its content need not be sent
-// for that.
-bool PooledConnection::listWithPutOffFiles(const std::string& folder,
-                                           std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
-                                           NSErrorRef* error) {
-  const std::vector<std::string> putOff = iCore->newFiles.namesIn(folder);
-  if (!listNodes(folder, nodes, error)) return false;
-  for (const std::string& name : putOff) {
-    if (hasName(*nodes, name)) continue;
-    nodes->push_back(
-        makeNode(emptyFileNamed(name), remotePathInFolder(folder, name), sessions().credentials()));
-  }
-  return true;
+void PooledConnection::addPutOffFile(const std::string& folder, const std::string& name,
+                                     std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes) const {
+  if (hasName(*nodes, name)) return;
+  RemoteEntry entry;
+  entry.name = name;
+  entry.attributes.fileSize = 0;
+  nodes->push_back(makeNode(entry, remotePathInFolder(folder, name), sessions().credentials()));
 }
 
 bool PooledConnection::tellNews(const std::string& folder, uint64_t known, FolderContents* contents,
@@ -135,10 +130,10 @@ bool PooledConnection::tellNews(const std::string& folder, uint64_t known, Folde
   if (!news) return false;
   *contents = {{}, false, news->number};
   for (const KnownListings::NewItem& item : news->items) {
+    if (!isLeftAsItIs(item.name) || !news->keepsCase.value_or(true)) return false;
     RemoteEntry entry;
-    const Presence presence = askForNewItem(folder, item, &entry);
-    if (presence == Presence::kMissing) continue;
-    if (presence == Presence::kUnknown || !isListedAsNamed(folder, item.name, *news, doubtful)) return false;
+    if (!askForNewItem(folder, item, &entry)) return false;
+    if (!news->keepsCase && !tellsFromOtherCase(folder, item.name, *news, doubtful)) return false;
     contents->nodes.push_back(
         makeNode(entry, remotePathInFolder(folder, item.name), sessions().credentials()));
   }
@@ -147,10 +142,8 @@ bool PooledConnection::tellNews(const std::string& folder, uint64_t known, Folde
 
 // Where "Foo" and "foo" are one item, what is made may be there under a name of before: only the listing
 // tells. Asked once for each folder, of an item that is there by now.
-bool PooledConnection::isListedAsNamed(const std::string& folder, const std::string& name,
-                                       KnownListings::News& news, std::string* doubtful) {
-  if (!isLeftAsItIs(name)) return false;
-  if (news.keepsCase) return *news.keepsCase;
+bool PooledConnection::tellsFromOtherCase(const std::string& folder, const std::string& name,
+                                          KnownListings::News& news, std::string* doubtful) {
   const std::string other = inOtherCase(name);
   // Which letters of other alphabets are one to the server is not known here.
   if (other == name) return isASCII(name);
@@ -175,29 +168,24 @@ std::string PooledConnection::inOtherCase(const std::string& name) const {
 // The server has an item for the name in either case: whether these are two, the listing tells.
 void PooledConnection::learnCase(const std::string& folder, const std::string& name,
                                  const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes) {
-  const bool isThere = hasName(nodes, name);
-  const bool isOtherThere = hasName(nodes, inOtherCase(name));
-  if (isThere || isOtherThere) iCore->listings.learn(folder, isThere && isOtherThere);
+  iCore->listings.learn(folder, hasName(nodes, name) && hasName(nodes, inOtherCase(name)));
 }
 
-PooledConnection::Presence PooledConnection::askForNewItem(const std::string& folder,
-                                                           const KnownListings::NewItem& item,
-                                                           RemoteEntry* entry) {
+bool PooledConnection::askForNewItem(const std::string& folder, const KnownListings::NewItem& item,
+                                     RemoteEntry* entry) {
   entry->name = item.name;
   entry->type = item.isFolder ? kNodeTypeFolder : kNodeTypeFile;
   if (item.attributes) {
     entry->attributes = *item.attributes;
     const auto type = item.attributes->fileType.value_or(NSFileTypeValue::NSFileTypeRegular);
-    return type == NSFileTypeValue::NSFileTypeRegular ? Presence::kThere : Presence::kUnknown;
+    return type == NSFileTypeValue::NSFileTypeRegular;
   }
-  NSErrorRef fault;
   bool isDirectory = false;
-  const auto attributes = attributesOfItemAtPath(remotePathInFolder(folder, item.name), &isDirectory, &fault);
-  if (!attributes) {
-    return QuarnKitError::isCode(fault, kQuarnKitNoSuchItem) ? Presence::kMissing : Presence::kUnknown;
-  }
+  const auto attributes =
+      attributesOfItemAtPath(remotePathInFolder(folder, item.name), &isDirectory, nullptr);
+  if (!attributes || isDirectory != item.isFolder) return false;
   entry->attributes = *attributes;
-  return isDirectory == item.isFolder ? Presence::kThere : Presence::kUnknown;
+  return true;
 }
 
 }  // namespace ombra

@@ -1,5 +1,4 @@
 // Changes of the tree.
-#include "remote/KCCredentials.h"
 #include "remote/PooledConnection.h"
 #include "remote/RemotePaths.h"
 
@@ -7,8 +6,11 @@ namespace ombra {
 
 bool PooledConnection::createFolderAtPath(std::string_view path, NSErrorRef* error) {
   const std::string whole = absolute(path);
-  const NSDate begun = NSDate::date();
-  const Work work = [&](Session& session, NSErrorRef* fault) { return session.createFolder(whole, fault); };
+  NSDate begun;
+  const Work work = [&](Session& session, NSErrorRef* fault) {
+    begun = NSDate::date();
+    return session.createFolder(whole, fault);
+  };
   if (!performChange(path, {}, work, error)) return false;
   iCore->listings.madeFolder(whole, NSDate::date().timeIntervalSinceDate(begun));
   return true;

@@ -195,23 +195,24 @@ class PooledConnection final : public AbstractConnection, private SessionWaiter 
   Walks& walks() const { return iCore->walks; }
   // The whole file, when it was read ahead: then it is in `file`.
   bool takeAhead(const std::string& path, NSFileHandle& file, Run& run);
-  bool list(const std::string& folder, std::vector<RemoteEntry>* entries, NSErrorRef* error);
+  // `seconds`: how long the server took; absent when the listing had been fetched ahead.
+  bool list(const std::string& folder, std::vector<RemoteEntry>* entries, std::optional<double>* seconds,
+            NSErrorRef* error);
   bool listNodes(const std::string& folder, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
-                 NSErrorRef* error);
-  bool listWithPutOffFiles(const std::string& folder, std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes,
-                           NSErrorRef* error);
+                 std::optional<double>* seconds, NSErrorRef* error);
+  void addPutOffFile(const std::string& folder, const std::string& name,
+                     std::vector<std::shared_ptr<KCRemoteFileNode>>* nodes) const;
   // What was made in the folder since the listing `known`, as the server has it. False when the folder has to
   // be listed; `doubtful` is then a name that is there in either case.
   bool tellNews(const std::string& folder, uint64_t known, FolderContents* contents, std::string* doubtful);
-  // Whether an item of that name is listed under that very name.
-  bool isListedAsNamed(const std::string& folder, const std::string& name, KnownListings::News& news,
-                       std::string* doubtful);
+  bool tellsFromOtherCase(const std::string& folder, const std::string& name, KnownListings::News& news,
+                          std::string* doubtful);
   // The name with each letter of ASCII in the other case.
   std::string inOtherCase(const std::string& name) const;
   void learnCase(const std::string& folder, const std::string& name,
                  const std::vector<std::shared_ptr<KCRemoteFileNode>>& nodes);
-  enum class Presence { kThere, kMissing, kUnknown };
-  Presence askForNewItem(const std::string& folder, const KnownListings::NewItem& item, RemoteEntry* entry);
+  // Whether it is there as it was made, and then its entry.
+  bool askForNewItem(const std::string& folder, const KnownListings::NewItem& item, RemoteEntry* entry);
   // An upload has ended well, or is put off: whether it has made a file.
   void noteNewFile(const NSFileHandle& handle, const std::string& path, uint64_t offset,
                    std::optional<NSFileAttributes> attributes);

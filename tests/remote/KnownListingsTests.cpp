@@ -252,10 +252,15 @@ TEST_F(KnownListingsTest, WhetherCaseCountsIsKnownOfFoldersMadeInTheFolder) {
   make("/after", true);
   EXPECT_EQ(keepsCase("/", number), true);
   const uint64_t below = listings.since("/", number)->number;
+  list("/listed");
   make("/before/1");
   make("/after/1");
   EXPECT_EQ(keepsCase("/before", below), true);
   EXPECT_EQ(keepsCase("/after", below), true);
+  const uint64_t listed = list("/listed");
+  listings.learn("/", true);
+  make("/listed/1");
+  EXPECT_EQ(keepsCase("/listed", listed), std::nullopt) << "which may be another file system";
 }
 
 }  // namespace

@@ -11,8 +11,6 @@
 namespace ombra {
 
 using testing::ElementsAre;
-using testing::Key;
-using testing::UnorderedElementsAre;
 
 TEST_P(ConnectionContract, CapabilitiesAreToldWithoutALogin) {
   EXPECT_EQ(connection().protocol(), server().credentials()->protocol());
@@ -230,25 +228,28 @@ TEST_P(ConnectionContract, FoldersAreMadeOnce) {
   EXPECT_TRUE(hasCode(error, {kQuarnKitNoSuchItem, kQuarnKitRefused}));
 }
 
-// Told alone, or with all the rest where the listing is too old by then.
 TEST_P(ConnectionContract, WhoHasAListingIsToldOfWhatWasMadeSince) {
   server().putFile(at("old"), "x");
   FolderContents contents;
-  ASSERT_TRUE(connection().contentsAtPath(root(), 0, &contents, nullptr));
-  EXPECT_TRUE(contents.isWhole);
   const auto empty = temporaryFile();
-  ASSERT_TRUE(connection().uploadFileHandle(*empty, "New", at("New"), 0, nullptr, nullptr));
-  ASSERT_TRUE(connection().createFolderAtPath(at("Folder"), nullptr));
-  ASSERT_TRUE(connection().contentsAtPath(root(), contents.number, &contents, nullptr));
-  std::map<std::string, std::shared_ptr<KCRemoteFileNode>> told;
-  for (const auto& one : contents.nodes) told.emplace(one->displayName(), one);
-  EXPECT_EQ(told.size(), contents.nodes.size());
-  EXPECT_EQ(told.erase("old"), contents.isWhole ? 1u : 0u);
-  ASSERT_THAT(told, UnorderedElementsAre(Key("New"), Key("Folder")));
-  EXPECT_EQ(told["New"]->type(), kNodeTypeFile);
-  EXPECT_EQ(told["New"]->size(), 0u);
-  EXPECT_EQ(told["New"]->path(), at("New"));
-  EXPECT_EQ(told["Folder"]->type(), kNodeTypeFolder);
+  // On a busy machine a listing may be too old by then.
+  for (int attempt = 0; attempt == 0 || (contents.isWhole && attempt < 20); ++attempt) {
+    const std::string name = "New" + std::to_string(attempt);
+    ASSERT_TRUE(connection().contentsAtPath(root(), 0, &contents, nullptr));
+    EXPECT_TRUE(contents.isWhole);
+    ASSERT_TRUE(connection().uploadFileHandle(*empty, name, at(name), 0, nullptr, nullptr));
+    ASSERT_TRUE(connection().createFolderAtPath(at("Folder of " + name), nullptr));
+    ASSERT_TRUE(connection().contentsAtPath(root(), contents.number, &contents, nullptr));
+    std::map<std::string, std::shared_ptr<KCRemoteFileNode>> told;
+    for (const auto& one : contents.nodes) told.emplace(one->displayName(), one);
+    EXPECT_EQ(told.size(), contents.isWhole ? 3u + 2 * attempt : 2u);
+    ASSERT_TRUE(told.contains(name) && told.contains("Folder of " + name));
+    EXPECT_EQ(told[name]->type(), kNodeTypeFile);
+    EXPECT_EQ(told[name]->size(), 0u);
+    EXPECT_EQ(told[name]->path(), at(name));
+    EXPECT_EQ(told["Folder of " + name]->type(), kNodeTypeFolder);
+  }
+  EXPECT_FALSE(contents.isWhole) << "of what was made alone";
 }
 
 TEST_P(ConnectionContract, FilesAndWholeFoldersAreMoved) {
