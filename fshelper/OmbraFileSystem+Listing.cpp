@@ -31,17 +31,14 @@ std::optional<std::vector<std::string>> OmbraFileSystem::listFolder(OptionalPath
   return cachedNames(*node, form);
 }
 
-bool OmbraFileSystem::isFresh(const std::shared_ptr<KCRemoteFileNode>& node) const {
-  if (node == nullptr || node->isExpired()) return false;
-  const auto date = ofs_property<NSDate>(*node, kOFSExpirationDate);
-  return date && NSDate::date().timeIntervalSinceDate(*date) < refreshInterval();
-}
-
 bool OmbraFileSystem::claimIfStale(const std::shared_ptr<KCRemoteFileNode>& node) const {
-  if (isFresh(node)) return false;
-  if (node == nullptr || node->isExpired() || !ofs_property<NSDate>(*node, kOFSExpirationDate)) return true;
+  if (node == nullptr || node->isExpired()) return true;
+  const auto date = ofs_property<NSDate>(*node, kOFSExpirationDate);
+  if (!date) return true;
+  const NSDate now = NSDate::date();
+  if (now.timeIntervalSinceDate(*date) < refreshInterval()) return false;
   // Set before the server is asked, so that of many readers of an old listing one fetches the next.
-  node->setUserProperty(NSDate::date(), kOFSExpirationDate);
+  node->setUserProperty(now, kOFSExpirationDate);
   return true;
 }
 
@@ -71,8 +68,8 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
       node != nullptr ? node : KCRemoteFolderNode::folderNodeWithPath(remotePath, credentials());
   Merge merge(*this, connection, folder, form);
   // Who has marked it as expired wants to know what is there now.
-  const bool hasOnlyNewItems = folder->hasOnlyNewItems();
-  const uint64_t known = hasOnlyNewItems ? ofs_property<uint64_t>(*folder, kOFSListingNumber).value_or(0) : 0;
+  uint64_t known = 0;
+  if (folder->hasOnlyNewItems()) known = ofs_property<uint64_t>(*folder, kOFSListingNumber).value_or(0);
   connection->setTakesAhead(!folder->isExpired());
   FolderContents contents;
   NSErrorRef underlying;

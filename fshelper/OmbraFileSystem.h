@@ -201,9 +201,7 @@ class OmbraFileSystem : public GMUserFileSystemDelegate,
   std::shared_ptr<KCRemoteFileNode> parentNodeForPath(std::string_view path);
 
   std::optional<std::vector<std::string>> listFolder(OptionalPath path, NSErrorRef* error, NameForm form);
-  // Whether a listing is young enough to be used. Changes nothing.
-  bool isFresh(const std::shared_ptr<KCRemoteFileNode>& node) const;
-  // The same for who fetches the listing where it is not.
+  // Whether a listing is too old to be used, or there is none: then it is the caller who fetches it.
   bool claimIfStale(const std::shared_ptr<KCRemoteFileNode>& node) const;
   std::optional<std::vector<std::string>> cachedNames(const KCRemoteFileNode& node, NameForm form) const;
   std::optional<std::vector<std::string>> fetchFolder(StAbstractConnection& connection, std::string_view path,

@@ -80,17 +80,29 @@ std::optional<KnownListings::News> KnownListings::since(std::string_view folder,
   return news;
 }
 
-void KnownListings::addItem(std::string_view path, NewItem item) {
+KnownListings::Folder* KnownListings::dropItem(std::string_view path) {
   Folder* folder = use(parentOfRemotePath(path));
-  if (folder == nullptr) return;
+  if (folder == nullptr) return nullptr;
+  std::erase_if(folder->items,
+                [name = nameOfRemotePath(path)](const NewItem& item) { return item.name == name; });
+  return folder;
+}
+
+void KnownListings::dropFoldersFrom(std::string_view path) {
+  std::erase_if(iFolders, [path](const Folder& folder) { return isAtOrBelowRemotePath(folder.path, path); });
+}
+
+KnownListings::Folder* KnownListings::addItem(std::string_view path, NewItem item) {
+  Folder* folder = dropItem(path);
+  if (folder == nullptr) return nullptr;
   item.name = nameOfRemotePath(path);
   item.number = nextNumber();
-  std::erase_if(folder->items, [&item](const NewItem& other) { return other.name == item.name; });
   if (folder->items.size() >= kMostItems) {
     folder->first = folder->items.front().number;
     folder->items.pop_front();
   }
   folder->items.push_back(std::move(item));
+  return folder;
 }
 
 void KnownListings::madeFile(std::string_view path, std::optional<NSFileAttributes> attributes) {
@@ -104,11 +116,10 @@ void KnownListings::madeFolder(std::string_view path, double seconds) {
   MutexLock lock(iLock);
   NewItem item;
   item.isFolder = true;
-  addItem(path, std::move(item));
-  // It is known to be empty, as from a listing.
-  std::erase_if(iFolders, [path](const Folder& folder) { return isAtOrBelowRemotePath(folder.path, path); });
-  const Folder* parent = use(parentOfRemotePath(path));
+  const Folder* parent = addItem(path, std::move(item));
   const std::optional<bool> keepsCase = parent == nullptr ? std::nullopt : parent->keepsCase;
+  // It is known to be empty, as from a listing.
+  dropFoldersFrom(path);
   Folder& folder = add(path);
   folder.isMadeHere = true;
   folder.keepsCase = keepsCase;
@@ -118,11 +129,8 @@ void KnownListings::madeFolder(std::string_view path, double seconds) {
 
 void KnownListings::forget(std::string_view path) {
   MutexLock lock(iLock);
-  std::erase_if(iFolders, [path](const Folder& folder) { return isAtOrBelowRemotePath(folder.path, path); });
-  Folder* parent = use(parentOfRemotePath(path));
-  if (parent == nullptr) return;
-  std::erase_if(parent->items,
-                [name = nameOfRemotePath(path)](const NewItem& item) { return item.name == name; });
+  dropFoldersFrom(path);
+  dropItem(path);
 }
 
 void KnownListings::forgetFolder(std::string_view path) {

@@ -72,7 +72,11 @@ class KnownListings {
   // Null where nothing is known of it, or no longer: then it is listed as a whole.
   Folder* use(std::string_view path) REQUIRES(iLock);
   Folder& add(std::string_view path) REQUIRES(iLock);
-  void addItem(std::string_view path, NewItem item) REQUIRES(iLock);
+  // Both answer the folder that the path lies in; null where nothing is known of that.
+  Folder* addItem(std::string_view path, NewItem item) REQUIRES(iLock);
+  Folder* dropItem(std::string_view path) REQUIRES(iLock);
+  // That folder, and what lies below it.
+  void dropFoldersFrom(std::string_view path) REQUIRES(iLock);
   static bool serves(const Folder& folder);
 
   mutable Mutex iLock;

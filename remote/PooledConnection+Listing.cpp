@@ -101,11 +101,14 @@ bool PooledConnection::contentsAtPath(std::string_view path, uint64_t known, Fol
   if (known != 0 && tellNews(folder, known, contents, &doubtful)) return true;
   *contents = {};
   contents->number = iCore->listings.begin(folder);
-  // Who made something in the folder has it listed for that. An empty file that waits for its content need
-  // not be sent then.
   std::vector<std::string> putOff;
-  if (known != 0) putOff = iCore->newFiles.namesIn(folder);
-  if (known == 0 && !makeFilesAtOrBelow(path, error)) return false;
+  if (known != 0) {
+    // Who made something in the folder has it listed for that. An empty file that waits for its content need
+    // not be sent then.
+    putOff = iCore->newFiles.namesIn(folder);
+  } else if (!makeFilesAtOrBelow(path, error)) {
+    return false;
+  }
   std::optional<double> seconds;
   if (!listNodes(folder, &contents->nodes, &seconds, error)) return false;
   iCore->listings.fetched(folder, contents->number, seconds.value_or(0));
