@@ -95,8 +95,7 @@ std::optional<std::vector<std::string>> OmbraFileSystem::fetchFolder(
 void OmbraFileSystem::settleFlag(KCRemoteFileNode& folder, Merge& merge, bool isWhole) {
   RecursiveMutexLock lock(folder.objectLock());
   // Who wants all to be looked at anew is not content with what was made here.
-  if (isWhole) folder.setExpired(false);
-  folder.setHasNewItems(merge.endFetch());
+  folder.setListed(isWhole, merge.endFetch());
 }
 
 void OmbraFileSystem::invalidateDirectory(std::string_view path) const {

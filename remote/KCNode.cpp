@@ -119,6 +119,12 @@ bool KCNode::hasOnlyNewItems() const {
   return locked_has(kHasNewItems) && !locked_has(kExpired);
 }
 
+void KCNode::setListed(bool isWhole, bool hasNewItems) {
+  SmallMutexLock lock(iFieldLock);
+  if (isWhole) locked_setFlag(kExpired, false);
+  locked_setFlag(kHasNewItems, hasNewItems);
+}
+
 std::any KCNode::userPropertyForKey(std::string_view key) const {
   SmallMutexLock lock(iFieldLock);
   if (iRare == nullptr) return {};

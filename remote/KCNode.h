@@ -61,6 +61,9 @@ class KCNode {
   // Expired as well, but for no other reason than that the program itself has made something in the folder.
   void setHasNewItems(bool hasNewItems);
   bool hasOnlyNewItems() const;
+  // It has been listed: as a whole it is not expired any more, else what it was expired for besides new items
+  // stays. What was made meanwhile is said in the same step, so that nobody sees it up to date in between.
+  void setListed(bool isWhole, bool hasNewItems);
 
   // An empty any when there is none. Keys are string literals with static storage.
   std::any userPropertyForKey(std::string_view key) const;

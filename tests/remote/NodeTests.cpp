@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "remote/KCCredentials.h"
 #include "remote/KCNode.h"
@@ -135,6 +137,35 @@ TEST(Node, ExpiryFlagIsOffUntilSet) {
   EXPECT_FALSE(node.isExpired());
   node.setExpired(true);
   EXPECT_TRUE(node.isExpired());
+}
+
+TEST(Node, AWholeListingEndsTheExpiryAndOneOfNewItemsOnlyTheirs) {
+  KCNode node("/a");
+  node.setExpired(true);
+  node.setHasNewItems(true);
+  EXPECT_FALSE(node.hasOnlyNewItems());
+  node.setListed(false, false);
+  EXPECT_TRUE(node.isExpired());
+  node.setListed(true, true);
+  EXPECT_TRUE(node.hasOnlyNewItems());
+  node.setListed(true, false);
+  EXPECT_FALSE(node.isExpired());
+}
+
+TEST(Node, AListingThatIsOutOfDateAlreadyIsNeverSeenUpToDate) {
+  KCNode node("/a");
+  node.setHasNewItems(true);
+  std::atomic<bool> isDone{false};
+  std::thread listing([&] {
+    for (int times = 0; times < 500000; ++times) node.setListed(true, true);
+    isDone = true;
+  });
+  int upToDate = 0;
+  while (!isDone) {
+    if (!node.isExpired()) ++upToDate;
+  }
+  listing.join();
+  EXPECT_EQ(upToDate, 0);
 }
 
 TEST(Node, KindsTellTheirTypes) {
