@@ -2,7 +2,8 @@
 server with the same data, and prints one table with the ratios. The servers run on loopback, on free ports, with
 everything below one temporary folder. To be run as root.
 
-Exit status: 0 when all targets are met, 1 when one is missed or a work of Ombra failed, 2 when it cannot run.
+Exit status: 0 when no target is missed (one that has nothing to be compared with stays open), 1 when one is missed or a
+work of Ombra failed, 2 when it cannot run.
 """
 import argparse
 import functools
@@ -73,7 +74,8 @@ def settle(parser, options):
     options.protocol = options.protocol or list(PROTOCOLS)
     options.programs = options.programs or list(NAMES)
     small = options.quick or options.smoke
-    options.runs = options.runs or (1 if options.smoke else 3 if options.quick or options.delay else 5)
+    if options.runs is None:
+        options.runs = 1 if options.smoke else 3 if options.quick or options.delay else 5
     options.timeout = options.timeout or (60 if small else 1200 if options.delay else 300)
     options.budget = 280 if options.quick else None
     options.sizes = content.TINY if options.smoke else content.QUICK if options.quick else content.Sizes()
@@ -107,36 +109,41 @@ def new_folder(base):
 
 
 def commit():
-    done = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], capture_output=True, text=True)
+    """What is measured, as far as the build is one of it: asked before, since somebody may go on working meanwhile."""
+    done = subprocess.run(["git", "-C", ROOT, "describe", "--always", "--dirty", "--exclude=*"], capture_output=True,
+                          text=True)
     return done.stdout.strip() or "unknown"
 
 
-def setting(options, runner, runs):
-    return {"date": report.today(), "machine": report.machine(), "commit": commit(), "delay": options.delay,
+def setting(options, runner, runs, measured):
+    return {"date": report.today(), "machine": report.machine(), "commit": measured, "delay": options.delay,
             "runs": "one run" if runs == 1 else f"medians of {runs} runs", "sizes": options.sizes.__dict__,
             "protocols": options.protocol, "servers": {s.protocol: s.title for s in runner.servers},
             "command": shlex.join(["bench/compare", *sys.argv[1:]]),
             "options": {peer.name: peer.options_said for peer in PEERS if peer.name in options.programs}}
 
 
+def ignore_signals():
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, signal.SIG_IGN)
+
+
 def measure(options, folder, caches):
     kinds = {"sftp": Sshd, "webdav": Apache, "s3": CephGateway if options.full else S3rver, "ftp": Vsftpd}
     makers = [functools.partial(Ombra, caches, options.timeout, options.build)] if "ombra" in options.programs else []
     makers += [functools.partial(peer, caches, options.timeout) for peer in PEERS if peer.name in options.programs]
-    runner = Runner(options, folder, caches)
+    runner, measured = Runner(options, folder, caches), commit()
     try:
         runner.start([kinds[name] for name in options.protocol], makers)
         runs = runner.run()
     finally:
-        # Nothing interrupts this: what is mounted would stay.
-        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
-            signal.signal(number, signal.SIG_IGN)
+        ignore_signals()  # what is mounted would stay
         say("cleaning up")
         runner.close()
     # Of tiny data no figure means anything.
     lines = [] if options.smoke else targets.check(runner.results, options.protocol, options.sizes, options.delay,
                                                    options.quick)
-    table = report.Report(runner.results, setting(options, runner, runs), titles(options.sizes), lines)
+    table = report.Report(runner.results, setting(options, runner, runs, measured), titles(options.sizes), lines)
     print(table.text())
     for name in options.programs:
         said = {peer.name: peer.options_said for peer in PEERS}.get(name)
@@ -157,13 +164,16 @@ def main(arguments):
         return subprocess.run([f"{ROOT}/scripts/dependencies", "bench"]).returncode
     for number in (signal.SIGTERM, signal.SIGHUP):
         signal.signal(number, lambda *_: sys.exit(130))
+    # All servers are on this machine: nobody goes to them by way of another one.
+    for name in [name for name in os.environ if name.lower().endswith("_proxy")]:
+        del os.environ[name]
     folders = []
     try:
         folders.append(place(options))
         if options.caches:
             folders.append(new_folder(options.caches))
         return measure(options, folders[0], folders[-1])
-    except Failure as failure:
+    except (Failure, OSError) as failure:
         say(f"bench/compare: {failure}")
         return 2
     except KeyboardInterrupt:

@@ -5,7 +5,7 @@ import subprocess
 import tempfile
 import time
 
-from comparison.processes import Failure, detach, is_mounted, last_line, run, usage
+from comparison.processes import Failure, detach, is_mounted, last_line, run
 from comparison.programs import Peer, end
 
 
@@ -24,7 +24,7 @@ class Rclone(Peer):
                    "file for reading and writing, or do not keep what was read. It sends a file 5 s after it was closed."
 
     def command(self, server, host):
-        return ["rclone", "mount", "--config", self.configure(server, host), "--cache-dir", f"{self.folder}/cache",
+        return ["rclone", "mount", "--config", f"{self.folder}/rclone.conf", "--cache-dir", f"{self.folder}/cache",
                 "--vfs-cache-mode", "full", f"bench:{self.remote(server)}", self.mount_path]
 
     def environment(self):
@@ -36,7 +36,7 @@ class Rclone(Peer):
     def remote(server):
         return {"sftp": server.path, "webdav": "", "s3": getattr(server, "bucket_name", ""), "ftp": "/"}[server.protocol]
 
-    def configure(self, server, host):
+    def prepare(self, server, host):
         hidden = run(["rclone", "obscure", server.password], 30).strip()
         lines = {
             "sftp": lambda: ["type = sftp", f"host = {host}", f"port = {server.port}", f"user = {server.user}",
@@ -52,7 +52,6 @@ class Rclone(Peer):
         with open(path, "w") as f:
             os.chmod(path, 0o600)
             f.write("\n".join(["[bench]", *lines]) + "\n")
-        return path
 
     def unmount(self):
         super().unmount()
@@ -69,14 +68,18 @@ class S3fs(Peer):
     options_said = "-f, use_path_request_style (the server has no name in DNS), and temporary files where all others " \
                    "have theirs"
 
-    def command(self, server, host):
-        secret = f"{self.folder}/passwd"
-        with open(secret, "w") as f:
-            os.chmod(secret, 0o600)
+    def prepare(self, server, host):
+        with open(self.secret(), "w") as f:
+            os.chmod(self.secret(), 0o600)
             f.write(f"{server.user}:{server.password}\n")
         os.makedirs(f"{self.folder}/tmp", exist_ok=True)
+
+    def secret(self):
+        return f"{self.folder}/passwd"
+
+    def command(self, server, host):
         return ["s3fs", server.bucket_name, self.mount_path, "-f", "-o", f"url=http://{host}:{server.port}",
-                "-o", "use_path_request_style", "-o", f"passwd_file={secret}", "-o", f"tmpdir={self.folder}/tmp"]
+                "-o", "use_path_request_style", "-o", f"passwd_file={self.secret()}", "-o", f"tmpdir={self.folder}/tmp"]
 
 
 class Davfs2(Peer):
@@ -89,24 +92,33 @@ class Davfs2(Peer):
             return "not installed (package davfs2)"
         return None if os.geteuid() == 0 else "needs root"
 
-    def mount(self, server, host):
-        """It goes to the background by itself, mounted when the command returns."""
-        self.daemon = None
-        self.mount_path = tempfile.mkdtemp(prefix="mnt-", dir=self.folder)
+    def prepare(self, server, host):
         os.makedirs(f"{self.folder}/cache", exist_ok=True)
         # It keeps its cache as an account of its own.
         for path, mode in ((self.folder, 0o755), (f"{self.folder}/cache", 0o775)):
             os.chmod(path, mode)
         shutil.chown(f"{self.folder}/cache", "root", "davfs2")
-        url = f"http://{host}:{server.port}{server.path}"
-        secrets, conf = f"{self.folder}/secrets", f"{self.folder}/davfs2.conf"
-        for path, text in ((secrets, f'"{url}" {server.user} {server.password}\n'),
-                           (conf, f"secrets {secrets}\ncache_dir {self.folder}/cache\nask_auth 0\n"
+        secrets = f"{self.folder}/secrets"
+        for path, text in ((secrets, f'"{self.url(server, host)}" {server.user} {server.password}\n'),
+                           (self.settings(), f"secrets {secrets}\ncache_dir {self.folder}/cache\nask_auth 0\n"
                                   f"buf_size 64\n")):
             with open(path, "w") as f:
                 os.chmod(path, 0o600)
                 f.write(text)
-        run(["mount.davfs", url, self.mount_path, "-o", f"conf={conf}"], self.timeout, self.environment())
+
+    @staticmethod
+    def url(server, host):
+        return f"http://{host}:{server.port}{server.path}"
+
+    def settings(self):
+        return f"{self.folder}/davfs2.conf"
+
+    def mount(self, server, host):
+        """It goes to the background by itself, mounted when the command returns."""
+        self.daemon = None
+        self.mount_path = tempfile.mkdtemp(prefix="mnt-", dir=self.folder)
+        run(["mount.davfs", self.url(server, host), self.mount_path, "-o", f"conf={self.settings()}"], self.timeout,
+            self.environment())
         if not is_mounted(self.mount_path):
             raise Failure(f"does not mount: {last_line(self.log())}")
         return self.mount_path
@@ -126,9 +138,6 @@ class Davfs2(Peer):
                     raise Failure("its process is gone") from None
                 time.sleep(0.005)
         return self.daemon
-
-    def usage(self):
-        return usage(self.pid())
 
     def unmount(self):
         pid = self.pid()

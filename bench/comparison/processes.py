@@ -161,6 +161,13 @@ def is_mounted(path):
         return f" {path} " in f.read()
 
 
+def mounts_named(name):
+    """The mount points of that name, whatever folder they are in; with a number behind it, too."""
+    with open("/proc/self/mounts") as f:
+        paths = [line.split(" ")[1] for line in f]
+    return [path for path in paths if re.fullmatch(re.escape(name) + r"(-\d+)?", os.path.basename(path))]
+
+
 def detach(path):
     """Takes a mount away whoever holds it; does not ask the program behind it."""
     if is_mounted(path):

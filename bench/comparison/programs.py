@@ -9,7 +9,7 @@ import time
 import urllib.parse
 
 from comparison.processes import (Failure, command_of, detach, end_all_below, is_mounted, kill_group, last_line,
-                                  processes_below, run, start, start_time, stop, usage)
+                                  mounts_named, processes_below, run, start, start_time, stop, usage)
 
 
 class Program:
@@ -26,6 +26,9 @@ class Program:
 
     def missing(self):
         return None if shutil.which(self.name) else f"not installed (package {self.package})"
+
+    def prepare(self, server, host):
+        """Writes what it reads when it mounts. Not timed."""
 
     def usage(self):
         return usage(self.pid())
@@ -53,16 +56,20 @@ class Ombra(Program):
                             "XDG_STATE_HOME": f"{home}/state", "OMBRAFS_TMPDIR": f"{home}/tmp",
                             "USER": os.environ.get("USER", "root")}
         self.known_hosts = f"{home}/.ssh/known_hosts"
+        self.volume = f"ombra-bench-{os.getpid()}"
         self.helper = None
 
     def missing(self):
         return None if os.access(self.command, os.X_OK) else f"{self.command} is not built"
 
+    def prepare(self, server, host):
+        if server.protocol == "sftp":
+            shutil.copy(server.known_hosts, self.known_hosts)
+
     def arguments(self, server, host):
         user = urllib.parse.quote(server.user, safe="")
         place = f"{user}@{host}:{server.port}{urllib.parse.quote(server.path)}"
         if server.protocol == "sftp":
-            shutil.copy(server.known_hosts, self.known_hosts)
             return ["--identity", server.key, f"sftp://{place}"]
         if server.protocol == "webdav":
             return ["--password-file", server.password_file, f"dav://{place}"]
@@ -73,7 +80,7 @@ class Ombra(Program):
 
     def mount(self, server, host):
         self.helper = None
-        text = run([self.command, "mount", "--json", "--accept-new", "--name", f"ombra-bench-{os.getpid()}",
+        text = run([self.command, "mount", "--json", "--accept-new", "--name", self.volume,
                     *self.arguments(server, host)], self.timeout, self.environment)
         self.mount_path = json.loads(text)["mountPath"]
         return self.mount_path
@@ -91,21 +98,19 @@ class Ombra(Program):
         self.mount_path = None
 
     def kill(self):
-        """After a failure: nothing is left of it."""
+        """After a failure: nothing is left of it, nor of the session bus that the command started for this home, nor of
+        a mount whose command did not come to tell the path."""
         end_all_below(self.folder)
-        if self.mount_path:
-            detach(self.mount_path)
+        for path in mounts_named(self.volume):
+            detach(path)
             try:
-                os.rmdir(self.mount_path)
+                os.rmdir(path)
             except OSError:
                 pass
         self.mount_path = None
 
     def close(self):
-        if self.mount_path:
-            self.kill()
-        # The session bus that the command started for this home.
-        end_all_below(self.folder)
+        self.kill()
 
 
 class Peer(Program):

@@ -3,6 +3,7 @@ import json
 import os
 import platform
 import re
+import statistics
 import time
 
 from comparison.content import MIB
@@ -41,10 +42,11 @@ class Report:
         results = self.results
         series = results.get(protocol, row, program)
         if series.failure:
-            return [f"failed: {series.failure}"]
+            before = f"{seconds(series.median())} s, then " if series.values else ""
+            return [f"{before}failed: {series.failure}"]
         best, raw = results.best_peer(protocol, row), "ssh" if protocol == "sftp" else "curl"
         has_raw = results.median(protocol, row, raw) is not None
-        cpu = sorted(series.cpu)[len(series.cpu) // 2] if series.cpu else None
+        cpu = statistics.median(series.cpu) if series.cpu else None
         return [seconds(series.median()), seconds(min(series.values.values())), seconds(max(series.values.values())),
                 times(results.ratio(protocol, row, best, program)) if best else "",
                 times(results.ratio(protocol, row, raw, program)) if has_raw else "",

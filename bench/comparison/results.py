@@ -7,7 +7,8 @@ RAW = ("ssh", "curl")
 
 @dataclass
 class Series:
-    """One program at one row of the table: a value per run that succeeded."""
+    """One program at one row of the table: a value per run that succeeded. After a failure it is not run again; what it did
+    before stands, so that who fails once is not out of the comparison."""
 
     values: dict = field(default_factory=dict)   # run -> seconds
     memory: int = 0                               # bytes, the most of all runs
@@ -16,7 +17,7 @@ class Series:
     failure: str = ""
 
     def median(self):
-        return statistics.median(self.values.values()) if self.values and not self.failure else None
+        return statistics.median(self.values.values()) if self.values else None
 
 
 class Results:
@@ -54,12 +55,15 @@ class Results:
         """Time of the other by that of the program, run by run, so that a machine whose speed drifts does not decide;
         above 1 the program is the faster one."""
         a, b = self.get(protocol, row, other), self.get(protocol, row, program)
-        if not a or not b or a.failure or b.failure:
-            return None
-        pairs = [a.values[run] / max(b.values[run], 1e-9) for run in a.values if run in b.values]
-        return statistics.median(pairs) if pairs else None
+        return quotient(a, b) if a and b else None
 
     def memory(self, protocol, program, rows=None):
         found = [s.memory for (place, row, name), s in self.series.items()
                  if (place, name) == (protocol, program) and s.memory and (rows is None or row in rows)]
         return max(found) if found else None
+
+
+def quotient(a, b):
+    """Of two series, the median of the quotients within the runs that both have."""
+    pairs = [a.values[run] / max(b.values[run], 1e-9) for run in a.values if run in b.values]
+    return statistics.median(pairs) if pairs else None

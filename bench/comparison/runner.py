@@ -6,7 +6,7 @@ from dataclasses import dataclass
 
 from comparison import content
 from comparison.memory import warm
-from comparison.processes import Failure, start, stop, wait_for_port
+from comparison.processes import Failure, run, start, stop, wait_for_port
 from comparison.raw import Raw
 from comparison.results import Results
 from comparison.works import WORKS
@@ -132,30 +132,50 @@ class Runner:
     def one(self, number, site, work, program):
         protocol = site.server.protocol
         self.announce(number, protocol, work, program)
+        if not self.is_ready(site, work):
+            return
         series = {row: self.results.of(protocol, row, program.name) for row in work.rows}
         try:
-            site.server.restarted_if_dead()
-            work.prepare(site)
-            warm(work.memory(site.sizes))
-            site.mount_began = time.monotonic()
-            path = program.mount(site.server, site.host)
-            before, _ = program.usage() if work.name != "mount" else (0, 0)
-            values = work.act(site, path)
-            memory, cpu = program.usage()
+            values, memory, grown, cpu = self.timed(site, work, program)
+            for row, one in series.items():
+                one.values[number] = values[row]
+                one.cpu.append(cpu)
+                if memory > one.memory:
+                    one.memory, one.grown = memory, grown
+            say("      " + "  ".join(f"{row} {values[row]:.3f} s" for row in work.rows))
             program.unmount()
-        except (Failure, OSError, ValueError, KeyError) as failure:
+        except (Failure, OSError, ValueError, LookupError) as failure:
             text = (str(failure) or type(failure).__name__) + program.last_words()
             program.kill()
             for row in series.values():
                 row.failure = text
             say(f"      FAILED: {text}")
-            return
-        for row, one in series.items():
-            one.values[number] = values[row]
-            one.cpu.append(cpu)
-            if memory > one.memory:
-                one.memory, one.grown = memory, memory - before
-        say("      " + "  ".join(f"{row} {values[row]:.3f} s" for row in work.rows))
+
+    def is_ready(self, site, work):
+        """False when it is the server that fails, which no program is to be blamed for."""
+        try:
+            site.server.check_alive()
+            work.prepare(site)
+            return True
+        except (Failure, OSError) as failure:
+            self.results.missing[(site.server.protocol, "the server")] = str(failure)
+            say(f"      {failure}")
+            return False
+
+    @staticmethod
+    def timed(site, work, program):
+        """Seconds by row, peak memory and what the work added to it in bytes, seconds of processor time."""
+        program.prepare(site.server, site.host)
+        site.mount_began = time.monotonic()
+        path = program.mount(site.server, site.host)
+        before = 0
+        if work.name != "mount":  # that one goes on
+            run(["stat", path], site.timeout)  # some are mounted before they have logged in
+            before, _ = program.usage()
+            warm(work.memory(site.sizes))
+        values = work.act(site, path)
+        memory, cpu = program.usage()
+        return values, memory, memory - before, cpu
 
     def one_raw(self, number, site, work, raw, step):
         self.announce(number, site.server.protocol, work, raw)
@@ -163,10 +183,11 @@ class Runner:
         try:
             if work.name == "write":
                 work.prepare(site)
-            warm(work.memory(site.sizes))
-            series.values[number] = step()[work.rows[0]]
+            with raw.logged_in():
+                warm(work.memory(site.sizes))
+                series.values[number] = step()[work.rows[0]]
             say(f"      {series.values[number]:.3f} s")
-        except (Failure, OSError) as failure:
+        except (Failure, OSError, ValueError) as failure:
             series.failure = str(failure)
             say(f"      FAILED: {failure}")
 

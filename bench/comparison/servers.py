@@ -3,7 +3,7 @@ import os
 import pwd
 import shutil
 
-from comparison.processes import Failure, free_port, run, start, stop, wait_for_port
+from comparison.processes import Failure, free_port, last_line, run, start, stop, wait_for_port
 from comparison.s3 import Bucket
 from comparison.stores import FolderStore, S3rverStore
 
@@ -47,9 +47,9 @@ class Server:
     def stop(self):
         stop(self.process)
 
-    def restarted_if_dead(self):
+    def check_alive(self):
         if self.process is not None and self.process.poll() is not None:
-            raise Failure("the server is gone")
+            raise Failure(f"the server is gone: {last_line(self.log)}")
 
 
 class Sshd(Server):

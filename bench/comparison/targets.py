@@ -2,6 +2,7 @@
 from dataclasses import dataclass
 
 from comparison.content import MIB
+from comparison.results import quotient
 
 BEST, RAW = "best peer", "raw wire"
 
@@ -90,12 +91,16 @@ def absolute_lines(results, protocol, sizes, delay, small):
             lines.append((protocol, label, f"{figure(value, limit)} {unit}", f"≤ {limit:g} {unit}", value <= limit,
                           amount(value, limit)))
 
-    again, cold, warm = (results.median(protocol, row, "ombra") for row in ("reread", "find-cold", "find-warm"))
-    if again:
-        rate = sizes.big * MIB / again / 1e9
+    again, cold, warm = (results.get(protocol, row, "ombra") for row in ("reread", "find-cold", "find-warm"))
+    if again and again.failure:
+        lines.append((protocol, "reread: rate", None, "≥ 1 GB/s", False, "failed"))
+    elif again:
+        rate = sizes.big * MIB / again.median() / 1e9
         lines.append((protocol, "reread: rate", f"{figure(rate, 1)} GB/s", "≥ 1 GB/s", rate >= 1, amount(rate, 1)))
-    if cold and warm:
-        at_most("find: warm by cold", warm / cold, 0.2, "×")
+    if cold and cold.failure:
+        lines.append((protocol, "find: warm by cold", None, "≤ 0.2 ×", False, "failed"))
+    elif cold:
+        at_most("find: warm by cold", quotient(warm, cold), 0.2, "×")
     if protocol == "sftp":
         for row in ("read", "write"):
             memory = results.memory(protocol, "ombra", [row])

@@ -115,13 +115,21 @@ def listed(folder, sizes):
     start = now()
     text = subprocess.run(["ls", "-l", f"{folder}/listed"], stdout=subprocess.PIPE, check=True).stdout
     end = now()
-    expect(text.count(b"\n") - 1 == sizes.listed, f"{text.count(bytes([10])) - 1} files are listed")
+    lines = [line.split() for line in text.splitlines()[1:]]
+    expect([line[-1] for line in lines] == [b"file%05d" % number for number in range(sizes.listed)],
+           f"{len(lines)} files are listed, or others")
+    expect({line[4] for line in lines} == {b"%d" % content.ENTRY}, "a file has another size")
     return {"list": end - start}
 
 
 def parallel(folder, sizes):
-    problems = []
-    gate = threading.Barrier(sizes.readers + 1)
+    problems, start = [], 0.0
+
+    def begin():
+        nonlocal start
+        start = now()
+
+    gate = threading.Barrier(sizes.readers, begin)
 
     def one(index):
         gate.wait()
@@ -134,8 +142,6 @@ def parallel(folder, sizes):
     threads = [threading.Thread(target=one, args=(index,)) for index in range(sizes.readers)]
     for thread in threads:
         thread.start()
-    gate.wait()
-    start = now()
     for thread in threads:
         thread.join()
     end = now()

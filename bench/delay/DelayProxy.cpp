@@ -197,8 +197,8 @@ void DelayProxy::drop(Link& link) {
   }
 }
 
-void DelayProxy::earliest(const Link& link, Clock::time_point now, Clock::time_point& next) {
-  if (link.server < 0) next = std::min(next, link.established);
+void DelayProxy::earliest(const Link& link, Clock::time_point now, Clock::time_point& next) const {
+  if (link.server < 0) next = std::min(next, link.established + iRoundTrip / 2);
   for (const Direction* direction : {&link.up, &link.down}) {
     if (!direction->chunks.empty()) {
       // What is due already waits for room, of which the poll tells.

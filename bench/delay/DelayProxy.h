@@ -64,7 +64,7 @@ class DelayProxy {
   void change(int descriptor, uint32_t& known, uint32_t wanted);
   void drop(Link& link);
   bool dispatch(const epoll_event& event, int untilEndOf);
-  static void earliest(const Link& link, Clock::time_point now, Clock::time_point& next);
+  void earliest(const Link& link, Clock::time_point now, Clock::time_point& next) const;
 
   const Clock::duration iRoundTrip;
   const std::string iListenAddress, iConnectAddress;

@@ -17,7 +17,7 @@ import sys
 import tempfile
 import time
 
-from comparison.main import ROOT, commit
+from comparison.main import ROOT, commit, ignore_signals
 from comparison.processes import Failure, detach, end_all_below, kill_group, last_line, run, start
 from comparison.programs import Ombra
 from comparison.report import machine, today
@@ -108,13 +108,13 @@ def start_workers(volume, folder, seconds):
     return workers
 
 
-def watch(volume, workers, seconds):
-    """Looks at the helper while the workers work; theirs is the end."""
-    options, taken = volume.options, []
+def watch(volume, workers, seconds, taken):
+    """Looks at the helper while the workers work, and adds what it sees to `taken`; theirs is the end."""
+    options = volume.options
     pid, began, told = volume.program.pid(), time.monotonic(), 0
     while any(process.poll() is None for process, _ in workers):
         time.sleep(options.every)
-        if any(process.returncode for process, _ in workers):
+        if any([process.poll() for process, _ in workers]):  # of all, also of those behind one that still works
             break
         # What warming up takes longer than the first is no part of the time.
         if time.monotonic() - began > seconds + 300:
@@ -125,7 +125,6 @@ def watch(volume, workers, seconds):
             now = taken[-1]
             say(f"{(told - began) / 60:5.1f} min  memory {now['memory'] // tree.MIB} MiB, {now['descriptors']} descriptors, "
                 f"{now['threads']} threads, cache {now['cache'] // tree.MIB} MiB")
-    return taken
 
 
 def results(workers):
@@ -164,18 +163,22 @@ def save(path, text):
 
 def soak(options, folder):
     seconds = options.minutes * 60
-    workers, volume, built = [], Volume(folder, options), commit()
+    workers, volume, built, taken = [], Volume(folder, options), commit(), []
     try:
         volume.start()
-        say("reading the tree once")
-        volume.read_once()
-        say(f"working for {options.minutes:g} minutes")
-        workers = start_workers(volume, folder, seconds)
-        taken = watch(volume, workers, seconds)
-        done, wrong = results(workers)
-        if not wrong:
-            volume.program.unmount()
+        try:
+            say("reading the tree once")
+            volume.read_once()
+            say(f"working for {options.minutes:g} minutes")
+            workers = start_workers(volume, folder, seconds)
+            watch(volume, workers, seconds, taken)
+            done, wrong = results(workers)
+            if not wrong:
+                volume.program.unmount()
+        except (Failure, OSError) as failure:  # of what is tried, now that all else is there
+            wrong = [str(failure)]
     finally:
+        ignore_signals()  # what is mounted would stay
         for process, _ in workers:
             if process.poll() is None:
                 kill_group(process)
@@ -186,7 +189,7 @@ def soak(options, folder):
         return 1
     text = f"{described(options, done, taken, built)}\n\n{samples.table(taken)}"
     print(text)
-    os.makedirs(os.path.dirname(options.json), exist_ok=True)
+    os.makedirs(os.path.dirname(os.path.abspath(options.json)), exist_ok=True)
     with open(options.json, "w") as f:
         json.dump({"done": done, "every": options.every, "samples": taken}, f)
     if options.markdown:
