@@ -110,9 +110,11 @@ def new_folder(base):
 
 def commit():
     """What is measured, as far as the build is one of it: asked before, since somebody may go on working meanwhile."""
-    done = subprocess.run(["git", "-C", ROOT, "describe", "--always", "--dirty", "--exclude=*"], capture_output=True,
-                          text=True)
-    return done.stdout.strip() or "unknown"
+    head = subprocess.run(["git", "-C", ROOT, "rev-parse", "--short", "HEAD"], capture_output=True, text=True)
+    if head.returncode:
+        return "unknown"
+    changed = subprocess.run(["git", "-C", ROOT, "diff", "--quiet", "HEAD", "--", ".", ":!docs"]).returncode
+    return head.stdout.strip() + ("-dirty" if changed else "")
 
 
 def setting(options, runner, runs, measured):
